@@ -1,0 +1,233 @@
+// SORecord over one segment record buffer.
+
+#include <crrecord/SORecord.h>
+
+#include "SOmarshall/layout.h"
+#include "SOmarshall/validate.h"
+
+#include <cstdlib>
+
+namespace {
+
+using crrecord::Order;
+namespace segment = crrecord::segment;
+
+constexpr char kSource[] = "SORecord/SORecord.cpp";
+
+// Converts one field either way between the record's order and the host's.
+template <class T>
+T InOrder(T value, bool networkOrder) noexcept {
+    return networkOrder ? crrecord::Turned(value) : value;
+}
+
+[[noreturn]] void Refuse() {
+    throw Cr_ErrnoException(CR_STATUS_INVALID);
+}
+
+void _CheckFree(_SegmentDBRecord*& record) noexcept {
+    if (record) {
+        std::free(record);
+        record = nullptr;
+    }
+}
+
+// Keeps the first error's message for the exception that FromBuffer throws.
+bool KeepFirstError(cr_finding_t const* finding, void* context) {
+    if (finding->severity == CR_FINDING_ERROR) {
+        *static_cast<Cr_ErrnoException*>(context) =
+            Cr_ErrnoException(CR_STATUS_CORRUPT_RECORD, finding->message, nullptr);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+SORecord::SORecord(Blank) : record_(nullptr), ownsBuffer_(true), networkOrder_(false) {
+    record_ = static_cast<_SegmentDBRecord*>(std::calloc(1, CR_SO_RECORD_SIZE));
+    if (!record_) {
+        ErrorA(CR_STATUS_NO_MEMORY, "%s: memory allocation of %u bytes failed!", "SORecord", CR_SO_RECORD_SIZE);
+        throw Cr_ErrnoException(CR_STATUS_NO_MEMORY, zebLogLastMessageA(), nullptr);
+    }
+}
+
+SORecord::SORecord(unsigned short flags, unsigned int dcid, unsigned int size, unsigned int crc, char const* key,
+                   unsigned char cryptoMode, unsigned char fpType)
+    : SORecord(Blank{}) {
+    // The object is complete since the blank construction, so its destructor frees the buffer when a check throws.
+    record_->type = CR_SO_RECORD_TYPE;
+    SetFlags(flags);
+    SetDCID(dcid);
+    SetSize(size);
+    SetCRC(crc);
+    SetKey(key);
+    SetCryptoMode(cryptoMode);
+    SetFPType(fpType);
+    record_->recsize = static_cast<unsigned int>(segment::RecordSize(record_->ntaskids, record_->nfp, record_->fptype));
+}
+
+SORecord::~SORecord() {
+    if (ownsBuffer_) {
+        _CheckFree(record_);
+    }
+}
+
+std::unique_ptr<SORecord> SORecord::FromBuffer(void const* buffer, unsigned long size, unsigned int options) {
+    if (!buffer || options != 0) {
+        Refuse();
+    }
+    bool const readable = size >= CR_SO_FIXED_SIZE;
+    bool const networkOrder =
+        readable && segment::OrderOf(static_cast<_SegmentDBRecord const*>(buffer)) == Order::Network;
+    Cr_ErrnoException failure(CR_STATUS_CORRUPT_RECORD);
+    if (SegmentRecordDiagnose(buffer, size, networkOrder ? CR_SO_NETWORK_ORDER : 0, KeepFirstError, &failure) !=
+        CR_STATUS_OK) {
+        throw failure;
+    }
+    if (size != CR_SO_RECORD_SIZE) {
+        std::stringstream message;
+        message << "Invalid SO record: size " << size << ", expected " << +CR_SO_RECORD_SIZE;
+        throw Cr_ErrnoException(CR_STATUS_CORRUPT_RECORD, message, nullptr);
+    }
+    std::unique_ptr<SORecord> record(new SORecord(Blank{}));
+    std::memcpy(record->record_, buffer, CR_SO_RECORD_SIZE);
+    record->networkOrder_ = networkOrder;
+    record->NetworkToHost(0);
+    return record;
+}
+
+unsigned short SORecord::GetFlags() const {
+    return InOrder(record_->flags, networkOrder_);
+}
+
+void SORecord::SetFlags(unsigned short flags) {
+    if (!segment::FlagsAreValid(flags)) {
+        Refuse();
+    }
+    record_->flags = InOrder(flags, networkOrder_);
+}
+
+unsigned long SORecord::GetDCID() const {
+    return RecordInContainer(GetFileID()) ? GetPathID() : 0;
+}
+
+void SORecord::SetDCID(unsigned long dcid) {
+    if (!segment::DcidIsValid(dcid)) {
+        Refuse();
+    }
+    record_->pathid = InOrder(dcid, networkOrder_);
+    record_->fileid = 0;
+}
+
+unsigned long SORecord::GetPathID() const {
+    return InOrder(record_->pathid, networkOrder_);
+}
+
+unsigned long SORecord::GetFileID() const {
+    return InOrder(record_->fileid, networkOrder_);
+}
+
+unsigned long SORecord::GetSize() const {
+    return InOrder(record_->size, networkOrder_);
+}
+
+void SORecord::SetSize(unsigned long size) {
+    record_->size = InOrder(size, networkOrder_);
+}
+
+unsigned int SORecord::GetCRC() const {
+    return InOrder(record_->CRC, networkOrder_);
+}
+
+void SORecord::SetCRC(unsigned int crc) {
+    record_->CRC = InOrder(crc, networkOrder_);
+}
+
+unsigned int SORecord::GetCheckTime() const {
+    return InOrder(record_->checktime, networkOrder_);
+}
+
+void SORecord::SetCheckTime(unsigned int seconds) {
+    record_->checktime = InOrder(seconds, networkOrder_);
+}
+
+unsigned char SORecord::GetFPType() const {
+    return record_->fptype;
+}
+
+void SORecord::SetFPType(unsigned char fpType) {
+    if (!CRFPTypeIsValid(fpType)) {
+        Refuse();
+    }
+    record_->fptype = fpType;
+}
+
+unsigned char SORecord::GetCryptoMode() const {
+    return record_->cryptomode;
+}
+
+void SORecord::SetCryptoMode(unsigned char cryptoMode) {
+    record_->cryptomode = cryptoMode;
+}
+
+unsigned short SORecord::GetKeyIndex() const {
+    return record_->keyindex;
+}
+
+void SORecord::SetKeyIndex(unsigned short keyIndex) {
+    record_->keyindex = keyIndex;
+}
+
+char const* SORecord::GetKey() const {
+    return reinterpret_cast<char const*>(record_->key);
+}
+
+void SORecord::SetKey(char const* key) {
+    if (!key) {
+        Refuse();
+    }
+    // A move, because the key may be the one that GetKey gave. The test can't fail; callers know its place in the log.
+    void const* const copied = std::memmove(record_->key, key, CR_SO_KEY_SIZE);
+    if (!copied) {
+        throw Cr_ErrnoException(_crMapError("SetKey", kSource, 221));
+    }
+}
+
+_SegmentDBRecord* SORecord::GetHeader() const {
+    return record_;
+}
+
+unsigned int SORecord::GetHeaderSize() const {
+    return CR_SO_RECORD_SIZE;
+}
+
+bool SORecord::IsInNetworkOrder() const {
+    return networkOrder_;
+}
+
+// The counts of a record of 104 bytes are 0. Others, written through GetHeader, would lead the conversion astray.
+void SORecord::requireOwnCounts() const {
+    if (record_->ntaskids != 0 || record_->nfp != 0) {
+        Refuse();
+    }
+}
+
+void SORecord::HostToNetwork(unsigned int options) {
+    if (!networkOrder_) {
+        requireOwnCounts();
+        networkOrder_ = true;
+        SegmentRecordHton(record_, record_, options);
+    }
+}
+
+void SORecord::NetworkToHost(unsigned int options) {
+    if (networkOrder_) {
+        requireOwnCounts();
+        networkOrder_ = false;
+        SegmentRecordNtoh(record_, record_, options);
+    }
+}
+
+bool SORecord::operator==(SORecord const& other) const {
+    return record_ == other.record_ || std::memcmp(record_, other.record_, CR_SO_RECORD_SIZE) == 0;
+}

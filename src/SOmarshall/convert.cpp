@@ -1,0 +1,64 @@
+// Segment records between host and network order.
+
+#include "SOmarshall/layout.h"
+
+namespace crrecord::segment {
+
+namespace {
+
+void TurnTaskIds(unsigned char* to, unsigned char const* from, std::uint32_t count) noexcept {
+    for (std::uint64_t i = 0; i < count; ++i) {
+        Turn<std::uint64_t>(to + i * kTaskIdSize, from + i * kTaskIdSize);
+    }
+}
+
+void copyDO(_SegmentDBRecord* destination, _SegmentDBRecord const* source, std::uint32_t destinationTaskIds,
+            std::uint32_t sourceTaskIds, std::uint32_t nfp) noexcept {
+    unsigned char* const to = BytesOf(destination) + FingerprintOffset(destinationTaskIds);
+    unsigned char const* const from = BytesOf(source) + FingerprintOffset(sourceTaskIds);
+    if (to != from) {
+        std::memmove(to, from, std::uint64_t{CRFPDigestSize(source->fptype)} * nfp);
+    }
+}
+
+void ConvertFields(unsigned char* to, unsigned char const* from) noexcept {
+    ForEachIndex<kFields>([=]<std::size_t I> {
+        constexpr Field field = kFields[I];
+        if constexpr (field.handling == Handling::Kept) {
+            if (to != from) {
+                std::memcpy(to + field.offset, from + field.offset, field.width);
+            }
+        } else if constexpr (field.handling != Handling::Left) {
+            TurnBytes<field.width>(to + field.offset, from + field.offset);
+        }
+    });
+}
+
+void Convert(_SegmentDBRecord* destination, _SegmentDBRecord const* source, unsigned int options,
+             Order sourceOrder) noexcept {
+    std::uint32_t const taskIds = Load<std::uint32_t>(&source->ntaskids, sourceOrder);
+    std::uint32_t const nfp = Load<std::uint32_t>(&source->nfp, sourceOrder);
+    bool const strip = (options & CR_SO_STRIP_TASKIDS) != 0;
+
+    ConvertFields(BytesOf(destination), BytesOf(source));
+    if (strip) {
+        auto const size = static_cast<std::uint32_t>(RecordSize(0, nfp, source->fptype));
+        Store(&destination->ntaskids, std::uint32_t{0});
+        Store(&destination->recsize, size, Other(sourceOrder));
+    } else {
+        TurnTaskIds(BytesOf(destination) + CR_SO_FIXED_SIZE, BytesOf(source) + CR_SO_FIXED_SIZE, taskIds);
+    }
+    copyDO(destination, source, strip ? 0 : taskIds, taskIds, nfp);
+}
+
+} // namespace
+
+} // namespace crrecord::segment
+
+void SegmentRecordHton(_SegmentDBRecord* destination, _SegmentDBRecord const* source, unsigned int options) noexcept {
+    crrecord::segment::Convert(destination, source, options, crrecord::Order::Host);
+}
+
+void SegmentRecordNtoh(_SegmentDBRecord* destination, _SegmentDBRecord const* source, unsigned int options) noexcept {
+    crrecord::segment::Convert(destination, source, options, crrecord::Order::Network);
+}

@@ -1,0 +1,139 @@
+// The log, the trace and this thread's last message.
+
+#include <crrecord/status.h>
+
+#include "status/trace.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+#include <unistd.h>
+
+namespace crrecord {
+
+int traceSwitch = 0;
+
+namespace {
+
+constexpr std::size_t kMessageSize = Cr_ErrnoException::kMaxText + 1;
+constexpr char kCutMark[] = "...";
+
+struct Sink {
+    cr_log_sink_t write;
+    void* context;
+};
+
+thread_local char lastMessage[kMessageSize];
+
+// Guards the pair, so that no line meets one sink with another's context; held for the copy only.
+std::mutex sinkMutex;
+Sink sink{nullptr, nullptr};
+
+// Logging takes place in the middle of failures that are read from errno afterwards.
+class ErrnoKeeper {
+public:
+    ErrnoKeeper() noexcept : error_(errno) {}
+    ~ErrnoKeeper() { errno = error_; }
+    ErrnoKeeper(ErrnoKeeper const&) = delete;
+    ErrnoKeeper& operator=(ErrnoKeeper const&) = delete;
+
+private:
+    int error_;
+};
+
+void Format(char (&message)[kMessageSize], char const* format, va_list arguments) noexcept {
+    int const length = std::vsnprintf(message, sizeof message, format, arguments);
+    if (length < 0) {
+        std::snprintf(message, sizeof message, "%s", format);
+    } else if (static_cast<std::size_t>(length) >= sizeof message) {
+        std::memcpy(message + sizeof message - sizeof kCutMark, kCutMark, sizeof kCutMark);
+    }
+}
+
+// One write, so that the kernel keeps the lines of several threads apart.
+void WriteToStandardError(cr_log_level_t level, cr_status_t status, char const* message) noexcept {
+    static constexpr char const* kLevels[] = {"trace", "warning", "error"};
+    char line[kMessageSize + 64];
+    int const prefix = level == CR_LOG_TRACE ? std::snprintf(line, sizeof line, "crrecord: trace: ")
+                                             : std::snprintf(line, sizeof line, "crrecord: %s %d: ", kLevels[level],
+                                                             static_cast<int>(status));
+    std::size_t length = static_cast<std::size_t>(prefix);
+    for (char const* at = message; *at != '\0'; ++at) {
+        unsigned char const byte = static_cast<unsigned char>(*at);
+        line[length++] = byte < 0x20 || byte == 0x7f ? '?' : *at;
+    }
+    line[length++] = '\n';
+    // There is nowhere left to report that standard error is closed.
+    [[maybe_unused]] ssize_t const written = ::write(STDERR_FILENO, line, length);
+}
+
+void Emit(cr_log_level_t level, cr_status_t status, char const* message) noexcept {
+    Sink current;
+    {
+        std::lock_guard const lock(sinkMutex);
+        current = sink;
+    }
+    if (current.write) {
+        current.write(level, status, message, current.context);
+    } else {
+        WriteToStandardError(level, status, message);
+    }
+}
+
+// The message is complete before the last message changes, because it may be made from it.
+void Log(cr_log_level_t level, cr_status_t status, char const* format, va_list arguments) noexcept {
+    ErrnoKeeper const keeper;
+    char message[kMessageSize];
+    Format(message, format, arguments);
+    std::strcpy(lastMessage, message);
+    Emit(level, status, message);
+    // A sink that logs itself leaves its own message behind; the caller reads back the one that it logged.
+    std::strcpy(lastMessage, message);
+}
+
+} // namespace
+
+} // namespace crrecord
+
+void CRLogSetSink(cr_log_sink_t write, void* context) noexcept {
+    std::lock_guard const lock(crrecord::sinkMutex);
+    crrecord::sink = {write, context};
+}
+
+void ErrorA(cr_status_t status, char const* format, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, format);
+    crrecord::Log(CR_LOG_ERROR, status, format, arguments);
+    va_end(arguments);
+}
+
+void WarningA(cr_status_t status, char const* format, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, format);
+    crrecord::Log(CR_LOG_WARNING, status, format, arguments);
+    va_end(arguments);
+}
+
+char const* zebLogLastMessageA() noexcept {
+    return crrecord::lastMessage;
+}
+
+void __TraceA(char const* format, ...) noexcept {
+    crrecord::ErrnoKeeper const keeper;
+    char message[crrecord::kMessageSize];
+    va_list arguments;
+    va_start(arguments, format);
+    crrecord::Format(message, format, arguments);
+    va_end(arguments);
+    crrecord::Emit(CR_LOG_TRACE, CR_STATUS_OK, message);
+}
+
+int* __zeblog_trace_location() noexcept {
+    return &crrecord::traceSwitch;
+}
+
+void CRLogSetTrace(int on) noexcept {
+    std::atomic_ref<int>(crrecord::traceSwitch).store(on, std::memory_order_relaxed);
+}

@@ -1,0 +1,23 @@
+// What the serializers of all records share: the output block, and the report of one that could not be had.
+
+#pragma once
+
+#include <crrecord/status.h>
+
+#include <cstdint>
+
+namespace crrecord {
+
+// Where an output block is asked for, as the log and the trace name it.
+struct SerializerSite {
+    char const* record; // "SO" or "DO"
+    char const* function;
+    char const* source;
+    int line;
+};
+
+// Sets *out to `size` zeroed bytes from calloc. Where they are not to be had, or are more than `limit`: *out is null,
+// the failure is logged, and its status returned.
+cr_status_t AllocateOutput(SerializerSite const& site, std::uint64_t size, std::uint64_t limit, void** out) noexcept;
+
+} // namespace crrecord
