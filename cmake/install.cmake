@@ -1,1 +1,39 @@
+# What is installed, and how others find it: CMake's package crrecord and pkg-config's crrecord.pc. Everything finds
+# its other parts from where it lies itself, so the installed tree may be moved.
 
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/crrecord)
+set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+install(TARGETS crrecord EXPORT crrecord-targets)
+install(DIRECTORY include/crrecord DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
+if(TARGET crrecord_tool)
+    file(RELATIVE_PATH bindir_to_libdir ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+    set_target_properties(crrecord_tool PROPERTIES INSTALL_RPATH "$ORIGIN/${bindir_to_libdir}")
+    install(TARGETS crrecord_tool)
+endif()
+
+# Whoever links a static library brings what that needs; a shared one brings it itself.
+get_target_property(library_type crrecord TYPE)
+if(library_type STREQUAL "STATIC_LIBRARY")
+    set(package_dependencies "find_dependency(OpenSSL ${CRRECORD_OPENSSL_VERSION} COMPONENTS Crypto)")
+    set(pkgconfig_dependencies "libcrypto >= ${CRRECORD_OPENSSL_VERSION}")
+endif()
+
+install(EXPORT crrecord-targets NAMESPACE crrecord:: DESTINATION ${package_dir})
+configure_package_config_file(cmake/crrecord-config.cmake.in crrecord-config.cmake
+    INSTALL_DESTINATION ${package_dir} NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(crrecord-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${CMAKE_CURRENT_BINARY_DIR}/crrecord-config.cmake
+    ${CMAKE_CURRENT_BINARY_DIR}/crrecord-config-version.cmake
+    DESTINATION ${package_dir})
+
+set(pkgconfig_full_dir ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH pkgconfig_to_prefix ${pkgconfig_full_dir} ${CMAKE_INSTALL_PREFIX})
+file(RELATIVE_PATH pkgconfig_to_libdir ${pkgconfig_full_dir} ${CMAKE_INSTALL_FULL_LIBDIR})
+file(RELATIVE_PATH pkgconfig_to_includedir ${pkgconfig_full_dir} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+configure_file(cmake/crrecord.pc.in crrecord.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/crrecord.pc DESTINATION ${pkgconfig_dir})
