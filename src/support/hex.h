@@ -45,14 +45,14 @@ inline bool Decode4(char const* text, unsigned char* bytes) noexcept {
 }
 
 inline void Encode16(unsigned char const* bytes, char* text) noexcept {
-    for (int i = 0; i < 4; ++i) {
+    for (std::size_t i = 0; i < 4; ++i) {
         Encode4(bytes + 4 * i, text + 8 * i);
     }
 }
 
 inline bool Decode16(char const* text, unsigned char* bytes) noexcept {
     bool good = true;
-    for (int i = 0; i < 4; ++i) {
+    for (std::size_t i = 0; i < 4; ++i) {
         good &= Decode4(text + 8 * i, bytes + 4 * i);
     }
     return good;
