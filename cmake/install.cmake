@@ -10,8 +10,6 @@ install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 if(TARGET crrecord_tool)
-    file(RELATIVE_PATH bindir_to_libdir ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-    set_target_properties(crrecord_tool PROPERTIES INSTALL_RPATH "$ORIGIN/${bindir_to_libdir}")
     install(TARGETS crrecord_tool)
 endif()
 
