@@ -7,7 +7,7 @@
 // All integers are big-endian.
 
 #include "SOmarshall/layout.h"
-#include "support/exchange.h"
+#include "support/output_block.h"
 #include "support/hex.h"
 
 #include <limits>

@@ -1,4 +1,4 @@
-#include "support/exchange.h"
+#include "support/output_block.h"
 
 #include <cerrno>
 #include <cstdlib>
