@@ -1,0 +1,51 @@
+// Cutting a file's content into segments, and placing them in containers.
+
+#pragma once
+
+#include "input.h"
+
+#include <crrecord/fingerprint.h>
+
+#include <cstdint>
+#include <functional>
+#include <limits>
+
+#include <CLI/CLI.hpp>
+
+namespace crrecord::tool {
+
+struct CutOptions {
+    static constexpr unsigned int kLeastContainer = 64; // those below are reserved
+    static constexpr unsigned int kMost32 = std::numeric_limits<std::uint32_t>::max();
+
+    std::uint64_t segmentSize = 128UL * 1024;
+    std::uint64_t containerSize = 64UL * 1024 * 1024;
+    unsigned int fptype = CR_FP_TYPE_SHA256;
+    unsigned int firstContainer = kLeastContainer;
+};
+
+void AddCutOptions(CLI::App& verb, CutOptions& options);
+
+struct CutSegment {
+    std::uint64_t size = 0;
+    std::uint32_t crc = 0; // CRC-32, as of gzip
+    unsigned int container = 0;
+    crfp_digest_t fingerprint{};
+};
+
+// What was cut in all.
+struct CutTotals {
+    std::uint64_t bytes = 0;
+    std::uint64_t segments = 0;
+    unsigned int firstContainer = 0;
+    unsigned int lastContainer = 0;
+
+    std::uint64_t Containers() const { return std::uint64_t{lastContainer} - firstContainer + 1; }
+};
+
+// Reads all of `input` once, in little memory whatever the segments' size, with its progress on the terminal, and gives
+// each segment in turn to `use`. Containers are filled one behind the other. Throws Failure where the input is empty,
+// where a segment is larger than a container, and where container ids run past 32 bits.
+CutTotals Cut(Input& input, CutOptions const& options, std::function<void(CutSegment const&)> const& use);
+
+} // namespace crrecord::tool

@@ -1,0 +1,82 @@
+#include "findings.h"
+
+#include <crrecord/SOmarshall.h>
+#include <crrecord/finding.h>
+
+#include <fmt/compile.h>
+#include <nlohmann/json.hpp>
+
+namespace crrecord::tool {
+
+namespace {
+
+template <Extent extent>
+bool Keep(cr_finding_t const* finding, void* context) {
+    auto& findings = *static_cast<std::vector<Finding>*>(context);
+    bool const isError = finding->severity == CR_FINDING_ERROR;
+    if (extent == Extent::Everything || isError) {
+        findings.push_back({finding->code, finding->severity, finding->offset, finding->found, finding->expected,
+                            finding->field, finding->message});
+    }
+    return extent == Extent::Everything || !isError;
+}
+
+char const* NameOf(int severity) noexcept {
+    return severity == CR_FINDING_ERROR ? "error" : "note";
+}
+
+char const* RemarkOn(Record const& record) noexcept {
+    if (record.endsTooEarly) {
+        return record.size == 0 ? " (the input is empty)" : " (the input ends within this record)";
+    }
+    return record.kind == Kind::Unknown ? " (no record of a known kind: the rest of the input is not read)" : "";
+}
+
+} // namespace
+
+bool Diagnose(Record const& record, Extent extent, std::vector<Finding>& findings) {
+    findings.clear();
+    // Of something unknown the first error says that; what its bytes would mean in a segment record is no news.
+    bool const everything = extent == Extent::Everything && record.kind != Kind::Unknown;
+    bool const network = record.order == Order::Network;
+    return SegmentRecordDiagnose(record.bytes, record.size, network ? CR_SO_NETWORK_ORDER : 0,
+                                 everything ? Keep<Extent::Everything> : Keep<Extent::FirstError>,
+                                 &findings) == CR_STATUS_OK;
+}
+
+std::string Describe(std::string_view file, Record const& record, Finding const& finding) {
+    return fmt::format("{}: record {} at byte {}: {} {} in {} at byte {}: found {}, expected {}: {}{}", file,
+                       record.number, record.offset, NameOf(finding.severity), CRFindingName(finding.code),
+                       finding.field, record.offset + finding.offset, finding.found, finding.expected, finding.message,
+                       RemarkOn(record));
+}
+
+void AppendJsonStart(fmt::memory_buffer& to, std::string_view quotedFile, Record const& record, bool valid) {
+    std::string_view const order = record.kind == Kind::Unknown     ? "null"
+                                   : record.order == Order::Network ? "\"network\""
+                                                                    : "\"host\"";
+    fmt::format_to(std::back_inserter(to),
+                   FMT_COMPILE(R"({{"file":{},"record":{},"offset":"{}","kind":"{}","order":{},"valid":{})"),
+                   quotedFile, record.number, record.offset, NameOf(record.kind), order, valid);
+}
+
+void AppendJsonFindings(fmt::memory_buffer& to, std::vector<Finding> const& findings) {
+    to.append(std::string_view(",\"findings\":["));
+    char const* separator = "";
+    for (Finding const& finding : findings) {
+        fmt::format_to(
+            std::back_inserter(to),
+            FMT_COMPILE(
+                R"({}{{"code":{},"name":"{}","severity":"{}","offset":"{}","found":"{}","expected":"{}","field":{},"message":{}}})"),
+            separator, finding.code, CRFindingName(finding.code), NameOf(finding.severity), finding.offset,
+            finding.found, finding.expected, JsonQuoted(finding.field), JsonQuoted(finding.message));
+        separator = ",";
+    }
+    to.push_back(']');
+}
+
+std::string JsonQuoted(std::string_view text) {
+    return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+} // namespace crrecord::tool

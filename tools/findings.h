@@ -1,0 +1,44 @@
+// What the library's validators say of a record, for people and for programs.
+
+#pragma once
+
+#include "record_stream.h"
+
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+
+namespace crrecord::tool {
+
+// A finding kept beyond its callback.
+struct Finding {
+    int code;
+    int severity;
+    std::uint64_t offset; // in the record
+    std::uint64_t found;
+    std::uint64_t expected;
+    std::string field;
+    std::string message;
+};
+
+enum class Extent { Everything, FirstError };
+
+// Whether the record, whose bytes are still as they were found, may be used. `findings` gets what was found, and
+// nothing else.
+bool Diagnose(Record const& record, Extent extent, std::vector<Finding>& findings);
+
+// One line without its end: where, what, and why the rest of the input is not read where that is so.
+std::string Describe(std::string_view file, Record const& record, Finding const& finding);
+
+// The members with which the JSON object of every record begins, the object left open. `quotedFile` is from
+// JsonQuoted.
+void AppendJsonStart(fmt::memory_buffer& to, std::string_view quotedFile, Record const& record, bool valid);
+
+// The member "findings", with its comma.
+void AppendJsonFindings(fmt::memory_buffer& to, std::vector<Finding> const& findings);
+
+// A JSON string, quotes included. What is not UTF-8 becomes U+FFFD.
+std::string JsonQuoted(std::string_view text);
+
+} // namespace crrecord::tool

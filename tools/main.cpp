@@ -1,0 +1,91 @@
+// The crrecord command.
+
+#include "verbs.h"
+
+#include <crrecord/status.h>
+
+#include <new>
+#include <sstream>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace crrecord::tool {
+
+namespace {
+
+constexpr char kExitCodes[] = "Exit status: 0 all well; 1 a record is bad; 2 the command could not do its work.";
+
+// Where a standard file is closed, the next file that is opened would take its number and records would land there.
+// These are opened the wrong way round, so that using them fails.
+void OccupyStandardFiles() {
+    for (int const file : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(file, F_GETFD) == -1) {
+            [[maybe_unused]] int const opened = ::open("/dev/null", file == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+        }
+    }
+}
+
+// The verb as it was typed, as far as it was understood: "crrecord segments build".
+std::string Chosen(CLI::App const& app) {
+    auto const verbs = app.get_subcommands();
+    return app.get_name() + (verbs.empty() ? "" : " " + Chosen(*verbs.front()));
+}
+
+// Help and version are no errors for the user, though they are for the parser.
+ExitCode EndParsing(CLI::App& app, CLI::ParseError const& error, Output& out) {
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+        std::ostringstream text;
+        app.exit(error, text, text);
+        out.Write(text.view());
+        out.Flush();
+        return ExitCode::AllWell;
+    }
+    // What was not understood says more than that a verb is missing.
+    std::vector<std::string> const unknown = app.remaining();
+    bool const misspelt = app.get_subcommands().empty() && !unknown.empty();
+    throw Failure((misspelt ? "no such verb or option: " + unknown.front() : error.what()) + " (try: " + Chosen(app) +
+                  " --help)");
+}
+
+ExitCode Run(int argc, char** argv) {
+    Output out(STDOUT_FILENO, "standard output");
+    Action chosen;
+    CLI::App app("Builds, shows, validates and converts the records of a deduplicating content store.", "crrecord");
+    app.set_version_flag("--version", "crrecord " CRRECORD_VERSION);
+    app.require_subcommand(1);
+    app.footer(kExitCodes);
+    AddSegments(app, chosen);
+    AddShow(app, chosen);
+    AddValidate(app, chosen);
+    AddConvert(app, chosen);
+    try {
+        app.parse(argc, argv);
+    } catch (CLI::ParseError const& error) {
+        return EndParsing(app, error, out);
+    }
+    ExitCode const result = chosen(out);
+    out.Flush();
+    return result;
+}
+
+} // namespace
+
+} // namespace crrecord::tool
+
+int main(int argc, char** argv) {
+    using namespace crrecord::tool;
+    ExitCode result = ExitCode::CouldNotWork;
+    try {
+        OccupyStandardFiles();
+        result = Run(argc, argv);
+    } catch (Cr_ErrnoException const& error) {
+        char const* const text = error.what();
+        Complain(*text != '\0' ? text : CRStatusToStringA(error.GetStatus()));
+    } catch (std::bad_alloc const&) {
+        Complain("not enough memory");
+    } catch (std::exception const& error) {
+        Complain(error.what());
+    }
+    return static_cast<int>(result);
+}

@@ -1,0 +1,77 @@
+// Where results go: buffered output whose every error is seen, and files that are replaced whole or not at all.
+
+#pragma once
+
+#include <iterator>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace crrecord::tool {
+
+// Collects output for a file descriptor, which stays the caller's. What is not flushed is lost: the destructor could
+// not report that writing failed.
+class Output {
+public:
+    Output(int file, std::string name) : file_(file), name_(std::move(name)) {}
+    Output(Output const&) = delete;
+    Output& operator=(Output const&) = delete;
+
+    void Write(std::string_view bytes) {
+        buffer_.append(bytes);
+        FlushWhenFull();
+    }
+
+    template <class... Values>
+    void Print(fmt::format_string<Values...> format, Values&&... values) {
+        fmt::format_to(std::back_inserter(buffer_), format, std::forward<Values>(values)...);
+        FlushWhenFull();
+    }
+
+    // For text that is put together in place; FlushWhenFull afterwards.
+    fmt::memory_buffer& Buffer() { return buffer_; }
+
+    void FlushWhenFull() {
+        if (buffer_.size() >= kFull) {
+            Flush();
+        }
+    }
+
+    // Throws Failure where not everything could be written.
+    void Flush();
+
+private:
+    static constexpr std::size_t kFull = 256UL * 1024;
+
+    int file_;
+    std::string name_;
+    fmt::memory_buffer buffer_;
+};
+
+// The output file of a verb. Its bytes go to a temporary file beside it, which takes its place only when it is complete
+// and on disk: an error, a full disk or a signal leaves whatever was there before. "-", and what is no regular file
+// (a device, a pipe), is written directly. One at a time.
+class OutputFile {
+public:
+    explicit OutputFile(std::string path);
+    ~OutputFile();
+    OutputFile(OutputFile const&) = delete;
+    OutputFile& operator=(OutputFile const&) = delete;
+
+    void Write(void const* bytes, std::size_t size) { output_.Write({static_cast<char const*>(bytes), size}); }
+    // Everything is written: puts the file in its place.
+    void Commit();
+
+private:
+    std::string path_;      // as the user named it
+    std::string target_;    // with symbolic links resolved
+    std::string temporary_; // empty where the file is written directly
+    int file_;
+    Output output_;
+
+    int Open();
+};
+
+} // namespace crrecord::tool

@@ -1,0 +1,70 @@
+// Records that stand one behind the other in a file or in standard input.
+
+#pragma once
+
+#include "input.h"
+#include "support/byteorder.h"
+
+#include <cstdlib>
+#include <memory>
+
+namespace crrecord::tool {
+
+enum class Kind { Segment, Unknown };
+
+struct SizeClaims;
+
+// One record as it was found. The bytes are the stream's, may be changed in place, and last until the next record is
+// asked for.
+struct Record {
+    std::uint64_t number; // from 1
+    std::uint64_t offset; // in its input
+    Kind kind;
+    Order order;        // as it was found; means nothing for an unknown kind
+    bool endsTooEarly;  // the input ends within the record
+    std::uint64_t size; // bytes that are there
+    unsigned char* bytes;
+};
+
+char const* NameOf(Kind kind) noexcept;
+char const* NameOf(Order order) noexcept;
+
+// Finds the records' borders and order; whether a record is any good is for its validator. A record ends where its size
+// and its counts say. Where they disagree the record is bad, but those behind it need not be lost: it ends at the
+// nearer of both ends if another record begins there or the input ends there, and otherwise at the farther one. A
+// record of unknown kind, or one that is cut short, is the last. An input without a byte has one record of no bytes.
+//
+// Memory: one record, and never more than twice the bytes that were really read beyond a first block, whatever a record
+// claims.
+class RecordStream {
+public:
+    explicit RecordStream(std::string name) : input_(std::move(name)) {}
+
+    std::string const& Name() const { return input_.Name(); }
+
+    // The next record, or null behind the last. Throws InputFailure.
+    Record* Next();
+
+private:
+    struct Free {
+        void operator()(unsigned char* bytes) const { std::free(bytes); }
+    };
+
+    // Reads until `need` bytes of the current record are there or the input ends; says how many are.
+    std::uint64_t Fill(std::uint64_t need);
+    void MakeRoom(std::uint64_t need);
+    void Frame();
+    std::uint64_t ChooseSize(SizeClaims claims);
+    bool IsBorder(std::uint64_t position);
+
+    Input input_;
+    std::unique_ptr<unsigned char, Free> buffer_;
+    std::uint64_t capacity_ = 0;
+    std::uint64_t begin_ = 0; // of the current record in the buffer
+    std::uint64_t end_ = 0;   // of what was read into the buffer
+    bool inputEnded_ = false;
+    bool last_ = false;
+    Record record_{};
+};
+
+} // namespace crrecord::tool

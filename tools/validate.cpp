@@ -1,0 +1,92 @@
+// crrecord validate: what is wrong, and what is odd, with each record.
+
+#include "findings.h"
+#include "verbs.h"
+
+#include <crrecord/finding.h>
+
+namespace crrecord::tool {
+
+namespace {
+
+struct ValidateOptions {
+    std::vector<std::string> files{"-"};
+    bool firstOnly = false;
+    bool json = false;
+    bool quiet = false;
+};
+
+struct Tally {
+    std::uint64_t records = 0;
+    std::uint64_t bad = 0;
+    std::uint64_t notes = 0;
+    std::uint64_t bytes = 0;
+};
+
+void PrintSummary(Output& out, std::string const& name, Tally const& tally) {
+    out.Print("{}: {}, {}: ", Printable(name), Counted(tally.records, "record"), Counted(tally.bytes, "byte"));
+    if (tally.bad == 0) {
+        out.Write("all valid");
+    } else {
+        out.Print("{} bad, {} valid", tally.bad, tally.records - tally.bad);
+    }
+    if (tally.notes != 0) {
+        out.Print(", {}", Counted(tally.notes, "note"));
+    }
+    out.Write("\n");
+}
+
+ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Output& out) {
+    Extent const extent = options.firstOnly ? Extent::FirstError : Extent::Everything;
+    std::string const quotedName = JsonQuoted(stream.Name());
+    std::vector<Finding> findings;
+    Tally tally;
+    while (Record const* const record = stream.Next()) {
+        bool const valid = Diagnose(*record, extent, findings);
+        ++tally.records;
+        tally.bad += valid ? 0 : 1;
+        tally.notes += valid ? findings.size() : 0;
+        tally.bytes += record->size;
+        if (options.quiet) {
+            continue;
+        }
+        if (options.json) {
+            AppendJsonStart(out.Buffer(), quotedName, *record, valid);
+            AppendJsonFindings(out.Buffer(), findings);
+            out.Write("}\n");
+            continue;
+        }
+        for (Finding const& finding : findings) {
+            out.Print("{}\n", Printable(Describe(stream.Name(), *record, finding)));
+        }
+    }
+    if (!options.json && !options.quiet) {
+        PrintSummary(out, stream.Name(), tally);
+    }
+    return tally.bad == 0 ? ExitCode::AllWell : ExitCode::BadRecord;
+}
+
+} // namespace
+
+void AddValidate(CLI::App& app, Action& chosen) {
+    auto const options = std::make_shared<ValidateOptions>();
+    CLI::App* const verb = app.add_subcommand("validate", "Say what is wrong, and what is odd, with each record");
+    verb->add_option("FILE", options->files, "Files of records, one behind the other; - is standard input")
+        ->type_name("");
+    verb->add_flag("--first", options->firstOnly, "Only the first error of each record, and no notes");
+    auto* const json = verb->add_flag("--json", options->json, "One JSON object a line for each record");
+    verb->add_flag("--quiet", options->quiet, "No output: the exit status says it")->excludes(json);
+    verb->footer(
+        "An error says that a record may not be used; a note that it is usable, but not what the library would\n"
+        "have written. Each line gives the file, the record and where it begins, the finding's name, the field\n"
+        "and where it is, the value found and the value expected.\n\n"
+        "Example:\n  crrecord validate movie.seg");
+    verb->callback([options, &chosen] {
+        chosen = [options](Output& out) {
+            return ForEachInput(options->files,
+                                [&](RecordStream& stream) { return ValidateInput(stream, *options, out); });
+        };
+    });
+}
+
+} // namespace crrecord::tool

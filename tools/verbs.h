@@ -1,0 +1,57 @@
+// The verbs of the command.
+
+#pragma once
+
+#include "failure.h"
+#include "output.h"
+#include "record_stream.h"
+
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <unistd.h>
+
+namespace crrecord::tool {
+
+// What a chosen verb does; its output is standard output.
+using Action = std::function<ExitCode(Output&)>;
+
+// Each adds its verb to `app`. The verb that the command line names sets `chosen`.
+void AddSegments(CLI::App& app, Action& chosen);
+void AddShow(CLI::App& app, Action& chosen);
+void AddValidate(CLI::App& app, Action& chosen);
+void AddConvert(CLI::App& app, Action& chosen);
+
+// The closing line of a verb that wrote the file `path`. Where that was standard output the line would get between the
+// records, so that it goes to standard error, and only when it was asked for.
+inline void PrintClosing(Output& out, std::string const& path, bool asked, std::string const& line) {
+    if (path != "-") {
+        out.Print("{}\n", line);
+    } else if (asked) {
+        Output error(STDERR_FILENO, "standard error");
+        error.Print("{}\n", line);
+        error.Flush();
+    }
+}
+
+// Calls visit(RecordStream&) for each input and returns the greatest exit code. An input that cannot be read is told
+// and the others are still visited.
+template <class Visit>
+ExitCode ForEachInput(std::vector<std::string> const& names, Visit visit) {
+    ExitCode result = ExitCode::AllWell;
+    for (std::string const& name : names) {
+        try {
+            RecordStream stream(name);
+            result = std::max(result, visit(stream));
+        } catch (InputFailure const& failure) {
+            Complain(failure.what());
+            result = ExitCode::CouldNotWork;
+        }
+    }
+    return result;
+}
+
+} // namespace crrecord::tool
