@@ -1,0 +1,58 @@
+// The inside of a typed reference, for the library's own eyes.
+
+#pragma once
+
+#include <crrecord/status.h>
+#include <crrecord/tref.h>
+
+#include "support/byteorder.h"
+
+#include <limits>
+
+struct _cr_tref_t {
+    unsigned long id;
+    cr_reftype_t kind;
+};
+
+namespace crrecord {
+
+inline constexpr int kReferenceKinds = CR_REFTYPE_END;
+inline constexpr unsigned long kReferenceHeadSize = 2; // kind and length of the id
+
+constexpr bool ReferenceKindIsValid(int kind) noexcept {
+    return kind >= 0 && kind < kReferenceKinds;
+}
+
+constexpr unsigned long ReferenceIdSize(int kind) noexcept {
+    return kind == CR_REFTYPE_DSID ? 4 : 8;
+}
+
+constexpr unsigned long ReferenceSize(int kind) noexcept {
+    return kReferenceHeadSize + ReferenceIdSize(kind);
+}
+
+constexpr bool ReferenceIdIsValid(int kind, unsigned long id) noexcept {
+    return kind != CR_REFTYPE_DSID || id <= std::numeric_limits<std::uint32_t>::max();
+}
+
+constexpr int CompareReferences(_cr_tref_t const& a, _cr_tref_t const& b) noexcept {
+    if (a.kind != b.kind) {
+        return a.kind < b.kind ? -1 : 1;
+    }
+    return a.id == b.id ? 0 : a.id < b.id ? -1 : 1;
+}
+
+// Decodes the reference at the front of `available` bytes. The bytes that it took, or 0 where they are not one.
+inline unsigned long DecodeReference(unsigned char const* bytes, unsigned long available,
+                                     _cr_tref_t& reference) noexcept {
+    if (available < kReferenceHeadSize || !ReferenceKindIsValid(bytes[0]) || bytes[1] != ReferenceIdSize(bytes[0]) ||
+        available < ReferenceSize(bytes[0])) {
+        return 0;
+    }
+    unsigned char const* const id = bytes + kReferenceHeadSize;
+    reference.kind = static_cast<cr_reftype_t>(bytes[0]);
+    reference.id = bytes[1] == 4 ? Load<std::uint32_t>(id, Order::Network) : Load<std::uint64_t>(id, Order::Network);
+    return ReferenceSize(bytes[0]);
+}
+
+} // namespace crrecord
