@@ -9,6 +9,7 @@
 
 namespace {
 
+using crrecord::FirstError;
 using crrecord::Order;
 namespace segment = crrecord::segment;
 
@@ -29,16 +30,6 @@ void _CheckFree(_SegmentDBRecord*& record) noexcept {
         std::free(record);
         record = nullptr;
     }
-}
-
-// Keeps the first error's message for the exception that FromBuffer throws.
-bool KeepFirstError(cr_finding_t const* finding, void* context) {
-    if (finding->severity == CR_FINDING_ERROR) {
-        *static_cast<Cr_ErrnoException*>(context) =
-            Cr_ErrnoException(CR_STATUS_CORRUPT_RECORD, finding->message, nullptr);
-        return false;
-    }
-    return true;
 }
 
 } // namespace
@@ -79,10 +70,10 @@ std::unique_ptr<SORecord> SORecord::FromBuffer(void const* buffer, unsigned long
     bool const readable = size >= CR_SO_FIXED_SIZE;
     bool const networkOrder =
         readable && segment::OrderOf(static_cast<_SegmentDBRecord const*>(buffer)) == Order::Network;
-    Cr_ErrnoException failure(CR_STATUS_CORRUPT_RECORD);
-    if (SegmentRecordDiagnose(buffer, size, networkOrder ? CR_SO_NETWORK_ORDER : 0, KeepFirstError, &failure) !=
+    FirstError error;
+    if (SegmentRecordDiagnose(buffer, size, networkOrder ? CR_SO_NETWORK_ORDER : 0, FirstError::Listen, &error) !=
         CR_STATUS_OK) {
-        throw failure;
+        error.Throw();
     }
     if (size != CR_SO_RECORD_SIZE) {
         std::stringstream message;

@@ -28,6 +28,9 @@ public:
     bool Error(Finding const& finding, char const* format, ...) noexcept __attribute__((format(printf, 3, 4)));
     bool Note(Finding const& finding, char const* format, ...) noexcept __attribute__((format(printf, 3, 4)));
 
+    // False where a note would reach nobody.
+    bool WantsNotes() const noexcept { return callback_ != nullptr; }
+
     cr_status_t Status() const noexcept { return failed_ ? CR_STATUS_CORRUPT_RECORD : CR_STATUS_OK; }
 
 private:
@@ -36,6 +39,17 @@ private:
     cr_finding_callback_t callback_;
     void* context_;
     bool failed_ = false;
+};
+
+// Keeps the first error for an exception: the listener of those who throw what a walk found.
+class FirstError {
+public:
+    static bool Listen(cr_finding_t const* finding, void* firstError);
+
+    [[noreturn]] void Throw() const { throw exception_; }
+
+private:
+    Cr_ErrnoException exception_{CR_STATUS_CORRUPT_RECORD};
 };
 
 // The listener that turns a walk into a validator: one trace line for the first error, and the end of the walk. Give

@@ -1,0 +1,173 @@
+// The DORecordHeader functions: the layout for callers who have a bare buffer, and the order of the bytes in it.
+
+#include "support/record_layout.h"
+
+#include <array>
+
+namespace crrecord {
+
+namespace {
+
+struct TurnedField {
+    unsigned short offset;
+    unsigned short width;
+};
+
+#define CRRECORD_FIELD(member)                                                                                         \
+    TurnedField {                                                                                                      \
+        offsetof(DORecordHeader, member), sizeof(DORecordHeader::member)                                               \
+    }
+
+// The header fields that turn with the byte order: all but the legacy counts, which never do, and single bytes.
+constexpr std::array kTurnedFields{
+    CRRECORD_FIELD(type),      CRRECORD_FIELD(flags), CRRECORD_FIELD(recsize), CRRECORD_FIELD(checktime),
+    CRRECORD_FIELD(CID),       CRRECORD_FIELD(size),  CRRECORD_FIELD(ssize),   CRRECORD_FIELD(CRC),
+    CRRECORD_FIELD(ctime),     CRRECORD_FIELD(mtime), CRRECORD_FIELD(nfp),     CRRECORD_FIELD(nudcid),
+    CRRECORD_FIELD(trefssize), CRRECORD_FIELD(bsize),
+};
+
+#undef CRRECORD_FIELD
+
+void TurnInPlace32(unsigned char* bytes) noexcept {
+    Turn<std::uint32_t>(bytes, bytes);
+}
+
+void TurnSegments(unsigned char* bytes, RecordLayout const& layout, unsigned int dotype) noexcept {
+    unsigned int const offsetWidth = SegmentOffsetWidth(dotype);
+    if (!HasSegmentSize(dotype)) {
+        return;
+    }
+    unsigned char* entry = bytes + layout.entries;
+    unsigned char* const end = bytes + layout.dcids;
+    for (; entry != end; entry += layout.stride) {
+        TurnInPlace32(entry + layout.fingerprint);
+        if (offsetWidth == 8) {
+            Turn<std::uint64_t>(entry + layout.offset, entry + layout.offset);
+        } else if (offsetWidth == 4) {
+            TurnInPlace32(entry + layout.offset);
+        }
+    }
+}
+
+// One routine for both directions: it finds the counts in the order in which they stand before it turns them.
+void TurnRecord(DORecordHeader* header) noexcept {
+    RecordCounts const counts = CountsOf(header, OrderOf(header));
+    RecordLayout const layout(counts);
+    unsigned char* const bytes = BytesOf(header);
+    TurnHeaderFields(header);
+    TurnSegments(bytes, layout, counts.dotype);
+    if (counts.nudcid != 0) {
+        TurnInPlace32(bytes + layout.udcids + kUniqueCountOffset);
+    }
+    if (counts.dotype == CR_DO_TYPE_BLOOM_FILTER) {
+        TurnInPlace32(bytes + layout.entries);
+    }
+}
+
+// The functions take a const header and give addresses to write to, as strchr does.
+unsigned char* At(DORecordHeader const* header, std::uint64_t offset) noexcept {
+    return const_cast<unsigned char*>(BytesOf(header)) + offset;
+}
+
+} // namespace
+
+void TurnHeaderFields(DORecordHeader* header) noexcept {
+    unsigned char* const bytes = BytesOf(header);
+    ForEachIndex<kTurnedFields>([=]<std::size_t I> {
+        constexpr TurnedField field = kTurnedFields[I];
+        TurnBytes<field.width>(bytes + field.offset, bytes + field.offset);
+    });
+}
+
+} // namespace crrecord
+
+using namespace crrecord;
+
+int CRDOTypeIsValid(unsigned int dotype) noexcept {
+    return dotype <= CR_DO_TYPE_4_BYTE_OFFSET;
+}
+
+unsigned long DORecordHeaderSizeRaw(unsigned int ntaskid, unsigned int n, unsigned int nudcid, unsigned int nds,
+                                    unsigned char dotype, unsigned char fptype, unsigned int trefssize) noexcept {
+    return RecordLayout({.ntaskid = ntaskid,
+                         .nfp = n,
+                         .nudcid = nudcid,
+                         .nds = nds,
+                         .trefssize = trefssize,
+                         .bsize = n,
+                         .fptype = fptype,
+                         .dotype = dotype})
+        .total;
+}
+
+unsigned long DORecordHeaderSizeWithBloom(unsigned int ntaskid, unsigned int bsize, unsigned int nudcid,
+                                          unsigned int nds, unsigned char, unsigned int trefssize) noexcept {
+    return DORecordHeaderSizeRaw(ntaskid, bsize, nudcid, nds, CR_DO_TYPE_BLOOM_FILTER, 0, trefssize);
+}
+
+unsigned char* DORecordHeaderIndexOfSegment(DORecordHeader const* header, unsigned int i) noexcept {
+    return At(header, LayoutOf(header).Entry(i));
+}
+
+unsigned char* DORecordHeaderIndexOfSegmentSize(DORecordHeader const* header, unsigned int i) noexcept {
+    RecordLayout const layout = LayoutOf(header);
+    return At(header, layout.Entry(i) + layout.fingerprint);
+}
+
+unsigned char* DORecordHeaderIndexOfSegmentOffset(DORecordHeader const* header, unsigned int i) noexcept {
+    RecordLayout const layout = LayoutOf(header);
+    return At(header, layout.Entry(i) + layout.offset);
+}
+
+unsigned char* DORecordHeaderIndexOfSegmentObjectOffset(DORecordHeader const* header, unsigned int i) noexcept {
+    return DORecordHeaderIndexOfSegmentOffset(header, i);
+}
+
+unsigned char* DORecordHeaderIndexOfDCID(DORecordHeader const* header, unsigned int i) noexcept {
+    return At(header, LayoutOf(header).Dcid(i));
+}
+
+unsigned char* DORecordHeaderStartUDCID(DORecordHeader const* header) noexcept {
+    return At(header, LayoutOf(header).udcids);
+}
+
+unsigned char* DORecordHeaderIndexOfUDCID(DORecordHeader const* header, unsigned int i) noexcept {
+    return At(header, LayoutOf(header).UniqueEntry(i));
+}
+
+unsigned char* DORecordHeaderIndexOfTaskId(DORecordHeader const* header, unsigned int i) noexcept {
+    return At(header, LayoutOf(header).taskIds + std::uint64_t{kLegacyTaskIdSize} * i);
+}
+
+unsigned char* DORecordHeaderIndexOfDataSelection(DORecordHeader const* header, unsigned int i) noexcept {
+    return At(header, LayoutOf(header).dsids + std::uint64_t{kLegacyDsidSize} * i);
+}
+
+unsigned char* DORecordHeaderStartTRefs(DORecordHeader const* header) noexcept {
+    return At(header, LayoutOf(header).trefs);
+}
+
+unsigned char* DORecordHeaderStartBFBitmap(DORecordHeader const* header) noexcept {
+    return At(header, LayoutOf(header).entries);
+}
+
+unsigned char* DORecordHeaderGetBloomStart(DORecordHeader const* header) noexcept {
+    return DORecordHeaderStartBFBitmap(header);
+}
+
+unsigned char* DORecordHeaderGetBloom(DORecordHeader const* header) noexcept {
+    bool const bitmap = header->dotype == CR_DO_TYPE_BLOOM_FILTER && header->bsize != 0;
+    return bitmap ? DORecordHeaderGetBloomStart(header) + kBloomLengthSize : nullptr;
+}
+
+unsigned long DORecordHeaderGetPOID(DORecordHeader const* header) noexcept {
+    return OrderOf(header) == Order::Host ? header->CID : Turned(header->CID);
+}
+
+void DORecordHeaderHton(DORecordHeader* header) noexcept {
+    TurnRecord(header);
+}
+
+void DORecordHeaderNtoh(DORecordHeader* header) noexcept {
+    TurnRecord(header);
+}
