@@ -13,11 +13,16 @@ if(TARGET crrecord_tool)
     install(TARGETS crrecord_tool)
 endif()
 
-# Whoever links a static library brings what that needs; a shared one brings it itself.
+# The public headers include Boost's. Whoever links a static library brings what that needs as well; a shared one brings
+# it itself.
+set(package_dependencies "find_dependency(Boost ${CRRECORD_BOOST_VERSION})")
 get_target_property(library_type crrecord TYPE)
 if(library_type STREQUAL "STATIC_LIBRARY")
-    set(package_dependencies "find_dependency(OpenSSL ${CRRECORD_OPENSSL_VERSION} COMPONENTS Crypto)")
-    set(pkgconfig_dependencies "libcrypto >= ${CRRECORD_OPENSSL_VERSION}")
+    string(APPEND package_dependencies "
+find_dependency(OpenSSL ${CRRECORD_OPENSSL_VERSION} COMPONENTS Crypto)
+find_dependency(PkgConfig)
+pkg_check_modules(libdeflate REQUIRED IMPORTED_TARGET libdeflate)")
+    set(pkgconfig_dependencies "libcrypto >= ${CRRECORD_OPENSSL_VERSION}, libdeflate")
 endif()
 
 install(EXPORT crrecord-targets NAMESPACE crrecord:: DESTINATION ${package_dir})

@@ -7,8 +7,8 @@
 // All integers are big-endian.
 
 #include "SOmarshall/layout.h"
-#include "support/output_block.h"
 #include "support/hex.h"
+#include "support/output_block.h"
 
 #include <limits>
 

@@ -1,0 +1,75 @@
+// The range through which the elements of a record are read, one after the other or by index.
+
+#pragma once
+
+#include <cstddef>
+#include <iterator>
+
+// A view of `source.count` elements, each made by `source.Read(i)` when it is asked for; usable in a range-for and with
+// the standard algorithms. Valid until the record changes, grows or goes. Its iterators may outlive the range itself.
+template <class Source>
+class cr_record_range {
+public:
+    using value_type = typename Source::value_type;
+
+    class iterator {
+    public:
+        using iterator_category = std::input_iterator_tag; // since it yields values; otherwise random access
+        using value_type = typename Source::value_type;
+        using difference_type = std::ptrdiff_t;
+        using pointer = void;
+        using reference = value_type;
+
+        iterator() noexcept : source_{}, index_(0) {}
+        iterator(Source const& source, unsigned int index) noexcept : source_(source), index_(index) {}
+
+        value_type operator*() const noexcept { return source_.Read(index_); }
+        value_type operator[](difference_type n) const noexcept { return *(*this + n); }
+        iterator& operator++() noexcept { return *this += 1; }
+        iterator operator++(int) noexcept {
+            iterator const before = *this;
+            ++*this;
+            return before;
+        }
+        iterator& operator--() noexcept { return *this -= 1; }
+        iterator operator--(int) noexcept {
+            iterator const before = *this;
+            --*this;
+            return before;
+        }
+        iterator& operator+=(difference_type n) noexcept {
+            index_ = static_cast<unsigned int>(index_ + n);
+            return *this;
+        }
+        iterator& operator-=(difference_type n) noexcept { return *this += -n; }
+        friend iterator operator+(iterator i, difference_type n) noexcept { return i += n; }
+        friend iterator operator+(difference_type n, iterator i) noexcept { return i += n; }
+        friend iterator operator-(iterator i, difference_type n) noexcept { return i -= n; }
+        friend difference_type operator-(iterator const& a, iterator const& b) noexcept {
+            return difference_type{a.index_} - difference_type{b.index_};
+        }
+        friend bool operator==(iterator const& a, iterator const& b) noexcept { return a.index_ == b.index_; }
+        friend bool operator!=(iterator const& a, iterator const& b) noexcept { return a.index_ != b.index_; }
+        friend bool operator<(iterator const& a, iterator const& b) noexcept { return a.index_ < b.index_; }
+        friend bool operator>(iterator const& a, iterator const& b) noexcept { return b < a; }
+        friend bool operator<=(iterator const& a, iterator const& b) noexcept { return !(b < a); }
+        friend bool operator>=(iterator const& a, iterator const& b) noexcept { return !(a < b); }
+
+    private:
+        Source source_;
+        unsigned int index_;
+    };
+    using const_iterator = iterator;
+
+    explicit cr_record_range(Source const& source) noexcept : source_(source) {}
+
+    iterator begin() const noexcept { return {source_, 0}; }
+    iterator end() const noexcept { return {source_, source_.count}; }
+    unsigned int size() const noexcept { return source_.count; }
+    bool empty() const noexcept { return source_.count == 0; }
+    // `i` below size().
+    value_type operator[](unsigned int i) const noexcept { return source_.Read(i); }
+
+private:
+    Source source_;
+};

@@ -1,0 +1,170 @@
+// Header fields.
+
+#include "DORecord/record.h"
+
+#include <ctime>
+
+using namespace crrecord;
+
+namespace {
+
+constexpr unsigned int kKnownFlags = 0x0006;
+
+// True for flags that may be set; logs the others.
+bool CheckFlags(unsigned int flags) noexcept {
+    bool const known = (flags & ~kKnownFlags) == 0;
+    if (!known) {
+        ErrorA(CR_STATUS_INVALID, "Setting DORecord flags to invalid value %x", flags);
+    }
+    return known;
+}
+
+} // namespace
+
+unsigned short DORecord::GetFlags() const {
+    return InOrder(header->flags, networkOrder);
+}
+
+unsigned int DORecord::GetHeaderSize() const {
+    return getRecSize();
+}
+
+unsigned int DORecord::GetCheckTime() const {
+    return InOrder(header->checktime, networkOrder);
+}
+
+unsigned long DORecord::GetDCID() const {
+    return InOrder(header->CID, networkOrder);
+}
+
+unsigned long DORecord::GetSize() const {
+    return InOrder(header->size, networkOrder);
+}
+
+unsigned long DORecord::GetSsize() const {
+    return InOrder(header->ssize, networkOrder);
+}
+
+unsigned int DORecord::GetCrc() const {
+    return InOrder(header->CRC, networkOrder);
+}
+
+unsigned int DORecord::GetCTime() const {
+    return InOrder(header->ctime, networkOrder);
+}
+
+unsigned int DORecord::GetMTime() const {
+    return InOrder(header->mtime, networkOrder);
+}
+
+unsigned int DORecord::GetNfp() const {
+    return InOrder(header->nfp, networkOrder);
+}
+
+unsigned int DORecord::GetNudcid() const {
+    return InOrder(header->nudcid, networkOrder);
+}
+
+unsigned int DORecord::GetBSize() const {
+    return InOrder(header->bsize, networkOrder);
+}
+
+unsigned char DORecord::GetFPType() const {
+    return header->fptype;
+}
+
+unsigned char DORecord::GetDOType() const {
+    return header->dotype;
+}
+
+// By the count as it is stored, in 32 bits: callers in network order see what stands there.
+unsigned int DORecord::GetUDCIDSize() const {
+    return static_cast<unsigned int>(UniqueListSize(header->nudcid));
+}
+
+unsigned long DORecord::GetDOSize() const {
+    return std::uint64_t{getRecSize()} - CR_DO_RECORD_SIZE;
+}
+
+bool DORecord::IsInNetworkOrder() const {
+    return networkOrder;
+}
+
+bool DORecord::IsSubDO() const {
+    return subDO;
+}
+
+void DORecord::SetSubDO(bool value) {
+    subDO = value;
+}
+
+unsigned long DORecord::GetPOID() const {
+    return DORecordHeaderGetPOID(header);
+}
+
+unsigned char const* DORecord::GetBloom() const {
+    return DORecordHeaderGetBloom(header);
+}
+
+unsigned char const* DORecord::GetBloomStart() const {
+    return DORecordHeaderGetBloomStart(header);
+}
+
+void DORecord::handleUpdate() {
+    header->mtime = InOrder(static_cast<unsigned int>(std::time(nullptr)), networkOrder);
+}
+
+void DORecord::setCheckTime(unsigned int seconds) {
+    header->checktime = InOrder(seconds, networkOrder);
+}
+
+void DORecord::SetCheckTime(unsigned int seconds) {
+    setCheckTime(seconds);
+}
+
+void DORecord::setDCID(unsigned long dcid) {
+    header->CID = InOrder(dcid, networkOrder);
+}
+
+void DORecord::SetDCID(unsigned long dcid) {
+    setDCID(dcid);
+    handleUpdate();
+}
+
+void DORecord::setFPType(unsigned char fptype) {
+    if (!CRFPTypeIsValid(fptype)) {
+        Refuse("invalid fptype for DO");
+    }
+    header->fptype = fptype;
+}
+
+void DORecord::SetFPType(unsigned char fptype) {
+    header->fptype = fptype;
+    handleUpdate();
+}
+
+void DORecord::setFlags(unsigned short flags) {
+    if (CheckFlags(flags)) {
+        header->flags = InOrder(flags, networkOrder);
+    }
+}
+
+// Unlike setFlags it stores what it has complained about: callers rely on either.
+void DORecord::SetFlags(unsigned short flags) {
+    CheckFlags(flags);
+    header->flags = InOrder(flags, networkOrder);
+    handleUpdate();
+}
+
+unsigned int DORecord::getTRefsSize() const {
+    return InOrder(header->trefssize, networkOrder);
+}
+
+void DORecord::setTRefsSize(unsigned int size) {
+    header->trefssize = InOrder(size, networkOrder);
+}
+
+DORecordHeader* DORecord::GetHeader() const {
+    GetSerializedTRefs();
+    return header;
+}

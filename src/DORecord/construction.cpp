@@ -1,0 +1,308 @@
+// The three constructors, what stands behind them, and the end of a record.
+
+#include "DORecord/record.h"
+#include "support/unique_list.h"
+
+#include <cstdlib>
+#include <ctime>
+#include <locale>
+#include <memory>
+#include <sstream>
+
+using namespace crrecord;
+
+namespace {
+
+constexpr unsigned long kFirstFreeDcid = 64;
+constexpr unsigned short kNewFlags = 0x0002;
+constexpr char kEmptySegments[] = "Got empty SO list.";
+
+void CheckTypes(unsigned char fptype, unsigned char dotype) {
+    if (!CRDOTypeIsValid(dotype)) {
+        throw Cr_ErrnoException(CR_STATUS_INVALID_DO_TYPE, "Invalid CR DO type", nullptr);
+    }
+    if (!CRFPTypeIsValid(fptype)) {
+        throw Cr_ErrnoException(CR_STATUS_INVALID_FP_TYPE, "Invalid CR fingerprint type", nullptr);
+    }
+}
+
+void CheckTaskIds(unsigned long const* taskIDs, unsigned int count) {
+    if (!taskIDs && count != 0) {
+        Refuse("Got empty task ID list that should not be empty.");
+    }
+}
+
+void CheckDcids(unsigned long const* dcids, unsigned int count) {
+    for (std::uint64_t i = 0; i < count; ++i) {
+        unsigned long const dcid = Load<std::uint64_t>(dcids + i);
+        if (dcid < kFirstFreeDcid) {
+            std::stringstream text;
+            text.imbue(std::locale::classic());
+            text << "Got invalid dcid " << dcid << " at index " << i;
+            throw Cr_ErrnoException(CR_STATUS_INVALID, text, nullptr);
+        }
+    }
+}
+
+// Shows as many 64-bit words as the list has entries, from the first on: containers and byte counts in turn.
+[[noreturn]] void RefuseList(unsigned char const* list, std::uint32_t count, std::uint32_t computed) {
+    std::stringstream text;
+    text.imbue(std::locale::classic());
+    text << "Computed CRC (" << computed << ") for unique DCID list doesn't match. [crc=" << Load<std::uint32_t>(list)
+         << "],[count=" << count << "],[";
+    for (std::uint64_t i = 0; i < count && text.view().size() < Cr_ErrnoException::kMaxText; ++i) {
+        text << Load<std::uint64_t>(list + kUniqueHeadSize + i * sizeof(std::uint64_t)) << ",";
+    }
+    text << "]";
+    throw Cr_ErrnoException(CR_STATUS_INVALID, text, nullptr);
+}
+
+// The number of entries of a caller's list, 0 for none.
+std::uint32_t CheckList(unsigned char const* list) {
+    if (!list) {
+        return 0;
+    }
+    std::uint32_t const count = UniqueCount(list, Order::Host);
+    std::uint32_t const computed = UniqueListChecksum(list, count);
+    if (computed != Load<std::uint32_t>(list)) {
+        RefuseList(list, count, computed);
+    }
+    return count;
+}
+
+unsigned char const* AsBytes(char const* text) noexcept {
+    return reinterpret_cast<unsigned char const*>(text);
+}
+
+struct FreeBlock {
+    void operator()(void* block) const noexcept { std::free(block); }
+};
+using FormerBuffer = std::unique_ptr<void, FreeBlock>;
+
+// Copies nothing from null.
+void CopyBytes(void* to, void const* from, std::uint64_t count) noexcept {
+    if (from && count != 0) {
+        std::memcpy(to, from, count);
+    }
+}
+
+} // namespace
+
+// What an initialiser was given, checked.
+struct DORecord::NewRecord {
+    unsigned long CID;
+    unsigned long size;
+    unsigned long ssize;
+    unsigned int CRC;
+    unsigned int ctime;
+    unsigned int mtime;
+    unsigned long const* taskIDs;
+    unsigned int ntaskIDs;
+    RecordCounts counts;
+};
+
+// What a record is before it has a buffer.
+void DORecord::makeBlank() noexcept {
+    header = nullptr;
+    bufferSize = 0;
+    networkOrder = false;
+    ownsBuffer = true;
+    subDO = false;
+    copyMode = CopyMode::Own;
+    for (tref_set_t& set : trefs) {
+        set.clear();
+    }
+    spare = 0;
+}
+
+void DORecord::allocate(unsigned long size) {
+    if (size > kLargestRecord) {
+        Refuse(kInvalidRecordSize);
+    }
+    header = static_cast<DORecordHeader*>(std::calloc(1, size));
+    if (!header) {
+        throw Cr_ErrnoException(CR_STATUS_NO_MEMORY, "Not enough memory to create DORecord.", nullptr);
+    }
+    bufferSize = size;
+}
+
+DORecord::DORecord() noexcept
+    : header(nullptr), bufferSize(0), networkOrder(false), ownsBuffer(true), subDO(false), copyMode(CopyMode::Own),
+      spare(0) {}
+
+DORecord::DORecord(unsigned long CID, unsigned long size, unsigned long ssize, unsigned int CRC, unsigned int ctime,
+                   unsigned int mtime, void const* segments, unsigned int nsegments, unsigned long const* dcids,
+                   char const* udcidList, unsigned char fptype, unsigned char dotype)
+    : DORecord() {
+    if (!segments && dotype != CR_DO_TYPE_BLOOM_FILTER) {
+        Refuse(kEmptySegments);
+    }
+    init(CID, size, ssize, CRC, ctime, mtime, nullptr, 0, segments, nsegments, dcids, udcidList, fptype, dotype);
+}
+
+// The text speaks of segments here too: callers match it.
+DORecord::DORecord(unsigned long CID, unsigned long size, unsigned long ssize, unsigned int CRC, unsigned int ctime,
+                   unsigned int mtime, unsigned int bsize, unsigned char const* bitmap, char const* udcidList,
+                   unsigned char fptype, unsigned char dotype)
+    : DORecord() {
+    if (!bitmap && dotype != CR_DO_TYPE_BLOOM_FILTER) {
+        Refuse(kEmptySegments);
+    }
+    initWithBloom(CID, size, ssize, CRC, ctime, mtime, nullptr, 0, bsize, bitmap, udcidList, fptype, dotype);
+}
+
+DORecord::DORecord(unsigned int dotype, unsigned char fptype, void* buffer, unsigned long size, void const* serialized,
+                   unsigned long serializedSize, bool isSubDO)
+    : DORecord() {
+    header = static_cast<DORecordHeader*>(buffer);
+    bufferSize = size;
+    ownsBuffer = false;
+    subDO = isSubDO;
+    copyMode = CopyMode::Borrowed;
+    try {
+        cr_status_t const status =
+            DORecordHeaderDeserialize(&header, &bufferSize, serialized, serializedSize, dotype, fptype);
+        if (status != CR_STATUS_OK) {
+            throw Cr_ErrnoException(status);
+        }
+        if (header != buffer) {
+            ownsBuffer = true;
+            copyMode = CopyMode::Own;
+        }
+        setFlags(0);
+        setFPType(fptype);
+        setDCID(0);
+        initReferenceSets();
+        handleUpdate();
+        checkSegmentList();
+        if (subDO && LayoutOf(header).segments != 0) {
+            setDCID(GetSegmentDCID(0));
+        }
+    } catch (...) {
+        cleanupConstruction();
+        throw;
+    }
+}
+
+DORecord::~DORecord() {
+    cleanupConstruction();
+}
+
+void DORecord::cleanupConstruction() {
+    if (ownsBuffer && header) {
+        std::free(header);
+        header = nullptr;
+        bufferSize = 0;
+    }
+}
+
+void DORecord::writeHeader(NewRecord const& values) noexcept {
+    header->type = CR_DO_RECORD_TYPE;
+    header->flags = kNewFlags;
+    header->recsize = static_cast<unsigned int>(bufferSize);
+    header->CID = values.CID;
+    header->size = values.size;
+    header->ssize = values.ssize;
+    header->CRC = values.CRC;
+    header->nfp = values.counts.nfp;
+    header->nudcid = values.counts.nudcid;
+    header->bsize = values.counts.bsize;
+    header->fptype = values.counts.fptype;
+    header->dotype = values.counts.dotype;
+}
+
+// What both initialisers end with, behind their own sections.
+void DORecord::finish(NewRecord const& values, unsigned char const* list) {
+    if (values.counts.nudcid != 0) {
+        CopyBytes(DORecordHeaderStartUDCID(header), list, UniqueListSize(values.counts.nudcid));
+    }
+    initReferenceSets();
+    // A bitmap given for another DO type than the bloom record's has no section of its own.
+    clear(LayoutOf(header).tail, getRecSize());
+    for (std::uint64_t i = 0; i < values.ntaskIDs; ++i) {
+        AddTaskID(Load<std::uint64_t>(values.taskIDs + i));
+    }
+    auto const now = static_cast<unsigned int>(std::time(nullptr));
+    header->ctime = values.ctime != 0 ? values.ctime : now;
+    header->mtime = values.mtime != 0 ? values.mtime : now;
+    expand();
+}
+
+void DORecord::init(unsigned long CID, unsigned long size, unsigned long ssize, unsigned int CRC, unsigned int ctime,
+                    unsigned int mtime, unsigned long const* taskIDs, unsigned int ntaskIDs, void const* segments,
+                    unsigned int nsegments, unsigned long const* dcids, char const* udcidList, unsigned char fptype,
+                    unsigned char dotype) {
+    // Freed at the end: the arguments may lie in it.
+    FormerBuffer const former(ownsBuffer ? header : nullptr);
+    makeBlank();
+    try {
+        CheckTypes(fptype, dotype);
+        CheckTaskIds(taskIDs, ntaskIDs);
+        // A bloom record has no segments, and every other record has some.
+        if ((nsegments == 0) != (dotype == CR_DO_TYPE_BLOOM_FILTER)) {
+            Refuse(kEmptySegments);
+        }
+        if (!dcids && nsegments != 0) {
+            Refuse("Got empty DCID list that should not be empty.");
+        }
+        CheckDcids(dcids, nsegments);
+        NewRecord const values{
+            CID,
+            size,
+            ssize,
+            CRC,
+            ctime,
+            mtime,
+            taskIDs,
+            ntaskIDs,
+            {.nfp = nsegments, .nudcid = CheckList(AsBytes(udcidList)), .fptype = fptype, .dotype = dotype}};
+        RecordLayout const layout(values.counts);
+        allocate(layout.total);
+        writeHeader(values);
+        CopyBytes(BytesOf(header) + layout.entries, segments, layout.dcids - layout.entries);
+        CopyBytes(BytesOf(header) + layout.dcids, dcids, std::uint64_t{kDcidSize} * nsegments);
+        finish(values, AsBytes(udcidList));
+        if (segments) {
+            checkSegmentList();
+        }
+    } catch (...) {
+        cleanupConstruction();
+        throw;
+    }
+}
+
+void DORecord::initWithBloom(unsigned long CID, unsigned long size, unsigned long ssize, unsigned int CRC,
+                             unsigned int ctime, unsigned int mtime, unsigned long const* taskIDs,
+                             unsigned int ntaskIDs, unsigned int bsize, unsigned char const* bitmap,
+                             char const* udcidList, unsigned char fptype, unsigned char dotype) {
+    FormerBuffer const former(ownsBuffer ? header : nullptr);
+    makeBlank();
+    try {
+        CheckTypes(fptype, dotype);
+        CheckTaskIds(taskIDs, ntaskIDs);
+        if (bsize == 0 ? dotype == CR_DO_TYPE_BLOOM_FILTER : !bitmap) {
+            Refuse("Got empty bloom filter bitmap.");
+        }
+        NewRecord const values{
+            CID,
+            size,
+            ssize,
+            CRC,
+            ctime,
+            mtime,
+            taskIDs,
+            ntaskIDs,
+            {.nudcid = CheckList(AsBytes(udcidList)), .bsize = bsize, .fptype = fptype, .dotype = dotype}};
+        allocate(DORecordHeaderSizeWithBloom(0, bsize, values.counts.nudcid, 0, dotype, 0));
+        writeHeader(values);
+        if (bsize != 0) {
+            unsigned char* const lengthWord = DORecordHeaderGetBloomStart(header);
+            Store(lengthWord, bsize);
+            CopyBytes(lengthWord + kBloomLengthSize, bitmap, bsize);
+        }
+        finish(values, AsBytes(udcidList));
+    } catch (...) {
+        cleanupConstruction();
+        throw;
+    }
+}

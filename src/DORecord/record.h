@@ -1,0 +1,35 @@
+// What the sources of DORecord share.
+
+#pragma once
+
+#include <crrecord/DORecord.h>
+
+#include "support/record_layout.h"
+#include "tref/value.h"
+
+#include <string_view>
+
+namespace crrecord {
+
+// Converts one field either way between the record's order and the host's.
+template <class T>
+T InOrder(T value, bool networkOrder) noexcept {
+    return networkOrder ? Turned(value) : value;
+}
+
+[[noreturn]] inline void Refuse(char const* text) {
+    throw Cr_ErrnoException(CR_STATUS_INVALID, text, nullptr);
+}
+
+inline constexpr char kInvalidRecordSize[] = "invalid record size for DO";
+
+[[noreturn]] inline void RefuseLegacyArrays() {
+    Refuse("Cannot construct a DORecord that does not own its internal buffer but has old task id and dsid "
+           "references.");
+}
+
+inline std::uint64_t SizeOf(Cr_TRef const& reference) noexcept {
+    return ReferenceSize(reference.Get()->kind);
+}
+
+} // namespace crrecord

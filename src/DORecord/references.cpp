@@ -1,0 +1,297 @@
+// Typed references: the sets, and their section in the buffer.
+
+#include "DORecord/record.h"
+
+#include "status/trace.h"
+
+#include <functional>
+
+using namespace crrecord;
+
+namespace {
+
+constexpr char kNullReference[] = "NULL reference";
+
+class TextOf {
+public:
+    explicit TextOf(_cr_tref_t const* reference) noexcept { CRTRefToString(text_, sizeof text_, reference); }
+    char const* Get() const noexcept { return text_; }
+
+private:
+    char text_[CR_TREF_TEXT_SIZE];
+};
+
+_cr_tref_t const* NotNull(DORecord::tref_ptr_t const& reference) {
+    if (!reference || !reference->Get()) {
+        Refuse(kNullReference);
+    }
+    return reference->Get();
+}
+
+// Throws the message that was logged last.
+[[noreturn]] void RefuseAsLogged() {
+    Refuse(zebLogLastMessageA());
+}
+
+[[noreturn]] void RefuseKind(_cr_tref_t const* reference) {
+    ErrorA(CR_STATUS_INVALID, "The type of reference %s is unsupported for a DO", TextOf(reference).Get());
+    RefuseAsLogged();
+}
+
+constexpr bool CanAdd(int kind) noexcept {
+    return kind == CR_REFTYPE_TASKID || kind == CR_REFTYPE_DSID || kind == 6 || kind == 9;
+}
+
+// Kind 8 can be deleted although it can never be added.
+constexpr bool CanDelete(int kind) noexcept {
+    return CanAdd(kind) || kind == 8;
+}
+
+// A handle that owns the value, which is released when there is no handle for it.
+DORecord::tref_ptr_t Wrapped(_cr_tref_t* value) {
+    try {
+        return new Cr_TRef(value);
+    } catch (...) {
+        CRTRefDelete(&value);
+        throw;
+    }
+}
+
+[[noreturn]] void ThrowUndecoded(std::uint64_t offset) {
+    cr_status_t const status = *__cr_errno_location();
+    if (TraceOn()) {
+        __TraceA("Invalid DO record: invalid typed reference at offset %lu from start of typed reference section: %s",
+                 offset, CRStatusToStringA(status));
+    }
+    throw Cr_ErrnoException(status, "Received a buffer with corrupt typed references.", nullptr);
+}
+
+std::uint64_t TotalSize(DORecord::tref_set_t const& set) noexcept {
+    // Every reference of one kind has the same size.
+    return set.empty() ? 0 : set.size() * SizeOf(**set.begin());
+}
+
+} // namespace
+
+int DORecord::OwnTRef(tref_ptr_t reference) {
+    _cr_tref_t const* const value = NotNull(reference);
+    int const kind = value->kind;
+    if (!CanAdd(kind)) {
+        RefuseKind(value);
+    }
+    changeableLayoutUpTo(&RecordLayout::tail);
+    auto const [position, inserted] = trefs[kind].insert(std::move(reference));
+    try {
+        if (inserted) {
+            growReferences(SizeOf(**position));
+        } else {
+            expand();
+        }
+    } catch (...) {
+        if (inserted) {
+            trefs[kind].erase(position);
+        }
+        throw;
+    }
+    handleUpdate();
+    return inserted ? 0 : 1;
+}
+
+int DORecord::OwnTRef(_cr_tref_t& reference) {
+    return OwnTRef(Wrapped(&reference));
+}
+
+int DORecord::AddTRef(_cr_tref_t const& reference) {
+    return OwnTRef(tref_ptr_t(Cr_TRef::Factory(&reference)));
+}
+
+int DORecord::AddTRef(tref_ptr_t reference) {
+    return AddTRef(*NotNull(reference));
+}
+
+cr_status_t DORecord::CheckTRef(tref_ptr_t reference) const {
+    _cr_tref_t const* const value = NotNull(reference);
+    int const kind = value->kind;
+    if (kind > CR_REFTYPE_END || kind == 7) {
+        return CR_STATUS_OK;
+    }
+    if (kind != CR_REFTYPE_DSID && kind != 6 && kind != 9) {
+        ErrorA(CR_STATUS_INVALID, "%s: The type of reference %s is unsupported for a DO", "CheckTRef",
+               TextOf(value).Get());
+        RefuseAsLogged();
+    }
+    if (trefs[kind].contains(reference)) {
+        return CR_STATUS_OK;
+    }
+    WarningA(CR_STATUS_NOT_FOUND, "%s: The type of reference %s is not found", "CheckTRef", TextOf(value).Get());
+    return CR_STATUS_NOT_FOUND;
+}
+
+cr_status_t DORecord::CheckTRef(_cr_tref_t const* reference) const {
+    if (!reference) {
+        Refuse(kNullReference);
+    }
+    return CheckTRef(tref_ptr_t(Cr_TRef::Factory(reference)));
+}
+
+unsigned long DORecord::DelTRef(tref_ptr_t reference) {
+    _cr_tref_t const* const value = NotNull(reference);
+    int const kind = value->kind;
+    if (!CanDelete(kind)) {
+        RefuseKind(value);
+    }
+    std::uint64_t const removed = trefs[kind].erase(reference);
+    if (removed != 0) {
+        shrinkReferences(SizeOf(*reference));
+    }
+    handleUpdate();
+    return removed;
+}
+
+// Unlike CheckTRef it lets a null pointer pass: nothing is there to remove.
+unsigned long DORecord::DelTRef(_cr_tref_t const* reference) {
+    return reference ? DelTRef(tref_ptr_t(Cr_TRef::Factory(reference))) : 0;
+}
+
+void DORecord::ClearTRefType(cr_reftype_t kind) {
+    if (!ReferenceKindIsValid(kind)) {
+        return;
+    }
+    std::uint64_t const size = TotalSize(trefs[kind]);
+    trefs[kind].clear();
+    shrinkReferences(size);
+}
+
+void DORecord::RemoveAllTRefs() {
+    removeTaskIDs([](unsigned long, void*) { return 0; }, nullptr);
+}
+
+// Drops the task ids that the callback calls inactive. The size goes first, as callers of a failing removal expect.
+unsigned long DORecord::removeTaskIDs(cr_task_callback_t callback, void* context) {
+    tref_set_t& tasks = trefs[CR_REFTYPE_TASKID];
+    unsigned long removed = 0;
+    for (auto position = tasks.begin(); position != tasks.end();) {
+        if (callback((*position)->Get()->id, context) != 0) {
+            ++position;
+            continue;
+        }
+        shrinkReferences(SizeOf(**position));
+        position = tasks.erase(position);
+        ++removed;
+    }
+    handleUpdate();
+    return removed;
+}
+
+unsigned long DORecord::GetTRefTypeTotalSize(cr_reftype_t kind) const {
+    return ReferenceKindIsValid(kind) ? TotalSize(trefs[kind]) : 0;
+}
+
+unsigned long DORecord::calcTRefsSize() const {
+    std::uint64_t size = 0;
+    for (tref_set_t const& set : trefs) {
+        size += TotalSize(set);
+    }
+    return size;
+}
+
+unsigned int DORecord::GetNTRefs() const {
+    std::size_t count = 0;
+    for (tref_set_t const& set : trefs) {
+        count += set.size();
+    }
+    return static_cast<unsigned int>(count);
+}
+
+unsigned int DORecord::GetNTRefs(cr_reftype_t kind) const {
+    return ReferenceKindIsValid(kind) ? static_cast<unsigned int>(trefs[kind].size()) : 0;
+}
+
+unsigned int DORecord::GetNtaskid() const {
+    return GetNTRefs(CR_REFTYPE_TASKID);
+}
+
+unsigned int DORecord::GetNds() const {
+    return GetNTRefs(CR_REFTYPE_DSID);
+}
+
+DORecord::tref_set_t::const_iterator DORecord::GetTRefTypeBegin(cr_reftype_t kind) const {
+    return ReferenceKindIsValid(kind) ? trefs[kind].begin() : trefs[0].end();
+}
+
+DORecord::tref_set_t::const_iterator DORecord::GetTRefTypeEnd(cr_reftype_t kind) const {
+    return ReferenceKindIsValid(kind) ? trefs[kind].end() : trefs[0].end();
+}
+
+unsigned long DORecord::GetSerializedTRefsSize() const {
+    return getTRefsSize();
+}
+
+void DORecord::writeReferences(RecordLayout const& layout) const noexcept {
+    unsigned char* position = BytesOf(header) + layout.trefs;
+    std::uint64_t room = layout.tail - layout.trefs;
+    for (tref_set_t const& set : trefs) {
+        for (tref_ptr_t const& reference : set) {
+            unsigned long const written = CRTRefSerialize(position, room, reference->Get(), CR_TREF_SERIALIZED);
+            position += written;
+            room -= written;
+        }
+    }
+}
+
+char* DORecord::GetSerializedTRefs() const {
+    if (GetNTRefs() == 0) {
+        return reinterpret_cast<char*>(DORecordHeaderStartTRefs(header));
+    }
+    RecordLayout const layout = layoutUpTo(&RecordLayout::tail);
+    writeReferences(layout);
+    return reinterpret_cast<char*>(BytesOf(header) + layout.trefs);
+}
+
+// The source may be the record's own section: it moves with the buffer, and nothing is cleared before all is read.
+void DORecord::AddSerializedTRefs(char const* bytes, unsigned int length) {
+    if (!bytes && length != 0) {
+        Refuse(kNullReference);
+    }
+    changeableLayoutUpTo(&RecordLayout::tail);
+    std::uint64_t const room = std::uint64_t{getRecSize()} + length;
+    if (room > kLargestRecord || std::uint64_t{getTRefsSize()} + length > kLargestRecord ||
+        getRecSize() < CR_DO_RECORD_SIZE) {
+        Refuse(kInvalidRecordSize);
+    }
+    auto const* const own = reinterpret_cast<char const*>(header);
+    bool const isOwn = std::greater_equal<>()(bytes, own) && std::less<>()(bytes, own + bufferSize);
+    std::ptrdiff_t const place = isOwn ? bytes - own : 0;
+    expand(static_cast<unsigned int>(room));
+    std::uint64_t loaded = 0;
+    auto const account = [&] {
+        setTRefsSize(static_cast<unsigned int>(getTRefsSize() + loaded));
+        setRecSize(static_cast<unsigned int>(getRecSize() + loaded));
+        clear(LayoutOf(header).tail, getRecSize());
+    };
+    try {
+        loadReferences(isOwn ? reinterpret_cast<char const*>(header) + place : bytes, length, loaded);
+    } catch (...) {
+        account();
+        throw;
+    }
+    account();
+    handleUpdate();
+}
+
+// Adds up the bytes of those that were not there yet. The end of the set as the hint makes sorted input, which is what
+// records store, load in linear time.
+void DORecord::loadReferences(char const* bytes, unsigned long length, unsigned long& loaded) {
+    for (std::uint64_t offset = 0; offset < length;) {
+        unsigned long consumed = 0;
+        _cr_tref_t* const value = CRTRefNewDeserialize(bytes + offset, length - offset, CR_TREF_SERIALIZED, &consumed);
+        if (!value) {
+            ThrowUndecoded(offset);
+        }
+        tref_set_t& set = trefs[value->kind];
+        std::size_t const before = set.size();
+        set.insert(set.end(), Wrapped(value));
+        loaded += set.size() != before ? consumed : 0;
+        offset += consumed;
+    }
+}

@@ -1,0 +1,138 @@
+// Segments: the accessors, and the list check with its texts.
+
+#include "DORecord/record.h"
+#include "support/segment_rules.h"
+
+#include <cassert>
+#include <locale>
+#include <sstream>
+
+using namespace crrecord;
+
+namespace {
+
+Order OrderFor(bool networkOrder) noexcept {
+    return networkOrder ? Order::Network : Order::Host;
+}
+
+char const* ListName(unsigned int dotype) noexcept {
+    switch (dotype) {
+    case CR_DO_TYPE_NO_OFFSET: return "CR_DO_TYPE_NO_OFFSET";
+    case CR_DO_TYPE_8_BYTE_OFFSET: return "CR_DO_TYPE_8_BYTE_OFFSET";
+    case CR_DO_TYPE_4_BYTE_OFFSET: return "CR_DO_TYPE_4_BYTE_OFFSET";
+    default: return "CR_DO_TYPE_ORIGINAL|CR_DO_TYPE_NO_SIZE";
+    }
+}
+
+// Every text ends in a dot but the implausible ones', which have none; the one for End has a blank behind it, alone.
+[[noreturn]] void Throw(SegmentFault const& fault, unsigned int dotype) {
+    static constexpr char kWrongOrder[] = "Data is probably in wrong byte order (host vs. network order)";
+    std::stringstream text;
+    text.imbue(std::locale::classic());
+    if (fault.rule == SegmentRule::Size || fault.rule == SegmentRule::Offset) {
+        bool const size = fault.rule == SegmentRule::Size;
+        text << "Segment list of a DORecord is corrupt. Segment " << fault.segment
+             << (size ? " has size " : " has offset ") << fault.found << (size ? " (> 2 GiB). " : " (> 8192 PetaB). ")
+             << kWrongOrder;
+        throw Cr_ErrnoException(CR_STATUS_CORRUPT_DATA, text, nullptr);
+    }
+    text << "Segment list of DORecord " << ListName(dotype) << " is corrupt. ";
+    if (fault.rule == SegmentRule::Overlap) {
+        text << "Offset of segm. " << fault.segment << ":" << fault.found << ". Previous segm. end:" << fault.expected
+             << ".";
+    } else {
+        text << "Original file size:" << fault.expected << ". "
+             << (fault.rule == SegmentRule::Product ? "Segm. size times segm. count:"
+                 : fault.rule == SegmentRule::End   ? "End offset of last segment:"
+                                                    : "Sum of segm. sizes:")
+             << fault.found << (fault.rule == SegmentRule::End ? ". " : ".");
+    }
+    throw Cr_ErrnoException(CR_STATUS_CORRUPT_DATA, text, nullptr);
+}
+
+void ThrowIf(SegmentFault const& fault, unsigned int dotype) {
+    if (fault.rule != SegmentRule::None) {
+        Throw(fault, dotype);
+    }
+}
+
+} // namespace
+
+crfp_digest_t const& DORecord::GetSegmentFP(unsigned int i) const {
+    assert(i < LayoutOf(header).segments);
+    return *reinterpret_cast<crfp_digest_t const*>(DORecordHeaderIndexOfSegment(header, i));
+}
+
+void DORecord::SetSegmentFP(unsigned int i, crfp_digest_t const& fingerprint) {
+    assert(i < LayoutOf(header).segments);
+    std::memmove(DORecordHeaderIndexOfSegment(header, i), fingerprint.bytes, sizeof fingerprint.bytes);
+}
+
+unsigned long DORecord::GetSegmentDCID(unsigned int i) const {
+    assert(i < LayoutOf(header).segments);
+    return Load<std::uint64_t>(DORecordHeaderIndexOfDCID(header, i));
+}
+
+cr_unaligned_u64 const* DORecord::GetSegmentDCIDList() const {
+    return reinterpret_cast<cr_unaligned_u64 const*>(DORecordHeaderIndexOfDCID(header, 0));
+}
+
+void DORecord::SetSegmentDCID(unsigned int i, unsigned long dcid) {
+    assert(i < LayoutOf(header).segments);
+    Store(DORecordHeaderIndexOfDCID(header, i), dcid);
+}
+
+unsigned int DORecord::GetSegmentSize(unsigned int i) const {
+    return SegmentSizeOf(SegmentListOf(header, LayoutOf(header), OrderFor(networkOrder), subDO), i);
+}
+
+void DORecord::SetSegmentSize(unsigned int i, unsigned int size) {
+    if (HasSegmentSize(GetDOType())) {
+        assert(i < LayoutOf(header).segments);
+        Store(DORecordHeaderIndexOfSegmentSize(header, i), size);
+    }
+    handleUpdate();
+}
+
+unsigned long DORecord::GetSegmentOffset(unsigned int i) const {
+    return SegmentOffsetOf(SegmentListOf(header, LayoutOf(header), OrderFor(networkOrder), subDO), i);
+}
+
+void DORecord::SetSegmentOffset(unsigned int i, unsigned long offset) {
+    assert(i < LayoutOf(header).segments);
+    Store(DORecordHeaderIndexOfSegmentOffset(header, i), offset);
+    handleUpdate();
+}
+
+unsigned int DORecord::GetSegmentObjectOffset(unsigned int i) const {
+    return SegmentObjectOffsetOf(SegmentListOf(header, LayoutOf(header), OrderFor(networkOrder), subDO), i);
+}
+
+void DORecord::SetSegmentObjectOffset(unsigned int i, unsigned int offset) {
+    assert(i < LayoutOf(header).segments);
+    Store(DORecordHeaderIndexOfSegmentObjectOffset(header, i), offset);
+    handleUpdate();
+}
+
+DOSegmentRange DORecord::Segments() const {
+    layoutUpTo(&RecordLayout::udcids);
+    return DOSegmentRange(DOSegmentSource::Of(header));
+}
+
+void DORecord::checkSegmentList() const {
+    if (header && GetDOType() == CR_DO_TYPE_INVALID) {
+        Refuse("invalid DO type");
+    }
+    RecordLayout const layout = layoutUpTo(&RecordLayout::dcids);
+    ThrowIf(CheckSegments(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
+}
+
+void DORecord::checkSegmentSizeEndiannes() const {
+    RecordLayout const layout = layoutUpTo(&RecordLayout::dcids);
+    ThrowIf(CheckSegmentSizes(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
+}
+
+void DORecord::checkSegmentOffsetEndiannes() const {
+    RecordLayout const layout = layoutUpTo(&RecordLayout::dcids);
+    ThrowIf(CheckSegmentOffsets(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
+}

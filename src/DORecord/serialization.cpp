@@ -1,0 +1,135 @@
+// The exchange forms of a record, written.
+
+#include "DORecord/record.h"
+#include "support/adler32.h"
+#include "support/exchange_form.h"
+#include "support/hex.h"
+#include "support/output_block.h"
+#include "support/unique_list.h"
+
+#include <cstdlib>
+#include <limits>
+
+using namespace crrecord;
+
+namespace {
+
+constexpr char kSource[] = "DORecord/serialization.cpp";
+constexpr SerializerSite kSegmentsSite{"DO", "Serialize", kSource, 320};
+constexpr SerializerSite kBloomSite{"DO", "SerializeBloomFilterDO", kSource, 438};
+constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
+
+void WriteHead(unsigned char* to, DORecordHeader const& header) noexcept {
+    Store(to + exchange::kSizeOffset, header.size, Order::Network);
+    Store(to + exchange::kSsizeOffset, header.ssize, Order::Network);
+    Store(to + exchange::kChecksumOffset, header.CRC, Order::Network);
+    Store(to + exchange::kCountOffset, header.nfp, Order::Network);
+}
+
+void StoreBodyChecksum(unsigned char* form, std::uint64_t length) noexcept {
+    Store(form + exchange::kChecksumOffset, Adler32(form + exchange::kHeadSize, length - exchange::kHeadSize),
+          Order::Network);
+}
+
+// The output is zeroed, so each text has its NUL, and the separator stands.
+void WriteSegments(unsigned char* to, unsigned char const* record, RecordLayout const& layout,
+                   unsigned int dotype) noexcept {
+    unsigned char const* entry = record + layout.entries;
+    unsigned int const sizeWidth = SegmentSizeWidth(dotype);
+    unsigned int const offsetWidth = SegmentOffsetWidth(dotype);
+    for (std::uint32_t i = 0; i < layout.segments; ++i, entry += layout.stride) {
+        HexEncode(entry, layout.fingerprint, reinterpret_cast<char*>(to));
+        to += 2 * layout.fingerprint + 1;
+        if (sizeWidth != 0) {
+            Turn<std::uint32_t>(to, entry + layout.fingerprint);
+            to += sizeWidth;
+        }
+        if (offsetWidth == 8) {
+            Turn<std::uint64_t>(to, entry + layout.offset);
+        } else if (offsetWidth == 4) {
+            Turn<std::uint32_t>(to, entry + layout.offset);
+        }
+        to += offsetWidth;
+    }
+    to += exchange::kSeparatorSize;
+    unsigned char const* const dcids = record + layout.dcids;
+    for (std::uint64_t i = 0; i < layout.segments; ++i) {
+        Turn<std::uint64_t>(to + i * kDcidSize, dcids + i * kDcidSize);
+    }
+}
+
+// The form's own checksum covers less of the list than the record's does; readers expect it so.
+void WriteList(unsigned char* to, unsigned char const* list, std::uint32_t count) noexcept {
+    Store(to + kUniqueCountOffset, count, Order::Network);
+    for (std::uint32_t i = 0; i < count; ++i) {
+        StoreUniqueEntry(to, i, LoadUniqueEntry(list, i, Order::Host), Order::Network);
+    }
+    Store(to, Adler32(to + kUniqueCountOffset, exchange::ListChecksumSize(count)), Order::Network);
+}
+
+} // namespace
+
+cr_status_t DORecord::Serialize(void** out, unsigned long* outLength, bool withChecksum) const {
+    if (!header) {
+        return CR_STATUS_INVALID;
+    }
+    if (GetDOType() == CR_DO_TYPE_BLOOM_FILTER) {
+        return SerializeBloomFilterDO(out, outLength, withChecksum);
+    }
+    RecordLayout const layout = LayoutOf(header);
+    if (networkOrder || !reaches(layout, &RecordLayout::udcids) || !sizesHold()) {
+        return CR_STATUS_INVALID;
+    }
+    if (!out || !outLength) {
+        return CR_STATUS_NULL_ARGUMENT;
+    }
+    std::uint64_t const length = exchange::FormSize(layout.segments, GetDOType(), GetFPType());
+    cr_status_t const status = AllocateOutput(kSegmentsSite, length, kNoLimit, out);
+    if (status != CR_STATUS_OK) {
+        return status;
+    }
+    auto* const form = static_cast<unsigned char*>(*out);
+    WriteHead(form, *header);
+    WriteSegments(form + exchange::kHeadSize, BytesOf(header), layout, GetDOType());
+    if (withChecksum) {
+        StoreBodyChecksum(form, length);
+    }
+    *outLength = length;
+    return CR_STATUS_OK;
+}
+
+cr_status_t DORecord::SerializeBloomFilterDO(void** out, unsigned long* outLength, bool) const {
+    if (!header || GetDOType() != CR_DO_TYPE_BLOOM_FILTER || networkOrder) {
+        return CR_STATUS_INVALID;
+    }
+    RecordLayout const layout = LayoutOf(header);
+    if (!reaches(layout, &RecordLayout::taskIds) || !sizesHold()) {
+        return CR_STATUS_INVALID;
+    }
+    if (!out || !outLength) {
+        return CR_STATUS_NULL_ARGUMENT;
+    }
+    std::uint32_t const bsize = GetBSize();
+    std::uint64_t const length = exchange::BloomFormSize(bsize, GetNudcid());
+    cr_status_t const status = AllocateOutput(kBloomSite, length, kNoLimit, out);
+    if (status != CR_STATUS_OK) {
+        return status;
+    }
+    auto* const form = static_cast<unsigned char*>(*out);
+    WriteHead(form, *header);
+    Store(form + exchange::kHeadSize, bsize, Order::Network);
+    std::memcpy(form + exchange::kBitmapOffset, BytesOf(header) + layout.entries + kBloomLengthSize, bsize);
+    if (GetNudcid() != 0) {
+        WriteList(form + exchange::kBitmapOffset + bsize, BytesOf(header) + layout.udcids, GetNudcid());
+    }
+    StoreBodyChecksum(form, length);
+    *outLength = length;
+    return CR_STATUS_OK;
+}
+
+void DORecord::SerializedDORecordFree(void** serialized) {
+    if (serialized) {
+        std::free(*serialized);
+        *serialized = nullptr;
+    }
+}

@@ -1,0 +1,212 @@
+// The unique DCID list and the bloom filter.
+
+#include "DORecord/record.h"
+#include "support/segment_rules.h"
+#include "support/unique_list.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <vector>
+
+using namespace crrecord;
+
+namespace {
+
+constexpr unsigned long kFirstFreeDcid = 64;
+constexpr char kAppend[] = "AppendBloomAndUniqueDCIDList";
+constexpr char kGetSizes[] = "GetUDCIDSizeList";
+
+using Entries = std::vector<UniqueEntry>;
+
+// Sorts by DCID and merges equal ones, which are neighbours then.
+template <class Merge>
+void SortAndMerge(Entries& entries, Merge merge) {
+    std::stable_sort(entries.begin(), entries.end(),
+                     [](UniqueEntry const& a, UniqueEntry const& b) { return a.dcid < b.dcid; });
+    std::size_t kept = 0;
+    for (std::size_t i = 1; i < entries.size(); ++i) {
+        if (entries[i].dcid == entries[kept].dcid) {
+            merge(entries[kept], entries[i]);
+        } else {
+            entries[++kept] = entries[i];
+        }
+    }
+    entries.resize(entries.empty() ? 0 : kept + 1);
+}
+
+void LogInvalidDcid(DORecordHeader const* header, unsigned long dcid, std::uint32_t i) noexcept {
+    char text[CRFPTextSize(CR_FP_TYPE_SHA256)];
+    CRFPDigestToString_r(reinterpret_cast<crfp_digest_t const*>(DORecordHeaderIndexOfSegment(header, i)),
+                         header->fptype, text, sizeof text);
+    ErrorA(CR_STATUS_INVALID, "%s: Invalid DCID %lu for SO %s at index %u.", kAppend, dcid, text, i);
+}
+
+// Containers come in runs, so a run costs one entry, and the sort sees few.
+bool CollectFromSegments(DORecordHeader const* header, SegmentList const& list, unsigned char const* dcids,
+                         Entries& entries) {
+    for (std::uint32_t i = 0; i < list.count; ++i) {
+        std::uint64_t const dcid = Load<std::uint64_t>(dcids + std::uint64_t{i} * kDcidSize);
+        if (dcid < kFirstFreeDcid) {
+            LogInvalidDcid(header, dcid, i);
+            return false;
+        }
+        std::uint32_t const size = SegmentSizeOf(list, i);
+        if (!entries.empty() && entries.back().dcid == dcid) {
+            entries.back().bytes += size;
+        } else {
+            entries.push_back({dcid, size});
+        }
+    }
+    SortAndMerge(entries, [](UniqueEntry& kept, UniqueEntry const& more) { kept.bytes += more.bytes; });
+    return true;
+}
+
+// At most as many entries as the record has room for are read, whatever the received count says.
+std::uint32_t ReceivedCount(unsigned char const* list, std::uint32_t nudcid) noexcept {
+    return nudcid == 0 ? 0 : std::min(UniqueCount(list, Order::Network), nudcid);
+}
+
+Entries CollectReceived(unsigned char const* list, std::uint32_t nudcid) {
+    Entries entries;
+    std::uint32_t const count = ReceivedCount(list, nudcid);
+    entries.reserve(count);
+    for (std::uint32_t i = 0; i < count; ++i) {
+        entries.push_back(LoadUniqueEntry(list, i, Order::Network));
+    }
+    SortAndMerge(entries, [](UniqueEntry& kept, UniqueEntry const& later) { kept = later; });
+    return entries;
+}
+
+} // namespace
+
+cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
+    if (getTRefsSize() != 0) {
+        ErrorA(CR_STATUS_INVALID, "%s: TRef size should be zero bytes.", kAppend);
+        return CR_STATUS_INVALID;
+    }
+    RecordLayout const layout = LayoutOf(header);
+    if (!reaches(layout, &RecordLayout::taskIds) || !sizesHold() || getRecSize() > bufferSize) {
+        return CR_STATUS_INVALID;
+    }
+    unsigned char* const lengthWord = BytesOf(header) + layout.entries;
+    bool const bloom = GetDOType() == CR_DO_TYPE_BLOOM_FILTER;
+    Entries entries;
+    try {
+        if (bloom) {
+            // Turned for good, also when there is no list, or no memory for it.
+            Turn<std::uint32_t>(lengthWord, lengthWord);
+            entries = CollectReceived(BytesOf(header) + layout.udcids, GetNudcid());
+        } else {
+            Order const order = networkOrder ? Order::Network : Order::Host;
+            if (!CollectFromSegments(header, SegmentListOf(header, layout, order, subDO),
+                                     BytesOf(header) + layout.dcids, entries)) {
+                return CR_STATUS_INVALID;
+            }
+        }
+    } catch (std::bad_alloc const&) {
+        return CR_STATUS_NO_MEMORY;
+    }
+    if (entries.empty()) {
+        return CR_STATUS_OK;
+    }
+    cr_status_t const status = makeRoomForList(entries.size());
+    if (status == CR_STATUS_OK) {
+        writeUniqueList(entries.data(), static_cast<unsigned int>(entries.size()), layout);
+    } else if (bloom && status != CR_STATUS_NO_MEMORY) {
+        Turn<std::uint32_t>(lengthWord, lengthWord);
+    }
+    return status;
+}
+
+// Sets the record size for a list of so many entries, in a buffer of just that size where the present one is too small.
+cr_status_t DORecord::makeRoomForList(unsigned long entries) noexcept {
+    RecordCounts counts = CountsOf(header, OrderOf(header));
+    counts.ntaskid = counts.nds = counts.trefssize = 0;
+    counts.nudcid = static_cast<std::uint32_t>(entries);
+    std::uint64_t const size = RecordLayout(counts).total;
+    if (size > kLargestRecord || (size > bufferSize && copyMode == CopyMode::Fixed)) {
+        return CR_STATUS_INVALID;
+    }
+    if (size > bufferSize) {
+        void* const larger = std::calloc(1, size);
+        if (!larger) {
+            return CR_STATUS_NO_MEMORY;
+        }
+        std::memcpy(larger, header, getRecSize());
+        if (ownsBuffer) {
+            std::free(header);
+        }
+        header = static_cast<DORecordHeader*>(larger);
+        bufferSize = size;
+        ownsBuffer = true;
+        copyMode = CopyMode::Own;
+    }
+    setRecSize(static_cast<unsigned int>(size));
+    return CR_STATUS_OK;
+}
+
+// Entries and checksum are host values in either order; the count has the record's order, and nudcid the host's.
+void DORecord::writeUniqueList(crrecord::UniqueEntry const* entries, unsigned int count,
+                               RecordLayout const& layout) noexcept {
+    unsigned char* const list = BytesOf(header) + layout.udcids;
+    header->nudcid = count;
+    Store(list + kUniqueCountOffset, count, networkOrder ? Order::Network : Order::Host);
+    for (std::uint32_t i = 0; i < count; ++i) {
+        StoreUniqueEntry(list, i, entries[i], Order::Host);
+    }
+    Store(list, UniqueListChecksum(list, count));
+    clear(layout.udcids + UniqueListSize(count), getRecSize());
+}
+
+cr_status_t DORecord::AppendBloom(cr_dcid_size_map_t& sizes) {
+    RecordLayout const layout = LayoutOf(header);
+    if (GetDOType() != CR_DO_TYPE_BLOOM_FILTER || !reaches(layout, &RecordLayout::taskIds) || !sizesHold()) {
+        return CR_STATUS_OK;
+    }
+    // Every call turns the word, so that every other call finds it as it was.
+    unsigned char* const lengthWord = BytesOf(header) + layout.entries;
+    Turn<std::uint32_t>(lengthWord, lengthWord);
+    unsigned char const* const list = BytesOf(header) + layout.udcids;
+    std::uint32_t const count = ReceivedCount(list, GetNudcid());
+    for (std::uint32_t i = 0; i < count; ++i) {
+        UniqueEntry const entry = LoadUniqueEntry(list, i, Order::Network);
+        sizes[entry.dcid] = entry.bytes;
+    }
+    return CR_STATUS_OK;
+}
+
+cr_status_t DORecord::GetUDCIDSizeList(cr_dcid_size_map_t& sizes) const {
+    std::uint32_t const count = GetNudcid();
+    if (count == 0) {
+        ErrorA(CR_STATUS_CORRUPT_RECORD, "%s: number of unique DCID can't be zero!", kGetSizes);
+        return CR_STATUS_CORRUPT_RECORD;
+    }
+    RecordLayout const layout = LayoutOf(header);
+    if (!reaches(layout, &RecordLayout::taskIds) || !sizesHold()) {
+        return CR_STATUS_CORRUPT_RECORD;
+    }
+    try {
+        unsigned char const* const list = BytesOf(header) + layout.udcids;
+        unsigned long const own = GetDCID();
+        sizes.clear();
+        for (std::uint32_t i = 0; i < count; ++i) {
+            UniqueEntry const entry = LoadUniqueEntry(list, i, Order::Host);
+            sizes[entry.dcid] = entry.dcid == own ? entry.bytes + GetDOSize() : entry.bytes;
+        }
+        sizes.try_emplace(own, GetDOSize());
+    } catch (...) {
+        cr_status_t& lastStatus = *__cr_errno_location();
+        lastStatus = CR_STATUS_NO_MEMORY;
+        ErrorA(lastStatus, "%s: failed to construct SO info vector, out of memory.", kGetSizes);
+        return lastStatus;
+    }
+    return CR_STATUS_OK;
+}
+
+unsigned char const* DORecord::GetSegmentUDCIDList() const {
+    return DORecordHeaderStartUDCID(header);
+}
+
+unsigned long DORecord::GetSegmentUDCID(unsigned int i) const {
+    return Load<std::uint64_t>(DORecordHeaderIndexOfUDCID(header, i));
+}
