@@ -1,0 +1,173 @@
+// SORecord: its bytes in both orders, what it refuses, and its way back from received bytes.
+
+#include <crrecord/SORecord.h>
+
+#include "support/segment_bytes.h"
+
+#include <gtest/gtest.h>
+
+#include <concepts>
+#include <cstring>
+
+namespace {
+
+// 33 bytes, with a NUL in the middle and none at the end.
+char const kKey[] = "0123456789\0ABCDEFGHIJ\0abcdefghijk";
+std::string const kKeyHex = "30313233343536373839004142434445464748494a006162636465666768696a6b";
+constexpr bool kBig = std::endian::native == std::endian::big;
+
+SORecord Made() {
+    return SORecord(2, 0x4a4b4c4d, 0x5a5b5c5d, 0x6a6b6c6d, kKey, 0xc7, 3);
+}
+
+void Turn(SORecord& record, bool toNetwork) {
+    toNetwork ? record.HostToNetwork(0) : record.NetworkToHost(CR_SO_STRIP_TASKIDS); // there are no task ids
+}
+
+Bytes BytesOf(SORecord const& record) {
+    auto const* const bytes = reinterpret_cast<unsigned char const*>(record.GetHeader());
+    return Bytes(bytes, bytes + record.GetHeaderSize());
+}
+
+// Container id and size are 32 bits in the constructor: wider ones would narrow.
+template <class Dcid, class Size>
+concept Constructs = requires(unsigned char c, unsigned short s, Dcid dcid, Size size) {
+    SORecord{s, dcid, size, 0u, "", c, c};
+};
+static_assert(Constructs<unsigned, unsigned> && !Constructs<unsigned long, unsigned>);
+static_assert(!Constructs<unsigned, unsigned long> && !std::movable<SORecord>);
+
+TEST(SORecord, ConstructsTheseBytes) {
+    SORecord const record = Made();
+    Bytes const bytes =
+        FromHex((kBig ? "000200020000006800000000000000000000000000000000000000004a4b4c4d0000000000000000"
+                        "000000005a5b5c5d6a6b6c6d00000000"
+                      : "0200020068000000000000000000000000000000000000004d4c4b4a000000000000000000000000"
+                        "5d5c5b5a000000006d6c6b6a00000000") +
+                kKeyHex + "03c70000000000" + "0000000000000000");
+    EXPECT_EQ(BytesOf(record), bytes);
+    EXPECT_FALSE(record.IsInNetworkOrder());
+}
+
+TEST(SORecord, SetsAndGetsHostValuesInEitherOrder) {
+    // The key index has the writer's order, whatever the record's.
+    std::string const tail = kKeyHex + "02fe00" + (kBig ? "d1d2" : "d2d1") + "0000" + "0000000000000000";
+    Bytes const big = FromHex("0002000000000068000000000000000081828384000000000a1a2a3a4a5a6a7a0000000000000000"
+                              "0b1b2b3b4b5b6b7b9192939400000000" +
+                              tail);
+    Bytes const little = FromHex("0200000068000000000000000000000084838281000000007a6a5a4a3a2a1a0a0000000000000000"
+                                 "7b6b5b4b3b2b1b0b9493929100000000" +
+                                 tail);
+    for (bool const network : {false, true}) {
+        SORecord record(2, 1, 0, 0, std::string(33, 'x').c_str(), 0, 0);
+        record.GetHeader()->fileid = 7;
+        Turn(record, network);
+        EXPECT_TRUE(record.GetFileID() == 7 && record.GetPathID() == 1 && record.GetDCID() == 0); // it lies in a file
+        record.SetFlags(0);
+        record.SetDCID(0x0a1a2a3a4a5a6a7a);
+        record.SetSize(0x0b1b2b3b4b5b6b7b);
+        record.SetCRC(0x91929394);
+        record.SetCheckTime(0x81828384);
+        record.SetFPType(2);
+        record.SetCryptoMode(0xfe);
+        record.SetKeyIndex(0xd1d2);
+        record.SetKey(kKey);
+        record.SetKey(record.GetKey());
+        for (bool const order : {network, !network, !network}) {
+            Turn(record, order); // nothing, where it is in that order
+            EXPECT_EQ(record.IsInNetworkOrder(), order);
+            EXPECT_EQ(BytesOf(record), order || kBig ? big : little);
+            EXPECT_TRUE(record.GetFlags() == 0 && record.GetFileID() == 0 && record.GetPathID() == record.GetDCID());
+            EXPECT_TRUE(record.GetDCID() == 0x0a1a2a3a4a5a6a7a && record.GetSize() == 0x0b1b2b3b4b5b6b7b);
+            EXPECT_TRUE(record.GetCRC() == 0x91929394 && record.GetCheckTime() == 0x81828384);
+            EXPECT_TRUE(record.GetFPType() == 2 && record.GetCryptoMode() == 0xfe && record.GetKeyIndex() == 0xd1d2);
+            EXPECT_EQ(std::memcmp(record.GetKey(), kKey, CR_SO_KEY_SIZE), 0);
+        }
+    }
+}
+
+// The status and text that `operation` throws, or "" where it doesn't.
+template <class Operation>
+std::string Thrown(Operation operation) {
+    try {
+        operation();
+    } catch (Cr_ErrnoException const& caught) {
+        return std::to_string(caught.GetStatus()) + ":" + caught.what();
+    }
+    return "";
+}
+
+TEST(SORecord, RefusesAndStaysAsItWas) {
+    for (bool const network : {false, true}) {
+        SORecord record = Made();
+        Turn(record, network);
+        Bytes const before = BytesOf(record);
+        for (unsigned short value = 0; value < 260; ++value) {
+            EXPECT_EQ(Thrown([&] { record.SetFlags(value); }), value == 0 || value == 2 ? "" : "9:") << value;
+            EXPECT_EQ(Thrown([&] { record.SetDCID(value); }), value == 1 || value >= 64 ? "" : "9:") << value;
+            auto const fptype = static_cast<unsigned char>(value);
+            EXPECT_EQ(Thrown([&] { record.SetFPType(fptype); }), fptype < 4 ? "" : "9:") << value;
+            record.SetFlags(2);
+            record.SetDCID(0x4a4b4c4d);
+            record.SetFPType(3);
+        }
+        EXPECT_EQ(Thrown([&] { record.SetFlags(0x0200); }), "9:");
+        EXPECT_EQ(Thrown([&] { record.SetKey(nullptr); }), "9:");
+        EXPECT_EQ(BytesOf(record), before);
+    }
+    // In this order: flags, container, key, type. A key behind an earlier refusal is not read.
+    auto const* const badKey = reinterpret_cast<char const*>(1);
+    EXPECT_EQ(Thrown([&] { SORecord(1, 64, 0, 0, badKey, 0, 0); }), "9:");
+    EXPECT_EQ(Thrown([&] { SORecord(0, 63, 0, 0, badKey, 0, 0); }), "9:");
+    EXPECT_EQ(Thrown([&] { SORecord(0, 64, 0, 0, nullptr, 0, 0); }), "9:");
+    EXPECT_EQ(Thrown([&] { SORecord(0, 64, 0, 0, kKey, 0, 4); }), "9:");
+}
+
+TEST(SORecord, DoesNotFollowCountsWrittenThroughTheHeader) {
+    for (bool const network : {false, true}) {
+        for (auto const count : {&_SegmentDBRecord::ntaskids, &_SegmentDBRecord::nfp}) {
+            SORecord record = Made();
+            Turn(record, network);
+            record.GetHeader()->*count = 0xfe;
+            Bytes const before = BytesOf(record);
+            EXPECT_EQ(Thrown([&] { Turn(record, !network); }), "9:");
+            EXPECT_TRUE(record.IsInNetworkOrder() == network && BytesOf(record) == before);
+        }
+    }
+}
+
+TEST(SORecord, ComparesRawBytes) {
+    SORecord record = Made(), other = Made();
+    EXPECT_TRUE(record == other && !(record != other));
+    other.HostToNetwork(0);
+    EXPECT_EQ(record == other, kBig);
+    record.HostToNetwork(0);
+    for (std::size_t at = 0; at < CR_SO_RECORD_SIZE; ++at) {
+        reinterpret_cast<unsigned char*>(record.GetHeader())[at] ^= 0x80;
+        EXPECT_TRUE(record != other && !(record == other)) << at;
+        reinterpret_cast<unsigned char*>(record.GetHeader())[at] ^= 0x80;
+    }
+}
+
+TEST(SORecord, ComesFromBytesInEitherOrder) {
+    auto const from = [](Bytes const& bytes, unsigned int options = 0) {
+        return Thrown([&] { SORecord::FromBuffer(bytes.data(), bytes.size(), options); });
+    };
+    for (bool const network : {false, true}) {
+        Bytes bytes = Golden({network, 2, 0, 0});
+        auto const record = SORecord::FromBuffer(bytes.data(), bytes.size());
+        EXPECT_EQ(BytesOf(*record), Golden({false, 2, 0, 0}));
+        EXPECT_EQ(record->GetPathID(), 0x0102030405060708u);
+        EXPECT_EQ(from(bytes, 1) + from(bytes, 4), "9:9:");
+        EXPECT_EQ(from(Bytes(bytes.begin(), bytes.end() - 1)), "32:Invalid SO record: recsize 104, size 103");
+        EXPECT_EQ(from(Golden({network, 2, 1, 0})), "32:Invalid SO record: size 112, expected 104"); // good, but longer
+        bytes[89] = 4;
+        EXPECT_EQ(from(bytes), "32:Invalid SO record: invalid fp type 4");
+        bytes[0] = bytes[1] = 5;
+        EXPECT_EQ(from(bytes), "32:Invalid SO record: type 1285, expected 2");
+    }
+    EXPECT_EQ(from(Bytes(95)), "32:Invalid SO record: size 95, expected at least 96");
+    EXPECT_EQ(Thrown([] { SORecord::FromBuffer(nullptr, 104); }), "9:");
+}
+
+} // namespace

@@ -1,0 +1,133 @@
+// What happens without memory, and what needs none.
+
+#include <crrecord/SORecord.h>
+#include <crrecord/fingerprint.h>
+
+#include "support/fault.h"
+#include "support/log_capture.h"
+#include "support/segment_bytes.h"
+
+#include <gtest/gtest.h>
+#include <openssl/err.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+// The status that `make` ends with; an exception with a text has the one that was logged.
+template <class Make>
+cr_status_t StatusOf(Make make) {
+    try {
+        make();
+        return CR_STATUS_OK;
+    } catch (Cr_ErrnoException const& caught) {
+        EXPECT_TRUE(*caught.what() == '\0' || std::strcmp(caught.what(), zebLogLastMessageA()) == 0);
+        return caught.GetStatus();
+    }
+}
+
+TEST(Memory, ExceptionNeedsItsOwnObjectOnly) {
+    std::stringstream const stream(std::string(2000, 'x'));
+    auto const throwCopy = [&] {
+        try {
+            Cr_ErrnoException copy(Cr_ErrnoException(CR_STATUS_INVALID, "text", nullptr));
+            copy = Cr_ErrnoException(CR_STATUS_INVALID, stream, "detail");
+            throw copy;
+        } catch (Cr_ErrnoException const& caught) {
+            return caught.GetStatus();
+        }
+    };
+    fault::Outcome const outcome = fault::Run(throwCopy, 1, true);
+    EXPECT_EQ(outcome.attempts, 0u);
+    EXPECT_EQ(outcome.exceptions, 1u);
+}
+
+TEST(Memory, LoggingDiagnosingAndConvertingNeedNone) {
+    Bytes bytes = Golden({false, 9});
+    LogCapture log(1);
+    auto const work = [&] {
+        ErrorA(CR_STATUS_NO_MEMORY, "%2000s", "x");
+        SegmentRecordDiagnose(
+            bytes.data(), 160, 0, [](auto...) { return true; }, nullptr);
+        cr_status_t const status = SegmentRecordValidate(RecordOf(bytes), 160, 0);
+        SegmentRecordHton(RecordOf(bytes), RecordOf(bytes), CR_SO_STRIP_TASKIDS);
+        return status;
+    };
+    EXPECT_EQ(fault::Run(work, 1, true).attempts, 0u);
+    EXPECT_EQ(log.Take(),
+              "error 22: " + std::string(1020, ' ') + "...\ntrace 0: Invalid SO record: invalid fp type 9\n");
+}
+
+// The last size that fits 32 bits is asked for; the next isn't, nor one whose product would wrap to 37.
+TEST(Memory, SerializeReportsABlockThatIsNotToBeHad) {
+    struct Row {
+        unsigned char fptype;
+        unsigned int nfp;
+        unsigned long attempts;
+        std::string size;
+    };
+    for (Row const& row : {Row{2, 2, 1, "99"}, Row{3, 2, 1, "163"}, Row{1, 130'150'523, 1, "4294967292"},
+                           Row{1, 130'150'524, 0, "4294967325"}, Row{3, 66'076'420, 0, "4294967333"},
+                           Row{3, 0xffffffff, 0, "279172874208"}}) {
+        Bytes bytes = Golden({false, row.fptype});
+        RecordOf(bytes)->nfp = row.nfp;
+        void* out = &bytes;
+        unsigned long length = 77;
+        LogCapture log(1);
+        errno = EINVAL; // of an earlier call; the allocator says nothing of its own
+        auto const outcome =
+            fault::Run([&] { return SegmentRecordSerialize(RecordOf(bytes), &out, &length); }, 1, true);
+        EXPECT_TRUE(outcome.status == CR_STATUS_NO_MEMORY && out == nullptr && length == 77);
+        EXPECT_EQ(outcome.attempts, row.attempts) << row.size;
+        EXPECT_EQ(log.Take(),
+                  "trace 0: SegmentRecordSerialize (SOmarshall/serialize.cpp:350): error number 12 is status "
+                  "22\nerror 22: Could not serialize SO: malloc failed for " +
+                      row.size + " bytes (" + CRStatusToStringA(CR_STATUS_NO_MEMORY) + ")\n");
+    }
+}
+
+TEST(Memory, SORecordReportsEveryFailureAndLeavesNothing) {
+    LogCapture log;
+    char const key[33] = {};
+    EXPECT_EQ(fault::FailEach([&] { return StatusOf([&] { SORecord(0, 64, 0, 0, key, 0, 0); }); }), 1u);
+    EXPECT_EQ(log.Take(), "error 22: SORecord: memory allocation of 104 bytes failed!\n");
+    auto const refused = fault::Run([&] { return StatusOf([] { SORecord(0, 64, 0, 0, nullptr, 0, 0); }); }, 0);
+    EXPECT_TRUE(refused.status == CR_STATUS_INVALID && refused.attempts == 1 && refused.live == 0);
+    Bytes const bytes = Golden({false, 0, 0, 0});
+    EXPECT_GE(fault::FailEach([&] { return StatusOf([&] { SORecord::FromBuffer(bytes.data(), 104); }); }), 1u);
+}
+
+TEST(Memory, DigestObjectIsNullWithoutIt) {
+    crfp_digest_t const digest{};
+    auto const make = [&] {
+        *__cr_errno_location() = CR_STATUS_OK;
+        crt_digest_t* made = CRTDigestNewFull(1, &digest, 0);
+        EXPECT_EQ(made == nullptr, *__cr_errno_location() != CR_STATUS_OK);
+        CRTDigestDelete(&made);
+        return *__cr_errno_location();
+    };
+    EXPECT_EQ(fault::FailEach(make), 1u);
+}
+
+// All but the fetch and the thread's error queue, which OpenSSL makes once.
+TEST(Memory, FingerprintReportsEveryFailureAndAbandonsNothing) {
+    for (unsigned int fptype = 0; fptype < 4; ++fptype) {
+        crfp_context_t first;
+        ASSERT_EQ(CRFPInitialize(&first, fptype), 0);
+        ERR_raise(ERR_LIB_USER, 1);
+        auto const start = [=] {
+            crfp_context_t context;
+            *__cr_errno_location() = CR_STATUS_OK;
+            bool const opened = CRFPInitialize(&context, fptype) == 0;
+            cr_status_t const status = *__cr_errno_location();
+            EXPECT_EQ(CRFPAppend(&context, "x", 1) == 0, opened);
+            return status;
+        };
+        EXPECT_GE(fault::FailEach(start), 1u);
+        EXPECT_EQ(ERR_get_error(), ERR_PACK(ERR_LIB_USER, 0, 1));
+        EXPECT_EQ(ERR_get_error(), 0u);
+    }
+}
+
+} // namespace

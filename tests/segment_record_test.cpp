@@ -1,0 +1,244 @@
+// Segment records, byte for byte: conversion, serialized form, streams, validation.
+
+#include <crrecord/SOmarshall.h>
+
+#include "support/log_capture.h"
+#include "support/segment_bytes.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <iomanip>
+#include <locale>
+#include <sstream>
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// The same record in the other order, maybe without its task ids.
+Bytes Turned(Shape shape, bool strip = false) {
+    shape.network = !shape.network;
+    shape.taskIds = strip ? 0 : shape.taskIds;
+    return Golden(shape);
+}
+
+cr_status_t Validate(Bytes const& bytes, unsigned int options) {
+    auto const* const record = reinterpret_cast<_SegmentDBRecord const*>(bytes.data());
+    return SegmentRecordValidate(record, static_cast<unsigned int>(bytes.size()), options);
+}
+
+// Into a record that keeps its crypto mode, reserved byte, key index and spare slot; and in place.
+TEST(Convert, TurnsAndStrips) {
+    for (Shape const& shape : kShapes) {
+        for (unsigned int const options : {0u, CR_SO_STRIP_TASKIDS, ~CR_SO_STRIP_TASKIDS}) {
+            auto const convert = shape.network ? SegmentRecordNtoh : SegmentRecordHton;
+            Bytes bytes = Golden(shape), expected = Turned(shape, options == CR_SO_STRIP_TASKIDS);
+            Bytes separate(expected.size(), 0xee), separateExpected = expected;
+            std::memset(&separateExpected[90], 0xee, 4);
+            std::memset(&separateExpected[expected.size() - 8], 0xee, 8);
+            convert(RecordOf(separate), RecordOf(bytes), options);
+            EXPECT_EQ(separate, separateExpected);
+            EXPECT_EQ(bytes, Golden(shape));
+            convert(RecordOf(bytes), RecordOf(bytes), options);
+            std::size_t const spare = bytes.size() == expected.size() ? 0 : 8; // what a moved slot holds is open
+            EXPECT_EQ(Bytes(bytes.begin(), bytes.begin() + expected.size() - spare),
+                      Bytes(expected.begin(), expected.end() - spare));
+        }
+    }
+}
+
+TEST(Serialize, WritesTheExchangeForm) {
+    void* out = nullptr;
+    unsigned long length = 77;
+    for (unsigned char const fptype : Bytes{0, 2, 3, 9}) {
+        Bytes bytes = Golden({false, fptype});
+        EXPECT_EQ(SegmentRecordSerialize(nullptr, &out, &length), CR_STATUS_NULL_ARGUMENT);
+        EXPECT_EQ(SegmentRecordSerialize(RecordOf(bytes), nullptr, &length), CR_STATUS_NULL_ARGUMENT);
+        EXPECT_EQ(SegmentRecordSerialize(RecordOf(bytes), &out, nullptr), CR_STATUS_NULL_ARGUMENT);
+        EXPECT_TRUE(out == nullptr && length == 77);
+        Bytes expected = FromHex("41424344454647480102030405060708"
+                                 "3132333435363738"
+                                 "5152535400000002");
+        for (std::string const& text : {FingerprintText(0, fptype), FingerprintText(1, fptype), std::string()}) {
+            expected.insert(expected.end(), text.c_str(), text.c_str() + text.size() + 1);
+        }
+        EXPECT_EQ(SegmentRecordSerialize(RecordOf(bytes), &out, &length), CR_STATUS_OK);
+        EXPECT_EQ(Bytes(static_cast<char*>(out), static_cast<char*>(out) + length), expected);
+        EXPECT_EQ(bytes, Golden({false, fptype}));
+        std::free(std::exchange(out, nullptr));
+        length = 77;
+    }
+}
+
+struct Grouping : std::numpunct<char> {
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+};
+struct FullDisk : std::streambuf {}; // takes no character
+
+// The text has a raw character for each fingerprint. It is written from host order, and left so where the stream
+// throws.
+TEST(ToStream, WritesBothForms) {
+    for (Shape const& shape : kShapes) {
+        std::ostringstream text, binary;
+        text.imbue(std::locale(std::locale::classic(), new Grouping));
+        text << std::hex << std::showbase << std::showpos << std::setfill('*') << std::setw(40);
+        Bytes bytes = Golden(shape), network = shape.network ? Golden(shape) : Turned(shape);
+        EXPECT_EQ(&SegmentRecordToStream(text, *RecordOf(bytes), false), &text);
+        EXPECT_EQ(&SegmentRecordToStream(binary, *RecordOf(bytes), true), &binary);
+        EXPECT_EQ(text.str(), "2,1,2,72623859790382856,3544952156018063160,4702394921427289928,1364349780," +
+                                  std::to_string(shape.fptype) + ",," +
+                                  (shape.taskIds != 0 ? "3,2,[65,18446744073709551614,9332165983064197000],[,,\xf0]"
+                                                      : "0,0,[],[]"));
+        EXPECT_EQ(binary.str(), std::string(network.begin(), network.end()));
+        for (bool const asBinary : {true, false}) {
+            FullDisk disk;
+            std::ostream stream(&disk);
+            SegmentRecordToStream(stream, *RecordOf(bytes), asBinary);
+            EXPECT_EQ(bytes, Golden(shape));
+            stream.clear();
+            stream.exceptions(std::ios::badbit);
+            EXPECT_THROW(SegmentRecordToStream(stream, *RecordOf(bytes), asBinary), std::ios::failure);
+            EXPECT_EQ(bytes, shape.network && !asBinary ? Turned(shape) : Golden(shape));
+        }
+    }
+}
+
+TEST(ToStream, WritesTextOfAnyLength) {
+    Bytes bytes = Golden({false, 1, 0, 0});
+    bytes.insert(bytes.begin() + 96, 8 * 1000, 0xff);
+    RecordOf(bytes)->ntaskids = 1000;
+    std::ostringstream stream;
+    SegmentRecordToStream(stream, *RecordOf(bytes), false);
+    std::string expected = ",,1000,0,[18446744073709551615";
+    for (int i = 1; i < 1000; ++i) {
+        expected += ",18446744073709551615";
+    }
+    EXPECT_TRUE(stream.str().ends_with(expected + "],[]"));
+}
+
+// A record with every fault; one after the other is mended.
+TEST(Validate, TracesTheFirstFaultInOrder) {
+    for (unsigned int const network : {0u, CR_SO_NETWORK_ORDER}) {
+        Bytes bytes = Golden({network != 0, 9, 3, 1});
+        SetLow(bytes, network, 4, 4, 99);
+        SetLow(bytes, network, 52, 4, 2);
+        struct Step {
+            std::size_t offset, width, value;
+            std::string text;
+        };
+        for (Step const& step :
+             {Step{0, 2, 7, "type 7, expected 2"}, Step{0, 2, 2, "recsize 99, size 144"},
+              Step{4, 4, 144, "calculated size 160, size 144"}, Step{52, 4, 1, "3 taskids, expected 0"}}) {
+            SetLow(bytes, network, step.offset, step.width, step.value);
+            for (int const trace : {0, 1}) {
+                LogCapture log(trace);
+                EXPECT_EQ(Validate(bytes, CR_SO_NO_TASKIDS | network), CR_STATUS_CORRUPT_RECORD);
+                EXPECT_EQ(log.Take(), trace ? "trace 0: Invalid SO record: " + step.text + "\n" : "");
+            }
+        }
+        LogCapture log(1);
+        EXPECT_EQ(Validate(bytes, network), CR_STATUS_CORRUPT_RECORD);
+        EXPECT_EQ(log.Take(), "trace 0: Invalid SO record: invalid fp type 9\n");
+        EXPECT_EQ(Validate(bytes, network ^ CR_SO_NETWORK_ORDER), CR_STATUS_CORRUPT_RECORD);
+        EXPECT_EQ(log.Take(), "trace 0: Invalid SO record: type 512, expected 2\n");
+        bytes = Golden({network != 0, 1, 0, 0});
+        EXPECT_EQ(Validate(bytes, CR_SO_NO_TASKIDS | network), CR_STATUS_OK);
+        bytes.resize(100); // without all of the spare slot
+        SetLow(bytes, network, 4, 4, 100);
+        EXPECT_EQ(Validate(bytes, network), CR_STATUS_CORRUPT_RECORD);
+        EXPECT_EQ(log.Take(), "trace 0: Invalid SO record: calculated size 104, size 100\n");
+        EXPECT_EQ(Validate(bytes, 4), CR_STATUS_INVALID);
+        EXPECT_EQ(Validate(bytes, 0x80000000), CR_STATUS_INVALID);
+        EXPECT_EQ(Validate({}, 0), CR_STATUS_INVALID);
+        EXPECT_EQ(log.Take(), "");
+    }
+}
+
+TEST(Validate, AnswersForEveryLengthAndEveryFlippedBit) {
+    for (Shape const& shape : kShapes) {
+        std::string const whole = std::to_string(Golden(shape).size());
+        for (std::size_t at = 1; at < Golden(shape).size(); ++at) {
+            Bytes part = Golden(shape);
+            part.resize(at);
+            part.shrink_to_fit(); // nothing behind may be read
+            std::string const size = "size " + std::to_string(at);
+            LogCapture log(1);
+            EXPECT_EQ(Validate(part, shape.network), CR_STATUS_CORRUPT_RECORD);
+            EXPECT_EQ(log.Take(), "trace 0: Invalid SO record: " + (at < 96 ? size + ", expected at least 96\n"
+                                                                            : "recsize " + whole + ", " + size + "\n"));
+        }
+        for (std::size_t bit = 0; bit < 8 * Golden(shape).size(); ++bit) {
+            Bytes bytes = Golden(shape);
+            std::size_t const at = bit / 8;
+            bytes[at] = static_cast<unsigned char>(bytes[at] ^ 1u << bit % 8);
+            bool const counts = at / 2 == 0 || at / 4 == 1 || at / 4 == 3 || at / 4 == 13;
+            // Another type is good where it is known and the fingerprints, if there are any, stay as wide.
+            bool const widens = shape.fingerprints != 0 && (bytes[89] == 3) != (shape.fptype == 3);
+            bool const valid = !counts && !widens && bytes[89] < 4;
+            EXPECT_EQ(Validate(bytes, shape.network), valid ? CR_STATUS_OK : CR_STATUS_CORRUPT_RECORD) << bit;
+        }
+    }
+}
+
+// Everything that a walk over `size` bytes says; ends it at `most` lines. A validator's trace tells the errors'
+// messages.
+Lines Findings(Bytes const& bytes, unsigned long size, unsigned int options, cr_status_t expected, std::size_t most) {
+    std::pair<Lines, std::size_t> seen{{}, most};
+    auto const see = [](cr_finding_t const* finding, void* context) {
+        auto& [lines, limit] = *static_cast<std::pair<Lines, std::size_t>*>(context);
+        std::ostringstream line;
+        line << finding->code << ' ' << CRFindingName(finding->code) << ' ' << finding->field << '@' << finding->offset
+             << ' ' << finding->found << '/' << finding->expected << ' '
+             << (finding->severity == CR_FINDING_ERROR ? "error" : finding->message);
+        lines.push_back(line.str());
+        return finding->struct_size == sizeof *finding && lines.size() < limit;
+    };
+    EXPECT_EQ(SegmentRecordDiagnose(bytes.data(), size, options, see, &seen), expected);
+    EXPECT_EQ(SegmentRecordDiagnose(bytes.data(), size, options, nullptr, nullptr), expected);
+    return seen.first;
+}
+
+TEST(Diagnose, ReportsEveryFaultAndOddity) {
+    for (unsigned int const network : {0u, CR_SO_NETWORK_ORDER}) {
+        Bytes bad = Golden({network != 0, 9, 3, 1}), odd = Golden({network != 0});
+        EXPECT_EQ(Findings(odd, 160, network, CR_STATUS_OK, 1), Lines{});
+        SetLow(bad, network, 0, 2, 7);
+        SetLow(bad, network, 4, 4, 99);
+        std::memset(&bad[12], 0xff, 4); // the most task ids and fingerprints
+        std::memset(&bad[52], 0xff, 4);
+        bad[91] = 1; // odd, but notes are for good records
+        Lines faults{"102 so-type type@0 7/2 error", "103 so-recsize recsize@4 99/144 error",
+                     "104 so-calculated nfp@52 103079215184/144 error", "105 so-taskids ntaskids@12 4294967295/0 error",
+                     "106 so-fptype fptype@89 9/3 error"};
+        for (; !faults.empty(); faults.pop_back()) {
+            EXPECT_EQ(Findings(bad, 144, network | CR_SO_NO_TASKIDS, CR_STATUS_CORRUPT_RECORD, faults.size()), faults);
+        }
+        SetLow(odd, network, 2, 2, 6);
+        std::memset(&odd[24], 0, 16);
+        SetLow(odd, network, 24, 8, 63);
+        odd[91] = 5;
+        SetLow(odd, network, 152, 8, 9);
+        Lines notes{"151 so-flags flags@2 6/0 flags 6, expected 0 or 2",
+                    "152 so-dcid pathid@24 63/64 reserved container id 63, expected 1 or at least 64",
+                    "153 so-reserved reserved@91 5/0 reserved byte 5, expected 0",
+                    "154 so-spare spare@152 9/0 spare slot 9, expected 0"};
+        for (; !notes.empty(); notes.pop_back()) {
+            EXPECT_EQ(Findings(odd, 160, network, CR_STATUS_OK, notes.size()), notes);
+        }
+    }
+    Bytes const good = Golden({false});
+    EXPECT_EQ(Findings(good, 95, 0, CR_STATUS_CORRUPT_RECORD, 9), Lines{"101 so-length length@95 95/96 error"});
+    EXPECT_EQ(Findings(good, (1ul << 32) + 160, 0, CR_STATUS_CORRUPT_RECORD, 1),
+              Lines{"103 so-recsize recsize@4 160/4294967456 error"});
+    EXPECT_EQ(Findings(good, 160, 4, CR_STATUS_INVALID, 1), Lines{});
+    EXPECT_EQ(Findings({}, 160, 0, CR_STATUS_INVALID, 1), Lines{});
+}
+
+TEST(RecordInContainer, IsTrueForFileIdZeroOnly) {
+    EXPECT_TRUE(RecordInContainer(0) && !RecordInContainer(1) && !RecordInContainer(1ul << 32));
+}
+
+} // namespace

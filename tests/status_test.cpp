@@ -1,0 +1,171 @@
+// Statuses, the exception, the log and the trace.
+
+#include <crrecord/SOmarshall.h>
+
+#include "support/log_capture.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <set>
+#include <thread>
+
+namespace {
+
+constexpr auto kOddStatus = static_cast<cr_status_t>(-2'000'000'000); // any 32-bit value passes
+
+TEST(Status, NumbersArePinnedAndTextsDiffer) {
+    constexpr int kNumbers[] = {0, 9, 22, 32, 65, 71, 72, 89, 111, 113};
+    constexpr cr_status_t kStatuses[] = {CR_STATUS_OK,
+                                         CR_STATUS_INVALID,
+                                         CR_STATUS_NO_MEMORY,
+                                         CR_STATUS_CORRUPT_RECORD,
+                                         CR_STATUS_NULL_ARGUMENT,
+                                         CR_STATUS_NOT_SUPPORTED,
+                                         CR_STATUS_NOT_FOUND,
+                                         CR_STATUS_CORRUPT_DATA,
+                                         CR_STATUS_INVALID_FP_TYPE,
+                                         CR_STATUS_INVALID_DO_TYPE};
+    EXPECT_TRUE(std::equal(std::begin(kStatuses), std::end(kStatuses), std::begin(kNumbers), std::end(kNumbers)));
+    std::set<std::string> texts{"", CRStatusToStringA(kOddStatus)};
+    for (cr_status_t const status : kStatuses) {
+        EXPECT_TRUE(texts.insert(CRStatusToStringA(status)).second) << status;
+    }
+}
+
+TEST(Exception, OutlivesItsSourcesAndCutsThem) {
+    for (std::size_t const length : {0, 255, 256, 1023, 1024, 5000}) {
+        std::string text(length, 'x');
+        auto stream = std::make_unique<std::stringstream>(text);
+        Cr_ErrnoException const fixed(kOddStatus, text.c_str(), text.c_str());
+        Cr_ErrnoException const composed(CR_STATUS_CORRUPT_DATA, *stream, nullptr);
+        stream.reset();
+        text.assign(length, '?');
+        EXPECT_EQ(fixed.what(), std::string(std::min(length, 1023ul), 'x'));
+        EXPECT_EQ(composed.what(), std::string(std::min(length, 1023ul), 'x'));
+        EXPECT_EQ(fixed.GetDetail(), std::string(std::min(length, 255ul), 'x'));
+        EXPECT_TRUE(fixed.GetStatus() == kOddStatus && composed.GetDetail() == nullptr);
+    }
+    EXPECT_STREQ(Cr_ErrnoException(CR_STATUS_INVALID).what(), "");
+    EXPECT_STREQ(Cr_ErrnoException(CR_STATUS_INVALID, static_cast<char*>(nullptr), nullptr).what(), "");
+}
+
+TEST(MapError, GivesNoMemoryAndTracesThePlace) {
+    for (int const error : {ENOMEM, 0, EAGAIN}) {
+        LogCapture log(1);
+        errno = error;
+        EXPECT_EQ(_crMapError("Serialize", "DORecord", 320), CR_STATUS_NO_MEMORY);
+        EXPECT_EQ(errno, error);
+        CRLogSetTrace(0);
+        _crMapError("Serialize", "DORecord", 320);
+        std::string const number = std::to_string(error);
+        EXPECT_EQ(log.Take(), "trace 0: Serialize (DORecord:320): error number " + number + " is status 22\n");
+    }
+}
+
+TEST(Log, HandsTheBareTextToTheSink) {
+    EXPECT_EQ(*__zeblog_trace_location(), 0);
+    LogCapture log(1);
+    EXPECT_EQ(*__zeblog_trace_location(), 1);
+    errno = E2BIG;
+    ErrorA(CR_STATUS_NOT_FOUND, "%s: %lu\n%x", "Name", 7ul, 0xabu);
+    WarningA(kOddStatus, "%s, %s", zebLogLastMessageA(), zebLogLastMessageA());
+    __TraceA("%s", "traced");
+    EXPECT_EQ(log.Take(), "error 72: Name: 7\nab\nwarning -2000000000: Name: 7\nab, Name: 7\nab\ntrace 0: traced\n");
+    EXPECT_STREQ(zebLogLastMessageA(), "Name: 7\nab, Name: 7\nab");
+    ErrorA(CR_STATUS_INVALID, "%ls", L"\xd800"); // no character: printf fails and says so in errno
+    EXPECT_EQ(errno, E2BIG);
+}
+
+TEST(Log, CutsLongMessagesVisibly) {
+    for (std::size_t const length : {1022, 1023, 1024, 5000}) {
+        LogCapture log;
+        std::string const text(length, 'x'), kept = length <= 1023 ? text : std::string(1020, 'x') + "...";
+        ErrorA(CR_STATUS_INVALID, "%s", text.c_str());
+        __TraceA("%s", text.c_str());
+        EXPECT_EQ(log.Take(), "error 9: " + kept + "\ntrace 0: " + kept + "\n");
+        EXPECT_EQ(zebLogLastMessageA(), kept);
+    }
+}
+
+// With a lock held during the call, routing the log anew would hang.
+TEST(Log, SinkMayRouteAndLogItself) {
+    std::string seen;
+    auto const sink = [](cr_log_level_t, cr_status_t, char const* message, void* context) {
+        LogCapture inner;
+        WarningA(CR_STATUS_OK, "inner");
+        static_cast<std::string*>(context)->append(message).append(", ").append(inner.Take());
+    };
+    CRLogSetSink(sink, &seen);
+    ErrorA(CR_STATUS_INVALID, "outer");
+    EXPECT_EQ(seen, "outer, warning 0: inner\n");
+    EXPECT_STREQ(zebLogLastMessageA(), "outer");
+}
+
+TEST(Log, WritesPlainLinesToStandardErrorByDefault) {
+    CRLogSetSink(nullptr, nullptr);
+    std::string const longest(1023, 'x');
+    testing::internal::CaptureStderr();
+    ErrorA(CR_STATUS_NOT_FOUND, "a\nb\tc\x1b[1m\x7f\xc3\xa9 \x01\x1f~");
+    WarningA(kOddStatus, "%s", longest.c_str());
+    __TraceA("traced");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "crrecord: error 72: a?b?c?[1m?\xc3\xa9 ??~\ncrrecord: warning -2000000000: " + longest +
+                  "\ncrrecord: trace: traced\n");
+}
+
+// Lines, last message and last status: each thread has its own.
+TEST(Log, KeepsThreadsApart) {
+    constexpr std::size_t kThreads = 8, kLines = 100;
+    auto const textOf = [](std::size_t thread) { return std::string(1 + 140 * thread, "abcdefgh"[thread]); };
+    auto const work = [](std::string const& mine) {
+        EXPECT_STREQ(zebLogLastMessageA(), "");
+        EXPECT_EQ(std::exchange(*__cr_errno_location(), CR_STATUS_INVALID), CR_STATUS_OK);
+        for (std::size_t i = 0; i < kLines; ++i) {
+            ErrorA(CR_STATUS_INVALID, "%s", mine.c_str());
+            EXPECT_EQ(zebLogLastMessageA(), mine);
+        }
+    };
+    testing::internal::CaptureStderr();
+    for (std::vector<std::jthread> threads; threads.size() < kThreads;) {
+        threads.emplace_back(work, textOf(threads.size()));
+    }
+    std::istringstream lines(testing::internal::GetCapturedStderr());
+    std::multiset<std::string> seen;
+    for (std::string line; std::getline(lines, line);) {
+        seen.insert(line);
+    }
+    EXPECT_EQ(seen.size(), kThreads * kLines);
+    for (std::size_t thread = 0; thread < kThreads; ++thread) {
+        EXPECT_EQ(seen.count("crrecord: error 9: " + textOf(thread)), kLines);
+    }
+}
+
+std::atomic<int> linesOf[2], strayLines;
+
+template <int I>
+void CountErrors(cr_log_level_t level, cr_status_t, char const*, void* context) {
+    (context == &linesOf[I] ? linesOf[I] : strayLines) += level == CR_LOG_ERROR;
+}
+
+TEST(Log, SinkAndSwitchMayChangeMeanwhile) {
+    constexpr int kLines = 2000;
+    CRLogSetSink(CountErrors<0>, &linesOf[0]);
+    std::thread logging([] {
+        _SegmentDBRecord const record{};
+        for (int i = 0; i < kLines; ++i) {
+            ErrorA(CR_STATUS_INVALID, "line %d", i);
+            SegmentRecordValidate(&record, 0, 0);
+        }
+    });
+    for (int i = 0; i < kLines; ++i) {
+        i % 2 ? CRLogSetSink(CountErrors<0>, &linesOf[0]) : CRLogSetSink(CountErrors<1>, &linesOf[1]);
+        CRLogSetTrace(i % 2);
+    }
+    logging.join();
+    LogCapture{}; // restores
+    EXPECT_TRUE(linesOf[0] + linesOf[1] == kLines && strayLines == 0);
+}
+
+} // namespace
