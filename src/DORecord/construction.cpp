@@ -279,7 +279,6 @@ void DORecord::initWithBloom(unsigned long CID, unsigned long size, unsigned lon
     makeBlank();
     try {
         CheckTypes(fptype, dotype);
-        CheckTaskIds(taskIDs, ntaskIDs);
         if (bsize == 0 ? dotype == CR_DO_TYPE_BLOOM_FILTER : !bitmap) {
             Refuse("Got empty bloom filter bitmap.");
         }
@@ -293,6 +292,7 @@ void DORecord::initWithBloom(unsigned long CID, unsigned long size, unsigned lon
             taskIDs,
             ntaskIDs,
             {.nudcid = CheckList(AsBytes(udcidList)), .bsize = bsize, .fptype = fptype, .dotype = dotype}};
+        CheckTaskIds(taskIDs, ntaskIDs);
         allocate(DORecordHeaderSizeWithBloom(0, bsize, values.counts.nudcid, 0, dotype, 0));
         writeHeader(values);
         if (bsize != 0) {
