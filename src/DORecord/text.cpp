@@ -68,7 +68,9 @@ void DORecord::writeText(std::ostream& stream) const {
     if (networkOrder) {
         Refuse("cannot write DO record to stream in text form because it is in network order");
     }
-    RecordLayout const layout = layoutUpTo(&RecordLayout::udcids);
+    // The fields that an unknown DO type does not have may lie in the tail.
+    bool const known = header && CRDOTypeIsValid(GetDOType()) != 0;
+    RecordLayout const layout = layoutUpTo(known ? &RecordLayout::udcids : &RecordLayout::total);
     TextWriter text(stream);
     WriteHeaderFields(text, *header);
     text.Character('[');
@@ -81,7 +83,11 @@ void DORecord::writeText(std::ostream& stream) const {
 
 // The bytes are written in host order. Whatever fails, bytes and order are as before.
 void DORecord::writeBytes(std::ostream& stream) const {
-    RecordLayout const layout = layoutUpTo(GetNTRefs() == 0 ? &RecordLayout::udcids : &RecordLayout::tail);
+    // Turning there and back walks the record by what it finds in either order.
+    SectionEnd const end = networkOrder       ? &RecordLayout::total
+                           : GetNTRefs() == 0 ? &RecordLayout::udcids
+                                              : &RecordLayout::tail;
+    RecordLayout const layout = layoutUpTo(end);
     if (!sizesHold() || getRecSize() > bufferSize) {
         Refuse(kInvalidRecordSize);
     }
