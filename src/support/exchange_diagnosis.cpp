@@ -14,7 +14,7 @@ namespace {
 constexpr unsigned int kKnownOptions = CR_DO_FORM_CHECKSUM | CR_DO_SUB_DO;
 constexpr char kWhat[] = "serialized DO";
 
-bool CheckHead(Form const& form, bool measured, FindingReporter& report) noexcept {
+bool CheckHead(Form const& form, FindingReporter& report) noexcept {
     std::uint32_t const zero = form.Word(kZeroOffset);
     if (zero != 0 && !report.Error({CR_FINDING_FORM_ZERO, "zero", kZeroOffset, zero, 0},
                                    "Invalid %s: word %u behind the count, expected 0", kWhat, zero)) {
@@ -25,20 +25,18 @@ bool CheckHead(Form const& form, bool measured, FindingReporter& report) noexcep
                       "Invalid %s: a bloom form with %u segments, expected 0", kWhat, form.counts.nfp)) {
         return false;
     }
-    if (measured) {
-        std::uint64_t const total = RecordLayout(form.counts).total;
-        return total <= kLargestRecord ||
-               report.Error({CR_FINDING_FORM_TOO_LARGE, "nfp", kCountOffset, total, kLargestRecord},
-                            "Invalid %s: a record of %lu bytes, expected at most %lu", kWhat, total, kLargestRecord);
-    }
     std::uint64_t const calculated = form.IsBloom() ? BloomFormSize(form.counts.bsize, form.counts.nudcid)
                                                     : FormSize(form.counts.nfp, form.counts.dotype, form.counts.fptype);
     if (calculated != form.size) {
         report.Error({CR_FINDING_FORM_CALCULATED, form.IsBloom() ? "bsize" : "nfp",
                       form.IsBloom() ? kHeadSize : kCountOffset, calculated, form.size},
                      "Invalid %s: calculated size %lu, size %lu", kWhat, calculated, form.size);
+        return false;
     }
-    return false;
+    std::uint64_t const total = RecordLayout(form.counts).total;
+    return total <= kLargestRecord ||
+           report.Error({CR_FINDING_FORM_TOO_LARGE, "nfp", kCountOffset, total, kLargestRecord},
+                        "Invalid %s: a record of %lu bytes, expected at most %lu", kWhat, total, kLargestRecord);
 }
 
 // The segments of the form, as the rules see them: a fingerprint's text is wider than the fingerprint.
@@ -112,8 +110,9 @@ void Diagnose(Form form, unsigned int options, FindingReporter& report) noexcept
                      "Invalid %s: size %lu, expected at least %u", kWhat, form.size, kHeadSize + kSeparatorSize);
         return;
     }
-    bool const measured = Measure(form);
-    if (!CheckHead(form, measured, report)) {
+    // It fills the counts; what it has against the form is told here one by one.
+    Measure(form);
+    if (!CheckHead(form, report)) {
         return;
     }
     bool const goOn =
