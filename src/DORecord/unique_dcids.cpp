@@ -5,6 +5,7 @@
 #include "support/unique_list.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdlib>
 #include <vector>
 
@@ -208,5 +209,6 @@ unsigned char const* DORecord::GetSegmentUDCIDList() const {
 }
 
 unsigned long DORecord::GetSegmentUDCID(unsigned int i) const {
+    assert(i < CountsOf(header, OrderOf(header)).nudcid);
     return Load<std::uint64_t>(DORecordHeaderIndexOfUDCID(header, i));
 }

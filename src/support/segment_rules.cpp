@@ -1,5 +1,7 @@
 #include "support/segment_rules.h"
 
+#include <cassert>
+
 namespace crrecord {
 
 namespace {
@@ -107,6 +109,7 @@ SegmentList SegmentListOf(DORecordHeader const* header, RecordLayout const& layo
 
 std::uint32_t SegmentSizeOf(SegmentList const& list, std::uint32_t i) noexcept {
     if (HasSegmentSize(list.dotype)) {
+        assert(i < list.count);
         return Load<std::uint32_t>(list.entries + std::uint64_t{i} * list.stride + list.sizeAt, list.order);
     }
     if (list.dotype > CR_DO_TYPE_NO_SIZE) {
@@ -121,6 +124,7 @@ std::uint64_t SegmentOffsetOf(SegmentList const& list, std::uint32_t i) noexcept
     if (list.dotype != CR_DO_TYPE_8_BYTE_OFFSET) {
         return kNoOffset;
     }
+    assert(i < list.count);
     return Load<std::uint64_t>(list.entries + std::uint64_t{i} * list.stride + list.offsetAt, list.order);
 }
 
@@ -128,6 +132,7 @@ std::uint32_t SegmentObjectOffsetOf(SegmentList const& list, std::uint32_t i) no
     if (list.dotype != CR_DO_TYPE_4_BYTE_OFFSET) {
         return kNoObjectOffset;
     }
+    assert(i < list.count);
     return Load<std::uint32_t>(list.entries + std::uint64_t{i} * list.stride + list.offsetAt, list.order);
 }
 
