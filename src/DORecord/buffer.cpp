@@ -3,12 +3,29 @@
 #include "DORecord/record.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdlib>
 #include <new>
 
 #include <unistd.h>
 
 using namespace crrecord;
+
+namespace {
+
+// Bytes of a record with so many bytes of references and without legacy arrays, or a refusal.
+unsigned int SizeWith(DORecord const& record, unsigned int references) {
+    unsigned char const dotype = record.GetDOType();
+    unsigned int const counted = dotype == CR_DO_TYPE_BLOOM_FILTER ? record.GetBSize() : record.GetNfp();
+    std::uint64_t const size =
+        DORecordHeaderSizeRaw(0, counted, record.GetNudcid(), 0, dotype, record.GetFPType(), references);
+    if (size > kLargestRecord) {
+        Refuse(kInvalidRecordSize);
+    }
+    return static_cast<unsigned int>(size);
+}
+
+} // namespace
 
 bool DORecord::reaches(RecordLayout const& layout, SectionEnd end) const noexcept {
     return layout.*end <= bufferSize;
@@ -28,7 +45,7 @@ RecordLayout DORecord::layoutUpTo(SectionEnd end) const {
 // The layout goes by the order that the header shows, sizes are read by the order that the record claims. Where the two
 // are not one, as after a conversion of a converted record, a size means nothing and must not be changed or followed.
 bool DORecord::sizesHold() const noexcept {
-    return LayoutOf(header).total == RecordLayout(CountsOf(header, networkOrder ? Order::Network : Order::Host)).total;
+    return std::endian::native == std::endian::big || OrderOf(header) == (networkOrder ? Order::Network : Order::Host);
 }
 
 RecordLayout DORecord::changeableLayoutUpTo(SectionEnd end) const {
@@ -40,14 +57,13 @@ RecordLayout DORecord::changeableLayoutUpTo(SectionEnd end) const {
 }
 
 void DORecord::initReferenceSets() {
+    unsigned int const size = SizeWith(*this, 0);
     setTRefsSize(0);
-    setRecSize(calcRecSize());
+    setRecSize(size);
 }
 
 unsigned int DORecord::calcRecSize() const {
-    unsigned int const counted = GetDOType() == CR_DO_TYPE_BLOOM_FILTER ? GetBSize() : GetNfp();
-    return static_cast<unsigned int>(
-        DORecordHeaderSizeRaw(0, counted, GetNudcid(), 0, GetDOType(), GetFPType(), getTRefsSize()));
+    return SizeWith(*this, getTRefsSize());
 }
 
 unsigned int DORecord::getRecSize() const {
