@@ -66,7 +66,6 @@ bool DORecord::HasDSID(unsigned int dsid) const {
 
 // Everything is read before the first byte moves.
 void DORecord::convertToTRefs() {
-    RecordLayout const before = changeableLayoutUpTo(&RecordLayout::tail);
     std::uint64_t const taskIds = header->ntaskid;
     std::uint64_t const dsids = header->nds;
     bool const legacy = taskIds != 0 || dsids != 0;
@@ -78,6 +77,7 @@ void DORecord::convertToTRefs() {
         throw Cr_ErrnoException(CR_STATUS_NOT_SUPPORTED,
                                 "Record with both old references and new typed references not supported.", nullptr);
     }
+    RecordLayout const before = changeableLayoutUpTo(&RecordLayout::tail);
     auto const tasks = ReadArray<std::uint64_t>(BytesOf(header) + before.taskIds, taskIds);
     auto const selections = ReadArray<std::uint32_t>(BytesOf(header) + before.dsids, dsids);
 
@@ -103,9 +103,12 @@ void DORecord::convertToTRefs() {
     }
     if (legacy) {
         handleUpdate();
-        clear(LayoutOf(header).tail, getRecSize());
     }
+    // The sets may have held references before.
+    setTRefsSize(static_cast<unsigned int>(calcTRefsSize()));
+    setRecSize(calcRecSize());
     expand();
+    clear(LayoutOf(header).tail, getRecSize());
 }
 
 // Moves the bytes from `distance` behind the start of the former arrays, up to `end`, down by `distance`.
