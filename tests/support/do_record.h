@@ -1,0 +1,72 @@
+// What the tests of DORecord share: every shape of a record, its inside, how it refuses, and single values in bytes.
+
+#pragma once
+
+#include "support/exchange_bytes.h"
+
+#include <functional>
+
+// Every DO type with every fingerprint type.
+inline std::vector<RecordValues> Examples() {
+    std::vector<RecordValues> examples;
+    for (unsigned char dotype = 0; dotype < 6; ++dotype) {
+        for (unsigned char fptype = 0; fptype < 4; ++fptype) {
+            examples.push_back(Example(dotype, fptype));
+        }
+    }
+    return examples;
+}
+
+inline std::string NameOf(RecordValues const& values) {
+    return "DO type " + std::to_string(values.dotype) + ", fingerprint type " + std::to_string(values.fptype);
+}
+
+// A record that shows its members.
+struct OpenRecord : DORecord {
+    using DORecord::bufferSize;
+    using DORecord::copyMode;
+    using DORecord::CopyMode;
+    using DORecord::DORecord;
+    using DORecord::header;
+    using DORecord::networkOrder;
+    using DORecord::ownsBuffer;
+    using DORecord::spare;
+    using DORecord::subDO;
+};
+
+// "9: text", or "" where nothing is thrown.
+inline std::string Refusal(std::function<void()> const& action) {
+    try {
+        action();
+        return "";
+    } catch (Cr_ErrnoException const& caught) {
+        return std::to_string(caught.GetStatus()) + ": " + caught.what();
+    }
+}
+
+inline unsigned long SwapBytes(unsigned long value, unsigned int width) {
+    unsigned long swapped = 0;
+    for (unsigned int i = 0; i < width; ++i) {
+        swapped = swapped << 8 | (value >> 8 * i & 0xff);
+    }
+    return swapped;
+}
+
+template <class T>
+T WordAt(Bytes const& bytes, std::size_t offset) {
+    T value;
+    std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(offset), sizeof value,
+                reinterpret_cast<unsigned char*>(&value));
+    return value;
+}
+
+// Overwrites bytes at an offset.
+inline void Splice(Bytes& bytes, std::size_t offset, Bytes const& with) {
+    std::copy(with.begin(), with.end(), bytes.begin() + static_cast<std::ptrdiff_t>(offset));
+}
+
+inline Bytes Spelled(unsigned long value, unsigned int width, bool network) {
+    Bytes bytes;
+    Put(bytes, value, width, network);
+    return bytes;
+}
