@@ -21,7 +21,12 @@ if(library_type STREQUAL "STATIC_LIBRARY")
     string(APPEND package_dependencies "
 find_dependency(OpenSSL ${CRRECORD_OPENSSL_VERSION} COMPONENTS Crypto)
 find_dependency(PkgConfig)
-pkg_check_modules(libdeflate REQUIRED IMPORTED_TARGET libdeflate)")
+pkg_check_modules(libdeflate QUIET IMPORTED_TARGET libdeflate)
+if(NOT libdeflate_FOUND)
+    set(crrecord_FOUND FALSE)
+    set(crrecord_NOT_FOUND_MESSAGE \"libdeflate is missing\")
+    return()
+endif()")
     set(pkgconfig_dependencies "libcrypto >= ${CRRECORD_OPENSSL_VERSION}, libdeflate")
 endif()
 

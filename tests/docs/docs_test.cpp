@@ -106,7 +106,7 @@ TEST(FormatDocument, ExampleIsWhatTheLibraryMakes) {
 
 TEST(FindingsDocument, NamesEveryCode) {
     Rows codes;
-    for (int code = 0; code < 1000; ++code) {
+    for (int code = CR_FINDING_ERROR + 1; code < 1000; ++code) { // those below are severities
         std::string const name = CRFindingName(code);
         if (name != "unknown") {
             codes.push_back(std::to_string(code) + " | `" + name + '`');
