@@ -116,7 +116,7 @@ TEST_F(Tool, BuildWritesTheseBytes) {
         SCOPED_TRACE(row.fptype);
         std::string const abc = BuiltRecord("40", "03", "352441c2", row.fptype, row.abc);
         Bytes const expected = FromHex(abc + abc + BuiltRecord("41", "02", "4f5344cd", row.fptype, row.rest));
-        std::string const options = " --segment-size 3 --container-size 7 --fptype " + std::to_string(row.fptype);
+        std::string const options = " --segment-size 3 --container-size 6 --fptype " + std::to_string(row.fptype);
         ASSERT_EQ(Run("segments build in -o out --json" + options), 0) << err;
         EXPECT_EQ(Read("out"), expected);
         json closing = json::parse(R"({"file": "in", "out": "out", "bytes": "8", "segments": "3", "containers": "2",
@@ -224,6 +224,8 @@ TEST_F(Tool, ValidateNamesWhatWasChanged) {
         EXPECT_EQ(lines[1]["valid"], !bad);
         EXPECT_EQ(lines[0]["findings"], json::array());
         EXPECT_EQ(lines.back()["valid"], row.records == 3 || !bad);
+        EXPECT_EQ(Run("validate --json --first in"), bad ? 1 : 0);
+        EXPECT_EQ(Lines()[1]["findings"].size(), bad ? 1u : 0u);
         EXPECT_EQ(Run("show in"), bad ? 1 : 0);
         EXPECT_EQ(Run("validate --quiet in"), bad ? 1 : 0);
         EXPECT_EQ(out + err, "");
@@ -315,6 +317,8 @@ TEST_F(Tool, SaysWhyItCannotWork) {
     EXPECT_EQ(Shell("ulimit -f 8; \"$T\" segments build in -o out --segment-size 1"), 2);
     EXPECT_EQ(err, "crrecord: out: cannot write: File too large\n");
     EXPECT_EQ(Files(), "empty in ");
+    EXPECT_EQ(Run("convert - --to host -o out <in >&-"), 2); // the output doesn't become standard output
+    EXPECT_EQ(Read("out"), Golden(kHost));
     EXPECT_EQ(Run("validate none in"), 2); // and the others are still looked at
     EXPECT_EQ(out, "in: 1 record, 192 bytes: all valid\n");
 }
