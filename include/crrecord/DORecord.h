@@ -350,7 +350,6 @@ private:
     CRRECORD_LOCAL void writeReferences(crrecord::RecordLayout const& layout) const noexcept;
     CRRECORD_LOCAL void loadReferences(char const* bytes, unsigned long length, unsigned long& loaded);
     CRRECORD_LOCAL unsigned long removeTaskIDs(cr_task_callback_t callback, void* context);
-    CRRECORD_LOCAL void closeLegacyGap(unsigned long end, unsigned long distance) noexcept;
     CRRECORD_LOCAL cr_status_t makeRoomForList(unsigned long entries) noexcept;
     CRRECORD_LOCAL void writeUniqueList(crrecord::UniqueEntry const* entries, unsigned int count,
                                         crrecord::RecordLayout const& layout) noexcept;

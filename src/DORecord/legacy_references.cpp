@@ -2,6 +2,7 @@
 
 #include "DORecord/record.h"
 
+#include <algorithm>
 #include <vector>
 
 using namespace crrecord;
@@ -12,14 +13,35 @@ bool Contains(DORecord::tref_set_t const& set, Cr_TRef* handle) {
     return set.contains(DORecord::tref_ptr_t(handle));
 }
 
-template <class T>
-std::vector<T> ReadArray(unsigned char const* from, std::uint64_t count) {
-    std::vector<T> values(count);
-    for (std::uint64_t i = 0; i < count; ++i) {
-        values[i] = Load<T>(from + i * sizeof(T));
+// A copy of a record's legacy arrays and of what follows them.
+class LegacyArrays {
+public:
+    LegacyArrays(unsigned char const* from, unsigned char const* to, std::uint64_t taskIds, std::uint64_t dsids)
+        : bytes_(from, to), taskIds_(taskIds), dsids_(dsids) {}
+
+    std::uint64_t TaskId(std::uint64_t i) const noexcept {
+        return Load<std::uint64_t>(bytes_.data() + kLegacyTaskIdSize * i);
     }
-    return values;
-}
+    std::uint32_t Dsid(std::uint64_t i) const noexcept {
+        return Load<std::uint32_t>(bytes_.data() + kLegacyTaskIdSize * taskIds_ + kLegacyDsidSize * i);
+    }
+
+    // Moves up what is behind the task ids, and then what is behind the DSIDs: by the size of the task ids both times.
+    std::vector<unsigned char> const& CloseGaps() noexcept {
+        for (std::uint64_t const count : {taskIds_, dsids_}) {
+            if (count != 0) {
+                std::copy(bytes_.begin() + static_cast<std::ptrdiff_t>(kLegacyTaskIdSize * taskIds_), bytes_.end(),
+                          bytes_.begin());
+            }
+        }
+        return bytes_;
+    }
+
+private:
+    std::vector<unsigned char> bytes_;
+    std::uint64_t taskIds_;
+    std::uint64_t dsids_;
+};
 
 } // namespace
 
@@ -64,7 +86,7 @@ bool DORecord::HasDSID(unsigned int dsid) const {
     return Contains(trefs[CR_REFTYPE_DSID], new Cr_TRef(dsid));
 }
 
-// Everything is read before the first byte moves.
+// All ids are read before the first byte of theirs changes.
 void DORecord::convertToTRefs() {
     std::uint64_t const taskIds = header->ntaskid;
     std::uint64_t const dsids = header->nds;
@@ -78,28 +100,24 @@ void DORecord::convertToTRefs() {
                                 "Record with both old references and new typed references not supported.", nullptr);
     }
     RecordLayout const before = changeableLayoutUpTo(&RecordLayout::tail);
-    auto const tasks = ReadArray<std::uint64_t>(BytesOf(header) + before.taskIds, taskIds);
-    auto const selections = ReadArray<std::uint32_t>(BytesOf(header) + before.dsids, dsids);
+    unsigned char const* const bytes = BytesOf(header);
+    std::uint64_t const end = legacy ? std::min<std::uint64_t>(before.total, bufferSize) : before.taskIds;
+    LegacyArrays arrays(bytes + before.taskIds, bytes + end, taskIds, dsids);
+    if (references == calcTRefsSize()) {
+        writeReferences(before); // the sets are the truth, and the section may never have been written
+    }
 
     header->ntaskid = 0;
     header->nds = 0;
     initReferenceSets();
     unsigned int const mtime = header->mtime;
-    AddSerializedTRefs(reinterpret_cast<char const*>(BytesOf(header) + before.trefs), references);
+    AddSerializedTRefs(reinterpret_cast<char const*>(bytes + before.trefs), references);
     header->mtime = mtime;
-    for (std::uint64_t const task : tasks) {
-        AddTaskID(task);
+    for (std::uint64_t i = 0; i < taskIds; ++i) {
+        AddTaskID(arrays.TaskId(i));
     }
-    // Both gaps are closed by the size of the task ids. What moves is written anew when the references are asked for.
-    std::uint64_t const gap = kLegacyTaskIdSize * taskIds;
-    if (taskIds != 0) {
-        closeLegacyGap(before.total, gap);
-    }
-    for (std::uint32_t const selection : selections) {
-        AddDSID(selection);
-    }
-    if (dsids != 0) {
-        closeLegacyGap(before.total, gap);
+    for (std::uint64_t i = 0; i < dsids; ++i) {
+        AddDSID(arrays.Dsid(i));
     }
     if (legacy) {
         handleUpdate();
@@ -108,14 +126,10 @@ void DORecord::convertToTRefs() {
     setTRefsSize(static_cast<unsigned int>(calcTRefsSize()));
     setRecSize(calcRecSize());
     expand();
-    clear(LayoutOf(header).tail, getRecSize());
-}
 
-// Moves the bytes from `distance` behind the start of the former arrays, up to `end`, down by `distance`.
-void DORecord::closeLegacyGap(std::uint64_t end, std::uint64_t distance) noexcept {
-    std::uint64_t const start = LayoutOf(header).taskIds;
-    unsigned char* const bytes = BytesOf(header);
-    if (end > start + distance && end <= bufferSize) {
-        std::memmove(bytes + start, bytes + start + distance, end - start - distance);
-    }
+    // What the gaps leave in the section is no references: those are written when they are asked for.
+    RecordLayout const after = LayoutOf(header);
+    std::vector<unsigned char> const& left = arrays.CloseGaps();
+    std::copy_n(left.begin(), std::min(left.size(), after.tail - after.trefs), BytesOf(header) + after.trefs);
+    clear(after.tail, std::max(before.total, after.total));
 }
