@@ -35,19 +35,17 @@ bool Measure(Form& form) noexcept {
     return sizeFits && form.Word(kZeroOffset) == 0;
 }
 
-bool BloomListIsSound(Form const& form) noexcept {
-    std::uint32_t const count = form.counts.nudcid;
-    return count == 0 || Load<std::uint32_t>(form.List(), Order::Network) ==
-                             Adler32(form.List() + kUniqueCountOffset, ListChecksumSize(count));
+std::uint32_t BodyChecksum(Form const& form) noexcept {
+    return Adler32(form.bytes + kHeadSize, form.size - kHeadSize);
+}
+
+std::uint32_t BloomListChecksum(Form const& form) noexcept {
+    return Adler32(form.List() + kUniqueCountOffset, ListChecksumSize(form.counts.nudcid));
 }
 
 bool BloomEndIsZero(Form const& form) noexcept {
     return std::all_of(form.List() + UniqueListSize(form.counts.nudcid), form.bytes + form.size,
                        [](unsigned char byte) { return byte == 0; });
-}
-
-bool BodyChecksumHolds(Form const& form) noexcept {
-    return form.Word(kChecksumOffset) == Adler32(form.bytes + kHeadSize, form.size - kHeadSize);
 }
 
 } // namespace crrecord::exchange

@@ -61,9 +61,10 @@ struct Form {
 // counts of a form that is too short for its head stay 0.
 bool Measure(Form& form) noexcept;
 
-// What the checks of a measured bloom form look at.
-bool BloomListIsSound(Form const& form) noexcept;
+// What the checks of a measured form look at: the checksums that it should have (of its list, where it has one), and
+// the bytes behind the last section of a bloom form.
+std::uint32_t BodyChecksum(Form const& form) noexcept;
+std::uint32_t BloomListChecksum(Form const& form) noexcept;
 bool BloomEndIsZero(Form const& form) noexcept;
-bool BodyChecksumHolds(Form const& form) noexcept;
 
 } // namespace crrecord::exchange

@@ -66,6 +66,12 @@ void WriteHeader(Form const& form, DORecordHeader* header, RecordLayout const& l
     header->dotype = form.counts.dotype;
 }
 
+bool BloomIsSound(Form const& form) noexcept {
+    bool const listIsSound =
+        form.counts.nudcid == 0 || Load<std::uint32_t>(form.List(), Order::Network) == BloomListChecksum(form);
+    return listIsSound && BloomEndIsZero(form) && form.Word(kChecksumOffset) == BodyChecksum(form);
+}
+
 bool Build(Form const& form, DORecordHeader* header, RecordLayout const& layout) noexcept {
     WriteHeader(form, header, layout);
     if (form.IsBloom()) {
@@ -91,9 +97,7 @@ cr_status_t DORecordHeaderDeserialize(DORecordHeader** header, unsigned long* bu
     exchange::Form form{static_cast<unsigned char const*>(serialized), serializedSize, {}};
     form.counts.fptype = fptype;
     form.counts.dotype = static_cast<unsigned char>(dotype);
-    if (!exchange::Measure(form) ||
-        (form.IsBloom() &&
-         !(exchange::BloomListIsSound(form) && exchange::BloomEndIsZero(form) && exchange::BodyChecksumHolds(form)))) {
+    if (!exchange::Measure(form) || (form.IsBloom() && !exchange::BloomIsSound(form))) {
         return CR_STATUS_CORRUPT_RECORD;
     }
     RecordLayout const layout(form.counts);
