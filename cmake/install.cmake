@@ -40,8 +40,8 @@ install(FILES
     DESTINATION ${package_dir})
 
 set(pkgconfig_full_dir ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig)
-file(RELATIVE_PATH pkgconfig_to_prefix ${pkgconfig_full_dir} ${CMAKE_INSTALL_PREFIX})
-file(RELATIVE_PATH pkgconfig_to_libdir ${pkgconfig_full_dir} ${CMAKE_INSTALL_FULL_LIBDIR})
-file(RELATIVE_PATH pkgconfig_to_includedir ${pkgconfig_full_dir} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${pkgconfig_full_dir} OUTPUT_VARIABLE pkgconfig_to_prefix)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY ${pkgconfig_full_dir} OUTPUT_VARIABLE pkgconfig_to_libdir)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR BASE_DIRECTORY ${pkgconfig_full_dir} OUTPUT_VARIABLE pkgconfig_to_includedir)
 configure_file(cmake/crrecord.pc.in crrecord.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/crrecord.pc DESTINATION ${pkgconfig_dir})
