@@ -4,6 +4,7 @@
 
 #include "input.h"
 
+#include <crrecord/container.h>
 #include <crrecord/fingerprint.h>
 
 #include <cstdint>
@@ -15,7 +16,7 @@
 namespace crrecord::tool {
 
 struct CutOptions {
-    static constexpr unsigned int kLeastContainer = 64; // those below are reserved
+    static constexpr unsigned int kLeastContainer = CR_FIRST_FREE_DCID;
     static constexpr unsigned int kMost32 = std::numeric_limits<std::uint32_t>::max();
 
     std::uint64_t segmentSize = 128UL * 1024;

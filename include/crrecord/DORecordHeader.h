@@ -15,6 +15,7 @@
 
 #pragma once
 
+#include <crrecord/container.h>
 #include <crrecord/export.h>
 #include <crrecord/finding.h>
 #include <crrecord/status.h>

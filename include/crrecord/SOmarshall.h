@@ -11,6 +11,7 @@
 
 #pragma once
 
+#include <crrecord/container.h>
 #include <crrecord/export.h>
 #include <crrecord/finding.h>
 #include <crrecord/status.h>

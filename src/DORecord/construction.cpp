@@ -13,7 +13,6 @@ using namespace crrecord;
 
 namespace {
 
-constexpr unsigned long kFirstFreeDcid = 64;
 constexpr unsigned short kNewFlags = 0x0002;
 constexpr char kEmptySegments[] = "Got empty SO list.";
 
@@ -35,7 +34,7 @@ void CheckTaskIds(unsigned long const* taskIDs, unsigned int count) {
 void CheckDcids(unsigned long const* dcids, unsigned int count) {
     for (std::uint64_t i = 0; i < count; ++i) {
         unsigned long const dcid = Load<std::uint64_t>(dcids + i);
-        if (dcid < kFirstFreeDcid) {
+        if (dcid < CR_FIRST_FREE_DCID) {
             std::stringstream text;
             text.imbue(std::locale::classic());
             text << "Got invalid dcid " << dcid << " at index " << i;

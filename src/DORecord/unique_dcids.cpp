@@ -13,7 +13,6 @@ using namespace crrecord;
 
 namespace {
 
-constexpr unsigned long kFirstFreeDcid = 64;
 constexpr char kAppend[] = "AppendBloomAndUniqueDCIDList";
 constexpr char kGetSizes[] = "GetUDCIDSizeList";
 
@@ -47,7 +46,7 @@ bool CollectFromSegments(DORecordHeader const* header, SegmentList const& list, 
                          Entries& entries) {
     for (std::uint32_t i = 0; i < list.count; ++i) {
         std::uint64_t const dcid = Load<std::uint64_t>(dcids + std::uint64_t{i} * kDcidSize);
-        if (dcid < kFirstFreeDcid) {
+        if (dcid < CR_FIRST_FREE_DCID) {
             LogInvalidDcid(header, dcid, i);
             return false;
         }

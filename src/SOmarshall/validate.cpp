@@ -9,7 +9,6 @@ namespace crrecord::segment {
 namespace {
 
 constexpr unsigned int kKnownOptions = CR_SO_NETWORK_ORDER | CR_SO_NO_TASKIDS;
-constexpr unsigned long kFirstFreeDcid = 64;
 
 constexpr Finding At(int code, Field field, std::uint64_t found, std::uint64_t expected) noexcept {
     return {code, field.name, field.offset, found, expected};
@@ -29,8 +28,8 @@ void NoteOddities(unsigned char const* bytes, std::uint64_t size, Order order, F
         return;
     }
     if (RecordInContainer(file) && !DcidIsValid(path) &&
-        !report.Note(At(CR_FINDING_SO_DCID, FieldOf("pathid"), path, kFirstFreeDcid),
-                     "reserved container id %lu, expected 1 or at least %lu", path, kFirstFreeDcid)) {
+        !report.Note(At(CR_FINDING_SO_DCID, FieldOf("pathid"), path, CR_FIRST_FREE_DCID),
+                     "reserved container id %lu, expected 1 or at least %lu", path, CR_FIRST_FREE_DCID)) {
         return;
     }
     if (reserved != 0 && !report.Note(At(CR_FINDING_SO_RESERVED, FieldOf("reserved"), reserved, 0),
@@ -49,7 +48,7 @@ bool FlagsAreValid(unsigned int flags) noexcept {
 }
 
 bool DcidIsValid(unsigned long dcid) noexcept {
-    return dcid == 1 || dcid >= kFirstFreeDcid;
+    return dcid == 1 || dcid >= CR_FIRST_FREE_DCID;
 }
 
 void Diagnose(unsigned char const* bytes, std::uint64_t size, unsigned int options, FindingReporter& report) noexcept {

@@ -15,7 +15,6 @@ namespace {
 
 constexpr unsigned int kKnownOptions = CR_DO_NETWORK_ORDER | CR_DO_NO_REFERENCES | CR_DO_SUB_DO;
 constexpr unsigned int kKnownFlags = 0x0006;
-constexpr unsigned long kFirstFreeDcid = 64;
 
 #define CRRECORD_FIELD(member) #member, offsetof(DORecordHeader, member)
 
@@ -181,11 +180,11 @@ bool RecordWalk::NoteOddities(RecordCounts const& counts, RecordLayout const& la
     }
     for (std::uint64_t i = 0; i < layout.segments; ++i) {
         unsigned long const dcid = Load<std::uint64_t>(bytes_ + layout.Dcid(i));
-        if (dcid < kFirstFreeDcid) {
+        if (dcid < CR_FIRST_FREE_DCID) {
             char field[48];
             std::snprintf(field, sizeof field, "segments[%lu].dcid", i);
-            if (!report_.Note({CR_FINDING_DO_DCID, field, layout.Dcid(i), dcid, kFirstFreeDcid},
-                              "reserved container id %lu, expected at least %lu", dcid, kFirstFreeDcid)) {
+            if (!report_.Note({CR_FINDING_DO_DCID, field, layout.Dcid(i), dcid, CR_FIRST_FREE_DCID},
+                              "reserved container id %lu, expected at least %lu", dcid, CR_FIRST_FREE_DCID)) {
                 return false;
             }
             break;
