@@ -1,0 +1,8 @@
+// A shared library of its own that makes handles of typed references and releases them.
+
+#pragma once
+
+#include <crrecord/tref.h>
+
+Cr_TRef* OtherLibraryMakes(unsigned long taskId);
+void OtherLibraryReleases(Cr_TRef* handle);
