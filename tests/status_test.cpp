@@ -35,7 +35,7 @@ TEST(Status, NumbersArePinnedAndTextsDiffer) {
 }
 
 TEST(Exception, OutlivesItsSourcesAndCutsThem) {
-    for (std::size_t const length : {0, 255, 256, 1023, 1024, 5000}) {
+    for (unsigned long const length : {0ul, 255ul, 256ul, 1023ul, 1024ul, 5000ul}) {
         std::string text(length, 'x');
         auto stream = std::make_unique<std::stringstream>(text);
         Cr_ErrnoException const fixed(kOddStatus, text.c_str(), text.c_str());
@@ -75,11 +75,12 @@ TEST(Log, HandsTheBareTextToTheSink) {
     EXPECT_EQ(log.Take(), "error 72: Name: 7\nab\nwarning -2000000000: Name: 7\nab, Name: 7\nab\ntrace 0: traced\n");
     EXPECT_STREQ(zebLogLastMessageA(), "Name: 7\nab, Name: 7\nab");
     ErrorA(CR_STATUS_INVALID, "%ls", L"\xd800"); // no character: printf fails and says so in errno
+    __TraceA("%ls", L"\xd800");
     EXPECT_EQ(errno, E2BIG);
 }
 
 TEST(Log, CutsLongMessagesVisibly) {
-    for (std::size_t const length : {1022, 1023, 1024, 5000}) {
+    for (unsigned long const length : {1022ul, 1023ul, 1024ul, 5000ul}) {
         LogCapture log;
         std::string const text(length, 'x'), kept = length <= 1023 ? text : std::string(1020, 'x') + "...";
         ErrorA(CR_STATUS_INVALID, "%s", text.c_str());
@@ -93,13 +94,14 @@ TEST(Log, CutsLongMessagesVisibly) {
 TEST(Log, SinkMayRouteAndLogItself) {
     std::string seen;
     auto const sink = [](cr_log_level_t, cr_status_t, char const* message, void* context) {
+        static_cast<std::string*>(context)->append(message).append(", ").append(zebLogLastMessageA());
         LogCapture inner;
         WarningA(CR_STATUS_OK, "inner");
-        static_cast<std::string*>(context)->append(message).append(", ").append(inner.Take());
+        static_cast<std::string*>(context)->append(", ").append(inner.Take());
     };
     CRLogSetSink(sink, &seen);
     ErrorA(CR_STATUS_INVALID, "outer");
-    EXPECT_EQ(seen, "outer, warning 0: inner\n");
+    EXPECT_EQ(seen, "outer, outer, warning 0: inner\n");
     EXPECT_STREQ(zebLogLastMessageA(), "outer");
 }
 
