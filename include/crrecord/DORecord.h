@@ -338,7 +338,7 @@ private:
     CRRECORD_LOCAL DORecord() noexcept;
     CRRECORD_LOCAL void adopt(crrecord::Order order, unsigned int options);
     CRRECORD_LOCAL void makeBlank() noexcept;
-    CRRECORD_LOCAL void allocate(unsigned long size);
+    CRRECORD_LOCAL void allocate(unsigned long size, void const* former);
     CRRECORD_LOCAL void writeHeader(NewRecord const& values) noexcept;
     CRRECORD_LOCAL void finish(NewRecord const& values, unsigned char const* list);
     CRRECORD_LOCAL void writeText(std::ostream& stream) const;

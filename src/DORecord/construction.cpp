@@ -1,6 +1,7 @@
 // The three constructors, what stands behind them, and the end of a record.
 
 #include "DORecord/record.h"
+#include "support/memory.h"
 #include "support/unique_list.h"
 
 #include <cstdlib>
@@ -114,11 +115,15 @@ void DORecord::makeBlank() noexcept {
     spare = 0;
 }
 
-void DORecord::allocate(unsigned long size) {
+// A buffer of zeros, or with the bytes of a former record.
+void DORecord::allocate(unsigned long size, void const* former) {
     if (size > kLargestRecord) {
         Refuse(kInvalidRecordSize);
     }
-    header = static_cast<DORecordHeader*>(std::calloc(1, size));
+    header = static_cast<DORecordHeader*>(former ? Allocate(size) : AllocateZeroed(size));
+    if (header && former) {
+        std::memcpy(header, former, size);
+    }
     if (!header) {
         throw Cr_ErrnoException(CR_STATUS_NO_MEMORY, "Not enough memory to create DORecord.", nullptr);
     }
@@ -256,7 +261,7 @@ void DORecord::init(unsigned long CID, unsigned long size, unsigned long ssize, 
             ntaskIDs,
             {.nfp = nsegments, .nudcid = CheckList(AsBytes(udcidList)), .fptype = fptype, .dotype = dotype}};
         RecordLayout const layout(values.counts);
-        allocate(layout.total);
+        allocate(layout.total, nullptr);
         writeHeader(values);
         CopyBytes(BytesOf(header) + layout.entries, segments, layout.dcids - layout.entries);
         CopyBytes(BytesOf(header) + layout.dcids, dcids, std::uint64_t{kDcidSize} * nsegments);
@@ -292,7 +297,7 @@ void DORecord::initWithBloom(unsigned long CID, unsigned long size, unsigned lon
             ntaskIDs,
             {.nudcid = CheckList(AsBytes(udcidList)), .bsize = bsize, .fptype = fptype, .dotype = dotype}};
         CheckTaskIds(taskIDs, ntaskIDs);
-        allocate(DORecordHeaderSizeWithBloom(0, bsize, values.counts.nudcid, 0, dotype, 0));
+        allocate(DORecordHeaderSizeWithBloom(0, bsize, values.counts.nudcid, 0, dotype, 0), nullptr);
         writeHeader(values);
         if (bsize != 0) {
             unsigned char* const lengthWord = DORecordHeaderGetBloomStart(header);

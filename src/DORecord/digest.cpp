@@ -1,8 +1,9 @@
 // The digest that stands for a whole object.
 
 #include "DORecord/record.h"
-#include "support/hex.h"
+#include "support/segment_codec.h"
 
+#include <algorithm>
 #include <array>
 
 using namespace crrecord;
@@ -29,60 +30,21 @@ crfp_digest_t DigestOfBytes(unsigned int fptype, unsigned char const* bytes, std
     return Finish(context);
 }
 
-// Of each segment: the text of its fingerprint with the NUL, its size, its offset, as the exchange form has them. They
-// are collected in a stage, so that the hash sees a few large blocks and not three small ones a segment.
-class Stage {
-public:
-    Stage(crfp_context_t& context, RecordLayout const& layout, unsigned int dotype) noexcept
-        : context_(context), layout_(layout), sizeWidth_(SegmentSizeWidth(dotype)),
-          offsetWidth_(SegmentOffsetWidth(dotype)) {}
-
-    void Append(unsigned char const* entry) {
-        if (bytes_.size() - used_ < kLargestSegment) {
-            Flush();
-        }
-        unsigned char* to = bytes_.data() + used_;
-        HexEncode(entry, layout_.fingerprint, reinterpret_cast<char*>(to));
-        to += 2 * layout_.fingerprint;
-        *to++ = '\0';
-        if (sizeWidth_ != 0) {
-            Turn<std::uint32_t>(to, entry + layout_.fingerprint);
-        }
-        to += sizeWidth_;
-        if (offsetWidth_ == 8) {
-            Turn<std::uint64_t>(to, entry + layout_.offset);
-        } else if (offsetWidth_ == 4) {
-            Turn<std::uint32_t>(to, entry + layout_.offset);
-        }
-        to += offsetWidth_;
-        used_ = static_cast<std::size_t>(to - bytes_.data());
-    }
-
-    void Flush() {
-        Check(CRFPAppend(&context_, bytes_.data(), used_));
-        used_ = 0;
-    }
-
-private:
-    static constexpr std::size_t kLargestSegment = CRFPTextSize(CR_FP_TYPE_SHA256) + 4 + 8;
-
-    crfp_context_t& context_;
-    RecordLayout const& layout_;
-    unsigned int sizeWidth_;
-    unsigned int offsetWidth_;
-    std::size_t used_ = 0;
-    std::array<unsigned char, 16384> bytes_;
-};
-
+// Of each segment the text of its fingerprint with the NUL, its size and its offset, as the exchange form has them.
+// They are collected on a stage, so that the hash sees a few large blocks and not three small ones a segment.
 crfp_digest_t DigestOfSegments(unsigned char const* record, RecordLayout const& layout, unsigned int dotype,
                                unsigned int fptype) {
+    std::array<unsigned char, 16384> stage;
+    SegmentCodec const& codec = SegmentCodecFor(fptype, dotype);
+    std::uint64_t const size = SegmentFormSize(fptype, dotype);
+    std::uint64_t const block = stage.size() / size;
     crfp_context_t context;
     Check(CRFPInitialize(&context, fptype));
-    Stage stage(context, layout, dotype);
-    for (std::uint64_t i = 0; i < layout.segments; ++i) {
-        stage.Append(record + layout.Entry(i));
+    for (std::uint64_t i = 0; i < layout.segments; i += block) {
+        std::uint64_t const count = std::min(block, layout.segments - i);
+        codec.encode(stage.data(), record + layout.Entry(i), count);
+        Check(CRFPAppend(&context, stage.data(), count * size));
     }
-    stage.Flush();
     return Finish(context);
 }
 

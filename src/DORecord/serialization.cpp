@@ -3,10 +3,11 @@
 #include "DORecord/record.h"
 #include "support/adler32.h"
 #include "support/exchange_form.h"
-#include "support/hex.h"
 #include "support/output_block.h"
+#include "support/segment_codec.h"
 #include "support/unique_list.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <limits>
 
@@ -31,31 +32,30 @@ void StoreBodyChecksum(unsigned char* form, std::uint64_t length) noexcept {
           Order::Network);
 }
 
-// The output is zeroed, so each text has its NUL, and the separator stands.
-void WriteSegments(unsigned char* to, unsigned char const* record, RecordLayout const& layout,
-                   unsigned int dotype) noexcept {
-    unsigned char const* entry = record + layout.entries;
-    unsigned int const sizeWidth = SegmentSizeWidth(dotype);
-    unsigned int const offsetWidth = SegmentOffsetWidth(dotype);
-    for (std::uint32_t i = 0; i < layout.segments; ++i, entry += layout.stride) {
-        HexEncode(entry, layout.fingerprint, reinterpret_cast<char*>(to));
-        to += 2 * layout.fingerprint + 1;
-        if (sizeWidth != 0) {
-            Turn<std::uint32_t>(to, entry + layout.fingerprint);
-            to += sizeWidth;
+// Writes the body block by block and sums up each block while it is in the cache. Returns the body's Adler-32 where it
+// is asked for. The output is zeroed, so the separator stands.
+std::uint32_t WriteBody(unsigned char* to, unsigned char const* record, RecordLayout const& layout,
+                        SegmentCodec const& codec, unsigned int segmentForm, bool withChecksum) noexcept {
+    static constexpr std::uint64_t kBlock = 256; // segments: some 30 KB of output
+    std::uint32_t sum = kAdler32Start;
+    auto const written = [&](std::uint64_t bytes) {
+        if (withChecksum) {
+            sum = Adler32More(sum, to, bytes);
         }
-        if (offsetWidth == 8) {
-            Turn<std::uint64_t>(to, entry + layout.offset);
-        } else if (offsetWidth == 4) {
-            Turn<std::uint32_t>(to, entry + layout.offset);
-        }
-        to += offsetWidth;
+        to += bytes;
+    };
+    for (std::uint64_t i = 0; i < layout.segments; i += kBlock) {
+        std::uint64_t const count = std::min(kBlock, layout.segments - i);
+        codec.encode(to, record + layout.Entry(i), count);
+        written(count * segmentForm);
     }
-    to += exchange::kSeparatorSize;
-    unsigned char const* const dcids = record + layout.dcids;
-    for (std::uint64_t i = 0; i < layout.segments; ++i) {
-        Turn<std::uint64_t>(to + i * kDcidSize, dcids + i * kDcidSize);
+    written(exchange::kSeparatorSize);
+    for (std::uint64_t i = 0; i < layout.segments; i += kBlock) {
+        std::uint64_t const count = std::min(kBlock, layout.segments - i);
+        codec.turnDcids(to, record + layout.Dcid(i), count);
+        written(count * kDcidSize);
     }
+    return sum;
 }
 
 // The form's own checksum covers less of the list than the record's does; readers expect it so.
@@ -90,9 +90,11 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outLength, bool withC
     }
     auto* const form = static_cast<unsigned char*>(*out);
     WriteHead(form, *header);
-    WriteSegments(form + exchange::kHeadSize, BytesOf(header), layout, GetDOType());
+    std::uint32_t const checksum =
+        WriteBody(form + exchange::kHeadSize, BytesOf(header), layout, SegmentCodecFor(GetFPType(), GetDOType()),
+                  SegmentFormSize(GetFPType(), GetDOType()), withChecksum);
     if (withChecksum) {
-        StoreBodyChecksum(form, length);
+        Store(form + exchange::kChecksumOffset, checksum, Order::Network);
     }
     *outLength = length;
     return CR_STATUS_OK;

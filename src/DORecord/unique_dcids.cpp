@@ -1,6 +1,8 @@
 // The unique DCID list and the bloom filter.
 
 #include "DORecord/record.h"
+#include "support/dcid_totals.h"
+#include "support/memory.h"
 #include "support/segment_rules.h"
 #include "support/unique_list.h"
 
@@ -18,22 +20,6 @@ constexpr char kGetSizes[] = "GetUDCIDSizeList";
 
 using Entries = std::vector<UniqueEntry>;
 
-// Sorts by DCID and merges equal ones, which are neighbours then.
-template <class Merge>
-void SortAndMerge(Entries& entries, Merge merge) {
-    std::stable_sort(entries.begin(), entries.end(),
-                     [](UniqueEntry const& a, UniqueEntry const& b) { return a.dcid < b.dcid; });
-    std::size_t kept = 0;
-    for (std::size_t i = 1; i < entries.size(); ++i) {
-        if (entries[i].dcid == entries[kept].dcid) {
-            merge(entries[kept], entries[i]);
-        } else {
-            entries[++kept] = entries[i];
-        }
-    }
-    entries.resize(entries.empty() ? 0 : kept + 1);
-}
-
 void LogInvalidDcid(DORecordHeader const* header, unsigned long dcid, std::uint32_t i) noexcept {
     char text[CRFPTextSize(CR_FP_TYPE_SHA256)];
     CRFPDigestToString_r(reinterpret_cast<crfp_digest_t const*>(DORecordHeaderIndexOfSegment(header, i)),
@@ -41,23 +27,18 @@ void LogInvalidDcid(DORecordHeader const* header, unsigned long dcid, std::uint3
     ErrorA(CR_STATUS_INVALID, "%s: Invalid DCID %lu for SO %s at index %u.", kAppend, dcid, text, i);
 }
 
-// Containers come in runs, so a run costs one entry, and the sort sees few.
 bool CollectFromSegments(DORecordHeader const* header, SegmentList const& list, unsigned char const* dcids,
                          Entries& entries) {
+    DcidTotals totals(list.count);
     for (std::uint32_t i = 0; i < list.count; ++i) {
         std::uint64_t const dcid = Load<std::uint64_t>(dcids + std::uint64_t{i} * kDcidSize);
         if (dcid < CR_FIRST_FREE_DCID) {
             LogInvalidDcid(header, dcid, i);
             return false;
         }
-        std::uint32_t const size = SegmentSizeOf(list, i);
-        if (!entries.empty() && entries.back().dcid == dcid) {
-            entries.back().bytes += size;
-        } else {
-            entries.push_back({dcid, size});
-        }
+        totals.Add(dcid, SegmentSizeOf(list, i));
     }
-    SortAndMerge(entries, [](UniqueEntry& kept, UniqueEntry const& more) { kept.bytes += more.bytes; });
+    entries = totals.Take();
     return true;
 }
 
@@ -128,7 +109,7 @@ cr_status_t DORecord::makeRoomForList(unsigned long entries) noexcept {
         return CR_STATUS_INVALID;
     }
     if (size > bufferSize) {
-        void* const larger = std::calloc(1, size);
+        void* const larger = AllocateZeroed(size);
         if (!larger) {
             return CR_STATUS_NO_MEMORY;
         }

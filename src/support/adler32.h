@@ -8,8 +8,11 @@
 
 namespace crrecord {
 
+// The checksum of no bytes.
+inline constexpr std::uint32_t kAdler32Start = 1;
+
 inline std::uint32_t Adler32(void const* bytes, std::uint64_t size) noexcept {
-    return libdeflate_adler32(1, bytes, size);
+    return libdeflate_adler32(kAdler32Start, bytes, size);
 }
 
 // The checksum of bytes that follow those that gave `before`.

@@ -9,7 +9,7 @@
 
 #pragma once
 
-#include "support/record_layout.h"
+#include "support/segment_codec.h"
 
 namespace crrecord::exchange {
 
@@ -24,13 +24,8 @@ inline constexpr unsigned int kBitmapOffset = kHeadSize + kBloomLengthSize;
 // A bloom form without bitmap and list; a list of n entries adds 16 * n, and its head takes from these bytes.
 inline constexpr unsigned int kBloomBareSize = 56;
 
-// Bytes that one segment adds to the form.
-constexpr unsigned int SegmentSize(unsigned int dotype, unsigned int fptype) noexcept {
-    return CRFPTextSize(fptype) + SegmentSizeWidth(dotype) + SegmentOffsetWidth(dotype) + kDcidSize;
-}
-
 constexpr std::uint64_t FormSize(std::uint32_t segments, unsigned int dotype, unsigned int fptype) noexcept {
-    return std::uint64_t{SegmentSize(dotype, fptype)} * segments + kHeadSize + kSeparatorSize;
+    return (std::uint64_t{SegmentFormSize(fptype, dotype)} + kDcidSize) * segments + kHeadSize + kSeparatorSize;
 }
 
 constexpr std::uint64_t BloomFormSize(std::uint32_t bsize, std::uint32_t nudcid) noexcept {

@@ -2,7 +2,8 @@
 
 #include "support/adler32.h"
 #include "support/exchange_form.h"
-#include "support/hex.h"
+#include "support/memory.h"
+#include "support/segment_codec.h"
 #include "support/unique_list.h"
 
 #include <algorithm>
@@ -15,33 +16,12 @@ namespace {
 
 // Reads the entries and the DCIDs; false where a text, its NUL or the separator is not as it must be.
 bool ReadSegments(Form const& form, DORecordHeader* header, RecordLayout const& layout) noexcept {
-    unsigned char const* from = form.bytes + kHeadSize;
-    unsigned char* entry = BytesOf(header) + layout.entries;
-    unsigned int const sizeWidth = SegmentSizeWidth(form.counts.dotype);
-    unsigned int const offsetWidth = SegmentOffsetWidth(form.counts.dotype);
-    bool good = true;
-    for (std::uint32_t i = 0; i < layout.segments; ++i, entry += layout.stride) {
-        good &= HexDecode(reinterpret_cast<char const*>(from), layout.fingerprint, entry);
-        from += 2 * layout.fingerprint;
-        good &= *from++ == 0;
-        if (sizeWidth != 0) {
-            Turn<std::uint32_t>(entry + layout.fingerprint, from);
-            from += sizeWidth;
-        }
-        if (offsetWidth == 8) {
-            Turn<std::uint64_t>(entry + layout.offset, from);
-        } else if (offsetWidth == 4) {
-            Turn<std::uint32_t>(entry + layout.offset, from);
-        }
-        from += offsetWidth;
-    }
-    good &= *from == 0;
-    from += kSeparatorSize;
-    unsigned char* const dcids = BytesOf(header) + layout.dcids;
-    for (std::uint64_t i = 0; i < layout.segments; ++i) {
-        Turn<std::uint64_t>(dcids + i * kDcidSize, from + i * kDcidSize);
-    }
-    return good;
+    SegmentCodec const& codec = SegmentCodecFor(form.counts.fptype, form.counts.dotype);
+    unsigned char const* const segments = form.bytes + kHeadSize;
+    unsigned char const* const separator =
+        segments + std::uint64_t{SegmentFormSize(form.counts.fptype, form.counts.dotype)} * layout.segments;
+    codec.turnDcids(BytesOf(header) + layout.dcids, separator + kSeparatorSize, layout.segments);
+    return codec.decode(BytesOf(header) + layout.entries, segments, layout.segments) && *separator == 0;
 }
 
 // The length word, the bitmap and the list are taken over as they are received.
@@ -106,7 +86,7 @@ cr_status_t DORecordHeaderDeserialize(DORecordHeader** header, unsigned long* bu
     }
     bool const fits = *header && *bufferSize >= layout.total;
     auto* const target =
-        static_cast<DORecordHeader*>(fits ? std::memset(*header, 0, layout.total) : std::calloc(1, layout.total));
+        static_cast<DORecordHeader*>(fits ? std::memset(*header, 0, layout.total) : AllocateZeroed(layout.total));
     if (!target) {
         return CR_STATUS_NO_MEMORY;
     }

@@ -1,14 +1,15 @@
 #include "support/output_block.h"
 
+#include "support/memory.h"
+
 #include <cerrno>
-#include <cstdlib>
 
 namespace crrecord {
 
 cr_status_t AllocateOutput(SerializerSite const& site, std::uint64_t size, std::uint64_t limit, void** out) noexcept {
     // An allocator may fail without setting errno; then nothing older may speak for it.
     errno = ENOMEM;
-    *out = size <= limit ? std::calloc(1, size) : nullptr;
+    *out = size <= limit ? AllocateZeroed(size) : nullptr;
     if (*out) {
         return CR_STATUS_OK;
     }

@@ -32,20 +32,25 @@ void TurnInPlace32(unsigned char* bytes) noexcept {
     Turn<std::uint32_t>(bytes, bytes);
 }
 
-void TurnSegments(unsigned char* bytes, RecordLayout const& layout, unsigned int dotype) noexcept {
-    unsigned int const offsetWidth = SegmentOffsetWidth(dotype);
-    if (!HasSegmentSize(dotype)) {
-        return;
-    }
-    unsigned char* entry = bytes + layout.entries;
-    unsigned char* const end = bytes + layout.dcids;
+template <unsigned int OffsetWidth>
+void TurnEntries(unsigned char* entry, unsigned char const* end, RecordLayout const& layout) noexcept {
     for (; entry != end; entry += layout.stride) {
-        TurnInPlace32(entry + layout.fingerprint);
-        if (offsetWidth == 8) {
-            Turn<std::uint64_t>(entry + layout.offset, entry + layout.offset);
-        } else if (offsetWidth == 4) {
-            TurnInPlace32(entry + layout.offset);
+        unsigned char* const numbers = entry + layout.fingerprint;
+        TurnInPlace32(numbers);
+        if constexpr (OffsetWidth != 0) {
+            TurnBytes<OffsetWidth>(numbers + 4, numbers + 4);
         }
+    }
+}
+
+void TurnSegments(unsigned char* bytes, RecordLayout const& layout, unsigned int dotype) noexcept {
+    unsigned char* const entries = bytes + layout.entries;
+    unsigned char const* const end = bytes + layout.dcids;
+    switch (dotype) {
+    case CR_DO_TYPE_NO_OFFSET: TurnEntries<0>(entries, end, layout); break;
+    case CR_DO_TYPE_8_BYTE_OFFSET: TurnEntries<8>(entries, end, layout); break;
+    case CR_DO_TYPE_4_BYTE_OFFSET: TurnEntries<4>(entries, end, layout); break;
+    default: break;
     }
 }
 

@@ -1,25 +1,13 @@
-// The counted handle and the process-wide pool that its memory comes from.
+// The counted handle. Only its two operators touch the pool of handles, and they are exported functions, so one pool
+// serves every library of the process.
 
+#include "tref/pool.h"
 #include "tref/value.h"
 
-// The pool is given its mutex below; its default one would need another library.
-#define BOOST_POOL_NO_MT
-#include <boost/pool/singleton_pool.hpp>
-
 #include <memory>
-#include <mutex>
 #include <new>
 
 namespace {
-
-struct Cr_TRef_Pool_Tag {};
-
-constexpr unsigned kFirstBlockChunks = 32;
-
-// Only the two operators below touch it, and they are exported functions, so one pool serves every library of the
-// process. It is made before main starts and never destroyed: handles may be released until the very end.
-using Pool = boost::singleton_pool<Cr_TRef_Pool_Tag, sizeof(Cr_TRef), boost::default_user_allocator_new_delete,
-                                   std::mutex, kFirstBlockChunks, 0>;
 
 struct ReferenceDeleter {
     void operator()(_cr_tref_t* reference) const noexcept { CRTRefDelete(&reference); }
@@ -48,7 +36,7 @@ Cr_TRef* Cr_TRef::Factory(_cr_tref_t const* reference) {
 }
 
 void* Cr_TRef::operator new(std::size_t) {
-    void* const chunk = Pool::malloc();
+    void* const chunk = crrecord::TakeHandleChunk();
     if (!chunk) {
         throw std::bad_alloc();
     }
@@ -56,5 +44,5 @@ void* Cr_TRef::operator new(std::size_t) {
 }
 
 void Cr_TRef::operator delete(void* chunk) noexcept {
-    Pool::free(chunk);
+    crrecord::ReturnHandleChunk(chunk);
 }

@@ -1,5 +1,6 @@
 // Typed references: the value's operations.
 
+#include "tref/pool.h"
 #include "tref/value.h"
 
 #include <algorithm>
@@ -18,8 +19,8 @@ _cr_tref_t* Fail(cr_status_t status) noexcept {
 }
 
 _cr_tref_t* Make(_cr_tref_t const& value) noexcept {
-    _cr_tref_t* const made = new (std::nothrow) _cr_tref_t(value);
-    return made ? made : Fail(CR_STATUS_NO_MEMORY);
+    void* const chunk = TakeValueChunk();
+    return chunk ? new (chunk) _cr_tref_t(value) : Fail(CR_STATUS_NO_MEMORY);
 }
 
 // The text form in a buffer of its own.
@@ -106,8 +107,8 @@ _cr_tref_t* CRTRefNewDeserialize(void const* source, unsigned long available, in
 }
 
 void CRTRefDelete(_cr_tref_t** reference) noexcept {
-    if (reference) {
-        delete *reference;
+    if (reference && *reference) {
+        crrecord::ReturnValueChunk(*reference);
         *reference = nullptr;
     }
 }

@@ -1,0 +1,42 @@
+// The segment codec for every processor, and the choice.
+
+#include "support/segment_codec.h"
+
+#include "support/hex.h"
+#include "support/segment_codec_loops.h"
+
+namespace crrecord {
+
+namespace {
+
+struct BaseHex {
+    template <unsigned int Bytes>
+    static void Encode(unsigned char const* bytes, char* text) noexcept {
+        HexEncode(bytes, Bytes, text);
+    }
+    template <unsigned int Bytes>
+    static bool Decode(char const* text, unsigned char* bytes) noexcept {
+        return HexDecode(text, Bytes, bytes);
+    }
+};
+
+bool ProcessorHasAvx2() noexcept {
+#if defined(__x86_64__)
+    return __builtin_cpu_supports("avx2") != 0;
+#else
+    return false;
+#endif
+}
+
+} // namespace
+
+SegmentCodec const* BaseSegmentCodec(unsigned int fptype, unsigned int dotype) noexcept {
+    return CodecOf<BaseHex>(fptype, dotype);
+}
+
+SegmentCodec const& SegmentCodecFor(unsigned int fptype, unsigned int dotype) noexcept {
+    SegmentCodec const* const fast = ProcessorHasAvx2() ? Avx2SegmentCodec(fptype, dotype) : nullptr;
+    return fast ? *fast : *BaseSegmentCodec(fptype, dotype);
+}
+
+} // namespace crrecord

@@ -1,0 +1,72 @@
+// The loops of the segment codec, made once for each set of instructions. Everything has internal linkage: each source
+// that includes this compiles its own.
+
+#pragma once
+
+#include "support/segment_codec.h"
+
+namespace crrecord {
+
+namespace {
+
+void TurnDcids(unsigned char* to, unsigned char const* from, std::uint64_t count) noexcept {
+    for (std::uint64_t i = 0; i < count; ++i) {
+        Turn<std::uint64_t>(to + i * kDcidSize, from + i * kDcidSize);
+    }
+}
+
+template <class Hex, unsigned int Fingerprint, unsigned int SizeWidth, unsigned int OffsetWidth>
+struct SegmentLoops {
+    static constexpr unsigned int kNumbers = SizeWidth + OffsetWidth;
+    static constexpr unsigned int kText = 2 * Fingerprint;
+    static constexpr unsigned int kEntry = Fingerprint + kNumbers;
+    static constexpr unsigned int kForm = kText + 1 + kNumbers;
+
+    static void TurnNumbers(unsigned char* to, unsigned char const* from) noexcept {
+        if constexpr (SizeWidth != 0) {
+            TurnBytes<SizeWidth>(to, from);
+        }
+        if constexpr (OffsetWidth != 0) {
+            TurnBytes<OffsetWidth>(to + SizeWidth, from + SizeWidth);
+        }
+    }
+
+    static void Encode(unsigned char* form, unsigned char const* entry, std::uint64_t count) noexcept {
+        for (; count != 0; --count, form += kForm, entry += kEntry) {
+            Hex::template Encode<Fingerprint>(entry, reinterpret_cast<char*>(form));
+            form[kText] = 0;
+            TurnNumbers(form + kText + 1, entry + Fingerprint);
+        }
+    }
+
+    static bool Decode(unsigned char* entry, unsigned char const* form, std::uint64_t count) noexcept {
+        bool good = true;
+        for (; count != 0; --count, form += kForm, entry += kEntry) {
+            good &= Hex::template Decode<Fingerprint>(reinterpret_cast<char const*>(form), entry);
+            good &= form[kText] == 0;
+            TurnNumbers(entry + Fingerprint, form + kText + 1);
+        }
+        return good;
+    }
+
+    static constexpr SegmentCodec kCodec{Encode, Decode, TurnDcids};
+};
+
+template <class Hex, unsigned int Fingerprint>
+SegmentCodec const* CodecOfWidth(unsigned int dotype) noexcept {
+    switch (dotype) {
+    case CR_DO_TYPE_NO_OFFSET: return &SegmentLoops<Hex, Fingerprint, 4, 0>::kCodec;
+    case CR_DO_TYPE_8_BYTE_OFFSET: return &SegmentLoops<Hex, Fingerprint, 4, 8>::kCodec;
+    case CR_DO_TYPE_4_BYTE_OFFSET: return &SegmentLoops<Hex, Fingerprint, 4, 4>::kCodec;
+    default: return &SegmentLoops<Hex, Fingerprint, 0, 0>::kCodec;
+    }
+}
+
+template <class Hex>
+SegmentCodec const* CodecOf(unsigned int fptype, unsigned int dotype) noexcept {
+    return CRFPDigestSize(fptype) == 32 ? CodecOfWidth<Hex, 32>(dotype) : CodecOfWidth<Hex, 16>(dotype);
+}
+
+} // namespace
+
+} // namespace crrecord

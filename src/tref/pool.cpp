@@ -1,0 +1,46 @@
+#include "tref/pool.h"
+
+#include "tref/value.h"
+
+// The pools are given their mutex below; their default one would need another library.
+#define BOOST_POOL_NO_MT
+#include <boost/pool/singleton_pool.hpp>
+
+#include <mutex>
+
+namespace crrecord {
+
+namespace {
+
+struct Cr_TRef_Pool_Tag {};
+struct ValuePoolTag {};
+
+constexpr unsigned kFirstBlockChunks = 32;
+
+// Made before main starts, and never destroyed: handles may be released until the very end. Values have a pool of their
+// own, so that references that were made one behind the other lie one behind the other.
+template <class Tag, class T>
+using PoolOf = boost::singleton_pool<Tag, sizeof(T), boost::default_user_allocator_new_delete, std::mutex,
+                                     kFirstBlockChunks, 0>;
+using HandlePool = PoolOf<Cr_TRef_Pool_Tag, Cr_TRef>;
+using ValuePool = PoolOf<ValuePoolTag, _cr_tref_t>;
+
+} // namespace
+
+void* TakeHandleChunk() noexcept {
+    return HandlePool::malloc();
+}
+
+void ReturnHandleChunk(void* chunk) noexcept {
+    HandlePool::free(chunk);
+}
+
+void* TakeValueChunk() noexcept {
+    return ValuePool::malloc();
+}
+
+void ReturnValueChunk(void* chunk) noexcept {
+    ValuePool::free(chunk);
+}
+
+} // namespace crrecord

@@ -1,0 +1,14 @@
+// The pools of the process that handles and references come from.
+
+#pragma once
+
+namespace crrecord {
+
+// Chunks for one Cr_TRef and for one _cr_tref_t. Null without memory. Memory of a pool is used again, most recent first,
+// and never handed back. Each call locks the pool's mutex; one that can't be locked ends the process.
+void* TakeHandleChunk() noexcept;
+void ReturnHandleChunk(void* chunk) noexcept;
+void* TakeValueChunk() noexcept;
+void ReturnValueChunk(void* chunk) noexcept;
+
+} // namespace crrecord
