@@ -32,7 +32,7 @@ TEST(DORecordSegments, AccessorsAndRangeGiveTheValuesInEitherOrder) {
                 EXPECT_EQ(record->GetSegmentOffset(i), values.dotype == 3 ? expected.offset : kNone64);
                 EXPECT_EQ(record->GetSegmentObjectOffset(i), values.dotype == 5 ? expected.offset : kNone32);
                 EXPECT_EQ(record->GetSegmentDCID(i), expected.dcid);
-                EXPECT_EQ(record->GetSegmentDCIDList()[i], expected.dcid);
+                EXPECT_TRUE(record->GetSegmentDCIDList()[i] == expected.dcid);
                 Bytes padded = expected.fingerprint;
                 padded.resize(32);
                 EXPECT_TRUE(std::equal(padded.begin(), padded.end(), (*segment).fingerprint.bytes));
