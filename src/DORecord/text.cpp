@@ -68,8 +68,11 @@ void DORecord::writeText(std::ostream& stream) const {
     if (networkOrder) {
         Refuse("cannot write DO record to stream in text form because it is in network order");
     }
+    if (!header) {
+        Refuse(kInvalidRecordSize);
+    }
     // The fields that an unknown DO type does not have may lie in the tail.
-    bool const known = header && CRDOTypeIsValid(GetDOType()) != 0;
+    bool const known = CRDOTypeIsValid(GetDOType()) != 0;
     RecordLayout const layout = layoutUpTo(known ? &RecordLayout::udcids : &RecordLayout::total);
     TextWriter text(stream);
     WriteHeaderFields(text, *header);

@@ -61,7 +61,7 @@ bool CheckTexts(Form const& form, SegmentList const& list, FindingReporter& repo
         crfp_digest_t digest;
         unsigned char const* const text = list.entries + i * list.stride;
         bool const good = static_cast<int>(HexDecode(reinterpret_cast<char const*>(text), width, digest.bytes)) &
-                          static_cast<int>(text[2 * width] == 0);
+                          static_cast<int>(text[std::size_t{2} * width] == 0);
         if (good) {
             continue;
         }
