@@ -105,7 +105,13 @@ static_assert(sizeof(Cr_TRef) == 16);
 
 // Orders handles by their references; none of them is empty.
 struct Cr_TRefComparator {
-    bool operator()(boost::intrusive_ptr<Cr_TRef> const& a, boost::intrusive_ptr<Cr_TRef> const& b) const noexcept {
-        return CRTRefCompare(a->Get(), b->Get()) < 0;
-    }
+    bool operator()(boost::intrusive_ptr<Cr_TRef> const& a, boost::intrusive_ptr<Cr_TRef> const& b) const noexcept;
 };
+
+// The library itself sees the values and compares them in place.
+#ifndef CRRECORD_INSIDE
+inline bool Cr_TRefComparator::operator()(boost::intrusive_ptr<Cr_TRef> const& a,
+                                          boost::intrusive_ptr<Cr_TRef> const& b) const noexcept {
+    return CRTRefCompare(a->Get(), b->Get()) < 0;
+}
+#endif

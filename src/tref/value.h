@@ -56,3 +56,10 @@ inline unsigned long DecodeReference(unsigned char const* bytes, unsigned long a
 }
 
 } // namespace crrecord
+
+#ifdef CRRECORD_INSIDE
+inline bool Cr_TRefComparator::operator()(boost::intrusive_ptr<Cr_TRef> const& a,
+                                          boost::intrusive_ptr<Cr_TRef> const& b) const noexcept {
+    return crrecord::CompareReferences(*a->Get(), *b->Get()) < 0;
+}
+#endif
