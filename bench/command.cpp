@@ -1,0 +1,96 @@
+// The command on a large file in the page cache, against hashing its bytes in one call.
+
+#include "sides.h"
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <sched.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace bench {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kSegment = 131'072;
+
+// A file of random bytes that goes with the process that made it.
+struct InputFile {
+    explicit InputFile(std::size_t size) : bytes(size) {
+        std::mt19937_64 random(size);
+        for (std::size_t i = 0; i + 8 <= size; i += 8) {
+            auto const value = random();
+            std::memcpy(&bytes[i], &value, sizeof value);
+        }
+        std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(size));
+        Require(fs::file_size(path) == size, "the file can't be written");
+    }
+    ~InputFile() {
+        std::error_code ignored;
+        fs::remove(path, ignored);
+        fs::remove(records, ignored);
+    }
+    std::string const path = "bench-" + std::to_string(::getpid()) + ".bin";
+    std::string const records = path + ".records";
+    std::vector<char> bytes;
+};
+
+int Run(std::vector<std::string> const& words) {
+    std::vector<char*> arguments;
+    for (std::string const& word : words) {
+        arguments.push_back(const_cast<char*>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    posix_spawn_file_actions_t quiet;
+    posix_spawn_file_actions_init(&quiet);
+    posix_spawn_file_actions_addopen(&quiet, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t child = 0;
+    int const failed = ::posix_spawn(&child, arguments[0], &quiet, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&quiet);
+    int status = -1;
+    Require(failed == 0 && ::waitpid(child, &status, 0) == child, "the command can't be started");
+    return status;
+}
+
+Comparison CommandOn(int cores, unsigned int n) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    for (int core = 0; core < cores; ++core) {
+        CPU_SET(core, &set);
+    }
+    Require(::sched_setaffinity(0, sizeof set, &set) == 0, "this machine has too few cores");
+    auto const file = std::make_shared<InputFile const>(n * kSegment);
+    std::shared_ptr<EVP_MD> const hash(EVP_MD_fetch(nullptr, "SHA256", nullptr), EVP_MD_free);
+    return {{[file] {
+                Require(Run({CRRECORD_COMMAND, "build", file->path, "-o", file->records}) == 0, "the command failed");
+            }},
+            {[file, hash] {
+                unsigned char made[EVP_MAX_MD_SIZE];
+                Require(EVP_Digest(file->bytes.data(), file->bytes.size(), made, nullptr, hash.get(), nullptr) == 1,
+                        "no hash");
+                benchmark::DoNotOptimize(made);
+            }},
+            CLOCK_MONOTONIC};
+}
+
+} // namespace
+
+Comparison CommandOnOneCore(Shape, unsigned int n) {
+    return CommandOn(1, n);
+}
+
+Comparison CommandOnTwoCores(Shape, unsigned int n) {
+    return CommandOn(2, n);
+}
+
+} // namespace bench

@@ -1,0 +1,237 @@
+// Runs each operation and its reference in turn and prints one table of their ratios.
+//
+//   paired [--quick] [--only TEXT] [--json FILE]
+//
+// Each row is measured in a process of its own, whose allocator is set up before anything is allocated in it: either
+// all blocks come from one heap that never shrinks, or each large block is a mapping of its own. A row's ratio is the
+// median of the ratios of its rounds, and a round is one run of each side that follow one another.
+
+#include "operation.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <malloc.h>
+#include <nlohmann/json.hpp>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace bench {
+
+namespace {
+
+struct Plan {
+    int rounds = 21;
+    double roundSeconds = 0.02; // of each side, at least
+    char const* only = "";
+    char const* json = nullptr;
+};
+
+struct Result {
+    bool good;
+    int rounds;
+    double ours; // seconds
+    double reference;
+    double ratio;
+    double faults; // of ours, for each run
+    char complaint[128];
+};
+
+void SetUpAllocator(bool fresh) {
+    static constexpr int kLargeBlock = 64 * 1024;
+    if (fresh) {
+        mallopt(M_MMAP_THRESHOLD, kLargeBlock);
+    } else {
+        // The threshold has an upper limit, which the buffers of a million segments exceed.
+        mallopt(M_MMAP_MAX, 0);
+        mallopt(M_TRIM_THRESHOLD, INT_MAX);
+        mallopt(M_TOP_PAD, 1 << 30);
+    }
+}
+
+double Seconds(clockid_t clock) {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+long PageFaults() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_minflt + usage.ru_majflt;
+}
+
+struct Measured {
+    double seconds = 0;
+    long faults = 0;
+};
+
+Measured Run(Side const& side, clockid_t clock, long times) {
+    Measured sum;
+    long const atOnce = side.makeReady ? 1 : times;
+    for (long done = 0; done < times; done += atOnce) {
+        long const faults = PageFaults();
+        double const start = Seconds(clock);
+        for (long i = 0; i < atOnce; ++i) {
+            side.run();
+        }
+        sum.seconds += Seconds(clock) - start;
+        sum.faults += PageFaults() - faults;
+        if (side.makeReady) {
+            side.makeReady();
+        }
+    }
+    return sum;
+}
+
+// How many runs take long enough to be measured; warms up meanwhile.
+long Calibrate(Side const& side, clockid_t clock, double atLeast) {
+    long times = 1;
+    for (;;) {
+        double const taken = Run(side, clock, times).seconds;
+        if (taken >= atLeast / 2) {
+            return std::max(1L, std::lround(std::ceil(static_cast<double>(times) * atLeast / taken)));
+        }
+        times *= 2;
+    }
+}
+
+double Median(std::vector<double> values) {
+    auto const middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+void Measure(Operation const& operation, unsigned int n, Plan const& plan, Result& result) {
+    auto const [ours, reference, clock] = operation.prepare(operation.shape, n);
+    long const ourTimes = Calibrate(ours, clock, plan.roundSeconds);
+    long const referenceTimes = Calibrate(reference, clock, plan.roundSeconds);
+    std::vector<double> ourSeconds, referenceSeconds, ratios;
+    long faults = 0;
+    for (int round = 0; round < plan.rounds; ++round) {
+        Measured const a = Run(ours, clock, ourTimes);
+        Measured const b = Run(reference, clock, referenceTimes);
+        faults += a.faults;
+        ourSeconds.push_back(a.seconds / static_cast<double>(ourTimes));
+        referenceSeconds.push_back(b.seconds / static_cast<double>(referenceTimes));
+        ratios.push_back(ourSeconds.back() / referenceSeconds.back());
+    }
+    result.rounds = plan.rounds;
+    result.ours = Median(ourSeconds);
+    result.reference = Median(referenceSeconds);
+    result.ratio = Median(ratios);
+    result.faults = static_cast<double>(faults) / static_cast<double>(plan.rounds * ourTimes);
+    result.good = true;
+}
+
+Result MeasureApart(Operation const& operation, unsigned int n, bool fresh, Plan const& plan) {
+    void* const shared = mmap(nullptr, sizeof(Result), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    Require(shared != MAP_FAILED, "no memory");
+    auto* const result = new (shared) Result{};
+    std::strcpy(result->complaint, "it ended early");
+    pid_t const child = fork();
+    if (child == 0) {
+        SetUpAllocator(fresh);
+        try {
+            Measure(operation, n, plan, *result);
+        } catch (std::exception const& caught) {
+            std::snprintf(result->complaint, sizeof result->complaint, "%s", caught.what());
+        }
+        _exit(0);
+    }
+    Require(child > 0 && waitpid(child, nullptr, 0) == child, "no process");
+    Result const copy = *result;
+    munmap(shared, sizeof(Result));
+    return copy;
+}
+
+class Table {
+public:
+    explicit Table(Plan const& plan) : plan_(plan) {
+        std::printf("%-33s  %-33s %9s  %-8s %9s %9s %7s %7s %10s\n", "operation", "reference", "segments", "state",
+                    "ours", "ref.", "ratio", "target", "faults/op");
+        std::printf("%97s %9s   (ns a segment)\n", "", "");
+    }
+
+    void Add(Operation const& operation, unsigned int n, bool fresh, double target) {
+        if (target == kNotMeasured || !std::strstr(operation.name, plan_.only)) {
+            return;
+        }
+        char const* const state = fresh ? "fresh" : "resident";
+        std::printf("%-33s  %-33s %9u  %-8s ", operation.name, operation.reference, n, state);
+        std::fflush(stdout);
+        Result const result = MeasureApart(operation, n, fresh, plan_);
+        if (!result.good) {
+            std::printf("FAILED: %s\n", result.complaint);
+            ++failed_;
+            return;
+        }
+        double const each = 1e9 / n;
+        bool const missed = target != kNoTarget && result.ratio > target;
+        missed_ += missed;
+        std::printf("%9.2f %9.2f %7.3f ", result.ours * each, result.reference * each, result.ratio);
+        target == kNoTarget ? std::printf("%7s", "-") : std::printf("%7.2f", target);
+        std::printf(" %10.1f%s\n", result.faults, missed ? "  MISSED" : "");
+        json_.push_back({{"operation", operation.name},
+                         {"segments", n},
+                         {"state", state},
+                         {"reference", operation.reference},
+                         {"ratio", result.ratio},
+                         {"target", target == kNoTarget ? nlohmann::json() : nlohmann::json(target)},
+                         {"rounds", result.rounds},
+                         {"faults_per_op", result.faults}});
+    }
+
+    int Finish() const {
+        std::printf("\n%zu rows, %d above their target, %d failed\n", json_.size(), missed_, failed_);
+        if (plan_.json) {
+            std::ofstream file(plan_.json);
+            file << json_.dump(1) << '\n';
+            Require(file.good(), "the results can't be written");
+        }
+        return failed_ == 0 ? 0 : 1;
+    }
+
+private:
+    Plan const& plan_;
+    nlohmann::json json_ = nlohmann::json::array();
+    int missed_ = 0;
+    int failed_ = 0;
+};
+
+} // namespace
+
+} // namespace bench
+
+int main(int argc, char** argv) {
+    bench::Plan plan;
+    for (int i = 1; i < argc; ++i) {
+        std::string const option = argv[i];
+        if (option == "--quick") {
+            plan.rounds = 5;
+            plan.roundSeconds = 0.005;
+        } else if (option == "--only" && i + 1 < argc) {
+            plan.only = argv[++i];
+        } else if (option == "--json" && i + 1 < argc) {
+            plan.json = argv[++i];
+        } else {
+            std::fprintf(stderr, "usage: %s [--quick] [--only TEXT] [--json FILE]\n", argv[0]);
+            return 2;
+        }
+    }
+    bench::Table table(plan);
+    for (bench::Operation const& operation : bench::Operations()) {
+        table.Add(operation, 1'000, false, operation.inCache);
+        table.Add(operation, 1'000'000, false, operation.resident);
+        table.Add(operation, 1'000'000, true, operation.fresh);
+    }
+    return table.Finish();
+}

@@ -1,0 +1,188 @@
+// Unique DCID lists and typed references.
+
+#include "sides.h"
+
+#include <benchmark/benchmark.h>
+#ifdef CRRECORD_BENCH_PEERS
+#include <absl/container/btree_map.h>
+#include <absl/container/btree_set.h>
+#endif
+
+#include <cstdint>
+#include <map>
+#include <set>
+
+namespace bench {
+
+namespace {
+
+template <class Map>
+Comparison UniqueListAgainst(Shape shape, unsigned int n) {
+    auto const input = std::make_shared<Input const>(shape, n, Containers::AtRandom);
+    return {OurUniqueList(input), {[input] {
+                Map sizes;
+                unsigned char const* size = input->entries.data() + input->fingerprintSize;
+                for (unsigned long const dcid : input->dcids) {
+                    sizes[dcid] += LoadAt<unsigned int>(size);
+                    size += input->stride;
+                }
+                benchmark::DoNotOptimize(sizes.size());
+            }}};
+}
+
+std::shared_ptr<DORecord> RecordForReferences(Shape shape) {
+    return Input(shape, 1).MakeRecord();
+}
+
+void AddAll(DORecord& record, std::vector<unsigned long> const& ids) {
+    for (unsigned long const id : ids) {
+        Require(record.AddTaskID(id) == 0, "a task id that was there");
+    }
+}
+
+// Sorted, as GetSerializedTRefs gives them.
+std::shared_ptr<std::vector<char>> SerializedTaskIds(unsigned int n) {
+    auto const bytes = std::make_shared<std::vector<char>>(std::size_t{n} * 10);
+    char* to = bytes->data();
+    for (std::uint64_t id = 1; id <= n; ++id, to += 10) {
+        std::uint64_t const payload = __builtin_bswap64(id);
+        to[0] = CR_REFTYPE_TASKID;
+        to[1] = sizeof payload;
+        std::memcpy(to + 2, &payload, sizeof payload);
+    }
+    return bytes;
+}
+
+// A new container for every run; the old one goes between two runs.
+template <class Set, class Fill>
+Side FillSet(unsigned int n, Fill fill) {
+    auto const set = std::make_shared<Set>();
+    return {[set, fill] {
+                fill(*set);
+                benchmark::DoNotOptimize(set->size());
+            },
+            [set, n] {
+                Require(set->size() == n, "a value is missing");
+                *set = Set();
+            }};
+}
+
+template <class Fill>
+Side FillRecord(Shape shape, unsigned int n, Fill fill) {
+    auto const record = std::make_shared<std::shared_ptr<DORecord>>(RecordForReferences(shape));
+    return {[record, fill] { fill(**record); },
+            [record, shape, n] {
+                Require((*record)->GetNtaskid() == n, "a task id is missing");
+                *record = RecordForReferences(shape);
+            }};
+}
+
+template <class Set>
+Comparison AddAgainst(Shape shape, unsigned int n) {
+    auto const ids = std::make_shared<std::vector<unsigned long>>(ShuffledNumbers(n));
+    return {FillRecord(shape, n, [ids](DORecord& record) { AddAll(record, *ids); }), FillSet<Set>(n, [ids](Set& set) {
+                for (unsigned long const id : *ids) {
+                    set.insert(id);
+                }
+            })};
+}
+
+template <class Set>
+Comparison LookUpAgainst(Shape shape, unsigned int n) {
+    auto const ids = std::make_shared<std::vector<unsigned long>>(ShuffledNumbers(n));
+    auto const record = RecordForReferences(shape);
+    AddAll(*record, *ids);
+    auto const set = std::make_shared<Set const>(ids->begin(), ids->end());
+    auto const findAll = [ids](auto has) {
+        return [ids, has] {
+            for (unsigned long const id : *ids) {
+                Require(has(id), "a task id is missing");
+            }
+        };
+    };
+    return {{findAll([record](unsigned long id) { return record->HasTaskID(id); })},
+            {findAll([set](unsigned long id) { return set->find(id) != set->end(); })}};
+}
+
+} // namespace
+
+// A second list takes the place of the first.
+Side OurUniqueList(InputPtr const& input) {
+    std::shared_ptr<DORecord> const record = input->MakeRecord();
+    return {[record] { Require(record->AppendBloomAndUniqueDCIDList() == CR_STATUS_OK, "no unique list"); }};
+}
+
+Comparison UniqueListOfRuns(Shape shape, unsigned int n) {
+    auto const input = std::make_shared<Input const>(shape, n);
+    return {OurUniqueList(input), {[input] {
+                unsigned long sum = 0;
+                unsigned char const* size = input->entries.data() + input->fingerprintSize;
+                for (unsigned long const dcid : input->dcids) {
+                    sum += dcid + LoadAt<unsigned int>(size);
+                    size += input->stride;
+                }
+                benchmark::DoNotOptimize(sum);
+            }}};
+}
+
+Comparison UniqueListAtRandom(Shape shape, unsigned int n) {
+    return UniqueListAgainst<std::map<std::uint64_t, std::uint64_t>>(shape, n);
+}
+
+Comparison AddTaskIds(Shape shape, unsigned int n) {
+    return AddAgainst<std::set<std::uint64_t>>(shape, n);
+}
+
+Comparison LookUpTaskIds(Shape shape, unsigned int n) {
+    return LookUpAgainst<std::set<std::uint64_t>>(shape, n);
+}
+
+#ifdef CRRECORD_BENCH_PEERS
+Comparison UniqueListAtRandomBTree(Shape shape, unsigned int n) {
+    return UniqueListAgainst<absl::btree_map<std::uint64_t, std::uint64_t>>(shape, n);
+}
+
+Comparison AddTaskIdsBTree(Shape shape, unsigned int n) {
+    return AddAgainst<absl::btree_set<std::uint64_t>>(shape, n);
+}
+
+Comparison LookUpTaskIdsBTree(Shape shape, unsigned int n) {
+    return LookUpAgainst<absl::btree_set<std::uint64_t>>(shape, n);
+}
+#endif
+
+Comparison AddSerialized(Shape shape, unsigned int n) {
+    using Set = std::set<std::uint64_t>;
+    auto const bytes = SerializedTaskIds(n);
+    return {FillRecord(shape, n,
+                       [bytes](DORecord& record) {
+                           record.AddSerializedTRefs(bytes->data(), static_cast<unsigned int>(bytes->size()));
+                       }),
+            FillSet<Set>(n, [bytes](Set& set) {
+                auto const* from = reinterpret_cast<unsigned char const*>(bytes->data());
+                auto const* const end = from + bytes->size();
+                for (; from != end; from += 10) {
+                    set.emplace_hint(set.end(), __builtin_bswap64(LoadAt<std::uint64_t>(from + 2)));
+                }
+            })};
+}
+
+Comparison HeaderWithReferences(Shape shape, unsigned int n) {
+    auto const section = SerializedTaskIds(n);
+    auto const record = RecordForReferences(shape);
+    record->AddSerializedTRefs(section->data(), static_cast<unsigned int>(section->size()));
+    Require(record->GetSerializedTRefsSize() == section->size() &&
+                std::memcmp(record->GetSerializedTRefs(), section->data(), section->size()) == 0,
+            "another section");
+    auto const copy = std::make_shared<std::vector<char>>(section->size());
+    return {{[record] {
+                benchmark::DoNotOptimize(record->GetHeader());
+                benchmark::ClobberMemory();
+            }},
+            {[section, copy] {
+                std::memcpy(copy->data(), section->data(), section->size());
+                benchmark::ClobberMemory();
+            }}};
+}
+
+} // namespace bench

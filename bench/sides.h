@@ -1,0 +1,53 @@
+// How each operation and its references are made ready. The table in table.cpp puts them together.
+
+#pragma once
+
+#include "input.h"
+
+namespace bench {
+
+Comparison Serialize(Shape shape, unsigned int n);
+Comparison SerializeWithoutChecksum(Shape shape, unsigned int n);
+Comparison Parse(Shape shape, unsigned int n);
+Comparison ParseWithChecksum(Shape shape, unsigned int n);
+Comparison Build(Shape shape, unsigned int n);
+Comparison Wrap(Shape shape, unsigned int n);
+Comparison FromBuffer(Shape shape, unsigned int n);
+Comparison Convert(Shape shape, unsigned int n);
+Comparison CheckSegmentList(Shape shape, unsigned int n);
+
+Comparison Adler32(Shape shape, unsigned int n);
+Comparison Adler32Zlib(Shape shape, unsigned int n);
+Comparison FingerprintToText(Shape shape, unsigned int n);
+Comparison FingerprintFromText(Shape shape, unsigned int n);
+Comparison Digest(Shape shape, unsigned int n);
+
+Comparison UniqueListOfRuns(Shape shape, unsigned int n);
+Comparison UniqueListAtRandom(Shape shape, unsigned int n);
+Comparison UniqueListAtRandomBTree(Shape shape, unsigned int n);
+
+Comparison AddTaskIds(Shape shape, unsigned int n);
+Comparison AddTaskIdsBTree(Shape shape, unsigned int n);
+Comparison AddSerialized(Shape shape, unsigned int n);
+Comparison LookUpTaskIds(Shape shape, unsigned int n);
+Comparison LookUpTaskIdsBTree(Shape shape, unsigned int n);
+Comparison HeaderWithReferences(Shape shape, unsigned int n);
+
+// Peers: ours against encoding or parsing the same object of kMainShape.
+Comparison SerializeFlatBuffers(Shape shape, unsigned int n);
+Comparison SerializeCapnProto(Shape shape, unsigned int n);
+Comparison SerializeProtobuf(Shape shape, unsigned int n);
+Comparison ParseFlatBuffers(Shape shape, unsigned int n);
+Comparison ParseProtobuf(Shape shape, unsigned int n);
+
+// n is the size of the file in segments of 128 KiB.
+Comparison CommandOnOneCore(Shape shape, unsigned int n);
+Comparison CommandOnTwoCores(Shape shape, unsigned int n);
+
+// Single sides, for those above and for the growth plot.
+Side OurSerialize(InputPtr const& input, bool withChecksum);
+Side OurParse(InputPtr const& input, unsigned int options);
+Side OurUniqueList(InputPtr const& input);
+Side CopyInto(std::shared_ptr<std::vector<unsigned char>> const& source);
+
+} // namespace bench
