@@ -17,6 +17,28 @@ namespace {
 
 constexpr std::size_t kBlock = 1024UL * 1024;
 
+// Polynomials over the field of two elements modulo that of CRC-32; the coefficient of x^0 is the highest bit.
+constexpr std::uint32_t Multiply(std::uint32_t a, std::uint32_t b) noexcept {
+    constexpr std::uint32_t kPolynomial = 0xedb88320;
+    std::uint32_t product = 0;
+    for (; a != 0; a <<= 1) {
+        product ^= (a >> 31) * b;
+        b = (b >> 1) ^ (b & 1) * kPolynomial;
+    }
+    return product;
+}
+
+// The CRC-32 of what `crc` is of and so many zero bytes behind it, without a pass over them.
+constexpr std::uint32_t AppendZeros(std::uint32_t crc, std::uint64_t count) noexcept {
+    constexpr std::uint32_t kOneByte = 1U << (31 - 8); // x^8
+    std::uint32_t remainder = ~crc;
+    for (std::uint32_t factor = kOneByte; count != 0; count >>= 1, factor = Multiply(factor, factor)) {
+        remainder = (count & 1) != 0 ? Multiply(remainder, factor) : remainder;
+    }
+    return ~remainder;
+}
+static_assert(AppendZeros(0, 1) == 0xd202ef8d);
+
 class Cutter {
 public:
     Cutter(CutOptions const& options, std::function<void(CutSegment const&)> const& use)
@@ -25,24 +47,37 @@ public:
         Start();
     }
 
+    // So many zeros that belong to no segment.
+    void Skip(std::uint64_t count) {
+        if (count == 0) {
+            return;
+        }
+        EndSegment();
+        totals_.crc = AppendZeros(totals_.crc, count);
+        totals_.gaps += count;
+        totals_.bytes += count;
+    }
+
     void Append(std::span<unsigned char const> bytes) {
-        totals_.bytes += bytes.size();
+        totals_.crc = libdeflate_crc32(totals_.crc, bytes.data(), bytes.size());
         while (!bytes.empty()) {
-            auto const piece = bytes.first(std::min(bytes.size(), options_.segmentSize - segment_.size));
+            std::uint64_t const room = options_.segmentSize - totals_.bytes % options_.segmentSize;
+            auto const piece = bytes.first(std::min(bytes.size(), room));
             Check(CRFPAppend(&context_, piece.data(), piece.size()) == 0);
             segment_.crc = libdeflate_crc32(segment_.crc, piece.data(), piece.size());
             segment_.size += piece.size();
+            totals_.bytes += piece.size();
             bytes = bytes.subspan(piece.size());
-            if (segment_.size == options_.segmentSize) {
+            if (piece.size() == room) {
                 EndSegment();
             }
         }
     }
 
+    CutTotals const& Totals() const { return totals_; }
+
     CutTotals const& Finish() {
-        if (segment_.size != 0) {
-            EndSegment();
-        }
+        EndSegment();
         return totals_;
     }
 
@@ -53,6 +88,10 @@ private:
     }
 
     void EndSegment() {
+        if (segment_.size == 0) {
+            return;
+        }
+        segment_.offset = totals_.bytes - segment_.size;
         Check(CRFPFinalize(&context_) == 0 && CRFPGetDigest_r(&context_, &segment_.fingerprint));
         segment_.container = Place(segment_.size);
         use_(segment_);
@@ -92,13 +131,13 @@ private:
 
 } // namespace
 
-void AddCutOptions(CLI::App& verb, CutOptions& options) {
+void AddCutOptions(CLI::App& verb, CutOptions& options, unsigned int mostBytes) {
     // Without their descriptions, which would stand in the help where the value's name does.
     auto const size = CLI::AsSizeValue(false).description("");
     auto const range = [](unsigned int least, unsigned int most) { return CLI::Range(least, most).description(""); };
     verb.add_option("--segment-size", options.segmentSize, "Bytes of each segment but the last, such as 64K")
         ->transform(size)
-        ->check(range(1, CutOptions::kMost32))
+        ->check(range(1, mostBytes))
         ->type_name("BYTES")
         ->capture_default_str();
     verb.add_option("--container-size", options.containerSize, "Bytes that a container holds, such as 64M")
@@ -115,7 +154,7 @@ void AddCutOptions(CLI::App& verb, CutOptions& options) {
         ->capture_default_str();
 }
 
-CutTotals Cut(Input& input, CutOptions const& options, std::function<void(CutSegment const&)> const& use) {
+CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::function<void(CutSegment const&)> const& use) {
     if (options.containerSize < options.segmentSize) {
         throw Failure(fmt::format("a container of {} bytes cannot hold a segment of {}: raise --container-size",
                                   options.containerSize, options.segmentSize));
@@ -123,15 +162,25 @@ CutTotals Cut(Input& input, CutOptions const& options, std::function<void(CutSeg
     Progress progress(input.Name(), input.ExpectedSize());
     Cutter cutter(options, use);
     std::vector<unsigned char> block(kBlock);
-    std::uint64_t bytes = 0;
-    while (std::size_t const count = input.Read(block)) {
+    Extent extent = holes == Holes::AreGaps ? input.NextExtent() : Extent{};
+    for (;;) {
+        cutter.Skip(std::exchange(extent.hole, 0));
+        std::size_t const count = input.Read(std::span(block).first(std::min(block.size(), extent.data)));
+        if (count == 0) {
+            break;
+        }
         cutter.Append(std::span(block).first(count));
-        progress.At(bytes += count);
+        progress.At(cutter.Totals().bytes);
+        extent.data -= count;
+        if (extent.data == 0) {
+            extent = input.NextExtent();
+        }
     }
-    if (bytes == 0) {
-        throw Failure(input.Name() + ": is empty, so it has no segments");
+    CutTotals const totals = cutter.Finish();
+    if (totals.segments == 0) {
+        throw Failure(input.Name() + (totals.bytes == 0 ? ": is empty" : ": is one hole") + ", so it has no segments");
     }
-    return cutter.Finish();
+    return totals;
 }
 
 } // namespace crrecord::tool

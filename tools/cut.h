@@ -25,9 +25,16 @@ struct CutOptions {
     unsigned int firstContainer = kLeastContainer;
 };
 
-void AddCutOptions(CLI::App& verb, CutOptions& options);
+// The size of a segment may be up to `mostBytes`.
+void AddCutOptions(CLI::App& verb, CutOptions& options, unsigned int mostBytes = CutOptions::kMost32);
+
+enum class Holes {
+    AreZeros,
+    AreGaps, // between segments, where the file system tells of them
+};
 
 struct CutSegment {
+    std::uint64_t offset = 0;
     std::uint64_t size = 0;
     std::uint32_t crc = 0; // CRC-32, as of gzip
     unsigned int container = 0;
@@ -36,7 +43,9 @@ struct CutSegment {
 
 // What was cut in all.
 struct CutTotals {
-    std::uint64_t bytes = 0;
+    std::uint64_t bytes = 0; // gaps included
+    std::uint64_t gaps = 0;  // bytes in no segment
+    std::uint32_t crc = 0;   // CRC-32 of all bytes; those of gaps are zeros
     std::uint64_t segments = 0;
     unsigned int firstContainer = 0;
     unsigned int lastContainer = 0;
@@ -45,8 +54,10 @@ struct CutTotals {
 };
 
 // Reads all of `input` once, in little memory whatever the segments' size, with its progress on the terminal, and gives
-// each segment in turn to `use`. Containers are filled one behind the other. Throws Failure where the input is empty,
-// where a segment is larger than a container, and where container ids run past 32 bits.
-CutTotals Cut(Input& input, CutOptions const& options, std::function<void(CutSegment const&)> const& use);
+// each segment in turn to `use`. Segments end at the multiples of their size and where a gap begins, so that a hole
+// changes no segment but those that it touches. Containers are filled one behind the other. Throws Failure where the
+// input is empty or all of it a gap, where a segment is larger than a container, and where container ids run past 32
+// bits.
+CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::function<void(CutSegment const&)> const& use);
 
 } // namespace crrecord::tool

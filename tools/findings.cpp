@@ -1,5 +1,6 @@
 #include "findings.h"
 
+#include <crrecord/DORecordHeader.h>
 #include <crrecord/SOmarshall.h>
 #include <crrecord/finding.h>
 
@@ -10,15 +11,15 @@ namespace crrecord::tool {
 
 namespace {
 
-template <Extent extent>
+template <Depth depth>
 bool Keep(cr_finding_t const* finding, void* context) {
     auto& findings = *static_cast<std::vector<Finding>*>(context);
     bool const isError = finding->severity == CR_FINDING_ERROR;
-    if (extent == Extent::Everything || isError) {
+    if (depth == Depth::Everything || isError) {
         findings.push_back({finding->code, finding->severity, finding->offset, finding->found, finding->expected,
                             finding->field, finding->message});
     }
-    return extent == Extent::Everything || !isError;
+    return depth == Depth::Everything || !isError;
 }
 
 char const* NameOf(int severity) noexcept {
@@ -34,14 +35,24 @@ char const* RemarkOn(Record const& record) noexcept {
 
 } // namespace
 
-bool Diagnose(Record const& record, Extent extent, std::vector<Finding>& findings) {
+bool Diagnose(Record const& record, Depth depth, std::vector<Finding>& findings) {
     findings.clear();
     // Of something unknown the first error says that; what its bytes would mean in a segment record is no news.
-    bool const everything = extent == Extent::Everything && record.kind != Kind::Unknown;
+    bool const everything = depth == Depth::Everything && record.kind != Kind::Unknown;
     bool const network = record.order == Order::Network;
-    return SegmentRecordDiagnose(record.bytes, record.size, network ? CR_SO_NETWORK_ORDER : 0,
-                                 everything ? Keep<Extent::Everything> : Keep<Extent::FirstError>,
-                                 &findings) == CR_STATUS_OK;
+    cr_finding_callback_t const keep = everything ? Keep<Depth::Everything> : Keep<Depth::FirstError>;
+    switch (record.kind) {
+    case Kind::DataObject:
+        return DORecordDiagnose(record.bytes, record.size, network ? CR_DO_NETWORK_ORDER : 0, keep, &findings) ==
+               CR_STATUS_OK;
+    case Kind::Form:
+        return DORecordSerializedDiagnose(record.bytes, record.size, record.form.dotype, record.form.fptype,
+                                          record.form.checksum ? CR_DO_FORM_CHECKSUM : 0, keep,
+                                          &findings) == CR_STATUS_OK;
+    default:
+        return SegmentRecordDiagnose(record.bytes, record.size, network ? CR_SO_NETWORK_ORDER : 0, keep, &findings) ==
+               CR_STATUS_OK;
+    }
 }
 
 std::string Describe(std::string_view file, Record const& record, Finding const& finding) {
@@ -52,9 +63,9 @@ std::string Describe(std::string_view file, Record const& record, Finding const&
 }
 
 void AppendJsonStart(fmt::memory_buffer& to, std::string_view quotedFile, Record const& record, bool valid) {
-    std::string_view const order = record.kind == Kind::Unknown     ? "null"
-                                   : record.order == Order::Network ? "\"network\""
-                                                                    : "\"host\"";
+    std::string_view const order = record.kind == Kind::Unknown || record.kind == Kind::Form ? "null"
+                                   : record.order == Order::Network                          ? "\"network\""
+                                                                                             : "\"host\"";
     fmt::format_to(std::back_inserter(to),
                    FMT_COMPILE(R"({{"file":{},"record":{},"offset":"{}","kind":"{}","order":{},"valid":{})"),
                    quotedFile, record.number, record.offset, NameOf(record.kind), order, valid);

@@ -22,11 +22,11 @@ struct Finding {
     std::string message;
 };
 
-enum class Extent { Everything, FirstError };
+enum class Depth { Everything, FirstError };
 
 // Whether the record, whose bytes are still as they were found, may be used. `findings` gets what was found, and
 // nothing else.
-bool Diagnose(Record const& record, Extent extent, std::vector<Finding>& findings);
+bool Diagnose(Record const& record, Depth depth, std::vector<Finding>& findings);
 
 // One line without its end: where, what, and why the rest of the input is not read where that is so.
 std::string Describe(std::string_view file, Record const& record, Finding const& finding);

@@ -2,6 +2,8 @@
 
 #include "failure.h"
 
+#include <algorithm>
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -31,6 +33,31 @@ std::size_t Input::Read(std::span<unsigned char> room) {
         throw InputFailure(ErrnoText(name_, "read"));
     }
     return static_cast<std::size_t>(count);
+}
+
+Extent Input::NextExtent(std::uint64_t most) const {
+    // Files of the kernel's own have no size, and yet something to read.
+    off_t const here = ExpectedSize() != 0 && file_ != STDIN_FILENO ? ::lseek(file_, 0, SEEK_CUR) : -1;
+    if (here == -1) {
+        return {};
+    }
+    off_t data = ::lseek(file_, here, SEEK_DATA);
+    bool const endsInHole = data == -1 && errno == ENXIO;
+    if (endsInHole) {
+        data = ::lseek(file_, 0, SEEK_END);
+    }
+    if (data == -1) {
+        ::lseek(file_, here, SEEK_SET);
+        return {};
+    }
+    auto const hole = static_cast<std::uint64_t>(std::max(data, here) - here);
+    if (hole > most) {
+        ::lseek(file_, here + static_cast<off_t>(most), SEEK_SET);
+        return {most, 0};
+    }
+    off_t const end = endsInHole ? data : ::lseek(file_, data, SEEK_HOLE);
+    ::lseek(file_, std::max(data, here), SEEK_SET);
+    return end == -1 ? Extent{hole} : Extent{hole, static_cast<std::uint64_t>(end - data)};
 }
 
 std::uint64_t Input::ExpectedSize() const {

@@ -3,12 +3,19 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <span>
 #include <string>
 
 #include <sys/stat.h>
 
 namespace crrecord::tool {
+
+// What lies ahead in a file: a hole, which reads as zeros, and data behind it.
+struct Extent {
+    std::uint64_t hole = 0;
+    std::uint64_t data = std::numeric_limits<std::uint64_t>::max();
+};
 
 class Input {
 public:
@@ -20,6 +27,10 @@ public:
 
     // Reads what is there, at least one byte and at most `room`; 0 at the end. Throws InputFailure.
     std::size_t Read(std::span<unsigned char> room);
+
+    // Steps over the hole that begins here, if one does, up to `most` bytes of it. No data: the input ends there, or
+    // the hole goes on. Of standard input, and where the file system knows no holes, all is data.
+    Extent NextExtent(std::uint64_t most = std::numeric_limits<std::uint64_t>::max()) const;
 
     std::string const& Name() const { return name_; }
     // Bytes of a regular file, 0 for anything else.

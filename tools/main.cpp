@@ -14,7 +14,8 @@ namespace crrecord::tool {
 
 namespace {
 
-constexpr char kExitCodes[] = "Exit status: 0 all well; 1 a record is bad; 2 the command could not do its work.";
+constexpr char kExitCodes[] =
+    "Exit status: 0 all well; 1 a record is bad, or a file differs; 2 the command could not do its work.";
 
 // Where a standard file is closed, the next file that is opened would take its number and records would land there.
 // These are opened the wrong way round, so that using them fails.
@@ -51,14 +52,17 @@ ExitCode EndParsing(CLI::App& app, CLI::ParseError const& error, Output& out) {
 ExitCode Run(int argc, char** argv) {
     Output out(STDOUT_FILENO, "standard output");
     Action chosen;
-    CLI::App app("Builds, shows, validates and converts the records of a deduplicating content store.", "crrecord");
+    CLI::App app("Builds, shows, checks and converts the records of a deduplicating content store.", "crrecord");
     app.set_version_flag("--version", "crrecord " CRRECORD_VERSION);
     app.require_subcommand(1);
     app.footer(kExitCodes);
-    AddSegments(app, chosen);
+    AddBuild(app, chosen);
     AddShow(app, chosen);
     AddValidate(app, chosen);
     AddConvert(app, chosen);
+    AddDigest(app, chosen);
+    AddVerify(app, chosen);
+    AddSegments(app, chosen);
     try {
         app.parse(argc, argv);
     } catch (CLI::ParseError const& error) {

@@ -7,12 +7,24 @@
 
 #include <cstdlib>
 #include <memory>
+#include <optional>
 
 namespace crrecord::tool {
 
-enum class Kind { Segment, Unknown };
+enum class Kind { Segment, DataObject, Form, Unknown };
 
-struct SizeClaims;
+// What a record says of its size by its first bytes. Nothing about either is checked.
+struct SizeClaims {
+    std::uint64_t recorded; // by its record size
+    std::uint64_t counted;  // by its counts
+};
+
+// What must be told of an exchange form of a DO record, which carries no mark.
+struct FormFacts {
+    unsigned char dotype = 0;
+    unsigned char fptype = 0;
+    bool checksum = false; // its head has the checksum of its body
+};
 
 // One record as it was found. The bytes are the stream's, may be changed in place, and last until the next record is
 // asked for.
@@ -20,30 +32,38 @@ struct Record {
     std::uint64_t number; // from 1
     std::uint64_t offset; // in its input
     Kind kind;
-    Order order;        // as it was found; means nothing for an unknown kind
+    Order order;        // as it was found; means nothing for exchange forms and unknown kinds
     bool endsTooEarly;  // the input ends within the record
     std::uint64_t size; // bytes that are there
     unsigned char* bytes;
+    FormFacts form; // of an exchange form
 };
 
 char const* NameOf(Kind kind) noexcept;
 char const* NameOf(Order order) noexcept;
+char const* NameOfFingerprint(unsigned int fptype) noexcept;
 
 // Finds the records' borders and order; whether a record is any good is for its validator. A record ends where its size
 // and its counts say. Where they disagree the record is bad, but those behind it need not be lost: it ends at the
 // nearer of both ends if another record begins there or the input ends there, and otherwise at the farther one. A
 // record of unknown kind, or one that is cut short, is the last. An input without a byte has one record of no bytes.
 //
+// An exchange form says nothing of itself: where one is expected, it is all of the input.
+//
 // Memory: one record, and never more than twice the bytes that were really read beyond a first block, whatever a record
 // claims.
 class RecordStream {
 public:
-    explicit RecordStream(std::string name) : input_(std::move(name)) {}
+    // With `form` the input is an exchange form.
+    explicit RecordStream(std::string name, std::optional<FormFacts> form = std::nullopt)
+        : input_(std::move(name)), form_(form) {}
 
     std::string const& Name() const { return input_.Name(); }
 
     // The next record, or null behind the last. Throws InputFailure.
     Record* Next();
+    // Whether the present record is the last of the input. Its bytes may move.
+    bool EndsHere();
 
 private:
     struct Free {
@@ -54,10 +74,12 @@ private:
     std::uint64_t Fill(std::uint64_t need);
     void MakeRoom(std::uint64_t need);
     void Frame();
-    std::uint64_t ChooseSize(SizeClaims claims);
+    void FrameForm();
+    std::uint64_t ChooseSize(SizeClaims claims, std::uint64_t least);
     bool IsBorder(std::uint64_t position);
 
     Input input_;
+    std::optional<FormFacts> form_;
     std::unique_ptr<unsigned char, Free> buffer_;
     std::uint64_t capacity_ = 0;
     std::uint64_t begin_ = 0; // of the current record in the buffer

@@ -3,8 +3,6 @@
 #include "SOmarshall/layout.h"
 #include "support/hex.h"
 
-#include <array>
-
 #include <fmt/compile.h>
 
 namespace crrecord::tool {
@@ -12,9 +10,6 @@ namespace crrecord::tool {
 namespace {
 
 using segment::FieldOf;
-
-constexpr std::array<char const*, 4> kFingerprintNames{"MD5", "SHA-1/128", "SHA-256/128", "SHA-256"};
-static_assert(kFingerprintNames.size() == CR_FP_TYPE_SHA256 + 1);
 
 // The table's columns up to the fingerprint, which comes last since it is the widest.
 constexpr char kRow[] = "{:>8}  {:>12}  {:<7}  {:<20}  {:>10}  {:<8}  {:<11}  ";
@@ -145,7 +140,7 @@ void AppendSegmentRow(fmt::memory_buffer& to, Record const& record, bool showKey
     std::uint64_t const size = stored.size;
     std::uint32_t const crc = stored.CRC;
     fmt::format_to(std::back_inserter(to), kRow, record.number, record.offset, NameOf(record.order), PlaceOf(stored),
-                   size, fmt::format("{:08x}", crc), kFingerprintNames[stored.fptype]);
+                   size, fmt::format("{:08x}", crc), NameOfFingerprint(stored.fptype));
     if (showKey) {
         AppendKey(to, stored);
         to.append(std::string_view("  "));

@@ -21,11 +21,7 @@ constexpr std::uint64_t SegmentRecordHeadSize() noexcept {
 // The order of what may be the start of a segment record; none where it is something else or too short to tell.
 std::optional<Order> SegmentRecordOrder(std::span<unsigned char const> bytes) noexcept;
 
-// What a record with these first bytes says of its size. Nothing about either is checked.
-struct SizeClaims {
-    std::uint64_t recorded; // by its record size
-    std::uint64_t counted;  // by its counts
-};
+// `head` has SegmentRecordHeadSize() bytes.
 SizeClaims SegmentRecordSizes(unsigned char const* head, Order order) noexcept;
 
 // Brings the bytes of a valid record, which are still as they were found, into `order`.

@@ -59,13 +59,14 @@ ExitCode Build(BuildOptions const& options, Output& out) {
     }
     OutputFile records(options.out);
     auto const fptype = static_cast<unsigned char>(options.cut.fptype);
-    CutTotals const totals = Cut(input, options.cut, [&](CutSegment const& cut) { WriteRecord(records, cut, fptype); });
+    CutTotals const totals =
+        Cut(input, options.cut, Holes::AreZeros, [&](CutSegment const& cut) { WriteRecord(records, cut, fptype); });
     records.Commit();
     PrintClosing(out, options.out, options.json, ClosingLine(options, totals));
     return ExitCode::AllWell;
 }
 
-void AddBuild(CLI::App& segments, Action& chosen) {
+void AddSegmentsBuild(CLI::App& segments, Action& chosen) {
     auto const options = std::make_shared<BuildOptions>();
     CLI::App* const verb = segments.add_subcommand("build", "Write a segment record for each segment of a file");
     verb->add_option("FILE", options->file, "Any file; - is standard input")->required()->type_name("");
@@ -85,7 +86,7 @@ void AddSegments(CLI::App& app, Action& chosen) {
     CLI::App* const segments = app.add_subcommand("segments", "Segment records of a file");
     segments->require_subcommand(1);
     segments->footer("Example:\n  crrecord segments build movie.mkv -o movie.seg");
-    AddBuild(*segments, chosen);
+    AddSegmentsBuild(*segments, chosen);
 }
 
 } // namespace crrecord::tool

@@ -1,11 +1,11 @@
 // crrecord show: what the records say.
 
+#include "do_record.h"
 #include "findings.h"
 #include "segment_record.h"
+#include "show_object.h"
 #include "verbs.h"
 
-#include <charconv>
-#include <limits>
 #include <ostream>
 #include <streambuf>
 
@@ -13,34 +13,15 @@ namespace crrecord::tool {
 
 namespace {
 
-struct Range {
-    std::uint64_t first = 1;
-    std::uint64_t last = std::numeric_limits<std::uint64_t>::max();
-};
-
 struct ShowOptions {
     std::vector<std::string> files{"-"};
-    Range records;
+    FormOptions form;
+    Range records{1};
+    std::optional<Range> segments;
     bool text = false;
     bool json = false;
     bool showKeys = false;
 };
-
-// FROM:TO, where either may be missing.
-Range ParseRange(std::string const& text) {
-    Range range;
-    char const* const end = text.data() + text.size();
-    char const* const colon = std::find(text.data(), end, ':');
-    auto const read = [](char const* from, char const* to, std::uint64_t& number) {
-        auto const [stop, error] = std::from_chars(from, to, number);
-        return from == to || (error == std::errc() && stop == to);
-    };
-    if (colon == end || !read(text.data(), colon, range.first) || !read(colon + 1, end, range.last) ||
-        range.first == 0 || range.last < range.first) {
-        throw CLI::ValidationError("--records", "\"" + text + "\" is not FROM:TO, such as 1:20, 21: or :20");
-    }
-    return range;
-}
 
 // Takes what the library writes to a stream.
 class OutputBuffer : public std::streambuf {
@@ -79,39 +60,41 @@ public:
             if (record->number < options_.records.first && !record->endsTooEarly && record->kind != Kind::Unknown) {
                 continue;
             }
-            if (!Diagnose(*record, Extent::FirstError, findings_)) {
+            if (!Diagnose(*record, Depth::FirstError, findings_)) {
                 ShowBad(stream.Name(), *record);
                 result = ExitCode::BadRecord;
                 continue;
             }
             if (!std::exchange(headed, true)) {
-                Head(stream.Name());
+                quotedName_ = JsonQuoted(stream.Name());
+                HeadInput(stream.Name());
             }
-            ShowGood(*record);
+            if (record->kind == Kind::Segment) {
+                ShowSegment(*record);
+            } else {
+                ShowObject(stream.Name(), *record);
+            }
         }
         return result;
     }
 
     void ShowTotals() {
-        if (!options_.json && !options_.text) {
-            out_.Print("\n{} in {}, describing {} of segments\n", Counted(records_, "record"),
-                       Counted(recordBytes_, "byte"), Counted(segmentBytes_, "byte"));
+        if (!options_.json && !options_.text && (records_ != 0 || objects_ == 0)) {
+            out_.Print("\n{} in {}, describing {} of segments\n",
+                       Counted(records_, objects_ == 0 ? "record" : "segment record"), Counted(recordBytes_, "byte"),
+                       Counted(segmentBytes_, "byte"));
         }
     }
 
 private:
-    void Head(std::string const& name) {
-        quotedName_ = JsonQuoted(name);
-        if (options_.json || options_.text) {
-            return;
+    void HeadInput(std::string const& name) {
+        inTable_ = false;
+        if (!options_.json && !options_.text && options_.files.size() > 1) {
+            out_.Print("{}{}:\n", records_ + objects_ == 0 ? "" : "\n", Printable(name));
         }
-        if (options_.files.size() > 1) {
-            out_.Print("{}{}:\n", records_ == 0 ? "" : "\n", Printable(name));
-        }
-        AppendSegmentHeading(out_.Buffer(), options_.showKeys);
     }
 
-    void ShowGood(Record const& record) {
+    void ShowSegment(Record const& record) {
         if (options_.text) {
             SegmentRecordToStream(textStream_, AsSegmentRecord(record), false);
             out_.Write("\n");
@@ -124,11 +107,38 @@ private:
             out_.Write("}\n");
             return;
         }
+        if (!std::exchange(inTable_, true)) {
+            AppendSegmentHeading(out_.Buffer(), options_.showKeys);
+        }
         AppendSegmentRow(out_.Buffer(), record, options_.showKeys);
         out_.FlushWhenFull();
         ++records_;
         recordBytes_ += record.size;
         segmentBytes_ += AsSegmentRecord(record).size;
+    }
+
+    // A DO record, or an exchange form as the record that it makes.
+    void ShowObject(std::string const& name, Record const& record) {
+        std::unique_ptr<DORecord> opened;
+        if (options_.text || record.kind == Kind::Form) {
+            opened = OpenDORecord(name, record);
+        }
+        if (options_.text) {
+            opened->ToStream(textStream_, false);
+            out_.Write("\n");
+            return;
+        }
+        auto const bytes = opened ? BytesOf(*opened) : std::span<unsigned char const>(record.bytes, record.size);
+        DORecordView const view(bytes.data(), bytes.size());
+        if (options_.json) {
+            AppendJsonStart(out_.Buffer(), quotedName_, record, true);
+            PrintObjectJson(out_, view, options_.segments.value_or(Range{}));
+            out_.Write("}\n");
+            return;
+        }
+        PrintObject(out_, record, view, options_.segments.value_or(kFirstSegments));
+        inTable_ = false;
+        ++objects_;
     }
 
     void ShowBad(std::string const& name, Record const& record) {
@@ -146,14 +156,17 @@ private:
     std::ostream textStream_;
     std::vector<Finding> findings_;
     std::string quotedName_;
-    std::uint64_t records_ = 0;
+    bool inTable_ = false; // of segment records
+    std::uint64_t objects_ = 0;
+    std::uint64_t records_ = 0; // segment records
     std::uint64_t recordBytes_ = 0;
     std::uint64_t segmentBytes_ = 0;
 };
 
 ExitCode Show(ShowOptions const& options, Output& out) {
     Shower shower(options, out);
-    ExitCode const result = ForEachInput(options.files, [&](RecordStream& stream) { return shower.ShowInput(stream); });
+    ExitCode const result =
+        ForEachInput(options.files, options.form, [&](RecordStream& stream) { return shower.ShowInput(stream); });
     shower.ShowTotals();
     return result;
 }
@@ -166,14 +179,20 @@ void AddShow(CLI::App& app, Action& chosen) {
     verb->add_option("FILE", options->files, "Files of records, one behind the other; - is standard input")
         ->type_name("");
     verb->add_option_function<std::string>(
-            "--records", [options](std::string const& text) { options->records = ParseRange(text); },
+            "--records", [options](std::string const& text) { options->records = ParseRange("--records", text, 1); },
             "Only these records of each file, counted from 1, such as 1:20, 21: or :20")
+        ->type_name("FROM:TO");
+    verb->add_option_function<std::string>(
+            "--segments", [options](std::string const& text) { options->segments = ParseRange("--segments", text, 0); },
+            "Only these segments of DO records, counted from 0; 0:19 unless told, with --json all of them")
         ->type_name("FROM:TO");
     auto* const json = verb->add_flag("--json", options->json, "One JSON object a line for each record, every field");
     verb->add_flag("--text", options->text, "The one-line text form of each record")->excludes(json);
     verb->add_flag("--show-keys", options->showKeys, "Show the key bytes, which are masked otherwise");
-    verb->footer("A record's byte order is found out record by record. Bad records are told on standard error.\n\n"
-                 "Example:\n  crrecord show --records 1:20 movie.seg");
+    AddFormOptions(*verb, options->form);
+    verb->footer(
+        "A record's kind and byte order are found out record by record. Bad records are told on standard error.\n\n"
+        "Example:\n  crrecord show --segments 100:119 movie.do");
     verb->callback([options, &chosen] { chosen = [options](Output& out) { return Show(*options, out); }; });
 }
 

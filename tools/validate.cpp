@@ -11,6 +11,7 @@ namespace {
 
 struct ValidateOptions {
     std::vector<std::string> files{"-"};
+    FormOptions form;
     bool firstOnly = false;
     bool json = false;
     bool quiet = false;
@@ -37,12 +38,12 @@ void PrintSummary(Output& out, std::string const& name, Tally const& tally) {
 }
 
 ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Output& out) {
-    Extent const extent = options.firstOnly ? Extent::FirstError : Extent::Everything;
+    Depth const depth = options.firstOnly ? Depth::FirstError : Depth::Everything;
     std::string const quotedName = JsonQuoted(stream.Name());
     std::vector<Finding> findings;
     Tally tally;
     while (Record const* const record = stream.Next()) {
-        bool const valid = Diagnose(*record, extent, findings);
+        bool const valid = Diagnose(*record, depth, findings);
         ++tally.records;
         tally.bad += valid ? 0 : 1;
         tally.notes += valid ? findings.size() : 0;
@@ -76,14 +77,15 @@ void AddValidate(CLI::App& app, Action& chosen) {
     verb->add_flag("--first", options->firstOnly, "Only the first error of each record, and no notes");
     auto* const json = verb->add_flag("--json", options->json, "One JSON object a line for each record");
     verb->add_flag("--quiet", options->quiet, "No output: the exit status says it")->excludes(json);
+    AddFormOptions(*verb, options->form);
     verb->footer(
         "An error says that a record may not be used; a note that it is usable, but not what the library would\n"
         "have written. Each line gives the file, the record and where it begins, the finding's name, the field\n"
         "and where it is, the value found and the value expected.\n\n"
-        "Example:\n  crrecord validate movie.seg");
+        "Example:\n  crrecord validate movie.do");
     verb->callback([options, &chosen] {
         chosen = [options](Output& out) {
-            return ForEachInput(options->files,
+            return ForEachInput(options->files, options->form,
                                 [&](RecordStream& stream) { return ValidateInput(stream, *options, out); });
         };
     });

@@ -20,10 +20,13 @@ namespace crrecord::tool {
 using Action = std::function<ExitCode(Output&)>;
 
 // Each adds its verb to `app`. The verb that the command line names sets `chosen`.
+void AddBuild(CLI::App& app, Action& chosen);
 void AddSegments(CLI::App& app, Action& chosen);
 void AddShow(CLI::App& app, Action& chosen);
 void AddValidate(CLI::App& app, Action& chosen);
 void AddConvert(CLI::App& app, Action& chosen);
+void AddDigest(CLI::App& app, Action& chosen);
+void AddVerify(CLI::App& app, Action& chosen);
 
 // The closing line of a verb that wrote the file `path`. Where that was standard output the line would get between the
 // records, so that it goes to standard error, and only when it was asked for.
@@ -37,14 +40,31 @@ inline void PrintClosing(Output& out, std::string const& path, bool asked, std::
     }
 }
 
+// The options of verbs that read exchange forms too.
+struct FormOptions {
+    bool serialized = false;
+    unsigned int dotype = 0;
+    unsigned int fptype = 0;
+    bool checksum = false;
+
+    // What RecordStream wants to know.
+    std::optional<FormFacts> Facts() const {
+        return serialized ? std::optional<FormFacts>(
+                                {static_cast<unsigned char>(dotype), static_cast<unsigned char>(fptype), checksum})
+                          : std::nullopt;
+    }
+};
+
+void AddFormOptions(CLI::App& verb, FormOptions& options);
+
 // Calls visit(RecordStream&) for each input and returns the greatest exit code. An input that cannot be read is told
 // and the others are still visited.
 template <class Visit>
-ExitCode ForEachInput(std::vector<std::string> const& names, Visit visit) {
+ExitCode ForEachInput(std::vector<std::string> const& names, FormOptions const& form, Visit visit) {
     ExitCode result = ExitCode::AllWell;
     for (std::string const& name : names) {
         try {
-            RecordStream stream(name);
+            RecordStream stream(name, form.Facts());
             result = std::max(result, visit(stream));
         } catch (InputFailure const& failure) {
             Complain(failure.what());

@@ -1,0 +1,91 @@
+#include "do_record.h"
+
+#include "failure.h"
+#include "findings.h"
+
+#include "support/record_layout.h"
+
+#include <fmt/format.h>
+
+namespace crrecord::tool {
+
+namespace {
+
+std::unique_ptr<DORecord> Open(Record const& record) {
+    if (record.kind == Kind::Form) {
+        auto made = std::make_unique<DORecord>(record.form.dotype, record.form.fptype, nullptr, 0, record.bytes,
+                                               record.size, false);
+        // The list of a bloom record is received in network order.
+        if (record.form.dotype == CR_DO_TYPE_BLOOM_FILTER) {
+            cr_status_t const status = made->AppendBloomAndUniqueDCIDList();
+            if (status != CR_STATUS_OK) {
+                throw Cr_ErrnoException(status);
+            }
+        }
+        return made;
+    }
+    auto const* const header = reinterpret_cast<DORecordHeader const*>(record.bytes);
+    bool const legacy = header->ntaskid != 0 || header->nds != 0;
+    return legacy ? DORecord::FromBuffer(record.bytes, record.size)
+                  : DORecord::Wrap(record.bytes, record.size, record.size, true);
+}
+
+} // namespace
+
+std::optional<Order> DORecordOrder(std::span<unsigned char const> bytes) noexcept {
+    for (Order const order : {Order::Network, Order::Host}) {
+        if (bytes.size() >= sizeof DORecordHeader::type &&
+            Load<std::uint16_t>(bytes.data(), order) == CR_DO_RECORD_TYPE) {
+            return order;
+        }
+    }
+    return std::nullopt;
+}
+
+SizeClaims DORecordSizes(unsigned char const* head, Order order) noexcept {
+    auto const* const header = reinterpret_cast<DORecordHeader const*>(head);
+    return {order == Order::Host ? header->recsize : Turned(std::uint32_t{header->recsize}),
+            RecordLayout(CountsOf(header, order)).total};
+}
+
+void TurnDORecord(Record const& record, Order order) noexcept {
+    if (record.order != order) {
+        auto* const header = reinterpret_cast<DORecordHeader*>(record.bytes);
+        (order == Order::Network ? DORecordHeaderHton : DORecordHeaderNtoh)(header);
+    }
+}
+
+std::unique_ptr<DORecord> OpenDORecord(std::string_view file, Record const& record) {
+    try {
+        return Open(record);
+    } catch (Cr_ErrnoException const& error) {
+        char const* const text = error.what();
+        throw InputFailure(fmt::format("{}: record {} at byte {}: {}", file, record.number, record.offset,
+                                       *text != '\0' ? text : CRStatusToStringA(error.GetStatus())));
+    }
+}
+
+std::unique_ptr<DORecord> OpenOnlyDORecord(RecordStream& stream) {
+    Record const* const record = stream.Next();
+    std::vector<Finding> findings;
+    if (!Diagnose(*record, Depth::FirstError, findings)) {
+        Complain(Describe(stream.Name(), *record, findings.front()));
+        return nullptr;
+    }
+    if (record->kind == Kind::Segment) {
+        throw Failure(stream.Name() + ": is a segment record, where a DO record is needed");
+    }
+    if (!stream.EndsHere()) {
+        throw Failure(stream.Name() + ": holds more than one record, where one is needed");
+    }
+    return OpenDORecord(stream.Name(), *record);
+}
+
+std::string TextOf(crfp_digest_t const& fingerprint, unsigned int fptype) {
+    std::string text(CRFPTextSize(fptype), '\0');
+    CRFPDigestToString_r(&fingerprint, fptype, text.data(), text.size());
+    text.pop_back();
+    return text;
+}
+
+} // namespace crrecord::tool
