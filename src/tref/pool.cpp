@@ -27,7 +27,7 @@ using ValuePool = PoolOf<ValuePoolTag, _cr_tref_t>;
 
 } // namespace
 
-void* TakeHandleChunk() noexcept {
+void* TakeHandleChunk() {
     return HandlePool::malloc();
 }
 
