@@ -338,14 +338,14 @@ private:
     CRRECORD_LOCAL DORecord() noexcept;
     CRRECORD_LOCAL void adopt(crrecord::Order order, unsigned int options);
     CRRECORD_LOCAL void makeBlank() noexcept;
-    CRRECORD_LOCAL void allocate(unsigned long size, void const* former);
+    CRRECORD_LOCAL void allocate(unsigned long size, bool zeroed);
     CRRECORD_LOCAL void writeHeader(NewRecord const& values) noexcept;
     CRRECORD_LOCAL void finish(NewRecord const& values, unsigned char const* list);
     CRRECORD_LOCAL void writeText(std::ostream& stream) const;
     CRRECORD_LOCAL void writeBytes(std::ostream& stream) const;
     CRRECORD_LOCAL void turn(bool toNetworkOrder, unsigned int options);
     CRRECORD_LOCAL void clear(unsigned long from, unsigned long to) noexcept;
-    CRRECORD_LOCAL void growReferences(unsigned long by);
+    CRRECORD_LOCAL void growReferences(crrecord::RecordLayout const& layout, unsigned long by);
     CRRECORD_LOCAL void shrinkReferences(unsigned long by);
     CRRECORD_LOCAL void writeReferences(crrecord::RecordLayout const& layout) const noexcept;
     CRRECORD_LOCAL void loadReferences(char const* bytes, unsigned long length, unsigned long& loaded);

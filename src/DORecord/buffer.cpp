@@ -118,7 +118,7 @@ void DORecord::clear(std::uint64_t from, std::uint64_t to) noexcept {
 }
 
 // Everything that can fail comes first. The tail is zero again where it stands now, also in a borrowed buffer.
-void DORecord::growReferences(std::uint64_t by) {
+void DORecord::growReferences(RecordLayout const& layout, std::uint64_t by) {
     std::uint64_t const references = getTRefsSize() + by;
     std::uint64_t const size = getRecSize() + by;
     if (size > kLargestRecord || references > kLargestRecord || size < CR_DO_RECORD_SIZE) {
@@ -127,7 +127,7 @@ void DORecord::growReferences(std::uint64_t by) {
     expand(static_cast<unsigned int>(size));
     setTRefsSize(static_cast<unsigned int>(references));
     setRecSize(static_cast<unsigned int>(size));
-    clear(LayoutOf(header).tail, size);
+    clear(layout.tail + by, size);
 }
 
 // Subtracts at most what is there. The bytes that fall out of the section are cleared where the record is sound. When

@@ -79,10 +79,12 @@ struct FreeBlock {
 };
 using FormerBuffer = std::unique_ptr<void, FreeBlock>;
 
-// Copies nothing from null.
-void CopyBytes(void* to, void const* from, std::uint64_t count) noexcept {
+// Fills a section with a copy, or with zeros where there is nothing to copy.
+void FillBytes(void* to, void const* from, std::uint64_t count) noexcept {
     if (from && count != 0) {
         std::memcpy(to, from, count);
+    } else {
+        std::memset(to, 0, count);
     }
 }
 
@@ -115,15 +117,11 @@ void DORecord::makeBlank() noexcept {
     spare = 0;
 }
 
-// A buffer of zeros, or with the bytes of a former record.
-void DORecord::allocate(unsigned long size, void const* former) {
+void DORecord::allocate(unsigned long size, bool zeroed) {
     if (size > kLargestRecord) {
         Refuse(kInvalidRecordSize);
     }
-    header = static_cast<DORecordHeader*>(former ? Allocate(size) : AllocateZeroed(size));
-    if (header && former) {
-        std::memcpy(header, former, size);
-    }
+    header = static_cast<DORecordHeader*>(zeroed ? AllocateZeroed(size) : Allocate(size));
     if (!header) {
         throw Cr_ErrnoException(CR_STATUS_NO_MEMORY, "Not enough memory to create DORecord.", nullptr);
     }
@@ -201,6 +199,7 @@ void DORecord::cleanupConstruction() {
 }
 
 void DORecord::writeHeader(NewRecord const& values) noexcept {
+    std::memset(header, 0, sizeof *header);
     header->type = CR_DO_RECORD_TYPE;
     header->flags = kNewFlags;
     header->recsize = static_cast<unsigned int>(bufferSize);
@@ -218,10 +217,10 @@ void DORecord::writeHeader(NewRecord const& values) noexcept {
 // What both initialisers end with, behind their own sections.
 void DORecord::finish(NewRecord const& values, unsigned char const* list) {
     if (values.counts.nudcid != 0) {
-        CopyBytes(DORecordHeaderStartUDCID(header), list, UniqueListSize(values.counts.nudcid));
+        FillBytes(DORecordHeaderStartUDCID(header), list, UniqueListSize(values.counts.nudcid));
     }
     initReferenceSets();
-    // A bitmap given for another DO type than the bloom record's has no section of its own.
+    // Whatever the buffer held, and a bitmap given for another DO type than the bloom record's, which has no section.
     clear(LayoutOf(header).tail, getRecSize());
     for (std::uint64_t i = 0; i < values.ntaskIDs; ++i) {
         AddTaskID(Load<std::uint64_t>(values.taskIDs + i));
@@ -261,10 +260,11 @@ void DORecord::init(unsigned long CID, unsigned long size, unsigned long ssize, 
             ntaskIDs,
             {.nfp = nsegments, .nudcid = CheckList(AsBytes(udcidList)), .fptype = fptype, .dotype = dotype}};
         RecordLayout const layout(values.counts);
-        allocate(layout.total, nullptr);
+        allocate(layout.total, false);
         writeHeader(values);
-        CopyBytes(BytesOf(header) + layout.entries, segments, layout.dcids - layout.entries);
-        CopyBytes(BytesOf(header) + layout.dcids, dcids, std::uint64_t{kDcidSize} * nsegments);
+        FillBytes(BytesOf(header) + layout.entries, segments, layout.dcids - layout.entries);
+        // Behind the entries are the DCIDs, or, in a record without segments, an empty bloom area.
+        FillBytes(BytesOf(header) + layout.dcids, nsegments != 0 ? dcids : nullptr, layout.udcids - layout.dcids);
         finish(values, AsBytes(udcidList));
         if (segments) {
             checkSegmentList();
@@ -297,12 +297,12 @@ void DORecord::initWithBloom(unsigned long CID, unsigned long size, unsigned lon
             ntaskIDs,
             {.nudcid = CheckList(AsBytes(udcidList)), .bsize = bsize, .fptype = fptype, .dotype = dotype}};
         CheckTaskIds(taskIDs, ntaskIDs);
-        allocate(DORecordHeaderSizeWithBloom(0, bsize, values.counts.nudcid, 0, dotype, 0), nullptr);
+        allocate(DORecordHeaderSizeWithBloom(0, bsize, values.counts.nudcid, 0, dotype, 0), true);
         writeHeader(values);
         if (bsize != 0) {
             unsigned char* const lengthWord = DORecordHeaderGetBloomStart(header);
             Store(lengthWord, bsize);
-            CopyBytes(lengthWord + kBloomLengthSize, bitmap, bsize);
+            FillBytes(lengthWord + kBloomLengthSize, bitmap, bsize);
         }
         finish(values, AsBytes(udcidList));
     } catch (...) {

@@ -12,7 +12,8 @@ cr_status_t DORecord::ValidateHeader(void const* buffer, unsigned int size, unsi
 std::unique_ptr<DORecord> DORecord::FromBuffer(void const* buffer, unsigned long size, unsigned int options) {
     Order const order = RequireValid(buffer, size, options);
     std::unique_ptr<DORecord> record(new DORecord());
-    record->allocate(size, buffer);
+    record->allocate(size, false);
+    std::memcpy(record->header, buffer, size);
     record->adopt(order, options);
     return record;
 }

@@ -79,11 +79,11 @@ int DORecord::OwnTRef(tref_ptr_t reference) {
     if (!CanAdd(kind)) {
         RefuseKind(value);
     }
-    changeableLayoutUpTo(&RecordLayout::tail);
+    RecordLayout const layout = changeableLayoutUpTo(&RecordLayout::tail);
     auto const [position, inserted] = trefs[kind].insert(std::move(reference));
     try {
         if (inserted) {
-            growReferences(SizeOf(**position));
+            growReferences(layout, SizeOf(**position));
         } else {
             expand();
         }
@@ -232,7 +232,7 @@ void DORecord::writeReferences(RecordLayout const& layout) const noexcept {
     std::uint64_t room = layout.tail - layout.trefs;
     for (tref_set_t const& set : trefs) {
         for (tref_ptr_t const& reference : set) {
-            unsigned long const written = CRTRefSerialize(position, room, reference->Get(), CR_TREF_SERIALIZED);
+            unsigned long const written = EncodeReference(position, room, *reference->Get());
             position += written;
             room -= written;
         }

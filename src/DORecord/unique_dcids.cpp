@@ -27,16 +27,38 @@ void LogInvalidDcid(DORecordHeader const* header, unsigned long dcid, std::uint3
     ErrorA(CR_STATUS_INVALID, "%s: Invalid DCID %lu for SO %s at index %u.", kAppend, dcid, text, i);
 }
 
-bool CollectFromSegments(DORecordHeader const* header, SegmentList const& list, unsigned char const* dcids,
-                         Entries& entries) {
-    DcidTotals totals(list.count);
-    for (std::uint32_t i = 0; i < list.count; ++i) {
-        std::uint64_t const dcid = Load<std::uint64_t>(dcids + std::uint64_t{i} * kDcidSize);
+// Adds up one run of a container after the other. False, logged, for a container that is reserved.
+template <class SizeAt>
+bool AddRuns(DORecordHeader const* header, std::uint32_t count, unsigned char const* dcids, SizeAt sizeAt,
+             DcidTotals& totals) {
+    auto const dcidAt = [dcids](std::uint64_t i) { return Load<std::uint64_t>(dcids + i * kDcidSize); };
+    for (std::uint32_t i = 0; i < count;) {
+        std::uint64_t const dcid = dcidAt(i);
         if (dcid < CR_FIRST_FREE_DCID) {
             LogInvalidDcid(header, dcid, i);
             return false;
         }
-        totals.Add(dcid, SegmentSizeOf(list, i));
+        std::uint64_t bytes = 0;
+        do {
+            bytes += sizeAt(i);
+            ++i;
+        } while (i < count && dcidAt(i) == dcid);
+        totals.Add(dcid, bytes);
+    }
+    return true;
+}
+
+bool CollectFromSegments(DORecordHeader const* header, SegmentList const& list, unsigned char const* dcids,
+                         Entries& entries) {
+    DcidTotals totals(list.count);
+    auto const stored = [&list](std::uint64_t i) {
+        return Load<std::uint32_t>(list.entries + i * list.stride + list.sizeAt);
+    };
+    auto const any = [&list](std::uint32_t i) { return SegmentSizeOf(list, i); };
+    bool const asStored = HasSegmentSize(list.dotype) && list.order == Order::Host;
+    if (!(asStored ? AddRuns(header, list.count, dcids, stored, totals)
+                   : AddRuns(header, list.count, dcids, any, totals))) {
+        return false;
     }
     entries = totals.Take();
     return true;

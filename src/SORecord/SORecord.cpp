@@ -6,6 +6,7 @@
 #include "SOmarshall/validate.h"
 
 #include <cstdlib>
+#include <new>
 
 namespace {
 
@@ -25,6 +26,11 @@ T InOrder(T value, bool networkOrder) noexcept {
     throw Cr_ErrnoException(CR_STATUS_INVALID);
 }
 
+[[noreturn]] void FailWithoutMemory() {
+    ErrorA(CR_STATUS_NO_MEMORY, "%s: memory allocation of %u bytes failed!", "SORecord", CR_SO_RECORD_SIZE);
+    throw Cr_ErrnoException(CR_STATUS_NO_MEMORY, zebLogLastMessageA(), nullptr);
+}
+
 void _CheckFree(_SegmentDBRecord*& record) noexcept {
     if (record) {
         std::free(record);
@@ -37,8 +43,7 @@ void _CheckFree(_SegmentDBRecord*& record) noexcept {
 SORecord::SORecord(Blank) : record_(nullptr), ownsBuffer_(true), networkOrder_(false) {
     record_ = static_cast<_SegmentDBRecord*>(std::calloc(1, CR_SO_RECORD_SIZE));
     if (!record_) {
-        ErrorA(CR_STATUS_NO_MEMORY, "%s: memory allocation of %u bytes failed!", "SORecord", CR_SO_RECORD_SIZE);
-        throw Cr_ErrnoException(CR_STATUS_NO_MEMORY, zebLogLastMessageA(), nullptr);
+        FailWithoutMemory();
     }
 }
 
@@ -80,7 +85,10 @@ std::unique_ptr<SORecord> SORecord::FromBuffer(void const* buffer, unsigned long
         message << "Invalid SO record: size " << size << ", expected " << +CR_SO_RECORD_SIZE;
         throw Cr_ErrnoException(CR_STATUS_CORRUPT_RECORD, message, nullptr);
     }
-    std::unique_ptr<SORecord> record(new SORecord(Blank{}));
+    std::unique_ptr<SORecord> record(new (std::nothrow) SORecord(Blank{}));
+    if (!record) {
+        FailWithoutMemory();
+    }
     std::memcpy(record->record_, buffer, CR_SO_RECORD_SIZE);
     record->networkOrder_ = networkOrder;
     record->NetworkToHost(0);

@@ -2,9 +2,9 @@
 
 #include "status/trace.h"
 #include "support/exchange_form.h"
-#include "support/hex.h"
 #include "support/segment_findings.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace crrecord::exchange {
@@ -55,21 +55,31 @@ SegmentList ListOf(Form const& form, bool subDO) noexcept {
             .ssize = Load<std::uint64_t>(form.bytes + kSsizeOffset, Order::Network)};
 }
 
-bool CheckTexts(Form const& form, SegmentList const& list, FindingReporter& report) noexcept {
-    unsigned int const width = CRFPDigestSize(form.counts.fptype);
-    for (std::uint64_t i = 0; i < list.count; ++i) {
-        crfp_digest_t digest;
+// Names the segments whose text is none, among `count` from the i-th on.
+bool NameTexts(SegmentList const& list, std::uint64_t i, std::uint64_t count, SegmentCodec const& codec,
+               FindingReporter& report) noexcept {
+    for (std::uint64_t const end = i + count; i < end; ++i) {
         unsigned char const* const text = list.entries + i * list.stride;
-        bool const good = static_cast<int>(HexDecode(reinterpret_cast<char const*>(text), width, digest.bytes)) &
-                          static_cast<int>(text[std::size_t{2} * width] == 0);
-        if (good) {
+        if (codec.check(text, 1)) {
             continue;
         }
         char field[48];
         std::snprintf(field, sizeof field, "segments[%lu].fingerprint", i);
         if (!report.Error({CR_FINDING_FORM_FINGERPRINT, field, kHeadSize + i * list.stride, text[0], 0},
                           "Invalid %s: the fingerprint of segment %lu is not %u lower-case digits and a NUL", kWhat, i,
-                          2 * width)) {
+                          list.sizeAt - 1)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool CheckTexts(Form const& form, SegmentList const& list, FindingReporter& report) noexcept {
+    static constexpr std::uint64_t kBlock = 256;
+    SegmentCodec const& codec = SegmentCodecFor(form.counts.fptype, form.counts.dotype);
+    for (std::uint64_t i = 0; i < list.count; i += kBlock) {
+        std::uint64_t const count = std::min(kBlock, list.count - i);
+        if (!codec.check(list.entries + i * list.stride, count) && !NameTexts(list, i, count, codec, report)) {
             return false;
         }
     }

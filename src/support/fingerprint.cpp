@@ -78,18 +78,24 @@ struct FingerprintComputation {
 
     static cr_status_t Open(crfp_context_t& context, unsigned int fptype) noexcept {
         context.state_ = State::Idle;
-        cr_status_t const status = RunCryptoStep([&] {
-            EVP_MD const* const algorithm = AlgorithmOf(fptype).Get();
-            if (algorithm && !context.hash_) {
+        EVP_MD const* algorithm = nullptr;
+        cr_status_t const fetched = RunCryptoStep([&] { return (algorithm = AlgorithmOf(fptype).Get()) != nullptr; });
+        if (fetched != CR_STATUS_OK) {
+            return fetched;
+        }
+        // The algorithm is to be had, so only memory can lack; OpenSSL doesn't always say so in its error queue.
+        cr_status_t const started = RunCryptoStep([&] {
+            if (!context.hash_) {
                 context.hash_ = EVP_MD_CTX_new();
             }
-            return algorithm && context.hash_ && EVP_DigestInit_ex2(context.hash_, algorithm, nullptr) == 1;
+            return context.hash_ && EVP_DigestInit_ex2(context.hash_, algorithm, nullptr) == 1;
         });
-        if (status == CR_STATUS_OK) {
-            context.fptype_ = fptype;
-            context.state_ = State::Open;
+        if (started != CR_STATUS_OK) {
+            return CR_STATUS_NO_MEMORY;
         }
-        return status;
+        context.fptype_ = fptype;
+        context.state_ = State::Open;
+        return CR_STATUS_OK;
     }
 
     static cr_status_t Append(crfp_context_t& context, void const* bytes, unsigned long length) noexcept {

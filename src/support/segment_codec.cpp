@@ -18,6 +18,11 @@ struct BaseHex {
     static bool Decode(char const* text, unsigned char* bytes) noexcept {
         return HexDecode(text, Bytes, bytes);
     }
+    template <unsigned int Bytes>
+    static bool IsText(char const* text) noexcept {
+        unsigned char bytes[Bytes];
+        return HexDecode(text, Bytes, bytes);
+    }
 };
 
 bool ProcessorHasAvx2() noexcept {

@@ -17,6 +17,8 @@ struct SegmentCodec {
     void (*encode)(unsigned char* form, unsigned char const* entries, std::uint64_t count) noexcept;
     // False, with the entries unspecified, where a text is not lower-case hexadecimal with a NUL.
     bool (*decode)(unsigned char* entries, unsigned char const* form, std::uint64_t count) noexcept;
+    // Whether decode would succeed.
+    bool (*check)(unsigned char const* form, std::uint64_t count) noexcept;
     void (*turnDcids)(unsigned char* to, unsigned char const* from, std::uint64_t count) noexcept;
 };
 

@@ -44,6 +44,11 @@ namespace {
     return _mm256_maddubs_epi16(values, _mm256_set1_epi16(0x0110)); // high * 16 + low
 }
 
+[[gnu::always_inline]] inline __m256i AreDigits(char const* text) noexcept {
+    __m256i const characters = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(text));
+    return _mm256_or_si256(Between(characters, 'a', 'f'), Between(characters, '0', '9'));
+}
+
 [[gnu::always_inline]] inline bool AllSet(__m256i good) noexcept {
     return _mm256_movemask_epi8(good) == -1;
 }
@@ -68,6 +73,15 @@ struct Avx2Hex {
             _mm256_storeu_si256(reinterpret_cast<__m256i*>(bytes), packed);
         } else {
             _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes), _mm256_castsi256_si128(packed));
+        }
+        return AllSet(good);
+    }
+
+    template <unsigned int Bytes>
+    [[gnu::always_inline]] static bool IsText(char const* text) noexcept {
+        __m256i good = AreDigits(text);
+        if constexpr (Bytes == 32) {
+            good = _mm256_and_si256(good, AreDigits(text + 32));
         }
         return AllSet(good);
     }

@@ -49,7 +49,16 @@ struct SegmentLoops {
         return good;
     }
 
-    static constexpr SegmentCodec kCodec{Encode, Decode, TurnDcids};
+    static bool Check(unsigned char const* form, std::uint64_t count) noexcept {
+        bool good = true;
+        for (; count != 0; --count, form += kForm) {
+            good &= Hex::template IsText<Fingerprint>(reinterpret_cast<char const*>(form));
+            good &= form[kText] == 0;
+        }
+        return good;
+    }
+
+    static constexpr SegmentCodec kCodec{Encode, Decode, Check, TurnDcids};
 };
 
 template <class Hex, unsigned int Fingerprint>

@@ -148,19 +148,7 @@ unsigned long CRTRefSerialize(void* destination, unsigned long room, _cr_tref_t 
         CRTRefToString(static_cast<char*>(destination), room, reference);
         return length;
     }
-    unsigned long const size = ReferenceSize(reference->kind);
-    if (room < size) {
-        return 0;
-    }
-    auto* const bytes = static_cast<unsigned char*>(destination);
-    bytes[0] = static_cast<unsigned char>(reference->kind);
-    bytes[1] = static_cast<unsigned char>(ReferenceIdSize(reference->kind));
-    if (bytes[1] == 4) {
-        Store(bytes + kReferenceHeadSize, static_cast<std::uint32_t>(reference->id), Order::Network);
-    } else {
-        Store(bytes + kReferenceHeadSize, std::uint64_t{reference->id}, Order::Network);
-    }
-    return size;
+    return EncodeReference(static_cast<unsigned char*>(destination), room, *reference);
 }
 
 char* CRTRefToString(char* text, unsigned long size, _cr_tref_t const* reference) noexcept {

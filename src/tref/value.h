@@ -55,6 +55,23 @@ inline unsigned long DecodeReference(unsigned char const* bytes, unsigned long a
     return ReferenceSize(bytes[0]);
 }
 
+// Encodes a reference at the front of `room` bytes. The bytes that it took, or 0, with nothing written, where they are
+// too few.
+inline unsigned long EncodeReference(unsigned char* bytes, unsigned long room, _cr_tref_t const& reference) noexcept {
+    unsigned long const size = ReferenceSize(reference.kind);
+    if (room < size) {
+        return 0;
+    }
+    bytes[0] = static_cast<unsigned char>(reference.kind);
+    bytes[1] = static_cast<unsigned char>(ReferenceIdSize(reference.kind));
+    if (bytes[1] == 4) {
+        Store(bytes + kReferenceHeadSize, static_cast<std::uint32_t>(reference.id), Order::Network);
+    } else {
+        Store(bytes + kReferenceHeadSize, std::uint64_t{reference.id}, Order::Network);
+    }
+    return size;
+}
+
 } // namespace crrecord
 
 #ifdef CRRECORD_INSIDE
