@@ -29,10 +29,45 @@ struct Texts {
     std::vector<char> texts;
 };
 
+// A call for each text, as the conversions have it.
+Side CopyEachText(std::shared_ptr<Texts const> const& from) {
+    auto const to = std::make_shared<std::vector<char>>(from->texts.size());
+    return {[from, to] {
+        for (std::size_t at = 0; at < to->size(); at += from->text) {
+            std::memcpy(to->data() + at, from->texts.data() + at, from->text);
+        }
+        benchmark::ClobberMemory();
+    }};
+}
+
 Side CopyTexts(std::shared_ptr<Texts const> const& from) {
     auto const to = std::make_shared<std::vector<char>>(from->texts.size());
     return {[from, to] {
         std::memcpy(to->data(), from->texts.data(), to->size());
+        benchmark::ClobberMemory();
+    }};
+}
+
+Side ToText(std::shared_ptr<Texts const> const& from) {
+    auto const to = std::make_shared<std::vector<char>>(from->texts.size());
+    return {[from, to] {
+        char* text = to->data();
+        for (crfp_digest_t const& digest : from->digests) {
+            Require(CRFPDigestToString_r(&digest, from->fptype, text, from->text) != nullptr, "no text");
+            text += from->text;
+        }
+        benchmark::ClobberMemory();
+    }};
+}
+
+Side FromText(std::shared_ptr<Texts const> const& from) {
+    auto const to = std::make_shared<std::vector<crfp_digest_t>>(from->count);
+    return {[from, to] {
+        char const* text = from->texts.data();
+        for (crfp_digest_t& digest : *to) {
+            Require(CRFPStringToDigest_r(text, from->fptype, &digest) != nullptr, "no fingerprint");
+            text += from->text;
+        }
         benchmark::ClobberMemory();
     }};
 }
@@ -67,30 +102,22 @@ Comparison Adler32Zlib(Shape shape, unsigned int n) {
 
 Comparison FingerprintToText(Shape shape, unsigned int n) {
     auto const from = std::make_shared<Texts const>(Input(shape, n));
-    auto const to = std::make_shared<std::vector<char>>(from->texts.size());
-    return {{[from, to] {
-                char* text = to->data();
-                for (crfp_digest_t const& digest : from->digests) {
-                    Require(CRFPDigestToString_r(&digest, from->fptype, text, from->text) != nullptr, "no text");
-                    text += from->text;
-                }
-                benchmark::ClobberMemory();
-            }},
-            CopyTexts(from)};
+    return {ToText(from), CopyTexts(from)};
+}
+
+Comparison FingerprintToTextOneByOne(Shape shape, unsigned int n) {
+    auto const from = std::make_shared<Texts const>(Input(shape, n));
+    return {ToText(from), CopyEachText(from)};
 }
 
 Comparison FingerprintFromText(Shape shape, unsigned int n) {
     auto const from = std::make_shared<Texts const>(Input(shape, n));
-    auto const to = std::make_shared<std::vector<crfp_digest_t>>(from->count);
-    return {{[from, to] {
-                char const* text = from->texts.data();
-                for (crfp_digest_t& digest : *to) {
-                    Require(CRFPStringToDigest_r(text, from->fptype, &digest) != nullptr, "no fingerprint");
-                    text += from->text;
-                }
-                benchmark::ClobberMemory();
-            }},
-            CopyTexts(from)};
+    return {FromText(from), CopyTexts(from)};
+}
+
+Comparison FingerprintFromTextOneByOne(Shape shape, unsigned int n) {
+    auto const from = std::make_shared<Texts const>(Input(shape, n));
+    return {FromText(from), CopyEachText(from)};
 }
 
 // The reference is given the bytes that the digest is of, ready made.

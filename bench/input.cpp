@@ -4,8 +4,6 @@
 #include <numeric>
 #include <random>
 
-#include <benchmark/benchmark.h>
-
 namespace bench {
 
 namespace {

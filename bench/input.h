@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include <benchmark/benchmark.h>
+
 namespace bench {
 
 enum class Containers { InRuns, AtRandom };
@@ -82,5 +84,19 @@ private:
     unsigned char* entry_;
     unsigned char* dcid_;
 };
+
+// A peer that makes the record of `input` from `encoded`. The record has to come out right, byte for byte.
+template <class Decode>
+Side PeerParse(Input const& input, std::vector<unsigned char> encoded, Decode decode) {
+    auto const from = std::make_shared<std::vector<unsigned char> const>(std::move(encoded));
+    auto const like = std::make_shared<std::vector<unsigned char> const>(BytesOf(*input.MakeRecord()));
+    PeerRecord record(*like);
+    Require(decode(*from, record) && record.Equals(*like), "the peer makes another record");
+    return {[from, like, decode] {
+        PeerRecord made(*like);
+        Require(decode(*from, made), "the peer failed");
+        benchmark::ClobberMemory();
+    }};
+}
 
 } // namespace bench

@@ -37,9 +37,10 @@ struct Operation {
     char const* reference;
     Comparison (*prepare)(Shape shape, unsigned int n);
     double inCache;  // n = 1,000
-    double resident; // n = 1,000,000, blocks are used again
-    double fresh;    // n = 1,000,000, each large block is a new mapping
+    double resident; // n = many, blocks are used again
+    double fresh;    // n = many, each large block is a new mapping
     Shape shape = kMainShape;
+    unsigned int many = 1'000'000;
 };
 
 std::span<Operation const> Operations();

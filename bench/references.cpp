@@ -2,11 +2,9 @@
 
 #include "sides.h"
 
-#include <benchmark/benchmark.h>
-#ifdef CRRECORD_BENCH_PEERS
 #include <absl/container/btree_map.h>
 #include <absl/container/btree_set.h>
-#endif
+#include <benchmark/benchmark.h>
 
 #include <cstdint>
 #include <map>
@@ -40,11 +38,13 @@ void AddAll(DORecord& record, std::vector<unsigned long> const& ids) {
     }
 }
 
+constexpr std::size_t kSerialized = 10; // bytes of a task id
+
 // Sorted, as GetSerializedTRefs gives them.
 std::shared_ptr<std::vector<char>> SerializedTaskIds(unsigned int n) {
-    auto const bytes = std::make_shared<std::vector<char>>(std::size_t{n} * 10);
+    auto const bytes = std::make_shared<std::vector<char>>(std::size_t{n} * kSerialized);
     char* to = bytes->data();
-    for (std::uint64_t id = 1; id <= n; ++id, to += 10) {
+    for (std::uint64_t id = 1; id <= n; ++id, to += kSerialized) {
         std::uint64_t const payload = __builtin_bswap64(id);
         to[0] = CR_REFTYPE_TASKID;
         to[1] = sizeof payload;
@@ -104,6 +104,27 @@ Comparison LookUpAgainst(Shape shape, unsigned int n) {
             {findAll([set](unsigned long id) { return set->find(id) != set->end(); })}};
 }
 
+// Against copying the section, so many references at once.
+Comparison HeaderAgainst(Shape shape, unsigned int n, unsigned int atOnce) {
+    auto const section = SerializedTaskIds(n);
+    auto const record = RecordForReferences(shape);
+    record->AddSerializedTRefs(section->data(), static_cast<unsigned int>(section->size()));
+    Require(record->GetSerializedTRefsSize() == section->size() &&
+                std::memcmp(record->GetSerializedTRefs(), section->data(), section->size()) == 0,
+            "another section");
+    auto const copy = std::make_shared<std::vector<char>>(section->size());
+    return {{[record] {
+                benchmark::DoNotOptimize(record->GetHeader());
+                benchmark::ClobberMemory();
+            }},
+            {[section, copy, bytes = atOnce * kSerialized] {
+                for (std::size_t at = 0; at < section->size(); at += bytes) {
+                    std::memcpy(copy->data() + at, section->data() + at, bytes);
+                }
+                benchmark::ClobberMemory();
+            }}};
+}
+
 } // namespace
 
 // A second list takes the place of the first.
@@ -137,7 +158,6 @@ Comparison LookUpTaskIds(Shape shape, unsigned int n) {
     return LookUpAgainst<std::set<std::uint64_t>>(shape, n);
 }
 
-#ifdef CRRECORD_BENCH_PEERS
 Comparison UniqueListAtRandomBTree(Shape shape, unsigned int n) {
     return UniqueListAgainst<absl::btree_map<std::uint64_t, std::uint64_t>>(shape, n);
 }
@@ -149,7 +169,6 @@ Comparison AddTaskIdsBTree(Shape shape, unsigned int n) {
 Comparison LookUpTaskIdsBTree(Shape shape, unsigned int n) {
     return LookUpAgainst<absl::btree_set<std::uint64_t>>(shape, n);
 }
-#endif
 
 Comparison AddSerialized(Shape shape, unsigned int n) {
     using Set = std::set<std::uint64_t>;
@@ -161,28 +180,18 @@ Comparison AddSerialized(Shape shape, unsigned int n) {
             FillSet<Set>(n, [bytes](Set& set) {
                 auto const* from = reinterpret_cast<unsigned char const*>(bytes->data());
                 auto const* const end = from + bytes->size();
-                for (; from != end; from += 10) {
+                for (; from != end; from += kSerialized) {
                     set.emplace_hint(set.end(), __builtin_bswap64(LoadAt<std::uint64_t>(from + 2)));
                 }
             })};
 }
 
 Comparison HeaderWithReferences(Shape shape, unsigned int n) {
-    auto const section = SerializedTaskIds(n);
-    auto const record = RecordForReferences(shape);
-    record->AddSerializedTRefs(section->data(), static_cast<unsigned int>(section->size()));
-    Require(record->GetSerializedTRefsSize() == section->size() &&
-                std::memcmp(record->GetSerializedTRefs(), section->data(), section->size()) == 0,
-            "another section");
-    auto const copy = std::make_shared<std::vector<char>>(section->size());
-    return {{[record] {
-                benchmark::DoNotOptimize(record->GetHeader());
-                benchmark::ClobberMemory();
-            }},
-            {[section, copy] {
-                std::memcpy(copy->data(), section->data(), section->size());
-                benchmark::ClobberMemory();
-            }}};
+    return HeaderAgainst(shape, n, n);
+}
+
+Comparison HeaderOneByOne(Shape shape, unsigned int n) {
+    return HeaderAgainst(shape, n, 1);
 }
 
 } // namespace bench

@@ -20,6 +20,8 @@ Comparison Adler32(Shape shape, unsigned int n);
 Comparison Adler32Zlib(Shape shape, unsigned int n);
 Comparison FingerprintToText(Shape shape, unsigned int n);
 Comparison FingerprintFromText(Shape shape, unsigned int n);
+Comparison FingerprintToTextOneByOne(Shape shape, unsigned int n);
+Comparison FingerprintFromTextOneByOne(Shape shape, unsigned int n);
 Comparison Digest(Shape shape, unsigned int n);
 
 Comparison UniqueListOfRuns(Shape shape, unsigned int n);
@@ -32,9 +34,11 @@ Comparison AddSerialized(Shape shape, unsigned int n);
 Comparison LookUpTaskIds(Shape shape, unsigned int n);
 Comparison LookUpTaskIdsBTree(Shape shape, unsigned int n);
 Comparison HeaderWithReferences(Shape shape, unsigned int n);
+Comparison HeaderOneByOne(Shape shape, unsigned int n);
 
 // Peers: ours against encoding or parsing the same object of kMainShape.
 Comparison SerializeFlatBuffers(Shape shape, unsigned int n);
+Comparison SerializeFlatBuffersVector(Shape shape, unsigned int n);
 Comparison SerializeCapnProto(Shape shape, unsigned int n);
 Comparison SerializeProtobuf(Shape shape, unsigned int n);
 Comparison ParseFlatBuffers(Shape shape, unsigned int n);

@@ -9,6 +9,8 @@ namespace {
 constexpr Shape kShort{3, 2};    // 16-byte fingerprints
 constexpr Shape kOriginal{0, 2}; // and neither sizes nor offsets
 
+constexpr unsigned int kFileSegments = 4096; // a file of 512 MiB
+
 constexpr double kAny = kNoTarget, kNone = kNotMeasured;
 
 constexpr char kFill[] = "calloc, memset of the output";
@@ -18,17 +20,14 @@ constexpr char kRead[] = "strided read pass";
 constexpr Operation kOperations[] = {
     {"Serialize with checksum", kFill, Serialize, 3.0, 1.7, 0.30},
     {"Serialize", kFill, SerializeWithoutChecksum, 2.1, 1.5, 0.25},
-#ifdef CRRECORD_BENCH_PEERS
     {"Serialize with checksum", "FlatBuffers structs, encode", SerializeFlatBuffers, 1.0, 1.4, kNone},
+    {"Serialize with checksum", "FlatBuffers, tutorial's way", SerializeFlatBuffersVector, kAny, kAny, kNone},
     {"Serialize with checksum", "Cap'n Proto flat array, encode", SerializeCapnProto, 0.8, 0.8, kNone},
     {"Serialize with checksum", "Protocol Buffers, encode", SerializeProtobuf, 0.3, 0.4, kNone},
-#endif
     {"validate and parse a form", kCopy, Parse, 5.0, 2.0, 0.5},
     {"the same, with its checksum", kCopy, ParseWithChecksum, kAny, kAny, kAny},
-#ifdef CRRECORD_BENCH_PEERS
     {"validate and parse a form", "FlatBuffers tables, verify, fill", ParseFlatBuffers, 0.45, 0.65, kNone},
     {"validate and parse a form", "Protocol Buffers, parse, fill", ParseProtobuf, 0.15, 0.25, kNone},
-#endif
     {"build from segments", kCopy, Build, 2.4, 1.3, kNone},
     {"Wrap", kRead, Wrap, 3, 1.4, kNone},
     {"FromBuffer, network order", kCopy, FromBuffer, 3, 1.6, kNone},
@@ -38,18 +37,21 @@ constexpr Operation kOperations[] = {
     {"Adler-32", "zlib", Adler32Zlib, kAny, kAny, kNone},
     {"fingerprint to text", "memcpy of the texts", FingerprintToText, 1.15, 0.8, kNone},
     {"fingerprint from text", "memcpy of the texts", FingerprintFromText, 2.1, 0.9, kNone},
+    {"fingerprint to text", "memcpy of each text", FingerprintToTextOneByOne, kAny, kAny, kNone},
+    {"fingerprint from text", "memcpy of each text", FingerprintFromTextOneByOne, kAny, kAny, kNone},
     {"GetDigest", "one hash call, same bytes", Digest, 1.10, 1.08, kNone},
     {"unique list, containers in runs", "read pass", UniqueListOfRuns, 1.3, 1.3, kNone},
     {"unique list, at random", "std::map", UniqueListAtRandom, 0.9, 0.08, kNone},
     {"AddTaskID, random order", "std::set insert", AddTaskIds, 1.6, 1.6, kNone},
     {"AddSerializedTRefs, sorted", "std::set insert, end hint", AddSerialized, 2.0, 1.9, kNone},
     {"HasTaskID", "std::set find", LookUpTaskIds, 2.2, 2.2, kNone},
-#ifdef CRRECORD_BENCH_PEERS
     {"unique list, at random", "absl::btree_map", UniqueListAtRandomBTree, kAny, kAny, kNone},
     {"AddTaskID, random order", "absl::btree_set insert", AddTaskIdsBTree, kAny, kAny, kNone},
     {"HasTaskID", "absl::btree_set find", LookUpTaskIdsBTree, kAny, kAny, kNone},
-#endif
     {"GetHeader with references", "memcpy of the section", HeaderWithReferences, 3, 5, kNone},
+    {"GetHeader with references", "memcpy of each reference", HeaderOneByOne, kAny, kAny, kNone},
+    {"crrecord build, one core", "one hash call", CommandOnOneCore, kNone, 1.15, kNone, kMainShape, kFileSegments},
+    {"crrecord build, two cores", "one hash call", CommandOnTwoCores, kNone, 0.65, kNone, kMainShape, kFileSegments},
 
     {"Serialize with checksum, 16 B", kFill, Serialize, kAny, kAny, kAny, kShort},
     {"validate and parse a form, 16 B", kCopy, Parse, kAny, kAny, kAny, kShort},
