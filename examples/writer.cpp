@@ -12,7 +12,6 @@ namespace {
 
 constexpr unsigned long kSegmentSize = 128 * 1024;
 constexpr unsigned long kContainer = 64; // the first one that is free for use
-constexpr unsigned long kTask = 17;
 
 // An entry of DO type 3 with 32-byte fingerprints, as the record stores it.
 struct __attribute__((packed)) Entry {
@@ -48,19 +47,19 @@ void Describe(char const* input, char const* recordPath, char const* formPath) {
         offset += size;
     }
     std::vector<unsigned long> const dcids(entries.size(), kContainer);
-
     DORecord record(kContainer, offset, kSegmentSize, 0, 0, 0, entries.data(),
                     static_cast<unsigned int>(entries.size()), dcids.data(), nullptr, CR_FP_TYPE_SHA256,
                     CR_DO_TYPE_8_BYTE_OFFSET);
     record.AppendBloomAndUniqueDCIDList();
-    record.AddTaskID(kTask); // it keeps the object alive
+    record.AddTaskID(17); // a task that keeps the object alive
 
     void* form = nullptr;
     unsigned long formSize = 0;
-    if (record.Serialize(&form, &formSize, true) == CR_STATUS_OK) {
-        Write(formPath, form, formSize);
-        DORecord::SerializedDORecordFree(&form);
+    if (record.Serialize(&form, &formSize, true) != CR_STATUS_OK) {
+        throw std::bad_alloc();
     }
+    Write(formPath, form, formSize);
+    DORecord::SerializedDORecordFree(&form);
     record.HostToNetwork(0);
     Write(recordPath, record.GetHeader(), record.GetHeaderSize());
     std::cout << record.GetNfp() << " segments, record of " << record.GetHeaderSize() << " bytes\n";
