@@ -1,6 +1,7 @@
 // DORecord: the exchange forms, written and read.
 
 #include "support/clock.h"
+#include "support/findings.h"
 #include "support/log_capture.h"
 #include "support/record_memory.h"
 
@@ -123,119 +124,94 @@ TEST(DORecordExchange, RecordsComeBackInAnyBuffer) {
     }
 }
 
+// A form with a changed byte, and what is said of it: the finding, and the constructor's refusal.
 struct BadForm {
-    char const* what;
-    std::size_t offset;
-    Bytes bytes;
+    char const* field;
+    std::size_t at;
+    unsigned char byte;
     int code;
-    unsigned long at, found, expected;
+    unsigned long offset, found, expected;
     std::string refusal = "32: ";
-};
-
-struct Seen {
-    std::vector<cr_finding_t> findings;
-    std::vector<std::string> fields;
-    static bool Collect(cr_finding_t const* finding, void* self) {
-        static_cast<Seen*>(self)->findings.push_back(*finding);
-        static_cast<Seen*>(self)->fields.push_back(finding->field);
-        EXPECT_EQ(std::string(finding->message).substr(0, 23), "Invalid serialized DO: ");
-        return true;
-    }
 };
 
 std::string Construction(RecordValues const& values, Bytes const& form, bool subDO = false) {
     return Refusal([&] { OpenRecord(values.dotype, values.fptype, nullptr, 0, form.data(), form.size(), subDO); });
 }
 
-// One change each; a negative length is cut off the end.
-void ExpectFindings(RecordValues const& values, std::vector<BadForm> const& rows, bool summed) {
-    for (BadForm const& row : rows) {
-        SCOPED_TRACE(row.what);
-        Bytes form = SpellForm(values, true);
-        Splice(form, row.offset, row.bytes);
-        if (summed) {
-            SumForm(form);
-        }
-        Seen seen;
-        EXPECT_EQ(DORecordSerializedDiagnose(form.data(), form.size(), values.dotype, values.fptype,
-                                             CR_DO_FORM_CHECKSUM, Seen::Collect, &seen),
-                  CR_STATUS_CORRUPT_RECORD);
-        ASSERT_EQ(seen.findings.size(), 1u);
-        cr_finding_t const& finding = seen.findings[0];
-        EXPECT_EQ(finding.code, row.code);
-        EXPECT_TRUE(finding.severity == CR_FINDING_ERROR && finding.struct_size == sizeof finding);
-        EXPECT_TRUE(finding.offset == row.at && finding.found == row.found && finding.expected == row.expected)
-            << finding.offset << " " << finding.found << " " << finding.expected;
-        LogCapture log(1);
-        EXPECT_EQ(DORecordSerializedValidate(form.data(), form.size(), values.dotype, values.fptype, 1),
-                  CR_STATUS_CORRUPT_RECORD);
-        std::string const line = log.Take();
-        EXPECT_TRUE(line.starts_with("trace 0: Invalid serialized DO: ") && line.find('\n') == line.size() - 1);
-        EXPECT_EQ(Construction(values, form).substr(0, row.refusal.size()), row.refusal);
+void ExpectFinding(RecordValues const& values, BadForm const& bad, bool summed = true) {
+    SCOPED_TRACE(NameOf(values) + ": " + bad.field);
+    Bytes form = SpellForm(values, true);
+    form[bad.at] = bad.byte;
+    if (summed) {
+        SumForm(form);
     }
+    auto const with = [&](auto validate, auto... listener) {
+        return validate(form.data(), form.size(), values.dotype, values.fptype, CR_DO_FORM_CHECKSUM, listener...);
+    };
+    std::vector<Finding> findings;
+    EXPECT_EQ(with(DORecordSerializedDiagnose, Collect, &findings), CR_STATUS_CORRUPT_RECORD);
+    ExpectOne(findings, {bad.code, 0, bad.offset, bad.found, bad.expected, bad.field, {}}, "serialized DO");
+    LogCapture log(1);
+    EXPECT_EQ(with(DORecordSerializedValidate), CR_STATUS_CORRUPT_RECORD);
+    EXPECT_EQ(log.Take(), "trace 0: " + findings[0].message + "\n");
+    EXPECT_EQ(Construction(values, form).substr(0, bad.refusal.size()), bad.refusal);
 }
 
 TEST(DORecordExchange, EachFaultOfASegmentFormHasItsFinding) {
-    RecordValues const values = Example(3, 0); // entries of 45 bytes: text, NUL, size, offset
-    unsigned long const size = values.size, separator = 28 + 3 * 45;
-    ExpectFindings(
-        values,
-        {{"count", 23, {4}, CR_FINDING_FORM_CALCULATED, 20, 29 + 4 * 53, 29 + 3 * 53},
-         {"zero", 27, {1}, CR_FINDING_FORM_ZERO, 24, 1, 0},
-         {"upper case", 28, {'D'}, CR_FINDING_FORM_FINGERPRINT, 28, 'D', 0},
-         {"no digit", 28 + 45 + 31, {'g'}, CR_FINDING_FORM_FINGERPRINT, 28 + 45, 'e', 0},
-         {"no NUL", 28 + 32, {1}, CR_FINDING_FORM_FINGERPRINT, 28, 'd', 0},
-         {"separator", separator, {1}, CR_FINDING_FORM_ZERO, separator, 1, 0},
-         {"size", 28 + 33, {0x80}, CR_FINDING_SEGMENT_SIZE, 28 + 33, 0x80020304, 0x7fffffff, "89: "},
-         {"offset", 28 + 37, {0x80}, CR_FINDING_SEGMENT_OFFSET, 28 + 37, 1ul << 63, (1ul << 63) - 1, "89: "},
-         {"overlap", 28 + 45 + 44, {3}, CR_FINDING_SEGMENT_OVERLAP, 28 + 45 + 37, 0x01020303, 0x01020304, "89: "},
-         {"object", 7, {0x11}, CR_FINDING_SEGMENT_END, 0, size - 7, size, "89: "}},
-        true);
-    Bytes form = SpellForm(values, true);
+    RecordValues const v0 = Example(0, 3), v3 = Example(3, 0), v5 = Example(5, 1);
+    // Of type 3: entries of 45 bytes, that is text, NUL, size and offset.
+    unsigned long const size = v3.size, separator = 28 + 3 * 45, far = 1ul << 63, much = 1ul << 56;
+    for (BadForm const& bad : {
+             BadForm{"nfp", 23, 4, CR_FINDING_FORM_CALCULATED, 20, 29 + 4 * 53, 29 + 3 * 53},
+             {"zero", 27, 1, CR_FINDING_FORM_ZERO, 24, 1, 0},
+             {"segments[0].fingerprint", 28, 'D', CR_FINDING_FORM_FINGERPRINT, 28, 'D', 0},
+             {"segments[1].fingerprint", 28 + 45 + 31, 'g', CR_FINDING_FORM_FINGERPRINT, 28 + 45, 'e', 0},
+             {"segments[0].fingerprint", 28 + 32, 1, CR_FINDING_FORM_FINGERPRINT, 28, 'd', 0},
+             {"separator", separator, 1, CR_FINDING_FORM_ZERO, separator, 1, 0},
+             {"segments[0].size", 61, 0x80, CR_FINDING_SEGMENT_SIZE, 61, 0x80020304, 0x7fffffff, "89: "},
+             {"segments[0].offset", 65, 0x80, CR_FINDING_SEGMENT_OFFSET, 65, far, far - 1, "89: "},
+             {"segments[1].offset", 117, 3, CR_FINDING_SEGMENT_OVERLAP, 110, 0x01020303, 0x01020304, "89: "},
+             {"size", 7, 0x11, CR_FINDING_SEGMENT_END, 0, size - 7, size, "89: "},
+         }) {
+        ExpectFinding(v3, bad);
+    }
+    ExpectFinding(v0, {"size", 0, 1, CR_FINDING_SEGMENT_PRODUCT, 0, much + v0.size, 3 * v0.ssize, "89: "});
+    ExpectFinding(v5, {"size", 0, 1, CR_FINDING_SEGMENT_SUM, 0, much + v5.size, v5.size, "89: "});
+    // The constructor takes the checksum as it is, and so does validation where it isn't asked for.
+    Bytes form = SpellForm(v3, true);
     unsigned long const sum = SwapBytes(WordAt<unsigned int>(form, 16), 4);
-    ExpectFindings(values, {{"sum", 19, {form[19] ^= 1}, CR_FINDING_FORM_CHECKSUM, 16, sum ^ 1, sum, ""}}, false);
+    form[19] ^= 1;
+    ExpectFinding(v3, {"checksum", 19, form[19], CR_FINDING_FORM_CHECKSUM, 16, sum ^ 1, sum, ""}, false);
     EXPECT_EQ(DORecordSerializedValidate(form.data(), form.size(), 3, 0, 0), CR_STATUS_OK);
-    ExpectFindings(Example(0, 3),
-                   {{"product",
-                     0,
-                     {1},
-                     CR_FINDING_SEGMENT_PRODUCT,
-                     0,
-                     (1ul << 56) + Example(0, 3).size,
-                     3 * 0x41424344ul,
-                     "89: "}},
-                   true);
-    ExpectFindings(
-        Example(5, 1),
-        {{"sum", 0, {1}, CR_FINDING_SEGMENT_SUM, 0, (1ul << 56) + Example(5, 1).size, Example(5, 1).size, "89: "}},
-        true);
     // The pass goes on to the end, and in order.
     form[27] = form[28] = form[separator] = form[7] = 1;
-    Seen seen;
-    EXPECT_EQ(DORecordSerializedDiagnose(form.data(), form.size(), 3, 0, 1, Seen::Collect, &seen), 32);
-    EXPECT_EQ(seen.fields,
-              (std::vector<std::string>{"zero", "segments[0].fingerprint", "separator", "size", "checksum"}));
+    std::vector<Finding> findings;
+    EXPECT_EQ(DORecordSerializedDiagnose(form.data(), form.size(), 3, 0, 1, Collect, &findings), 32);
+    std::string fields;
+    for (Finding const& finding : findings) {
+        fields += finding.field + " ";
+    }
+    EXPECT_EQ(fields, "zero segments[0].fingerprint separator size checksum ");
 }
 
 TEST(DORecordExchange, EachFaultOfABloomFormHasItsFinding) {
     RecordValues const values = Example(4, 0); // 5 bytes of bitmap, then the list at 37
-    Bytes changed = SpellForm(values, true);
-    unsigned long const list = SwapBytes(WordAt<unsigned int>(changed, 37), 4);
-    changed[45] = 0;
-    unsigned long const changedSum = PlainAdler32(changed.data() + 41, changed.data() + 53);
-    ExpectFindings(values,
-                   {{"segments", 23, {1}, CR_FINDING_FORM_BLOOM_SEGMENTS, 20, 1, 0},
-                    {"zero", 24, {1}, CR_FINDING_FORM_ZERO, 24, 1ul << 24, 0},
-                    {"bitmap", 31, {6}, CR_FINDING_FORM_CALCULATED, 28, 62, 77},
-                    {"list count", 44, {2}, CR_FINDING_FORM_CALCULATED, 28, 93, 77},
-                    {"list", 45, {0}, CR_FINDING_FORM_LIST_CHECKSUM, 37, list, changedSum},
-                    {"end", 76, {1}, CR_FINDING_FORM_ZERO, 61, 1, 0}},
-                   true);
     Bytes const form = SpellForm(values, true);
+    Bytes changed = form;
+    changed[45] = 0;
+    unsigned long const list = SwapBytes(WordAt<unsigned int>(form, 37), 4);
+    unsigned long const changedList = PlainAdler32(changed.data() + 41, changed.data() + 53);
+    for (BadForm const& bad : {BadForm{"nfp", 23, 1, CR_FINDING_FORM_BLOOM_SEGMENTS, 20, 1, 0},
+                               {"zero", 24, 1, CR_FINDING_FORM_ZERO, 24, 1ul << 24, 0},
+                               {"bsize", 31, 6, CR_FINDING_FORM_CALCULATED, 28, 62, 77},
+                               {"bsize", 44, 2, CR_FINDING_FORM_CALCULATED, 28, 93, 77},
+                               {"unique.checksum", 45, 0, CR_FINDING_FORM_LIST_CHECKSUM, 37, list, changedList},
+                               {"end", 76, 1, CR_FINDING_FORM_ZERO, 61, 1, 0}}) {
+        ExpectFinding(values, bad);
+    }
     unsigned long const sum = SwapBytes(WordAt<unsigned int>(form, 16), 4);
-    ExpectFindings(
-        values, {{"sum", 19, {static_cast<unsigned char>(form[19] ^ 1)}, CR_FINDING_FORM_CHECKSUM, 16, sum ^ 1, sum}},
-        false);
+    auto const last = static_cast<unsigned char>(form[19] ^ 1);
+    ExpectFinding(values, {"checksum", 19, last, CR_FINDING_FORM_CHECKSUM, 16, sum ^ 1, sum}, false);
     // The second half of the list's bytes is outside of the list's own sum.
     changed = form;
     changed[53] ^= 1;

@@ -1,5 +1,6 @@
 // What validation says of a DO record's bytes, and what is made of bytes that pass: records and views.
 
+#include "support/findings.h"
 #include "support/log_capture.h"
 #include "support/record_memory.h"
 #include "support/use_everything.h"
@@ -7,19 +8,6 @@
 #include <gtest/gtest.h>
 
 namespace {
-
-struct Finding {
-    int code, severity;
-    unsigned long offset, found, expected;
-    std::string field, message;
-};
-
-bool Collect(cr_finding_t const* f, void* findings) {
-    EXPECT_EQ(f->struct_size, sizeof *f);
-    static_cast<std::vector<Finding>*>(findings)->push_back(
-        {f->code, f->severity, f->offset, f->found, f->expected, f->field, f->message});
-    return true;
-}
 
 std::vector<Finding> Diagnosis(Bytes const& bytes, unsigned int options) {
     std::vector<Finding> findings;
@@ -159,16 +147,6 @@ std::vector<Row> Rows() {
     };
 }
 
-void ExpectOne(std::vector<Finding> const& findings, Row const& row) {
-    ASSERT_EQ(findings.size(), 1u);
-    Finding const& seen = findings[0];
-    bool const note = row.code >= CR_FINDING_DO_BLOOM_LENGTH;
-    EXPECT_TRUE(seen.code == row.code && seen.severity == (note ? CR_FINDING_NOTE : CR_FINDING_ERROR)) << seen.code;
-    EXPECT_TRUE(seen.field == row.field && seen.offset == row.offset) << seen.field << " " << seen.offset;
-    EXPECT_TRUE(seen.found == row.found && seen.expected == row.expected) << seen.found << " " << seen.expected;
-    EXPECT_EQ(seen.message.starts_with("Invalid DO record: "), !note);
-}
-
 TEST(DORecordValidate, EachFaultHasItsFindingAndOneTraceLine) {
     for (Row const& row : Rows()) {
         for (bool const network : {false, true}) {
@@ -180,7 +158,7 @@ TEST(DORecordValidate, EachFaultHasItsFindingAndOneTraceLine) {
             }
             unsigned int const options = row.options | (network ? CR_DO_NETWORK_ORDER : 0);
             std::vector<Finding> const findings = Diagnosis(bytes, options);
-            ExpectOne(findings, row);
+            ExpectOne(findings, {row.code, 0, row.offset, row.found, row.expected, row.field, {}}, "DO record");
             LogCapture log(1);
             auto const size = static_cast<unsigned int>(bytes.size());
             bool const bad = DORecordHeaderValidate(bytes.data(), size, options) != CR_STATUS_OK;
@@ -206,7 +184,8 @@ TEST(DORecordValidate, ListChecksums) {
             Bytes bytes = record.bytes;
             auto const stored = WordAt<unsigned int>(bytes, record.list);
             Splice(bytes, record.list, Spelled(sum, 4, false));
-            ExpectOne(Diagnosis(bytes, network), {code, "unique.checksum", {}, {}, record.list, sum, stored});
+            ExpectOne(Diagnosis(bytes, network), {code, 0, record.list, sum, stored, "unique.checksum", {}},
+                      "DO record");
         };
         with(7, CR_FINDING_DO_LIST_CHECKSUM);
         unsigned char const* const list = record.bytes.data() + record.list;
