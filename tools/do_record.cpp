@@ -25,9 +25,13 @@ std::unique_ptr<DORecord> Open(Record const& record) {
         return made;
     }
     auto const* const header = reinterpret_cast<DORecordHeader const*>(record.bytes);
-    bool const legacy = header->ntaskid != 0 || header->nds != 0;
-    return legacy ? DORecord::FromBuffer(record.bytes, record.size)
-                  : DORecord::Wrap(record.bytes, record.size, record.size, true);
+    if (header->ntaskid == 0 && header->nds == 0) {
+        return DORecord::Wrap(record.bytes, record.size, record.size, true);
+    }
+    // Turning legacy arrays into references touches the record; whoever only reads it wants its own time.
+    auto opened = DORecord::FromBuffer(record.bytes, record.size);
+    opened->GetHeader()->mtime = DORecordView(record.bytes, record.size).GetMTime();
+    return opened;
 }
 
 } // namespace

@@ -1,95 +1,13 @@
-// The command as a process: what it prints and writes, how it ends, and what it leaves behind.
+// The command on segment records, and what holds for all verbs.
 
-#include "support/segment_bytes.h"
-
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-
-#include <stdlib.h>
-#include <sys/wait.h>
+#include "tool/tool.h"
 
 namespace {
-
-using nlohmann::json;
 
 // Records of the same size that lie one behind the other in the tests.
 constexpr Shape kHost{false, 3};
 constexpr Shape kNetwork{true, 3};
 constexpr std::size_t kSize = 192;
-
-Bytes operator+(Bytes left, Bytes const& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
-Bytes Text(std::string const& text) {
-    return {text.begin(), text.end()};
-}
-
-// Runs the command in a folder of its own.
-class Tool : public testing::Test {
-protected:
-    Tool() {
-        std::string name = testing::TempDir() + "crrecord-XXXXXX";
-        EXPECT_NE(mkdtemp(name.data()), nullptr);
-        folder_ = name;
-    }
-    ~Tool() override { std::filesystem::remove_all(folder_); }
-
-    // Runs a line of the shell in which $T is the command; its output, complaints and status are in the members. The
-    // output is in files that begin with a dot and don't count as left behind.
-    int Shell(std::string const& line) {
-        std::string const script =
-            "cd '" + folder_.string() + "' && exec </dev/null >.out 2>.err; T='" CRRECORD_TOOL "'; " + line;
-        int const ended = std::system(script.c_str());
-        out = String(".out");
-        err = String(".err");
-        return WIFEXITED(ended) ? WEXITSTATUS(ended) : -1;
-    }
-    int Run(std::string const& arguments) { return Shell("\"$T\" " + arguments); }
-
-    void Write(std::string const& name, Bytes const& bytes) {
-        std::ofstream(folder_ / name, std::ios::binary)
-            .write(reinterpret_cast<char const*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    }
-    std::string String(std::string const& name) {
-        std::ifstream file(folder_ / name, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-    Bytes Read(std::string const& name) { return Text(String(name)); }
-
-    // The names of all files but the output's own.
-    std::string Files() {
-        std::vector<std::string> names;
-        for (auto const& entry : std::filesystem::directory_iterator(folder_)) {
-            names.push_back(entry.path().filename().string());
-        }
-        std::sort(names.begin(), names.end());
-        std::string text;
-        for (std::string const& name : names) {
-            text += name == ".out" || name == ".err" ? "" : name + " ";
-        }
-        return text;
-    }
-
-    std::vector<json> Lines() {
-        std::vector<json> lines;
-        std::istringstream text(out);
-        for (std::string line; std::getline(text, line);) {
-            lines.push_back(json::parse(line));
-        }
-        return lines;
-    }
-
-    std::string out, err;
-
-private:
-    std::filesystem::path folder_;
-};
 
 // A record of `segments build`, from digits of its own fields only.
 std::string BuiltRecord(std::string const& container, std::string const& size, std::string const& crc, int fptype,
@@ -363,17 +281,12 @@ TEST_F(Tool, MemoryFollowsWhatIsThereNotWhatIsClaimed) {
     Bytes claim = Golden(kNetwork);
     std::fill_n(claim.begin() + 4, 4, 0xff);
     Write("in", claim);
-#ifdef CRRECORD_TOOL_IS_SANITIZED
-    std::string const limit; // their shadow memory needs more than any limit that would tell
-#else
-    std::string const limit = "ulimit -v 65536; ";
-#endif
-    ASSERT_EQ(Shell(limit + "\"$T\" validate in"), 1);
+    ASSERT_EQ(Shell(kMemoryLimit + "\"$T\" validate in"), 1);
     EXPECT_EQ(out, "in: record 1 at byte 0: error so-recsize in recsize at byte 4: found 4294967295, expected 192: "
                    "Invalid SO record: recsize 4294967295, size 192\nin: 1 record, 192 bytes: 1 bad, 0 valid\n");
     std::fill_n(claim.begin() + 12, 4, 0xfe);
     Write("in", claim);
-    ASSERT_EQ(Shell(limit + "(cat in; head -c 8M /dev/zero) | \"$T\" validate --first"), 1);
+    ASSERT_EQ(Shell(kMemoryLimit + "(cat in; head -c 8M /dev/zero) | \"$T\" validate --first"), 1);
     EXPECT_EQ(out.substr(0, 70), "-: record 1 at byte 0: error so-recsize in recsize at byte 4: found 42");
 }
 
@@ -388,7 +301,8 @@ TEST_F(Tool, FileNamesOfAnyBytes) {
 }
 
 TEST_F(Tool, EveryVerbHasHelpWithAnExample) {
-    for (std::string const verb : {"segments", "segments build", "show", "validate", "convert"}) {
+    for (std::string const verb :
+         {"build", "segments", "segments build", "show", "validate", "convert", "digest", "verify"}) {
         EXPECT_EQ(Run(verb + " --help"), 0);
         EXPECT_NE(out.find("Example:\n  crrecord " + verb), std::string::npos) << out;
     }
