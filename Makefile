@@ -6,11 +6,12 @@ SETUP ?= scripts/setup
 unexport FILE
 export CRRECORD_WALK_FILE := $(value FILE)
 
-.PHONY: help setup build run test install format clean
+.PHONY: help setup build run test bench install format clean
 
 help:
 	@echo 'make run [FILE=path]       read a file, write its records, read and check them, show what came out'
 	@echo 'make test                  run the tests'
+	@echo 'make bench [QUICK=1]       measure the library against other ways to do the same work'
 	@echo 'make build                 build the library and the command into build/release'
 	@echo 'make install [PREFIX=dir]  install them, into /usr/local unless told otherwise'
 	@echo 'make format                format the sources'
@@ -28,6 +29,12 @@ run: build
 
 test: build
 	@ctest --preset release
+
+bench:
+	@$(SETUP) --bench
+	@cmake --preset bench
+	@cmake --build --preset bench
+	@scripts/bench build/bench $(if $(QUICK),--quick)
 
 install: build
 	@cmake --install build/release $(if $(PREFIX),--prefix '$(PREFIX)')

@@ -40,7 +40,7 @@ struct InputFile {
         fs::remove(path, ignored);
         fs::remove(records, ignored);
     }
-    std::string const path = "bench-" + std::to_string(::getpid()) + ".bin";
+    std::string const path = CRRECORD_COMMAND "-input-" + std::to_string(::getpid());
     std::string const records = path + ".records";
     std::vector<char> bytes;
 };

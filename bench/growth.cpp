@@ -1,6 +1,6 @@
 // Time and memory per segment, or per reference, as a table for plot.gp: operation, n, nanoseconds, bytes.
 //
-//   growth [--quick] >FILE
+//   growth [--quick] >FILE        (--quick: no more than 100,000)
 //
 // Memory is the most that an operation holds in blocks of the C library's allocator beyond what was there before it.
 
@@ -148,7 +148,7 @@ int main(int argc, char**) {
     unsigned int const largest = argc > 1 ? 100'000 : 10'000'000;
     bool good = true;
     for (bench::Curve const& curve : bench::kCurves) {
-        std::printf("\"%s\"\n", curve.name);
+        std::printf("%s\"%s\"\n", &curve == bench::kCurves ? "" : "\n\n", curve.name);
         for (unsigned int n = 1'000; n <= largest; n *= 10) {
             std::fflush(stdout);
             // Each point has a process of its own, so that none finds the heap of another.
@@ -161,7 +161,6 @@ int main(int argc, char**) {
             int status = -1;
             good = child > 0 && waitpid(child, &status, 0) == child && status == 0 && good;
         }
-        std::printf("\n\n");
     }
     return good ? 0 : 1;
 }

@@ -31,7 +31,7 @@ namespace {
 constexpr double kRounding = 0.005; // ratios and targets are compared to two digits
 
 struct Plan {
-    int rounds = 21;
+    int rounds = 15;
     double roundSeconds = 0.02; // of each side, at least
     char const* only = "";
     char const* json = nullptr;
