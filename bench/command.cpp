@@ -11,6 +11,7 @@
 #include <openssl/evp.h>
 #include <sched.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -45,23 +46,6 @@ struct InputFile {
     std::vector<char> bytes;
 };
 
-int Run(std::vector<std::string> const& words) {
-    std::vector<char*> arguments;
-    for (std::string const& word : words) {
-        arguments.push_back(const_cast<char*>(word.c_str()));
-    }
-    arguments.push_back(nullptr);
-    posix_spawn_file_actions_t quiet;
-    posix_spawn_file_actions_init(&quiet);
-    posix_spawn_file_actions_addopen(&quiet, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    pid_t child = 0;
-    int const failed = ::posix_spawn(&child, arguments[0], &quiet, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&quiet);
-    int status = -1;
-    Require(failed == 0 && ::waitpid(child, &status, 0) == child, "the command can't be started");
-    return status;
-}
-
 Comparison CommandOn(int cores, unsigned int n) {
     cpu_set_t set;
     CPU_ZERO(&set);
@@ -72,7 +56,7 @@ Comparison CommandOn(int cores, unsigned int n) {
     auto const file = std::make_shared<InputFile const>(n * kSegment);
     std::shared_ptr<EVP_MD> const hash(EVP_MD_fetch(nullptr, "SHA256", nullptr), EVP_MD_free);
     return {{[file] {
-                Require(Run({CRRECORD_COMMAND, "build", file->path, "-o", file->records}) == 0, "the command failed");
+                RunCommand({"build", file->path, "-o", file->records});
             }},
             {[file, hash] {
                 unsigned char made[EVP_MAX_MD_SIZE];
@@ -84,6 +68,24 @@ Comparison CommandOn(int cores, unsigned int n) {
 }
 
 } // namespace
+
+long RunCommand(std::vector<std::string> const& arguments) {
+    std::vector<char*> words{const_cast<char*>(CRRECORD_COMMAND)};
+    for (std::string const& argument : arguments) {
+        words.push_back(const_cast<char*>(argument.c_str()));
+    }
+    words.push_back(nullptr);
+    posix_spawn_file_actions_t quiet;
+    posix_spawn_file_actions_init(&quiet);
+    posix_spawn_file_actions_addopen(&quiet, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t child = 0;
+    int const failed = ::posix_spawn(&child, words[0], &quiet, nullptr, words.data(), environ);
+    posix_spawn_file_actions_destroy(&quiet);
+    int status = -1;
+    rusage usage{};
+    Require(failed == 0 && ::wait4(child, &status, 0, &usage) == child && status == 0, "the command failed");
+    return usage.ru_maxrss * 1024;
+}
 
 Comparison CommandOnOneCore(Shape, unsigned int n) {
     return CommandOn(1, n);

@@ -4,6 +4,8 @@
 
 #include "input.h"
 
+#include <string>
+
 namespace bench {
 
 Comparison Serialize(Shape shape, unsigned int n);
@@ -47,6 +49,9 @@ Comparison ParseProtobuf(Shape shape, unsigned int n);
 // n is the size of the file in segments of 128 KiB.
 Comparison CommandOnOneCore(Shape shape, unsigned int n);
 Comparison CommandOnTwoCores(Shape shape, unsigned int n);
+
+// The command with these arguments, as a process; its peak memory in bytes.
+long RunCommand(std::vector<std::string> const& arguments);
 
 // Single sides, for those above and for the growth plot.
 Side OurSerialize(InputPtr const& input, bool withChecksum);
