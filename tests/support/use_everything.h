@@ -60,9 +60,9 @@ inline void UseBytes(Given const& given) {
             Read(DORecordHeaderIndexOfSegment(header, i), 32);
             Read(DORecordHeaderIndexOfSegmentSize(header, i), 4);
             Read(DORecordHeaderIndexOfSegmentOffset(header, i), 8);
-            Must(std::equal(&segment.dcid, &segment.dcid + 1,
-                            reinterpret_cast<cr_unaligned_u64*>(DORecordHeaderIndexOfDCID(header, i++))),
-                 "DCIDs of the view");
+            auto const* const dcid = reinterpret_cast<cr_unaligned_u64*>(DORecordHeaderIndexOfDCID(header, i));
+            Must(*dcid == segment.dcid, "DCIDs of the view");
+            ++i;
         }
         for (i = 0; i < view.UniqueDCIDs().size(); ++i) {
             Read(DORecordHeaderIndexOfUDCID(header, i), view.UniqueDCIDs()[i].dcid == 0 ? 8 : 16);
