@@ -154,7 +154,7 @@ bool RecordWalk::CheckReferences(RecordCounts const& counts, RecordLayout const&
         return false;
     }
     for (std::uint64_t at = layout.trefs; at < layout.tail;) {
-        _cr_tref_t reference;
+        _cr_tref_t reference{};
         unsigned long const taken = DecodeReference(bytes_ + at, layout.tail - at, reference);
         if (taken == 0) {
             return report_.Error({CR_FINDING_DO_REFERENCE, "references", at, bytes_[at], 0},
@@ -230,7 +230,7 @@ bool RecordWalk::NoteReferences(RecordLayout const& layout) noexcept {
     _cr_tref_t before{};
     bool first = true;
     for (std::uint64_t at = layout.trefs; at < layout.tail;) {
-        _cr_tref_t reference;
+        _cr_tref_t reference{};
         unsigned long const taken = DecodeReference(bytes_ + at, layout.tail - at, reference);
         if (!first && CompareReferences(before, reference) >= 0) {
             return report_.Note({CR_FINDING_DO_REFERENCE_ORDER, "references", at, reference.id, before.id},
