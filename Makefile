@@ -34,7 +34,7 @@ bench:
 	@$(SETUP) --bench
 	@cmake --preset bench
 	@cmake --build --preset bench
-	@scripts/bench build/bench $(if $(QUICK),--quick)
+	@scripts/bench build/bench $(if $(QUICK),--quick,$(if $(PUBLISH),--publish))
 
 install: build
 	@cmake --install build/release $(if $(PREFIX),--prefix '$(PREFIX)')
