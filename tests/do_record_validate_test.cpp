@@ -3,7 +3,7 @@
 #include "support/findings.h"
 #include "support/log_capture.h"
 #include "support/record_memory.h"
-#include "support/use_everything.h"
+#include "use_everything.h"
 
 #include <gtest/gtest.h>
 

@@ -57,7 +57,6 @@ private:
     T InOrder(T stored) const noexcept {
         return order_ == Order::Host ? stored : Turned(stored);
     }
-    std::uint32_t HostFormChecksum(unsigned char const* list, std::uint32_t count) const noexcept;
 
     unsigned char const* bytes_;
     DORecordHeader const* header_;
@@ -107,10 +106,11 @@ bool RecordWalk::CheckTotal(RecordLayout const& layout) noexcept {
                          "Invalid DO record: calculated size %lu, size %lu", layout.total, size_);
 }
 
-// The list's checksum was made while its count stood in host order.
-std::uint32_t RecordWalk::HostFormChecksum(unsigned char const* list, std::uint32_t count) const noexcept {
+// The list's checksum as it was made while the count stood in an order: the host's, unless the list was appended to a
+// record in network order.
+std::uint32_t ListChecksum(unsigned char const* list, std::uint32_t count, Order countOrder) noexcept {
     unsigned char word[sizeof count];
-    Store(word, count);
+    Store(word, count, countOrder);
     return Adler32More(Adler32(word, sizeof word), list + kUniqueHeadSize, std::uint64_t{kUniqueEntrySize} * count);
 }
 
@@ -126,12 +126,12 @@ bool RecordWalk::CheckUniqueList(RecordCounts const& counts, RecordLayout const&
             "Invalid DO record: unique DCID list of %u entries, expected %u", count, counts.nudcid);
     }
     std::uint32_t const stored = Load<std::uint32_t>(list);
-    std::uint32_t const computed = HostFormChecksum(list, count);
+    std::uint32_t const computed = ListChecksum(list, count, Order::Host);
     if (stored == computed) {
         return true;
     }
-    // A list that was appended in network order is summed as it stands; NoteUniqueList speaks of it.
-    return stored == UniqueListChecksum(list, count) ||
+    // NoteUniqueList speaks of the other order.
+    return stored == ListChecksum(list, count, Order::Network) ||
            report_.Error({CR_FINDING_DO_LIST_CHECKSUM, "unique.checksum", layout.udcids, stored, computed},
                          "Invalid DO record: unique DCID list checksum %u, expected %u", stored, computed);
 }
@@ -206,7 +206,7 @@ bool RecordWalk::NoteUniqueList(RecordCounts const& counts, RecordLayout const& 
     }
     unsigned char const* const list = bytes_ + layout.udcids;
     std::uint32_t const stored = Load<std::uint32_t>(list);
-    std::uint32_t const computed = HostFormChecksum(list, counts.nudcid);
+    std::uint32_t const computed = ListChecksum(list, counts.nudcid, Order::Host);
     if (stored != computed &&
         !report_.Note({CR_FINDING_DO_LIST_ORDER, "unique.checksum", layout.udcids, stored, computed},
                       "unique DCID list summed in network order: %u, expected %u", stored, computed)) {
