@@ -29,23 +29,7 @@ Bytes BytesOf(SORecord const& record) {
     return Bytes(bytes, bytes + record.GetHeaderSize());
 }
 
-// Container id and size are 32 bits in the constructor: wider ones would narrow.
-template <class Dcid, class Size>
-concept Constructs = requires(unsigned char c, unsigned short s, Dcid dcid, Size size) {
-    SORecord{s, dcid, size, 0u, "", c, c};
-};
-static_assert(Constructs<unsigned, unsigned> && !Constructs<unsigned long, unsigned>);
-static_assert(!Constructs<unsigned, unsigned long> && !std::movable<SORecord>);
-
-TEST(SORecord, ConstructsTheseBytes) {
-    SORecord record = Made();
-    EXPECT_EQ(record.GetHeader()->size, 0x5a5b5c5du);
-    record.HostToNetwork(0);
-    EXPECT_EQ(BytesOf(record),
-              FromHex("000200020000006800000000000000000000000000000000000000004a4b4c4d0000000000000000"
-                      "000000005a5b5c5d6a6b6c6d00000000" +
-                      kKeyHex + "03c700000000000000000000000000"));
-}
+static_assert(!std::movable<SORecord>);
 
 TEST(SORecord, SetsAndGetsHostValuesInEitherOrder) {
     // The key index has the writer's order, whatever the record's.
@@ -69,8 +53,7 @@ TEST(SORecord, SetsAndGetsHostValuesInEitherOrder) {
         record.SetKey(record.GetKey());
         for (bool const order : {network, true, true, false, false, true}) { // twice is once
             Turn(record, order);
-            EXPECT_EQ(record.IsInNetworkOrder(), order);
-            EXPECT_EQ(BytesOf(record) == bytes, order || kBig);
+            EXPECT_TRUE(record.IsInNetworkOrder() == order && (BytesOf(record) == bytes) == (order || kBig));
             EXPECT_TRUE(record.GetFlags() == 0 && record.GetFileID() == 0 && record.GetPathID() == record.GetDCID());
             EXPECT_TRUE(record.GetDCID() == 0x0a1a2a3a4a5a6a7a && record.GetSize() == 0x0b1b2b3b4b5b6b7b);
             EXPECT_TRUE(record.GetCRC() == 0x91929394 && record.GetCheckTime() == 0x81828384);
@@ -101,10 +84,10 @@ TEST(SORecord, RefusesAndStaysAsItWas) {
             EXPECT_EQ(Thrown([&] { record.SetDCID(value); }), value == 1 || value >= 64 ? "" : "9:") << value;
             auto const fptype = static_cast<unsigned char>(value);
             EXPECT_EQ(Thrown([&] { record.SetFPType(fptype); }), fptype < 4 ? "" : "9:") << value;
-            record.SetFlags(2);
-            record.SetDCID(0x4a4b4c4d);
-            record.SetFPType(3);
         }
+        record.SetFlags(2);
+        record.SetDCID(0x4a4b4c4d);
+        record.SetFPType(3);
         EXPECT_EQ(Thrown([&] { record.SetFlags(0x0200); }), "9:");
         EXPECT_EQ(Thrown([&] { record.SetKey(nullptr); }), "9:");
         EXPECT_EQ(BytesOf(record), before);
@@ -118,8 +101,8 @@ TEST(SORecord, RefusesAndStaysAsItWas) {
 }
 
 TEST(SORecord, DoesNotFollowCountsWrittenThroughTheHeader) {
-    for (bool const network : {false, true}) {
-        for (auto const count : {&_SegmentDBRecord::ntaskids, &_SegmentDBRecord::nfp}) {
+    for (auto const count : {&_SegmentDBRecord::ntaskids, &_SegmentDBRecord::nfp}) {
+        for (bool const network : {false, true}) {
             SORecord record = Made();
             Turn(record, network);
             record.GetHeader()->*count = 0xfe;
@@ -130,12 +113,16 @@ TEST(SORecord, DoesNotFollowCountsWrittenThroughTheHeader) {
     }
 }
 
-TEST(SORecord, ComparesRawBytes) {
+TEST(SORecord, ConstructsTheseBytesAndComparesThemRaw) {
     SORecord record = Made(), other = Made();
-    EXPECT_TRUE(record == other && !(record != other));
+    EXPECT_TRUE(record == other && !(record != other) && record.GetHeader()->size == 0x5a5b5c5d);
     other.HostToNetwork(0);
     EXPECT_EQ(record == other, kBig);
     record.HostToNetwork(0);
+    EXPECT_EQ(BytesOf(record),
+              FromHex("000200020000006800000000000000000000000000000000000000004a4b4c4d0000000000000000"
+                      "000000005a5b5c5d6a6b6c6d00000000" +
+                      kKeyHex + "03c700000000000000000000000000"));
     for (std::size_t at = 0; at < CR_SO_RECORD_SIZE; ++at) {
         reinterpret_cast<unsigned char*>(record.GetHeader())[at] ^= 0x80;
         EXPECT_TRUE(record != other && !(record == other)) << at;
@@ -151,7 +138,6 @@ TEST(SORecord, ComesFromBytesInEitherOrder) {
         Bytes bytes = Golden({network, 2, 0, 0});
         auto const record = SORecord::FromBuffer(bytes.data(), bytes.size());
         EXPECT_EQ(BytesOf(*record), Golden({false, 2, 0, 0}));
-        EXPECT_EQ(record->GetPathID(), 0x0102030405060708u);
         EXPECT_EQ(from(bytes, 1) + from(bytes, 4), "9:9:");
         EXPECT_EQ(from(Bytes(bytes.begin(), bytes.end() - 1)), "32:Invalid SO record: recsize 104, size 103");
         EXPECT_EQ(from(Golden({network, 2, 1, 0})), "32:Invalid SO record: size 112, expected 104"); // good, but longer

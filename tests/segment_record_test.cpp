@@ -52,23 +52,21 @@ TEST(Convert, TurnsAndStrips) {
 TEST(Serialize, WritesTheExchangeForm) {
     void* out = nullptr;
     unsigned long length = 77;
+    Bytes any = Golden({false});
+    EXPECT_EQ(SegmentRecordSerialize(nullptr, &out, &length), CR_STATUS_NULL_ARGUMENT);
+    EXPECT_EQ(SegmentRecordSerialize(RecordOf(any), nullptr, &length), CR_STATUS_NULL_ARGUMENT);
+    EXPECT_EQ(SegmentRecordSerialize(RecordOf(any), &out, nullptr), CR_STATUS_NULL_ARGUMENT);
+    EXPECT_TRUE(out == nullptr && length == 77);
     for (unsigned char const fptype : Bytes{0, 2, 3, 9}) {
         Bytes bytes = Golden({false, fptype});
-        EXPECT_EQ(SegmentRecordSerialize(nullptr, &out, &length), CR_STATUS_NULL_ARGUMENT);
-        EXPECT_EQ(SegmentRecordSerialize(RecordOf(bytes), nullptr, &length), CR_STATUS_NULL_ARGUMENT);
-        EXPECT_EQ(SegmentRecordSerialize(RecordOf(bytes), &out, nullptr), CR_STATUS_NULL_ARGUMENT);
-        EXPECT_TRUE(out == nullptr && length == 77);
-        Bytes expected = FromHex("41424344454647480102030405060708"
-                                 "3132333435363738"
-                                 "5152535400000002");
+        Bytes expected = FromHex("4142434445464748010203040506070831323334353637385152535400000002");
         for (std::string const& text : {FingerprintText(0, fptype), FingerprintText(1, fptype), std::string()}) {
             expected.insert(expected.end(), text.c_str(), text.c_str() + text.size() + 1);
         }
         EXPECT_EQ(SegmentRecordSerialize(RecordOf(bytes), &out, &length), CR_STATUS_OK);
         EXPECT_EQ(Bytes(static_cast<char*>(out), static_cast<char*>(out) + length), expected);
         EXPECT_EQ(bytes, Golden({false, fptype}));
-        std::free(std::exchange(out, nullptr));
-        length = 77;
+        std::free(out);
     }
 }
 
@@ -112,63 +110,17 @@ TEST(ToStream, WritesTextOfAnyLength) {
     RecordOf(bytes)->ntaskids = 1000;
     std::ostringstream stream;
     SegmentRecordToStream(stream, *RecordOf(bytes), false);
-    std::string expected = ",,1000,0,[18446744073709551615";
-    for (int i = 1; i < 1000; ++i) {
-        expected += ",18446744073709551615";
-    }
-    EXPECT_TRUE(stream.str().ends_with(expected + "],[]"));
-}
-
-// A record with every fault; one after the other is mended.
-TEST(Validate, TracesTheFirstFaultInOrder) {
-    for (unsigned int const network : {0u, CR_SO_NETWORK_ORDER}) {
-        Bytes bytes = Golden({network != 0, 9, 3, 1});
-        SetLow(bytes, network, 4, 4, 99);
-        SetLow(bytes, network, 52, 4, 2);
-        struct Step {
-            std::size_t offset, width, value;
-            std::string text;
-        };
-        for (Step const& step :
-             {Step{0, 2, 7, "type 7, expected 2"}, Step{0, 2, 2, "recsize 99, size 144"},
-              Step{4, 4, 144, "calculated size 160, size 144"}, Step{52, 4, 1, "3 taskids, expected 0"}}) {
-            SetLow(bytes, network, step.offset, step.width, step.value);
-            for (int const trace : {0, 1}) {
-                LogCapture log(trace);
-                EXPECT_EQ(Validate(bytes, CR_SO_NO_TASKIDS | network), CR_STATUS_CORRUPT_RECORD);
-                EXPECT_EQ(log.Take(), trace ? "trace 0: Invalid SO record: " + step.text + "\n" : "");
-            }
-        }
-        LogCapture log(1);
-        EXPECT_EQ(Validate(bytes, network), CR_STATUS_CORRUPT_RECORD);
-        EXPECT_EQ(log.Take(), "trace 0: Invalid SO record: invalid fp type 9\n");
-        EXPECT_EQ(Validate(bytes, network ^ CR_SO_NETWORK_ORDER), CR_STATUS_CORRUPT_RECORD);
-        EXPECT_EQ(log.Take(), "trace 0: Invalid SO record: type 512, expected 2\n");
-        bytes = Golden({network != 0, 1, 0, 0});
-        EXPECT_EQ(Validate(bytes, CR_SO_NO_TASKIDS | network), CR_STATUS_OK);
-        bytes.resize(100); // without all of the spare slot
-        SetLow(bytes, network, 4, 4, 100);
-        EXPECT_EQ(Validate(bytes, network), CR_STATUS_CORRUPT_RECORD);
-        EXPECT_EQ(log.Take(), "trace 0: Invalid SO record: calculated size 104, size 100\n");
-        EXPECT_EQ(Validate(bytes, 4), CR_STATUS_INVALID);
-        EXPECT_EQ(Validate(bytes, 0x80000000), CR_STATUS_INVALID);
-        EXPECT_EQ(Validate({}, 0), CR_STATUS_INVALID);
-        EXPECT_EQ(log.Take(), "");
-    }
+    EXPECT_EQ(stream.str().find("]"), stream.str().find("[") + 1000 * 21);
+    EXPECT_TRUE(stream.str().ends_with(",18446744073709551615],[]"));
 }
 
 TEST(Validate, AnswersForEveryLengthAndEveryFlippedBit) {
     for (Shape const& shape : kShapes) {
-        std::string const whole = std::to_string(Golden(shape).size());
         for (std::size_t at = 1; at < Golden(shape).size(); ++at) {
             Bytes part = Golden(shape);
             part.resize(at);
             part.shrink_to_fit(); // nothing behind may be read
-            std::string const size = "size " + std::to_string(at);
-            LogCapture log(1);
             EXPECT_EQ(Validate(part, shape.network), CR_STATUS_CORRUPT_RECORD);
-            EXPECT_EQ(log.Take(), "trace 0: Invalid SO record: " + (at < 96 ? size + ", expected at least 96\n"
-                                                                            : "recsize " + whole + ", " + size + "\n"));
         }
         for (std::size_t bit = 0; bit < 8 * Golden(shape).size(); ++bit) {
             Bytes bytes = Golden(shape);
@@ -183,8 +135,7 @@ TEST(Validate, AnswersForEveryLengthAndEveryFlippedBit) {
     }
 }
 
-// Everything that a walk over `size` bytes says; ends it at `most` lines. A validator's trace tells the errors'
-// messages.
+// Everything that a walk over `size` bytes says; ends it at `most` lines.
 Lines Findings(Bytes const& bytes, unsigned long size, unsigned int options, cr_status_t expected, std::size_t most) {
     std::pair<Lines, std::size_t> seen{{}, most};
     auto const see = [](cr_finding_t const* finding, void* context) {
@@ -192,7 +143,7 @@ Lines Findings(Bytes const& bytes, unsigned long size, unsigned int options, cr_
         std::ostringstream line;
         line << finding->code << ' ' << CRFindingName(finding->code) << ' ' << finding->field << '@' << finding->offset
              << ' ' << finding->found << '/' << finding->expected << ' '
-             << (finding->severity == CR_FINDING_ERROR ? "error" : finding->message);
+             << (finding->severity == CR_FINDING_ERROR ? "error " : "") << finding->message;
         lines.push_back(line.str());
         return finding->struct_size == sizeof *finding && lines.size() < limit;
     };
@@ -211,13 +162,38 @@ TEST(Diagnose, ReportsEveryFaultAndOddity) {
         std::memset(&bad[12], 0xff, 4); // the most task ids and fingerprints
         std::memset(&bad[52], 0xff, 4);
         bad[91] = 1; // odd, but notes are for good records
-        Lines faults{"102 so-type type@0 7/2 error", "103 so-recsize recsize@4 99/144 error",
-                     "104 so-calculated nfp@52 103079215184/144 error", "105 so-taskids ntaskids@12 4294967295/0 error",
-                     "106 so-fptype fptype@89 9/3 error"};
-        EXPECT_EQ(Findings(bad, 144, network | CR_SO_NO_TASKIDS, CR_STATUS_CORRUPT_RECORD, 99), faults);
+        std::string const text = " error Invalid SO record: ";
+        Lines faults{"102 so-type type@0 7/2" + text + "type 7, expected 2",
+                     "103 so-recsize recsize@4 99/144" + text + "recsize 99, size 144",
+                     "104 so-calculated nfp@52 103079215184/144" + text + "calculated size 103079215184, size 144",
+                     "105 so-taskids ntaskids@12 4294967295/0" + text + "4294967295 taskids, expected 0",
+                     "106 so-fptype fptype@89 9/3" + text + "invalid fp type 9"};
+        unsigned int const options = network | CR_SO_NO_TASKIDS;
+        EXPECT_EQ(Findings(bad, 144, options, CR_STATUS_CORRUPT_RECORD, 99), faults);
         for (; !faults.empty(); faults.pop_back()) {
-            EXPECT_EQ(Findings(bad, 144, network | CR_SO_NO_TASKIDS, CR_STATUS_CORRUPT_RECORD, faults.size()), faults);
+            EXPECT_EQ(Findings(bad, 144, options, CR_STATUS_CORRUPT_RECORD, faults.size()), faults);
         }
+        for (int const trace : {0, 1}) { // validation tells the first one
+            LogCapture log(trace);
+            EXPECT_EQ(Validate(bad, options), CR_STATUS_CORRUPT_RECORD);
+            EXPECT_EQ(Validate(odd, network ^ CR_SO_NETWORK_ORDER), CR_STATUS_CORRUPT_RECORD);
+            EXPECT_EQ(Validate(odd, network), CR_STATUS_OK);
+            EXPECT_EQ(log.Take(), trace ? "trace 0: Invalid SO record: type 7, expected 2\n"
+                                          "trace 0: Invalid SO record: type 512, expected 2\n"
+                                        : "");
+        }
+        LogCapture log(1);
+        Bytes cut = Golden({network != 0, 1, 0, 0});
+        EXPECT_EQ(Validate(cut, options), CR_STATUS_OK);
+        cut.resize(100); // without all of the spare slot
+        SetLow(cut, network, 4, 4, 100);
+        EXPECT_EQ(Validate(cut, network), CR_STATUS_CORRUPT_RECORD);
+        EXPECT_EQ(log.Take(), "trace 0: Invalid SO record: calculated size 104, size 100\n");
+        for (unsigned int const unknown : {4u, 0x80000000u}) {
+            EXPECT_EQ(Validate(cut, unknown), CR_STATUS_INVALID);
+        }
+        EXPECT_EQ(Validate({}, 0), CR_STATUS_INVALID);
+        EXPECT_EQ(log.Take(), "");
         SetLow(odd, network, 2, 2, 6);
         std::memset(&odd[32], 0, 8);
         SetLow(odd, network, 24, 8, 63);
@@ -232,14 +208,12 @@ TEST(Diagnose, ReportsEveryFaultAndOddity) {
         }
     }
     Bytes const good = Golden({false});
-    EXPECT_EQ(Findings(good, 95, 0, CR_STATUS_CORRUPT_RECORD, 9), Lines{"101 so-length length@95 95/96 error"});
+    EXPECT_EQ(Findings(good, 95, 0, CR_STATUS_CORRUPT_RECORD, 9),
+              Lines{"101 so-length length@95 95/96 error Invalid SO record: size 95, expected at least 96"});
     EXPECT_EQ(Findings(good, (1ul << 32) + 160, 0, CR_STATUS_CORRUPT_RECORD, 1),
-              Lines{"103 so-recsize recsize@4 160/4294967456 error"});
+              Lines{"103 so-recsize recsize@4 160/4294967456 error Invalid SO record: recsize 160, size 4294967456"});
     EXPECT_EQ(Findings(good, 160, 4, CR_STATUS_INVALID, 1), Lines{});
     EXPECT_EQ(Findings({}, 160, 0, CR_STATUS_INVALID, 1), Lines{});
-}
-
-TEST(RecordInContainer, IsTrueForFileIdZeroOnly) {
     EXPECT_TRUE(RecordInContainer(0) && !RecordInContainer(1) && !RecordInContainer(1ul << 32));
 }
 

@@ -2,14 +2,14 @@
 
 #pragma once
 
-#include "support/segment_bytes.h"
+#include "support/do_record.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include <stdlib.h>
@@ -60,14 +60,13 @@ protected:
 
     // The names of all files but the output's own.
     std::string Files() {
-        std::vector<std::string> names;
+        std::set<std::string> names;
         for (auto const& entry : std::filesystem::directory_iterator(folder_)) {
-            names.push_back(entry.path().filename().string());
+            names.insert(entry.path().filename().string() + " ");
         }
-        std::sort(names.begin(), names.end());
         std::string text;
         for (std::string const& name : names) {
-            text += name == ".out" || name == ".err" ? "" : name + " ";
+            text += name == ".out " || name == ".err " ? "" : name;
         }
         return text;
     }
@@ -86,6 +85,26 @@ protected:
 private:
     std::filesystem::path folder_;
 };
+
+// Fingerprints of "abc" and "12".
+inline constexpr char const* kAbcAnd12[][2] = {
+    {"900150983cd24fb0d6963f7d28e17f72", "c20ad4d76fe97759aa27a0c99bff6710"},
+    {"a9993e364706816aba3e25717850c26c", "7b52009b64fd0a2a49e6d8a939753077"},
+    {"ba7816bf8f01cfea414140de5dae2223", "6b51d431df5d7f141cbececcf79edf3d"},
+    {"ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad",
+     "6b51d431df5d7f141cbececcf79edf3dd861c3b4069f0b11661a3eefacbba918"},
+};
+
+// `findings` of a line, each as "name offset field severity found expected;".
+inline std::string FindingsOf(json const& line) {
+    std::string text;
+    for (json const& finding : line["findings"]) {
+        for (char const* const member : {"name", "offset", "field", "severity", "found", "expected"}) {
+            text += finding[member].get<std::string>() + (*member == 'e' ? ";" : " ");
+        }
+    }
+    return text;
+}
 
 // For a shell in which memory is scarce.
 #ifdef CRRECORD_TOOL_IS_SANITIZED
