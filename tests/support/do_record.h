@@ -45,11 +45,7 @@ inline std::string Refusal(std::function<void()> const& action) {
 }
 
 inline unsigned long SwapBytes(unsigned long value, unsigned int width) {
-    unsigned long swapped = 0;
-    for (unsigned int i = 0; i < width; ++i) {
-        swapped = swapped << 8 | (value >> 8 * i & 0xff);
-    }
-    return swapped;
+    return __builtin_bswap64(value) >> (64 - 8 * width);
 }
 
 template <class T>
@@ -58,15 +54,4 @@ T WordAt(Bytes const& bytes, std::size_t offset) {
     std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(offset), sizeof value,
                 reinterpret_cast<unsigned char*>(&value));
     return value;
-}
-
-// Overwrites bytes at an offset.
-inline void Splice(Bytes& bytes, std::size_t offset, Bytes const& with) {
-    std::copy(with.begin(), with.end(), bytes.begin() + static_cast<std::ptrdiff_t>(offset));
-}
-
-inline Bytes Spelled(unsigned long value, unsigned int width, bool network) {
-    Bytes bytes;
-    Put(bytes, value, width, network);
-    return bytes;
 }

@@ -8,6 +8,7 @@
 #include "support/segment_bytes.h"
 
 #include <memory>
+#include <numeric>
 
 struct SegmentValues {
     Bytes fingerprint; // 32 bytes for fingerprint type 3, otherwise 16
@@ -46,8 +47,19 @@ inline void Put(Bytes& bytes, unsigned long value, unsigned int width, bool netw
     }
 }
 
-inline void PutZeros(Bytes& bytes, std::size_t count) {
-    bytes.resize(bytes.size() + count);
+inline void PutBytes(Bytes& bytes, Bytes const& more) {
+    bytes.insert(bytes.end(), more.begin(), more.end());
+}
+
+inline Bytes Spelled(unsigned long value, unsigned int width, bool network) {
+    Bytes bytes;
+    Put(bytes, value, width, network);
+    return bytes;
+}
+
+// Overwrites bytes at an offset.
+inline void Splice(Bytes& bytes, std::size_t offset, Bytes const& with) {
+    std::copy(with.begin(), with.end(), bytes.begin() + static_cast<std::ptrdiff_t>(offset));
 }
 
 inline unsigned int PlainAdler32(unsigned char const* from, unsigned char const* to) {
@@ -63,25 +75,29 @@ inline unsigned int PlainAdler32(unsigned char const* from, unsigned char const*
 inline Bytes SpellEntries(RecordValues const& values, bool network) {
     Bytes bytes;
     for (SegmentValues const& segment : values.segments) {
-        bytes.insert(bytes.end(), segment.fingerprint.begin(), segment.fingerprint.end());
+        PutBytes(bytes, segment.fingerprint);
         Put(bytes, segment.size, values.dotype < 2 ? 0 : 4, network);
         Put(bytes, segment.offset, values.dotype == 3 ? 8 : values.dotype == 5 ? 4 : 0, network);
     }
     return bytes;
 }
 
+// A list without its checksum.
+inline Bytes SpellListBody(RecordValues const& values, bool network) {
+    Bytes body = Spelled(values.list.size(), 4, network);
+    for (auto const& [dcid, size] : values.list) {
+        Put(body, dcid, 8, network);
+        Put(body, size, 8, network);
+    }
+    return body;
+}
+
 // Only the count turns; the checksum is that of the host form.
 inline Bytes SpellList(RecordValues const& values, bool network) {
-    Bytes body;
-    Put(body, values.list.size(), 4, false);
-    for (auto const& [dcid, size] : values.list) {
-        Put(body, dcid, 8, false);
-        Put(body, size, 8, false);
-    }
-    Bytes bytes;
-    Put(bytes, PlainAdler32(body.data(), body.data() + body.size()), 4, false);
-    Put(bytes, values.list.size(), 4, network);
-    bytes.insert(bytes.end(), body.begin() + 4, body.end());
+    Bytes const body = SpellListBody(values, false);
+    Bytes bytes = Spelled(PlainAdler32(body.data(), body.data() + body.size()), 4, false);
+    PutBytes(bytes, body);
+    Splice(bytes, 4, Spelled(values.list.size(), 4, network));
     return bytes;
 }
 
@@ -89,7 +105,7 @@ inline Bytes SpellReferences(std::vector<std::pair<int, unsigned long>> const& r
     Bytes bytes;
     for (auto const& [kind, id] : references) {
         unsigned int const width = kind == 4 ? 4 : 8;
-        bytes.insert(bytes.end(), {static_cast<unsigned char>(kind), static_cast<unsigned char>(width)});
+        PutBytes(bytes, {static_cast<unsigned char>(kind), static_cast<unsigned char>(width)});
         Put(bytes, id, width, true);
     }
     return bytes;
@@ -98,42 +114,35 @@ inline Bytes SpellReferences(std::vector<std::pair<int, unsigned long>> const& r
 inline SpelledRecord Spell(RecordValues const& values, bool network = false) {
     SpelledRecord record{};
     Bytes& bytes = record.bytes;
-    auto const put = [&](unsigned long value, unsigned int width) { Put(bytes, value, width, network); };
-    auto const append = [&](Bytes const& more) { bytes.insert(bytes.end(), more.begin(), more.end()); };
     Bytes const references = SpellReferences(values.references);
-    put(3, 2);
-    put(values.flags, 2);
-    put(0, 4); // the size comes last
-    put(0, 4);
-    put(values.checktime, 4);
-    put(values.CID, 8);
-    put(values.size, 8);
-    put(values.ssize, 8);
-    put(values.CRC, 4);
-    put(values.ctime, 4);
-    put(values.mtime, 4);
-    Put(bytes, values.taskIds.size(), 4, false);
-    put(values.segments.size(), 4);
-    put(values.list.size(), 4);
-    Put(bytes, values.dsids.size(), 4, false);
-    put(references.size(), 4);
-    put(values.bitmap.size(), 4);
-    bytes.insert(bytes.end(), {values.fptype, values.dotype, 0, 0});
+    auto const put = [&](unsigned int width, std::initializer_list<unsigned long> numbers) {
+        for (unsigned long const number : numbers) {
+            Put(bytes, number, width, network);
+        }
+    };
+    put(2, {3, values.flags});
+    put(4, {0, 0, values.checktime}); // the size comes last
+    put(8, {values.CID, values.size, values.ssize});
+    put(4, {values.CRC, values.ctime, values.mtime, 0, values.segments.size(), values.list.size(), 0, references.size(),
+            values.bitmap.size()});
+    PutBytes(bytes, {values.fptype, values.dotype, 0, 0});
+    Splice(bytes, 0x34, Spelled(values.taskIds.size(), 4, false));
+    Splice(bytes, 0x40, Spelled(values.dsids.size(), 4, false));
     record.entries = bytes.size();
     if (values.dotype == 4) {
-        put(values.bitmap.size(), 4);
-        append(values.bitmap);
-        PutZeros(bytes, 16);
+        put(4, {values.bitmap.size()});
+        PutBytes(bytes, values.bitmap);
+        PutBytes(bytes, Bytes(16));
         record.dcids = record.entries;
     } else {
-        append(SpellEntries(values, network));
+        PutBytes(bytes, SpellEntries(values, network));
         record.dcids = bytes.size();
         for (SegmentValues const& segment : values.segments) {
             Put(bytes, segment.dcid, 8, false);
         }
     }
     record.list = bytes.size();
-    append(values.list.empty() ? Bytes() : SpellList(values, network));
+    PutBytes(bytes, values.list.empty() ? Bytes() : SpellList(values, network));
     record.taskIds = bytes.size();
     for (unsigned long const id : values.taskIds) {
         Put(bytes, id, 8, false);
@@ -143,12 +152,10 @@ inline SpelledRecord Spell(RecordValues const& values, bool network = false) {
         Put(bytes, id, 4, false);
     }
     record.references = bytes.size();
-    append(references);
+    PutBytes(bytes, references);
     record.tail = bytes.size();
-    PutZeros(bytes, values.dotype == 4 ? 4 : 24);
-    Bytes size;
-    Put(size, bytes.size(), 4, network);
-    std::copy(size.begin(), size.end(), bytes.begin() + 4);
+    PutBytes(bytes, Bytes(values.dotype == 4 ? 4 : 24));
+    Splice(bytes, 4, Spelled(bytes.size(), 4, network));
     return record;
 }
 
@@ -164,10 +171,8 @@ inline RecordValues Example(unsigned char dotype, unsigned char fptype) {
     }
     constexpr unsigned int kSizes[] = {0x01020304, 0x05060708, 0x090a0b0c};
     for (unsigned int i = 0; i < 3; ++i) {
-        Bytes fingerprint;
-        for (unsigned int at = 0; at < FingerprintWidth(fptype); ++at) {
-            fingerprint.push_back(static_cast<unsigned char>(0xd0 + i * 16 + at));
-        }
+        Bytes fingerprint(FingerprintWidth(fptype));
+        std::iota(fingerprint.begin(), fingerprint.end(), static_cast<unsigned char>(0xd0 + i * 16));
         unsigned int const size = dotype < 2 && i < 2 ? 0x41424344 : kSizes[i];
         values.segments.push_back({fingerprint, size, values.size, i == 1 ? 0x8182838485868788 : 0x6162636465666768});
         values.size += size;
@@ -182,18 +187,19 @@ template <class Record = DORecord>
 std::unique_ptr<Record> Build(RecordValues const& v) {
     Bytes const list = SpellList(v, false);
     auto const* const udcids = v.list.empty() ? nullptr : reinterpret_cast<char const*>(list.data());
-    if (v.dotype == 4) {
-        return std::make_unique<Record>(v.CID, v.size, v.ssize, v.CRC, v.ctime, v.mtime,
-                                        static_cast<unsigned int>(v.bitmap.size()), v.bitmap.data(), udcids, v.fptype,
+    auto const make = [&](auto... sections) {
+        return std::make_unique<Record>(v.CID, v.size, v.ssize, v.CRC, v.ctime, v.mtime, sections..., udcids, v.fptype,
                                         v.dotype);
+    };
+    if (v.dotype == 4) {
+        return make(static_cast<unsigned int>(v.bitmap.size()), v.bitmap.data());
     }
     std::vector<unsigned long> dcids;
     for (SegmentValues const& segment : v.segments) {
         dcids.push_back(segment.dcid);
     }
-    return std::make_unique<Record>(v.CID, v.size, v.ssize, v.CRC, v.ctime, v.mtime, SpellEntries(v, false).data(),
-                                    static_cast<unsigned int>(v.segments.size()), dcids.data(), udcids, v.fptype,
-                                    v.dotype);
+    Bytes const entries = SpellEntries(v, false);
+    return make(entries.data(), static_cast<unsigned int>(v.segments.size()), dcids.data());
 }
 
 // The record with its references written.
