@@ -31,8 +31,7 @@ Bytes ExpectedDigest(RecordValues const& values) {
     bytes.erase(bytes.begin(), bytes.begin() + (bloom ? 80 : 28));
     bytes.insert(bytes.end(), {'D', 'O', 0});
     Bytes digest(EVP_MAX_MD_SIZE);
-    char const* const name = kNames[values.fptype];
-    EXPECT_EQ(EVP_Q_digest(nullptr, name, nullptr, bytes.data(), bytes.size(), digest.data(), nullptr), 1);
+    EXPECT_EQ(1, EVP_Q_digest(nullptr, kNames[values.fptype], nullptr, &bytes[0], bytes.size(), &digest[0], nullptr));
     digest.resize(FingerprintWidth(values.fptype));
     digest.resize(values.dotype == 0 ? 0 : 32);
     return digest;
@@ -47,12 +46,7 @@ TEST(DORecordDigest, IsThatOfTheFormsBody) {
         values.list.clear();
         // Neither containers nor references nor times enter it.
         record->AddTaskID(1);
-        if (values.dotype == 4) {
-            EXPECT_EQ(DigestOf(*record), digest);
-            EXPECT_EQ(DigestOf(*Build(values)), ExpectedDigest(values));
-            continue;
-        }
-        record->SetSegmentDCID(0, 99);
+        values.dotype == 4 ? void() : record->SetSegmentDCID(0, 99);
         EXPECT_EQ(DigestOf(*record), digest);
         for (std::size_t i = 3; values.dotype == 3 && i < 2000; ++i) {
             values.segments.push_back(values.segments[i % 3]);
@@ -61,6 +55,9 @@ TEST(DORecordDigest, IsThatOfTheFormsBody) {
             values.size += values.segments[i].size;
         }
         EXPECT_EQ(DigestOf(*Build(values)), ExpectedDigest(values));
+        if (values.dotype == 4) {
+            continue;
+        }
         // One segment stands for itself, and no segments for nothing.
         values.segments.resize(1);
         values.size = values.segments[0].size;
@@ -172,7 +169,8 @@ TEST(DORecordOutput, RefusesWhatItsBufferDoesNotHold) {
         {4, listed, dump, kInvalidSize},
         {4, longer, dump, kInvalidSize},
         {1, many, compare, kInvalidSize}};
-    for (auto const& [dotype, spoil, use, refusal] : rows) {
+    for (auto const& [dotype, spoil, action, refusal] : rows) {
+        Use const& use = action; // Clang 14 captures no structured binding
         RecordValues values = Example(dotype, 0);
         values.list.clear();
         auto const record = Build<OpenRecord>(values);

@@ -40,7 +40,8 @@ std::vector<Row> Rows() {
     RecordValues const v0 = Full(0, 3), v2 = Full(2, 0), v3 = Full(3, 1), bloom = Full(4, 0);
     SpelledRecord const s3 = Spell(v3), s4 = Spell(bloom);
     std::size_t const end = s3.bytes.size(), list = s3.list, trefs = s3.references;
-    unsigned long const first = v3.list[0].first, ends = v3.segments[0].size, far = ~0ul >> 1, sum = 0x7fffffff;
+    unsigned long const first = v3.list[0].first, ends = v3.segments[0].size, far = ~0ul >> 1, sum = 0x7fffffff,
+                        subDO = v2.size - v2.segments[1].size + ~0u;
     RecordValues reserved = v3, tasks = v3, twice = v3, same = v3;
     reserved.segments[2].dcid = 63;
     tasks.taskIds = {1, 2};
@@ -60,6 +61,8 @@ std::vector<Row> Rows() {
         {CR_FINDING_SEGMENT_PRODUCT, "size", v0, 0x18, 1ul << 40, 3 * v0.ssize, 8},
         {CR_FINDING_SEGMENT_SUM, "size", v2, 0x18, 7, v2.size, 8},
         {CR_FINDING_SEGMENT_SIZE, "segments[1].size", v2, 80 + 20 + 16, ~0u, sum, 4},
+        // A sub-DO's segments may have up to 4 GiB - 1.
+        {CR_FINDING_SEGMENT_SUM, "size", v2, 0x18, v2.size, subDO, 4, 80 + 20 + 16, ~0u, CR_DO_SUB_DO},
         {CR_FINDING_SEGMENT_OFFSET, "segments[2].offset", v3, 80 + 2 * 28 + 20, ~0ul, far, 8},
         {CR_FINDING_SEGMENT_OVERLAP, "segments[1].offset", v3, 80 + 28 + 20, 7, ends, 8},
         {CR_FINDING_SEGMENT_END, "size", v3, 0x18, 7, v3.size, 8},
@@ -131,36 +134,26 @@ TEST(DORecordValidate, GoesOnToTheEndInOrder) {
     EXPECT_EQ(DORecordDiagnose(bytes.data(), bytes.size(), 0, stop, &calls), CR_STATUS_CORRUPT_RECORD);
     EXPECT_EQ(calls, 1u);
     LogCapture log(1);
-    EXPECT_EQ(DORecordHeaderValidate(bytes.data(), static_cast<unsigned int>(bytes.size()), 0), 32);
+    EXPECT_EQ(DORecordHeaderValidate(bytes.data(), 104, 0), 32);
+    EXPECT_EQ(log.Take(), "trace 0: Invalid DO record: type 255, expected 3\n");
     EXPECT_EQ(DORecordHeaderValidate(bytes.data(), 103, 0), 32);
-    EXPECT_EQ(log.Take(), "trace 0: Invalid DO record: type 255, expected 3\n"
-                          "trace 0: Invalid DO record: size 103, expected at least 104\n");
-}
-
-// A sub-DO's segments may have up to 4 GiB - 1.
-TEST(DORecordValidate, SubDOs) {
-    RecordValues values = Example(2, 0);
-    values.size += 0xf0000000;
-    values.segments[1].size += 0xf0000000;
-    Bytes const bytes = Spell(values).bytes;
-    EXPECT_EQ(Diagnosis(bytes, 0)[0].code, CR_FINDING_SEGMENT_SIZE);
-    EXPECT_TRUE(Diagnosis(bytes, CR_DO_SUB_DO).empty());
-    EXPECT_EQ(DORecordView(bytes.data(), bytes.size(), CR_DO_SUB_DO).Segments()[1].size, values.segments[1].size);
+    EXPECT_EQ(log.Take(), "trace 0: Invalid DO record: size 103, expected at least 104\n");
 }
 
 // Every prefix is refused, and so is a change of one bit, or what is left is a record with which everything works.
 TEST(DORecordValidate, WhatPassesWorksInEveryOperation) {
     CRLogSetSink([](auto...) {}, nullptr);
     for (unsigned int shape = 0; shape < 18; ++shape) {
-        unsigned int const options = shape >= 6 ? CR_DO_NETWORK_ORDER : 0;
+        unsigned int const order = shape >= 6 ? CR_DO_NETWORK_ORDER : 0, subDO = shape >= 12 ? CR_DO_SUB_DO : 0;
+        unsigned int const options = order | subDO;
         RecordValues values = Full(static_cast<unsigned char>(shape % 6), shape / 6 == 1 ? 3 : 0);
         if (shape >= 12) {
             values.references.clear();
             values.taskIds = {5, 5};
             values.dsids = {6};
         }
-        SCOPED_TRACE(NameOf(values) + (options ? ", network" : ", host"));
-        Bytes const good = Spell(values, options).bytes;
+        SCOPED_TRACE(NameOf(values) + (order ? ", network" : ", host"));
+        Bytes const good = Spell(values, order).bytes;
         for (std::size_t size = 1; size < good.size(); ++size) {
             Bytes const prefix(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(size));
             EXPECT_EQ(DORecordHeaderValidate(prefix.data(), static_cast<unsigned int>(size), options), 32);
@@ -170,7 +163,7 @@ TEST(DORecordValidate, WhatPassesWorksInEveryOperation) {
             Bytes bytes = good;
             bytes[bit / 8] = static_cast<unsigned char>(bytes[bit / 8] ^ 1 << bit % 8);
             bool const passes = DORecordDiagnose(bytes.data(), bytes.size(), options, nullptr, nullptr) == CR_STATUS_OK;
-            EXPECT_EQ(passes, Refusal([&] { DORecordView(bytes.data(), bytes.size()); }).empty());
+            EXPECT_EQ(passes, Refusal([&] { DORecordView(bytes.data(), bytes.size(), subDO); }).empty());
             if (passes && bit % 8 == bit / 8 % 8) { // of each byte one bit: the others tell no more
                 EXPECT_STREQ(UseEverything(bytes.data(), bytes.size(), options), nullptr) << bit;
             }
