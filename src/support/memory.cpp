@@ -16,10 +16,8 @@ constexpr std::uint64_t kLargeBlock = 2 * kLargePage;
 void* Advised(void* block, std::uint64_t size) noexcept {
     if (block && size >= kLargeBlock) {
         int const error = errno;
-        auto const start = reinterpret_cast<std::uintptr_t>(block);
-        std::uintptr_t const from = (start + kLargePage - 1) & ~(kLargePage - 1);
-        std::uintptr_t const to = (start + size) & ~(kLargePage - 1);
-        madvise(reinterpret_cast<void*>(from), to - from, MADV_HUGEPAGE);
+        std::uintptr_t const skipped = (0 - reinterpret_cast<std::uintptr_t>(block)) & (kLargePage - 1);
+        madvise(static_cast<char*>(block) + skipped, (size - skipped) & ~(kLargePage - 1), MADV_HUGEPAGE);
         errno = error;
     }
     return block;

@@ -9,7 +9,7 @@ namespace crrecord {
 
 namespace {
 
-void TurnDcids(unsigned char* to, unsigned char const* from, std::uint64_t count) noexcept {
+inline void TurnDcids(unsigned char* to, unsigned char const* from, std::uint64_t count) noexcept {
     for (std::uint64_t i = 0; i < count; ++i) {
         Turn<std::uint64_t>(to + i * kDcidSize, from + i * kDcidSize);
     }

@@ -31,7 +31,7 @@ Cr_TRef::Cr_TRef(unsigned int dsid) : reference_(NewOrThrow(CR_REFTYPE_DSID, dsi
 Cr_TRef* Cr_TRef::Factory(_cr_tref_t const* reference) {
     OwnedReference copy(reference ? NewOrThrow(reference->kind, reference->id) : nullptr);
     Cr_TRef* const handle = new Cr_TRef(copy.get());
-    copy.release();
+    static_cast<void>(copy.release());
     return handle;
 }
 
