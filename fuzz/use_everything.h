@@ -60,7 +60,8 @@ inline void UseBytes(Given const& given) {
             Read(DORecordHeaderIndexOfSegment(header, i), 32);
             Read(DORecordHeaderIndexOfSegmentSize(header, i), 4);
             Read(DORecordHeaderIndexOfSegmentOffset(header, i), 8);
-            auto const* const dcid = reinterpret_cast<cr_unaligned_u64*>(DORecordHeaderIndexOfDCID(header, i));
+            cr_unaligned_u64 const* const dcid =
+                reinterpret_cast<cr_unaligned_u64 const*>(DORecordHeaderIndexOfDCID(header, i));
             Must(*dcid == segment.dcid, "DCIDs of the view");
             ++i;
         }

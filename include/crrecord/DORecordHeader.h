@@ -71,7 +71,7 @@ struct __attribute__((packed, may_alias)) DORecordHeader {
 };
 static_assert(sizeof(DORecordHeader) == CR_DO_HEADER_SIZE && alignof(DORecordHeader) == 1);
 
-// A 64-bit integer in a record: no alignment.
+// A 64-bit integer in a record: no alignment. Name the type where you keep a pointer to one: auto loses it.
 typedef unsigned long cr_unaligned_u64 __attribute__((aligned(1), may_alias));
 
 // --- Sizes: bytes of a whole record with such counts --------------------------------------------------------------
