@@ -47,9 +47,11 @@ TEST(TRef, HasTwoFormsThatReadBackAndAnOrder) {
         EXPECT_TRUE(CRTRefGetType(value) == row.kind && CRTRefGetID(value) == row.id &&
                     CRTRefGetTaskID(value) == row.id);
         for (int const form : {CR_TREF_TEXT, CR_TREF_SERIALIZED}) {
-            Bytes bytes = form == CR_TREF_TEXT ? Bytes(text.begin(), text.end()) : FromHex(row.serialized);
-            Bytes const whole = bytes;
-            bytes.resize(whole.size() + (form == CR_TREF_TEXT)); // a NUL
+            Bytes const whole = form == CR_TREF_TEXT ? Bytes(text.begin(), text.end()) : FromHex(row.serialized);
+            Bytes bytes = whole;
+            if (form == CR_TREF_TEXT) {
+                bytes.push_back('\0');
+            }
             EXPECT_EQ(CRTRefSerializedSize(value, form), bytes.size());
             for (std::size_t room = 0; room <= bytes.size(); ++room) {
                 bool const fits = room == bytes.size();
