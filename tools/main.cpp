@@ -1,6 +1,6 @@
 // The crrecord command.
 
-#include "verbs.h"
+#include "verbs/verbs.h"
 
 #include <crrecord/status.h>
 

@@ -1,4 +1,4 @@
-#include "verbs.h"
+#include "verbs/verbs.h"
 
 #include <crrecord/DORecordHeader.h>
 #include <crrecord/fingerprint.h>

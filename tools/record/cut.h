@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "input.h"
+#include "io/input.h"
 
 #include <crrecord/container.h>
 #include <crrecord/fingerprint.h>

@@ -1,8 +1,8 @@
-#include "record_stream.h"
+#include "io/record_stream.h"
 
-#include "do_record.h"
-#include "failure.h"
-#include "segment_record.h"
+#include "io/failure.h"
+#include "record/do_record.h"
+#include "record/segment_record.h"
 
 #include <algorithm>
 #include <array>

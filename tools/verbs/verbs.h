@@ -2,9 +2,9 @@
 
 #pragma once
 
-#include "failure.h"
-#include "output.h"
-#include "record_stream.h"
+#include "io/failure.h"
+#include "io/output.h"
+#include "io/record_stream.h"
 
 #include <algorithm>
 #include <functional>

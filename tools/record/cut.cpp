@@ -1,7 +1,7 @@
-#include "cut.h"
+#include "record/cut.h"
 
-#include "failure.h"
-#include "progress.h"
+#include "io/failure.h"
+#include "io/progress.h"
 
 #include <crrecord/status.h>
 

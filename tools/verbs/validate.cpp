@@ -1,7 +1,7 @@
 // crrecord validate: what is wrong, and what is odd, with each record.
 
-#include "findings.h"
-#include "verbs.h"
+#include "record/findings.h"
+#include "verbs/verbs.h"
 
 #include <crrecord/finding.h>
 

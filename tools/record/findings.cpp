@@ -1,4 +1,4 @@
-#include "findings.h"
+#include "record/findings.h"
 
 #include <crrecord/DORecordHeader.h>
 #include <crrecord/SOmarshall.h>

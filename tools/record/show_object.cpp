@@ -1,7 +1,7 @@
-#include "show_object.h"
+#include "record/show_object.h"
 
-#include "do_record.h"
-#include "failure.h"
+#include "io/failure.h"
+#include "record/do_record.h"
 
 #include <charconv>
 #include <ctime>

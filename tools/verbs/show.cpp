@@ -1,10 +1,10 @@
 // crrecord show: what the records say.
 
-#include "do_record.h"
-#include "findings.h"
-#include "segment_record.h"
-#include "show_object.h"
-#include "verbs.h"
+#include "record/do_record.h"
+#include "record/findings.h"
+#include "record/segment_record.h"
+#include "record/show_object.h"
+#include "verbs/verbs.h"
 
 #include <ostream>
 #include <streambuf>

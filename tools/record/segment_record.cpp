@@ -1,4 +1,4 @@
-#include "segment_record.h"
+#include "record/segment_record.h"
 
 #include "SOmarshall/layout.h"
 #include "support/hex.h"

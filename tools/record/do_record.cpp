@@ -1,7 +1,7 @@
-#include "do_record.h"
+#include "record/do_record.h"
 
-#include "failure.h"
-#include "findings.h"
+#include "io/failure.h"
+#include "record/findings.h"
 
 #include "support/record_layout.h"
 

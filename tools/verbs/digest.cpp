@@ -1,8 +1,8 @@
 // crrecord digest: one fingerprint for a whole object.
 
-#include "do_record.h"
-#include "findings.h"
-#include "verbs.h"
+#include "record/do_record.h"
+#include "record/findings.h"
+#include "verbs/verbs.h"
 
 namespace crrecord::tool {
 

@@ -1,9 +1,9 @@
 // crrecord convert: the same records in the other byte order, or as exchange forms, and back.
 
-#include "do_record.h"
-#include "findings.h"
-#include "segment_record.h"
-#include "verbs.h"
+#include "record/do_record.h"
+#include "record/findings.h"
+#include "record/segment_record.h"
+#include "verbs/verbs.h"
 
 namespace crrecord::tool {
 

@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "input.h"
+#include "io/input.h"
 #include "support/byteorder.h"
 
 #include <cstdlib>

@@ -1,6 +1,6 @@
-#include "input.h"
+#include "io/input.h"
 
-#include "failure.h"
+#include "io/failure.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "failure.h"
+#include "io/failure.h"
 
 #include <algorithm>
 

@@ -1,9 +1,9 @@
 // crrecord build: the DO record of a real file.
 
-#include "cut.h"
-#include "do_record.h"
-#include "findings.h"
-#include "verbs.h"
+#include "record/cut.h"
+#include "record/do_record.h"
+#include "record/findings.h"
+#include "verbs/verbs.h"
 
 #include "support/record_layout.h"
 

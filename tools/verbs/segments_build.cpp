@@ -1,8 +1,8 @@
 // crrecord segments build: the segment records of a real file.
 
-#include "cut.h"
-#include "findings.h"
-#include "verbs.h"
+#include "record/cut.h"
+#include "record/findings.h"
+#include "verbs/verbs.h"
 
 #include "SOmarshall/layout.h"
 

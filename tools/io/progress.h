@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "failure.h"
+#include "io/failure.h"
 
 #include <chrono>
 #include <cstdint>

@@ -2,8 +2,8 @@
 
 #pragma once
 
-#include "output.h"
-#include "record_stream.h"
+#include "io/output.h"
+#include "io/record_stream.h"
 
 #include <crrecord/DORecordView.h>
 

@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "record_stream.h"
+#include "io/record_stream.h"
 
 #include <string>
 #include <vector>

@@ -1,9 +1,9 @@
 // crrecord verify: the data of a file against its DO record.
 
-#include "do_record.h"
-#include "findings.h"
-#include "progress.h"
-#include "verbs.h"
+#include "io/progress.h"
+#include "record/do_record.h"
+#include "record/findings.h"
+#include "verbs/verbs.h"
 
 namespace crrecord::tool {
 
