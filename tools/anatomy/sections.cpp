@@ -1,0 +1,234 @@
+#include "anatomy/sections.h"
+
+#include "SOmarshall/layout.h"
+#include "support/exchange_form.h"
+
+#include <algorithm>
+
+namespace crrecord::tool {
+
+namespace {
+
+// Takes sections from the front of a record's bytes for as long as there are any.
+class Cutter {
+public:
+    explicit Cutter(std::uint64_t there) : left_(there) {}
+
+    // `wanted` bytes, as many of them as are there.
+    Section& Take(std::string_view name, std::uint64_t wanted, std::vector<Field> fields) {
+        std::uint64_t const size = std::min(wanted, left_);
+        sections_.push_back({name, at_, size, wanted - size, std::move(fields)});
+        at_ += size;
+        left_ -= size;
+        return sections_.back();
+    }
+    void TakeElements(std::string_view name, std::uint64_t wanted, std::string_view elements,
+                      std::vector<Field> element) {
+        if (wanted != 0) {
+            Section& section = Take(name, wanted, {});
+            section.elements = elements;
+            section.element = std::move(element);
+        }
+    }
+    // One field.
+    void TakeField(std::string_view name, std::uint64_t wanted, std::string_view field, Format format) {
+        if (wanted != 0) {
+            Take(name, wanted, {{field, wanted, format}});
+        }
+    }
+
+    // What no count asks for is a section too.
+    std::vector<Section> End() {
+        TakeField(kBeyondSection, left_, "bytes", Format::Opaque);
+        return std::move(sections_);
+    }
+
+private:
+    std::vector<Section> sections_;
+    std::uint64_t at_ = 0;
+    std::uint64_t left_;
+};
+
+constexpr char kEntries[] = "entries";
+constexpr char kDcids[] = "DCIDs";
+constexpr char kSegments[] = "segments";
+constexpr char kTaskIds[] = "task ids";
+constexpr char kZeros[] = "zeros";
+
+// Every byte of the header: offsets follow from the widths.
+std::vector<Field> const& HeaderFields() {
+    constexpr bool kKept = false;
+    static std::vector<Field> const fields{
+        {"type", 2, Format::RecordType},   {"flags", 2, Format::Hexadecimal},
+        {"recsize", 4, Format::Number},    {"reserved", 4, Format::Zeros, kKept},
+        {"checktime", 4, Format::Time},    {"CID", 8, Format::Container},
+        {"size", 8, Format::Number},       {"ssize", 8, Format::Number},
+        {"CRC", 4, Format::Hexadecimal},   {"ctime", 4, Format::Time},
+        {"mtime", 4, Format::Time},        {"ntaskid", 4, Format::Number, kKept},
+        {"nfp", 4, Format::Number},        {"nudcid", 4, Format::Number},
+        {"nds", 4, Format::Number, kKept}, {"trefssize", 4, Format::Number},
+        {"bsize", 4, Format::Number},      {"fptype", 1, Format::FingerprintType},
+        {"dotype", 1, Format::DOType},     {"reserved2", 2, Format::Zeros, kKept},
+    };
+    return fields;
+}
+
+// Size and offset of a segment behind its fingerprint, where the DO type has them.
+std::vector<Field> EntryFields(Field fingerprint, unsigned int dotype) {
+    std::vector<Field> fields{fingerprint};
+    if (unsigned int const width = SegmentSizeWidth(dotype)) {
+        fields.push_back({"size", width, Format::Number});
+    }
+    if (unsigned int const width = SegmentOffsetWidth(dotype)) {
+        fields.push_back({"offset", width, Format::Number});
+    }
+    return fields;
+}
+
+// In a record only the count turns, in an exchange form everything.
+void TakeUniqueList(Cutter& cutter, std::uint32_t nudcid, bool turns) {
+    if (nudcid != 0) {
+        Section& list = cutter.Take("unique list", UniqueListSize(nudcid),
+                                    {{"unique.checksum", kUniqueCountOffset, Format::Hexadecimal, turns},
+                                     {"unique.count", kUniqueHeadSize - kUniqueCountOffset, Format::Number}});
+        list.elements = "unique.entries";
+        list.element = {{"dcid", kDcidSize, Format::Container, turns},
+                        {"bytes", kUniqueEntrySize - kDcidSize, Format::Number, turns}};
+    }
+}
+
+std::vector<Section> SectionsOfObject(Record const& record) {
+    Cutter cutter(record.size);
+    cutter.Take(kHeaderSection, CR_DO_HEADER_SIZE, HeaderFields());
+    if (record.size < CR_DO_HEADER_SIZE) {
+        return cutter.End();
+    }
+    RecordCounts const counts = CountsOf(reinterpret_cast<DORecordHeader const*>(record.bytes), record.order);
+    RecordLayout const layout(counts);
+    if (counts.dotype == CR_DO_TYPE_BLOOM_FILTER) {
+        cutter.Take("bloom area", layout.udcids - layout.entries,
+                    {{"bloom.length", kBloomLengthSize, Format::Number},
+                     {"bloom.bitmap", counts.bsize, Format::Opaque},
+                     {"bloom.end", kBloomEndSize, Format::Zeros}});
+    } else {
+        cutter.TakeElements(kEntries, layout.dcids - layout.entries, kSegments,
+                            EntryFields({"fingerprint", layout.fingerprint, Format::Digits}, counts.dotype));
+        cutter.TakeElements(kDcids, layout.udcids - layout.dcids, kSegments,
+                            {{"dcid", kDcidSize, Format::Container, false}});
+    }
+    TakeUniqueList(cutter, counts.nudcid, false);
+    cutter.TakeElements(kTaskIds, layout.dsids - layout.taskIds, "taskids",
+                        {{"", kLegacyTaskIdSize, Format::TaskId, false}});
+    cutter.TakeElements("DSIDs", layout.trefs - layout.dsids, "dsids", {{"", kLegacyDsidSize, Format::Dsid, false}});
+    cutter.TakeField("references", layout.tail - layout.trefs, "references", Format::References);
+    cutter.TakeField(kZeros, layout.total - layout.tail, "tail", Format::Zeros);
+    return cutter.End();
+}
+
+Format FormatOf(segment::Field const& field) {
+    static constexpr std::pair<std::string_view, Format> kFormats[] = {
+        {"type", Format::RecordType}, {"flags", Format::Hexadecimal},      {"checktime", Format::Time},
+        {"CRC", Format::Hexadecimal}, {"fptype", Format::FingerprintType}, {"key", Format::Digits},
+        {"reserved", Format::Zeros},
+    };
+    auto const* const found = std::find_if(std::begin(kFormats), std::end(kFormats),
+                                           [&](auto const& row) { return row.first == field.name; });
+    return found == std::end(kFormats) ? Format::Number : found->second;
+}
+
+std::vector<Field> const& SegmentFields() {
+    static std::vector<Field> const fields = [] {
+        std::vector<Field> made;
+        for (segment::Field const& field : segment::kFields) {
+            bool const kept = field.handling == segment::Handling::Kept || field.handling == segment::Handling::Left;
+            made.push_back({field.name, field.width, FormatOf(field), !kept});
+        }
+        return made;
+    }();
+    return fields;
+}
+
+std::vector<Section> SectionsOfSegment(Record const& record) {
+    using segment::FieldOf;
+    Cutter cutter(record.size);
+    Section& header = cutter.Take(kHeaderSection, CR_SO_FIXED_SIZE, SegmentFields());
+    if (record.size < CR_SO_FIXED_SIZE) {
+        return cutter.End();
+    }
+    auto const count = [&](segment::Field which) {
+        return Load<std::uint32_t>(record.bytes + which.offset, record.order);
+    };
+    if (RecordInContainer(Load<std::uint64_t>(record.bytes + FieldOf("fileid").offset, record.order))) {
+        std::find_if(header.fields.begin(), header.fields.end(), [](Field const& field) {
+            return field.name == "pathid";
+        })->format = Format::Container;
+    }
+    std::uint64_t const width = CRFPDigestSize(record.bytes[FieldOf("fptype").offset]);
+    cutter.TakeElements(kTaskIds, std::uint64_t{segment::kTaskIdSize} * count(FieldOf("ntaskids")), "taskids",
+                        {{"", segment::kTaskIdSize, Format::TaskId}});
+    cutter.TakeElements("fingerprints", width * count(FieldOf("nfp")), "fingerprints", {{"", width, Format::Digits}});
+    cutter.TakeField("spare slot", segment::kSpareSize, "spare", Format::Zeros);
+    return cutter.End();
+}
+
+std::vector<Field> const& FormHeadFields() {
+    static std::vector<Field> const fields{{"size", 8, Format::Number},
+                                           {"ssize", 8, Format::Number},
+                                           {"checksum", 4, Format::Hexadecimal},
+                                           {"nfp", 4, Format::Number},
+                                           {"zero", 4, Format::Zeros}};
+    return fields;
+}
+
+// Whether there is a list, and so a count of its entries, shows in the form's length alone.
+std::uint32_t ListCountOf(exchange::Form const& form, std::uint32_t bsize) {
+    std::uint64_t const least = exchange::BloomFormSize(bsize, 1);
+    return form.size < least ? 0 : form.Word(exchange::kBitmapOffset + std::uint64_t{bsize} + kUniqueCountOffset);
+}
+
+void TakeBloomBody(Cutter& cutter, exchange::Form const& form) {
+    std::uint32_t const bsize = form.size < exchange::kBitmapOffset ? 0 : form.Word(exchange::kHeadSize);
+    std::uint32_t const nudcid = ListCountOf(form, bsize);
+    std::uint64_t const listEnd = exchange::kBitmapOffset + std::uint64_t{bsize} + UniqueListSize(nudcid);
+    cutter.Take("bloom area", kBloomLengthSize + std::uint64_t{bsize},
+                {{"bsize", kBloomLengthSize, Format::Number}, {"bitmap", bsize, Format::Opaque}});
+    TakeUniqueList(cutter, nudcid, true);
+    cutter.TakeField(kZeros, exchange::BloomFormSize(bsize, nudcid) - listEnd, "end", Format::Zeros);
+}
+
+std::vector<Section> SectionsOfForm(Record const& record) {
+    exchange::Form const form{record.bytes, record.size, {}};
+    Cutter cutter(record.size);
+    cutter.Take(kHeaderSection, exchange::kHeadSize, FormHeadFields());
+    if (record.size < exchange::kHeadSize) {
+        return cutter.End();
+    }
+    unsigned int const dotype = record.form.dotype;
+    unsigned int const fptype = record.form.fptype;
+    if (dotype == CR_DO_TYPE_BLOOM_FILTER) {
+        TakeBloomBody(cutter, form);
+        return cutter.End();
+    }
+    std::uint64_t const nfp = form.Word(exchange::kCountOffset);
+    cutter.TakeElements(kEntries, SegmentFormSize(fptype, dotype) * nfp, kSegments,
+                        EntryFields({"fingerprint", CRFPTextSize(fptype), Format::Text}, dotype));
+    cutter.TakeField("separator", exchange::kSeparatorSize, "separator", Format::Zeros);
+    cutter.TakeElements(kDcids, kDcidSize * nfp, kSegments, {{"dcid", kDcidSize, Format::Container}});
+    return cutter.End();
+}
+
+} // namespace
+
+std::vector<Section> Sections(Record const& record) {
+    switch (record.kind) {
+    case Kind::DataObject: return SectionsOfObject(record);
+    case Kind::Segment: return SectionsOfSegment(record);
+    case Kind::Form: return SectionsOfForm(record);
+    default: break;
+    }
+    Cutter cutter(record.size);
+    cutter.TakeField(kUnknownSection, record.size, "bytes", Format::Opaque);
+    return cutter.End();
+}
+
+} // namespace crrecord::tool
