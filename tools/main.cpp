@@ -62,6 +62,7 @@ ExitCode Run(int argc, char** argv) {
     AddConvert(app, chosen);
     AddDigest(app, chosen);
     AddVerify(app, chosen);
+    AddRedact(app, chosen);
     AddSegments(app, chosen);
     try {
         app.parse(argc, argv);
