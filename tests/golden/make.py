@@ -1,15 +1,13 @@
 #!/usr/bin/python3
 """Writes the golden records, from docs/format.md alone: nothing of this project's code takes part.
 
-    make.py [FOLDER]        the script's own folder unless told
-
 A field is NAME:CODE with struct's codes; "=" behind it marks what a conversion between the byte orders does not turn.
 """
 import hashlib
+import itertools
 import json
 import pathlib
 import struct
-import sys
 import zlib
 
 HOST, NETWORK = "<", ">"
@@ -19,127 +17,116 @@ DO_HEADER = ("type:H flags:H recsize:I reserved:I= checktime:I CID:Q size:Q ssiz
              "nudcid:I nds:I= trefssize:I bsize:I fptype:B= dotype:B= reserved2:2s=")
 KINDS = {2: "task", 4: "dsid", 6: "ref6", 10: "ref10"}
 TIME = 0x65920080
-KEY = bytes(range(1, 34))
 
 
 def fingerprint(fptype, data):
-    if fptype < 2:
-        return (hashlib.md5 if fptype == 0 else hashlib.sha1)(data).digest()[:16]
-    return hashlib.sha256(data).digest()[:16 if fptype == 2 else 32]
+    digest = (hashlib.md5, hashlib.sha1, hashlib.sha256, hashlib.sha256)[fptype](data).digest()
+    return digest[:32 if fptype == 3 else 16]
 
 
-def packed(fields, values, order):
-    return b"".join(struct.pack((HOST if code.endswith("=") else order) + code.rstrip("="), values[name])
-                    for name, code in (field.split(":") for field in fields.split()))
+def fields_of(text):
+    return [field.split(":") for field in text.split()]
 
 
-def header_json(fields, values):
-    for name, code in (field.split(":") for field in fields.split()):
-        if code == "2s=":
-            yield name, list(values[name])
-        elif code != "33s=":
-            yield name, str(values[name]) if code == "Q" else values[name]
+def packed(text, values, order):
+    return b"".join(struct.pack((HOST if code.endswith("=") else order) + code[:-1 if code.endswith("=") else None],
+                                values[name]) for name, code in fields_of(text))
 
 
-def line(kind, *parts):
-    start = {"schema": 1, "kind": kind, "order": "host"}
-    return (json.dumps(dict(start, **dict(sum(map(list, parts), []))), separators=(",", ":")) + "\n").encode()
+def json_line(kind, text, values, arrays):
+    members = {"schema": 1, "kind": kind, "order": "host"}
+    for name, code in fields_of(text):
+        if not code.startswith("33s"):
+            members[name] = str(values[name]) if code == "Q" else list(values[name]) if "s" in code else values[name]
+    return (json.dumps({**members, **arrays}, separators=(",", ":")) + "\n").encode()
 
 
-def segment(fptype=0, taskids=(), fingerprints=1, spare=0, **changes):
-    """Name's ending -> bytes."""
-    prints = [fingerprint(fptype, b"%d" % i * 80) for i in range(fingerprints)]
-    values = dict(type=2, flags=0, word8=0, ntaskids=len(taskids), checktime=TIME, word20=0, pathid=64, fileid=0, size=80,
-                  CRC=zlib.crc32(b"0" * 80), nfp=len(prints), key=KEY, fptype=fptype, cryptomode=1, reserved=0,
-                  keyindex=0x0107, word94=0)
+def segment(fptype=0, taskids=(), count=1, spare=0, **changes):
+    """The files of a record with `count` fingerprints: ending -> bytes."""
+    prints = [fingerprint(fptype, b"%d" % i * 80) for i in range(count)]
+    end = b"".join(prints) + struct.pack("<Q", spare)
+    values = dict(type=2, flags=0, recsize=96 + 8 * len(taskids) + len(end), word8=0, ntaskids=len(taskids),
+                  checktime=TIME, word20=0, pathid=64, fileid=0, size=80, CRC=zlib.crc32(b"0" * 80), nfp=count,
+                  key=bytes(range(1, 34)), fptype=fptype, cryptomode=1, reserved=0, keyindex=0x0107, word94=0)
     values.update(changes)
-    arrays = b"".join(prints) + struct.pack("<Q", spare)
-    values["recsize"] = 96 + 8 * len(taskids) + len(arrays)
-    files = {ending: packed(SEGMENT_HEADER, values, order) + struct.pack(f"{order}{len(taskids)}Q", *taskids) + arrays
-             for ending, order in (("host", HOST), ("network", NETWORK))}
-    text = b"".join(p.hex().encode() + b"\0" for p in prints)
-    files["form"] = packed("size:Q pathid:Q fileid:Q CRC:I nfp:I", values, NETWORK) + text + b"\0"
-    files["json"] = line("segment", header_json(SEGMENT_HEADER, values),
-                         [("key", values["key"].hex()), ("taskids", [str(t) for t in taskids]),
-                          ("fingerprints", [p.hex() for p in prints]), ("spare", str(spare))])
-    return files
+    texts = b"".join(p.hex().encode() + b"\0" for p in prints)
+    return {
+        "host": packed(SEGMENT_HEADER, values, HOST) + struct.pack(f"<{len(taskids)}Q", *taskids) + end,
+        "network": packed(SEGMENT_HEADER, values, NETWORK) + struct.pack(f">{len(taskids)}Q", *taskids) + end,
+        "form": packed("size:Q pathid:Q fileid:Q CRC:I nfp:I", values, NETWORK) + texts + b"\0",
+        "json": json_line("segment", SEGMENT_HEADER, values,
+                          {"key": values["key"].hex(), "taskids": [str(t) for t in taskids],
+                           "fingerprints": [p.hex() for p in prints], "spare": str(spare)}),
+    }
 
 
-def do_record(dotype, fptype, pieces=(), listed=None, references=(), bitmap=b"", legacy=((), ()), summed=HOST,
-              length=None, zeros=bytes(16), tail=None, hole=0, **changes):
-    """`pieces` are (size, container, gap in front), `listed` the list of containers: (container, bytes)."""
-    prints = [fingerprint(fptype, bytes([0x41 + i]) * min(size, 99)) for i, (size, _, _) in enumerate(pieces)]
-    listed = listed or []
+def do_record(dotype, fptype, pieces=(), listed=(), references=(), bitmap=b"", legacy=((), ()), summed=HOST, length=None,
+              zeros=bytes(16), tail=None, hole=0, **changes):
+    """The files of a record: `pieces` are (size, container, gap in front), `listed` the list's (container, bytes)."""
+    count, tail = len(pieces), tail or bytes(4 if dotype == 4 else 24)
+    length = len(bitmap) if length is None else length
+    prints = [fingerprint(fptype, bytes([0x41 + i]) * min(piece[0], 99)) for i, piece in enumerate(pieces)]
+    ends = list(itertools.accumulate(size + gap for size, _, gap in pieces))
+    offsets = [end - size for end, (size, _, _) in zip(ends, pieces)]
+    stored = {2: "I", 3: "IQ", 5: "II"}.get(dotype, "")
     typed = b"".join(struct.pack(">BBI" if kind == 4 else ">BBQ", kind, 4 if kind == 4 else 8, number)
                      for kind, number in references)
-    canonical_tail = bytes(4 if dotype == 4 else 24)
-    tail = canonical_tail if tail is None else tail
-    length = len(bitmap) if length is None else length
-    values = dict(type=3, flags=2, reserved=0, checktime=TIME + 7, CID=64, size=sum(p[0] + p[2] for p in pieces) + hole,
-                  ssize=0x20000, CRC=0x7CA94A72, ctime=TIME, mtime=TIME + 1, ntaskid=len(legacy[0]), nfp=len(pieces),
+    values = dict(type=3, flags=2, reserved=0, checktime=TIME + 7, CID=64, size=sum(s + g for s, _, g in pieces) + hole,
+                  ssize=0x20000, CRC=0x7CA94A72, ctime=TIME, mtime=TIME + 1, ntaskid=len(legacy[0]), nfp=count,
                   nudcid=len(listed), nds=len(legacy[1]), trefssize=len(typed), bsize=len(bitmap), fptype=fptype,
-                  dotype=dotype, reserved2=b"\0\0")
+                  dotype=dotype, reserved2=bytes(2))
     values.update(changes)
-    end, offsets = 0, []
-    for size, _, gap in pieces:
-        offsets.append(end + gap)
-        end += gap + size
 
     def numbers(i, order):
-        stored = {2: "I", 3: "IQ", 5: "II"}.get(dotype, "")
         return struct.pack(order + stored, *(pieces[i][0], offsets[i])[:len(stored)])
 
-    body = {}
-    sums = {}
-    entries = b"".join(struct.pack("<QQ", *entry) for entry in listed)
-    for order in (HOST, NETWORK):
-        sums[order] = zlib.adler32(struct.pack(order + "I", len(listed)) + entries)
-    for order in (HOST, NETWORK):
-        first = b"".join(prints[i] + numbers(i, order) for i in range(len(pieces)))
-        first += b"".join(struct.pack("<Q", dcid) for _, dcid, _ in pieces)
+    def listing(order, entry_order):
+        return struct.pack(order + "I", len(listed)) + b"".join(struct.pack(entry_order + "QQ", *e) for e in listed)
+
+    def sections(order):
+        head = b"".join(prints[i] + numbers(i, order) for i in range(count))
+        head += struct.pack(f"<{count}Q", *(dcid for _, dcid, _ in pieces))
         if dotype == 4:
-            first = struct.pack(order + "I", length) + bitmap + zeros
+            head = struct.pack(order + "I", length) + bitmap + zeros
         if listed:
-            first += struct.pack("<I", sums[summed]) + struct.pack(order + "I", len(listed)) + entries
-        first += struct.pack(f"<{len(legacy[0])}Q{len(legacy[1])}I", *legacy[0], *legacy[1])
-        body[order] = first + typed + tail
-    values["recsize"] = 80 + len(body[HOST])
-    files = {ending: packed(DO_HEADER, values, order) + body[order]
-             for ending, order in (("host", HOST), ("network", NETWORK))}
+            head += struct.pack("<I", checksum) + listing(order, HOST)
+        return head + struct.pack(f"<{len(legacy[0])}Q{len(legacy[1])}I", *legacy[0], *legacy[1]) + typed + tail
 
-    if dotype == 4:
-        form = struct.pack(">I", len(bitmap)) + bitmap
-        if listed:
-            inner = struct.pack(">I", len(listed)) + b"".join(struct.pack(">QQ", *entry) for entry in listed)
-            form += struct.pack(">I", zlib.adler32(inner[:4 + 8 * len(listed)])) + inner
-        form += bytes(16 if listed else 24)
-    else:
-        form = b"".join(prints[i].hex().encode() + b"\0" + numbers(i, NETWORK) for i in range(len(pieces))) + b"\0"
-        form += b"".join(struct.pack(">Q", dcid) for _, dcid, _ in pieces)
-    sent = dict(values, CRC=zlib.adler32(form)) if dotype == 4 else values
-    files["form"] = packed("size:Q ssize:Q CRC:I nfp:I", sent, NETWORK) + bytes(4) + form
+    def form():
+        if dotype != 4:
+            body = b"".join(prints[i].hex().encode() + b"\0" + numbers(i, NETWORK) for i in range(count)) + b"\0"
+            return values["CRC"], body + struct.pack(f">{count}Q", *(dcid for _, dcid, _ in pieces))
+        sent = listing(NETWORK, NETWORK)
+        sent = struct.pack(">I", zlib.adler32(sent[:4 + 8 * len(listed)])) + sent + bytes(16) if listed else bytes(24)
+        body = struct.pack(">I", len(bitmap)) + bitmap + sent
+        return zlib.adler32(body), body
 
-    segments = [{"index": i, "fingerprint": prints[i].hex(), "size": size,
-                 **({"offset": str(offsets[i])} if dotype in (3, 5) else {}), "dcid": str(dcid)}
-                for i, (size, dcid, _) in enumerate(pieces)]
-    files["json"] = line("do", header_json(DO_HEADER, values), [("bitmap", bitmap.hex())] if dotype == 4 else [], [
-        ("containers", [{"dcid": str(dcid), "bytes": str(size)} for dcid, size in listed]),
-        ("references", [f"{KINDS[kind]}:{number}" for kind, number in references]),
-        ("legacy_references", [f"task:{t}" for t in legacy[0]] + [f"dsid:{d}" for d in legacy[1]]),
-        ("segments", segments)] + [extra for extra, odd in (
-            (("list_checksum", sums[summed]), listed and sums[summed] != sums[HOST]),
-            (("bloom_length", length), length != len(bitmap)),
-            (("bloom_zeros", zeros.hex()), any(zeros)),
-            (("tail", tail.hex()), any(tail))) if odd])
-    return files
+    checksum = zlib.adler32(listing(summed, HOST))
+    values["recsize"] = 80 + len(sections(HOST))
+    arrays = {"bitmap": bitmap.hex()} if dotype == 4 else {}
+    arrays["containers"] = [{"dcid": str(dcid), "bytes": str(size)} for dcid, size in listed]
+    arrays["references"] = [f"{KINDS[kind]}:{number}" for kind, number in references]
+    arrays["legacy_references"] = [f"task:{t}" for t in legacy[0]] + [f"dsid:{d}" for d in legacy[1]]
+    arrays["segments"] = [{"index": i, "fingerprint": prints[i].hex(), "size": size,
+                           **({"offset": str(offsets[i])} if dotype in (3, 5) else {}), "dcid": str(dcid)}
+                          for i, (size, dcid, _) in enumerate(pieces)]
+    odd = {"list_checksum": (checksum, summed != HOST), "bloom_length": (length, length != len(bitmap)),
+           "bloom_zeros": (zeros.hex(), any(zeros)), "tail": (tail.hex(), any(tail))}
+    arrays.update({name: value for name, (value, is_odd) in odd.items() if is_odd})
+    crc, body = form()
+    return {
+        "host": packed(DO_HEADER, values, HOST) + sections(HOST),
+        "network": packed(DO_HEADER, values, NETWORK) + sections(NETWORK),
+        "form": packed("size:Q ssize:Q CRC:I nfp:I", {**values, "CRC": crc}, NETWORK) + bytes(4) + body,
+        "json": json_line("do", DO_HEADER, values, arrays),
+    }
 
 
 TASK, DSID, REF6 = (2, 17), (4, 0xFFFFFFFE), (6, 0xFEDCBA9876543210)
 EVEN = [(100, 64, 0), (100, 65, 0), (60, 64, 0)]   # of DO types 0 and 1, with an ssize of 100
-THREE = [(80, 64, 0), (90, 70, 0), (7, 64, 0)]
+THREE, LIST = [(80, 64, 0), (90, 70, 0), (7, 64, 0)], [(64, 87), (70, 90)]
 GAPS = [(80, 64, 16), (90, 66, 0), (1, 65, 4096)]
 FAR = [(0x7FFFFFFF, 1 << 63, 0x0102030405060708), (3, (1 << 53) + 1, 5)]
-REVERSED = [(70, 90), (64, 87)]
 
 # Name -> its files. What a noted record is noted for comes behind "noted-", up to a dot.
 OBJECTS = {
@@ -148,22 +135,22 @@ OBJECTS = {
     "do0-sha256": do_record(0, 3, EVEN[:1], ssize=100, flags=0),
     "do1-sha1": do_record(1, 1, EVEN, references=[(2, 1), TASK, DSID, REF6, (10, 1)], ssize=100),
     "do1-sha256": do_record(1, 3, EVEN, [(64, 160), (65, 100)], [DSID], ssize=100),
-    "do2-sha256-128": do_record(2, 2, THREE, [(64, 87), (70, 90)], [TASK, DSID], flags=4),
+    "do2-sha256-128": do_record(2, 2, THREE, LIST, [TASK, DSID], flags=4),
     "do2-sha256": do_record(2, 3, THREE, references=[REF6], flags=6),
     "do3-md5-gaps": do_record(3, 0, GAPS, [(64, 80), (65, 1), (66, 90)], [TASK, REF6], hole=1000),
     "do3-sha1-far": do_record(3, 1, FAR, [((1 << 53) + 1, 3), (1 << 63, 0x7FFFFFFF)], CID=(1 << 63) + 1, CRC=0xFFFFFFFF),
     "do3-sha256": do_record(3, 3, THREE, references=[TASK]),
     "do4-empty": do_record(4, 0, size=0),
-    "do4-md5": do_record(4, 0, listed=[(64, 87), (70, 90)], bitmap=bytes(range(1, 9)), references=[TASK], size=177),
+    "do4-md5": do_record(4, 0, listed=LIST, bitmap=bytes(range(1, 9)), references=[TASK], size=177),
     "do4-sha1-list": do_record(4, 1, listed=[(64, 177)], size=177),
     "do4-sha256": do_record(4, 3, bitmap=b"\xff\x00\x80", references=[DSID, REF6], size=177),
-    "do5-sha256-128": do_record(5, 2, THREE, [(64, 87), (70, 90)], [TASK, DSID, REF6]),
+    "do5-sha256-128": do_record(5, 2, THREE, LIST, [TASK, DSID, REF6]),
     "do5-sha256": do_record(5, 3, THREE[:2]),
     "noted-do-bloom-length": do_record(4, 0, bitmap=b"bloom", length=0x05000000, size=177),
     "noted-do-dcid": do_record(2, 0, [(80, 5, 0), (7, 64, 0)]),
-    "noted-do-legacy": do_record(3, 0, THREE, [(64, 87), (70, 90)], legacy=((1, 1 << 40), (5, 6, 7))),
-    "noted-do-list-order": do_record(2, 0, THREE, [(64, 87), (70, 90)], summed=NETWORK),
-    "noted-do-list-unsorted": do_record(2, 3, THREE, REVERSED, [TASK]),
+    "noted-do-legacy": do_record(3, 0, THREE, LIST, legacy=((1, 1 << 40), (5, 6, 7))),
+    "noted-do-list-order": do_record(2, 0, THREE, LIST, summed=NETWORK),
+    "noted-do-list-unsorted": do_record(2, 3, THREE, [(70, 90), (64, 87)], [TASK]),
     "noted-do-reference-order": do_record(5, 0, THREE, references=[REF6, TASK, TASK, DSID]),
     "noted-do-non-zero": do_record(3, 0, THREE[:1], reserved=0x01020304, reserved2=b"\5\6", tail=bytes(range(7, 31))),
     "noted-do-non-zero.bloom": do_record(4, 2, listed=[(64, 9)], bitmap=b"!", zeros=bytes(15) + b"z", tail=b"\0tt\0", size=9),
@@ -181,6 +168,5 @@ for _fptype in range(4):
 FILES = {f"{name}.{ending}": data for name, files in OBJECTS.items() for ending, data in files.items()}
 
 if __name__ == "__main__":
-    folder = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else pathlib.Path(__file__).parent).resolve()
-    for name, data in FILES.items():
-        (folder / name).write_bytes(data)
+    for _name, _data in FILES.items():
+        (pathlib.Path(__file__).parent / _name).write_bytes(_data)
