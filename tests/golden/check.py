@@ -1,0 +1,85 @@
+#!/usr/bin/python3
+"""Holds the command against the golden records.
+
+    check.py made | validate | convert | json | annotate COMMAND
+"""
+import json
+import pathlib
+import random
+import subprocess
+import sys
+
+sys.dont_write_bytecode = True
+import make
+
+FOLDER = pathlib.Path(__file__).parent
+MUTATIONS = 300
+command = sys.argv[2]
+failures = []
+
+
+def same(seen, expected, what):
+    if seen != expected:
+        failures.append(f"{what}:\n    seen     {seen!r}\n    expected {expected!r}")
+
+
+def run(*arguments, given=None):
+    done = subprocess.run([command, *map(str, arguments)], input=given, capture_output=True)
+    return done.stdout if not done.stderr else done.stdout + b"; complaint: " + done.stderr
+
+
+def converts(name, to, *options):
+    """NAME converted is the file of the same object with the other ending."""
+    source, target = FOLDER / name, (FOLDER / name).with_suffix({"serialized": ".form"}.get(to, f".{to}"))
+    same(run("convert", source, *options, "--to", to, "-o", "-"), target.read_bytes(), f"{name} to {to}")
+
+
+def made():
+    for name, data in make.FILES.items():
+        same((FOLDER / name).read_bytes(), data, name)
+    sources = {"README.md", "CMakeLists.txt", ".gitattributes", "check.py", "make.py"}
+    same({path.name for path in FOLDER.iterdir() if path.is_file()} ^ (sources | set(make.FILES)), set(), "strange files")
+
+
+def validate():
+    for name in make.OBJECTS:
+        note = [name.removeprefix("noted-").split(".")[0]] if name.startswith("noted-") else []
+        for order in ("host", "network"):
+            said = json.loads(run("validate", "--json", FOLDER / f"{name}.{order}"))
+            same((said["order"], said["valid"]), (order, True), f"{name}.{order}")
+            same(sorted({finding["name"] for finding in said["findings"]}), note, f"findings of {name}.{order}")
+
+
+def convert():
+    for name, files in make.OBJECTS.items():
+        for source in ("host", "network"):
+            for to in ("host", "network", "serialized"):
+                converts(f"{name}.{source}", to)
+        if "so-" not in name:
+            types = ("--serialized", "--dotype", files["host"][0x4D], "--fptype", files["host"][0x4C])
+            converts(f"{name}.form", "serialized", *types)
+
+
+def json_form():
+    for name in make.OBJECTS:
+        converts(f"{name}.host", "json")
+        for to in ("host", "network"):
+            converts(f"{name}.json", to)
+
+
+def annotate():
+    records = {name: data for name, data in make.FILES.items() if not name.endswith(("json", "form"))}
+    chance = random.Random(1)
+    for i in range(MUTATIONS):
+        name = chance.choice(list(records))
+        data = bytearray(records[name])
+        for _ in range(chance.randrange(3)):
+            data[chance.randrange(len(data))] ^= 1 << chance.randrange(8)
+        records[f"{i} of {name}"] = bytes(data[:chance.choice((len(data), chance.randrange(1, len(data))))])
+    for name, data in records.items():
+        text = subprocess.run([command, "annotate", "-"], input=data, capture_output=True).stdout
+        same(run("annotate", "--reverse", "-", given=text), data, name)
+
+
+{"made": made, "validate": validate, "convert": convert, "json": json_form, "annotate": annotate}[sys.argv[1]]()
+sys.exit("\n".join(failures[:20]) or 0)
