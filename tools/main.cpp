@@ -63,6 +63,9 @@ ExitCode Run(int argc, char** argv) {
     AddDigest(app, chosen);
     AddVerify(app, chosen);
     AddRedact(app, chosen);
+    AddStats(app, chosen);
+    AddDiff(app, chosen);
+    AddRefs(app, chosen);
     AddSegments(app, chosen);
     try {
         app.parse(argc, argv);

@@ -28,6 +28,9 @@ void AddConvert(CLI::App& app, Action& chosen);
 void AddDigest(CLI::App& app, Action& chosen);
 void AddVerify(CLI::App& app, Action& chosen);
 void AddRedact(CLI::App& app, Action& chosen);
+void AddStats(CLI::App& app, Action& chosen);
+void AddDiff(CLI::App& app, Action& chosen);
+void AddRefs(CLI::App& app, Action& chosen);
 
 // The closing line of a verb that wrote the file `path`. Where that was standard output the line would get between the
 // records, so that it goes to standard error, and only when it was asked for.

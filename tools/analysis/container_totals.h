@@ -1,0 +1,50 @@
+// What many records need of each container.
+
+#pragma once
+
+#include "analysis/hash_table.h"
+
+#include <optional>
+
+namespace crrecord::tool {
+
+struct ContainerTotals {
+    std::uint64_t dcid;
+    std::uint64_t segments;
+    std::uint64_t bytes;
+    std::uint64_t fragments; // runs of neighbouring segments of an object that lie in it
+};
+
+struct HashOfContainer {
+    std::uint64_t operator()(auto const& entry) const { return HashOfNumber(entry.dcid); }
+};
+
+// Adds to a sum of bytes. Throws Failure where it would pass 64 bits.
+void AddBytes(std::uint64_t& sum, std::uint64_t bytes);
+
+// Memory: 43 bytes for each container.
+class Containers {
+public:
+    // Counts a container's totals in; they add up to no more bytes than fit 64 bits.
+    void Add(ContainerTotals const& more) {
+        if (!last_ || last_->dcid != more.dcid) {
+            last_ = &Of(more.dcid);
+        }
+        last_->segments += more.segments;
+        last_->bytes += more.bytes;
+        last_->fragments += more.fragments;
+    }
+
+    std::size_t size() const { return table_.size(); }
+
+    // By id; or, with `top`, so many of the greatest by bytes.
+    std::vector<ContainerTotals const*> Sorted(std::optional<std::uint64_t> top) const;
+
+private:
+    ContainerTotals& Of(std::uint64_t dcid);
+
+    HashTable<ContainerTotals, HashOfContainer> table_;
+    ContainerTotals* last_ = nullptr; // neighbouring segments often lie in one container
+};
+
+} // namespace crrecord::tool

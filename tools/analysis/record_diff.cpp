@@ -1,0 +1,119 @@
+#include "analysis/record_diff.h"
+
+#include "analysis/reference_list.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace crrecord::tool {
+
+namespace {
+
+struct HeaderField {
+    char const* name;
+    std::uint64_t (*get)(DORecord const&);
+};
+constexpr HeaderField kHeaderFields[] = {
+    {"flags", [](DORecord const& record) -> std::uint64_t { return record.GetFlags(); }},
+    {"checktime", [](DORecord const& record) -> std::uint64_t { return record.GetCheckTime(); }},
+    {"CID", [](DORecord const& record) -> std::uint64_t { return record.GetDCID(); }},
+    {"size", [](DORecord const& record) -> std::uint64_t { return record.GetSize(); }},
+    {"ssize", [](DORecord const& record) -> std::uint64_t { return record.GetSsize(); }},
+    {"CRC", [](DORecord const& record) -> std::uint64_t { return record.GetCrc(); }},
+    {"ctime", [](DORecord const& record) -> std::uint64_t { return record.GetCTime(); }},
+    {"mtime", [](DORecord const& record) -> std::uint64_t { return record.GetMTime(); }},
+    {"nfp", [](DORecord const& record) -> std::uint64_t { return record.GetNfp(); }},
+    {"nudcid", [](DORecord const& record) -> std::uint64_t { return record.GetNudcid(); }},
+    {"bsize", [](DORecord const& record) -> std::uint64_t { return record.GetBSize(); }},
+    {"fptype", [](DORecord const& record) -> std::uint64_t { return record.GetFPType(); }},
+    {"dotype", [](DORecord const& record) -> std::uint64_t { return record.GetDOType(); }},
+};
+
+class ContainerTable {
+public:
+    void Add(DORecord const& record, ContainerUse ContainerDiff::*side) {
+        for (DOSegment const segment : record.Segments()) {
+            ContainerUse& use = Of(segment.dcid).*side;
+            ++use.segments;
+            use.bytes += segment.size; // at most the object's size
+        }
+        for (DOUniqueDCID const entry : DOUniqueDCIDRange(DOUniqueDCIDSource::Of(record.GetHeader()))) {
+            AddBytes((Of(entry.dcid).*side).listed, entry.bytes);
+        }
+    }
+
+    std::vector<ContainerDiff> Different() const {
+        std::vector<ContainerDiff> different;
+        for (std::size_t i = 0; i < table_.size(); ++i) {
+            if (table_[i].a != table_[i].b) {
+                different.push_back(table_[i]);
+            }
+        }
+        std::sort(different.begin(), different.end(), [](auto const& a, auto const& b) { return a.dcid < b.dcid; });
+        return different;
+    }
+
+private:
+    ContainerDiff& Of(std::uint64_t dcid) {
+        if (!last_ || last_->dcid != dcid) {
+            std::uint64_t const hash = HashOfNumber(dcid);
+            ContainerDiff* const found =
+                table_.Find(hash, [dcid](ContainerDiff const& entry) { return entry.dcid == dcid; });
+            last_ = found ? found : &table_.Add(hash, {dcid, {}, {}});
+        }
+        return *last_;
+    }
+
+    HashTable<ContainerDiff, HashOfContainer> table_;
+    ContainerDiff* last_ = nullptr;
+};
+
+} // namespace
+
+void DiffHeaders(DORecord const& a, DORecord const& b,
+                 std::function<void(char const* name, std::uint64_t a, std::uint64_t b)> const& use) {
+    for (HeaderField const& field : kHeaderFields) {
+        std::uint64_t const inA = field.get(a);
+        std::uint64_t const inB = field.get(b);
+        if (inA != inB) {
+            use(field.name, inA, inB);
+        }
+    }
+}
+
+void DiffReferences(DORecord const& a, DORecord const& b,
+                    std::function<void(char const* reference, bool isInB)> const& use) {
+    ForEachReferenceKind([&](cr_reftype_t kind) {
+        auto inA = a.GetTRefTypeBegin(kind);
+        auto inB = b.GetTRefTypeBegin(kind);
+        auto const endA = a.GetTRefTypeEnd(kind);
+        auto const endB = b.GetTRefTypeEnd(kind);
+        while (inA != endA || inB != endB) {
+            int const order = inA == endA ? 1 : inB == endB ? -1 : CRTRefCompare((*inA)->Get(), (*inB)->Get());
+            if (order != 0) {
+                use(ReferenceText((order < 0 ? *inA : *inB)->Get()).Get(), order > 0);
+            }
+            if (order <= 0) {
+                ++inA;
+            }
+            if (order >= 0) {
+                ++inB;
+            }
+        }
+    });
+}
+
+bool BitmapsDiffer(DORecord const& a, DORecord const& b) {
+    unsigned char const* const inA = a.GetBloom();
+    unsigned char const* const inB = b.GetBloom();
+    return inA && inB ? a.GetBSize() != b.GetBSize() || std::memcmp(inA, inB, a.GetBSize()) != 0 : inA != inB;
+}
+
+std::vector<ContainerDiff> DiffContainers(DORecord const& a, DORecord const& b) {
+    ContainerTable table;
+    table.Add(a, &ContainerDiff::a);
+    table.Add(b, &ContainerDiff::b);
+    return table.Different();
+}
+
+} // namespace crrecord::tool

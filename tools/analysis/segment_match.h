@@ -1,0 +1,45 @@
+// Which segments two objects have in common.
+
+#pragma once
+
+#include "record/do_record.h"
+
+#include <functional>
+
+namespace crrecord::tool {
+
+enum class Fate { Shared, Moved, Added, Removed };
+
+// A segment and where it begins in its object.
+struct PlacedSegment {
+    DOSegment segment;
+    std::uint64_t position;
+};
+
+// The segments of an open record with their positions. Memory: 8 bytes for each.
+class PlacedSegments {
+public:
+    explicit PlacedSegments(DORecord const& record);
+
+    std::uint32_t size() const { return segments_.size(); }
+    std::uint64_t PositionOf(std::uint32_t i) const { return positions_[i]; }
+    PlacedSegment operator[](std::uint32_t i) const { return {segments_[i], positions_[i]}; }
+    unsigned int FPType() const { return fptype_; }
+
+private:
+    DOSegmentRange segments_;
+    unsigned int fptype_;
+    std::vector<std::uint64_t> positions_;
+};
+
+// `a` is null for an added segment, `b` for a removed one.
+using UseMatch = std::function<void(Fate, PlacedSegment const* a, PlacedSegment const* b)>;
+
+// Gives every segment of two objects once. Segments are the same when their fingerprint type, fingerprint and size are.
+// Of the same segments, those at one position in both objects are shared. Of the others of their kind, the first in A
+// and the first in B are a moved one, and so on with the second; what is left over was removed or added.
+//
+// Linear in the segments. Memory: 28 bytes for each segment of A, 9 for each of B.
+void MatchSegments(PlacedSegments const& a, PlacedSegments const& b, UseMatch const& use);
+
+} // namespace crrecord::tool

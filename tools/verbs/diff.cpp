@@ -1,0 +1,224 @@
+// crrecord diff: in what two DO records differ.
+
+#include "analysis/record_diff.h"
+#include "analysis/segment_match.h"
+#include "analysis/units.h"
+#include "record/findings.h"
+#include "verbs/verbs.h"
+
+namespace crrecord::tool {
+
+namespace {
+
+struct DiffOptions {
+    std::string a;
+    std::string b;
+    FormOptions form;
+    bool segments = false;
+    bool json = false;
+};
+
+struct Sum {
+    std::uint64_t segments = 0;
+    std::uint64_t bytes = 0;
+
+    void Add(DOSegment const& segment) {
+        ++segments;
+        bytes += segment.size;
+    }
+};
+
+constexpr char const* kFates[] = {"shared", "moved", "added", "removed"};
+
+// Tells of each difference while it goes through the records.
+class Differ {
+public:
+    Differ(DiffOptions const& options, DORecord const& a, DORecord const& b, Output& out)
+        : options_(options), a_(a), b_(b), out_(out) {}
+
+    ExitCode Run() {
+        if (options_.json) {
+            out_.Print(R"({{"schema":1,"a":{},"b":{})", JsonQuoted(options_.a), JsonQuoted(options_.b));
+        }
+        DiffSegments();
+        DiffHeader();
+        DiffReferenceLists();
+        DiffContainerLists();
+        DiffBitmaps();
+        if (options_.json) {
+            out_.Print(R"(,"same":{}}})"
+                       "\n",
+                       same_);
+        } else {
+            out_.Print("{} and {}: {}\n", Printable(options_.a), Printable(options_.b),
+                       same_ ? "the same" : "different");
+        }
+        return same_ ? ExitCode::AllWell : ExitCode::BadRecord;
+    }
+
+private:
+    void DiffSegments() {
+        Open("segments", options_.segments);
+        MatchSegments(PlacedSegments(a_), PlacedSegments(b_),
+                      [this](Fate fate, PlacedSegment const* a, PlacedSegment const* b) { Take(fate, a, b); });
+        Close(options_.segments);
+        for (Fate const fate : {Fate::Shared, Fate::Moved, Fate::Added, Fate::Removed}) {
+            PrintSum(kFates[static_cast<int>(fate)], SumOf(fate));
+            same_ = same_ && (fate == Fate::Shared || SumOf(fate).segments == 0);
+        }
+        PrintSum("relocated", relocated_);
+        same_ = same_ && relocated_.segments == 0;
+    }
+
+    void Take(Fate fate, PlacedSegment const* a, PlacedSegment const* b) {
+        SumOf(fate).Add((a ? a : b)->segment);
+        bool const relocated = fate == Fate::Shared && a->segment.dcid != b->segment.dcid;
+        if (relocated) {
+            relocated_.Add(a->segment);
+        }
+        if (options_.segments && (relocated || fate != Fate::Shared)) {
+            PrintSegment(relocated ? "relocated" : kFates[static_cast<int>(fate)], a, b);
+        }
+    }
+
+    void PrintSegment(char const* what, PlacedSegment const* a, PlacedSegment const* b) {
+        DOSegment const& segment = (a ? a : b)->segment;
+        std::string const fingerprint = TextOf(segment.fingerprint, (a ? a_ : b_).GetFPType());
+        if (!options_.json) {
+            auto const place = [](PlacedSegment const* in) {
+                return in ? fmt::format("byte {} in container {}", in->position, in->segment.dcid) : std::string();
+            };
+            out_.Print("{:<10}{}, {}: {}{}{}\n", what, fingerprint, Counted(segment.size, "byte"), place(a),
+                       a && b ? " -> " : "", place(b));
+            return;
+        }
+        auto const place = [](PlacedSegment const* in) {
+            return in ? fmt::format(R"({{"offset":"{}","dcid":"{}"}})", in->position, in->segment.dcid) : "null";
+        };
+        out_.Print(R"({}{{"what":"{}","fingerprint":"{}","size":{},"a":{},"b":{}}})", Separator(), what, fingerprint,
+                   segment.size, place(a), place(b));
+    }
+
+    void PrintSum(char const* what, Sum const& sum) {
+        if (options_.json) {
+            out_.Print(R"(,"{}":{{"segments":"{}","bytes":"{}"}})", what, sum.segments, sum.bytes);
+        } else {
+            out_.Print("{:<10}{} of {}\n", what, Counted(sum.segments, "segment"), WithUnit(sum.bytes));
+        }
+    }
+
+    void DiffHeader() {
+        Open("header");
+        DiffHeaders(a_, b_, [this](char const* name, std::uint64_t a, std::uint64_t b) {
+            same_ = false;
+            if (options_.json) {
+                out_.Print(R"({}{{"field":"{}","a":"{}","b":"{}"}})", Separator(), name, a, b);
+            } else {
+                out_.Print("header    {}: {} -> {}\n", name, a, b);
+            }
+        });
+        Close();
+    }
+
+    void DiffReferenceLists() {
+        if (!options_.json) {
+            DiffReferences(a_, b_, [this](char const* reference, bool isInB) {
+                same_ = false;
+                out_.Print("reference {} {}\n", isInB ? "added" : "removed", reference);
+            });
+            return;
+        }
+        out_.Write(R"(,"references":{)");
+        for (bool const added : {true, false}) {
+            out_.Print(R"({}"{}":[)", added ? "" : ",", added ? "added" : "removed");
+            separator_ = "";
+            DiffReferences(a_, b_, [&](char const* reference, bool isInB) {
+                same_ = false;
+                if (isInB == added) {
+                    out_.Print(R"({}"{}")", Separator(), reference);
+                }
+            });
+            out_.Write("]");
+        }
+        out_.Write("}");
+    }
+
+    void DiffContainerLists() {
+        Open("containers");
+        for (ContainerDiff const& container : DiffContainers(a_, b_)) {
+            same_ = false;
+            char const* const format = options_.json ? R"({{"segments":"{}","bytes":"{}","listed":"{}"}})"
+                                                     : "{} segments of {} bytes, {} bytes listed";
+            auto const text = [format](ContainerUse const& use) {
+                return fmt::format(fmt::runtime(format), use.segments, use.bytes, use.listed);
+            };
+            if (options_.json) {
+                out_.Print(R"({}{{"dcid":"{}","a":{},"b":{}}})", Separator(), container.dcid, text(container.a),
+                           text(container.b));
+            } else {
+                out_.Print("container {}: {} -> {}\n", container.dcid, text(container.a), text(container.b));
+            }
+        }
+        Close();
+    }
+
+    void DiffBitmaps() {
+        bool const differ = BitmapsDiffer(a_, b_);
+        same_ = same_ && !differ;
+        if (options_.json) {
+            out_.Print(R"(,"bitmaps_differ":{})", differ);
+        } else if (differ) {
+            out_.Write("bitmap    differs\n");
+        }
+    }
+
+    // An array of the JSON object.
+    void Open(char const* name, bool wanted = true) {
+        separator_ = "";
+        if (options_.json && wanted) {
+            out_.Print(R"(,"{}":[)", name);
+        }
+    }
+    void Close(bool wanted = true) {
+        if (options_.json && wanted) {
+            out_.Write("]");
+        }
+    }
+    char const* Separator() { return std::exchange(separator_, ","); }
+    Sum& SumOf(Fate fate) { return sums_[static_cast<int>(fate)]; }
+
+    DiffOptions const& options_;
+    DORecord const& a_;
+    DORecord const& b_;
+    Output& out_;
+    char const* separator_ = "";
+    Sum sums_[std::size(kFates)];
+    Sum relocated_;
+    bool same_ = true;
+};
+
+ExitCode Diff(DiffOptions const& options, Output& out) {
+    RecordStream streamA(options.a, options.form.Facts());
+    RecordStream streamB(options.b, options.form.Facts());
+    std::unique_ptr<DORecord> const a = OpenOnlyDORecord(streamA);
+    std::unique_ptr<DORecord> const b = OpenOnlyDORecord(streamB);
+    return a && b ? Differ(options, *a, *b, out).Run() : ExitCode::BadRecord;
+}
+
+} // namespace
+
+void AddDiff(CLI::App& app, Action& chosen) {
+    auto const options = std::make_shared<DiffOptions>();
+    CLI::App* const verb = app.add_subcommand("diff", "Say in what two DO records differ");
+    verb->add_option("A", options->a, "A DO record; - is standard input")->required()->type_name("");
+    verb->add_option("B", options->b, "The DO record that it is compared with")->required()->type_name("");
+    verb->add_flag("--segments", options->segments, "Name each segment that differs");
+    verb->add_flag("--json", options->json, "One JSON object");
+    AddFormOptions(*verb, options->form);
+    verb->footer("Byte order, and whether references are legacy ones, make no difference; times do. Status 0 when the\n"
+                 "records are the same, 1 when they differ.\n\n"
+                 "Example:\n  crrecord diff yesterday.do today.do");
+    verb->callback([options, &chosen] { chosen = [options](Output& out) { return Diff(*options, out); }; });
+}
+
+} // namespace crrecord::tool

@@ -1,0 +1,221 @@
+// crrecord refs: what keeps the objects alive.
+
+#include "analysis/active_tasks.h"
+#include "analysis/reference_list.h"
+#include "record/do_record.h"
+#include "record/findings.h"
+#include "verbs/verbs.h"
+
+namespace crrecord::tool {
+
+namespace {
+
+struct RefsOptions {
+    std::string file;
+    std::string out;
+    std::vector<std::string> add;
+    std::vector<std::string> remove;
+    std::string active;
+    bool json = false;
+
+    bool Changes() const { return !add.empty() || !remove.empty() || !active.empty(); }
+};
+
+struct ReleaseReference {
+    void operator()(_cr_tref_t* reference) const { CRTRefDelete(&reference); }
+};
+using Reference = std::unique_ptr<_cr_tref_t, ReleaseReference>;
+
+Reference ParseReference(char const* option, std::string const& text) {
+    unsigned long consumed = 0;
+    Reference reference(CRTRefNewDeserialize(text.data(), text.size(), CR_TREF_TEXT, &consumed));
+    if (!reference) {
+        throw Failure(
+            fmt::format("{}: found \"{}\", expected a reference such as task:17, dsid:5 or ref6:9", option, text));
+    }
+    return reference;
+}
+
+std::vector<Reference> ParseReferences(char const* option, std::vector<std::string> const& texts) {
+    std::vector<Reference> references;
+    for (std::string const& text : texts) {
+        references.push_back(ParseReference(option, text));
+    }
+    return references;
+}
+
+// Gives each record of an input, which is a valid DO record, to use(record). Others end it.
+template <class Use>
+ExitCode ForEachDORecord(RecordStream& stream, Use use) {
+    std::vector<Finding> findings;
+    while (Record const* const record = stream.Next()) {
+        if (!Diagnose(*record, Depth::FirstError, findings)) {
+            Complain(Describe(stream.Name(), *record, findings.front()));
+            return ExitCode::BadRecord;
+        }
+        if (record->kind != Kind::DataObject) {
+            throw Failure(fmt::format("{}: record {} at byte {}: is a segment record, where a DO record is needed",
+                                      stream.Name(), record->number, record->offset));
+        }
+        use(*record);
+    }
+    return ExitCode::AllWell;
+}
+
+ExitCode List(RefsOptions const& options, Output& out) {
+    RecordStream stream(options.file);
+    std::string const quotedName = JsonQuoted(options.file);
+    bool several = false;
+    return ForEachDORecord(stream, [&](Record const& record) {
+        several = several || !stream.EndsHere();
+        std::unique_ptr<DORecord> const opened = OpenDORecord(options.file, record);
+        if (!options.json) {
+            std::string const prefix = several ? fmt::format("record {}: ", record.number) : "";
+            ForEachReference(*opened, [&](_cr_tref_t const* reference) {
+                out.Print("{}{}\n", prefix, ReferenceText(reference).Get());
+            });
+            return;
+        }
+        AppendJsonStart(out.Buffer(), quotedName, record, true);
+        out.Write(R"(,"references":[)");
+        char const* separator = "";
+        ForEachReference(*opened, [&](_cr_tref_t const* reference) {
+            out.Print(R"({}"{}")", separator, ReferenceText(reference).Get());
+            separator = ",";
+        });
+        out.Write("]}\n");
+    });
+}
+
+// The library logs what it refuses and throws it too; here the exception tells it.
+class WithoutLog {
+public:
+    WithoutLog() {
+        CRLogSetSink([](cr_log_level_t, cr_status_t, char const*, void*) {}, nullptr);
+    }
+    ~WithoutLog() { CRLogSetSink(nullptr, nullptr); }
+    WithoutLog(WithoutLog const&) = delete;
+    WithoutLog& operator=(WithoutLog const&) = delete;
+};
+
+// The same changes to many records. What is to be added is there in the end, even if it is an inactive task.
+class Changer {
+public:
+    explicit Changer(RefsOptions const& options)
+        : options_(options), add_(ParseReferences("--add", options.add)),
+          remove_(ParseReferences("--remove", options.remove)) {
+        if (!options.active.empty()) {
+            active_.emplace(options.active);
+        }
+    }
+
+    std::unique_ptr<DORecord> Change(Record const& record) {
+        try {
+            WithoutLog const quiet;
+            // Not in place: it may grow.
+            std::unique_ptr<DORecord> changed = DORecord::FromBuffer(record.bytes, record.size);
+            if (active_) {
+                dropped_ += changed->RemoveInactiveTaskIDs(IsActive, &*active_);
+            }
+            for (Reference const& reference : remove_) {
+                removed_ += changed->DelTRef(reference.get());
+            }
+            for (Reference const& reference : add_) {
+                added_ += changed->AddTRef(*reference) == 0 ? 1 : 0;
+            }
+            ++records_;
+            references_ += changed->GetNTRefs();
+            if (record.order == Order::Network) {
+                changed->HostToNetwork(0);
+            }
+            return changed;
+        } catch (Cr_ErrnoException const& error) {
+            char const* const text = error.what();
+            throw Failure(fmt::format("{}: record {} at byte {}: {}", options_.file, record.number, record.offset,
+                                      *text != '\0' ? text : CRStatusToStringA(error.GetStatus())));
+        }
+    }
+
+    std::string ClosingLine() const {
+        if (options_.json) {
+            return fmt::format(R"({{"file":{},"out":{},"records":"{}","added":"{}","removed":"{}","dropped":"{}",)"
+                               R"("references":"{}"}})",
+                               JsonQuoted(options_.file), JsonQuoted(options_.out), records_, added_, removed_,
+                               dropped_, references_);
+        }
+        return fmt::format("{}: {}: {} added, {} removed, {} dropped; {}", Printable(options_.out),
+                           Counted(records_, "record"), added_, removed_, dropped_, Counted(references_, "reference"));
+    }
+
+private:
+    static int IsActive(unsigned long taskId, void* context) {
+        return static_cast<ActiveTasks const*>(context)->Has(taskId) ? 1 : 0;
+    }
+
+    RefsOptions const& options_;
+    std::vector<Reference> add_;
+    std::vector<Reference> remove_;
+    std::optional<ActiveTasks> active_;
+    std::uint64_t records_ = 0;
+    std::uint64_t added_ = 0;
+    std::uint64_t removed_ = 0;
+    std::uint64_t dropped_ = 0;
+    std::uint64_t references_ = 0; // that the records have in the end
+};
+
+ExitCode ChangeAll(RefsOptions const& options, Output& out) {
+    Changer changer(options);
+    RecordStream stream(options.file);
+    OutputFile to(options.out);
+    ExitCode const result = ForEachDORecord(stream, [&](Record const& record) {
+        std::unique_ptr<DORecord> const changed = changer.Change(record);
+        auto const bytes = BytesOf(*changed);
+        to.Write(bytes.data(), bytes.size());
+    });
+    if (result == ExitCode::AllWell) {
+        to.Commit();
+        PrintClosing(out, options.out, options.json, changer.ClosingLine());
+    }
+    return result;
+}
+
+ExitCode Refs(RefsOptions const& options, Output& out) {
+    if (options.Changes() == options.out.empty()) {
+        throw Failure(options.out.empty() ? "--add, --remove and --drop-inactive need --out"
+                                          : "--out needs --add, --remove or --drop-inactive");
+    }
+    if (options.file == "-" && options.active == "-") {
+        throw Failure("standard input can be either the records or the active tasks");
+    }
+    return options.Changes() ? ChangeAll(options, out) : List(options, out);
+}
+
+} // namespace
+
+void AddRefs(CLI::App& app, Action& chosen) {
+    auto const options = std::make_shared<RefsOptions>();
+    CLI::App* const verb = app.add_subcommand("refs", "List or change the references of DO records");
+    verb->add_option("FILE", options->file, "A file of DO records, one behind the other; - is standard input")
+        ->required()
+        ->type_name("");
+    verb->add_option("--add", options->add, "Add a reference, such as task:17, dsid:5 or ref6:9; may be given again")
+        ->type_name("REF")
+        ->allow_extra_args(false);
+    verb->add_option("--remove", options->remove, "Remove a reference; may be given again")
+        ->type_name("REF")
+        ->allow_extra_args(false);
+    verb->add_option("--drop-inactive", options->active,
+                     "Remove every task that is not in this file, which has a task id on each line")
+        ->type_name("TASKS");
+    verb->add_option("-o,--out", options->out, "The file to write the changed records to, which may be FILE itself")
+        ->type_name("OUT");
+    verb->add_flag("--json", options->json,
+                   "One JSON object a line for each record; with changes, the closing line as one");
+    verb->footer(
+        "A change is made to all records of FILE. Tasks are dropped first, references added last. The records\n"
+        "keep their byte order; their legacy references become typed ones.\n\n"
+        "Example:\n  crrecord refs movie.do --add task:18 --remove task:17 -o movie.do");
+    verb->callback([options, &chosen] { chosen = [options](Output& out) { return Refs(*options, out); }; });
+}
+
+} // namespace crrecord::tool

@@ -1,0 +1,274 @@
+// crrecord stats: what the records need of each container.
+
+#include "analysis/container_totals.h"
+#include "analysis/segment_runs.h"
+#include "analysis/unique_segments.h"
+#include "analysis/units.h"
+#include "record/do_record.h"
+#include "record/findings.h"
+#include "verbs/verbs.h"
+
+namespace crrecord::tool {
+
+namespace {
+
+struct StatsOptions {
+    std::vector<std::string> files{"-"};
+    FormOptions form;
+    std::vector<std::uint64_t> uses;
+    std::optional<std::uint64_t> top;
+    bool unique = false;
+    bool json = false;
+};
+
+// The cheapest way to the answer; what is wrong with a bad record is found out afterwards.
+bool IsValid(Record const& record, std::vector<Finding>& findings) {
+    bool const network = record.order == Order::Network;
+    switch (record.kind) {
+    case Kind::DataObject:
+        return DORecordDiagnose(record.bytes, record.size, network ? CR_DO_NETWORK_ORDER : 0, nullptr, nullptr) ==
+               CR_STATUS_OK;
+    case Kind::Segment:
+        return SegmentRecordDiagnose(record.bytes, record.size, network ? CR_SO_NETWORK_ORDER : 0, nullptr, nullptr) ==
+               CR_STATUS_OK;
+    default: return Diagnose(record, Depth::FirstError, findings);
+    }
+}
+
+// Gives each valid record of an input to counter.CountSegment(record, StoredSegment) or
+// counter.CountObject(record, header), and the number of bad ones to counter.CountBad.
+template <class Counter>
+ExitCode CountInput(RecordStream& stream, Counter& counter) {
+    std::vector<Finding> findings;
+    std::uint64_t bad = 0;
+    while (Record const* const record = stream.Next()) {
+        if (!IsValid(*record, findings)) {
+            Diagnose(*record, Depth::FirstError, findings);
+            Complain(Describe(stream.Name(), *record, findings.front()));
+            ++bad;
+        } else if (record->kind == Kind::Segment) {
+            counter.CountSegment(*record, SegmentOf(*record));
+        } else if (record->kind == Kind::Form) {
+            counter.CountObject(*record, OpenDORecord(stream.Name(), *record)->GetHeader());
+        } else {
+            counter.CountObject(*record, reinterpret_cast<DORecordHeader const*>(record->bytes));
+        }
+    }
+    counter.CountBad(bad);
+    return bad == 0 ? ExitCode::AllWell : ExitCode::BadRecord;
+}
+
+// Adds everything up.
+class Totals {
+public:
+    explicit Totals(StatsOptions const& options) : options_(options) {}
+
+    void CountSegment(Record const&, StoredSegment const& segment) {
+        ++records_;
+        ++segments_;
+        AddBytes(bytes_, segment.size);
+        if (segment.inContainer) {
+            containers_.Add({segment.dcid, 1, segment.size, 1});
+        } else {
+            ++segmentsElsewhere_;
+            bytesElsewhere_ += segment.size;
+        }
+        if (options_.unique) {
+            bool const isNew =
+                !segment.fingerprint || unique_.Insert(segment.fptype, segment.fingerprint, segment.size);
+            (isNew ? uniqueBytes_ : repeatedBytes_) += segment.size;
+        }
+    }
+
+    void CountObject(Record const&, DORecordHeader const* header) {
+        ++records_;
+        auto const count = [this](Run const& run) {
+            segments_ += run.segments;
+            AddBytes(bytes_, run.bytes);
+            containers_.Add({run.dcid, run.segments, run.bytes, run.segments == 0 ? 0UL : 1UL});
+        };
+        if (!options_.unique) {
+            ForEachRun(
+                header, [](DOSegment const&) {}, count);
+            return;
+        }
+        unsigned int const fptype = header->fptype;
+        ForEachRun(
+            header,
+            [&](DOSegment const& segment) {
+                bool const isNew = unique_.Insert(fptype, segment.fingerprint.bytes, segment.size);
+                (isNew ? uniqueBytes_ : repeatedBytes_) += segment.size;
+            },
+            count);
+    }
+
+    void CountBad(std::uint64_t records) { bad_ += records; }
+
+    void PrintJson(Output& out) const {
+        out.Print(R"({{"schema":1,"records":"{}","bad_records":"{}","segments":"{}","bytes":"{}",)"
+                  R"("elsewhere":{{"segments":"{}","bytes":"{}"}},)",
+                  records_, bad_, segments_, bytes_, segmentsElsewhere_, bytesElsewhere_);
+        if (options_.unique) {
+            out.Print(R"("unique_bytes":"{}","repeated_bytes":"{}",)", uniqueBytes_, repeatedBytes_);
+        }
+        out.Write(R"("containers":[)");
+        char const* separator = "";
+        for (ContainerTotals const* const container : containers_.Sorted(options_.top)) {
+            out.Print(R"({}{{"dcid":"{}","segments":"{}","bytes":"{}","fragments":"{}"}})", separator, container->dcid,
+                      container->segments, container->bytes, container->fragments);
+            separator = ",";
+        }
+        out.Write("]}\n");
+    }
+
+    void PrintTable(Output& out) const {
+        static constexpr char kRow[] = "{:>20}  {:>12}  {:>20}  {:>12}\n";
+        auto const sorted = containers_.Sorted(options_.top);
+        if (!sorted.empty()) {
+            out.Print(kRow, "container", "segments", "bytes", "fragments");
+        }
+        for (ContainerTotals const* const container : sorted) {
+            out.Print(kRow, container->dcid, container->segments, container->bytes, container->fragments);
+        }
+        if (sorted.size() < containers_.size()) {
+            out.Print("The {} greatest of {}\n", sorted.size(), Counted(containers_.size(), "container"));
+        }
+        out.Print("{}{}: {} of {}, in {}\n", sorted.empty() ? "" : "\n", Counted(records_, "record"),
+                  Counted(segments_, "segment"), WithUnit(bytes_), Counted(containers_.size(), "container"));
+        if (segmentsElsewhere_ != 0) {
+            out.Print("in no container: {} of {}\n", Counted(segmentsElsewhere_, "segment"), WithUnit(bytesElsewhere_));
+        }
+        if (options_.unique) {
+            out.Print("unique: {}; repeated: {}\n", WithUnit(uniqueBytes_), WithUnit(repeatedBytes_));
+        }
+    }
+
+private:
+    StatsOptions const& options_;
+    Containers containers_;
+    UniqueSegments unique_;
+    std::uint64_t records_ = 0;
+    std::uint64_t bad_ = 0;
+    std::uint64_t segments_ = 0;
+    std::uint64_t bytes_ = 0; // no other sum of bytes is greater
+    std::uint64_t segmentsElsewhere_ = 0;
+    std::uint64_t bytesElsewhere_ = 0;
+    std::uint64_t uniqueBytes_ = 0;
+    std::uint64_t repeatedBytes_ = 0;
+};
+
+// Names the records that need one of some containers.
+class Users {
+public:
+    Users(StatsOptions const& options, std::string const& file, Output& out)
+        : json_(options.json), file_(options.json ? JsonQuoted(file) : Printable(file)), out_(out) {
+        for (std::uint64_t const dcid : options.uses) {
+            wanted_.push_back({dcid, 0, 0, 0});
+        }
+        auto const byId = [](ContainerTotals const& a, ContainerTotals const& b) { return a.dcid < b.dcid; };
+        std::sort(wanted_.begin(), wanted_.end(), byId);
+        auto const same = [](ContainerTotals const& a, ContainerTotals const& b) { return a.dcid == b.dcid; };
+        wanted_.erase(std::unique(wanted_.begin(), wanted_.end(), same), wanted_.end());
+    }
+
+    void CountSegment(Record const& record, StoredSegment const& segment) {
+        if (segment.inContainer) {
+            Count({segment.dcid, 1, segment.size});
+            Tell(record);
+        }
+    }
+
+    void CountObject(Record const& record, DORecordHeader const* header) {
+        ForEachRun(
+            header, [](DOSegment const&) {}, [this](Run const& run) { Count(run); });
+        Tell(record);
+    }
+
+    static void CountBad(std::uint64_t) {}
+
+private:
+    void Count(Run const& run) {
+        auto const at = std::lower_bound(wanted_.begin(), wanted_.end(), run.dcid,
+                                         [](ContainerTotals const& a, std::uint64_t dcid) { return a.dcid < dcid; });
+        if (at != wanted_.end() && at->dcid == run.dcid) {
+            at->segments += run.segments;
+            AddBytes(at->bytes, run.bytes);
+            ++at->fragments;
+            found_ = true;
+        }
+    }
+
+    void Tell(Record const& record) {
+        if (!std::exchange(found_, false)) {
+            return;
+        }
+        for (ContainerTotals& container : wanted_) {
+            if (container.fragments != 0) {
+                Print(record, container);
+                container = {container.dcid, 0, 0, 0};
+            }
+        }
+    }
+
+    void Print(Record const& record, ContainerTotals const& container) {
+        if (json_) {
+            AppendJsonStart(out_.Buffer(), file_, record, true);
+            out_.Print(R"(,"dcid":"{}","segments":"{}","bytes":"{}"}})"
+                       "\n",
+                       container.dcid, container.segments, container.bytes);
+            return;
+        }
+        out_.Print("{}: record {} at byte {}: container {}: {} of {}\n", file_, record.number, record.offset,
+                   container.dcid, Counted(container.segments, "segment"), WithUnit(container.bytes));
+    }
+
+    bool json_;
+    std::string file_;
+    Output& out_;
+    std::vector<ContainerTotals> wanted_; // what the present record needs of them
+    bool found_ = false;
+};
+
+ExitCode Stats(StatsOptions const& options, Output& out) {
+    if (!options.uses.empty()) {
+        return ForEachInput(options.files, options.form, [&](RecordStream& stream) {
+            Users users(options, stream.Name(), out);
+            return CountInput(stream, users);
+        });
+    }
+    Totals totals(options);
+    ExitCode const result =
+        ForEachInput(options.files, options.form, [&](RecordStream& stream) { return CountInput(stream, totals); });
+    if (options.json) {
+        totals.PrintJson(out);
+    } else {
+        totals.PrintTable(out);
+    }
+    return result;
+}
+
+} // namespace
+
+void AddStats(CLI::App& app, Action& chosen) {
+    auto const options = std::make_shared<StatsOptions>();
+    CLI::App* const verb = app.add_subcommand("stats", "Count what the records need of each container");
+    verb->add_option("FILE", options->files, "Files of records, one behind the other; - is standard input")
+        ->type_name("");
+    auto* const unique = verb->add_flag("--unique", options->unique,
+                                        "Also count the bytes of different segments, and of those that came before");
+    auto* const top = verb->add_option_function<std::uint64_t>(
+        "--top", [options](std::uint64_t count) { options->top = count; }, "Only the N greatest containers, by bytes");
+    top->type_name("N");
+    verb->add_option("--uses", options->uses, "Instead, name the records that need this container; may be given again")
+        ->type_name("DCID")
+        ->allow_extra_args(false)
+        ->excludes(unique)
+        ->excludes(top);
+    verb->add_flag("--json", options->json, "One JSON object; with --uses one for each record and container");
+    AddFormOptions(*verb, options->form);
+    verb->footer("A fragment is a run of neighbouring segments of an object that lie in the same container.\n\n"
+                 "Example:\n  crrecord stats --top 10 --unique *.do");
+    verb->callback([options, &chosen] { chosen = [options](Output& out) { return Stats(*options, out); }; });
+}
+
+} // namespace crrecord::tool
