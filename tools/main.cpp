@@ -63,6 +63,7 @@ ExitCode Run(int argc, char** argv) {
     AddDigest(app, chosen);
     AddVerify(app, chosen);
     AddRedact(app, chosen);
+    AddMap(app, chosen);
     AddStats(app, chosen);
     AddDiff(app, chosen);
     AddRefs(app, chosen);

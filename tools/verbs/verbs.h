@@ -28,6 +28,7 @@ void AddConvert(CLI::App& app, Action& chosen);
 void AddDigest(CLI::App& app, Action& chosen);
 void AddVerify(CLI::App& app, Action& chosen);
 void AddRedact(CLI::App& app, Action& chosen);
+void AddMap(CLI::App& app, Action& chosen);
 void AddStats(CLI::App& app, Action& chosen);
 void AddDiff(CLI::App& app, Action& chosen);
 void AddRefs(CLI::App& app, Action& chosen);

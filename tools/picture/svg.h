@@ -1,0 +1,55 @@
+// Text of SVG pictures.
+
+#pragma once
+
+#include <cstdint>
+#include <iterator>
+#include <string>
+#include <string_view>
+
+#include <fmt/format.h>
+
+namespace crrecord::tool {
+
+// A picture that grows downwards: whoever draws adds below what is there.
+class Picture {
+public:
+    static constexpr double kWidth = 1000;
+    static constexpr double kMargin = 20;
+    static constexpr double kInner = kWidth - 2 * kMargin;
+
+    template <class... Values>
+    void Print(fmt::format_string<Values...> format, Values&&... values) {
+        fmt::format_to(std::back_inserter(body_), format, std::forward<Values>(values)...);
+    }
+
+    // `style` is one of the classes of the style sheet, or "". The text need not be escaped.
+    void Text(double x, double y, std::string_view style, std::string_view text);
+
+    // The first free line.
+    double Top() const { return top_; }
+    void MoveDown(double by) { top_ += by; }
+
+    // The whole picture. `name` is what programs for the blind read out.
+    std::string Finish(std::string_view name) const;
+
+private:
+    fmt::memory_buffer body_;
+    double top_ = kMargin;
+};
+
+// For character data and attributes. Control characters become '?', what is no UTF-8 becomes U+FFFD.
+std::string XmlEscaped(std::string_view text);
+
+// 1 234 567, with spaces that don't break.
+std::string Grouped(std::uint64_t number);
+
+// "1 segment", "2 000 segments".
+std::string GroupedCount(std::uint64_t number, std::string_view noun);
+
+// Room that a text takes, by and large: fonts differ.
+constexpr double TextWidth(std::size_t characters) noexcept {
+    return 6.2 * static_cast<double>(characters);
+}
+
+} // namespace crrecord::tool

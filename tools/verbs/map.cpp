@@ -1,0 +1,102 @@
+// crrecord map: a picture of one DO record.
+
+#include "picture/lanes.h"
+#include "picture/sections_bar.h"
+#include "record/findings.h"
+#include "verbs/verbs.h"
+
+namespace crrecord::tool {
+
+namespace {
+
+struct MapOptions {
+    std::string record;
+    std::string out;
+    FormOptions form;
+};
+
+// A long name loses its beginning: what tells files apart is mostly at the end.
+std::string ShownName(std::string const& name) {
+    constexpr std::size_t kMost = 80;
+    return name.size() <= kMost ? name : "..." + name.substr(name.size() - kMost);
+}
+
+std::string Numbers(DORecordView const& view, Lanes const& lanes) {
+    std::string const object = GroupedCount(view.GetSize(), "byte");
+    if (view.GetDOType() == CR_DO_TYPE_BLOOM_FILTER) {
+        return fmt::format("{}; a bloom record, which says nothing of segments", object);
+    }
+    std::string const gaps =
+        lanes.GapBytes() == 0 ? "" : fmt::format("; {} in gaps", GroupedCount(lanes.GapBytes(), "byte"));
+    return fmt::format("{} in {}, {}, {}{}", object, GroupedCount(view.GetNfp(), "segment"),
+                       GroupedCount(lanes.size(), "container"), GroupedCount(lanes.Fragments(), "fragment"), gaps);
+}
+
+std::string Draw(std::string const& name, DORecordView const& view, std::vector<Section> const& sections,
+                 std::uint64_t size, std::string_view what) {
+    Lanes lanes(view);
+    Picture picture;
+    picture.Text(Picture::kMargin, picture.Top() + 14, "name", ShownName(name));
+    std::string const numbers = Numbers(view, lanes);
+    picture.Text(Picture::kMargin, picture.Top() + 36, "weak",
+                 fmt::format("DO type {}, {} fingerprints", view.GetDOType(), NameOfFingerprint(view.GetFPType())));
+    picture.MoveDown(72);
+    picture.Text(Picture::kMargin, picture.Top(), "heading",
+                 fmt::format("The {}: {}", what, GroupedCount(size, "byte")));
+    picture.MoveDown(12);
+    DrawSections(picture, sections, size);
+    picture.MoveDown(36);
+    picture.Text(Picture::kMargin, picture.Top(), "heading", "The object");
+    picture.Text(Picture::kMargin, picture.Top() + 20, "", numbers);
+    picture.MoveDown(36);
+    DrawLanes(picture, view, lanes);
+    return picture.Finish(fmt::format("Map of {}: {}", ShownName(name), numbers));
+}
+
+std::string DrawRecord(std::string const& name, Record const& record) {
+    std::vector<Section> const sections = Sections(record);
+    if (record.kind == Kind::Form) {
+        std::unique_ptr<DORecord> const made = OpenDORecord(name, record);
+        auto const bytes = BytesOf(*made);
+        return Draw(name, DORecordView(bytes.data(), bytes.size()), sections, record.size, "exchange form");
+    }
+    return Draw(name, DORecordView(record.bytes, record.size), sections, record.size, "record");
+}
+
+ExitCode Map(MapOptions const& options, Output& out) {
+    RecordStream stream(options.record, options.form.Facts());
+    Record const* const record = stream.Next();
+    std::vector<Finding> findings;
+    if (!Diagnose(*record, Depth::FirstError, findings)) {
+        Complain(Describe(stream.Name(), *record, findings.front()));
+        return ExitCode::BadRecord;
+    }
+    if (record->kind == Kind::Segment || !stream.EndsHere()) {
+        throw Failure(stream.Name() + ": is not a single DO record, of which alone there are pictures");
+    }
+    std::string const picture = DrawRecord(options.record, *record);
+    OutputFile to(options.out);
+    to.Write(picture.data(), picture.size());
+    to.Commit();
+    PrintClosing(out, options.out, false,
+                 fmt::format("{}: picture of {}", Printable(options.out), Counted(picture.size(), "byte")));
+    return ExitCode::AllWell;
+}
+
+} // namespace
+
+void AddMap(CLI::App& app, Action& chosen) {
+    auto const options = std::make_shared<MapOptions>();
+    CLI::App* const verb = app.add_subcommand("map", "Draw a DO record, and where its object's segments lie");
+    verb->add_option("RECORD", options->record, "The DO record; - is standard input")->required()->type_name("");
+    verb->add_option("-o,--out", options->out, "The SVG file to write; - is standard output")
+        ->required()
+        ->type_name("OUT");
+    AddFormOptions(*verb, options->form);
+    verb->footer("On top the record's sections to scale; below, from left to right, the object, with a lane for each\n"
+                 "container. The same record gives the same picture, byte for byte.\n\n"
+                 "Example:\n  crrecord map movie.do -o movie.svg");
+    verb->callback([options, &chosen] { chosen = [options](Output& out) { return Map(*options, out); }; });
+}
+
+} // namespace crrecord::tool
