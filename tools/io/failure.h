@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include "io/text.h"
+
 #include <cerrno>
 #include <stdexcept>
 #include <string>
@@ -35,11 +37,5 @@ inline std::string ErrnoText(std::string_view name, std::string_view what) {
 
 // Writes one line to standard error, behind "crrecord: ".
 void Complain(std::string_view text);
-
-// Text that stays on its line and leaves the terminal alone: control characters become '?'.
-std::string Printable(std::string_view text);
-
-// "1 record", "2 records".
-std::string Counted(unsigned long count, std::string_view noun);
 
 } // namespace crrecord::tool

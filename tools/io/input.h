@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include "io/mapping.h"
+
 #include <cstdint>
 #include <limits>
 #include <span>
@@ -31,6 +33,9 @@ public:
     // Steps over the hole that begins here, if one does, up to `most` bytes of it. No data: the input ends there, or
     // the hole goes on. Of standard input, and where the file system knows no holes, all is data.
     Extent NextExtent(std::uint64_t most = std::numeric_limits<std::uint64_t>::max()) const;
+
+    // All of a named regular file, from its start; no bytes of anything else.
+    Mapping Map() const { return Mapping(file_, name_ == "-" ? 0 : ExpectedSize(), name_); }
 
     std::string const& Name() const { return name_; }
     // Bytes of a regular file, 0 for anything else.

@@ -1,6 +1,7 @@
 #include "io/output.h"
 
 #include "io/failure.h"
+#include "io/progress.h"
 
 #include <climits>
 #include <csignal>
@@ -19,9 +20,7 @@ namespace {
 char unfinished[PATH_MAX];
 
 extern "C" void RemoveUnfinished(int signal) {
-    if (unfinished[0] != '\0') {
-        ::unlink(unfinished);
-    }
+    RemoveUnfinishedOutput();
     // Reset to its default when this handler was entered; takes effect when it returns.
     ::raise(signal);
 }
@@ -46,7 +45,16 @@ std::string TemporaryBeside(std::string const& target, unsigned int attempt) {
 
 } // namespace
 
+void RemoveUnfinishedOutput() noexcept {
+    if (unfinished[0] != '\0') {
+        ::unlink(unfinished);
+    }
+}
+
 void Output::Flush() {
+    if (terminal_) {
+        Progress::Wipe();
+    }
     for (std::string_view rest(buffer_.data(), buffer_.size()); !rest.empty();) {
         ssize_t const count = ::write(file_, rest.data(), rest.size());
         if (count >= 0) {

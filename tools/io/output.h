@@ -2,12 +2,15 @@
 
 #pragma once
 
+#include "io/text.h"
+
 #include <iterator>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 namespace crrecord::tool {
 
@@ -15,7 +18,8 @@ namespace crrecord::tool {
 // not report that writing failed.
 class Output {
 public:
-    Output(int file, std::string name) : file_(file), name_(std::move(name)) {}
+    Output(int file, std::string name)
+        : file_(file), name_(std::move(name)), terminal_(::isatty(file) == 1), coloured_(TakesColours(file)) {}
     Output(Output const&) = delete;
     Output& operator=(Output const&) = delete;
 
@@ -29,6 +33,9 @@ public:
         fmt::format_to(std::back_inserter(buffer_), format, std::forward<Values>(values)...);
         FlushWhenFull();
     }
+
+    // The text in a colour, where the output is a terminal.
+    std::string Paint(std::string_view text, Colour colour) const { return Painted(text, colour, coloured_); }
 
     // For text that is put together in place; FlushWhenFull afterwards.
     fmt::memory_buffer& Buffer() { return buffer_; }
@@ -47,8 +54,13 @@ private:
 
     int file_;
     std::string name_;
+    bool terminal_;
+    bool coloured_;
     fmt::memory_buffer buffer_;
 };
+
+// Removes the temporary file of an output that is not complete, where there is one. For signal handlers too.
+void RemoveUnfinishedOutput() noexcept;
 
 // The output file of a verb. Its bytes go to a temporary file beside it, which takes its place only when it is complete
 // and on disk: an error, a full disk or a signal leaves whatever was there before. "-", and what is no regular file

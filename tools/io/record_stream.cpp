@@ -1,8 +1,11 @@
 #include "io/record_stream.h"
 
 #include "io/failure.h"
-#include "record/do_record.h"
-#include "record/segment_record.h"
+
+#include <crrecord/DORecordHeader.h>
+#include <crrecord/SOmarshall.h>
+#include <crrecord/fingerprint.h>
+#include <crrecord/probe.h>
 
 #include <algorithm>
 #include <array>
@@ -18,27 +21,13 @@ constexpr std::uint64_t kFirstBlock = 256UL * 1024;
 // A record's size is a 32-bit field.
 constexpr std::uint64_t kLargestSize = std::numeric_limits<std::uint32_t>::max();
 
-// How records of a kind are known.
-struct Framing {
-    Kind kind;
-    std::uint64_t headSize; // bytes from which the size can be told
-    std::optional<Order> (*order)(std::span<unsigned char const>) noexcept;
-    SizeClaims (*sizes)(unsigned char const*, Order) noexcept;
-};
-constexpr Framing kFramings[] = {
-    {Kind::Segment, SegmentRecordHeadSize(), SegmentRecordOrder, SegmentRecordSizes},
-    {Kind::DataObject, DORecordHeadSize(), DORecordOrder, DORecordSizes},
-};
-constexpr std::uint64_t kLargestHead = std::max(SegmentRecordHeadSize(), DORecordHeadSize());
+// Bytes from which every known record can tell its size.
+constexpr std::uint64_t kLargestHead = std::max<std::uint64_t>(CR_SO_FIXED_SIZE, CR_DO_HEADER_SIZE);
+// As much of an unknown record is looked at as of one that is cut short.
+constexpr std::uint64_t kUnknownHead = CR_SO_FIXED_SIZE;
 
-// How a record that starts with these bytes is known; null where it is of no known kind or too short to tell.
-Framing const* FramingOf(std::span<unsigned char const> bytes) noexcept {
-    for (Framing const& framing : kFramings) {
-        if (framing.order(bytes)) {
-            return &framing;
-        }
-    }
-    return nullptr;
+constexpr Kind KindOf(cr_record_kind_t kind) noexcept {
+    return kind == CR_RECORD_SEGMENT ? Kind::Segment : kind == CR_RECORD_DO ? Kind::DataObject : Kind::Unknown;
 }
 
 } // namespace
@@ -62,23 +51,25 @@ char const* NameOfFingerprint(unsigned int fptype) noexcept {
     return kNames[fptype];
 }
 
-Record* RecordStream::Next() {
-    begin_ += record_.size;
-    record_.offset += record_.size;
-    record_.size = 0;
-    if (last_ || (Fill(1) == 0 && record_.number != 0)) {
-        return nullptr;
+RecordStream::RecordStream(std::string name, std::optional<FormFacts> form)
+    : input_(std::move(name)), progress_(input_.Name(), input_.ExpectedSize()), form_(form), mapping_(input_.Map()) {
+    if (auto const mapped = mapping_.Bytes(); !mapped.empty()) {
+        bytes_ = mapped.data();
+        end_ = mapped.size();
+        inputEnded_ = true;
     }
-    ++record_.number;
-    Frame();
-    record_.bytes = buffer_.get() + begin_;
-    return &record_;
 }
 
-bool RecordStream::EndsHere() {
-    bool const ends = Fill(record_.size + 1) == record_.size;
-    record_.bytes = buffer_.get() + begin_;
-    return ends;
+std::uint64_t RecordStream::ChooseSize(std::uint64_t recorded, std::uint64_t counted, std::uint64_t least) {
+    if (recorded == counted && recorded >= least && recorded <= kLargestSize) {
+        return recorded;
+    }
+    auto const [near, far] = std::minmax({recorded, counted});
+    auto const possible = [least](std::uint64_t size) { return size >= least && size <= kLargestSize; };
+    if (possible(near) && (!possible(far) || IsBorder(near))) {
+        return near;
+    }
+    return possible(far) ? far : least;
 }
 
 void RecordStream::Frame() {
@@ -87,21 +78,50 @@ void RecordStream::Frame() {
         return;
     }
     std::uint64_t const there = Fill(kLargestHead);
-    std::span<unsigned char const> const bytes(buffer_.get() + begin_, there);
-    Framing const* const framing = FramingOf(bytes);
-    std::uint64_t const headSize = framing ? framing->headSize : SegmentRecordHeadSize();
-    record_.kind = framing ? framing->kind : Kind::Unknown;
-    record_.order = framing ? *framing->order(bytes) : Order::Host;
-    if (there < headSize || !framing) {
+    cr_record_probe_t const probe = CRRecordProbe(bytes_ + begin_, there);
+    std::uint64_t const headSize = probe.kind == CR_RECORD_UNKNOWN ? kUnknownHead : probe.head_size;
+    record_.kind = KindOf(probe.kind);
+    record_.order = probe.network_order != 0 ? Order::Network : Order::Host;
+    if (there < headSize || record_.kind == Kind::Unknown) {
         record_.size = std::min(there, headSize);
         record_.endsTooEarly = there < headSize;
         last_ = true;
         return;
     }
-    std::uint64_t const size = ChooseSize(framing->sizes(bytes.data(), record_.order), headSize);
+    std::uint64_t const size = ChooseSize(probe.recorded_size, probe.counted_size, headSize);
     record_.size = std::min(size, Fill(size));
     record_.endsTooEarly = record_.size < size;
     last_ = record_.endsTooEarly;
+}
+
+Record* RecordStream::Next() {
+    begin_ += record_.size;
+    record_.offset += record_.size;
+    if (record_.offset >= nextMark_) {
+        nextMark_ = record_.offset + Mapping::kWindow;
+        PassMark();
+    }
+    record_.size = 0;
+    if (last_ || (Fill(1) == 0 && record_.number != 0)) {
+        return nullptr;
+    }
+    ++record_.number;
+    Frame();
+    record_.bytes = bytes_ + begin_;
+    return &record_;
+}
+
+void RecordStream::PassMark() {
+    progress_.At(record_.offset);
+    if (!mapping_.Bytes().empty()) {
+        mapping_.MoveTo(begin_);
+    }
+}
+
+bool RecordStream::EndsHere() {
+    bool const ends = Fill(record_.size + 1) == record_.size;
+    record_.bytes = bytes_ + begin_;
+    return ends;
 }
 
 void RecordStream::FrameForm() {
@@ -112,30 +132,20 @@ void RecordStream::FrameForm() {
     last_ = true;
 }
 
-std::uint64_t RecordStream::ChooseSize(SizeClaims claims, std::uint64_t least) {
-    auto const [near, far] = std::minmax({claims.recorded, claims.counted});
-    auto const possible = [least](std::uint64_t size) { return size >= least && size <= kLargestSize; };
-    if (possible(near) && (near == far || !possible(far) || IsBorder(near))) {
-        return near;
-    }
-    return possible(far) ? far : least;
-}
-
 // Whether another record begins `position` bytes behind the beginning of this one, or the input ends there.
 bool RecordStream::IsBorder(std::uint64_t position) {
     std::uint64_t const there = Fill(position + kLargestHead);
     return there == position ||
-           (there > position && FramingOf({buffer_.get() + begin_ + position, there - position}) != nullptr);
+           (there > position && CRRecordProbe(bytes_ + begin_ + position, there - position).kind != CR_RECORD_UNKNOWN);
 }
 
-std::uint64_t RecordStream::Fill(std::uint64_t need) {
+void RecordStream::ReadOn(std::uint64_t need) {
     while (end_ - begin_ < need && !inputEnded_) {
         MakeRoom(need);
-        std::size_t const count = input_.Read({buffer_.get() + end_, capacity_ - end_});
+        std::size_t const count = input_.Read({bytes_ + end_, capacity_ - end_});
         end_ += count;
         inputEnded_ = count == 0;
     }
-    return end_ - begin_;
 }
 
 void RecordStream::MakeRoom(std::uint64_t need) {
@@ -143,7 +153,7 @@ void RecordStream::MakeRoom(std::uint64_t need) {
         return;
     }
     if (begin_ != 0) {
-        std::memmove(buffer_.get(), buffer_.get() + begin_, end_ - begin_);
+        std::memmove(bytes_, bytes_ + begin_, end_ - begin_);
         end_ -= begin_;
         begin_ = 0;
         return;
@@ -159,6 +169,7 @@ void RecordStream::MakeRoom(std::uint64_t need) {
     // realloc has taken the former block over.
     [[maybe_unused]] unsigned char* const former = buffer_.release();
     buffer_.reset(static_cast<unsigned char*>(grown));
+    bytes_ = buffer_.get();
     capacity_ = wanted;
 }
 

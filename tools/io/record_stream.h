@@ -3,6 +3,7 @@
 #pragma once
 
 #include "io/input.h"
+#include "io/progress.h"
 #include "support/byteorder.h"
 
 #include <cstdlib>
@@ -12,12 +13,6 @@
 namespace crrecord::tool {
 
 enum class Kind { Segment, DataObject, Form, Unknown };
-
-// What a record says of its size by its first bytes. Nothing about either is checked.
-struct SizeClaims {
-    std::uint64_t recorded; // by its record size
-    std::uint64_t counted;  // by its counts
-};
 
 // What must be told of an exchange form of a DO record, which carries no mark.
 struct FormFacts {
@@ -51,12 +46,11 @@ char const* NameOfFingerprint(unsigned int fptype) noexcept;
 // An exchange form says nothing of itself: where one is expected, it is all of the input.
 //
 // Memory: one record, and never more than twice the bytes that were really read beyond a first block, whatever a record
-// claims.
+// claims. A regular file is mapped, not read.
 class RecordStream {
 public:
     // With `form` the input is an exchange form.
-    explicit RecordStream(std::string name, std::optional<FormFacts> form = std::nullopt)
-        : input_(std::move(name)), form_(form) {}
+    explicit RecordStream(std::string name, std::optional<FormFacts> form = std::nullopt);
 
     std::string const& Name() const { return input_.Name(); }
 
@@ -71,19 +65,30 @@ private:
     };
 
     // Reads until `need` bytes of the current record are there or the input ends; says how many are.
-    std::uint64_t Fill(std::uint64_t need);
+    std::uint64_t Fill(std::uint64_t need) {
+        if (end_ - begin_ < need && !inputEnded_) {
+            ReadOn(need);
+        }
+        return end_ - begin_;
+    }
+    void ReadOn(std::uint64_t need);
     void MakeRoom(std::uint64_t need);
-    void Frame();
+    void PassMark();
+    inline void Frame();
     void FrameForm();
-    std::uint64_t ChooseSize(SizeClaims claims, std::uint64_t least);
+    inline std::uint64_t ChooseSize(std::uint64_t recorded, std::uint64_t counted, std::uint64_t least);
     bool IsBorder(std::uint64_t position);
 
     Input input_;
+    Progress progress_;
     std::optional<FormFacts> form_;
-    std::unique_ptr<unsigned char, Free> buffer_;
+    Mapping mapping_;                             // of a regular file, and then all of it was read
+    std::unique_ptr<unsigned char, Free> buffer_; // of anything else
+    unsigned char* bytes_ = nullptr;              // of either
     std::uint64_t capacity_ = 0;
     std::uint64_t begin_ = 0; // of the current record in the buffer
     std::uint64_t end_ = 0;   // of what was read into the buffer
+    std::uint64_t nextMark_ = Mapping::kWindow;
     bool inputEnded_ = false;
     bool last_ = false;
     Record record_{};

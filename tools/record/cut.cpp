@@ -9,6 +9,7 @@
 #include <span>
 #include <vector>
 
+#include <fmt/format.h>
 #include <libdeflate.h>
 
 namespace crrecord::tool {

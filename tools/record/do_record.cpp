@@ -36,22 +36,6 @@ std::unique_ptr<DORecord> Open(Record const& record) {
 
 } // namespace
 
-std::optional<Order> DORecordOrder(std::span<unsigned char const> bytes) noexcept {
-    for (Order const order : {Order::Network, Order::Host}) {
-        if (bytes.size() >= sizeof DORecordHeader::type &&
-            Load<std::uint16_t>(bytes.data(), order) == CR_DO_RECORD_TYPE) {
-            return order;
-        }
-    }
-    return std::nullopt;
-}
-
-SizeClaims DORecordSizes(unsigned char const* head, Order order) noexcept {
-    auto const* const header = reinterpret_cast<DORecordHeader const*>(head);
-    return {order == Order::Host ? header->recsize : Turned(std::uint32_t{header->recsize}),
-            RecordLayout(CountsOf(header, order)).total};
-}
-
 void TurnDORecord(Record const& record, Order order) noexcept {
     if (record.order != order) {
         auto* const header = reinterpret_cast<DORecordHeader*>(record.bytes);

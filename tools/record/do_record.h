@@ -14,17 +14,6 @@
 
 namespace crrecord::tool {
 
-// Bytes from which a DO record's size can be told.
-constexpr std::uint64_t DORecordHeadSize() noexcept {
-    return CR_DO_HEADER_SIZE;
-}
-
-// The order of what may be the start of a DO record; none where it is something else or too short to tell.
-std::optional<Order> DORecordOrder(std::span<unsigned char const> bytes) noexcept;
-
-// `head` has DORecordHeadSize() bytes.
-SizeClaims DORecordSizes(unsigned char const* head, Order order) noexcept;
-
 // Brings the bytes of a valid record, which are still as they were found, into `order`.
 void TurnDORecord(Record const& record, Order order) noexcept;
 

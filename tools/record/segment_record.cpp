@@ -86,22 +86,6 @@ _SegmentDBRecord& AsSegmentRecord(Record const& record) noexcept {
     return *reinterpret_cast<_SegmentDBRecord*>(record.bytes);
 }
 
-std::optional<Order> SegmentRecordOrder(std::span<unsigned char const> bytes) noexcept {
-    for (Order const order : {Order::Network, Order::Host}) {
-        if (bytes.size() >= FieldOf("type").width &&
-            Load<std::uint16_t>(bytes.data() + FieldOf("type").offset, order) == CR_SO_RECORD_TYPE) {
-            return order;
-        }
-    }
-    return std::nullopt;
-}
-
-SizeClaims SegmentRecordSizes(unsigned char const* head, Order order) noexcept {
-    auto const field = [&](segment::Field which) { return Load<std::uint32_t>(head + which.offset, order); };
-    return {field(FieldOf("recsize")),
-            segment::RecordSize(field(FieldOf("ntaskids")), field(FieldOf("nfp")), head[FieldOf("fptype").offset])};
-}
-
 void TurnSegmentRecord(Record const& record, Order order) noexcept {
     _SegmentDBRecord* const stored = &AsSegmentRecord(record);
     if (record.order != order) {

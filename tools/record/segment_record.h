@@ -13,17 +13,6 @@
 
 namespace crrecord::tool {
 
-// Bytes from which a segment record's size can be told.
-constexpr std::uint64_t SegmentRecordHeadSize() noexcept {
-    return CR_SO_FIXED_SIZE;
-}
-
-// The order of what may be the start of a segment record; none where it is something else or too short to tell.
-std::optional<Order> SegmentRecordOrder(std::span<unsigned char const> bytes) noexcept;
-
-// `head` has SegmentRecordHeadSize() bytes.
-SizeClaims SegmentRecordSizes(unsigned char const* head, Order order) noexcept;
-
 // Brings the bytes of a valid record, which are still as they were found, into `order`.
 void TurnSegmentRecord(Record const& record, Order order) noexcept;
 

@@ -27,9 +27,9 @@ struct Tally {
 void PrintSummary(Output& out, std::string const& name, Tally const& tally) {
     out.Print("{}: {}, {}: ", Printable(name), Counted(tally.records, "record"), Counted(tally.bytes, "byte"));
     if (tally.bad == 0) {
-        out.Write("all valid");
+        out.Write(out.Paint("all valid", Colour::Good));
     } else {
-        out.Print("{} bad, {} valid", tally.bad, tally.records - tally.bad);
+        out.Print("{}, {} valid", out.Paint(fmt::format("{} bad", tally.bad), Colour::Bad), tally.records - tally.bad);
     }
     if (tally.notes != 0) {
         out.Print(", {}", Counted(tally.notes, "note"));
@@ -58,7 +58,8 @@ ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Out
             continue;
         }
         for (Finding const& finding : findings) {
-            out.Print("{}\n", Printable(Describe(stream.Name(), *record, finding)));
+            Colour const colour = finding.severity == CR_FINDING_ERROR ? Colour::Bad : Colour::Warning;
+            out.Print("{}\n", out.Paint(Printable(Describe(stream.Name(), *record, finding)), colour));
         }
     }
     if (!options.json && !options.quiet) {

@@ -1,0 +1,51 @@
+#include <crrecord/probe.h>
+
+#include "support/record_bytes.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+RecordValues TwoSegments() {
+    return {.dotype = 3,
+            .fptype = 1,
+            .size = 5,
+            .segments = {{Bytes(16, 1), 2, 0, 64}, {Bytes(16, 2), 3, 2, 65}},
+            .references = {{2, 17}}};
+}
+
+TEST(Probe, TellsKindOrderAndSizesFromTheHeadAlone) {
+    for (bool const network : {false, true}) {
+        Bytes const object = Spell(TwoSegments(), network).bytes;
+        Bytes const segment = Golden({network});
+        for (auto const& [bytes, kind, head] :
+             {std::tuple(object, CR_RECORD_DO, 80U), std::tuple(segment, CR_RECORD_SEGMENT, 96U)}) {
+            for (std::size_t available = 0; available <= bytes.size(); ++available) {
+                Bytes const part(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(available));
+                cr_record_probe_t const probe = CRRecordProbe(part.data(), part.size());
+                std::size_t const told = available < head ? 0 : bytes.size();
+                EXPECT_EQ(probe.kind, available < 2 ? CR_RECORD_UNKNOWN : kind);
+                EXPECT_EQ(probe.head_size, available < 2 ? 0 : head);
+                EXPECT_EQ(probe.recorded_size, told);
+                EXPECT_EQ(probe.counted_size, told);
+                EXPECT_EQ(probe.network_order != 0, available >= 2 && network);
+            }
+        }
+    }
+}
+
+TEST(Probe, TellsClaimsAsTheyAre) {
+    Bytes bytes(80, 0xff);
+    EXPECT_EQ(CRRecordProbe(bytes.data(), bytes.size()).kind, CR_RECORD_UNKNOWN);
+    bytes[0] = 0;
+    bytes[1] = 3;
+    bytes[0x4c] = 3; // fingerprint type
+    bytes[0x4d] = 3; // DO type
+    cr_record_probe_t const probe = CRRecordProbe(bytes.data(), bytes.size());
+    unsigned long const most = 0xffffffff;
+    EXPECT_EQ(probe.recorded_size, most);
+    // Entries with DCIDs, unique list, legacy arrays, references: more than 32 bits can say.
+    EXPECT_EQ(probe.counted_size, 80 + 52 * most + 8 + 16 * most + 8 * most + 4 * most + most + 24);
+}
+
+} // namespace
