@@ -13,7 +13,7 @@ const require = createRequire(resolve(modules, "package.json"));
 const { KaitaiStream } = require("kaitai-struct");
 const file = (path) => new URL(`../../${path}`, import.meta.url);
 
-// The runtime reads 64-bit numbers with the 53 bits of JavaScript's own. Here they become text, as the command has them.
+// The runtime reads 64-bit numbers with the 53 bits of JavaScript's own. Here they become text, as in the command's.
 for (const [name, littleEndian] of [["readU8le", true], ["readU8be", false]]) {
     KaitaiStream.prototype[name] = function () {
         return String(new DataView(new Uint8Array(this.readBytes(8)).buffer).getBigUint64(0, littleEndian));
@@ -54,21 +54,24 @@ const hex = (bytes) => Buffer.from(bytes).toString("hex");
 const header = (type, { crc, cid, reserved2, ...record }) => ({
     CRC: crc, ...(cid && { CID: cid, reserved2: [...reserved2] }),
     ...Object.fromEntries(headInKsy(type).filter(([name]) => name in record).map(([name]) => [name, record[name]])) });
-const segmentMembers = (record) => ({ ...header("segment_record", record), key: hex(record.key), taskids: record.taskids,
-                                      fingerprints: record.fingerprints.map(hex), spare: record.spare });
+const segmentMembers = ({ taskids, fingerprints, spare, ...record }) => ({
+    ...header("segment_record", record), key: hex(record.key), taskids, fingerprints: fingerprints.map(hex), spare });
+const reference = (kind, id) => `${{ 2: "task", 4: "dsid" }[kind] ?? `ref${kind}`}:${id}`;
 const containers = (unique) => (unique?.entries ?? []).map(({ dcid, bytes }) => ({ dcid, bytes }));
-const segments = ({ entries, dcids, size: total, ssize }, text) => entries.map(({ fingerprint, size, offset }, index) => ({
+const segments = ({ entries, dcids, ...record }, text) => entries.map(({ fingerprint, size, offset }, index) => ({
     index, fingerprint: text(fingerprint), dcid: dcids[index], ...(offset !== undefined && { offset: String(offset) }),
-    size: size ?? Number(index < entries.length - 1 ? ssize : BigInt(total) - BigInt(ssize) * BigInt(index)) }));
+    size: size ?? Math.min(record.ssize, record.size - record.ssize * index) }));
 const objectMembers = ({ bloom, unique, tail, ...record }, shown) => ({
     ...header("do_record", record), ...(bloom && { bitmap: hex(bloom.bitmap) }), containers: containers(unique),
     nudcid: unique?.count ?? 0, segments: segments(record, hex),
-    references: record.references.items.map(({ kind, id }) => `${{ 2: "task", 4: "dsid" }[kind] ?? `ref${kind}`}:${id}`),
-    legacy_references: [...record.legacyTaskids.map((id) => `task:${id}`), ...record.legacyDsids.map((id) => `dsid:${id}`)],
+    references: record.references.items.map(({ kind, id }) => reference(kind, id)),
+    legacy_references: [...record.legacyTaskids.map((id) => reference(2, id)),
+                        ...record.legacyDsids.map((id) => reference(4, id))],
     // What the command shows only where a canonical record has something else.
     ...("list_checksum" in shown && { list_checksum: unique.checksum }),
     ...(bloom && bloom.length !== record.bsize && { bloom_length: bloom.length }),
-    ...(bloom?.zeros.some(Boolean) && { bloom_zeros: hex(bloom.zeros) }), ...(tail.some(Boolean) && { tail: hex(tail) }) });
+    ...(bloom?.zeros.some(Boolean) && { bloom_zeros: hex(bloom.zeros) }),
+    ...(tail.some(Boolean) && { tail: hex(tail) }) });
 const formMembers = ({ size, ssize, crc, nfp, bloom, ...rest }) => ({
     size, ssize, CRC: crc, nfp, bsize: bloom?.bsize ?? 0, ...(bloom && { bitmap: hex(bloom.bitmap) }),
     containers: containers(bloom?.unique), segments: segments({ size, ssize, ...rest }, String) });

@@ -11,10 +11,10 @@ import struct
 import zlib
 
 HOST, NETWORK = "<", ">"
-SEGMENT_HEADER = ("type:H flags:H recsize:I word8:I ntaskids:I checktime:I word20:I= pathid:Q fileid:Q size:Q CRC:I nfp:I "
-                  "key:33s= fptype:B= cryptomode:B= reserved:B= keyindex:H= word94:H=")
-DO_HEADER = ("type:H flags:H recsize:I reserved:I= checktime:I CID:Q size:Q ssize:Q CRC:I ctime:I mtime:I ntaskid:I= nfp:I "
-             "nudcid:I nds:I= trefssize:I bsize:I fptype:B= dotype:B= reserved2:2s=")
+SEGMENT_HEADER = ("type:H flags:H recsize:I word8:I ntaskids:I checktime:I word20:I= pathid:Q fileid:Q size:Q CRC:I "
+                  "nfp:I key:33s= fptype:B= cryptomode:B= reserved:B= keyindex:H= word94:H=")
+DO_HEADER = ("type:H flags:H recsize:I reserved:I= checktime:I CID:Q size:Q ssize:Q CRC:I ctime:I mtime:I ntaskid:I= "
+             "nfp:I nudcid:I nds:I= trefssize:I bsize:I fptype:B= dotype:B= reserved2:2s=")
 KINDS = {2: "task", 4: "dsid", 6: "ref6", 10: "ref10"}
 TIME = 0x65920080
 
@@ -60,8 +60,8 @@ def segment(fptype=0, taskids=(), count=1, spare=0, **changes):
     }
 
 
-def do_record(dotype, fptype, pieces=(), listed=(), references=(), bitmap=b"", legacy=((), ()), summed=HOST, length=None,
-              zeros=bytes(16), tail=None, hole=0, **changes):
+def do_record(dotype, fptype, pieces=(), listed=(), references=(), bitmap=b"", legacy=((), ()), summed=HOST,
+              length=None, zeros=bytes(16), tail=None, hole=0, **changes):
     """The files of a record: `pieces` are (size, container, gap in front), `listed` the list's (container, bytes)."""
     count, tail = len(pieces), tail or bytes(4 if dotype == 4 else 24)
     length = len(bitmap) if length is None else length
@@ -138,7 +138,8 @@ OBJECTS = {
     "do2-sha256-128": do_record(2, 2, THREE, LIST, [TASK, DSID], flags=4),
     "do2-sha256": do_record(2, 3, THREE, references=[REF6], flags=6),
     "do3-md5-gaps": do_record(3, 0, GAPS, [(64, 80), (65, 1), (66, 90)], [TASK, REF6], hole=1000),
-    "do3-sha1-far": do_record(3, 1, FAR, [((1 << 53) + 1, 3), (1 << 63, 0x7FFFFFFF)], CID=(1 << 63) + 1, CRC=0xFFFFFFFF),
+    "do3-sha1-far": do_record(3, 1, FAR, [((1 << 53) + 1, 3), (1 << 63, 0x7FFFFFFF)],
+                              CID=(1 << 63) + 1, CRC=0xFFFFFFFF),
     "do3-sha256": do_record(3, 3, THREE, references=[TASK]),
     "do4-empty": do_record(4, 0, size=0),
     "do4-md5": do_record(4, 0, listed=LIST, bitmap=bytes(range(1, 9)), references=[TASK], size=177),
@@ -153,7 +154,8 @@ OBJECTS = {
     "noted-do-list-unsorted": do_record(2, 3, THREE, [(70, 90), (64, 87)], [TASK]),
     "noted-do-reference-order": do_record(5, 0, THREE, references=[REF6, TASK, TASK, DSID]),
     "noted-do-non-zero": do_record(3, 0, THREE[:1], reserved=0x01020304, reserved2=b"\5\6", tail=bytes(range(7, 31))),
-    "noted-do-non-zero.bloom": do_record(4, 2, listed=[(64, 9)], bitmap=b"!", zeros=bytes(15) + b"z", tail=b"\0tt\0", size=9),
+    "noted-do-non-zero.bloom": do_record(4, 2, listed=[(64, 9)], bitmap=b"!", zeros=bytes(15) + b"z", tail=b"\0tt\0",
+                                         size=9),
     "noted-so-flags": segment(flags=1),
     "noted-so-dcid": segment(pathid=5),
     "noted-so-reserved": segment(reserved=0xEE),
