@@ -59,6 +59,7 @@ ExitCode Run(int argc, char** argv) {
     AddBuild(app, chosen);
     AddShow(app, chosen);
     AddValidate(app, chosen);
+    AddAnnotate(app, chosen);
     AddConvert(app, chosen);
     AddDigest(app, chosen);
     AddVerify(app, chosen);

@@ -118,6 +118,15 @@ void RecordStream::PassMark() {
     }
 }
 
+bool RecordStream::NextBlock() {
+    begin_ += record_.size;
+    record_.offset += record_.size;
+    record_.size = 0;
+    record_.size = std::min(Fill(kFirstBlock), kFirstBlock);
+    record_.bytes = bytes_ + begin_;
+    return record_.size != 0;
+}
+
 bool RecordStream::EndsHere() {
     bool const ends = Fill(record_.size + 1) == record_.size;
     record_.bytes = bytes_ + begin_;

@@ -22,10 +22,6 @@ bool Keep(cr_finding_t const* finding, void* context) {
     return depth == Depth::Everything || !isError;
 }
 
-char const* NameOf(int severity) noexcept {
-    return severity == CR_FINDING_ERROR ? "error" : "note";
-}
-
 char const* RemarkOn(Record const& record) noexcept {
     if (record.endsTooEarly) {
         return record.size == 0 ? " (the input is empty)" : " (the input ends within this record)";
@@ -34,6 +30,10 @@ char const* RemarkOn(Record const& record) noexcept {
 }
 
 } // namespace
+
+char const* NameOfSeverity(int severity) noexcept {
+    return severity == CR_FINDING_ERROR ? "error" : "note";
+}
 
 bool Diagnose(Record const& record, Depth depth, std::vector<Finding>& findings) {
     findings.clear();
@@ -57,7 +57,7 @@ bool Diagnose(Record const& record, Depth depth, std::vector<Finding>& findings)
 
 std::string Describe(std::string_view file, Record const& record, Finding const& finding) {
     return fmt::format("{}: record {} at byte {}: {} {} in {} at byte {}: found {}, expected {}: {}{}", file,
-                       record.number, record.offset, NameOf(finding.severity), CRFindingName(finding.code),
+                       record.number, record.offset, NameOfSeverity(finding.severity), CRFindingName(finding.code),
                        finding.field, record.offset + finding.offset, finding.found, finding.expected, finding.message,
                        RemarkOn(record));
 }
@@ -79,7 +79,7 @@ void AppendJsonFindings(fmt::memory_buffer& to, std::vector<Finding> const& find
             std::back_inserter(to),
             FMT_COMPILE(
                 R"({}{{"code":{},"name":"{}","severity":"{}","offset":"{}","found":"{}","expected":"{}","field":{},"message":{}}})"),
-            separator, finding.code, CRFindingName(finding.code), NameOf(finding.severity), finding.offset,
+            separator, finding.code, CRFindingName(finding.code), NameOfSeverity(finding.severity), finding.offset,
             finding.found, finding.expected, JsonQuoted(finding.field), JsonQuoted(finding.message));
         separator = ",";
     }

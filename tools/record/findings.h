@@ -22,6 +22,8 @@ struct Finding {
     std::string message;
 };
 
+char const* NameOfSeverity(int severity) noexcept;
+
 enum class Depth { Everything, FirstError };
 
 // Whether the record, whose bytes are still as they were found, may be used. `findings` gets what was found, and

@@ -21,10 +21,6 @@ constexpr char const* kDotypeNames[] = {"fingerprints of segments of one size (o
                                         "fingerprints, sizes, 32-bit offsets"};
 static_assert(std::size(kDotypeNames) == CR_DO_TYPE_4_BYTE_OFFSET + 1);
 
-std::string TimeText(unsigned int seconds) {
-    return seconds == 0 ? "never" : fmt::format("{:%Y-%m-%d %H:%M:%S} UTC", fmt::gmtime(std::time_t{seconds}));
-}
-
 std::string ReferenceText(cr_reftype_t kind, unsigned long id) {
     _cr_tref_t* reference = CRTRefNew(kind, id);
     char text[CR_TREF_TEXT_SIZE];
@@ -64,7 +60,7 @@ void PrintHeader(Output& out, Record const& record, DORecordView const& view) {
         out.Print("Record {} at byte {}: DO record in {} order, {}\n", record.number, record.offset,
                   NameOf(record.order), Counted(record.size, "byte"));
     }
-    row("DO type", fmt::format("{}: {}", view.GetDOType(), kDotypeNames[view.GetDOType()]));
+    row("DO type", fmt::format("{}: {}", view.GetDOType(), NameOfDOType(view.GetDOType())));
     row("fingerprints", fmt::format("{}: {}", view.GetFPType(), NameOfFingerprint(view.GetFPType())));
     row("object", fmt::format("{} in {}", Counted(view.GetSize(), "byte"), Counted(view.Segments().size(), "segment")));
     row("segment size", Counted(view.GetSsize(), "byte"));
@@ -153,6 +149,14 @@ void PrintJsonSegments(Output& out, DORecordView const& view, Range range) {
 }
 
 } // namespace
+
+std::string TimeText(unsigned int seconds) {
+    return seconds == 0 ? "never" : fmt::format("{:%Y-%m-%d %H:%M:%S} UTC", fmt::gmtime(std::time_t{seconds}));
+}
+
+char const* NameOfDOType(unsigned int dotype) noexcept {
+    return kDotypeNames[dotype];
+}
 
 Range ParseRange(std::string const& option, std::string const& text, std::uint64_t least) {
     Range range{least};

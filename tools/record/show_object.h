@@ -22,6 +22,12 @@ constexpr Range kFirstSegments{0, 19};
 // Reads FROM:TO, where either may be missing, of numbers that begin with `least`. Throws CLI::ValidationError.
 Range ParseRange(std::string const& option, std::string const& text, std::uint64_t least);
 
+// "2024-01-01 00:00:00 UTC", or "never" for 0.
+std::string TimeText(unsigned int seconds);
+
+// Of a valid DO type.
+char const* NameOfDOType(unsigned int dotype) noexcept;
+
 // Header, containers, references and segments, or the bitmap's size. The record is as it was found.
 void PrintObject(Output& out, Record const& record, DORecordView const& view, Range segments);
 

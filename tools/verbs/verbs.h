@@ -24,6 +24,7 @@ void AddBuild(CLI::App& app, Action& chosen);
 void AddSegments(CLI::App& app, Action& chosen);
 void AddShow(CLI::App& app, Action& chosen);
 void AddValidate(CLI::App& app, Action& chosen);
+void AddAnnotate(CLI::App& app, Action& chosen);
 void AddConvert(CLI::App& app, Action& chosen);
 void AddDigest(CLI::App& app, Action& chosen);
 void AddVerify(CLI::App& app, Action& chosen);

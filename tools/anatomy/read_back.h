@@ -1,0 +1,23 @@
+// The way back from annotated text to bytes.
+
+#pragma once
+
+#include "io/input.h"
+#include "io/output.h"
+
+#include <stdexcept>
+
+namespace crrecord::tool {
+
+// The text is not what annotate writes; what() says where, and what was expected.
+struct BadText : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Writes the bytes of the lines that have some: an offset, two blanks, bytes of two digits with a blank between them,
+// and then two blanks or the line's end. Each line goes on where the one in front of it ended, the first one at 0.
+// Lines that are empty or begin with '#', '!' or a blank have no bytes. Returns the bytes written. Throws BadText, and
+// InputFailure and Failure.
+std::uint64_t ReadBack(Input& text, OutputFile& to);
+
+} // namespace crrecord::tool
