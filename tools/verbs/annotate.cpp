@@ -78,9 +78,10 @@ void AddAnnotate(CLI::App& app, Action& chosen) {
         verb->add_option("--reverse", options->text,
                          "Write the bytes of what annotate printed of one file, or of it after an edit")
             ->type_name("TEXT");
-    auto* const out = verb->add_option("-o,--out", options->out, "The file that --reverse writes; - is standard output")
-                          ->type_name("OUT")
-                          ->needs(reverse);
+    auto* const written =
+        verb->add_option("-o,--out", options->out, "The file that --reverse writes; - is standard output")
+            ->type_name("OUT")
+            ->needs(reverse);
     reverse->needs(written)->excludes(files)->excludes(json)->excludes(verb->get_option("--serialized"));
     verb->footer(
         "A line has the offset in the file (hexadecimal), up to sixteen bytes, and the section, the field and the "
