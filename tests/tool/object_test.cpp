@@ -108,8 +108,8 @@ TEST_F(Tool, ShowsEveryFieldOfADORecord) {
     values.taskIds = {99};
     values.references.clear();
     Write("in", Spell(values, true).bytes);
-    json const expected = json::parse(R"({"file": "in", "record": 1, "offset": "0", "kind": "do", "order": "network",
-        "valid": true, "type": 3, "flags": 2, "recsize": 260, "reserved": 0, "checktime": 86400, "CID": "65",
+    json const expected = json::parse(R"({"schema": 1, "file": "in", "record": 1, "offset": "0", "kind": "do",
+        "order": "network", "valid": true, "type": 3, "flags": 2, "recsize": 260, "reserved": 0, "checktime": 86400, "CID": "65",
         "size": "8", "ssize": "3", "CRC": 2588679498, "ctime": 555885348, "mtime": 825373492, "ntaskid": 1, "nfp": 3,
         "nudcid": 2, "nds": 0, "trefssize": 0, "bsize": 0, "fptype": 0, "dotype": 3, "reserved2": [0, 0],
         "containers": [{"dcid": "64", "bytes": "6"}, {"dcid": "65", "bytes": "2"}], "references": [],

@@ -49,7 +49,7 @@ TEST_F(Tool, ShowsEveryFieldInEitherOrder) {
     SetLow(host, false, host.size() - 8, 8, 5);
     Write("in", network + host);
     bool const little = std::endian::native == std::endian::little;
-    json expected = json::parse(R"({"file": "in", "kind": "segment", "valid": true, "type": 2, "flags": 2,
+    json expected = json::parse(R"({"schema": 1, "file": "in", "kind": "segment", "valid": true, "type": 2, "flags": 2,
         "recsize": 160, "word8": 286397204, "ntaskids": 3, "checktime": 555885348, "pathid": "72623859790382856",
         "fileid": "3544952156018063160", "size": "4702394921427289928", "CRC": 1364349780, "nfp": 2, "fptype": 1,
         "cryptomode": 193, "reserved": 0, "taskids": ["65", "18446744073709551614", "9332165983064197000"],

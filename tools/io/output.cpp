@@ -65,6 +65,7 @@ void Output::Flush() {
             throw Failure(reason);
         }
     }
+    flushed_ += buffer_.size();
     buffer_.clear();
 }
 

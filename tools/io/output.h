@@ -4,6 +4,7 @@
 
 #include "io/text.h"
 
+#include <cstdint>
 #include <iterator>
 #include <string>
 #include <string_view>
@@ -49,6 +50,9 @@ public:
     // Throws Failure where not everything could be written.
     void Flush();
 
+    // Bytes that were given to it.
+    std::uint64_t Size() const { return flushed_ + buffer_.size(); }
+
 private:
     static constexpr std::size_t kFull = 256UL * 1024;
 
@@ -57,6 +61,7 @@ private:
     bool terminal_;
     bool coloured_;
     fmt::memory_buffer buffer_;
+    std::uint64_t flushed_ = 0;
 };
 
 // Removes the temporary file of an output that is not complete, where there is one. For signal handlers too.
@@ -73,6 +78,8 @@ public:
     OutputFile& operator=(OutputFile const&) = delete;
 
     void Write(void const* bytes, std::size_t size) { output_.Write({static_cast<char const*>(bytes), size}); }
+    // For text that is put together in place.
+    Output& Text() { return output_; }
     // Everything is written: puts the file in its place.
     void Commit();
 

@@ -72,6 +72,40 @@ std::uint64_t RecordStream::ChooseSize(std::uint64_t recorded, std::uint64_t cou
     return possible(far) ? far : least;
 }
 
+bool RecordStream::IsJson() {
+    std::uint64_t position = 0;
+    while (Fill(position + 1) > position && position < kFirstBlock) {
+        char const character = static_cast<char>(bytes_[begin_ + position++]);
+        if (std::string_view(" \t\r\n").find(character) == std::string_view::npos) {
+            return character == '{';
+        }
+    }
+    return false;
+}
+
+Line const* RecordStream::NextLine() {
+    Advance();
+    std::uint64_t size = 0;
+    void const* end = nullptr;
+    for (std::uint64_t there = Fill(1); !end && size < there; there = Fill(size + 1)) {
+        unsigned char const* const text = bytes_ + begin_;
+        end = std::memchr(text + size, '\n', there - size);
+        size = end ? static_cast<std::uint64_t>(static_cast<unsigned char const*>(end) - text) : there;
+        if (!end && !inputEnded_) {
+            MakeRoom(2 * size);
+        }
+    }
+    if (!end && size == 0) {
+        return nullptr;
+    }
+    record_.size = size + (end ? 1 : 0);
+    line_ = {.number = line_.number + 1,
+             .offset = record_.offset,
+             .text = {reinterpret_cast<char const*>(bytes_ + begin_), size},
+             .readable = end_ - begin_};
+    return &line_;
+}
+
 void RecordStream::Frame() {
     if (form_) {
         FrameForm();
@@ -94,14 +128,18 @@ void RecordStream::Frame() {
     last_ = record_.endsTooEarly;
 }
 
-Record* RecordStream::Next() {
+void RecordStream::Advance() {
     begin_ += record_.size;
     record_.offset += record_.size;
+    record_.size = 0;
     if (record_.offset >= nextMark_) {
         nextMark_ = record_.offset + Mapping::kWindow;
         PassMark();
     }
-    record_.size = 0;
+}
+
+Record* RecordStream::Next() {
+    Advance();
     if (last_ || (Fill(1) == 0 && record_.number != 0)) {
         return nullptr;
     }
@@ -119,9 +157,7 @@ void RecordStream::PassMark() {
 }
 
 bool RecordStream::NextBlock() {
-    begin_ += record_.size;
-    record_.offset += record_.size;
-    record_.size = 0;
+    Advance();
     record_.size = std::min(Fill(kFirstBlock), kFirstBlock);
     record_.bytes = bytes_ + begin_;
     return record_.size != 0;

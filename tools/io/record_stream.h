@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
+#include <string_view>
 
 namespace crrecord::tool {
 
@@ -32,6 +33,14 @@ struct Record {
     std::uint64_t size; // bytes that are there
     unsigned char* bytes;
     FormFacts form; // of an exchange form
+};
+
+// One line of an input, without its end. The text lasts until the next line is asked for.
+struct Line {
+    std::uint64_t number; // from 1
+    std::uint64_t offset; // in its input
+    std::string_view text;
+    std::uint64_t readable; // bytes that may be read: those of the text, and what happens to lie behind it
 };
 
 char const* NameOf(Kind kind) noexcept;
@@ -62,6 +71,11 @@ public:
     // Whether the present record is the last of the input. Its bytes may move.
     bool EndsHere();
 
+    // Whether the input is JSON, not records: its first character that is no blank is `{`, with which no record begins.
+    // Before Next. Then NextLine gives its lines, in place of Next; null behind the last.
+    bool IsJson();
+    Line const* NextLine();
+
 private:
     struct Free {
         void operator()(unsigned char* bytes) const { std::free(bytes); }
@@ -76,6 +90,8 @@ private:
     }
     void ReadOn(std::uint64_t need);
     void MakeRoom(std::uint64_t need);
+    // Goes to what follows the present record.
+    void Advance();
     void PassMark();
     inline void Frame();
     void FrameForm();
@@ -95,6 +111,7 @@ private:
     bool inputEnded_ = false;
     bool last_ = false;
     Record record_{};
+    Line line_{};
 };
 
 } // namespace crrecord::tool

@@ -29,6 +29,13 @@ char const* RemarkOn(Record const& record) noexcept {
     return record.kind == Kind::Unknown ? " (no record of a known kind: the rest of the input is not read)" : "";
 }
 
+void AppendJsonKind(fmt::memory_buffer& to, Record const& record) {
+    std::string_view const order = record.kind == Kind::Unknown || record.kind == Kind::Form ? "null"
+                                   : record.order == Order::Network                          ? "\"network\""
+                                                                                             : "\"host\"";
+    fmt::format_to(std::back_inserter(to), FMT_COMPILE(R"(,"kind":"{}","order":{})"), NameOf(record.kind), order);
+}
+
 } // namespace
 
 char const* NameOfSeverity(int severity) noexcept {
@@ -62,13 +69,16 @@ std::string Describe(std::string_view file, Record const& record, Finding const&
                        RemarkOn(record));
 }
 
+void AppendJsonStart(fmt::memory_buffer& to, Record const& record) {
+    fmt::format_to(std::back_inserter(to), FMT_COMPILE(R"({{"schema":{})"), kJsonSchema);
+    AppendJsonKind(to, record);
+}
+
 void AppendJsonStart(fmt::memory_buffer& to, std::string_view quotedFile, Record const& record, bool valid) {
-    std::string_view const order = record.kind == Kind::Unknown || record.kind == Kind::Form ? "null"
-                                   : record.order == Order::Network                          ? "\"network\""
-                                                                                             : "\"host\"";
-    fmt::format_to(std::back_inserter(to),
-                   FMT_COMPILE(R"({{"file":{},"record":{},"offset":"{}","kind":"{}","order":{},"valid":{})"),
-                   quotedFile, record.number, record.offset, NameOf(record.kind), order, valid);
+    fmt::format_to(std::back_inserter(to), FMT_COMPILE(R"({{"schema":{},"file":{},"record":{},"offset":"{}")"),
+                   kJsonSchema, quotedFile, record.number, record.offset);
+    AppendJsonKind(to, record);
+    fmt::format_to(std::back_inserter(to), FMT_COMPILE(R"(,"valid":{})"), valid);
 }
 
 void AppendJsonFindings(fmt::memory_buffer& to, std::vector<Finding> const& findings) {

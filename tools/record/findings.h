@@ -33,8 +33,12 @@ bool Diagnose(Record const& record, Depth depth, std::vector<Finding>& findings)
 // One line without its end: where, what, and why the rest of the input is not read where that is so.
 std::string Describe(std::string_view file, Record const& record, Finding const& finding);
 
+// Version of the JSON form, which every line says. docs/json.md says what may change within one.
+inline constexpr unsigned int kJsonSchema = 1;
+
 // The members with which the JSON object of every record begins, the object left open. `quotedFile` is from
-// JsonQuoted.
+// JsonQuoted; without it nothing is said of where the record was found.
+void AppendJsonStart(fmt::memory_buffer& to, Record const& record);
 void AppendJsonStart(fmt::memory_buffer& to, std::string_view quotedFile, Record const& record, bool valid);
 
 // The member "findings", with its comma.

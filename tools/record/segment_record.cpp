@@ -15,10 +15,6 @@ using segment::FieldOf;
 constexpr char kRow[] = "{:>8}  {:>12}  {:<7}  {:<20}  {:>10}  {:<8}  {:<11}  ";
 constexpr char kKeyColumn[] = "{:<66}  ";
 
-std::span<unsigned char const> TaskIds(_SegmentDBRecord const& stored) noexcept {
-    return {segment::BytesOf(&stored) + CR_SO_FIXED_SIZE, std::size_t{segment::kTaskIdSize} * stored.ntaskids};
-}
-
 std::span<unsigned char const> Fingerprints(_SegmentDBRecord const& stored) noexcept {
     return {segment::BytesOf(&stored) + segment::FingerprintOffset(stored.ntaskids),
             std::size_t{CRFPDigestSize(stored.fptype)} * stored.nfp};
@@ -34,44 +30,6 @@ void AppendKey(fmt::memory_buffer& to, _SegmentDBRecord const& stored) {
     static_assert(CR_SO_KEY_SIZE == kBlock + 1);
     AppendHex(to, stored.key, kBlock);
     fmt::format_to(std::back_inserter(to), FMT_COMPILE("{:02x}"), stored.key[kBlock]);
-}
-
-// 64-bit values as decimal strings, since many readers of JSON lose bits beyond 2^53.
-template <std::size_t I>
-void AppendJsonField(fmt::memory_buffer& to, unsigned char const* bytes) {
-    constexpr segment::Field kField = segment::kFields[I];
-    auto out = std::back_inserter(to);
-    unsigned char const* const at = bytes + kField.offset;
-    if constexpr (kField.width == 1) {
-        fmt::format_to(out, FMT_COMPILE(",\"{}\":{}"), kField.name, *at);
-    } else if constexpr (kField.width == 2) {
-        fmt::format_to(out, FMT_COMPILE(",\"{}\":{}"), kField.name, Load<std::uint16_t>(at));
-    } else if constexpr (kField.width == 4) {
-        fmt::format_to(out, FMT_COMPILE(",\"{}\":{}"), kField.name, Load<std::uint32_t>(at));
-    } else if constexpr (kField.width == 8) {
-        fmt::format_to(out, FMT_COMPILE(",\"{}\":\"{}\""), kField.name, Load<std::uint64_t>(at));
-    } else {
-        static_assert(kField.offset == FieldOf("key").offset, "a field that has no JSON form yet");
-    }
-}
-
-void AppendTaskIds(fmt::memory_buffer& to, _SegmentDBRecord const& stored) {
-    char const* separator = "";
-    for (auto ids = TaskIds(stored); !ids.empty(); ids = ids.subspan(segment::kTaskIdSize)) {
-        fmt::format_to(std::back_inserter(to), FMT_COMPILE("{}\"{}\""), separator, Load<std::uint64_t>(ids.data()));
-        separator = ",";
-    }
-}
-
-void AppendFingerprints(fmt::memory_buffer& to, _SegmentDBRecord const& stored) {
-    unsigned int const width = CRFPDigestSize(stored.fptype);
-    std::string_view quote = "\"";
-    for (auto left = Fingerprints(stored); !left.empty(); left = left.subspan(width)) {
-        to.append(quote);
-        AppendHex(to, left.data(), width);
-        to.push_back('"');
-        quote = ",\"";
-    }
 }
 
 std::string PlaceOf(_SegmentDBRecord const& stored) {
@@ -91,24 +49,6 @@ void TurnSegmentRecord(Record const& record, Order order) noexcept {
     if (record.order != order) {
         (order == Order::Network ? SegmentRecordHton : SegmentRecordNtoh)(stored, stored, 0);
     }
-}
-
-void AppendSegmentJson(fmt::memory_buffer& to, Record const& record, bool showKey) {
-    _SegmentDBRecord const& stored = AsSegmentRecord(record);
-    ForEachIndex<segment::kFields>([&]<std::size_t I>() { AppendJsonField<I>(to, record.bytes); });
-    to.append(std::string_view(",\"key\":\""));
-    if (showKey) {
-        AppendKey(to, stored);
-    } else {
-        to.append(std::string_view("masked"));
-    }
-    to.append(std::string_view("\",\"taskids\":["));
-    AppendTaskIds(to, stored);
-    to.append(std::string_view("],\"fingerprints\":["));
-    AppendFingerprints(to, stored);
-    // No conversion touches the spare slot: it stands in the order in which the record was found.
-    fmt::format_to(std::back_inserter(to), FMT_COMPILE("],\"spare\":\"{}\""),
-                   Load<std::uint64_t>(record.bytes + record.size - segment::kSpareSize, record.order));
 }
 
 void AppendSegmentHeading(fmt::memory_buffer& to, bool showKey) {

@@ -18,9 +18,7 @@ void TurnSegmentRecord(Record const& record, Order order) noexcept;
 
 _SegmentDBRecord& AsSegmentRecord(Record const& record) noexcept;
 
-// For valid records whose bytes were turned to host order: the members of the JSON object, each with a comma in front,
-// and the row of the table.
-void AppendSegmentJson(fmt::memory_buffer& to, Record const& record, bool showKey);
+// For valid records whose bytes were turned to host order: the rows of the table.
 void AppendSegmentHeading(fmt::memory_buffer& to, bool showKey);
 void AppendSegmentRow(fmt::memory_buffer& to, Record const& record, bool showKey);
 

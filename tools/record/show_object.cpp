@@ -2,6 +2,7 @@
 
 #include "io/failure.h"
 #include "record/do_record.h"
+#include "record/references.h"
 
 #include <charconv>
 #include <ctime>
@@ -20,34 +21,6 @@ constexpr char const* kDotypeNames[] = {"fingerprints of segments of one size (o
                                         "bloom filter",
                                         "fingerprints, sizes, 32-bit offsets"};
 static_assert(std::size(kDotypeNames) == CR_DO_TYPE_4_BYTE_OFFSET + 1);
-
-std::string ReferenceText(cr_reftype_t kind, unsigned long id) {
-    _cr_tref_t* reference = CRTRefNew(kind, id);
-    char text[CR_TREF_TEXT_SIZE];
-    CRTRefToString(text, sizeof text, reference);
-    CRTRefDelete(&reference);
-    return text;
-}
-
-// Those of the legacy arrays.
-template <class Use>
-void ForEachLegacyReference(DORecordView const& view, Use use) {
-    for (unsigned int i = 0; i < view.GetLegacyTaskIDs(); ++i) {
-        auto const id = Load<std::uint64_t>(DORecordHeaderIndexOfTaskId(view.GetHeader(), i));
-        use(ReferenceText(CR_REFTYPE_TASKID, id));
-    }
-    for (unsigned int i = 0; i < view.GetLegacyDSIDs(); ++i) {
-        auto const id = Load<std::uint32_t>(DORecordHeaderIndexOfDataSelection(view.GetHeader(), i));
-        use(ReferenceText(CR_REFTYPE_DSID, id));
-    }
-}
-
-template <class Use>
-void ForEachReference(DORecordView const& view, Use use) {
-    for (DOReference const reference : view.References()) {
-        use(ReferenceText(reference.kind, reference.id));
-    }
-}
 
 void PrintHeader(Output& out, Record const& record, DORecordView const& view) {
     auto const row = [&out](std::string_view name, std::string const& value) {
@@ -93,14 +66,9 @@ void PrintReferences(Output& out, DORecordView const& view) {
     ForEachReference(view, [&](std::string const& text) { out.Print("  {}\n", text); });
 }
 
-// One past the last segment of the range that the record has.
-std::uint64_t EndOf(Range range, DOSegmentRange const& segments) {
-    return range.last < segments.size() ? range.last + 1 : segments.size();
-}
-
 void PrintSegments(Output& out, DORecordView const& view, Range range) {
     DOSegmentRange const segments = view.Segments();
-    std::uint64_t const end = EndOf(range, segments);
+    std::uint64_t const end = range.EndOf(segments.size());
     if (range.first >= end) {
         return;
     }
@@ -114,38 +82,6 @@ void PrintSegments(Output& out, DORecordView const& view, Range range) {
     if (range.first != 0 || end != segments.size()) {
         out.Print("Segments {} to {} of {}; --segments FROM:TO shows others\n", range.first, end - 1, segments.size());
     }
-}
-
-void PrintJsonHeader(Output& out, DORecordView const& view) {
-    DORecordHeader const* const header = view.GetHeader();
-    unsigned int const reserved = header->reserved;
-    out.Print(R"(,"type":{},"flags":{},"recsize":{},"reserved":{},"checktime":{},"CID":"{}","size":"{}",)"
-              R"("ssize":"{}","CRC":{},"ctime":{},"mtime":{},"ntaskid":{},"nfp":{},"nudcid":{},"nds":{},)"
-              R"("trefssize":{},"bsize":{},"fptype":{},"dotype":{},"reserved2":[{},{}])",
-              CR_DO_RECORD_TYPE, view.GetFlags(), view.GetHeaderSize(), reserved, view.GetCheckTime(), view.GetDCID(),
-              view.GetSize(), view.GetSsize(), view.GetCrc(), view.GetCTime(), view.GetMTime(), view.GetLegacyTaskIDs(),
-              view.GetNfp(), view.GetNudcid(), view.GetLegacyDSIDs(), view.GetTRefsSize(), view.GetBSize(),
-              view.GetFPType(), view.GetDOType(), header->reserved2[0], header->reserved2[1]);
-}
-
-void PrintJsonSegments(Output& out, DORecordView const& view, Range range) {
-    bool const hasOffset = view.GetDOType() >= CR_DO_TYPE_8_BYTE_OFFSET; // a bloom record has no segments
-    char const* separator = "";
-    DOSegmentRange const segments = view.Segments();
-    out.Write(R"(,"segments":[)");
-    ForEachSegment(segments, view.GetDOType(), EndOf(range, segments), [&](auto index, auto, DOSegment const& segment) {
-        if (index < range.first) {
-            return;
-        }
-        out.Print(R"({}{{"index":{},"fingerprint":"{}","size":{},)", separator, index,
-                  TextOf(segment.fingerprint, view.GetFPType()), segment.size);
-        if (hasOffset) {
-            out.Print(R"("offset":"{}",)", segment.offset);
-        }
-        out.Print(R"("dcid":"{}"}})", segment.dcid);
-        separator = ",";
-    });
-    out.Write("]");
 }
 
 } // namespace
@@ -178,32 +114,6 @@ void PrintObject(Output& out, Record const& record, DORecordView const& view, Ra
     PrintContainers(out, view.UniqueDCIDs());
     PrintReferences(out, view);
     PrintSegments(out, view, segments);
-}
-
-void PrintObjectJson(Output& out, DORecordView const& view, Range segments) {
-    PrintJsonHeader(out, view);
-    if (view.GetDOType() == CR_DO_TYPE_BLOOM_FILTER) {
-        unsigned char const* const bitmap = view.GetBloom();
-        out.Print(R"(,"bitmap":"{:02x}")", fmt::join(bitmap, bitmap + view.GetBSize(), ""));
-    }
-    out.Write(R"(,"containers":[)");
-    char const* separator = "";
-    for (DOUniqueDCID const container : view.UniqueDCIDs()) {
-        out.Print(R"({}{{"dcid":"{}","bytes":"{}"}})", separator, container.dcid, container.bytes);
-        separator = ",";
-    }
-    out.Write(R"(],"references":[)");
-    separator = "";
-    auto const print = [&](std::string const& text) {
-        out.Print(R"({}"{}")", separator, text);
-        separator = ",";
-    };
-    ForEachReference(view, print);
-    out.Write(R"(],"legacy_references":[)");
-    separator = "";
-    ForEachLegacyReference(view, print);
-    out.Write("]");
-    PrintJsonSegments(out, view, segments);
 }
 
 } // namespace crrecord::tool

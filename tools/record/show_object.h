@@ -1,21 +1,14 @@
-// What a DO record says, for people and for programs.
+// What a DO record says, for people.
 
 #pragma once
 
 #include "io/output.h"
 #include "io/record_stream.h"
+#include "record/range.h"
 
 #include <crrecord/DORecordView.h>
 
-#include <limits>
-
 namespace crrecord::tool {
-
-// Both ends are included.
-struct Range {
-    std::uint64_t first = 0;
-    std::uint64_t last = std::numeric_limits<std::uint64_t>::max();
-};
 
 constexpr Range kFirstSegments{0, 19};
 
@@ -30,8 +23,5 @@ char const* NameOfDOType(unsigned int dotype) noexcept;
 
 // Header, containers, references and segments, or the bitmap's size. The record is as it was found.
 void PrintObject(Output& out, Record const& record, DORecordView const& view, Range segments);
-
-// The members of the JSON object, each with a comma in front.
-void PrintObjectJson(Output& out, DORecordView const& view, Range segments);
 
 } // namespace crrecord::tool

@@ -1,15 +1,18 @@
-// crrecord convert: the same records in the other byte order, or as exchange forms, and back.
+// crrecord convert: the same records in the other byte order, as exchange forms or as JSON, and back.
 
 #include "record/do_record.h"
 #include "record/findings.h"
 #include "record/segment_record.h"
 #include "verbs/verbs.h"
+#include "json/reader.h"
+#include "json/writer.h"
 
 namespace crrecord::tool {
 
 namespace {
 
 constexpr char kSerialized[] = "serialized";
+constexpr char kJson[] = "json";
 
 struct ConvertOptions {
     std::string file;
@@ -64,20 +67,63 @@ std::uint64_t WriteForm(OutputFile& to, std::string const& file, Record const& r
     return size;
 }
 
-void ConvertRecord(OutputFile& to, ConvertOptions const& options, Record const& record, Tally& tally) {
-    if (options.to == kSerialized) {
-        if (tally.records != 0) {
-            throw Failure(options.file + ": holds more than one record, and exchange forms don't say where they end");
-        }
-        tally.bytes += WriteForm(to, options.file, record, options.form.checksum);
-        ++tally.converted;
-    } else {
-        Order const order = options.to == NameOf(Order::Host) ? Order::Host : Order::Network;
-        tally.converted += record.kind != Kind::Form && record.order == order ? 0 : 1;
-        tally.bytes += WriteRecord(to, options.file, record, order);
+// Writes a valid record as a line of JSON. Its bytes may have been turned from the order in which it was found.
+void WriteLine(Output& to, std::string const& file, Record const& record, Order foundIn) {
+    Record line = record;
+    line.order = foundIn;
+    if (record.kind == Kind::Segment) {
+        TurnSegmentRecord(record, Order::Host);
+        AppendJsonStart(to.Buffer(), line);
+        json::WriteSegmentRecord(to, line, true);
+        return;
     }
-    ++tally.records;
+    std::unique_ptr<DORecord> made;
+    std::span<unsigned char const> bytes(record.bytes, record.size);
+    if (record.kind == Kind::Form) {
+        made = OpenDORecord(file, record);
+        bytes = BytesOf(*made);
+        line.kind = Kind::DataObject;
+        line.order = Order::Host;
+    }
+    AppendJsonStart(to.Buffer(), line);
+    json::WriteObject(to, DORecordView(bytes.data(), bytes.size()));
 }
+
+// Writes valid records to OUT.
+class Converter {
+public:
+    explicit Converter(ConvertOptions const& options) : options_(options), to_(options.out) {}
+
+    void Convert(Record const& record, Order foundIn) {
+        bool changed = true;
+        if (options_.to == kSerialized) {
+            if (tally_.records != 0) {
+                throw Failure(options_.file +
+                              ": holds more than one record, and exchange forms don't say where they end");
+            }
+            tally_.bytes += WriteForm(to_, options_.file, record, options_.form.checksum);
+        } else if (options_.to == kJson) {
+            WriteLine(to_.Text(), options_.file, record, foundIn);
+            tally_.bytes = to_.Text().Size();
+        } else {
+            Order const order = options_.to == NameOf(Order::Host) ? Order::Host : Order::Network;
+            changed = record.kind == Kind::Form || record.order != order;
+            tally_.bytes += WriteRecord(to_, options_.file, record, order);
+        }
+        ++tally_.records;
+        tally_.converted += changed ? 1 : 0;
+    }
+
+    Tally const& Commit() {
+        to_.Commit();
+        return tally_;
+    }
+
+private:
+    ConvertOptions const& options_;
+    OutputFile to_;
+    Tally tally_;
+};
 
 std::string ClosingLine(ConvertOptions const& options, Tally const& tally) {
     if (options.json) {
@@ -85,26 +131,62 @@ std::string ClosingLine(ConvertOptions const& options, Tally const& tally) {
                            JsonQuoted(options.file), JsonQuoted(options.out), options.to, tally.records,
                            tally.converted, tally.bytes);
     }
-    std::string const form = options.to == kSerialized ? "as its exchange form" : "in " + options.to + " order";
+    std::string const form = options.to == kSerialized ? "as its exchange form"
+                             : options.to == kJson     ? "as JSON"
+                                                       : "in " + options.to + " order";
     return fmt::format("{}: {}, {}, {}; {} converted", Printable(options.out), Counted(tally.records, "record"),
                        Counted(tally.bytes, "byte"), form, tally.converted);
 }
 
-ExitCode Convert(ConvertOptions const& options, Output& out) {
-    RecordStream stream(options.file, options.form.Facts());
-    OutputFile to(options.out);
+ExitCode ConvertRecords(RecordStream& stream, Converter& converter) {
     std::vector<Finding> findings;
-    Tally tally;
     while (Record const* const record = stream.Next()) {
         if (!Diagnose(*record, Depth::FirstError, findings)) {
             Complain(Describe(stream.Name(), *record, findings.front()));
             return ExitCode::BadRecord;
         }
-        ConvertRecord(to, options, *record, tally);
+        converter.Convert(*record, record->order);
     }
-    to.Commit();
-    PrintClosing(out, options.out, options.json, ClosingLine(options, tally));
     return ExitCode::AllWell;
+}
+
+// Throws json::Error where the line is no valid record.
+Record ReadLine(json::Reader& reader, Line const& line) {
+    Record const record = reader.Read(line.text, line.readable);
+    std::vector<Finding> findings;
+    if (!Diagnose(record, Depth::FirstError, findings)) {
+        throw json::Error(0, findings.front().field, findings.front().message);
+    }
+    return record;
+}
+
+ExitCode ConvertLines(RecordStream& stream, Converter& converter) {
+    json::Reader reader;
+    while (Line const* const line = stream.NextLine()) {
+        if (line->text.find_first_not_of(" \t\r") == std::string_view::npos) {
+            continue;
+        }
+        try {
+            converter.Convert(ReadLine(reader, *line), reader.FoundIn());
+        } catch (json::Error const& error) {
+            Complain(fmt::format("{}: line {} at byte {}: {}{}{}", stream.Name(), line->number,
+                                 line->offset + error.position, error.path, error.path.empty() ? "" : ": ",
+                                 error.what()));
+            return ExitCode::BadRecord;
+        }
+    }
+    return ExitCode::AllWell;
+}
+
+ExitCode Convert(ConvertOptions const& options, Output& out) {
+    RecordStream stream(options.file, options.form.Facts());
+    Converter converter(options);
+    bool const isJson = !options.form.serialized && stream.IsJson();
+    ExitCode const result = (isJson ? ConvertLines : ConvertRecords)(stream, converter);
+    if (result == ExitCode::AllWell) {
+        PrintClosing(out, options.out, options.json, ClosingLine(options, converter.Commit()));
+    }
+    return result;
 }
 
 } // namespace
@@ -112,16 +194,15 @@ ExitCode Convert(ConvertOptions const& options, Output& out) {
 void AddConvert(CLI::App& app, Action& chosen) {
     auto const options = std::make_shared<ConvertOptions>();
     CLI::App* const verb =
-        app.add_subcommand("convert", "Write the same records in one byte order or as an exchange form");
-    verb->add_option("FILE", options->file, "A file of records, in any order; - is standard input")
+        app.add_subcommand("convert", "Write the same records in one byte order, as an exchange form or as JSON");
+    verb->add_option("FILE", options->file, "A file of records, in any order, or of their JSON; - is standard input")
         ->required()
         ->type_name("");
     verb->add_option("--to", options->to,
-                     "The byte order: this machine's own, or network (big-endian); or the exchange form")
+                     "The byte order: this machine's own, or network (big-endian); or the exchange form; or JSON")
         ->required()
-        ->check(CLI::IsMember({NameOf(Order::Host), NameOf(Order::Network), static_cast<char const*>(kSerialized)})
-                    .description(""))
-        ->type_name("host|network|serialized");
+        ->check(CLI::IsMember({NameOf(Order::Host), NameOf(Order::Network), +kSerialized, +kJson}).description(""))
+        ->type_name("host|network|serialized|json");
     verb->add_option("-o,--out", options->out, "The file to write; - is standard output")->required()->type_name("OUT");
     AddFormOptions(*verb, options->form);
     verb->add_flag("--json", options->json, "The closing line as a JSON object");
@@ -129,6 +210,9 @@ void AddConvert(CLI::App& app, Action& chosen) {
         "An exchange form says neither where it ends nor of which types it is. So one is written of a FILE with one\n"
         "record only, and must be told of to be read. It carries no references and no list of containers (but for a\n"
         "bloom record's), and with --checksum the checksum of itself in place of the record's CRC.\n\n"
+        "JSON is one object a line for each record, and found out by itself when it is read. Nothing is lost on the "
+        "way:\n"
+        "every valid record comes back byte for byte.\n\n"
         "Every record is validated before it is converted. With a bad one nothing is written to OUT, which may be\n"
         "FILE itself; standard output has the good records before it by then.\n\n"
         "Example:\n  crrecord convert movie.do --to serialized --checksum -o movie.form\n"

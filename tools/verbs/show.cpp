@@ -5,6 +5,7 @@
 #include "record/segment_record.h"
 #include "record/show_object.h"
 #include "verbs/verbs.h"
+#include "json/writer.h"
 
 #include <ostream>
 #include <streambuf>
@@ -103,8 +104,7 @@ private:
         TurnSegmentRecord(record, Order::Host);
         if (options_.json) {
             AppendJsonStart(out_.Buffer(), quotedName_, record, true);
-            AppendSegmentJson(out_.Buffer(), record, options_.showKeys);
-            out_.Write("}\n");
+            json::WriteSegmentRecord(out_, record, options_.showKeys);
             return;
         }
         if (!std::exchange(inTable_, true)) {
@@ -132,8 +132,7 @@ private:
         DORecordView const view(bytes.data(), bytes.size());
         if (options_.json) {
             AppendJsonStart(out_.Buffer(), quotedName_, record, true);
-            PrintObjectJson(out_, view, options_.segments.value_or(Range{}));
-            out_.Write("}\n");
+            json::WriteObject(out_, view, options_.segments.value_or(Range{}));
             return;
         }
         PrintObject(out_, record, view, options_.segments.value_or(kFirstSegments));

@@ -1,0 +1,66 @@
+// JSON text, put together in place.
+
+#pragma once
+
+#include "support/hex.h"
+
+#include <charconv>
+#include <cstring>
+#include <limits>
+#include <span>
+#include <string_view>
+
+#include <fmt/format.h>
+
+namespace crrecord::tool::json {
+
+// Writes at the end of a buffer, in which room is made once for all that one Text writes.
+class Text {
+public:
+    Text(fmt::memory_buffer& to, std::size_t room) : to_(to) {
+        to.reserve(to.size() + room);
+        at_ = to.data() + to.size();
+    }
+    ~Text() { to_.resize(static_cast<std::size_t>(at_ - to_.data())); }
+    Text(Text const&) = delete;
+    Text& operator=(Text const&) = delete;
+
+    Text& Put(std::string_view text) {
+        std::memcpy(at_, text.data(), text.size());
+        at_ += text.size();
+        return *this;
+    }
+
+    // At most 20 characters.
+    template <class Integer>
+    Text& Number(Integer number) {
+        at_ = std::to_chars(at_, at_ + std::numeric_limits<Integer>::digits10 + 1, number).ptr;
+        return *this;
+    }
+
+    // 64-bit numbers are strings: many readers lose digits of large numbers. At most 22 characters.
+    Text& Decimal(std::uint64_t number) { return Put("\"").Number(number).Put("\""); }
+
+    // Two characters for each byte, and 32 more of room.
+    Text& Hex(unsigned char const* bytes, std::size_t count) {
+        for (; count >= kBlock; count -= kBlock, bytes += kBlock) {
+            HexEncode(bytes, kBlock, at_);
+            at_ += 2 * kBlock;
+        }
+        if (count != 0) {
+            unsigned char last[kBlock] = {};
+            std::memcpy(last, bytes, count);
+            HexEncode(last, kBlock, at_);
+            at_ += 2 * count;
+        }
+        return *this;
+    }
+
+private:
+    static constexpr unsigned int kBlock = 16;
+
+    fmt::memory_buffer& to_;
+    char* at_;
+};
+
+} // namespace crrecord::tool::json
