@@ -60,25 +60,36 @@ def convert():
             converts(f"{name}.form", "serialized", *types)
 
 
+def with_mutations():
+    """The records, and them with up to two bits turned and half of those cut off somewhere."""
+    records = {name: data for name, data in make.FILES.items() if name.endswith(("host", "network"))}
+    names, chance = list(records), random.Random(1)
+    for i in range(MUTATIONS):
+        name = chance.choice(names)
+        data = bytearray(records[name])
+        for _ in range(chance.randrange(3)):
+            data[chance.randrange(len(data))] ^= 1 << chance.randrange(8)
+        records[f"{i} of {name}"] = bytes(data[:chance.choice((len(data), chance.randrange(1, len(data))))])
+    return records
+
+
 def json_form():
     for name in make.OBJECTS:
         converts(f"{name}.host", "json")
         for to in ("host", "network"):
             converts(f"{name}.json", to)
+    for name, data in with_mutations().items():
+        written = subprocess.run([command, "convert", "-", "--to", "json", "-o", "-"], input=data, capture_output=True)
+        if written.returncode == 0:
+            to = "host" if data[0] else "network"
+            same(run("convert", "-", "--to", to, "-o", "-", given=written.stdout), data, name)
 
 
 def annotate():
-    records = {name: data for name, data in make.FILES.items() if not name.endswith(("json", "form"))}
-    chance = random.Random(1)
-    for i in range(MUTATIONS):
-        name = chance.choice(list(records))
-        data = bytearray(records[name])
-        for _ in range(chance.randrange(3)):
-            data[chance.randrange(len(data))] ^= 1 << chance.randrange(8)
-        records[f"{i} of {name}"] = bytes(data[:chance.choice((len(data), chance.randrange(1, len(data))))])
-    for name, data in records.items():
+    for name, data in with_mutations().items():
         text = subprocess.run([command, "annotate", "-"], input=data, capture_output=True).stdout
-        same(run("annotate", "--reverse", "-", given=text), data, name)
+        same(run("annotate", "--reverse", "-", "-o", "-", given=text), data, name)
+
 
 
 {"made": made, "validate": validate, "convert": convert, "json": json_form, "annotate": annotate}[sys.argv[1]]()
