@@ -12,7 +12,7 @@ constexpr double kLeft = 180; // of the plot; labels stand in front of it
 constexpr double kPlotWidth = 800;
 constexpr unsigned int kColumns = 400; // of shades
 constexpr std::size_t kMostRows = 80;
-constexpr std::uint64_t kMostPieces = 1500; // that are drawn one by one
+constexpr std::uint64_t kMostPieces = 1000; // that are drawn one by one
 constexpr double kLabelHeight = 12;
 
 // Shares of a column's bytes from which on the next shade is taken: 1/32, 1/8, 1/2.
