@@ -1,16 +1,8 @@
 #include "analysis/container_totals.h"
 
-#include "io/failure.h"
-
 #include <algorithm>
 
 namespace crrecord::tool {
-
-void AddBytes(std::uint64_t& sum, std::uint64_t bytes) {
-    if (__builtin_add_overflow(sum, bytes, &sum)) {
-        throw Failure("the records tell of more than 2^64 - 1 bytes");
-    }
-}
 
 ContainerTotals& Containers::Of(std::uint64_t dcid) {
     std::uint64_t const hash = HashOfNumber(dcid);

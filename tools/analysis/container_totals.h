@@ -3,6 +3,7 @@
 #pragma once
 
 #include "analysis/hash_table.h"
+#include "io/failure.h"
 
 #include <optional>
 
@@ -20,7 +21,11 @@ struct HashOfContainer {
 };
 
 // Adds to a sum of bytes. Throws Failure where it would pass 64 bits.
-void AddBytes(std::uint64_t& sum, std::uint64_t bytes);
+inline void AddBytes(std::uint64_t& sum, std::uint64_t bytes) {
+    if (__builtin_add_overflow(sum, bytes, &sum)) {
+        throw Failure("the records tell of more than 2^64 - 1 bytes");
+    }
+}
 
 // Memory: 43 bytes for each container.
 class Containers {

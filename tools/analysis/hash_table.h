@@ -39,11 +39,11 @@ private:
 // the link to the next one of its bucket, and 2.7 for the bucket. Entries stay where they are and are numbered in the
 // order of their coming.
 //
-// hashOf(entry) is the hash under which an entry was added.
+// HashOf()(entry) is the hash under which an entry was added.
 template <class Entry, class HashOf>
 class HashTable {
 public:
-    explicit HashTable(HashOf hashOf = HashOf()) : hashOf_(hashOf) { buckets_.push_back(kNone); }
+    HashTable() { buckets_.push_back(kNone); }
 
     std::size_t size() const { return nodes_.size(); }
     Entry& operator[](std::size_t i) { return nodes_[i].entry; }
@@ -101,14 +101,13 @@ private:
         }
         while (i != kNone) {
             Node& node = nodes_[i];
-            std::uint32_t& first = buckets_[BucketOf(hashOf_(node.entry))];
+            std::uint32_t& first = buckets_[BucketOf(HashOf()(node.entry))];
             std::uint32_t const next = std::exchange(node.next, first);
             first = i;
             i = next;
         }
     }
 
-    HashOf hashOf_;
     GrowingArray<Node> nodes_;
     GrowingArray<std::uint32_t> buckets_;
     std::size_t round_ = 1; // buckets when the present round began, a power of two

@@ -14,8 +14,9 @@ bool AreSame(DOSegment const& a, DOSegment const& b) noexcept {
     return a.size == b.size && std::memcmp(&a.fingerprint, &b.fingerprint, sizeof a.fingerprint) == 0;
 }
 
-std::uint64_t HashOf(DOSegment const& segment) {
-    return HashOfSegment(segment.fingerprint.bytes, sizeof segment.fingerprint.bytes, segment.size);
+std::uint32_t HashOf(DOSegment const& segment) {
+    return static_cast<std::uint32_t>(
+        HashOfSegment(segment.fingerprint.bytes, sizeof segment.fingerprint.bytes, segment.size));
 }
 
 class Matcher {
@@ -46,18 +47,20 @@ public:
     // What is unmatched in A is queued by what it is, and each of B takes the first of its queue.
     void MatchElsewhere() {
         std::vector<std::uint32_t> next(a_.size());
-        HashTable<Queue, HashOfQueue> queues{HashOfQueue{&a_}};
-        auto const find = [&](DOSegment const& segment, std::uint64_t hash) {
-            return queues.Find(hash, [&](Queue queue) { return AreSame(a_[queue.example].segment, segment); });
+        HashTable<Queue, HashOfQueue> queues;
+        auto const find = [&](DOSegment const& segment, std::uint32_t hash) {
+            return queues.Find(hash, [&](Queue const& queue) {
+                return queue.hash == hash && AreSame(a_[queue.example].segment, segment);
+            });
         };
         for (std::uint32_t i = a_.size(); i-- != 0;) {
             if (matchedA_[i]) {
                 continue;
             }
             DOSegment const segment = a_[i].segment;
-            std::uint64_t const hash = HashOf(segment);
+            std::uint32_t const hash = HashOf(segment);
             Queue* const found = find(segment, hash);
-            Queue& queue = found ? *found : queues.Add(hash, {i, kNone});
+            Queue& queue = found ? *found : queues.Add(hash, {i, kNone, hash});
             next[i] = std::exchange(queue.first, i);
         }
         for (std::uint32_t j = 0; j < b_.size(); ++j) {
@@ -93,10 +96,10 @@ private:
     struct Queue {
         std::uint32_t example; // one of them, for good
         std::uint32_t first;
+        std::uint32_t hash; // spares looking at the record
     };
     struct HashOfQueue {
-        PlacedSegments const* a;
-        std::uint64_t operator()(Queue queue) const { return HashOf((*a)[queue.example].segment); }
+        std::uint64_t operator()(Queue const& queue) const { return queue.hash; }
     };
 
     void Match(std::uint32_t i, PlacedSegment const& inA, std::uint32_t j, PlacedSegment const& inB) {

@@ -1,0 +1,110 @@
+// The verbs that compare, count and change records.
+
+#include "tool/tool.h"
+
+namespace {
+
+// An object of DO type 3 from words such as z4@20/64: a fingerprint of z's, 4 bytes, position 20, container 64.
+RecordValues Object(std::string const& words) {
+    RecordValues values{.dotype = 3, .fptype = 0};
+    std::istringstream text(words);
+    char letter = 0, mark = 0;
+    for (SegmentValues s{}; text >> letter >> s.size >> mark >> s.offset >> mark >> s.dcid;) {
+        s.fingerprint = Bytes(16, static_cast<unsigned char>(letter));
+        values.segments.push_back(s);
+        values.size = s.offset + s.size;
+    }
+    return values;
+}
+
+constexpr char kObject[] = "z4@0/64 z4@4/64 a0@8/70 a5@8/65 z4@20/64";
+
+TEST_F(Tool, DiffMatchesEachSegmentOnce) {
+    std::pair<char const*, char const*> const cases[] = {
+        {"z4@0/64 z4@5/64 z4@9/64 z4@13/64", "1 4 2 8 1 4 2 5 0 0 "},
+        {"z5@0/64", "0 0 0 0 1 5 5 17 0 0 "},
+        {"z4@0/64 z4@4/99 a5@8/66 z4@20/64", "4 17 0 0 0 0 1 0 2 9 "},
+        {"z4@0/64 z4@4/64 b0@8/70 a0@8/70 a5@8/65 z4@20/64", "5 17 0 0 1 0 0 0 0 0 "}};
+    Write("a", Spell(Object(kObject), true).bytes);
+    for (auto const& [words, sums] : cases) {
+        Write("b", Spell(Object(words), false).bytes);
+        EXPECT_EQ(Run("diff a b --json --segments"), 1) << err;
+        std::string found;
+        for (char const* const fate : {"shared", "moved", "added", "removed", "relocated"}) {
+            json const sum = json::parse(out)[fate];
+            found += sum["segments"].get<std::string>() + " " + sum["bytes"].get<std::string>() + " ";
+        }
+        EXPECT_EQ(found, sums) << words;
+    }
+}
+
+TEST_F(Tool, DiffTellsWhatElseDiffers) {
+    RecordValues values = Object(kObject), bloom = Example(4, 0);
+    values.references = {{0, 1}, {2, 3}, {4, 5}};
+    Write("a", Spell(values, true).bytes);
+    Write("same", Spell(values, false).bytes);
+    EXPECT_EQ(Run("diff a same"), 0) << out;
+    values.references = {{2, 3}, {2, 4}, {4, 5}};
+    values.list = {{65, 5}};
+    ++values.mtime;
+    Write("b", Spell(values, true).bytes);
+    ASSERT_EQ(Run("diff a b --json"), 1) << err;
+    json const expected = json::parse(R"({"references": {"added": ["task:4"], "removed": ["ref0:1"]}, "header":
+        [{"field": "mtime", "a": "825373492", "b": "825373493"}, {"field": "nudcid", "a": "0", "b": "1"}], "containers":
+        [{"dcid": "65", "a": {"segments": "1", "bytes": "5", "listed": "0"}, "b": {"segments": "1", "bytes": "5",
+        "listed": "5"}}]})");
+    json found = json::parse(out);
+    found.merge_patch(expected);
+    EXPECT_EQ(json::parse(out), found);
+    Write("a", Spell(bloom, true).bytes);
+    bloom.bitmap[4] ^= 1;
+    Write("b", Spell(bloom, true).bytes);
+    EXPECT_TRUE(Run("diff a b --json") == 1 && json::parse(out)["bitmaps_differ"]) << out;
+}
+
+TEST_F(Tool, StatsAddsUpByContainer) {
+    RecordValues bloom = Example(4, 0);
+    bloom.list = {{65, 1000}};
+    Bytes segment = Golden({true, 3}), elsewhere = segment; // one in a container, one in a file
+    Splice(segment, 24, Spelled(65, 8, true) + Spelled(0, 8, true) + Spelled(7, 8, true));
+    Splice(elsewhere, 40, Spelled(9, 8, true));
+    Write("in",
+          Spell(Object(kObject), true).bytes + segment + Spell(Object(kObject), false).bytes + Spell(bloom).bytes);
+    Write("more", elsewhere + segment + Text("x"));
+    EXPECT_EQ(Run("stats in more --unique --json"), 1);
+    EXPECT_EQ(json::parse(out), json::parse(R"({"schema": 1, "records": "6", "bad_records": "1", "segments": "13",
+        "bytes": "1057", "elsewhere": {"segments": "1", "bytes": "9"}, "unique_bytes": "25", "repeated_bytes": "32",
+        "containers": [{"dcid": "64", "segments": "6", "bytes": "24", "fragments": "4"}, {"dcid": "65", "segments": "4",
+        "bytes": "1024", "fragments": "4"}, {"dcid": "70", "segments": "2", "bytes": "0", "fragments": "2"}]})"));
+    EXPECT_EQ(Run("stats --uses 70 --uses 64 in | tail -n 2"), 0) << err;
+    EXPECT_EQ(out, "in: record 3 at byte 476: container 64: 3 segments of 12 bytes\n"
+                   "in: record 3 at byte 476: container 70: 1 segment of 0 bytes\n");
+}
+
+TEST_F(Tool, RefsChangesAllRecordsInTheirOrder) {
+    RecordValues values = Object(kObject), changed = values, legacy = values;
+    values.references = {{2, 3}, {2, 7}, {6, 9}};
+    changed.references = {{2, 5}, {2, 7}, {4, 1}};
+    legacy.taskIds = {7, 3};
+    Write("in", Spell(values, true).bytes + Spell(legacy, false).bytes);
+    Write("active", Text("18446744073709551615\n7"));
+    ASSERT_EQ(Run("refs in --add task:5 --add dsid:1 --remove ref6:9 --drop-inactive active -o in --json"), 0) << err;
+    EXPECT_EQ(json::parse(out), json::parse(R"({"file": "in", "out": "in", "records": "2", "added": "4",
+        "removed": "1", "dropped": "2", "references": "6"})"));
+    Bytes const written = Read("in"), expected = Spell(changed, true).bytes + Spell(changed, false).bytes;
+    Bytes timeless = written;
+    Splice(timeless, 0x30, Spelled(values.mtime, 4, true));
+    Splice(timeless, expected.size() / 2 + 0x30, Spelled(values.mtime, 4, false));
+    EXPECT_TRUE(written != timeless && timeless == expected);
+    std::pair<char const*, std::string> const refusals[] = {
+        {"--add task:1x", "--add: found \"task:1x\", expected a reference such as task:17, dsid:5 or ref6:9\n"},
+        {"--remove ref10:1", "in: record 1 at byte 0: The type of reference ref10:1 is unsupported for a DO\n"},
+        {"--drop-inactive bad", "bad: line 2: found \"\", expected a task id\n"}};
+    Write("bad", Text("3\n\n7\n"));
+    for (auto const& [options, text] : refusals) {
+        EXPECT_TRUE(Run(std::string("refs in -o in ") + options) == 2 && err == "crrecord: " + text) << err;
+    }
+    EXPECT_EQ(Read("in"), written);
+}
+
+} // namespace
