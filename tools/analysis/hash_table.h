@@ -35,9 +35,9 @@ private:
 };
 
 // A table by linear hashing: it grows by one bucket at a time, whose entries it takes from one other bucket, so that it
-// neither stops to hash everything anew nor ever needs the memory of two tables. An entry costs its own bytes, 4 for
-// the link to the next one of its bucket, and 2.7 for the bucket. Entries stay where they are and are numbered in the
-// order of their coming.
+// neither stops to hash everything anew nor ever needs the memory of two tables. An entry costs its own bytes and 4 for
+// the link to the next one of its bucket, rounded up to its alignment, and 2.7 for the bucket. Entries stay where they
+// are and are numbered in the order of their coming.
 //
 // HashOf()(entry) is the hash under which an entry was added.
 template <class Entry, class HashOf>

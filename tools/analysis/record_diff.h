@@ -37,7 +37,7 @@ struct ContainerDiff {
     ContainerUse b;
 };
 
-// Containers of which the records say different things, by id. Memory: 63 bytes for each container.
+// Containers of which the records say different things, by id. Memory: 67 bytes for each container.
 std::vector<ContainerDiff> DiffContainers(DORecord const& a, DORecord const& b);
 
 } // namespace crrecord::tool

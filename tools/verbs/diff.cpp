@@ -198,6 +198,9 @@ private:
 };
 
 ExitCode Diff(DiffOptions const& options, Output& out) {
+    if (options.a == "-" && options.b == "-") {
+        throw Failure("standard input can be only one of the records");
+    }
     RecordStream streamA(options.a, options.form.Facts());
     RecordStream streamB(options.b, options.form.Facts());
     std::unique_ptr<DORecord> const a = OpenOnlyDORecord(streamA);
