@@ -8,7 +8,8 @@ install(TARGETS crrecord EXPORT crrecord-targets)
 install(DIRECTORY include/crrecord DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(FILES formats/crrecord.hexpat formats/crrecord.ksy DESTINATION ${CMAKE_INSTALL_DATADIR}/crrecord)
+install(FILES formats/crrecord.hexpat formats/crrecord.ksy formats/crrecord.schema.json
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/crrecord)
 
 if(TARGET crrecord_tool)
     install(TARGETS crrecord_tool)

@@ -61,6 +61,7 @@ ExitCode Run(int argc, char** argv) {
     AddValidate(app, chosen);
     AddAnnotate(app, chosen);
     AddConvert(app, chosen);
+    AddSchema(app, chosen);
     AddDigest(app, chosen);
     AddVerify(app, chosen);
     AddRedact(app, chosen);

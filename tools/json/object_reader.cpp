@@ -127,7 +127,11 @@ void ObjectReader::ReadReserved2(Value value, MemberFacts const& member) {
 }
 
 void ObjectReader::MeasureBitmap(Value value, MemberFacts const&) {
-    bitmapDigits_ = parser_.String(value, "a string of hexadecimal digits").size();
+    char const* const expected = "a string with an even number of hexadecimal digits";
+    bitmapDigits_ = parser_.String(value, expected).size();
+    if (bitmapDigits_ % 2 != 0) {
+        parser_.FailExpecting(value, expected);
+    }
 }
 
 _cr_tref_t* ObjectReader::NewReference(Value& value) {

@@ -1,5 +1,6 @@
 #include "json/parser.h"
 
+#include "io/text.h"
 #include "support/hex.h"
 
 #include <charconv>
@@ -22,7 +23,7 @@ std::string_view WithoutBlanks(std::string_view text) {
 
 std::string Shortened(std::string_view token) {
     std::string_view const text = WithoutBlanks(token);
-    return text.size() <= kShown ? std::string(text) : std::string(text.substr(0, kShown)) + "...";
+    return Printable(text.substr(0, kShown)) + (text.size() <= kShown ? "" : "...");
 }
 
 // What the words of the parser's own mean in a line of a file.
@@ -62,8 +63,12 @@ void Parser::Start(std::string_view line, std::uint64_t readable) {
 simdjson::ondemand::object Parser::Root() {
     document_.rewind();
     simdjson::ondemand::object object;
-    if (document_.get_object().get(object) != simdjson::SUCCESS) {
+    simdjson::error_code const error = document_.get_object().get(object);
+    if (error == simdjson::INCORRECT_TYPE) {
         FailAt(text_.data(), "expected an object");
+    }
+    if (error != simdjson::SUCCESS) {
+        FailAt(text_.data() + text_.size(), std::string(Explain(error)));
     }
     return object;
 }
@@ -76,8 +81,11 @@ std::string Parser::Find(std::string_view name) {
         member_ = name;
         FailAt(text_.data(), "is missing");
     }
-    // What else is wrong is found where the member is read.
-    return error == simdjson::SUCCESS ? std::string(text) : std::string();
+    // Another type is told where the member is read. Behind an error of its own the parser can't begin anew.
+    if (error != simdjson::SUCCESS && error != simdjson::INCORRECT_TYPE) {
+        FailSyntax(error);
+    }
+    return std::string(text);
 }
 
 void Parser::End() {

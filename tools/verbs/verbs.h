@@ -26,11 +26,12 @@ void AddShow(CLI::App& app, Action& chosen);
 void AddValidate(CLI::App& app, Action& chosen);
 void AddAnnotate(CLI::App& app, Action& chosen);
 void AddConvert(CLI::App& app, Action& chosen);
+void AddSchema(CLI::App& app, Action& chosen);
 void AddDigest(CLI::App& app, Action& chosen);
 void AddVerify(CLI::App& app, Action& chosen);
+void AddStats(CLI::App& app, Action& chosen);
 void AddRedact(CLI::App& app, Action& chosen);
 void AddMap(CLI::App& app, Action& chosen);
-void AddStats(CLI::App& app, Action& chosen);
 void AddDiff(CLI::App& app, Action& chosen);
 void AddRefs(CLI::App& app, Action& chosen);
 

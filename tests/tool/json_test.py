@@ -1,0 +1,129 @@
+#!/usr/bin/python3
+"""json_test.py schema | bad COMMAND GOLDEN: the JSON form against its schema; what is said of JSON that is no record."""
+import json
+import pathlib
+import subprocess
+import sys
+
+COMMAND, GOLDEN = sys.argv[2], pathlib.Path(sys.argv[3])
+failures = []
+
+
+def run(*arguments, given=None):
+    return subprocess.run([COMMAND, *map(str, arguments)], input=given, capture_output=True)
+
+
+def lines_of(*arguments):
+    return [json.loads(line) for line in run(*arguments).stdout.splitlines()]
+
+
+def spoiled(line):
+    """The same line with one fault, in each of many ways."""
+    for name in line:
+        less = {key: value for key, value in line.items() if key != name}
+        yield f"with an odd {name}", {**less, name: {}}
+        if name in ("schema", "kind", "findings", "key", "spare", "segments", "references", "CID", "dotype"):
+            yield f"without {name}", less
+    yield "with one more member", {**line, "more": 1}
+    for name, value in (("CID", "18446744073709551616"), ("spare", "017"), ("flags", 65536), ("dotype", 6), ("type", 4),
+                        ("order", "big"), ("references", ["task:x"]), ("legacy_references", ["ref6:1"])):
+        if name in line:
+            yield f"with {name} {value}", {**line, name: value}
+    for element in ({"fingerprint": "00"}, {"dcid": 64}, {"more": 1}):
+        if line.get("segments"):
+            worse = json.loads(json.dumps(line))
+            worse["segments"][-1].update(element)
+            yield f"with a segment of {element}", worse
+
+
+def schema():
+    import jsonschema
+
+    whole = json.loads(run("schema").stdout)
+    jsonschema.Draft202012Validator.check_schema(whole)
+
+    def of(definition):
+        rest = {"$ref": f"#/$defs/{definition}", "$defs": whole["$defs"]} if definition else whole
+        return jsonschema.Draft202012Validator(rest)
+
+    record, findings = of(None), of("findingsLine")
+    forms = [("--serialized", "--dotype", 3, "--fptype", 3, GOLDEN / "do3-sha256.form"),
+             ("--serialized", "--dotype", 4, "--fptype", 0, GOLDEN / "do4-md5.form")]
+    seen = set()
+    for arguments in [(path,) for path in sorted(GOLDEN.glob("*.host")) + sorted(GOLDEN.glob("*.network"))] + forms:
+        shown = lines_of("show", "--json", "--show-keys", *arguments)
+        told = lines_of("validate", "--json", *arguments)
+        pairs = [(record, shown + lines_of("show", "--json", *arguments)),
+                 (record, lines_of("convert", *arguments, "--to", "json", "-o", "-")),
+                 (findings, told + lines_of("validate", "--json", *arguments[:-1], __file__)),
+                 (of("digestLine"), lines_of("digest", "--json", *arguments))]
+        if shown[0]["kind"] == "do":
+            pairs += [(of("refsLine"), lines_of("refs", "--json", *arguments)),
+                      (of("statsLine"), lines_of("stats", "--json", *arguments)),
+                      (of("diffLine"), lines_of("diff", "--json", *arguments, *arguments))]
+        for validator, lines in pairs:
+            errors = (error for line in lines or ["no line"] for error in validator.iter_errors(line))
+            failures.extend(f"{arguments}: {error.message}" for error in errors)
+        kind = (shown[0]["kind"], shown[0].get("dotype"))
+        for validator, line in ((record, shown[0]), (findings, told[0])) if kind not in seen else ():
+            failures.extend(f"{arguments}: valid {fault}" for fault, worse in spoiled(line) if validator.is_valid(worse))
+        seen.add(kind)
+    if len(seen) != 9:
+        failures.append(f"not every kind and DO type was seen: {seen}")
+
+
+DO3, DO1, DO4, SO = "do3-sha256", "do1-sha1", "do4-md5", "so-fptype0-tasks1-fingerprints1"
+BAD = [  # a good line, what is replaced and by what, where the complaint points, the member and the words
+    (DO3, '"schema":1', '"schema":2', "2,", "schema", "found 2, expected 1"),
+    (DO3, '"kind":"do"', '"kind":"dodo"', '"dodo"', "kind", 'found "dodo", expected "do" or "segment"'),
+    (SO, '"kind":"segment",', "", "{", "kind", "is missing"),
+    (DO3, '"order":"host"', '"order":null', "null", "order", 'found null, expected "host" or "network"'),
+    (DO3, '"flags":2', '"flags":65536', "65536", "flags", "found 65536, expected a number of 0 to 65535"),
+    (DO3, '"CID":"64"', '"CID":64', '64,"size"', "CID", "found 64, expected a string with a decimal number"),
+    (DO3, '"CID":"64"', '"CID":"18446744073709551616"', '"1844', "CID", "expected a string with a decimal number"),
+    (DO3, '"recsize":270', '"recsize":271', "271", "recsize", "found 271, expected 270"),
+    (DO3, '"flags":2', '"flags":2,"flags":2', '"flags":2,"rec', "flags", "is there twice"),
+    (DO3, '"flags":2,', "", "{", "flags", "is missing"),
+    (DO3, '"flags"', '"flag"', '"flag"', "flag", "an unknown member"),
+    (DO3, '"flags":2', '"flags":1', "{", "flags", "Invalid DO record: flags 0x1"),
+    (DO3, '"index":1', '"index":2', '2,"fingerprint":"09', "segments[1].index", "found 2, expected 1"),
+    (DO3, '"size":90', '"size":"90"', '"90"', "segments[1].size", 'found "90", expected a number of 0 to 4294967295'),
+    (DO3, '"offset":"80"', '"offset":"79"', "{", "segments[1].offset", "Invalid DO record"),
+    (DO3, "d1cf7f", "D1cf7f", '"D1cf', "segments[2].fingerprint", "expected a string of 64 lower-case hexadecimal digits"),
+    (DO3, ',"dcid":"70"', "", '{"index":1', "segments[1].dcid", "is missing"),
+    (DO3, '"task:17"', '"task:17","job:1"', '"job', "references[1]", 'found "job:1", expected a reference'),
+    (DO3, '"legacy_references":[]', '"legacy_references":["dsid:5","task:1"]', '"task:1"]', "legacy_references[1]", ""),
+    (DO3, '"containers":[]', '"bitmap":"00","containers":[]', '"00"', "bitmap", "a record of DO type 3 has none"),
+    (DO1, '"size":60', '"size":61', "61,", "segments[2].size", "found 61, expected 60"),
+    (DO4, '"bitmap":"0102030405060708",', "", "{", "bitmap", "is missing"),
+    (DO4, '"0102', '"010', '"010', "bitmap", "an even number of hex"),
+    (SO, "0102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f2021", "masked", '"masked', "key", "is masked"),
+    (SO, '"taskids":["17"]', '"taskids":[1]', "1],", "taskids[0]", "found 1, expected a string"),
+    (SO, '"spare":"0"}', '"spare":"0"', None, "", "not well-formed JSON"),
+    (SO, '"spare":"0"}', '"spare":"0"} {}', "{}", "", "expected nothing behind the object"),
+    (SO, '"spare":"0"}', '"spare":"0', "{", "", "a string does not end"),
+    (SO, '"type":2,', '"type":2\0,', "2\0,", "type", "found 2?, expected 2"),
+    (SO, '"taskids":["17"]', '"taskids":' + 100000 * "[", None, "", "not well-formed JSON"),
+    (SO, '"17"', "\x80", "{", "", "the line is not UTF-8"),
+]
+
+
+def bad():
+    for name, old, new, at, member, words in BAD:
+        good = (GOLDEN / f"{name}.json").read_text()
+        worse = good.replace(old, new, 1)
+        done = run("convert", "-", "--to", "host", "-o", "-", given=("\n" + good + worse).encode("latin-1"))
+        position = 1 + len(good) + worse.index(at) if at else ""
+        start, said = f"crrecord: -: line 3 at byte {position}", done.stderr.decode()
+        path = f": {member}: " if member else ": "
+        if done.returncode != 1 or not said.startswith(start) or path not in said or words not in said or \
+                said.count("\n") != 1:
+            failures.append(f"{name} {new[:40]!r}: status {done.returncode}, said {said!r}, expected {start!r} {words!r}")
+    garbage = b"{" + b'"a":[' * 1000000 + b"1" * 20000000
+    if run("convert", "-", "--to", "host", "-o", "-", given=garbage).returncode != 1:
+        failures.append("garbage is taken")
+
+
+{"schema": schema, "bad": bad}[sys.argv[1]]()
+print(*failures, sep="\n")
+sys.exit(bool(failures))
