@@ -4,8 +4,6 @@
 
 #include <array>
 #include <charconv>
-#include <cstring>
-#include <optional>
 #include <vector>
 
 #include <fmt/format.h>
@@ -13,60 +11,6 @@
 namespace crrecord::tool {
 
 namespace {
-
-// No line of the text is nearly as long.
-constexpr std::size_t kLongestLine = 64UL * 1024;
-constexpr std::size_t kRoom = 4 * kLongestLine;
-
-// Hands out the lines of an input, without their ends.
-class Lines {
-public:
-    explicit Lines(Input& input) : input_(input), room_(kRoom) {}
-
-    std::uint64_t Number() const { return number_; }
-
-    // None at the end. A line that is too long comes in parts.
-    std::optional<std::string_view> Next() {
-        for (std::size_t searched = 0;;) {
-            char const* const from = room_.data() + begin_;
-            std::size_t const there = end_ - begin_;
-            auto const* const end = static_cast<char const*>(std::memchr(from + searched, '\n', there - searched));
-            if (end || ended_ || there >= kLongestLine) {
-                return there == 0 ? std::nullopt : std::optional(Take(end ? end - from : there, end ? 1 : 0));
-            }
-            searched = there;
-            Fill();
-        }
-    }
-
-private:
-    std::string_view Take(std::size_t size, std::size_t lineEnd) {
-        std::string_view line(room_.data() + begin_, size);
-        begin_ += size + lineEnd;
-        ++number_;
-        if (line.ends_with('\r')) {
-            line.remove_suffix(1);
-        }
-        return line;
-    }
-
-    void Fill() {
-        std::memmove(room_.data(), room_.data() + begin_, end_ - begin_);
-        end_ -= begin_;
-        begin_ = 0;
-        std::size_t const count =
-            input_.Read({reinterpret_cast<unsigned char*>(room_.data()) + end_, room_.size() - end_});
-        end_ += count;
-        ended_ = count == 0;
-    }
-
-    Input& input_;
-    std::vector<char> room_;
-    std::size_t begin_ = 0;
-    std::size_t end_ = 0;
-    std::uint64_t number_ = 0;
-    bool ended_ = false;
-};
 
 constexpr unsigned char kNoDigit = 0xff;
 constexpr auto kValues = [] {
@@ -83,15 +27,15 @@ constexpr auto kValues = [] {
 
 class Reader {
 public:
-    Reader(Input& text, OutputFile& to) : name_(text.Name()), lines_(text), to_(to) {}
+    Reader(RecordStream& text, OutputFile& to) : text_(text), to_(to) {}
 
     std::uint64_t Read() {
-        while (auto const line = lines_.Next()) {
-            if (line->size() >= kLongestLine) {
-                Refuse(fmt::format("expected a line of less than {} bytes", kLongestLine), *line);
-            }
-            if (!line->empty() && std::string_view("#! ").find(line->front()) == std::string_view::npos) {
-                ReadBytes(ReadOffset(*line));
+        while (Line const* const next = text_.NextLine()) {
+            number_ = next->number;
+            std::string_view line = next->text;
+            line.remove_suffix(line.ends_with('\r') ? 1 : 0);
+            if (!line.empty() && std::string_view("#! ").find(line.front()) == std::string_view::npos) {
+                ReadBytes(ReadOffset(line));
             }
         }
         return at_;
@@ -135,20 +79,20 @@ private:
     static unsigned char Value(char digit) { return kValues[static_cast<unsigned char>(digit)]; }
 
     [[noreturn]] void Refuse(std::string_view expected, std::string_view found) const {
-        throw BadText(fmt::format("{}: line {}: {}, found \"{}\"", Printable(name_), lines_.Number(), expected,
+        throw BadText(fmt::format("{}: line {}: {}, found \"{}\"", Printable(text_.Name()), number_, expected,
                                   Printable(found.substr(0, 20))));
     }
 
-    std::string const& name_;
-    Lines lines_;
+    RecordStream& text_;
     OutputFile& to_;
+    std::uint64_t number_ = 0; // of the line
     std::uint64_t at_ = 0;
     std::vector<unsigned char> bytes_;
 };
 
 } // namespace
 
-std::uint64_t ReadBack(Input& text, OutputFile& to) {
+std::uint64_t ReadBack(RecordStream& text, OutputFile& to) {
     return Reader(text, to).Read();
 }
 

@@ -2,8 +2,8 @@
 
 #pragma once
 
-#include "io/input.h"
 #include "io/output.h"
+#include "io/record_stream.h"
 
 #include <stdexcept>
 
@@ -18,6 +18,6 @@ struct BadText : std::runtime_error {
 // and then two blanks or the line's end. Each line goes on where the one in front of it ended, the first one at 0.
 // Lines that are empty or begin with '#', '!' or a blank have no bytes. Returns the bytes written. Throws BadText, and
 // InputFailure and Failure.
-std::uint64_t ReadBack(Input& text, OutputFile& to);
+std::uint64_t ReadBack(RecordStream& text, OutputFile& to);
 
 } // namespace crrecord::tool

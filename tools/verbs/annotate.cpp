@@ -41,7 +41,7 @@ ExitCode AnnotateInput(RecordStream& stream, Rows rows) {
 }
 
 ExitCode ReadBackFile(AnnotateOptions const& options, Output& out) {
-    Input text(options.text);
+    RecordStream text(options.text);
     OutputFile to(options.out);
     try {
         std::uint64_t const size = ReadBack(text, to);
