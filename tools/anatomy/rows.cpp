@@ -2,6 +2,7 @@
 
 #include <crrecord/finding.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -32,8 +33,8 @@ constexpr auto kDigits = [] {
 void AppendPadded(fmt::memory_buffer& to, std::string_view text, std::size_t width) {
     std::size_t const start = to.size();
     to.resize(start + std::max(text.size(), width));
-    std::memcpy(to.data() + start, text.data(), text.size());
-    std::memset(to.data() + start + text.size(), ' ', to.size() - start - text.size());
+    char* const end = std::copy(text.begin(), text.end(), to.data() + start);
+    std::fill(end, to.data() + to.size(), ' ');
 }
 
 void AppendLineBytes(fmt::memory_buffer& to, std::span<unsigned char const> bytes, std::size_t width) {
