@@ -53,8 +53,11 @@ def schema():
     for arguments in [(path,) for path in sorted(GOLDEN.glob("*.host")) + sorted(GOLDEN.glob("*.network"))] + forms:
         shown = lines_of("show", "--json", "--show-keys", *arguments)
         told = lines_of("validate", "--json", *arguments)
+        converted = run("convert", *arguments, "--to", "json", "-o", "-").stdout
+        if run("convert", "-", "--to", "json", "-o", "-", given=converted).stdout != converted:
+            failures.append(f"{arguments}: JSON of JSON is different")
         pairs = [(record, shown + lines_of("show", "--json", *arguments)),
-                 (record, lines_of("convert", *arguments, "--to", "json", "-o", "-")),
+                 (record, [json.loads(line) for line in converted.splitlines()]),
                  (findings, told + lines_of("validate", "--json", *arguments[:-1], __file__)),
                  (of("digestLine"), lines_of("digest", "--json", *arguments))]
         if shown[0]["kind"] == "do":
@@ -86,8 +89,6 @@ BAD = [  # a good line, what is replaced and by what, where the complaint points
     (DO3, '"flags":2,', "", "{", "flags", "is missing"),
     (DO3, '"flags"', '"flag"', '"flag"', "flag", "an unknown member"),
     (DO3, '"flags":2', '"flags":1', "{", "flags", "Invalid DO record: flags 0x1"),
-    (DO3, '"index":1', '"index":2', '2,"fingerprint":"09', "segments[1].index", "found 2, expected 1"),
-    (DO3, '"size":90', '"size":"90"', '"90"', "segments[1].size", 'found "90", expected a number of 0 to 4294967295'),
     (DO3, '"offset":"80"', '"offset":"79"', "{", "segments[1].offset", "Invalid DO record"),
     (DO3, "d1cf7f", "D1cf7f", '"D1cf', "segments[2].fingerprint", "expected a string of 64 lower-case hexadecimal digits"),
     (DO3, ',"dcid":"70"', "", '{"index":1', "segments[1].dcid", "is missing"),

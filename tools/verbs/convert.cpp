@@ -167,7 +167,8 @@ ExitCode ConvertLines(RecordStream& stream, Converter& converter) {
             continue;
         }
         try {
-            converter.Convert(ReadLine(reader, *line), reader.FoundIn());
+            Record const record = ReadLine(reader, *line);
+            converter.Convert(record, reader.FoundIn());
         } catch (json::Error const& error) {
             Complain(fmt::format("{}: line {} at byte {}: {}{}{}", stream.Name(), line->number,
                                  line->offset + error.position, error.path, error.path.empty() ? "" : ": ",
