@@ -7,7 +7,6 @@
 
 #include <crrecord/DORecordHeader.h>
 
-#include <algorithm>
 #include <array>
 
 namespace crrecord::tool::json {
@@ -49,12 +48,6 @@ inline constexpr auto kSegmentMembers = [] {
     }
     return members;
 }();
-
-// Where a number stands in a table.
-template <std::size_t N>
-constexpr NumberMember const& MemberOf(std::array<NumberMember, N> const& members, std::string_view name) {
-    return *std::find_if(members.begin(), members.end(), [name](auto const& member) { return member.name == name; });
-}
 
 // The number at `at`.
 template <std::uint16_t Width>
