@@ -14,6 +14,11 @@ install(FILES formats/crrecord.hexpat formats/crrecord.ksy formats/crrecord.sche
 if(TARGET crrecord_tool)
     install(TARGETS crrecord_tool)
 endif()
+if(TARGET crrecord_manual)
+    set(manual_dir ${CMAKE_CURRENT_BINARY_DIR}/tools/manual)
+    install(DIRECTORY ${manual_dir}/man1 DESTINATION ${CMAKE_INSTALL_MANDIR})
+    install(DIRECTORY ${manual_dir}/completions DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion)
+endif()
 
 # The public headers include Boost's. Whoever links a static library brings what that needs as well; a shared one brings
 # it itself.

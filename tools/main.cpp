@@ -14,9 +14,6 @@ namespace crrecord::tool {
 
 namespace {
 
-constexpr char kExitCodes[] =
-    "Exit status: 0 all well; 1 a record is bad, or a file differs; 2 the command could not do its work.";
-
 // Where a standard file is closed, the next file that is opened would take its number and records would land there.
 // These are opened the wrong way round, so that using them fails.
 void OccupyStandardFiles() {
@@ -52,24 +49,8 @@ ExitCode EndParsing(CLI::App& app, CLI::ParseError const& error, Output& out) {
 ExitCode Run(int argc, char** argv) {
     Output out(STDOUT_FILENO, "standard output");
     Action chosen;
-    CLI::App app("Builds, shows, checks and converts the records of a deduplicating content store.", "crrecord");
-    app.set_version_flag("--version", "crrecord " CRRECORD_VERSION);
-    app.require_subcommand(1);
-    app.footer(kExitCodes);
-    AddBuild(app, chosen);
-    AddShow(app, chosen);
-    AddValidate(app, chosen);
-    AddAnnotate(app, chosen);
-    AddConvert(app, chosen);
-    AddSchema(app, chosen);
-    AddDigest(app, chosen);
-    AddVerify(app, chosen);
-    AddRedact(app, chosen);
-    AddMap(app, chosen);
-    AddStats(app, chosen);
-    AddDiff(app, chosen);
-    AddRefs(app, chosen);
-    AddSegments(app, chosen);
+    CLI::App app;
+    AddVerbs(app, chosen);
     try {
         app.parse(argc, argv);
     } catch (CLI::ParseError const& error) {

@@ -19,6 +19,9 @@ namespace crrecord::tool {
 // What a chosen verb does; its output is standard output.
 using Action = std::function<ExitCode(Output&)>;
 
+// Makes `app` the whole command.
+void AddVerbs(CLI::App& app, Action& chosen);
+
 // Each adds its verb to `app`. The verb that the command line names sets `chosen`.
 void AddBuild(CLI::App& app, Action& chosen);
 void AddSegments(CLI::App& app, Action& chosen);

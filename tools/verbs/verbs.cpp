@@ -1,0 +1,28 @@
+#include "verbs/verbs.h"
+
+namespace crrecord::tool {
+
+void AddVerbs(CLI::App& app, Action& chosen) {
+    app.name("crrecord");
+    app.description("Builds, shows, checks, changes and converts the records of a deduplicating content store.");
+    app.set_version_flag("--version", "crrecord " CRRECORD_VERSION);
+    app.require_subcommand(1);
+    app.footer(
+        "Exit status: 0 all well; 1 a record is bad, or something differs; 2 the command could not do its work.");
+    AddBuild(app, chosen);
+    AddShow(app, chosen);
+    AddValidate(app, chosen);
+    AddAnnotate(app, chosen);
+    AddConvert(app, chosen);
+    AddSchema(app, chosen);
+    AddDigest(app, chosen);
+    AddVerify(app, chosen);
+    AddRefs(app, chosen);
+    AddDiff(app, chosen);
+    AddStats(app, chosen);
+    AddRedact(app, chosen);
+    AddMap(app, chosen);
+    AddSegments(app, chosen);
+}
+
+} // namespace crrecord::tool
