@@ -61,12 +61,9 @@ RecordStream::RecordStream(std::string name, std::optional<FormFacts> form)
 }
 
 std::uint64_t RecordStream::ChooseSize(std::uint64_t recorded, std::uint64_t counted, std::uint64_t least) {
-    if (recorded == counted && recorded >= least && recorded <= kLargestSize) {
-        return recorded;
-    }
     auto const [near, far] = std::minmax({recorded, counted});
     auto const possible = [least](std::uint64_t size) { return size >= least && size <= kLargestSize; };
-    if (possible(near) && (!possible(far) || IsBorder(near))) {
+    if (possible(near) && (near == far || !possible(far) || IsBorder(near))) {
         return near;
     }
     return possible(far) ? far : least;
@@ -122,7 +119,9 @@ void RecordStream::Frame() {
         last_ = true;
         return;
     }
-    std::uint64_t const size = ChooseSize(probe.recorded_size, probe.counted_size, headSize);
+    bool const agree = probe.recorded_size == probe.counted_size && probe.recorded_size >= headSize;
+    std::uint64_t const size =
+        agree ? probe.recorded_size : ChooseSize(probe.recorded_size, probe.counted_size, headSize);
     record_.size = std::min(size, Fill(size));
     record_.endsTooEarly = record_.size < size;
     last_ = record_.endsTooEarly;

@@ -95,7 +95,7 @@ private:
     void PassMark();
     inline void Frame();
     void FrameForm();
-    inline std::uint64_t ChooseSize(std::uint64_t recorded, std::uint64_t counted, std::uint64_t least);
+    std::uint64_t ChooseSize(std::uint64_t recorded, std::uint64_t counted, std::uint64_t least);
     bool IsBorder(std::uint64_t position);
 
     Input input_;
