@@ -7,6 +7,7 @@
 #include <crrecord/DORecordView.h>
 
 #include <algorithm>
+#include <bit>
 #include <memory>
 #include <sstream>
 #include <vector>
@@ -54,7 +55,8 @@ inline void UseBytes(Given const& given) {
     auto* const header = reinterpret_cast<DORecordHeader*>(bytes.data());
     for (unsigned int turns = 0; turns < (given.turnable ? 2 : 1); ++turns) {
         DORecordView const view(bytes.data(), bytes.size(), given.subDO);
-        Must(view.IsInNetworkOrder() == (given.order != turns) && view.GetHeaderSize() == bytes.size(), "view");
+        bool const network = std::endian::native == std::endian::big || given.order != turns;
+        Must(view.IsInNetworkOrder() == network && view.GetHeaderSize() == bytes.size(), "view");
         unsigned int i = 0;
         for (DOSegment const& segment : view.Segments()) {
             Read(DORecordHeaderIndexOfSegment(header, i), 32);

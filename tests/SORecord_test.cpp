@@ -14,7 +14,6 @@ namespace {
 // 33 bytes, with a NUL in the middle and none at the end.
 char const kKey[] = "0123456789\0ABCDEFGHIJ\0abcdefghijk";
 std::string const kKeyHex = "30313233343536373839004142434445464748494a006162636465666768696a6b";
-constexpr bool kBig = std::endian::native == std::endian::big;
 
 SORecord Made() {
     return SORecord(2, 0x4a4b4c4d, 0x5a5b5c5d, 0x6a6b6c6d, kKey, 0xc7, 3);

@@ -60,7 +60,7 @@ Bytes Received(RecordValues values, Bytes const& form, bool subDO) {
     values.flags = 0;
     values.CID = subDO && !values.segments.empty() ? values.segments[0].dcid : 0;
     values.ctime = values.mtime = test_clock::now;
-    values.CRC = static_cast<unsigned int>(SwapBytes(WordAt<unsigned int>(form, 16), 4));
+    values.CRC = BigEndianAt(form, 16);
     values.list.resize(values.dotype == 4 ? values.list.size() : 0);
     SpelledRecord record = Spell(values);
     if (values.dotype == 4) { // as it was sent
@@ -112,8 +112,8 @@ struct BadForm {
 TEST(DORecordExchange, EachFaultHasItsFinding) {
     RecordValues const v0 = Example(0, 3), v3 = Example(3, 0), v5 = Example(5, 1), bloom = Example(4, 0);
     Bytes const form = SpellForm(v3, true), bloomForm = SpellForm(bloom, true);
-    auto const word = [](Bytes const& bytes, std::size_t at) { return SwapBytes(WordAt<unsigned int>(bytes, at), 4); };
-    unsigned long const sum = word(form, 16), bloomSum = word(bloomForm, 16), list = word(bloomForm, 37);
+    unsigned long const sum = BigEndianAt(form, 16), bloomSum = BigEndianAt(bloomForm, 16),
+                        list = BigEndianAt(bloomForm, 37);
     Bytes all = bloomForm;
     all[45] = 0;
     unsigned long const emptied = PlainAdler32(&all[41], &all[53]); // the list's second half is outside of its sum

@@ -111,6 +111,9 @@ TEST(DORecordValidate, EachFaultHasItsFindingAndOneTraceLine) {
 
 // A list's checksum that was made over the list as it stands in network order is odd, and good.
 TEST(DORecordValidate, ListSummedInNetworkOrder) {
+    if (kBig) {
+        GTEST_SKIP() << "both orders have the same sum";
+    }
     auto [bytes, entries, dcids, list, end, dsids, references, tail] = Spell(Full(5, 3), true);
     unsigned int const stored = WordAt<unsigned int>(bytes, list), sum = PlainAdler32(&bytes[list + 4], &bytes[end]);
     Splice(bytes, list, Spelled(sum, 4, false));
@@ -121,7 +124,8 @@ TEST(DORecordValidate, ListSummedInNetworkOrder) {
 TEST(DORecordValidate, GoesOnToTheEndInOrder) {
     SpelledRecord const record = Spell(Full(1, 0));
     Bytes bytes = record.bytes;
-    for (std::size_t const at : {0ul, 2ul, 4ul, 0x1ful, 0x4cul, record.list + 5, record.references}) {
+    for (std::size_t const at :
+         {kBig ? 1ul : 0ul, 2ul, 4ul, kBig ? 0x18ul : 0x1ful, 0x4cul, record.list + 5, record.references}) {
         bytes[at] = 0xff;
     }
     std::vector<int> codes;
@@ -175,9 +179,9 @@ TEST(DORecordValidate, WhatPassesWorksInEveryOperation) {
 // What a view shows, spelled again, is the record.
 void ExpectView(RecordValues const& values, Bytes const& bytes, bool network) {
     DORecordView const v(bytes.data(), bytes.size());
-    EXPECT_TRUE(v.IsInNetworkOrder() == network && v.GetNfp() == values.segments.size() && v.GetLegacyTaskIDs() == 0 &&
-                v.GetLegacyDSIDs() == 0 && v.GetNudcid() == values.list.size() && v.GetHeaderSize() == bytes.size() &&
-                v.GetTRefsSize() == SpellReferences(values.references).size());
+    EXPECT_TRUE(v.IsInNetworkOrder() == (network || kBig) && v.GetNfp() == values.segments.size() &&
+                v.GetLegacyTaskIDs() == 0 && v.GetLegacyDSIDs() == 0 && v.GetNudcid() == values.list.size() &&
+                v.GetHeaderSize() == bytes.size() && v.GetTRefsSize() == SpellReferences(values.references).size());
     RecordValues seen{v.GetDOType(), v.GetFPType(), v.GetFlags(), v.GetCheckTime(), v.GetDCID(),
                       v.GetSize(),   v.GetSsize(),  v.GetCrc(),   v.GetCTime(),     v.GetMTime()};
     for (DOSegment const& segment : v.Segments()) {

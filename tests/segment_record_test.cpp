@@ -176,11 +176,10 @@ TEST(Diagnose, ReportsEveryFaultAndOddity) {
         for (int const trace : {0, 1}) { // validation tells the first one
             LogCapture log(trace);
             EXPECT_EQ(Validate(bad, options), CR_STATUS_CORRUPT_RECORD);
-            EXPECT_EQ(Validate(odd, network ^ CR_SO_NETWORK_ORDER), CR_STATUS_CORRUPT_RECORD);
+            EXPECT_EQ(Validate(odd, network ^ CR_SO_NETWORK_ORDER), kBig ? CR_STATUS_OK : CR_STATUS_CORRUPT_RECORD);
             EXPECT_EQ(Validate(odd, network), CR_STATUS_OK);
-            EXPECT_EQ(log.Take(), trace ? "trace 0: Invalid SO record: type 7, expected 2\n"
-                                          "trace 0: Invalid SO record: type 512, expected 2\n"
-                                        : "");
+            std::string const second = kBig ? "" : "trace 0: Invalid SO record: type 512, expected 2\n";
+            EXPECT_EQ(log.Take(), trace ? "trace 0: Invalid SO record: type 7, expected 2\n" + second : "");
         }
         LogCapture log(1);
         Bytes cut = Golden({network != 0, 1, 0, 0});

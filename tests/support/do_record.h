@@ -44,14 +44,15 @@ inline std::string Refusal(std::function<void()> const& action) {
     }
 }
 
-inline unsigned long SwapBytes(unsigned long value, unsigned int width) {
-    return __builtin_bswap64(value) >> (64 - 8 * width);
-}
-
 template <class T>
 T WordAt(Bytes const& bytes, std::size_t offset) {
     T value;
     std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(offset), sizeof value,
                 reinterpret_cast<unsigned char*>(&value));
     return value;
+}
+
+inline unsigned int BigEndianAt(Bytes const& bytes, std::size_t offset) {
+    unsigned int const word = WordAt<unsigned int>(bytes, offset);
+    return kBig ? word : __builtin_bswap32(word);
 }

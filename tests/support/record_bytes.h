@@ -41,7 +41,7 @@ inline unsigned int FingerprintWidth(unsigned char fptype) {
 }
 
 inline void Put(Bytes& bytes, unsigned long value, unsigned int width, bool network) {
-    bool const big = network || std::endian::native == std::endian::big;
+    bool const big = network || kBig;
     for (unsigned int i = 0; i < width; ++i) {
         bytes.push_back(static_cast<unsigned char>(value >> 8 * (big ? width - 1 - i : i)));
     }

@@ -10,6 +10,9 @@
 
 using Bytes = std::vector<unsigned char>;
 
+// The two orders of a record are one there.
+inline constexpr bool kBig = std::endian::native == std::endian::big;
+
 inline Bytes FromHex(std::string const& text) {
     Bytes bytes;
     for (std::size_t at = 0; at < text.size(); at += 2) {
@@ -33,13 +36,13 @@ inline std::string FingerprintText(unsigned int index, unsigned char fptype) {
 
 // Sets the lowest byte of a field in the record's order.
 inline void SetLow(Bytes& bytes, bool network, std::size_t offset, std::size_t width, std::size_t value) {
-    bool const big = network || std::endian::native == std::endian::big;
+    bool const big = network || kBig;
     bytes[offset + (big ? width - 1 : 0)] = static_cast<unsigned char>(value);
 }
 
 // Every field has bytes of its own, so that none passes for another. The record stays below 256 bytes.
 inline Bytes Golden(Shape shape) {
-    bool const big = shape.network || std::endian::native == std::endian::big;
+    bool const big = shape.network || kBig;
     std::string text = big ? "00020002000000001112131400000000"
                              "21222324a1a2a3a40102030405060708"
                              "31323334353637384142434445464748"
