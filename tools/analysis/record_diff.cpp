@@ -1,6 +1,6 @@
 #include "analysis/record_diff.h"
 
-#include "analysis/reference_list.h"
+#include "record/references.h"
 
 #include <algorithm>
 #include <cstring>

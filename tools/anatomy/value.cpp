@@ -1,9 +1,9 @@
 #include "anatomy/value.h"
 
 #include "io/failure.h"
+#include "record/references.h"
 #include "record/show_object.h"
 #include "support/hex.h"
-#include "tref/value.h"
 
 #include <crrecord/DORecordHeader.h>
 #include <crrecord/SOmarshall.h>
@@ -42,9 +42,7 @@ void AppendNamed(fmt::memory_buffer& to, std::uint64_t number, std::string_view 
 }
 
 void AppendReferenceText(fmt::memory_buffer& to, int kind, std::uint64_t id) {
-    _cr_tref_t const reference{id, static_cast<cr_reftype_t>(kind)};
-    char text[CR_TREF_TEXT_SIZE];
-    Append(to, CRTRefToString(text, sizeof text, &reference));
+    Append(to, ReferenceText({id, static_cast<cr_reftype_t>(kind)}).Get());
 }
 
 // The digits of a fingerprint, as they are stored, in front of their NUL.

@@ -80,7 +80,7 @@ template <class ForEach>
 void WriteReferences(Output& out, std::string_view start, DORecordView const& view, ForEach forEach) {
     out.Write(start);
     std::string_view separator = "\"";
-    forEach(view, [&](std::string const& reference) {
+    forEach(view, [&](char const* reference) {
         Text(out.Buffer(), kElementRoom).Put(separator).Put(reference).Put("\"");
         separator = ",\"";
         out.FlushWhenFull();

@@ -3,39 +3,60 @@
 #pragma once
 
 #include "support/byteorder.h"
+#include "tref/value.h"
 
+#include <crrecord/DORecord.h>
 #include <crrecord/DORecordView.h>
-
-#include <string>
 
 namespace crrecord::tool {
 
-inline std::string ReferenceText(cr_reftype_t kind, unsigned long id) {
-    _cr_tref_t* reference = CRTRefNew(kind, id);
-    char text[CR_TREF_TEXT_SIZE];
-    CRTRefToString(text, sizeof text, reference);
-    CRTRefDelete(&reference);
-    return text;
-}
+class ReferenceText {
+public:
+    explicit ReferenceText(_cr_tref_t const* reference) noexcept { CRTRefToString(text_, sizeof text_, reference); }
+    explicit ReferenceText(_cr_tref_t const& reference) noexcept : ReferenceText(&reference) {}
+    char const* Get() const noexcept { return text_; }
 
-// Those of the legacy arrays.
+private:
+    char text_[CR_TREF_TEXT_SIZE];
+};
+
+// Calls use(text) for each one of the legacy arrays.
 template <class Use>
 void ForEachLegacyReference(DORecordView const& view, Use use) {
     for (unsigned int i = 0; i < view.GetLegacyTaskIDs(); ++i) {
         auto const id = Load<std::uint64_t>(DORecordHeaderIndexOfTaskId(view.GetHeader(), i));
-        use(ReferenceText(CR_REFTYPE_TASKID, id));
+        use(ReferenceText({id, CR_REFTYPE_TASKID}).Get());
     }
     for (unsigned int i = 0; i < view.GetLegacyDSIDs(); ++i) {
         auto const id = Load<std::uint32_t>(DORecordHeaderIndexOfDataSelection(view.GetHeader(), i));
-        use(ReferenceText(CR_REFTYPE_DSID, id));
+        use(ReferenceText({id, CR_REFTYPE_DSID}).Get());
     }
 }
 
+// Calls use(text) for each typed one.
 template <class Use>
 void ForEachReference(DORecordView const& view, Use use) {
     for (DOReference const reference : view.References()) {
-        use(ReferenceText(reference.kind, reference.id));
+        use(ReferenceText({reference.id, reference.kind}).Get());
     }
+}
+
+// Calls use(kind) for every kind of reference.
+template <class Use>
+void ForEachReferenceKind(Use use) {
+    for (int kind = 0; kind < CR_REFTYPE_END; ++kind) {
+        use(static_cast<cr_reftype_t>(kind));
+    }
+}
+
+// Calls use(text) for each one of an open record, by kind and id, kind 0 too.
+template <class Use>
+void ForEachReference(DORecord const& record, Use use) {
+    ForEachReferenceKind([&](cr_reftype_t kind) {
+        for (auto at = record.GetTRefTypeBegin(kind); at != record.GetTRefTypeEnd(kind); ++at) {
+            use(ReferenceText((*at)->Get()).Get());
+        }
+    });
 }
 
 } // namespace crrecord::tool

@@ -1,9 +1,9 @@
 // crrecord refs: what keeps the objects alive.
 
 #include "analysis/active_tasks.h"
-#include "analysis/reference_list.h"
 #include "record/do_record.h"
 #include "record/findings.h"
+#include "record/references.h"
 #include "verbs/verbs.h"
 
 namespace crrecord::tool {
@@ -71,16 +71,14 @@ ExitCode List(RefsOptions const& options, Output& out) {
         std::unique_ptr<DORecord> const opened = OpenDORecord(options.file, record);
         if (!options.json) {
             std::string const prefix = several ? fmt::format("record {}: ", record.number) : "";
-            ForEachReference(*opened, [&](_cr_tref_t const* reference) {
-                out.Print("{}{}\n", prefix, ReferenceText(reference).Get());
-            });
+            ForEachReference(*opened, [&](char const* text) { out.Print("{}{}\n", prefix, text); });
             return;
         }
         AppendJsonStart(out.Buffer(), quotedName, record, true);
         out.Write(R"(,"references":[)");
         char const* separator = "";
-        ForEachReference(*opened, [&](_cr_tref_t const* reference) {
-            out.Print(R"({}"{}")", separator, ReferenceText(reference).Get());
+        ForEachReference(*opened, [&](char const* text) {
+            out.Print(R"({}"{}")", separator, text);
             separator = ",";
         });
         out.Write("]}\n");
