@@ -34,6 +34,12 @@ std::string InUnits(std::uint64_t bytes) {
     return fmt::format("{:.1f} {}", value, kUnits[unit]);
 }
 
+std::string WithUnit(std::uint64_t bytes) {
+    std::string const exact = Counted(bytes, "byte");
+    std::string const rounded = InUnits(bytes);
+    return rounded == exact ? exact : fmt::format("{} ({})", exact, rounded);
+}
+
 std::string Painted(std::string_view text, Colour colour, bool coloured) {
     constexpr std::array kCodes{"32", "33", "31", "1"};
     return coloured ? fmt::format("\033[{}m{}\033[0m", kCodes[static_cast<std::size_t>(colour)], text)

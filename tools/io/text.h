@@ -17,6 +17,9 @@ std::string Counted(std::uint64_t count, std::string_view noun);
 // A number of bytes in the largest binary unit of which there is one: "512 bytes", "1.5 MiB".
 std::string InUnits(std::uint64_t bytes);
 
+// The same behind the number itself: "512 bytes", "1572864 bytes (1.5 MiB)".
+std::string WithUnit(std::uint64_t bytes);
+
 // Colours only help the eye; every text says without them what it says.
 enum class Colour { Good, Warning, Bad, Heading };
 

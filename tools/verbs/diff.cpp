@@ -2,7 +2,6 @@
 
 #include "analysis/record_diff.h"
 #include "analysis/segment_match.h"
-#include "analysis/units.h"
 #include "record/findings.h"
 #include "verbs/verbs.h"
 

@@ -3,7 +3,6 @@
 #include "analysis/container_totals.h"
 #include "analysis/segment_runs.h"
 #include "analysis/unique_segments.h"
-#include "analysis/units.h"
 #include "record/do_record.h"
 #include "record/findings.h"
 #include "verbs/verbs.h"
