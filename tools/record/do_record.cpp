@@ -53,7 +53,7 @@ std::unique_ptr<DORecord> OpenDORecord(std::string_view file, Record const& reco
     }
 }
 
-std::unique_ptr<DORecord> OpenOnlyDORecord(RecordStream& stream) {
+Record const* OnlyDORecord(RecordStream& stream) {
     Record const* const record = stream.Next();
     std::vector<Finding> findings;
     if (!Diagnose(*record, Depth::FirstError, findings)) {
@@ -66,7 +66,12 @@ std::unique_ptr<DORecord> OpenOnlyDORecord(RecordStream& stream) {
     if (!stream.EndsHere()) {
         throw Failure(stream.Name() + ": holds more than one record, where one is needed");
     }
-    return OpenDORecord(stream.Name(), *record);
+    return record;
+}
+
+std::unique_ptr<DORecord> OpenOnlyDORecord(RecordStream& stream) {
+    Record const* const record = OnlyDORecord(stream);
+    return record ? OpenDORecord(stream.Name(), *record) : nullptr;
 }
 
 std::string TextOf(crfp_digest_t const& fingerprint, unsigned int fptype) {

@@ -26,8 +26,11 @@ inline std::span<unsigned char const> BytesOf(DORecord const& record) {
     return {reinterpret_cast<unsigned char const*>(record.GetHeader()), record.GetHeaderSize()};
 }
 
-// The only record of an input, open, for verbs that work on one. Null, and told, where it is bad. Throws Failure where
-// there are more, or where it is a segment record.
+// The only record of an input, for verbs that work on one: a valid DO record or exchange form, as it was found. Null,
+// and told, where it is bad. Throws Failure where there are more, or where it is a segment record.
+Record const* OnlyDORecord(RecordStream& stream);
+
+// The same, open.
 std::unique_ptr<DORecord> OpenOnlyDORecord(RecordStream& stream);
 
 // The fingerprint in lower-case hexadecimal digits.

@@ -2,7 +2,7 @@
 
 #include "picture/lanes.h"
 #include "picture/sections_bar.h"
-#include "record/findings.h"
+#include "record/do_record.h"
 #include "verbs/verbs.h"
 
 namespace crrecord::tool {
@@ -65,14 +65,9 @@ std::string DrawRecord(std::string const& name, Record const& record) {
 
 ExitCode Map(MapOptions const& options, Output& out) {
     RecordStream stream(options.record, options.form.Facts());
-    Record const* const record = stream.Next();
-    std::vector<Finding> findings;
-    if (!Diagnose(*record, Depth::FirstError, findings)) {
-        Complain(Describe(stream.Name(), *record, findings.front()));
+    Record const* const record = OnlyDORecord(stream);
+    if (!record) {
         return ExitCode::BadRecord;
-    }
-    if (record->kind == Kind::Segment || !stream.EndsHere()) {
-        throw Failure(stream.Name() + ": is not a single DO record, of which alone there are pictures");
     }
     std::string const picture = DrawRecord(options.record, *record);
     OutputFile to(options.out);
