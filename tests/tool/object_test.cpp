@@ -53,7 +53,7 @@ TEST_F(Tool, BuildsAndDigestsTheseDORecords) {
         RecordValues expected = Abcabc12(example.dotype, example.fptype);
         SCOPED_TRACE(NameOf(expected));
         std::string const type = TypeOptions(expected), sizes = " --segment-size 3 --container-size 7" + type;
-        ASSERT_EQ(Run("build in -o out --task 1099511627776 --dsid 5 --task 3 --task 3 --json" + sizes), 0) << err;
+        ASSERT_EQ(Run("build --task 1099511627776 --dsid 5 --task 3 --task 3 in -o out --json" + sizes), 0) << err;
         TakeTimes(expected, Read("out"));
         Bytes const bytes = Spell(expected, true).bytes;
         EXPECT_EQ(Read("out"), bytes);

@@ -155,6 +155,8 @@ TEST_F(Tool, SaysWhyItCannotWork) {
          "no container ids are left behind 4294967295: take larger containers or an earlier first one than 4294967295"},
         {"segments build empty -o out", "empty: is empty, so it has no segments"},
         {"build in -o out --dotype 4", "--dotype: 4 not in {0,1,2,3,5} (try: crrecord build --help)"},
+        {"build --task -1 in -o out",
+         "--task: found \"-1\", expected a whole number of 0 to 18446744073709551615 (try: crrecord build --help)"},
         {"build in -o out --segment-size 2147483648",
          "--segment-size: Value 2147483648 not in range 1 to 2147483647 (try: crrecord build --help)"},
         {"convert two --to serialized -o out",

@@ -142,12 +142,12 @@ void AddBuild(CLI::App& app, Action& chosen) {
     AddCutOptions(*verb, options->cut, kLargestSegment);
     verb->add_option("--task", options->tasks, "A task that refers to the object; may be given again")
         ->type_name("ID")
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        ->check(WholeNumber(std::numeric_limits<std::uint64_t>::max()))
+        ->allow_extra_args(false);
     verb->add_option("--dsid", options->dsids, "A data selection that refers to the object; may be given again")
         ->type_name("ID")
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        ->check(WholeNumber(CutOptions::kMost32))
+        ->allow_extra_args(false);
     verb->add_flag("--json", options->json, "The closing line as a JSON object");
     verb->footer(
         "Reads FILE once. The record is in network order and has the list of its containers. Its CRC is the CRC-32 of\n"

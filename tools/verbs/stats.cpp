@@ -11,6 +11,8 @@ namespace crrecord::tool {
 
 namespace {
 
+constexpr std::uint64_t kMost64 = std::numeric_limits<std::uint64_t>::max();
+
 struct StatsOptions {
     std::vector<std::string> files{"-"};
     FormOptions form;
@@ -257,8 +259,9 @@ void AddStats(CLI::App& app, Action& chosen) {
                                         "Also count the bytes of different segments, and of those that came before");
     auto* const top = verb->add_option_function<std::uint64_t>(
         "--top", [options](std::uint64_t count) { options->top = count; }, "Only the N greatest containers, by bytes");
-    top->type_name("N");
+    top->check(WholeNumber(kMost64))->type_name("N");
     verb->add_option("--uses", options->uses, "Instead, name the records that need this container; may be given again")
+        ->check(WholeNumber(kMost64))
         ->type_name("DCID")
         ->allow_extra_args(false)
         ->excludes(unique)

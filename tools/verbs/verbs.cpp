@@ -1,6 +1,19 @@
 #include "verbs/verbs.h"
 
+#include <charconv>
+
 namespace crrecord::tool {
+
+CLI::Validator WholeNumber(std::uint64_t most) {
+    auto const refusal = [most](std::string& text) {
+        std::uint64_t number = 0;
+        std::from_chars(text.data(), text.data() + text.size(), number);
+        bool const whole = number <= most && text == std::to_string(number);
+        return whole ? std::string()
+                     : fmt::format("found \"{}\", expected a whole number of 0 to {}", Printable(text), most);
+    };
+    return {refusal, ""};
+}
 
 void AddVerbs(CLI::App& app, Action& chosen) {
     app.name("crrecord");

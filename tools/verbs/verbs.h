@@ -50,6 +50,10 @@ inline void PrintClosing(Output& out, std::string const& path, bool asked, std::
     }
 }
 
+// Takes an option's text as a decimal number from 0 to `most`. The parser alone reads more into it: "-1" and too many
+// digits are the largest number to it, and "010" is 8.
+CLI::Validator WholeNumber(std::uint64_t most);
+
 // The options of verbs that read exchange forms too.
 struct FormOptions {
     bool serialized = false;
