@@ -164,6 +164,7 @@ TEST_F(Tool, SaysWhyItCannotWork) {
         {"verify two in", "two: holds more than one record, where one is needed"},
         {"verify seg in", "seg: is a segment record, where a DO record is needed"},
         {"segments build in -o in", "in: is FILE itself, which the records would replace"},
+        {"map do -o do", "do: is an input itself, which the picture would replace"},
         {"segments build in -o none/out", "none/out: cannot create: No such file or directory"},
         {"segments build in -o .", ".: cannot create: Is a directory"},
         {"validate none", "none: cannot open: No such file or directory"},

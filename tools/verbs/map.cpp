@@ -64,6 +64,7 @@ std::string DrawRecord(std::string const& name, Record const& record) {
 }
 
 ExitCode Map(MapOptions const& options, Output& out) {
+    RefuseToReplace({options.record}, options.out, "picture");
     RecordStream stream(options.record, options.form.Facts());
     Record const* const record = OnlyDORecord(stream);
     if (!record) {

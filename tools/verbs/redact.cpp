@@ -69,6 +69,10 @@ std::string ClosingLine(RedactOptions const& options, Tally const& tally) {
 }
 
 ExitCode Redact(RedactOptions const& options, Output& out) {
+    RefuseToReplace(options.files, options.out, "redacted records");
+    if (options.key == "-" && std::find(options.files.begin(), options.files.end(), "-") != options.files.end()) {
+        throw Failure("standard input can be either the records or the key");
+    }
     Pseudonyms pseudonyms = MakePseudonyms(options);
     OutputFile to(options.out);
     Tally tally;

@@ -1,6 +1,7 @@
 #include "verbs/verbs.h"
 
 #include <charconv>
+#include <filesystem>
 
 namespace crrecord::tool {
 
@@ -13,6 +14,15 @@ CLI::Validator WholeNumber(std::uint64_t most) {
                      : fmt::format("found \"{}\", expected a whole number of 0 to {}", Printable(text), most);
     };
     return {refusal, ""};
+}
+
+void RefuseToReplace(std::vector<std::string> const& files, std::string const& out, std::string_view written) {
+    for (std::string const& file : files) {
+        std::error_code unknown; // of a file that is not there
+        if (file != "-" && out != "-" && std::filesystem::equivalent(file, out, unknown)) {
+            throw Failure(fmt::format("{}: is an input itself, which the {} would replace", out, written));
+        }
+    }
 }
 
 void AddVerbs(CLI::App& app, Action& chosen) {
