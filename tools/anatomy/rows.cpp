@@ -121,9 +121,10 @@ void TextRows::MarkLine(std::uint64_t offset, std::uint64_t size, std::size_t co
 
 void TextRows::AddFinding() {
     Finding const& finding = findings_.front();
-    out_.Print(" {} {} {} in {}: found {}, expected {}: {}\n", finding.code, CRFindingName(finding.code),
-               NameOfSeverity(finding.severity), finding.field, finding.found, finding.expected,
-               Printable(finding.message));
+    std::string const text = fmt::format("{} {} {} in {}: found {}, expected {}: {}", finding.code,
+                                         CRFindingName(finding.code), NameOfSeverity(finding.severity), finding.field,
+                                         finding.found, finding.expected, Printable(finding.message));
+    out_.Print(" {}\n", out_.Paint(text, ColourOf(finding)));
     findings_ = findings_.subspan(1);
 }
 

@@ -42,6 +42,10 @@ char const* NameOfSeverity(int severity) noexcept {
     return severity == CR_FINDING_ERROR ? "error" : "note";
 }
 
+Colour ColourOf(Finding const& finding) noexcept {
+    return finding.severity == CR_FINDING_ERROR ? Colour::Bad : Colour::Warning;
+}
+
 bool Diagnose(Record const& record, Depth depth, std::vector<Finding>& findings) {
     findings.clear();
     // Of something unknown the first error says that; what its bytes would mean in a segment record is no news.

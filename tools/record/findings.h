@@ -3,6 +3,7 @@
 #pragma once
 
 #include "io/record_stream.h"
+#include "io/text.h"
 
 #include <string>
 #include <vector>
@@ -23,6 +24,7 @@ struct Finding {
 };
 
 char const* NameOfSeverity(int severity) noexcept;
+Colour ColourOf(Finding const& finding) noexcept;
 
 enum class Depth { Everything, FirstError };
 

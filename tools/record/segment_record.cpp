@@ -51,12 +51,12 @@ void TurnSegmentRecord(Record const& record, Order order) noexcept {
     }
 }
 
-void AppendSegmentHeading(fmt::memory_buffer& to, bool showKey) {
-    fmt::format_to(std::back_inserter(to), kRow, "record", "at byte", "order", "stored in", "bytes", "CRC", "type");
+void PrintSegmentHeading(Output& out, bool showKey) {
+    std::string heading = fmt::format(kRow, "record", "at byte", "order", "stored in", "bytes", "CRC", "type");
     if (showKey) {
-        fmt::format_to(std::back_inserter(to), kKeyColumn, "key");
+        heading += fmt::format(kKeyColumn, "key");
     }
-    to.append(std::string_view("fingerprint\n"));
+    out.Print("{}\n", out.Paint(heading + "fingerprint", Colour::Heading));
 }
 
 void AppendSegmentRow(fmt::memory_buffer& to, Record const& record, bool showKey) {

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "io/output.h"
 #include "io/record_stream.h"
 
 #include <crrecord/SOmarshall.h>
@@ -19,7 +20,7 @@ void TurnSegmentRecord(Record const& record, Order order) noexcept;
 _SegmentDBRecord& AsSegmentRecord(Record const& record) noexcept;
 
 // For valid records whose bytes were turned to host order: the rows of the table.
-void AppendSegmentHeading(fmt::memory_buffer& to, bool showKey);
+void PrintSegmentHeading(Output& out, bool showKey);
 void AppendSegmentRow(fmt::memory_buffer& to, Record const& record, bool showKey);
 
 } // namespace crrecord::tool

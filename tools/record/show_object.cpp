@@ -22,16 +22,20 @@ constexpr char const* kDotypeNames[] = {"fingerprints of segments of one size (o
                                         "fingerprints, sizes, 32-bit offsets"};
 static_assert(std::size(kDotypeNames) == CR_DO_TYPE_4_BYTE_OFFSET + 1);
 
+void PrintHeading(Output& out, std::string_view text) {
+    out.Print("{}\n", out.Paint(text, Colour::Heading));
+}
+
 void PrintHeader(Output& out, Record const& record, DORecordView const& view) {
     auto const row = [&out](std::string_view name, std::string const& value) {
         out.Print("  {:<14}{}\n", name, value);
     };
     if (record.kind == Kind::Form) {
-        out.Print("Exchange form of {}, and the DO record of {} that it makes\n", Counted(record.size, "byte"),
-                  Counted(view.GetHeaderSize(), "byte"));
+        PrintHeading(out, fmt::format("Exchange form of {}, and the DO record of {} that it makes",
+                                      Counted(record.size, "byte"), Counted(view.GetHeaderSize(), "byte")));
     } else {
-        out.Print("Record {} at byte {}: DO record in {} order, {}\n", record.number, record.offset,
-                  NameOf(record.order), Counted(record.size, "byte"));
+        PrintHeading(out, fmt::format("Record {} at byte {}: DO record in {} order, {}", record.number, record.offset,
+                                      NameOf(record.order), Counted(record.size, "byte")));
     }
     row("DO type", fmt::format("{}: {}", view.GetDOType(), NameOfDOType(view.GetDOType())));
     row("fingerprints", fmt::format("{}: {}", view.GetFPType(), NameOfFingerprint(view.GetFPType())));
@@ -53,7 +57,8 @@ void PrintContainers(Output& out, DOUniqueDCIDRange const& containers) {
         out.Write("\nNo list of containers\n");
         return;
     }
-    out.Print("\n{:>20}  {:>20}\n", "container", "bytes");
+    out.Write("\n");
+    PrintHeading(out, fmt::format("{:>20}  {:>20}", "container", "bytes"));
     for (DOUniqueDCID const container : containers) {
         out.Print("{:>20}  {:>20}\n", container.dcid, container.bytes);
     }
@@ -61,9 +66,14 @@ void PrintContainers(Output& out, DOUniqueDCIDRange const& containers) {
 
 void PrintReferences(Output& out, DORecordView const& view) {
     bool const none = view.References().empty() && view.GetLegacyTaskIDs() == 0 && view.GetLegacyDSIDs() == 0;
-    out.Write(none ? "\nNo references\n" : "\nreferences\n");
-    ForEachLegacyReference(view, [&](std::string const& text) { out.Print("  {} (legacy)\n", text); });
-    ForEachReference(view, [&](std::string const& text) { out.Print("  {}\n", text); });
+    if (none) {
+        out.Write("\nNo references\n");
+        return;
+    }
+    out.Write("\n");
+    PrintHeading(out, "references");
+    ForEachLegacyReference(view, [&](char const* text) { out.Print("  {} (legacy)\n", text); });
+    ForEachReference(view, [&](char const* text) { out.Print("  {}\n", text); });
 }
 
 void PrintSegments(Output& out, DORecordView const& view, Range range) {
@@ -72,7 +82,9 @@ void PrintSegments(Output& out, DORecordView const& view, Range range) {
     if (range.first >= end) {
         return;
     }
-    out.Print("\n{:>10}  {:>16}  {:>10}  {:>20}  fingerprint\n", "segment", "at byte", "bytes", "container");
+    out.Write("\n");
+    PrintHeading(
+        out, fmt::format("{:>10}  {:>16}  {:>10}  {:>20}  fingerprint", "segment", "at byte", "bytes", "container"));
     ForEachSegment(segments, view.GetDOType(), end, [&](auto index, auto position, DOSegment const& segment) {
         if (index >= range.first) {
             out.Print("{:>10}  {:>16}  {:>10}  {:>20}  {}\n", index, position, segment.size, segment.dcid,

@@ -28,6 +28,8 @@ struct Sum {
 };
 
 constexpr char const* kFates[] = {"shared", "moved", "added", "removed"};
+constexpr Colour kNew = Colour::Good;
+constexpr Colour kGone = Colour::Bad;
 
 // Tells of each difference while it goes through the records.
 class Differ {
@@ -87,8 +89,8 @@ private:
             auto const place = [](PlacedSegment const* in) {
                 return in ? fmt::format("byte {} in container {}", in->position, in->segment.dcid) : std::string();
             };
-            out_.Print("{:<10}{}, {}: {}{}{}\n", what, fingerprint, Counted(segment.size, "byte"), place(a),
-                       a && b ? " -> " : "", place(b));
+            PrintLine(what, fmt::format("{}, {}: {}{}{}", fingerprint, Counted(segment.size, "byte"), place(a),
+                                        a && b ? " -> " : "", place(b)));
             return;
         }
         auto const place = [](PlacedSegment const* in) {
@@ -102,8 +104,17 @@ private:
         if (options_.json) {
             out_.Print(R"(,"{}":{{"segments":"{}","bytes":"{}"}})", what, sum.segments, sum.bytes);
         } else {
-            out_.Print("{:<10}{} of {}\n", what, Counted(sum.segments, "segment"), WithUnit(sum.bytes));
+            PrintLine(what, fmt::format("{} of {}", Counted(sum.segments, "segment"), WithUnit(sum.bytes)),
+                      sum.segments != 0);
         }
+    }
+
+    // What was added and removed has its colour, where it is any.
+    void PrintLine(std::string_view what, std::string const& text, bool any = true) {
+        std::string const line = fmt::format("{:<10}{}", what, text);
+        bool const isNew = what == kFates[static_cast<int>(Fate::Added)];
+        bool const isGone = what == kFates[static_cast<int>(Fate::Removed)];
+        out_.Print("{}\n", any && (isNew || isGone) ? out_.Paint(line, isNew ? kNew : kGone) : line);
     }
 
     void DiffHeader() {
@@ -123,7 +134,8 @@ private:
         if (!options_.json) {
             DiffReferences(a_, b_, [this](char const* reference, bool isInB) {
                 same_ = false;
-                out_.Print("reference {} {}\n", isInB ? "added" : "removed", reference);
+                std::string const line = fmt::format("reference {} {}", isInB ? "added" : "removed", reference);
+                out_.Print("{}\n", out_.Paint(line, isInB ? kNew : kGone));
             });
             return;
         }

@@ -108,7 +108,7 @@ private:
             return;
         }
         if (!std::exchange(inTable_, true)) {
-            AppendSegmentHeading(out_.Buffer(), options_.showKeys);
+            PrintSegmentHeading(out_, options_.showKeys);
         }
         AppendSegmentRow(out_.Buffer(), record, options_.showKeys);
         out_.FlushWhenFull();

@@ -3,8 +3,6 @@
 #include "record/findings.h"
 #include "verbs/verbs.h"
 
-#include <crrecord/finding.h>
-
 namespace crrecord::tool {
 
 namespace {
@@ -58,8 +56,7 @@ ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Out
             continue;
         }
         for (Finding const& finding : findings) {
-            Colour const colour = finding.severity == CR_FINDING_ERROR ? Colour::Bad : Colour::Warning;
-            out.Print("{}\n", out.Paint(Printable(Describe(stream.Name(), *record, finding)), colour));
+            out.Print("{}\n", out.Paint(Printable(Describe(stream.Name(), *record, finding)), ColourOf(finding)));
         }
     }
     if (!options.json && !options.quiet) {
