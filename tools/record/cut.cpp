@@ -17,6 +17,8 @@ namespace crrecord::tool {
 namespace {
 
 constexpr std::size_t kBlock = 1024UL * 1024;
+// What has a sign or too many digits is larger when it is read.
+constexpr std::uint64_t kLargestContainer = std::uint64_t{1} << 62;
 
 // Polynomials over the field of two elements modulo that of CRC-32; the coefficient of x^0 is the highest bit.
 constexpr std::uint32_t Multiply(std::uint32_t a, std::uint32_t b) noexcept {
@@ -143,6 +145,7 @@ void AddCutOptions(CLI::App& verb, CutOptions& options, unsigned int mostBytes) 
         ->capture_default_str();
     verb.add_option("--container-size", options.containerSize, "Bytes that a container holds, such as 64M")
         ->transform(size)
+        ->check(CLI::Range(std::uint64_t{1}, kLargestContainer).description(""))
         ->type_name("BYTES")
         ->capture_default_str();
     verb.add_option("--fptype", options.fptype, "Fingerprint: 0 MD5, 1 SHA-1/128, 2 SHA-256/128, 3 SHA-256")
