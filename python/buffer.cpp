@@ -1,0 +1,46 @@
+// A caller's bytes, used where they lie.
+
+#include "buffer.h"
+
+namespace crrecord::python {
+
+namespace {
+
+// Bytes, and maps without write access; behind a read-only memoryview something may be that others write to.
+bool CannotChange(py::handle object) {
+    while (PyMemoryView_Check(object.ptr())) {
+        PyObject* const base = PyMemoryView_GET_BASE(object.ptr());
+        if (!base) {
+            return false;
+        }
+        object = base;
+    }
+    if (PyBytes_CheckExact(object.ptr())) {
+        return true;
+    }
+    if (!py::type::handle_of(object).is(py::module_::import("mmap").attr("mmap"))) {
+        return false;
+    }
+    Py_buffer writable;
+    if (PyObject_GetBuffer(object.ptr(), &writable, PyBUF_WRITABLE) == 0) {
+        PyBuffer_Release(&writable);
+        return false;
+    }
+    PyErr_Clear();
+    return true;
+}
+
+} // namespace
+
+PinnedBuffer::PinnedBuffer(py::handle object) : immutable_(CannotChange(object)) {
+    if (PyObject_GetBuffer(object.ptr(), &buffer_, PyBUF_SIMPLE) != 0) {
+        throw py::error_already_set();
+    }
+}
+
+unsigned char const* PinnedBuffer::Data() const noexcept {
+    static unsigned char const nothing[1] = {};
+    return buffer_.buf ? static_cast<unsigned char const*>(buffer_.buf) : nothing;
+}
+
+} // namespace crrecord::python

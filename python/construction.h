@@ -1,0 +1,35 @@
+// DO records from what Python gives: segments, packed entries, bitmaps.
+
+#pragma once
+
+#include "buffer.h"
+
+#include <crrecord/DORecord.h>
+
+#include <optional>
+
+namespace crrecord::python {
+
+// The header fields of a new record, as keywords give them.
+struct NewFields {
+    unsigned long cid;
+    std::optional<unsigned long> size; // by default where the last segment ends
+    unsigned long segmentSize;
+    unsigned int crc;
+    unsigned int ctime; // 0 for now
+    unsigned int mtime; // 0 for now
+    unsigned char fptype;
+    unsigned char dotype;
+    py::object uniqueList; // a complete list in host order, or None
+};
+
+// From an iterable of (fingerprint, size, offset, dcid). All of these raise crrecord.Error for segments that don't make
+// up the object, and ValueError for what can't be such a thing.
+std::unique_ptr<DORecord> FromSegments(py::iterable const& segments, NewFields const& fields);
+
+// From packed entries and 64-bit containers, both as a record in host order has them.
+std::unique_ptr<DORecord> FromEntries(py::object const& entries, py::object const& dcids, NewFields fields);
+
+std::unique_ptr<DORecord> FromBloom(py::object const& bitmap, NewFields const& fields);
+
+} // namespace crrecord::python

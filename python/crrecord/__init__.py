@@ -1,0 +1,40 @@
+"""The records of a deduplicating content store: reading in place, checking, building, converting."""
+
+from ._crrecord import (
+    Array,
+    DORecord,
+    DOType,
+    FPType,
+    SegmentView,
+    SORecord,
+    Status,
+    View,
+    diagnose,
+    diagnose_form,
+    probe,
+    records,
+    validate,
+)
+from ._types import Digest, Error, Finding, Probe, Reference, Segment
+
+__all__ = [
+    "Array",
+    "DORecord",
+    "DOType",
+    "Digest",
+    "Error",
+    "FPType",
+    "Finding",
+    "Probe",
+    "Reference",
+    "SORecord",
+    "Segment",
+    "SegmentView",
+    "Status",
+    "View",
+    "diagnose",
+    "diagnose_form",
+    "probe",
+    "records",
+    "validate",
+]

@@ -1,0 +1,300 @@
+// DORecord: the class over one DO record. All of it runs with the GIL, which keeps a record to one thread at a time.
+
+#include "construction.h"
+#include "diagnosis.h"
+#include "references.h"
+#include "view.h"
+
+#include <pybind11/stl.h>
+
+#include <crrecord/DORecord.h>
+
+#include <limits>
+#include <set>
+
+namespace crrecord::python {
+
+namespace {
+
+using Class = py::class_<DORecord>;
+
+// --- References -----------------------------------------------------------------------------------------------------
+
+DORecord::tref_ptr_t HandleOf(py::object const& reference) {
+    return DORecord::tref_ptr_t(Cr_TRef::Factory(ParseReference(reference).get()));
+}
+
+// A section beyond 32 bits makes the record too large.
+unsigned int Narrowed(unsigned long size) {
+    if (size > std::numeric_limits<unsigned int>::max()) {
+        throw Cr_ErrnoException(CR_STATUS_INVALID, "invalid record size for DO", nullptr);
+    }
+    return static_cast<unsigned int>(size);
+}
+
+bool AddReference(DORecord& record, py::object const& reference) {
+    int const status = record.OwnTRef(HandleOf(reference));
+    if (status > 1) {
+        Raise(static_cast<cr_status_t>(status));
+    }
+    return status == 0;
+}
+
+py::list References(DORecord const& record) {
+    py::list references;
+    for (auto i = record.GetTRefBegin(); i != record.GetTRefEnd(); ++i) {
+        references.append(ReferenceOf((*i)->Get()));
+    }
+    return references;
+}
+
+// Asks first and removes afterwards, since the question runs any code, and that may change the record.
+unsigned long RemoveInactiveTasks(DORecord& record, py::function const& isActive) {
+    std::vector<unsigned long> tasks;
+    for (auto i = record.GetTRefTypeBegin(CR_REFTYPE_TASKID); i != record.GetTRefTypeEnd(CR_REFTYPE_TASKID); ++i) {
+        tasks.push_back(CRTRefGetTaskID((*i)->Get()));
+    }
+    std::set<unsigned long> inactive;
+    for (unsigned long const task : tasks) {
+        if (!py::cast<bool>(py::bool_(isActive(task)))) {
+            inactive.insert(task);
+        }
+    }
+    auto const answer = [](unsigned long task, void* context) -> int {
+        return static_cast<std::set<unsigned long> const*>(context)->contains(task) ? 0 : 1;
+    };
+    return record.RemoveInactiveTaskIDs(answer, &inactive);
+}
+
+void BindRecordReferences(Class& type) {
+    type.def_property_readonly("references", References, "The typed references, by kind and id.")
+        .def("add_reference", AddReference, py::arg("reference"),
+             "Add a Reference, a (kind, id) or a text such as 'task:17'; kinds 2, 4, 6 and 9.\n\n"
+             "False where it was there already.")
+        .def(
+            "add_serialized_references",
+            [](DORecord& record, py::object const& buffer) {
+                Slice const bytes = PinWhole(buffer);
+                record.AddSerializedTRefs(reinterpret_cast<char const*>(bytes.Data()), Narrowed(bytes.size));
+            },
+            py::arg("buffer"), "Add references of any kind, as a record's section holds them.")
+        .def(
+            "remove_reference",
+            [](DORecord& record, py::object const& reference) { return record.DelTRef(HandleOf(reference)) != 0; },
+            py::arg("reference"), "Remove a reference; False where it wasn't there.")
+        .def(
+            "clear_references",
+            [](DORecord& record, int kind) { record.ClearTRefType(static_cast<cr_reftype_t>(kind)); }, py::arg("kind"),
+            "Remove all references of a kind.")
+        .def("remove_inactive_tasks", RemoveInactiveTasks, py::arg("is_active"),
+             "Remove the task ids for which is_active(task) is false. How many they were.");
+}
+
+// --- Forms ----------------------------------------------------------------------------------------------------------
+
+py::bytes Serialized(DORecord const& record, bool checksum) {
+    void* form = nullptr;
+    unsigned long size = 0;
+    Require(record.Serialize(&form, &size, checksum));
+    struct Owner {
+        void* form;
+        ~Owner() { DORecord::SerializedDORecordFree(&form); }
+    } const owner{form};
+    return BytesOf(form, size);
+}
+
+py::object DigestOf(DORecord const& record) {
+    struct Owner {
+        crt_digest_t* digest;
+        ~Owner() { CRTDigestDelete(&digest); }
+    } const owner{record.GetDigest()};
+    if (!owner.digest) {
+        return py::none();
+    }
+    crt_digest_t const& digest = *owner.digest;
+    unsigned int const fptype = record.GetFPType();
+    return MakeTuple("Digest", BytesOf(digest.digest.bytes, CRFPDigestSize(fptype)),
+                     digest.kind == 0 ? py::object(py::none()) : py::object(py::int_(digest.kind - 1)), digest.dcid);
+}
+
+std::string Text(DORecord const& record) {
+    std::ostringstream stream;
+    record.ToStream(stream, false);
+    return stream.str();
+}
+
+void BindForms(Class& type) {
+    type.def_property_readonly(
+            "order", [](DORecord const& record) { return NameOfOrder(record.IsInNetworkOrder()); },
+            "'host' or 'network'.")
+        .def(
+            "to_network",
+            [](DORecord& record) {
+                if (!record.IsInNetworkOrder()) {
+                    record.HostToNetwork(0);
+                }
+            },
+            "Turn the record to network order.")
+        .def(
+            "to_host",
+            [](DORecord& record) {
+                if (record.IsInNetworkOrder()) {
+                    record.NetworkToHost(0);
+                }
+            },
+            "Turn the record to host order.")
+        .def("serialize", Serialized, py::kw_only(), py::arg("checksum") = false,
+             "The exchange form; for a record in host order.\n\n"
+             "checksum: its head has the checksum of its body instead of the record's CRC.")
+        .def("digest", DigestOf, "One fingerprint for the whole object, as a Digest, or None.")
+        .def("text", Text, "The record as one line; for a record in host order.")
+        .def("__bytes__", [](DORecord const& record) {
+            DORecordHeader const* const header = record.GetHeader();
+            return BytesOf(header, record.GetHeaderSize());
+        });
+}
+
+// --- Construction ---------------------------------------------------------------------------------------------------
+
+void BindConstruction(Class& type) {
+    type.def(py::init([](py::iterable const& segments, unsigned long cid, std::optional<unsigned long> size,
+                         unsigned long segmentSize, unsigned int crc, unsigned int ctime, unsigned int mtime,
+                         unsigned char fptype, unsigned char dotype, py::object const& uniqueList) {
+                 return FromSegments(segments, {cid, size, segmentSize, crc, ctime, mtime, fptype, dotype, uniqueList});
+             }),
+             py::arg("segments"), py::kw_only(), py::arg("cid"), py::arg("size") = py::none(),
+             py::arg("segment_size") = 0, py::arg("crc") = 0, py::arg("ctime") = 0, py::arg("mtime") = 0,
+             py::arg("fptype"), py::arg("dotype") = CR_DO_TYPE_8_BYTE_OFFSET, py::arg("unique_list") = py::none(),
+             "A new record in host order of segments, each (fingerprint, size, offset, dcid).\n\n"
+             "size: by default where the last segment ends. ctime, mtime: 0 stands for now.")
+        .def_static(
+            "from_entries",
+            [](py::object const& entries, py::object const& dcids, unsigned long cid, unsigned long size,
+               unsigned long segmentSize, unsigned int crc, unsigned int ctime, unsigned int mtime,
+               unsigned char fptype, unsigned char dotype, py::object const& uniqueList) {
+                return FromEntries(entries, dcids,
+                                   {cid, size, segmentSize, crc, ctime, mtime, fptype, dotype, uniqueList});
+            },
+            py::arg("entries"), py::arg("dcids"), py::kw_only(), py::arg("cid"), py::arg("size"),
+            py::arg("segment_size") = 0, py::arg("crc") = 0, py::arg("ctime") = 0, py::arg("mtime") = 0,
+            py::arg("fptype"), py::arg("dotype") = CR_DO_TYPE_8_BYTE_OFFSET, py::arg("unique_list") = py::none(),
+            "A new record of packed entries and 64-bit containers, as they stand in a record in host order.")
+        .def_static(
+            "from_bloom",
+            [](py::object const& bitmap, unsigned long cid, unsigned long size, unsigned long segmentSize,
+               unsigned int crc, unsigned int ctime, unsigned int mtime, unsigned char fptype,
+               py::object const& uniqueList) {
+                return FromBloom(
+                    bitmap, {cid, size, segmentSize, crc, ctime, mtime, fptype, CR_DO_TYPE_BLOOM_FILTER, uniqueList});
+            },
+            py::arg("bitmap"), py::kw_only(), py::arg("cid"), py::arg("size"), py::arg("segment_size") = 0,
+            py::arg("crc") = 0, py::arg("ctime") = 0, py::arg("mtime") = 0, py::arg("fptype"),
+            py::arg("unique_list") = py::none(), "A new record of DO type 4, with a bloom bitmap instead of segments.")
+        .def_static(
+            "from_buffer",
+            [](py::object const& buffer, bool subDO) {
+                Slice const bytes = PinWhole(buffer);
+                try {
+                    return WithoutGil(bytes, [&] {
+                        return DORecord::FromBuffer(bytes.Data(), bytes.size, subDO ? CR_DO_SUB_DO : 0);
+                    });
+                } catch (Cr_ErrnoException const& error) {
+                    Raise(error.GetStatus(), error.what(),
+                          Diagnose(bytes, {.expected = Expected::DataObject, .subDO = subDO}).findings);
+                }
+            },
+            py::arg("buffer"), py::kw_only(), py::arg("sub_do") = false,
+            "From one stored record in either order: a copy in host order.")
+        .def_static(
+            "from_form",
+            [](py::object const& form, unsigned int dotype, unsigned char fptype, bool subDO) {
+                Slice const bytes = PinWhole(form);
+                return std::make_unique<DORecord>(dotype, fptype, nullptr, 0, bytes.Data(), bytes.size, subDO);
+            },
+            py::arg("form"), py::kw_only(), py::arg("dotype"), py::arg("fptype"), py::arg("sub_do") = false,
+            "From an exchange form. The list of a bloom record is to be turned with append_unique_list.");
+}
+
+// --- Fields ---------------------------------------------------------------------------------------------------------
+
+// The setter of the library logs invalid flags and stores nothing.
+void SetFlags(DORecord& record, unsigned short flags) {
+    record.setFlags(flags);
+    if (record.GetFlags() != flags) {
+        throw Cr_ErrnoException(CR_STATUS_INVALID, "invalid flags for DO", nullptr);
+    }
+}
+
+py::list Segments(DORecord const& record) {
+    DOSegmentSource const source = DOSegmentSource::Of(record.GetHeader());
+    py::list segments;
+    for (unsigned int i = 0; i < source.count; ++i) {
+        segments.append(SegmentOf(source, i));
+    }
+    return segments;
+}
+
+py::list UniqueList(DORecord const& record) {
+    py::list list;
+    for (DOUniqueDCID const entry : DOUniqueDCIDRange(DOUniqueDCIDSource::Of(record.GetHeader()))) {
+        list.append(py::make_tuple(entry.dcid, entry.bytes));
+    }
+    return list;
+}
+
+py::dict ContainerSizes(DORecord const& record) {
+    cr_dcid_size_map_t sizes;
+    Require(record.GetUDCIDSizeList(sizes));
+    py::dict dict;
+    for (auto const& [dcid, bytes] : sizes) {
+        dict[py::int_(dcid)] = bytes;
+    }
+    return dict;
+}
+
+void BindFields(Class& type) {
+    type.def_property("flags", &DORecord::GetFlags, SetFlags, "Bits 2 and 4 only.")
+        .def_property("check_time", &DORecord::GetCheckTime, &DORecord::setCheckTime, "Time of the last check.")
+        .def_property("cid", &DORecord::GetDCID, &DORecord::setDCID, "Container of the record itself.")
+        .def_property("sub_do", &DORecord::IsSubDO, &DORecord::SetSubDO, "Whether segments may reach 4 GiB.")
+        .def_property_readonly("record_size", &DORecord::GetHeaderSize, "Bytes of the record.")
+        .def_property_readonly("size", &DORecord::GetSize, "Bytes of the object.")
+        .def_property_readonly("segment_size", &DORecord::GetSsize, "Of DO types 0 and 1.")
+        .def_property_readonly("crc", &DORecord::GetCrc, "The creator's checksum.")
+        .def_property_readonly("ctime", &DORecord::GetCTime, "Time of creation.")
+        .def_property_readonly("mtime", &DORecord::GetMTime, "Time of the last change.")
+        .def_property_readonly("fptype", &DORecord::GetFPType, "Fingerprint type, 0 to 3.")
+        .def_property_readonly("dotype", &DORecord::GetDOType, "DO type, 0 to 5.")
+        .def_property_readonly("segments", Segments, "The segments, as a list of Segment.")
+        .def_property_readonly("unique_list", UniqueList, "Container and bytes in it, of each container.")
+        .def(
+            "append_unique_list", [](DORecord& record) { Require(record.AppendBloomAndUniqueDCIDList()); },
+            "Compute the list of containers and write it into the record, which has no references yet.")
+        .def("container_sizes", ContainerSizes,
+             "Container to bytes: the unique list, and the record itself in its own container.");
+}
+
+} // namespace
+
+void BindDORecord(py::module_& module) {
+    Class type(module, "DORecord", "The record of one stored object.");
+    BindConstruction(type);
+    BindFields(type);
+    BindRecordReferences(type);
+    BindForms(type);
+    type.def(
+            "__eq__",
+            [](DORecord const& record, py::object const& other) -> py::object {
+                if (!py::isinstance<DORecord>(other)) {
+                    return py::reinterpret_borrow<py::object>(Py_NotImplemented);
+                }
+                return py::bool_(record == py::cast<DORecord const&>(other));
+            },
+            py::arg("other"))
+        .def("__repr__", [](DORecord const& record) {
+            return "<crrecord.DORecord: DO type " + std::to_string(record.GetDOType()) + ", " +
+                   std::to_string(record.GetNfp()) + " segments>";
+        });
+}
+
+} // namespace crrecord::python

@@ -1,0 +1,90 @@
+// SORecord: the class over one segment record.
+
+#include "buffer.h"
+
+#include <crrecord/SORecord.h>
+
+#include <cstdlib>
+
+#include "errors.h"
+
+namespace crrecord::python {
+
+namespace {
+
+char const* KeyIn(std::string const& key) {
+    if (key.size() != CR_SO_KEY_SIZE) {
+        throw py::value_error("a key has 33 bytes");
+    }
+    return key.data();
+}
+
+py::bytes Serialized(SORecord const& record) {
+    if (record.IsInNetworkOrder()) {
+        Raise(CR_STATUS_INVALID, "the record is in network order");
+    }
+    void* form = nullptr;
+    unsigned long size = 0;
+    Require(SegmentRecordSerialize(record.GetHeader(), &form, &size));
+    std::unique_ptr<void, void (*)(void*)> const owner(form, std::free);
+    return BytesOf(form, size);
+}
+
+} // namespace
+
+void BindSORecord(py::module_& module) {
+    py::class_<SORecord>(module, "SORecord", "The record of one stored segment, 104 bytes, without task ids.")
+        .def(py::init([](unsigned int dcid, unsigned int size, unsigned int crc, py::bytes const& key,
+                         unsigned short flags, unsigned char cryptoMode, unsigned char fptype) {
+                 return std::make_unique<SORecord>(flags, dcid, size, crc, KeyIn(key), cryptoMode, fptype);
+             }),
+             py::kw_only(), py::arg("dcid"), py::arg("size"), py::arg("crc") = 0,
+             py::arg("key") = py::bytes(std::string(CR_SO_KEY_SIZE, '\0')), py::arg("flags") = 0,
+             py::arg("crypto_mode") = 0, py::arg("fptype") = 0,
+             "A new record in host order. Container and size have 32 bits here; set them to raise them to 64.")
+        .def_static(
+            "from_buffer",
+            [](py::object const& buffer) {
+                Slice const bytes = PinWhole(buffer);
+                return SORecord::FromBuffer(bytes.Data(), bytes.size);
+            },
+            py::arg("buffer"), "From one stored record of 104 bytes in either order.")
+        .def_property("flags", &SORecord::GetFlags, &SORecord::SetFlags, "0 or 2.")
+        .def_property("dcid", &SORecord::GetDCID, &SORecord::SetDCID, "The container: 1, or 64 and above.")
+        .def_property_readonly("path_id", &SORecord::GetPathID, "The path, or the container.")
+        .def_property_readonly("file_id", &SORecord::GetFileID, "The file; 0 in a container.")
+        .def_property("size", &SORecord::GetSize, &SORecord::SetSize, "Bytes of the segment.")
+        .def_property("crc", &SORecord::GetCRC, &SORecord::SetCRC, "The creator's checksum.")
+        .def_property("check_time", &SORecord::GetCheckTime, &SORecord::SetCheckTime, "Time of the last check.")
+        .def_property("fptype", &SORecord::GetFPType, &SORecord::SetFPType, "Fingerprint type, 0 to 3.")
+        .def_property("crypto_mode", &SORecord::GetCryptoMode, &SORecord::SetCryptoMode, "Carried as it is.")
+        .def_property("key_index", &SORecord::GetKeyIndex, &SORecord::SetKeyIndex, "In the writer's byte order.")
+        .def_property(
+            "key", [](SORecord const& record) { return BytesOf(record.GetKey(), CR_SO_KEY_SIZE); },
+            [](SORecord& record, py::bytes const& key) { record.SetKey(KeyIn(key)); }, "33 bytes of key data.")
+        .def_property_readonly("record_size", &SORecord::GetHeaderSize, "104.")
+        .def_property_readonly(
+            "order", [](SORecord const& record) { return record.IsInNetworkOrder() ? "network" : "host"; },
+            "'host' or 'network'.")
+        .def(
+            "to_network", [](SORecord& record) { record.HostToNetwork(0); }, "Turn the record to network order.")
+        .def(
+            "to_host", [](SORecord& record) { record.NetworkToHost(0); }, "Turn the record to host order.")
+        .def("serialize", Serialized, "The serialized form; for a record in host order.")
+        .def("__bytes__", [](SORecord const& record) { return BytesOf(record.GetHeader(), record.GetHeaderSize()); })
+        .def(
+            "__eq__",
+            [](SORecord const& record, py::object const& other) -> py::object {
+                if (!py::isinstance<SORecord>(other)) {
+                    return py::reinterpret_borrow<py::object>(Py_NotImplemented);
+                }
+                return py::bool_(record == py::cast<SORecord const&>(other));
+            },
+            py::arg("other"))
+        .def("__repr__", [](SORecord const& record) {
+            return "<crrecord.SORecord: " + std::to_string(record.GetSize()) + " bytes in container " +
+                   std::to_string(record.GetDCID()) + ">";
+        });
+}
+
+} // namespace crrecord::python

@@ -1,0 +1,217 @@
+// View: a validated DO record, read where it lies.
+
+#include "view.h"
+
+#include "diagnosis.h"
+#include "references.h"
+#include "support/record_layout.h"
+
+#include <memory>
+
+namespace crrecord::python {
+
+namespace {
+
+DORecordView Judge(Slice const& bytes, bool subDO) {
+    try {
+        return WithoutGil(bytes, [&] { return DORecordView(bytes.Data(), bytes.size, subDO ? CR_DO_SUB_DO : 0); });
+    } catch (Cr_ErrnoException const& error) {
+        Raise(error.GetStatus(), error.what(),
+              Diagnose(bytes, {.expected = Expected::DataObject, .subDO = subDO}).findings);
+    }
+}
+
+// Goes through the segments; keeps the view, and so the bytes, alive.
+struct SegmentIterator {
+    std::shared_ptr<View const> view;
+    unsigned int next;
+};
+
+// The segments of a view as a sequence.
+struct SegmentSequence {
+    std::shared_ptr<View const> view;
+
+    py::object Item(py::ssize_t i) const {
+        py::ssize_t const count = view->Segments().count;
+        py::ssize_t const index = i < 0 ? i + count : i;
+        if (index < 0 || index >= count) {
+            throw py::index_error("segment index out of range");
+        }
+        return SegmentOf(view->Segments(), static_cast<unsigned int>(index));
+    }
+};
+
+py::bytes Turned(View const& view, std::string const& order) {
+    if (order != "host" && order != "network") {
+        throw py::value_error("the order is 'host' or 'network'");
+    }
+    py::bytes const copy = BytesOf(view.Bytes().Data(), view.Bytes().size);
+    if (order == NameOfOrder(view.Fields().IsInNetworkOrder())) {
+        return copy;
+    }
+    Slice const bytes = PinWhole(copy);
+    // The copy may not be what was validated any more.
+    RequireGood(bytes, {.expected = Expected::DataObject, .subDO = true});
+    auto* const header = reinterpret_cast<DORecordHeader*>(const_cast<unsigned char*>(bytes.Data()));
+    (order == "host" ? DORecordHeaderNtoh : DORecordHeaderHton)(header);
+    return copy;
+}
+
+void BindSegments(py::module_& module) {
+    py::class_<SegmentIterator>(module, "_SegmentIterator")
+        .def("__iter__", [](py::object const& self) { return self; })
+        .def("__next__", [](SegmentIterator& self) {
+            if (self.next == self.view->Segments().count) {
+                throw py::stop_iteration();
+            }
+            return SegmentOf(self.view->Segments(), self.next++);
+        });
+    py::class_<SegmentSequence>(module, "_Segments")
+        .def("__len__", [](SegmentSequence const& self) { return self.view->Segments().count; })
+        .def("__iter__",
+             [](SegmentSequence const& self) {
+                 return SegmentIterator{self.view, 0};
+             })
+        .def("__getitem__", &SegmentSequence::Item);
+}
+
+template <class Getter>
+auto FieldGetter(Getter getter) {
+    return [getter](View const& view) { return (view.Fields().*getter)(); };
+}
+
+} // namespace
+
+py::object SegmentOf(DOSegmentSource const& source, unsigned int i) {
+    DOSegment const segment = source.Read(i);
+    py::object offset = py::none();
+    if (SegmentOffsetWidth(source.dotype) != 0) {
+        offset = py::int_(segment.offset);
+    }
+    return MakeTuple("Segment", BytesOf(segment.fingerprint.bytes, source.fingerprint), segment.size, offset,
+                     segment.dcid);
+}
+
+View::View(Slice bytes, bool subDO)
+    : bytes_(std::move(bytes)), fields_(Judge(bytes_, subDO)), segments_(DOSegmentSource::Of(fields_.GetHeader())),
+      unique_(DOUniqueDCIDSource::Of(fields_.GetHeader())),
+      taskIds_(DORecordHeaderIndexOfTaskId(fields_.GetHeader(), 0)),
+      dsids_(DORecordHeaderIndexOfDataSelection(fields_.GetHeader(), 0)),
+      references_(DORecordHeaderStartTRefs(fields_.GetHeader())), bloom_(fields_.GetBloom()) {}
+
+Array View::entriesOf(std::vector<Field> fields) const {
+    return Array(bytes_.owner, segments_.entries, segments_.count, segments_.stride, std::move(fields));
+}
+
+// Fingerprint, size, offset, as far as the DO type has them.
+std::vector<Field> View::entryFields() const {
+    Content const number = NumberIn(segments_.networkOrder);
+    std::vector<Field> fields{{"fingerprint", 0, segments_.fingerprint, Content::Bytes}};
+    if (unsigned int const width = SegmentSizeWidth(segments_.dotype)) {
+        fields.push_back({"size", segments_.fingerprint, width, number});
+    }
+    if (unsigned int const width = SegmentOffsetWidth(segments_.dotype)) {
+        fields.push_back({"offset", OffsetPosition(segments_.fingerprint), width, number});
+    }
+    return fields;
+}
+
+Array View::Entries() const {
+    return entriesOf(entryFields());
+}
+
+Array View::Fingerprints() const {
+    return entriesOf({entryFields()[0]});
+}
+
+py::object View::Sizes() const {
+    std::vector<Field> const fields = entryFields();
+    return fields.size() < 2 ? py::none() : py::cast(entriesOf({fields[1]}));
+}
+
+py::object View::Offsets() const {
+    std::vector<Field> const fields = entryFields();
+    return fields.size() < 3 ? py::none() : py::cast(entriesOf({fields[2]}));
+}
+
+Array View::Dcids() const {
+    return Array(bytes_.owner, segments_.dcids, segments_.count, kDcidSize,
+                 {{"dcid", 0, kDcidSize, Content::HostNumber}});
+}
+
+Array View::UniqueList() const {
+    unsigned char const* const entries = unique_.count == 0 ? unique_.list : unique_.list + kUniqueHeadSize;
+    return Array(bytes_.owner, entries, unique_.count, kUniqueEntrySize,
+                 {{"dcid", 0, 8, Content::HostNumber}, {"bytes", 8, 8, Content::HostNumber}});
+}
+
+Array View::Bloom() const {
+    return Array(bytes_.owner, bloom_ ? bloom_ : bytes_.Data(), bloom_ ? fields_.GetBSize() : 0, 1,
+                 {{"bits", 0, 1, Content::HostNumber}});
+}
+
+Array View::LegacyTaskIds() const {
+    return Array(bytes_.owner, taskIds_, fields_.GetLegacyTaskIDs(), kLegacyTaskIdSize,
+                 {{"task", 0, kLegacyTaskIdSize, Content::HostNumber}});
+}
+
+Array View::LegacyDsids() const {
+    return Array(bytes_.owner, dsids_, fields_.GetLegacyDSIDs(), kLegacyDsidSize,
+                 {{"dsid", 0, kLegacyDsidSize, Content::HostNumber}});
+}
+
+py::list View::References() const {
+    return DecodeReferences(references_, fields_.GetTRefsSize());
+}
+
+void BindView(py::module_& module) {
+    BindSegments(module);
+    py::class_<View, std::shared_ptr<View>>(module, "View",
+                                            "A good DO record in a buffer, in either byte order, read in place.")
+        .def(py::init(
+                 [](py::object const& buffer, bool subDO) { return std::make_shared<View>(PinWhole(buffer), subDO); }),
+             py::arg("buffer"), py::kw_only(), py::arg("sub_do") = false,
+             "Validate the buffer, and keep it; Error, with the findings, for anything but one good DO record.")
+        .def_property_readonly(
+            "kind", [](View const&) { return "do"; }, "'do'.")
+        .def_property_readonly(
+            "order", [](View const& view) { return NameOfOrder(view.Fields().IsInNetworkOrder()); },
+            "'host' or 'network'.")
+        .def_property_readonly(
+            "position", [](View const& view) { return view.Bytes().position; },
+            "Where the record starts in the buffer.")
+        .def_property_readonly("flags", FieldGetter(&DORecordView::GetFlags), "Bits 2 and 4 only.")
+        .def_property_readonly("record_size", FieldGetter(&DORecordView::GetHeaderSize), "Bytes of the record.")
+        .def_property_readonly("check_time", FieldGetter(&DORecordView::GetCheckTime), "Time of the last check.")
+        .def_property_readonly("cid", FieldGetter(&DORecordView::GetDCID), "Container of the record itself.")
+        .def_property_readonly("size", FieldGetter(&DORecordView::GetSize), "Bytes of the object.")
+        .def_property_readonly("segment_size", FieldGetter(&DORecordView::GetSsize), "Of DO types 0 and 1.")
+        .def_property_readonly("crc", FieldGetter(&DORecordView::GetCrc), "The creator's checksum.")
+        .def_property_readonly("ctime", FieldGetter(&DORecordView::GetCTime), "Time of creation.")
+        .def_property_readonly("mtime", FieldGetter(&DORecordView::GetMTime), "Time of the last change.")
+        .def_property_readonly("fptype", FieldGetter(&DORecordView::GetFPType), "Fingerprint type, 0 to 3.")
+        .def_property_readonly("dotype", FieldGetter(&DORecordView::GetDOType), "DO type, 0 to 5.")
+        .def_property_readonly("references_size", FieldGetter(&DORecordView::GetTRefsSize), "Bytes of the references.")
+        .def_property_readonly(
+            "segments", [](std::shared_ptr<View> const& view) { return SegmentSequence{view}; },
+            "The segments, as a sequence of Segment; each is made when it is asked for.")
+        .def_property_readonly("entries", &View::Entries, "All stored fields of the segments, but for the containers.")
+        .def_property_readonly("fingerprints", &View::Fingerprints, "The segments' fingerprints.")
+        .def_property_readonly("sizes", &View::Sizes, "The segments' stored sizes, or None for DO types 0 and 1.")
+        .def_property_readonly("offsets", &View::Offsets, "The segments' offsets, or None where the DO type has none.")
+        .def_property_readonly("dcids", &View::Dcids, "The segments' containers.")
+        .def_property_readonly("unique_list", &View::UniqueList, "Container and bytes in it, of each container.")
+        .def_property_readonly("bloom", &View::Bloom, "The bitmap of DO type 4; otherwise empty.")
+        .def_property_readonly("references", &View::References, "The typed references, in stored order.")
+        .def_property_readonly("legacy_task_ids", &View::LegacyTaskIds, "Task ids that are no typed references.")
+        .def_property_readonly("legacy_dsids", &View::LegacyDsids, "DSIDs that are no typed references.")
+        .def("to_bytes", Turned, py::arg("order"), "A copy of the record in 'host' or 'network' order.")
+        .def("__bytes__", [](View const& view) { return BytesOf(view.Bytes().Data(), view.Bytes().size); })
+        .def("__repr__", [](View const& view) {
+            return "<crrecord.View: DO type " + std::to_string(view.Fields().GetDOType()) + ", " +
+                   std::to_string(view.Segments().count) + " segments, " +
+                   NameOfOrder(view.Fields().IsInNetworkOrder()) + " order>";
+        });
+}
+
+} // namespace crrecord::python
