@@ -6,12 +6,17 @@ SETUP ?= scripts/setup
 unexport FILE
 export CRRECORD_WALK_FILE := $(value FILE)
 
-.PHONY: help setup build run test bench install format clean
+.PHONY: help setup build run test fuzz bench abi memcheck big-endian python install format clean
 
 help:
 	@echo 'make run [FILE=path]       read a file, write its records, read and check them, show what came out'
 	@echo 'make test                  run the tests'
+	@echo 'make fuzz [SECONDS=60]     give the fuzz targets so long each, and tell what they found'
 	@echo 'make bench [QUICK=1]       measure the library against other ways to do the same work'
+	@echo 'make abi                   compare the interface of the shared library with the reviewed one'
+	@echo 'make memcheck              run the tests, and the command over the golden records, under valgrind'
+	@echo 'make big-endian            build for a big-endian machine, and run the tests under an emulator of it'
+	@echo 'make python                build the Python package into build/python/python, and test it'
 	@echo 'make build                 build the library and the command into build/release'
 	@echo 'make install [PREFIX=dir]  install them, into /usr/local unless told otherwise'
 	@echo 'make format                format the sources'
@@ -30,11 +35,33 @@ run: build
 test: build
 	@ctest --preset release
 
+fuzz:
+	@$(SETUP) --ci
+	@scripts/fuzz $(or $(SECONDS),60)
+
 bench:
 	@$(SETUP) --bench
 	@cmake --preset bench
 	@cmake --build --preset bench
 	@scripts/bench build/bench $(if $(QUICK),--quick,$(if $(PUBLISH),--publish))
+
+abi: build
+	@$(SETUP) --abi
+	@tests/abi/interface.sh build/release/src/libcrrecord.so
+
+memcheck: build
+	@$(SETUP) --memcheck
+	@scripts/memcheck build/release
+
+big-endian:
+	@$(SETUP) --big-endian
+	@scripts/big-endian
+
+python:
+	@$(SETUP) --python
+	@cmake --preset python
+	@cmake --build --preset python
+	@ctest --preset python
 
 install: build
 	@cmake --install build/release $(if $(PREFIX),--prefix '$(PREFIX)')

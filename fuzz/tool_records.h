@@ -1,0 +1,86 @@
+// Records as the command has them, without files.
+
+#pragma once
+
+#include "target.h"
+
+#include "record/do_record.h"
+#include "record/findings.h"
+#include "record/segment_record.h"
+#include "json/reader.h"
+#include "json/writer.h"
+
+#include <string>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace fuzz {
+
+using namespace crrecord::tool;
+using crrecord::Order;
+
+// A file in memory with a name, made anew with each use.
+class NamedBytes {
+public:
+    NamedBytes() : file_(::memfd_create("fuzz", 0)) { Must(file_ != -1, "a file in memory"); }
+    ~NamedBytes() { ::close(file_); }
+    NamedBytes(NamedBytes const&) = delete;
+    NamedBytes& operator=(NamedBytes const&) = delete;
+
+    std::string Holding(void const* bytes, std::size_t size) const {
+        Must(::ftruncate(file_, 0) == 0 && ::pwrite(file_, bytes, size, 0) == static_cast<ssize_t>(size), "its bytes");
+        return "/proc/self/fd/" + std::to_string(file_);
+    }
+
+private:
+    int file_;
+};
+
+// What was written there and is not flushed yet, which is all of it while it is short.
+inline Block Written(Output& out) {
+    Block bytes(out.Buffer().begin(), out.Buffer().end());
+    Must(out.Size() == bytes.size(), "all that was written is there");
+    return bytes;
+}
+
+// A record with bytes of its own.
+struct OwnRecord {
+    OwnRecord(Record const& from, Bytes itsBytes) : bytes(itsBytes.begin(), itsBytes.end()), record(from) {
+        record.bytes = bytes.data();
+        record.size = bytes.size();
+    }
+    explicit OwnRecord(Record const& from) : OwnRecord(from, {from.bytes, from.size}) {}
+    OwnRecord(OwnRecord const& other) : OwnRecord(other.record) {}
+    OwnRecord& operator=(OwnRecord const&) = delete;
+
+    void Turn(Order order) {
+        (record.kind == Kind::Segment ? TurnSegmentRecord : TurnDORecord)(record, order);
+        record.order = order;
+    }
+
+    Block bytes;
+    Record record;
+};
+
+// The line of a valid record that stands in host order and was found in `foundIn`.
+inline Block JsonOf(Record record, Order foundIn) {
+    Output out(-1, "line");
+    record.order = foundIn;
+    AppendJsonStart(out.Buffer(), record);
+    if (record.kind == Kind::Segment) {
+        json::WriteSegmentRecord(out, record, true);
+    } else {
+        json::WriteObject(out, DORecordView(record.bytes, record.size));
+    }
+    Block line = Written(out);
+    Must(!line.empty() && line.back() == '\n', "a line");
+    line.pop_back();
+    return line;
+}
+
+inline std::string_view TextOf(Block const& block, std::size_t size) {
+    return {reinterpret_cast<char const*>(block.data()), size};
+}
+
+} // namespace fuzz
