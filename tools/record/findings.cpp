@@ -1,5 +1,7 @@
 #include "record/findings.h"
 
+#include "io/text.h"
+
 #include <crrecord/DORecordHeader.h>
 #include <crrecord/SOmarshall.h>
 #include <crrecord/finding.h>
@@ -11,15 +13,37 @@ namespace crrecord::tool {
 
 namespace {
 
+// A form of a gigabyte may have as many bad fingerprints as others have segments: what is kept of them is bounded.
+constexpr std::uint64_t kMostFindings = 10'000;
+
+struct Keeper {
+    std::vector<Finding>& findings;
+    std::uint64_t more = 0; // that were not kept
+};
+
 template <Depth depth>
 bool Keep(cr_finding_t const* finding, void* context) {
-    auto& findings = *static_cast<std::vector<Finding>*>(context);
+    auto& keeper = *static_cast<Keeper*>(context);
     bool const isError = finding->severity == CR_FINDING_ERROR;
-    if (depth == Depth::Everything || isError) {
-        findings.push_back({finding->code, finding->severity, finding->offset, finding->found, finding->expected,
-                            finding->field, finding->message});
+    if (keeper.findings.size() == kMostFindings) {
+        ++keeper.more;
+    } else if (depth == Depth::Everything || isError) {
+        keeper.findings.push_back({finding->code, finding->severity, finding->offset, finding->found, finding->expected,
+                                   finding->field, finding->message});
     }
     return depth == Depth::Everything || !isError;
+}
+
+cr_status_t DiagnoseBytes(Record const& record, cr_finding_callback_t keep, void* context) {
+    bool const network = record.order == Order::Network;
+    switch (record.kind) {
+    case Kind::DataObject:
+        return DORecordDiagnose(record.bytes, record.size, network ? CR_DO_NETWORK_ORDER : 0, keep, context);
+    case Kind::Form:
+        return DORecordSerializedDiagnose(record.bytes, record.size, record.form.dotype, record.form.fptype,
+                                          record.form.checksum ? CR_DO_FORM_CHECKSUM : 0, keep, context);
+    default: return SegmentRecordDiagnose(record.bytes, record.size, network ? CR_SO_NETWORK_ORDER : 0, keep, context);
+    }
 }
 
 char const* RemarkOn(Record const& record) noexcept {
@@ -48,22 +72,15 @@ Colour ColourOf(Finding const& finding) noexcept {
 
 bool Diagnose(Record const& record, Depth depth, std::vector<Finding>& findings) {
     findings.clear();
+    Keeper keeper{findings};
     // Of something unknown the first error says that; what its bytes would mean in a segment record is no news.
     bool const everything = depth == Depth::Everything && record.kind != Kind::Unknown;
-    bool const network = record.order == Order::Network;
-    cr_finding_callback_t const keep = everything ? Keep<Depth::Everything> : Keep<Depth::FirstError>;
-    switch (record.kind) {
-    case Kind::DataObject:
-        return DORecordDiagnose(record.bytes, record.size, network ? CR_DO_NETWORK_ORDER : 0, keep, &findings) ==
-               CR_STATUS_OK;
-    case Kind::Form:
-        return DORecordSerializedDiagnose(record.bytes, record.size, record.form.dotype, record.form.fptype,
-                                          record.form.checksum ? CR_DO_FORM_CHECKSUM : 0, keep,
-                                          &findings) == CR_STATUS_OK;
-    default:
-        return SegmentRecordDiagnose(record.bytes, record.size, network ? CR_SO_NETWORK_ORDER : 0, keep, &findings) ==
-               CR_STATUS_OK;
+    cr_status_t const status =
+        DiagnoseBytes(record, everything ? Keep<Depth::Everything> : Keep<Depth::FirstError>, &keeper);
+    if (keeper.more != 0) {
+        findings.back().message += fmt::format(" (and {} more)", Counted(keeper.more, "finding"));
     }
+    return status == CR_STATUS_OK;
 }
 
 std::string Describe(std::string_view file, Record const& record, Finding const& finding) {

@@ -29,7 +29,7 @@ Colour ColourOf(Finding const& finding) noexcept;
 enum class Depth { Everything, FirstError };
 
 // Whether the record, whose bytes are still as they were found, may be used. `findings` gets what was found, and
-// nothing else.
+// nothing else; of a great many findings the first, of which the last one says how many there are more.
 bool Diagnose(Record const& record, Depth depth, std::vector<Finding>& findings);
 
 // One line without its end: where, what, and why the rest of the input is not read where that is so.
