@@ -46,7 +46,7 @@ Bytes HexBlock(std::string const& title) {
 
 // What stands in a buffer in host order on this machine.
 Bytes HostBlock(std::string const& title) {
-    return HexBlock(title + (std::endian::native == std::endian::little ? " host" : " network"));
+    return HexBlock(title + (kBig ? " network" : " host"));
 }
 
 bool Unexpected(cr_finding_t const* finding, void*) {
@@ -78,6 +78,9 @@ TEST(FormatDocument, ExampleOfASegmentRecord) {
 }
 
 TEST(FormatDocument, ExampleOfADORecord) {
+    if (kBig) {
+        GTEST_SKIP() << "a little-endian machine has built the example, its containers too";
+    }
     Bytes const host = HostBlock("object");
     EXPECT_EQ(DORecordDiagnose(host.data(), host.size(), 0, Unexpected, nullptr), CR_STATUS_OK);
     auto const record = DORecord::FromBuffer(host.data(), host.size());

@@ -1,7 +1,9 @@
 #!/usr/bin/python3
 """Holds the command against the golden records.
 
-    check.py made | validate | convert | json | annotate COMMAND
+    check.py made | validate | convert | json | annotate COMMAND [--big-endian]
+
+A big-endian machine writes other records; what is exchanged, and the JSON, must be what the files hold.
 """
 import json
 import pathlib
@@ -14,6 +16,7 @@ import make
 
 FOLDER = pathlib.Path(__file__).parent
 MUTATIONS = 300
+BIG = "--big-endian" in sys.argv
 command = sys.argv[2]
 failures = []
 
@@ -30,23 +33,27 @@ def run(*arguments, given=None):
 
 def converts(name, to, *options):
     """NAME converted is the file of the same object with the other ending."""
-    source, target = FOLDER / name, (FOLDER / name).with_suffix({"serialized": ".form"}.get(to, f".{to}"))
-    same(run("convert", source, *options, "--to", to, "-o", "-"), target.read_bytes(), f"{name} to {to}")
+    target = pathlib.Path(name).with_suffix({"serialized": ".form"}.get(to, f".{to}")).name
+    seen = run("convert", "-", *options, "--to", to, "-o", "-", given=make.FILES[name])
+    same(seen, make.FILES[target], f"{name} to {to}")
 
 
 def made():
     for name, data in make.FILES.items():
-        same((FOLDER / name).read_bytes(), data, name)
+        # The list that was summed in the other order is nothing odd there.
+        if not BIG or name.endswith((".form", ".json")) and name != "noted-do-list-order.json":
+            same((FOLDER / name).read_bytes(), data.replace(b'"order":"network"', b'"order":"host"', 1), name)
     endings = (".host", ".network", ".form", ".json")
     same({path.name for path in FOLDER.iterdir() if path.suffix in endings} - set(make.FILES), set(), "strange files")
 
 
 def validate():
     for name in make.OBJECTS:
-        note = [name.removeprefix("noted-").split(".")[0]] if name.startswith("noted-") else []
+        odd = name.startswith("noted-") and not (BIG and name == "noted-do-list-order")
+        note = [name.removeprefix("noted-").split(".")[0]] if odd else []
         for order in ("host", "network"):
-            said = json.loads(run("validate", "--json", FOLDER / f"{name}.{order}"))
-            same((said["order"], said["valid"]), (order, True), f"{name}.{order}")
+            said = json.loads(run("validate", "--json", "-", given=make.FILES[f"{name}.{order}"]))
+            same((said["order"], said["valid"]), ("network" if BIG else order, True), f"{name}.{order}")
             same(sorted({finding["name"] for finding in said["findings"]}), note, f"findings of {name}.{order}")
 
 

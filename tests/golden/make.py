@@ -2,15 +2,17 @@
 """Writes the golden records, from docs/format.md alone: nothing of this project's code takes part.
 
 A field is NAME:CODE with struct's codes; "=" behind it marks what a conversion between the byte orders does not turn.
+With --big-endian it makes them as such a machine writes them.
 """
 import hashlib
 import itertools
 import json
 import pathlib
 import struct
+import sys
 import zlib
 
-HOST, NETWORK = "<", ">"
+HOST, NETWORK = ">" if "--big-endian" in sys.argv else "<", ">"
 SEGMENT_HEADER = ("type:H flags:H recsize:I word8:I ntaskids:I checktime:I word20:I= pathid:Q fileid:Q size:Q CRC:I "
                   "nfp:I key:33s= fptype:B= cryptomode:B= reserved:B= keyindex:H= word94:H=")
 DO_HEADER = ("type:H flags:H recsize:I reserved:I= checktime:I CID:Q size:Q ssize:Q CRC:I ctime:I mtime:I ntaskid:I= "
@@ -34,7 +36,7 @@ def packed(text, values, order):
 
 
 def json_line(kind, text, values, arrays):
-    members = {"schema": 1, "kind": kind, "order": "host"}
+    members = {"schema": 1, "kind": kind, "order": "host" if HOST != NETWORK else "network"}
     for name, code in fields_of(text):
         if not code.startswith("33s"):
             members[name] = str(values[name]) if code == "Q" else list(values[name]) if "s" in code else values[name]
@@ -44,14 +46,14 @@ def json_line(kind, text, values, arrays):
 def segment(fptype=0, taskids=(), count=1, spare=0, **changes):
     """The files of a record with `count` fingerprints: ending -> bytes."""
     prints = [fingerprint(fptype, b"%d" % i * 80) for i in range(count)]
-    end = b"".join(prints) + struct.pack("<Q", spare)
+    end = b"".join(prints) + struct.pack(HOST + "Q", spare)
     values = dict(type=2, flags=0, recsize=96 + 8 * len(taskids) + len(end), word8=0, ntaskids=len(taskids),
                   checktime=TIME, word20=0, pathid=64, fileid=0, size=80, CRC=zlib.crc32(b"0" * 80), nfp=count,
                   key=bytes(range(1, 34)), fptype=fptype, cryptomode=1, reserved=0, keyindex=0x0107, word94=0)
     values.update(changes)
     texts = b"".join(p.hex().encode() + b"\0" for p in prints)
     return {
-        "host": packed(SEGMENT_HEADER, values, HOST) + struct.pack(f"<{len(taskids)}Q", *taskids) + end,
+        "host": packed(SEGMENT_HEADER, values, HOST) + struct.pack(f"{HOST}{len(taskids)}Q", *taskids) + end,
         "network": packed(SEGMENT_HEADER, values, NETWORK) + struct.pack(f">{len(taskids)}Q", *taskids) + end,
         "form": packed("size:Q pathid:Q fileid:Q CRC:I nfp:I", values, NETWORK) + texts + b"\0",
         "json": json_line("segment", SEGMENT_HEADER, values,
@@ -85,12 +87,12 @@ def do_record(dotype, fptype, pieces=(), listed=(), references=(), bitmap=b"", l
 
     def sections(order):
         head = b"".join(prints[i] + numbers(i, order) for i in range(count))
-        head += struct.pack(f"<{count}Q", *(dcid for _, dcid, _ in pieces))
+        head += struct.pack(f"{HOST}{count}Q", *(dcid for _, dcid, _ in pieces))
         if dotype == 4:
             head = struct.pack(order + "I", length) + bitmap + zeros
         if listed:
-            head += struct.pack("<I", checksum) + listing(order, HOST)
-        return head + struct.pack(f"<{len(legacy[0])}Q{len(legacy[1])}I", *legacy[0], *legacy[1]) + typed + tail
+            head += struct.pack(HOST + "I", checksum) + listing(order, HOST)
+        return head + struct.pack(f"{HOST}{len(legacy[0])}Q{len(legacy[1])}I", *legacy[0], *legacy[1]) + typed + tail
 
     def form():
         if dotype != 4:

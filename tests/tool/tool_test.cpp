@@ -63,7 +63,7 @@ TEST_F(Tool, ShowsEveryFieldInEitherOrder) {
         expected.update({{"record", 1}, {"offset", "0"}, {"order", "network"}});
         ASSERT_EQ(Lines().size(), 2u);
         EXPECT_EQ(Lines()[0], expected);
-        expected.update({{"record", 2}, {"offset", "160"}, {"order", "host"}});
+        expected.update({{"record", 2}, {"offset", "160"}, {"order", little ? "host" : "network"}});
         EXPECT_EQ(Lines()[1], expected);
     }
     std::string const line = "2,1,2,72623859790382856,3544952156018063160,4702394921427289928,1364349780,1,,3,2,"
@@ -122,10 +122,11 @@ TEST_F(Tool, ConvertsAllOrNothing) {
     Write("in", Golden(kHost) + Golden(kNetwork));
     ASSERT_EQ(Run("convert in --to network -o out --json"), 0);
     EXPECT_EQ(Read("out"), Golden(kNetwork) + Golden(kNetwork));
-    EXPECT_EQ(json::parse(out), json::parse(R"({"file": "in", "out": "out", "order": "network", "records": 2,
-        "converted": 1, "bytes": "384"})"));
+    json expected = json::parse(R"({"file": "in", "out": "out", "order": "network", "records": 2, "bytes": "384"})");
+    expected["converted"] = kBig ? 0 : 1;
+    EXPECT_EQ(json::parse(out), expected);
     ASSERT_EQ(Shell("chmod 640 in; ln -s in link; \"$T\" convert in --to host -o link; stat -c %a in"), 0);
-    EXPECT_EQ(out, "link: 2 records, 384 bytes, in host order; 1 converted\n640\n");
+    EXPECT_EQ(out, "link: 2 records, 384 bytes, in host order; " + std::string(kBig ? "2" : "1") + " converted\n640\n");
     EXPECT_EQ(Read("in"), Golden(kHost) + Golden(kHost));
 
     Bytes bad = Golden(kNetwork);
