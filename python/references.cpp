@@ -2,7 +2,13 @@
 
 #include "references.h"
 
+#include "buffer.h"
 #include "errors.h"
+
+#include <limits>
+#include <set>
+#include <utility>
+#include <vector>
 
 namespace crrecord::python {
 
@@ -15,6 +21,57 @@ namespace {
 std::string TextOf(_cr_tref_t const* reference) {
     char text[CR_TREF_TEXT_SIZE];
     return CRTRefToString(text, sizeof text, reference);
+}
+
+DORecord::tref_ptr_t HandleOf(py::object const& reference) {
+    return DORecord::tref_ptr_t(Cr_TRef::Factory(ParseReference(reference).get()));
+}
+
+// A section beyond 32 bits makes the record too large.
+unsigned int Narrowed(unsigned long size) {
+    if (size > std::numeric_limits<unsigned int>::max()) {
+        throw Cr_ErrnoException(CR_STATUS_INVALID, "invalid record size for DO", nullptr);
+    }
+    return static_cast<unsigned int>(size);
+}
+
+bool AddReference(DORecord& record, py::object const& reference) {
+    int const status = record.OwnTRef(HandleOf(reference));
+    if (status > 1) {
+        Raise(static_cast<cr_status_t>(status));
+    }
+    return status == 0;
+}
+
+// Copied first: making a Python object may let other code run, which may change the record.
+py::list References(DORecord const& record) {
+    std::vector<std::pair<int, unsigned long>> copies;
+    for (auto i = record.GetTRefBegin(); i != record.GetTRefEnd(); ++i) {
+        copies.emplace_back(CRTRefGetType((*i)->Get()), CRTRefGetID((*i)->Get()));
+    }
+    py::list references;
+    for (auto const& [kind, id] : copies) {
+        references.append(MakeTuple("Reference", kind, id));
+    }
+    return references;
+}
+
+// Asks first and removes afterwards, since the question runs any code, and that may change the record.
+unsigned long RemoveInactiveTasks(DORecord& record, py::function const& isActive) {
+    std::vector<unsigned long> tasks;
+    for (auto i = record.GetTRefTypeBegin(CR_REFTYPE_TASKID); i != record.GetTRefTypeEnd(CR_REFTYPE_TASKID); ++i) {
+        tasks.push_back(CRTRefGetTaskID((*i)->Get()));
+    }
+    std::set<unsigned long> inactive;
+    for (unsigned long const task : tasks) {
+        if (!py::cast<bool>(py::bool_(isActive(task)))) {
+            inactive.insert(task);
+        }
+    }
+    auto const answer = [](unsigned long task, void* context) -> int {
+        return static_cast<std::set<unsigned long> const*>(context)->contains(task) ? 0 : 1;
+    };
+    return record.RemoveInactiveTaskIDs(answer, &inactive);
 }
 
 } // namespace
@@ -67,6 +124,30 @@ void BindReferences(py::module_& module) {
     module.def(
         "_parse_reference", [](py::str const& text) { return ReferenceOf(ParseReference(text).get()); },
         py::arg("text"));
+}
+
+void BindRecordReferences(py::class_<DORecord>& type) {
+    type.def_property_readonly("references", References, "The typed references, by kind and id.")
+        .def("add_reference", AddReference, py::arg("reference"),
+             "Add a Reference, a (kind, id) or a text such as 'task:17'; kinds 2, 4, 6 and 9.\n\n"
+             "False where it was there already.")
+        .def(
+            "add_serialized_references",
+            [](DORecord& record, py::object const& buffer) {
+                Slice const bytes = PinWhole(buffer);
+                record.AddSerializedTRefs(reinterpret_cast<char const*>(bytes.Data()), Narrowed(bytes.size));
+            },
+            py::arg("buffer"), "Add references of any kind, as a record's section holds them.")
+        .def(
+            "remove_reference",
+            [](DORecord& record, py::object const& reference) { return record.DelTRef(HandleOf(reference)) != 0; },
+            py::arg("reference"), "Remove a reference; False where it wasn't there.")
+        .def(
+            "clear_references",
+            [](DORecord& record, int kind) { record.ClearTRefType(static_cast<cr_reftype_t>(kind)); }, py::arg("kind"),
+            "Remove all references of a kind.")
+        .def("remove_inactive_tasks", RemoveInactiveTasks, py::arg("is_active"),
+             "Remove the task ids for which is_active(task) is false. How many they were.");
 }
 
 } // namespace crrecord::python

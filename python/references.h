@@ -4,6 +4,7 @@
 
 #include "bindings.h"
 
+#include <crrecord/DORecord.h>
 #include <crrecord/tref.h>
 
 #include <memory>
@@ -22,5 +23,8 @@ ReferenceValue ParseReference(py::handle object);
 
 // Those that a section holds. Its bytes may have changed since they were validated, so they are decoded with care.
 py::list DecodeReferences(unsigned char const* section, unsigned long size);
+
+// What a record has to do with references.
+void BindRecordReferences(py::class_<DORecord>& type);
 
 } // namespace crrecord::python

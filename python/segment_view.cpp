@@ -36,34 +36,35 @@ Slice Judge(Slice bytes) {
     return bytes;
 }
 
-// A copy that nobody else sees, judged anew, since the bytes may have changed.
-py::bytes CopyOf(SegmentView const& view) {
-    py::bytes copy = BytesOf(view.Bytes().Data(), view.Bytes().size);
-    RequireGood(PinWhole(copy), {.expected = Expected::Segment});
-    return copy;
+bool IsInNetworkOrder(Slice const& bytes) {
+    return CRRecordProbe(bytes.Data(), bytes.size).network_order != 0;
 }
 
 _SegmentDBRecord* RecordIn(py::bytes const& copy) {
     return reinterpret_cast<_SegmentDBRecord*>(PyBytes_AS_STRING(copy.ptr()));
 }
 
+// Works on a copy that nobody else sees, judged anew: the bytes may have changed since the view was made.
 py::bytes Converted(SegmentView const& view, std::string const& order, bool stripTaskIds) {
     if (order != "host" && order != "network") {
         throw py::value_error("the order is 'host' or 'network'");
     }
-    py::bytes const copy = CopyOf(view);
-    _SegmentDBRecord* const record = RecordIn(copy);
+    py::bytes const copy = BytesOf(view.Bytes().Data(), view.Bytes().size);
+    Slice const bytes = Judge(PinWhole(copy));
+    bool const network = IsInNetworkOrder(bytes);
     bool const toNetwork = order == "network";
-    if (toNetwork == view.IsInNetworkOrder() && !stripTaskIds) {
+    if (toNetwork == network && !stripTaskIds) {
         return copy;
     }
+    _SegmentDBRecord* const record = RecordIn(copy);
     // Task ids go with a conversion, so a record that stays in its order is converted twice.
-    if (toNetwork == view.IsInNetworkOrder()) {
+    unsigned long const stripped =
+        stripTaskIds ? std::uint64_t{segment::kTaskIdSize} * FieldsOf(bytes, network).ntaskids : 0;
+    if (toNetwork == network) {
         (toNetwork ? SegmentRecordNtoh : SegmentRecordHton)(record, record, 0);
     }
     (toNetwork ? SegmentRecordHton : SegmentRecordNtoh)(record, record, stripTaskIds ? CR_SO_STRIP_TASKIDS : 0);
-    auto const ntaskids = stripTaskIds ? view.Fields().ntaskids : 0;
-    return BytesOf(record, view.Bytes().size - std::uint64_t{segment::kTaskIdSize} * ntaskids);
+    return BytesOf(record, bytes.size - stripped);
 }
 
 py::bytes Serialized(SegmentView const& view) {
@@ -83,7 +84,7 @@ auto FieldGetter(Value _SegmentDBRecord::*field) {
 } // namespace
 
 SegmentView::SegmentView(Slice bytes)
-    : bytes_(Judge(std::move(bytes))), networkOrder_(CRRecordProbe(bytes_.Data(), bytes_.size).network_order != 0),
+    : bytes_(Judge(std::move(bytes))), networkOrder_(python::IsInNetworkOrder(bytes_)),
       fields_(FieldsOf(bytes_, networkOrder_)) {}
 
 Array SegmentView::TaskIds() const {

@@ -37,7 +37,7 @@ struct SegmentSequence {
         if (index < 0 || index >= count) {
             throw py::index_error("segment index out of range");
         }
-        return SegmentOf(view->Segments(), static_cast<unsigned int>(index));
+        return SegmentOf(view->Segments().Read(static_cast<unsigned int>(index)), view->Segments());
     }
 };
 
@@ -64,7 +64,7 @@ void BindSegments(py::module_& module) {
             if (self.next == self.view->Segments().count) {
                 throw py::stop_iteration();
             }
-            return SegmentOf(self.view->Segments(), self.next++);
+            return SegmentOf(self.view->Segments().Read(self.next++), self.view->Segments());
         });
     py::class_<SegmentSequence>(module, "_Segments")
         .def("__len__", [](SegmentSequence const& self) { return self.view->Segments().count; })
@@ -82,14 +82,20 @@ auto FieldGetter(Getter getter) {
 
 } // namespace
 
-py::object SegmentOf(DOSegmentSource const& source, unsigned int i) {
-    DOSegment const segment = source.Read(i);
+py::object SegmentOf(DOSegment const& segment, DOSegmentSource const& source) {
+    // There are many of them: past the named tuple's own constructor, which is written in Python.
+    static auto const* const type = new py::object(PythonType("Segment"));
     py::object offset = py::none();
     if (SegmentOffsetWidth(source.dotype) != 0) {
         offset = py::int_(segment.offset);
     }
-    return MakeTuple("Segment", BytesOf(segment.fingerprint.bytes, source.fingerprint), segment.size, offset,
-                     segment.dcid);
+    auto const values = py::make_tuple(
+        py::make_tuple(BytesOf(segment.fingerprint.bytes, source.fingerprint), segment.size, offset, segment.dcid));
+    PyObject* const made = PyTuple_Type.tp_new(reinterpret_cast<PyTypeObject*>(type->ptr()), values.ptr(), nullptr);
+    if (!made) {
+        throw py::error_already_set();
+    }
+    return py::reinterpret_steal<py::object>(made);
 }
 
 View::View(Slice bytes, bool subDO)

@@ -45,8 +45,8 @@ private:
     unsigned char const* bloom_;
 };
 
-// One segment of a record, as crrecord.Segment.
-py::object SegmentOf(DOSegmentSource const& source, unsigned int i);
+// A segment that was read from such a record, as crrecord.Segment.
+py::object SegmentOf(DOSegment const& segment, DOSegmentSource const& source);
 
 // Of a segment record.
 class SegmentView {

@@ -1,116 +1,113 @@
 """The Python package against the golden records, whose bytes and JSON tests/golden/make.py wrote."""
-import gc
-import hashlib
-import json
-import mmap
-import pathlib
-import unittest
+import gc, hashlib, importlib.util, json, pathlib, struct, unittest
 
 import crrecord
-from crrecord import DORecord, Error, Reference, Segment, SegmentView, SORecord, View
+from crrecord import DORecord, Error, Segment, SegmentView, SORecord, View
 
+numpy = importlib.import_module("numpy") if importlib.util.find_spec("numpy") else None
 GOLDEN = pathlib.Path(__file__).parents[1] / "golden"
-JSON = [(path.stem, json.loads(path.read_text())) for path in sorted(GOLDEN.glob("*.json"))]
-OBJECTS = [(name, said) for name, said in JSON if said["kind"] == "do"]
-SEGMENTS = [(name, said) for name, said in JSON if said["kind"] == "segment"]
+JSON = {path.stem: json.loads(path.read_text()) for path in sorted(GOLDEN.glob("*.json"))}
 # What the JSON calls a header field, and what a view does.
-HEADER = dict(flags="flags", recsize="record_size", checktime="check_time", CID="cid", size="size", ssize="segment_size",
-              CRC="crc", ctime="ctime", mtime="mtime", trefssize="references_size", fptype="fptype", dotype="dotype")
-SEGMENT_HEADER = dict(flags="flags", recsize="record_size", checktime="check_time", pathid="path_id", fileid="file_id",
-                      size="size", CRC="crc", fptype="fptype", cryptomode="crypto_mode", keyindex="key_index")
-MTIME = slice(0x30, 0x34)
+BOTH = dict(flags="flags", recsize="record_size", checktime="check_time", size="size", CRC="crc", fptype="fptype")
+HEADER = BOTH | dict(CID="cid", ssize="segment_size", ctime="ctime", mtime="mtime", trefssize="references_size", dotype="dotype")
+SEGMENT_HEADER = BOTH | dict(pathid="path_id", fileid="file_id", cryptomode="crypto_mode", keyindex="key_index")
 
-
-def stored(name, ending="host"):
-    return (GOLDEN / f"{name}.{ending}").read_bytes()
-
+def stored(name, *endings):
+    found = [(GOLDEN / f"{name}.{ending}").read_bytes() for ending in endings]
+    return found if len(found) > 1 else found[0]
 
 def segments(said):
-    offset = lambda s: int(s["offset"]) if "offset" in s else None
-    return [Segment(bytes.fromhex(s["fingerprint"]), s["size"], offset(s), int(s["dcid"])) for s in said["segments"]]
-
-
-def containers(said):
-    return [(int(c["dcid"]), int(c["bytes"])) for c in said["containers"]]
-
+    return [Segment(bytes.fromhex(s["fingerprint"]), s["size"], int(s["offset"]) if "offset" in s else None, int(s["dcid"]))
+            for s in said["segments"]]
 
 def unpacked(column):
     """What a reader of the buffer protocol sees: the elements as format and strides say."""
     view = memoryview(column)
-    data, width = view.tobytes(), view.shape[1] if view.ndim == 2 else view.itemsize
-    parts = [data[i : i + width] for i in range(0, len(data), width)]
-    return parts if view.ndim == 2 else [int.from_bytes(p, "big" if view.format[0] == ">" else "little") for p in parts]
-
+    return [value for value, in struct.iter_unpack(f"{view.shape[1]}s" if view.ndim == 2 else view.format, view.tobytes())]
 
 class Package(unittest.TestCase):
     def test_views_say_what_the_json_says(self):
-        for name, said in OBJECTS:
-            for order in ("host", "network"):
-                view, expected = View(stored(name, order)), segments(said)
-                with self.subTest(name=name, order=order):
-                    self.assertEqual([getattr(view, ours) for ours in HEADER.values()], [int(said[f]) for f in HEADER])
-                    self.assertEqual((list(view.segments), view.unique_list.tolist()), (expected, containers(said)))
-                    self.assertEqual((view.order, list(map(str, view.references))), (order, said["references"]))
-                    legacy = [f"task:{i}" for i in view.legacy_task_ids] + [f"dsid:{i}" for i in view.legacy_dsids]
-                    self.assertEqual((legacy, bytes(view.bloom).hex()), (said["legacy_references"], said.get("bitmap", "")))
-                    self.assertEqual([bytes(view), view.to_bytes("host"), view.to_bytes("network")],
-                                     [stored(name, ending) for ending in (order, "host", "network")])
-                    for column, field in (("fingerprints", 0), ("sizes", 1), ("offsets", 2), ("dcids", 3)):
-                        if (column := getattr(view, column)) is not None:
-                            values = [segment[field] for segment in expected]
-                            self.assertEqual((column.tolist(), unpacked(column)), (values, values))
-                            self.assertEqual((column[::-2].tolist(), unpacked(column[1:])), (values[::-2], values[1:]))
+        for name, said, order in ((*item, order) for item in JSON.items() for order in ("host", "network")):
+            data, isObject = stored(name, order), said["kind"] == "do"
+            view, header = (View(data), HEADER) if isObject else (SegmentView(data), SEGMENT_HEADER)
+            with self.subTest(name=name, order=order):
+                self.assertEqual([getattr(view, header[field]) for field in header], [int(said[field]) for field in header])
+                self.assertEqual([view.order, bytes(view), view.to_bytes("host"), view.to_bytes("network")],
+                                 [order, data, *stored(name, "host", "network")])
+                if not isObject:
+                    seen = view.key.hex(), [f.hex() for f in view.fingerprints], [str(task) for task in view.task_ids], view.serialize()
+                    self.assertEqual(seen, (said["key"], said["fingerprints"], said["taskids"], stored(name, "form")))
+                    continue
+                expected, containers = segments(said), [(int(c["dcid"]), int(c["bytes"])) for c in said["containers"]]
+                self.assertEqual((list(view.segments), view.unique_list.tolist()), (expected, containers))
+                legacy = [f"task:{i}" for i in view.legacy_task_ids] + [f"dsid:{i}" for i in view.legacy_dsids]
+                self.assertEqual((legacy, bytes(view.bloom).hex()), (said["legacy_references"], said.get("bitmap", "")))
+                self.assertEqual([str(reference) for reference in view.references], said["references"])
+                for i, column in enumerate((view.fingerprints, view.sizes, view.offsets, view.dcids)):
+                    if column is not None:
+                        values = [segment[i] for segment in expected]
+                        self.assertEqual((column.tolist(), column[::-2].tolist(), unpacked(column)), (values, values[::-2], values))
 
-    def test_segment_views_say_what_the_json_says(self):
-        for name, said in SEGMENTS:
-            for order in ("host", "network"):
-                view = SegmentView(stored(name, order))
-                with self.subTest(name=name, order=order):
-                    self.assertEqual([getattr(view, ours) for ours in SEGMENT_HEADER.values()],
-                                     [int(said[field]) for field in SEGMENT_HEADER])
-                    self.assertEqual((view.key.hex(), [f.hex() for f in view.fingerprints], view.task_ids.tolist()),
-                                     (said["key"], said["fingerprints"], [int(task) for task in said["taskids"]]))
-                    self.assertEqual([view.to_bytes("host"), view.to_bytes("network"), view.serialize()],
-                                     [stored(name, ending) for ending in ("host", "network", "form")])
-
-    def test_numpy(self):
-        try:
-            import numpy
-        except ImportError:
-            self.skipTest("NumPy is not there")
-        for order in ("host", "network"):
-            data, expected = stored("do3-md5-gaps", order), segments(dict(OBJECTS)["do3-md5-gaps"])
+    @unittest.skipUnless(numpy, "NumPy is not there")
+    def test_numpy_reads_entries_in_place(self):
+        for data in stored("do3-md5-gaps", "host", "network"):
             table = numpy.asarray(View(data).entries)
             self.assertTrue(numpy.shares_memory(table, numpy.frombuffer(data, "u1")))
-            self.assertEqual([(bytes(f), *rest) for f, *rest in table], [segment[:3] for segment in expected])
-            self.assertEqual(numpy.asarray(View(data).offsets).tolist(), [segment.offset for segment in expected])
-            self.assertEqual(numpy.asarray(View(data).unique_list).tolist(), [(64, 80), (65, 1), (66, 90)])
+            self.assertEqual([(bytes(f), *rest) for f, *rest in table], [s[:3] for s in segments(JSON["do3-md5-gaps"])])
 
     def test_built_records_are_the_golden_ones(self):
-        for name, said in (pair for pair in OBJECTS if not pair[0].startswith("noted-")):
-            common = dict(cid=64, size=int(said["size"]), segment_size=int(said["ssize"]), crc=said["CRC"],
-                          ctime=said["ctime"], fptype=said["fptype"])
-            golden, view = stored(name), View(stored(name))
-            if said["dotype"] == 4:
-                at = 100 + said["bsize"]
-                listed = golden[at : at + 8 + 16 * said["nudcid"]] if said["nudcid"] else None
-                made = [DORecord.from_bloom(bytes.fromhex(said["bitmap"]), unique_list=listed, **common)]
+        for name, said in ((name, said) for name, said in JSON.items() if name.startswith("do")):
+            golden, network, form = stored(name, "host", "network", "form")
+            fields = {HEADER[field]: int(said[field]) for field in ("CID", "size", "ssize", "CRC", "ctime", "fptype", "dotype")}
+            if fields["dotype"] == 4:
+                del fields["dotype"]
+                listed = golden[100 + said["bsize"] :][: 8 + 16 * said["nudcid"]] if said["nudcid"] else None
+                made = [DORecord.from_bloom(bytes.fromhex(said["bitmap"]), unique_list=listed, **fields)]
             else:
-                made = [DORecord(segments(said), dotype=said["dotype"], **common),
-                        DORecord.from_entries(memoryview(view.entries).tobytes(), view.dcids, dotype=said["dotype"], **common)]
+                entries = memoryview(View(golden).entries).tobytes()
+                made = [DORecord(segments(said), **fields), DORecord.from_entries(entries, View(golden).dcids, **fields)]
             for record in made:
-                with self.subTest(name=name):
-                    record.check_time, record.flags, record.cid = said["checktime"], said["flags"], int(said["CID"])
-                    if said["containers"] and said["dotype"] != 4:
-                        record.append_unique_list()
-                    if name == "do1-sha1":  # of kinds that come in serialized form only
-                        record.add_serialized_references(golden[-24 - said["trefssize"] : -24])
-                    else:
-                        self.assertTrue(all(record.add_reference(text) for text in said["references"]))
-                    host, network = bytearray(bytes(record)), bytearray(stored(name, "network"))
-                    host[MTIME] = golden[MTIME]
-                    self.assertEqual(host, golden)
-                    self.assertEqual(record.serialize(checksum=False), stored(name, "form"))
+                if said["dotype"] != 4 and said["containers"]:
+                    record.append_unique_list()
+                record.check_time, record.flags = said["checktime"], said["flags"]
+                if name == "do1-sha1":  # of kinds that come in serialized form only
+                    record.add_serialized_references(golden[-24 - said["trefssize"] : -24])
+                else:
+                    self.assertTrue(all(record.add_reference(text) for text in said["references"]))
+                for expected in (golden, network):  # but for mtime
+                    self.assertEqual((name, bytes(record)[:0x30], bytes(record)[0x34:]), (name, expected[:0x30], expected[0x34:]))
+                    self.assertEqual(record.serialize() if record.order == "host" else form, form)
                     record.to_network()
-                    network[MTIME] = bytes(record)[MTIME]
-                    self.assertEqual((bytes(record), record.segments), (network, segments(said)))
+
+    def test_buffers_are_shared_and_kept(self):
+        data = bytearray(stored("do3-md5-gaps", "network"))
+        view = View(data)
+        data[0xA4], data[0x38:0x40], data[-44:-24] = 99, b"\xff" * 8, b"\xff" * 20  # a container, both counts, references
+        self.assertEqual((view.dcids[0], len(view.segments), view.segments[0].dcid, len(view.unique_list)), (99, 3, 99, 3))
+        self.assertRaises(Error, getattr, view, "references")
+        self.assertRaises(Error, view.to_bytes, "host")
+        self.assertRaises(BufferError, data.append, 0)
+        self.assertRaises(BufferError, hashlib.md5, view.sizes)  # they don't lie side by side
+        column, view = memoryview(view.dcids[:1]), None
+        gc.collect()
+        self.assertEqual((column.tobytes()[0], column.readonly), (99, True))
+        column.release()
+        data.append(0)
+
+    def test_bad_input_is_refused(self):
+        golden, so = stored("do3-md5-gaps", "host"), stored("so-path", "network")
+        broken = golden[:0x60] + b"\x51" + golden[0x61:]  # the first segment's size
+        for buffer, error in (((golden * 2)[::2], Error), (memoryview(golden * 2)[::2], BufferError), ("x", TypeError), (b"", Error)):
+            for use in (View, SegmentView, DORecord.from_buffer, SORecord.from_buffer, crrecord.validate):
+                self.assertRaises(error, use, buffer)
+        with self.assertRaises(Error) as caught:
+            View(broken)
+        self.assertEqual((caught.exception.status, caught.exception.findings), (32, crrecord.diagnose(broken)))
+        self.assertEqual([(f.name, f.severity, f.offset, f.found) for f in crrecord.diagnose(broken)],
+                         [("segment-overlap", "error", 0x80, 96)])
+        stream = crrecord.records(golden + broken + so)
+        self.assertEqual((next(stream).position, self.assertRaises(Error, next, stream), next(stream).position), (0, None, 576))
+        for make, *arguments in ((DORecord, [(b"short", 1, 0, 64)]), (DORecord, [(bytes(16), 1 << 32, 0, 64)]),
+                                 (DORecord.from_entries, bytes(28), bytes(16)), (DORecord.from_entries, bytes(27), bytes(8))):
+            self.assertRaises(ValueError, make, *arguments, cid=64, size=1, fptype=0)
+        self.assertRaises(ValueError, DORecord.from_bloom, b"1", cid=64, size=1, fptype=0, unique_list=b"\0\0\0\0\2\0\0\0")
