@@ -160,9 +160,11 @@ SegmentFault CheckSegments(SegmentList const& list) noexcept {
     switch (list.dotype) {
     case CR_DO_TYPE_ORIGINAL:
     case CR_DO_TYPE_NO_SIZE: {
-        std::uint64_t const product = list.ssize * list.count;
-        return list.objectSize > product ? SegmentFault{SegmentRule::Product, 0, product, list.objectSize}
-                                         : SegmentFault{};
+        std::uint64_t product = 0;
+        // One beyond 64 bits is beyond the size of every object.
+        bool const fits = !__builtin_mul_overflow(list.ssize, list.count, &product);
+        return fits && list.objectSize > product ? SegmentFault{SegmentRule::Product, 0, product, list.objectSize}
+                                                 : SegmentFault{};
     }
     case CR_DO_TYPE_NO_OFFSET:
     case CR_DO_TYPE_4_BYTE_OFFSET: return WithEntries(list, [&](auto entries) { return CheckSum(list, entries); });

@@ -1,8 +1,11 @@
 #!/usr/bin/python3
-"""Writes the broken records: golden records with a few bytes changed, so that each has one fault, named by its finding.
+"""The broken records: golden records with a few bytes changed, so that each has the fault that it is named for.
 
-    make.py [COMMAND]    with a COMMAND, what its annotate prints of them, too
+    make.py                 writes them
+    make.py dump COMMAND    and what annotate says of them
+    make.py check COMMAND   validate says that fault first, and the dump gives the bytes back
 """
+import json
 import pathlib
 import struct
 import subprocess
@@ -10,7 +13,10 @@ import sys
 import zlib
 
 FOLDER = pathlib.Path(__file__).parent
-GOLDEN = FOLDER.parent / "golden"
+DOCUMENT = FOLDER.parent.parent / "docs/findings.md"
+# What the command never says, as it takes what is of no type for a segment record and allows task ids and references;
+# and what only a form of 4 GiB has.
+UNSAID = {"do-type", "so-taskids", "do-references", "form-too-large"}
 
 
 def put(at, code, value):
@@ -29,10 +35,10 @@ def cut(size):
     return lambda data: data[:size]
 
 
-def summed(count_code, swapped=False):
-    """Sums do0-md5's unique list anew, with its count in some order and its two entries perhaps swapped."""
+def summed(count_code, first, second):
+    """Sums do0-md5's unique list anew, with its count in some order and its entries in some sequence."""
     def change(data):
-        entries = data[160:192] if not swapped else data[176:192] + data[160:176]
+        entries = data[first:first + 16] + data[second:second + 16]
         checksum = zlib.adler32(struct.pack(count_code, 2) + entries)
         return data[:152] + struct.pack("<I", checksum) + data[156:160] + entries + data[192:]
     return change
@@ -70,8 +76,8 @@ BROKEN = {
     "do-bloom-length": (f"{DO4}.network", put(80, ">I", 9)),
     "do-dcid": (f"{DO3}.host", put(212, "<Q", 63)),
     "do-legacy": ("do0-empty.network", put(0x40, "<I", 1), put(4, ">I", 108), insert(80, b"\7\0\0\0")),
-    "do-list-order": (f"{DO0}.host", summed(">I")),
-    "do-list-unsorted": (f"{DO0}.network", summed("<I", swapped=True)),
+    "do-list-order": (f"{DO0}.host", summed(">I", 160, 176)),
+    "do-list-unsorted": (f"{DO0}.network", summed("<I", 176, 160)),
     "do-reference-order": ("do1-sha1.host", put(-61, "B", 18)),
     "do-non-zero": (f"{DO3}.network", put(-1, "B", 1)),
     "form-length": (f"{DO3}.form", cut(28)),
@@ -84,25 +90,34 @@ BROKEN = {
 }
 
 
-def options(name):
-    """What the command must be told of a form."""
-    if not name.startswith("form-"):
-        return []
-    types = ["--dotype", "4", "--fptype", "0"] if "do4" in BROKEN[name][0] else ["--dotype", "3", "--fptype", "3"]
-    return ["--serialized", *types, *(["--checksum"] if name == "form-checksum" else [])]
-
-
 def made(name):
     source, *changes = BROKEN[name]
-    data = (GOLDEN / source).read_bytes()
+    data = (FOLDER.parent / "golden" / source).read_bytes()
     for change in changes:
         data = change(data)
     return data
 
 
-if __name__ == "__main__":
-    for _name in BROKEN:
-        (FOLDER / _name).write_bytes(made(_name))
-        if len(sys.argv) > 1:
-            _said = subprocess.run([sys.argv[1], "annotate", *options(_name), _name], cwd=FOLDER, capture_output=True)
-            (FOLDER / f"{_name}.txt").write_bytes(_said.stdout)
+def run(*arguments):
+    return subprocess.run([sys.argv[2], *arguments], cwd=FOLDER, capture_output=True).stdout
+
+
+failures = []
+for name in BROKEN:
+    types = ["--dotype", "4", "--fptype", "0"] if DO4 in BROKEN[name][0] else ["--dotype", "3", "--fptype", "3"]
+    options = ["--serialized", *types] if name.startswith("form-") else []
+    options += ["--checksum"] if name == "form-checksum" else []
+    if sys.argv[1:2] == ["check"]:
+        data = (FOLDER / name).read_bytes()
+        found = json.loads(run("validate", "--json", *options, name).splitlines()[0])["findings"]
+        if data != made(name) or [finding["name"] for finding in found][:1] != [name]:
+            failures.append(f"{name}: found {found}")
+        if run("annotate", "--reverse", f"{name}.txt", "-o", "-") != data:
+            failures.append(f"{name}.txt is another record's dump")
+    else:
+        (FOLDER / name).write_bytes(made(name))
+        if sys.argv[1:2] == ["dump"]:
+            (FOLDER / f"{name}.txt").write_bytes(run("annotate", *options, name))
+named = {line.split("`")[1] for line in DOCUMENT.read_text().splitlines() if line[2:5].isdigit()}
+failures += [f"no record for {name}" for name in named - UNSAID - set(BROKEN)]
+sys.exit("\n".join(failures) or 0)

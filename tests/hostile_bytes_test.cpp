@@ -1,0 +1,68 @@
+// Ways in which such readers go wrong: counts multiplied in 32 bits, memory taken for what is only claimed, sums that
+// wrap before they are compared, and rules that received bytes have to keep and the builders' arguments don't.
+
+#include "support/fault.h"
+#include "support/log_capture.h"
+#include "support/record_memory.h"
+
+#include <crrecord/DORecordView.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// Multiplied in 32 bits, each of these counts gives the same sum as before: a bit more in its highest byte. Nothing is
+// allocated for it, with the trace's message neither.
+TEST(HostileBytes, CountsThatWrapAreRefusedWithoutMemory) {
+    std::tuple<unsigned char, std::size_t, unsigned char> const rows[] = {
+        {1, 0x38, 0x40}, {3, 0x38, 0xc0}, {3, 0x3c, 0x10}, {4, 0x3c, 0xf0},
+        {0, 0x44, 0xff}, {4, 0x48, 0xff}, {2, 0x34, 0x20}, {5, 0x40, 0x40}};
+    for (auto const& [dotype, offset, highest] : rows) {
+        for (bool const network : {false, true}) {
+            bool const big = kBig || (network && offset != 0x34 && offset != 0x40); // legacy counts don't turn
+            Bytes b = Spell(Example(dotype, 1), network).bytes, form = SpellForm(Example(dotype, 1), false);
+            b[offset + (big ? 0 : 3)] |= highest;
+            form[dotype == 4 ? 28 : 20] |= highest;
+            LogCapture log(1);
+            for (auto const& take : std::initializer_list<std::function<void()>>{
+                     [&] { DORecord::FromBuffer(b.data(), b.size()); }, [&] { DORecordView(b.data(), b.size()); },
+                     [&] { DORecord::Wrap(b.data(), b.size(), b.size(), false); },
+                     [&] { DORecord(dotype, 1, nullptr, 0, form.data(), form.size(), false); }}) {
+                auto const outcome = fault::Run(
+                    [&] {
+                        try {
+                            return take(), CR_STATUS_OK;
+                        } catch (Cr_ErrnoException const& refusal) {
+                            return refusal.GetStatus();
+                        }
+                    },
+                    0);
+                EXPECT_TRUE(outcome.status == 32 && outcome.attempts == 0) << offset << " " << outcome.attempts;
+            }
+        }
+    }
+}
+
+// What validation refuses of a segment list the builder doesn't make, and what it makes passes.
+TEST(HostileBytes, BuildersKeepTheRulesOfTheReaders) {
+    unsigned long const top = 1ul << 63, half = 1ul << 31;
+    std::tuple<unsigned char, unsigned long, unsigned long, unsigned long, unsigned long, bool> const rows[] = {
+        {1, 301, 100, 0, 0, false},
+        {1, 300, 0x5555555555555556, 0, 0, true}, // the product is 2^64 + 2
+        {2, half + 1, 0, half - 1, 0, true},
+        {2, half + 2, 0, half, 0, false},
+        {3, top, 0, 9, top - 2, true},
+        {3, top, 0, 9, top - 1, false},
+        {3, 9, 0, 9, 8, false}};
+    for (auto const& [dotype, size, ssize, first, offset, good] : rows) {
+        RecordValues values{.dotype = dotype, .size = size, .ssize = ssize};
+        values.segments = {{Bytes(16), static_cast<unsigned int>(first), 0, 64},
+                           {Bytes(16), 1, offset, 64},
+                           {Bytes(16), 1, offset + 1, 64}};
+        Bytes const bytes = Spell(values).bytes;
+        EXPECT_EQ(Refusal([&] { Build(values); }).empty(), good) << size;
+        EXPECT_EQ(DORecordHeaderValidate(bytes.data(), static_cast<unsigned int>(bytes.size()), 0), good ? 0 : 32);
+    }
+}
+
+} // namespace
