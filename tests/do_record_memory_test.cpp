@@ -158,4 +158,23 @@ TEST(DORecordMemory, LoadingLeavesTheBytesAlone) {
     }
 }
 
+// The pools take blocks of a few dozen chunks, so a chunk that doesn't come back soon makes them ask for more.
+TEST(DORecordMemory, EveryChunkGoesBackToItsPool) {
+    RecordValues values = Example(5, 1);
+    values.references = {{9, 1}, {2, 17}, {2, 17}, {4, 3}}; // of which one is dropped
+    Bytes const stored = Spell(values, true).bytes;
+    auto const work = [&] {
+        auto const record = DORecord::FromBuffer(stored.data(), stored.size());
+        record->AddTaskID(18);
+        record->AddTaskID(18);
+        record->OwnTRef(new Cr_TRef(CRTRefNew(CR_REFTYPE_DSID, 3)));
+        record->DelDSID(3);
+        return CR_STATUS_OK;
+    };
+    work();
+    for (int i = 0; i < 500; ++i) {
+        EXPECT_EQ(fault::Run(work, 0).live, 0);
+    }
+}
+
 } // namespace

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <thread>
 
@@ -122,21 +123,46 @@ TEST(TRefHandle, OwnsACopyAndGivesItsChunkBack) {
     EXPECT_EQ(Handle(Cr_TRef::Factory(nullptr))->Get(), nullptr);
 }
 
-// They share nothing but the pool.
+std::atomic<unsigned long> linesOf[2];
+
+void CountLine(cr_log_level_t, cr_status_t, char const*, void* lines) {
+    ++*static_cast<std::atomic<unsigned long>*>(lines);
+}
+
+// They share nothing but the pool and the log, whose sink changes meanwhile.
 TEST(TRefHandle, ThreadsWithRecordsOfTheirOwn) {
-    auto const work = [](unsigned int seed) {
+    static constexpr unsigned long kThreads = 6, kRounds = 500;
+    std::atomic<unsigned long> ended = 0;
+    auto const work = [&ended](unsigned long seed) {
         auto const record = Build(Example(3, 1));
-        for (unsigned long i = 0; i < 2000; ++i) {
+        std::vector<Handle> held;
+        for (unsigned long i = 0; i < kRounds; ++i) {
             record->AddTaskID(seed + i);
-            record->AddDSID(seed);
-            record->DelDSID(seed);
+            record->AddDSID(static_cast<unsigned int>(seed));
+            record->DelDSID(static_cast<unsigned int>(seed));
+            held.push_back(Make(6, seed + i));
+            held.resize(i % 64 == 63 ? 0 : held.size());
+            ErrorA(CR_STATUS_INVALID, "line %lu", seed + i);
+            EXPECT_EQ(zebLogLastMessageA(), "line " + std::to_string(seed + i));
         }
-        EXPECT_EQ(record->GetNTRefs(), 2000u);
+        for (std::size_t i = 0; i < held.size(); ++i) {
+            EXPECT_EQ(CRTRefGetID(held[i]->Get()), seed + kRounds - held.size() + i);
+        }
+        EXPECT_EQ(record->GetNTRefs(), kRounds);
         record->RemoveAllTaskIDs();
+        ++ended;
     };
-    std::thread first(work, 1), second(work, 1 << 20);
-    first.join();
-    second.join();
+    CRLogSetSink(CountLine, &linesOf[0]);
+    std::vector<std::jthread> threads;
+    for (unsigned long i = 0; i < kThreads; ++i) {
+        threads.emplace_back(work, (i + 1) << 20);
+    }
+    for (unsigned int turn = 0; ended < kThreads; ++turn) {
+        CRLogSetSink(CountLine, &linesOf[turn % 2]);
+    }
+    threads.clear();
+    CRLogSetSink(nullptr, nullptr);
+    EXPECT_EQ(linesOf[0] + linesOf[1], kThreads * kRounds);
 }
 
 } // namespace

@@ -65,8 +65,8 @@ public:
 
     // The next record, or null behind the last. Throws InputFailure.
     Record* Next();
-    // Goes on in a record of unknown kind, whose end nobody knows: the record that Next gave becomes the bytes behind it,
-    // as many as a block has. False at the input's end.
+    // Goes on in a record of unknown kind, whose end nobody knows: the record that Next gave becomes the bytes behind
+    // it, as many as a block has. False at the input's end.
     bool NextBlock();
     // Whether the present record is the last of the input. Its bytes may move.
     bool EndsHere();
