@@ -80,7 +80,7 @@ public:
     }
 
     void ShowTotals() {
-        if (!options_.json && !options_.text && (records_ != 0 || objects_ == 0)) {
+        if (!options_.json && !options_.text && records_ != 0) {
             out_.Print("\n{} in {}, describing {} of segments\n",
                        Counted(records_, objects_ == 0 ? "record" : "segment record"), Counted(recordBytes_, "byte"),
                        Counted(segmentBytes_, "byte"));
