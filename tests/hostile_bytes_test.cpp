@@ -27,7 +27,7 @@ TEST(HostileBytes, CountsThatWrapAreRefusedWithoutMemory) {
             for (auto const& take : std::initializer_list<std::function<void()>>{
                      [&] { DORecord::FromBuffer(b.data(), b.size()); }, [&] { DORecordView(b.data(), b.size()); },
                      [&] { DORecord::Wrap(b.data(), b.size(), b.size(), false); },
-                     [&] { DORecord(dotype, 1, nullptr, 0, form.data(), form.size(), false); }}) {
+                     [&, type = dotype] { DORecord(type, 1, nullptr, 0, form.data(), form.size(), false); }}) {
                 auto const outcome = fault::Run(
                     [&] {
                         try {
