@@ -58,8 +58,10 @@ private:
             bool const fixed = dotype_ <= CR_DO_TYPE_NO_SIZE;
             unsigned int const own = fixed ? i + 1 == count ? 1u + mark % kFixed : kFixed : mark * 8'000'000u;
             size += dotype_ == CR_DO_TYPE_8_BYTE_OFFSET ? mark : 0u;
-            bool const hasOffset = dotype_ == CR_DO_TYPE_8_BYTE_OFFSET || dotype_ == CR_DO_TYPE_4_BYTE_OFFSET;
-            segments_.push_back({mark, own, hasOffset ? size & 0xffffffff : ~0ul, 64ul + mark % 4});
+            unsigned long const offset = dotype_ == CR_DO_TYPE_8_BYTE_OFFSET   ? size
+                                         : dotype_ == CR_DO_TYPE_4_BYTE_OFFSET ? size & 0xffffffff
+                                                                               : ~0ul;
+            segments_.push_back({mark, own, offset, 64ul + mark % 4});
             entries.insert(entries.end(), CRFPDigestSize(fptype_), mark);
             Put(entries, own, fixed ? 0 : 4);
             Put(entries, segments_.back().offset, dotype_ == 3 ? 8 : dotype_ == 5 ? 4 : 0);
