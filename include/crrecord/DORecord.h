@@ -301,7 +301,8 @@ public:
     unsigned long DelDSID(unsigned int dsid); // the number removed, 0 or 1
     bool HasDSID(unsigned int dsid) const;
     // Turns legacy arrays into typed references, or loads the reference section of a record without them (which leaves
-    // mtime alone). For a record in host order. 9 for legacy arrays in a borrowed buffer, 71 beside references.
+    // mtime alone). For a record in host order. 9 for legacy arrays in a borrowed buffer, 71 beside references. Without
+    // memory nothing changes.
     void convertToTRefs();
 
 protected:

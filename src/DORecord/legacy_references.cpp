@@ -3,6 +3,8 @@
 #include "DORecord/record.h"
 
 #include <algorithm>
+#include <iterator>
+#include <new>
 #include <vector>
 
 using namespace crrecord;
@@ -13,7 +15,7 @@ bool Contains(DORecord::tref_set_t const& set, Cr_TRef* handle) {
     return set.contains(DORecord::tref_ptr_t(handle));
 }
 
-// A copy of a record's legacy arrays and of what follows them.
+// A copy of a record's legacy arrays, which may be empty, and of what follows them.
 class LegacyArrays {
 public:
     LegacyArrays(unsigned char const* from, unsigned char const* to, std::uint64_t taskIds, std::uint64_t dsids)
@@ -26,6 +28,7 @@ public:
         return Load<std::uint32_t>(bytes_.data() + kLegacyTaskIdSize * taskIds_ + kLegacyDsidSize * i);
     }
 
+    std::vector<unsigned char> const& Bytes() const noexcept { return bytes_; }
     // Moves up what is behind the task ids, and then what is behind the DSIDs: by the size of the task ids both times.
     std::vector<unsigned char> const& CloseGaps() noexcept {
         for (std::uint64_t const count : {taskIds_, dsids_}) {
@@ -100,36 +103,56 @@ void DORecord::convertToTRefs() {
                                 "Record with both old references and new typed references not supported.", nullptr);
     }
     RecordLayout const before = changeableLayoutUpTo(&RecordLayout::tail);
-    unsigned char const* const bytes = BytesOf(header);
-    std::uint64_t const end = legacy ? std::min<std::uint64_t>(before.total, bufferSize) : before.taskIds;
-    LegacyArrays arrays(bytes + before.taskIds, bytes + end, taskIds, dsids);
     if (references == calcTRefsSize()) {
         writeReferences(before); // the sets are the truth, and the section may never have been written
     }
 
-    header->ntaskid = 0;
-    header->nds = 0;
-    initReferenceSets();
-    unsigned int const mtime = header->mtime;
-    AddSerializedTRefs(reinterpret_cast<char const*>(bytes + before.trefs), references);
-    header->mtime = mtime;
-    for (std::uint64_t i = 0; i < taskIds; ++i) {
-        AddTaskID(arrays.TaskId(i));
+    unsigned char const* const bytes = BytesOf(header);
+    DORecordHeader const formerHeader = *header;
+    LegacyArrays arrays(bytes + before.taskIds, bytes + std::min<std::uint64_t>(before.total, bufferSize), taskIds,
+                        dsids);
+    std::vector<tref_set_t> formerSets(std::begin(trefs), std::end(trefs));
+    // Where memory is wanting halfway, an id that stands in neither place would be lost.
+    auto const restore = [&]() noexcept {
+        *header = formerHeader;
+        std::copy(arrays.Bytes().begin(), arrays.Bytes().end(), BytesOf(header) + before.taskIds);
+        std::swap_ranges(std::begin(trefs), std::end(trefs), formerSets.begin());
+    };
+    try {
+        header->ntaskid = 0;
+        header->nds = 0;
+        initReferenceSets();
+        unsigned int const mtime = header->mtime;
+        AddSerializedTRefs(reinterpret_cast<char const*>(bytes + before.trefs), references);
+        header->mtime = mtime;
+        for (std::uint64_t i = 0; i < taskIds; ++i) {
+            AddTaskID(arrays.TaskId(i));
+        }
+        for (std::uint64_t i = 0; i < dsids; ++i) {
+            AddDSID(arrays.Dsid(i));
+        }
+        if (legacy) {
+            handleUpdate();
+        }
+        // The sets may have held references before.
+        setTRefsSize(static_cast<unsigned int>(calcTRefsSize()));
+        setRecSize(calcRecSize());
+        expand();
+    } catch (std::bad_alloc const&) {
+        restore();
+        throw;
+    } catch (Cr_ErrnoException const& failure) {
+        if (failure.GetStatus() == CR_STATUS_NO_MEMORY) {
+            restore();
+        }
+        throw;
     }
-    for (std::uint64_t i = 0; i < dsids; ++i) {
-        AddDSID(arrays.Dsid(i));
-    }
-    if (legacy) {
-        handleUpdate();
-    }
-    // The sets may have held references before.
-    setTRefsSize(static_cast<unsigned int>(calcTRefsSize()));
-    setRecSize(calcRecSize());
-    expand();
 
-    // What the gaps leave in the section is no references: those are written when they are asked for.
     RecordLayout const after = LayoutOf(header);
-    std::vector<unsigned char> const& left = arrays.CloseGaps();
-    std::copy_n(left.begin(), std::min(left.size(), after.tail - after.trefs), BytesOf(header) + after.trefs);
+    if (legacy) {
+        // What the gaps leave in the section is no references: those are written when they are asked for.
+        std::vector<unsigned char> const& left = arrays.CloseGaps();
+        std::copy_n(left.begin(), std::min(left.size(), after.tail - after.trefs), BytesOf(header) + after.trefs);
+    }
     clear(after.tail, std::max(before.total, after.total));
 }
