@@ -16,19 +16,6 @@ using Mode = OpenRecord::CopyMode;
 
 constexpr char kMayNotCopy[] = "9: Need to expand the buffer of DORecord but I'm not allowed to copy it.";
 
-// The status that `make` ends with; a failed operator new throws its own exception.
-template <class Make>
-cr_status_t StatusOf(Make make) {
-    try {
-        make();
-        return CR_STATUS_OK;
-    } catch (Cr_ErrnoException const& caught) {
-        return caught.GetStatus();
-    } catch (std::bad_alloc const&) {
-        return CR_STATUS_NO_MEMORY;
-    }
-}
-
 auto const kPage = static_cast<unsigned int>(sysconf(_SC_PAGESIZE));
 
 TEST(DORecordBuffer, GrowsAsItsModeAllowsByWholePagesOfZeros) {
@@ -100,61 +87,6 @@ TEST(DORecordBuffer, NothingGrowsBeyond32Bits) {
     EXPECT_EQ(Refusal([&] { record->AddSerializedTRefs("\2\10\0\0\0\0\0\0\0\1", 10); }), kInvalidSize);
     EXPECT_TRUE(record->getRecSize() == 0xffffffff - 9 && record->getTRefsSize() == 0 && record->GetNTRefs() == 0);
 }
-
-// What each of these does to a fresh record happens whole or not at all.
-TEST(DORecordBuffer, AddingWithoutMemoryLeavesTheRecordByteForByte) {
-    RecordValues values = Example(3, 1);
-    values.mtime = test_clock::now; // that of a step that went well is allowed
-    Bytes const expected = Spell(values).bytes;
-    std::vector<DORecord::tref_ptr_t> chunks;
-    while (chunks.size() < 64) { // enough of them in the pool that no block is taken meanwhile
-        chunks.emplace_back(new Cr_TRef(7ul));
-    }
-    DORecord::tref_ptr_t const handle = chunks[0];
-    chunks.clear();
-    std::function<void(DORecord&)> const operations[] = {
-        [&](DORecord& record) { record.AddTaskID(1); },
-        [&](DORecord& record) { record.OwnTRef(handle); },
-        [&](DORecord& record) { record.AddTRef(*handle->Get()); },
-        [&](DORecord& record) {
-            _cr_tref_t* const value = CRTRefNew(cr_reftype_t(6), 1);
-            value ? record.OwnTRef(*value) : throw std::bad_alloc();
-        },
-        [&](DORecord& record) { record.AddSerializedTRefs("\2\10\0\0\0\0\0\0\0\1", 10); },
-    };
-    for (auto const& run : operations) {
-        SCOPED_TRACE(&run - operations);
-        unsigned long built = 0;
-        auto const attempt = [&] {
-            std::unique_ptr<OpenRecord> record;
-            cr_status_t const status = StatusOf([&] {
-                record = Build<OpenRecord>(values);
-                ++built;
-                run(*record);
-            });
-            EXPECT_TRUE(status == CR_STATUS_OK || !record ||
-                        (record->getRecSize() == expected.size() && record->GetNTRefs() == 0 &&
-                         std::memcmp(record->header, expected.data(), expected.size()) == 0));
-            return status;
-        };
-        fault::FailEach(attempt);
-        EXPECT_GT(built, 1u); // of which one got through
-    }
-}
-
-// The pool takes its blocks with operator new[], which sanitizers put their own in place of.
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-TEST(DORecordBuffer, HandlesWithoutAChunkInThePoolThrow) {
-    std::vector<DORecord::tref_ptr_t> held;
-    held.reserve(100000);
-    auto const make = [&] { held.emplace_back(new Cr_TRef(static_cast<_cr_tref_t*>(nullptr))); };
-    cr_status_t status = CR_STATUS_OK;
-    while (status == CR_STATUS_OK && held.size() < held.capacity()) {
-        status = fault::Run([&] { return StatusOf(make); }, 1, true).status;
-    }
-    EXPECT_EQ(status, CR_STATUS_NO_MEMORY);
-}
-#endif
 
 // Sections that reach out of the buffer because a raw setter says so are not followed.
 TEST(DORecordBuffer, InconsistentRecordsAreRefused) {

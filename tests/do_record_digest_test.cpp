@@ -118,9 +118,6 @@ TEST(DORecordText, IsOneLineOfPlainDecimals) {
 }
 
 TEST(DORecordDump, IsInHostOrderAndLeavesTheRecordAsItWas) {
-    struct : std::streambuf {
-        std::streamsize xsputn(char const*, std::streamsize) override { return 0; }
-    } device; // takes nothing
     for (RecordValues values : Examples()) {
         values.references = {{2, 5}, {4, 6}};
         for (bool const network : {false, true}) {
@@ -135,9 +132,6 @@ TEST(DORecordDump, IsInHostOrderAndLeavesTheRecordAsItWas) {
             EXPECT_EQ(&record->ToStream(stream, true), &stream);
             std::string const dumped = stream.str();
             EXPECT_EQ(Bytes(dumped.begin(), dumped.end()), Spell(values).bytes);
-            std::ostream full(&device);
-            full.exceptions(std::ios::badbit);
-            EXPECT_THROW(record->ToStream(full, true), std::ios::failure);
             Bytes const stored = Spell(values, network).bytes;
             EXPECT_TRUE(std::equal(stored.begin(), stored.end(), Buffer(*record).begin()));
             EXPECT_EQ(record->IsInNetworkOrder(), network);

@@ -6,22 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <new>
-
 namespace {
-
-// The status that `make` ends with; a failed operator new throws its own exception.
-template <class Make>
-cr_status_t StatusOf(Make const& make) {
-    try {
-        make();
-        return CR_STATUS_OK;
-    } catch (Cr_ErrnoException const& caught) {
-        return caught.GetStatus();
-    } catch (std::bad_alloc const&) {
-        return CR_STATUS_NO_MEMORY;
-    }
-}
 
 // "22: text" of what the action throws with its first allocation failing. Asks for no memory itself: that would fail
 // first.
@@ -37,26 +22,6 @@ std::string FirstFailure(std::function<void()> const& action) {
     };
     fault::Run(attempt, 1);
     return seen;
-}
-
-TEST(DORecordMemory, ConstructionFailsWhole) {
-    RecordValues const v = Example(3, 3), bloom = Example(4, 3);
-    Bytes const entries = SpellEntries(v, false), form = SpellForm(v, true), bloomForm = SpellForm(bloom, true);
-    unsigned long const ids[] = {64, 65, 64};
-    std::function<void()> const makers[] = {
-        [&] { DORecord(1, v.size, 3, 4, 5, 6, entries.data(), 3, ids, nullptr, 3, 3); },
-        [&] { DORecord(1, 2, 3, 4, 5, 6, 5, bloom.bitmap.data(), nullptr, 3, 4); },
-        [&] { DORecord(3, 3, nullptr, 0, form.data(), form.size(), false); },
-        [&] { DORecord(4, 3, nullptr, 0, bloomForm.data(), bloomForm.size(), false); }};
-    for (auto const& make : makers) {
-        EXPECT_EQ(fault::FailEach([&] { return StatusOf(make); }), 1u);
-    }
-    auto const withTasks = [&] {
-        OpenRecord record(1, 2, 3, 4, 5, 6, nullptr, 0, nullptr, nullptr, 3, 4);
-        record.init(1, v.size, 0, 0, 0, 0, ids, 3, entries.data(), 3, ids, nullptr, 3, 3);
-    };
-    withTasks();                                                         // the pool of the handles keeps its chunks
-    EXPECT_GE(fault::FailEach([&] { return StatusOf(withTasks); }), 5u); // of each reference a value and a set's node
 }
 
 TEST(DORecordMemory, TextsOfTheRefusals) {
@@ -135,27 +100,6 @@ TEST(DORecordMemory, SizeListReportsIt) {
     EXPECT_EQ(fault::FailEach(list), 3u);
     std::string const line = "error 22: GetUDCIDSizeList: failed to construct SO info vector, out of memory.\n";
     EXPECT_EQ(log.Take(), line + line + line);
-}
-
-TEST(DORecordMemory, LoadingLeavesTheBytesAlone) {
-    RecordValues values = Example(5, 1);
-    values.references = {{9, 1}, {2, 17}, {2, 17}, {4, 3}};
-    for (bool const network : {false, true}) {
-        Bytes const stored = Spell(values, network).bytes;
-        auto const load = [&] { DORecord::FromBuffer(stored.data(), stored.size()); };
-        load(); // the pool of the handles keeps its chunks
-        EXPECT_GE(fault::FailEach([&] { return StatusOf(load); }), 5u);
-        Bytes memory = stored;
-        bool whole = true;
-        auto const wrap = [&] {
-            cr_status_t const status =
-                StatusOf([&] { DORecord::Wrap(memory.data(), memory.size(), memory.size(), true); });
-            whole = whole && (status == CR_STATUS_OK || memory == stored);
-            return status;
-        };
-        EXPECT_GE(fault::FailEach(wrap), 4u);
-        EXPECT_TRUE(whole);
-    }
 }
 
 // The pools take blocks of a few dozen chunks, so a chunk that doesn't come back soon makes them ask for more.

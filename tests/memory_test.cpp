@@ -99,18 +99,6 @@ TEST(Memory, SORecordReportsEveryFailureAndLeavesNothing) {
     EXPECT_GE(fault::FailEach([&] { return StatusOf([&] { SORecord::FromBuffer(bytes.data(), 104); }); }), 1u);
 }
 
-TEST(Memory, DigestObjectIsNullWithoutIt) {
-    crfp_digest_t const digest{};
-    auto const make = [&] {
-        *__cr_errno_location() = CR_STATUS_OK;
-        crt_digest_t* made = CRTDigestNewFull(1, &digest, 0);
-        EXPECT_EQ(made == nullptr, *__cr_errno_location() != CR_STATUS_OK);
-        CRTDigestDelete(&made);
-        return *__cr_errno_location();
-    };
-    EXPECT_EQ(fault::FailEach(make), 1u);
-}
-
 // All but the fetch and the thread's error queue, which OpenSSL makes once.
 TEST(Memory, FingerprintReportsEveryFailureAndAbandonsNothing) {
     for (unsigned int fptype = 0; fptype < 4; ++fptype) {

@@ -6,6 +6,8 @@
 #include <crrecord/status.h>
 
 #include <functional>
+#include <new>
+#include <type_traits>
 
 namespace fault {
 
@@ -23,5 +25,23 @@ Outcome Run(std::function<cr_status_t()> const& attempt, unsigned long first, bo
 // Runs `attempt` with its first allocation failing, then its second, until it gets through. Expects 22 from each run
 // that met a failure, 0 from the last, and no block left behind by any. Returns the number of failures.
 unsigned long FailEach(std::function<cr_status_t()> const& attempt);
+
+// How a call ended: the status that it returned, threw, or left as the thread's last one.
+template <class Call>
+cr_status_t StatusOf(Call const& call) {
+    *__cr_errno_location() = CR_STATUS_OK;
+    try {
+        if constexpr (std::is_same_v<std::invoke_result_t<Call>, cr_status_t>) {
+            return call();
+        } else {
+            call();
+            return *__cr_errno_location();
+        }
+    } catch (Cr_ErrnoException const& caught) {
+        return caught.GetStatus();
+    } catch (std::bad_alloc const&) {
+        return CR_STATUS_NO_MEMORY;
+    }
+}
 
 } // namespace fault

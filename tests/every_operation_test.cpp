@@ -1,0 +1,382 @@
+// Every public operation without memory: each allocation fails in turn, and what it works on is byte for byte as before
+// then. The reviewed list of exported symbols says which operations there are.
+
+#include "support/fault.h"
+#include "support/record_memory.h"
+
+#include <crrecord/DORecordView.h>
+#include <crrecord/SORecord.h>
+#include <crrecord/probe.h>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+#include <span>
+
+namespace {
+
+struct Room : std::streambuf {
+    Room() { setp(text, text + sizeof text); }
+    char text[4096];
+};
+
+RecordValues WithReferences() {
+    RecordValues values = Example(3, 1);
+    values.references = {{2, 17}, {2, 18}, {4, 3}, {6, 1}};
+    return values;
+}
+
+RecordValues Plain() {
+    RecordValues values = Example(2, 0);
+    values.list.clear();
+    return values;
+}
+
+RecordValues Legacy() {
+    RecordValues values = Example(2, 0);
+    values.taskIds = {5, 3};
+    values.dsids = {7};
+    return values;
+}
+
+void Drop(cr_log_level_t, cr_status_t, char const*, void*) {}
+
+int IsActive(unsigned long, void*) {
+    return 1;
+}
+
+// What the operations work on; made anew for each attempt.
+struct Subject {
+    Subject() {
+        Hold(*legacy, Spell(Legacy()).bytes);
+        unbuilt->cleanupConstruction();
+        roomy->expand(9999);
+        CRFPInitialize(&opened, 3);
+        record->handleUpdate(); // the clock stands still: what only touches changes nothing
+    }
+    ~Subject() {
+        std::free(out);
+        std::free(built);
+        CRTRefDelete(&value);
+        CRTRefDelete(&made);
+        CRTDigestDelete(&digest);
+    }
+    // All that an operation may change.
+    Bytes State() const {
+        Bytes all = StoredBytes(*record);
+        PutBytes(all, StoredBytes(*plain));
+        PutBytes(all, StoredBytes(*roomy));
+        PutBytes(all, Buffer(*legacy));
+        all.push_back(static_cast<unsigned char>(record->GetNTRefs() + legacy->GetNTRefs()));
+        auto const* const so = reinterpret_cast<unsigned char const*>(segment->GetHeader());
+        all.insert(all.end(), so, so + CR_SO_RECORD_SIZE);
+        PutBytes(all, segmentBytes);
+        PutBytes(all, memory);
+        return all;
+    }
+
+    Bytes stored = Spell(WithReferences()).bytes, network = Spell(WithReferences(), true).bytes, memory = network,
+          segmentBytes = Golden({false}), bareSegment = Golden({true, 0, 0, 0}), form = SpellForm(Example(3, 1), true),
+          entries = SpellEntries(Plain(), false), exact = stored, section = SpellReferences({{9, 1}, {9, 2}});
+    unsigned long const dcids[3] = {64, 65, 64};
+    // In memory without room for more, which is copied out as the record grows.
+    std::unique_ptr<DORecord> record = DORecord::Wrap(exact.data(), exact.size(), exact.size(), false);
+    std::unique_ptr<OpenRecord> plain = Build<OpenRecord>(Plain()), bloom = Build<OpenRecord>(Example(4, 0)),
+                                legacy = Build<OpenRecord>(Plain()), roomy = Build<OpenRecord>(Plain()),
+                                unbuilt = Build<OpenRecord>(Plain());
+    std::unique_ptr<SORecord> segment = SORecord::FromBuffer(bareSegment.data(), bareSegment.size());
+    _cr_tref_t *value = CRTRefNew(cr_reftype_t(9), 5), *made = nullptr;
+    DORecord::tref_ptr_t handle = new Cr_TRef(CRTRefNew(cr_reftype_t(9), 6));
+    crt_digest_t* digest = nullptr;
+    crfp_digest_t fingerprint{};
+    crfp_context_t context, opened;
+    cr_dcid_size_map_t sizes;
+    DORecordHeader* built = nullptr;
+    void* out = nullptr;
+    unsigned long length = 0;
+    char text[CR_TREF_TEXT_SIZE] = {};
+    Room room;
+    std::ostream stream{&room};
+    DORecordView view{stored.data(), stored.size()};
+    DORecordHeader* header = plain->header;
+    Cr_ErrnoException thrown{CR_STATUS_INVALID};
+    std::stringstream message;
+};
+
+struct Operation {
+    std::string name; // up to the parenthesis that the arguments are in
+    cr_status_t (*run)(Subject& s);
+};
+
+// Several to a line.
+// clang-format off
+#define NAMED(name, ...) \
+    Operation{name, [](Subject& s) { return fault::StatusOf([&s]() -> decltype(auto) { return __VA_ARGS__; }); }}
+#define FREE(...) NAMED(#__VA_ARGS__, __VA_ARGS__)
+#define OF(type, object, ...) NAMED(#type "::" #__VA_ARGS__, s.object->__VA_ARGS__)
+#define DO(...) OF(DORecord, record, __VA_ARGS__)
+#define SO(...) OF(SORecord, segment, __VA_ARGS__)
+
+Operation const kNeedMemory[] = {
+    DO(AddDSID(9)), DO(AddTaskID(9)), DO(AddTaskID(9, IsActive, nullptr)), DO(AddTRef(*s.value)),
+    DO(AddTRef(s.handle)), DO(OwnTRef(s.handle)), DO(OwnTRef(*std::exchange(s.value, nullptr))),
+    OF(DORecord, roomy, AddSerializedTRefs(reinterpret_cast<char*>(s.section.data()), 10)),
+    DO(expand(9999)), 
+    DO(GetUDCIDSizeList(s.sizes)), DO(Serialize(&s.out, &s.length, true)),
+    DO(FromBuffer(s.network.data(), s.network.size())),
+    DO(Wrap(s.memory.data(), s.memory.size(), s.memory.size(), true)), DO(convertToTRefs()),
+    OF(DORecord, plain, AppendBloomAndUniqueDCIDList()), OF(DORecord, legacy, convertToTRefs()),
+    OF(DORecord, bloom, SerializeBloomFilterDO(&s.out, &s.length, true)), OF(DORecord, bloom, AppendBloom(s.sizes)),
+    OF(DORecord, unbuilt, init(1, 9, 3, 0, 0, 0, s.dcids, 3, s.entries.data(), 3, s.dcids, nullptr, 0, 0)),
+    OF(DORecord, unbuilt, initWithBloom(1, 9, 3, 0, 0, 0, s.dcids, 3, 16, s.entries.data(), nullptr, 0, 4)),
+    NAMED("DORecord::GetDigest", static_cast<void>(s.digest = s.record->GetDigest())),
+    NAMED("DORecord::DORecord", DORecord(1, 9, 3, 0, 0, 0, s.entries.data(), 3, s.dcids, nullptr, 0, 0)),
+    NAMED("DORecord::DORecord", DORecord(1, 9, 3, 0, 0, 0, 16, s.entries.data(), nullptr, 0, 4)),
+    NAMED("DORecord::DORecord", DORecord(3, 1, nullptr, 0, s.form.data(), s.form.size(), false)),
+    NAMED("SORecord::SORecord", SORecord(0, 64, 0, 0, s.text, 0, 0)),
+    SO(FromBuffer(s.bareSegment.data(), s.bareSegment.size())),
+    FREE(DORecordHeaderDeserialize(&s.built, &s.length, s.form.data(), s.form.size(), 3, 1)),
+    FREE(SegmentRecordSerialize(RecordOf(s.segmentBytes), &s.out, &s.length)), FREE(CRFPInitialize(&s.context, 3)),
+    NAMED("CRTDigestNewFull", static_cast<void>(s.digest = CRTDigestNewFull(1, &s.fingerprint, 64)))};
+
+// Of the pools, which keep what they took.
+Operation const kNeedChunks[] = {
+    DO(CheckTRef((*s.record->GetTRefTypeBegin(cr_reftype_t(6)))->Get())), DO(DelDSID(3)), DO(DelTRef(s.handle->Get())),
+    DO(HasTaskID(17)), DO(HasDSID(3)),
+    NAMED("CRTRefNew", static_cast<void>(s.made = CRTRefNew(cr_reftype_t(2), 1))),
+    NAMED("CRTRefNewDeserialize", static_cast<void>(s.made = CRTRefNewDeserialize(s.section.data(), 10, 1, &s.length))),
+    NAMED("Cr_TRef::Cr_TRef", static_cast<void>(s.handle = new Cr_TRef(1ul))),
+    NAMED("Cr_TRef::Cr_TRef", static_cast<void>(s.handle = new Cr_TRef(1u))),
+    NAMED("Cr_TRef::Factory", static_cast<void>(s.handle = Cr_TRef::Factory(s.value))),
+    NAMED("Cr_TRef::operator new", Cr_TRef::operator delete(Cr_TRef::operator new(16))),
+    NAMED("Cr_TRef::operator delete", s.handle = new Cr_TRef(static_cast<_cr_tref_t*>(nullptr)))};
+
+Operation const kNeedNone[] = {
+    DO(CheckTRef(s.handle)), DO(ClearTRefType(cr_reftype_t(6))), DO(DelTRef(s.handle)), DO(GetBSize()),
+    DO(GetBloom()), DO(GetBloomStart()), DO(GetCTime()), DO(GetCheckTime()), DO(GetCrc()), DO(GetDCID()),
+    DO(GetDOSize()), DO(GetDOType()), DO(GetFPType()), DO(GetFlags()), DO(GetHeader()), DO(GetHeaderSize()),
+    DO(GetMTime()), DO(GetNTRefs()), DO(GetNTRefs(cr_reftype_t(2))), DO(GetNds()), DO(GetNfp()), DO(GetNtaskid()),
+    DO(GetNudcid()), DO(GetPOID()), DO(GetSegmentDCID(0)), DO(GetSegmentFP(0)),
+    NAMED("DORecord::GetSegmentDCIDList", static_cast<void>(s.record->GetSegmentDCIDList())),
+    DO(GetSegmentObjectOffset(0)), DO(GetSegmentOffset(0)), DO(GetSegmentSize(0)), DO(GetSegmentUDCID(0)),
+    DO(GetSegmentUDCIDList()), DO(GetSerializedTRefs()), DO(GetSerializedTRefsSize()), DO(GetSize()), DO(GetSsize()),
+    DO(GetTRefBegin()), DO(GetTRefEnd()), DO(GetTRefTypeBegin(cr_reftype_t(2))), DO(GetTRefTypeEnd(cr_reftype_t(2))),
+    DO(GetTRefTypeTotalSize(cr_reftype_t(2))), DO(GetUDCIDSize()), DO(HostToNetwork(0)), DO(NetworkToHost(1)),
+    DO(IsInNetworkOrder()), DO(IsSubDO()), DO(RemoveAllTRefs()), DO(RemoveAllTaskIDs()),
+    DO(RemoveInactiveTaskIDs(IsActive, nullptr)), DO(Segments()), DO(SerializedDORecordFree(&s.out)),
+    DO(SetCheckTime(1)), DO(SetDCID(1)), DO(SetFPType(1)), DO(SetFlags(9)), DO(SetSegmentDCID(0, 64)),
+    DO(SetSegmentFP(0, s.fingerprint)), DO(SetSegmentObjectOffset(0, 1)), DO(SetSegmentOffset(0, 1)),
+    DO(SetSegmentSize(0, 1)), DO(SetSubDO(true)), DO(ToStream(s.stream, false)), DO(ToStream(s.stream, true)),
+    DO(ValidateHeader(s.stored.data(), 9, 0)), DO(calcRecSize()), DO(calcTRefsSize()), DO(checkSegmentList()),
+    DO(checkSegmentOffsetEndiannes()), DO(checkSegmentSizeEndiannes()), DO(cleanupConstruction()), DO(expand()),
+    DO(getRecSize()), DO(getTRefsSize()), DO(handleUpdate()), DO(initReferenceSets()), DO(operator!=(*s.plain)),
+    DO(operator==(*s.record)), DO(setCheckTime(1)), DO(setDCID(1)), DO(setFPType(9)), DO(setFlags(9)),
+    DO(setRecSize(9)), DO(setTRefsSize(9)), NAMED("DORecord::~DORecord", s.record.reset()),
+    NAMED("DORecord::tref_const_iterator_t::operator++", ++s.record->GetTRefBegin()),
+    NAMED("DORecord::tref_const_iterator_t::operator++", s.record->GetTRefBegin()++),
+    NAMED("DORecord::tref_const_iterator_t::operator==", s.record->GetTRefBegin() == s.record->GetTRefEnd()),
+    NAMED("DORecord::tref_const_iterator_t::skipEmptySets", s.plain->GetTRefBegin()),
+    NAMED("DORecord::tref_const_iterator_t::tref_const_iterator_t", s.record->GetTRefBegin()),
+    NAMED("DORecord::tref_const_iterator_t::tref_const_iterator_t", DORecord::tref_const_iterator_t()), SO(GetCRC()),
+    SO(GetCheckTime()), SO(GetCryptoMode()), SO(GetDCID()), SO(GetFPType()), SO(GetFileID()), SO(GetFlags()),
+    SO(GetHeader()), SO(GetHeaderSize()), SO(GetKey()), SO(GetKeyIndex()), SO(GetPathID()), SO(GetSize()),
+    SO(HostToNetwork(1)), SO(IsInNetworkOrder()), SO(NetworkToHost(0)), SO(SetCRC(1)), SO(SetCheckTime(1)),
+    SO(SetCryptoMode(1)), SO(SetDCID(2)), SO(SetFPType(9)), SO(SetFlags(9)), SO(SetKey(s.text)), SO(SetKeyIndex(1)),
+    SO(SetSize(1)), SO(operator==(*s.segment)), NAMED("SORecord::~SORecord", s.segment.reset()),
+    FREE(SegmentRecordDiagnose(s.segmentBytes.data(), 99, 0, nullptr, nullptr)),
+    FREE(SegmentRecordHton(RecordOf(s.segmentBytes), RecordOf(s.segmentBytes), 0)),
+    FREE(SegmentRecordNtoh(RecordOf(s.bareSegment), RecordOf(s.bareSegment), 0)),
+    FREE(SegmentRecordToStream(s.stream, *RecordOf(s.segmentBytes), false)),
+    FREE(SegmentRecordValidate(RecordOf(s.segmentBytes), 99, 0)), FREE(RecordInContainer(0)),
+    FREE(DORecordDiagnose(s.stored.data(), 99, 0, nullptr, nullptr)), FREE(DORecordHeaderGetBloom(s.header)),
+    FREE(DORecordHeaderGetBloomStart(s.header)), FREE(DORecordHeaderGetPOID(s.header)),
+    FREE(DORecordHeaderHton(s.header)), FREE(DORecordHeaderIndexOfDCID(s.header, 0)),
+    FREE(DORecordHeaderIndexOfDataSelection(s.header, 0)), FREE(DORecordHeaderIndexOfSegment(s.header, 0)),
+    FREE(DORecordHeaderIndexOfSegmentObjectOffset(s.header, 0)),
+    FREE(DORecordHeaderIndexOfSegmentOffset(s.header, 0)), FREE(DORecordHeaderIndexOfSegmentSize(s.header, 0)),
+    FREE(DORecordHeaderIndexOfTaskId(s.header, 0)), FREE(DORecordHeaderIndexOfUDCID(s.header, 0)),
+    FREE(DORecordHeaderNtoh(reinterpret_cast<DORecordHeader*>(s.network.data()))),
+    FREE(DORecordHeaderSizeRaw(0, ~0u, 0, 0, 3, 3, 0)),
+    FREE(DORecordHeaderSizeWithBloom(0, ~0u, 0, 0, 4, 0)), FREE(DORecordHeaderStartBFBitmap(s.header)),
+    FREE(DORecordHeaderStartTRefs(s.header)), FREE(DORecordHeaderStartUDCID(s.header)),
+    FREE(DORecordHeaderValidate(s.stored.data(), 99, 0)),
+    FREE(DORecordSerializedDiagnose(s.form.data(), 99, 3, 1, 0, nullptr, nullptr)),
+    FREE(DORecordSerializedValidate(s.form.data(), 99, 3, 1, 0)),
+    NAMED("DORecordView::DORecordView", DORecordView(s.stored.data(), 99)),
+    NAMED("DORecordView::References", s.view.References()),
+    NAMED("DOReferenceRange::iterator::operator*", *s.view.References().begin()),
+    NAMED("DOReferenceRange::iterator::operator++", ++s.view.References().begin()),
+    FREE(DOSegmentSource::Of(s.header)), NAMED("DOSegmentSource::Read", DOSegmentSource::Of(s.header).Read(0)),
+    FREE(DOUniqueDCIDSource::Of(s.view.GetHeader())), NAMED("DOUniqueDCIDSource::Read", s.view.UniqueDCIDs()[0]),
+    FREE(CRDOTypeIsValid(9)), FREE(CRRecordProbe(s.stored.data(), 99)), FREE(CRFindingName(1)),
+    FREE(CRFPTypeIsValid(9)), FREE(CRFPAppend(&s.opened, "x", 1)), FREE(CRFPFinalize(&s.opened)),
+    FREE(CRFPFinalizeDO(&s.opened)), FREE(CRFPGetDigest_r(&s.opened, &s.fingerprint)),
+    FREE(CRFPDigestToString_r(&s.fingerprint, 3, s.text, 99)), FREE(CRFPStringToDigest_r("0", 3, &s.fingerprint)),
+    FREE(CRTDigestDelete(&s.digest)), NAMED("crfp_context_t::crfp_context_t", static_cast<void>(crfp_context_t())),
+    NAMED("crfp_context_t::~crfp_context_t", static_cast<void>(crfp_context_t())),
+    FREE(CRTRefCompare(s.value, s.value)), FREE(CRTRefDelete(&s.value)), FREE(CRTRefEqual(s.value, s.value)),
+    FREE(CRTRefGetID(s.value)), FREE(CRTRefGetTaskID(s.value)), FREE(CRTRefGetType(s.value)),
+    FREE(CRTRefSerialize(s.text, 99, s.value, 1)), FREE(CRTRefSerializedSize(s.value, 0)),
+    FREE(CRTRefToString(s.text, 9, s.value)),
+    NAMED("Cr_ErrnoException::Cr_ErrnoException", Cr_ErrnoException(CR_STATUS_INVALID)),
+    NAMED("Cr_ErrnoException::Cr_ErrnoException", Cr_ErrnoException(CR_STATUS_INVALID, "text", "detail")),
+    NAMED("Cr_ErrnoException::Cr_ErrnoException", Cr_ErrnoException(CR_STATUS_INVALID, s.message, "detail")),
+    NAMED("Cr_ErrnoException::~Cr_ErrnoException", Cr_ErrnoException(s.thrown)),
+    NAMED("Cr_ErrnoException::GetDetail", s.thrown.GetDetail()),
+    NAMED("Cr_ErrnoException::GetStatus", s.thrown.GetStatus()), NAMED("Cr_ErrnoException::what", s.thrown.what()),
+    FREE(CRLogSetSink(Drop, nullptr)), FREE(CRLogSetTrace(0)), FREE(CRStatusToStringA(CR_STATUS_OK)),
+    FREE(ErrorA(CR_STATUS_OK, "x")), FREE(WarningA(CR_STATUS_OK, "x")), FREE(__TraceA("x")),
+    FREE(__cr_errno_location()), FREE(__zeblog_trace_location()), FREE(_crMapError("x", "x", 1)),
+    FREE(zebLogLastMessageA())};
+// clang-format on
+
+struct EveryOperation : testing::Test {
+    // The pools, and OpenSSL for each fingerprint type, keep what they take once.
+    EveryOperation() {
+        CRLogSetSink(Drop, nullptr);
+        std::vector<DORecord::tref_ptr_t> chunks;
+        while (chunks.size() < 200) {
+            chunks.emplace_back(new Cr_TRef(7ul));
+        }
+        for (unsigned int fptype = 0; fptype < 4; ++fptype) {
+            crfp_context_t context;
+            CRFPInitialize(&context, fptype);
+        }
+    }
+    ~EveryOperation() override { CRLogSetSink(nullptr, nullptr); }
+};
+
+TEST_F(EveryOperation, IsHere) {
+    std::ifstream exported(CRRECORD_EXPORTED);
+    std::map<std::string, int> missing; // by name; data have no parenthesis
+    for (std::string symbol; std::getline(exported, symbol);) {
+        if (symbol.find('(') != std::string::npos) {
+            ++missing[symbol.substr(0, symbol.find('('))];
+        }
+    }
+    for (auto const& table : {std::span<Operation const>(kNeedMemory), {kNeedChunks}, {kNeedNone}}) {
+        for (Operation const& operation : table) {
+            auto const found = missing.find(operation.name.substr(0, operation.name.find('(')));
+            EXPECT_TRUE(found != missing.end()) << operation.name;
+            found == missing.end() ? 0 : --found->second;
+        }
+    }
+    for (auto const& [name, count] : missing) {
+        EXPECT_LE(count, 0) << name;
+    }
+}
+
+// Scratch memory may be done without.
+TEST_F(EveryOperation, FailsWithoutMemoryAndChangesNothing) {
+    for (Operation const& operation : kNeedMemory) {
+        SCOPED_TRACE(operation.name);
+        unsigned long failures = 0, number = 0;
+        for (bool met = true; met;) {
+            std::unique_ptr<Subject> subject;
+            auto const set = [&](Subject* to) { return subject.reset(to), CR_STATUS_OK; };
+            long live = fault::Run([&] { return set(new Subject); }, 0).live;
+            Bytes const before = subject->State();
+            auto const outcome = fault::Run([&] { return operation.run(*subject); }, ++number);
+            met = outcome.attempts >= number;
+            if (outcome.status != CR_STATUS_OK) {
+                ++failures;
+                EXPECT_TRUE(met && outcome.status == CR_STATUS_NO_MEMORY) << number << ": " << outcome.status;
+                EXPECT_TRUE(subject->State() == before) << number;
+            } else if (met) {
+                EXPECT_TRUE(operation.name.starts_with("DORecord::AppendBloomAndUniqueDCIDList")) << number;
+            }
+            live += outcome.live + fault::Run([&] { return set(nullptr); }, 0).live;
+            EXPECT_EQ(live, 0) << number;
+        }
+        EXPECT_GE(failures, 1u);
+    }
+}
+
+// The pools take their blocks with operator new[], which sanitizers put their own in place of.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(EveryOperation, FailsWithoutAChunkInThePools) {
+    for (auto const& table : {std::span<Operation const>(kNeedMemory), {kNeedChunks}}) {
+        for (Operation const& operation : table) {
+            Subject subject;
+            Bytes const before = subject.State();
+            std::vector<DORecord::tref_ptr_t> handles;
+            std::vector<_cr_tref_t*> values;
+            handles.reserve(100000);
+            values.reserve(100000);
+            std::function<void()> const takers[] = {
+                [&] { handles.emplace_back(new Cr_TRef(static_cast<_cr_tref_t*>(nullptr))); },
+                [&] { values.push_back(CRTRefNew(cr_reftype_t(6), 1)); }};
+            for (auto const& take : takers) {
+                while (fault::Run([&] { return fault::StatusOf(take); }, 1, true).status == CR_STATUS_OK) {}
+            }
+            auto const outcome = fault::Run([&] { return operation.run(subject); }, 1, true);
+            EXPECT_EQ(outcome.status, CR_STATUS_NO_MEMORY) << operation.name;
+            std::for_each(values.begin(), values.end(), [](_cr_tref_t* value) { CRTRefDelete(&value); });
+            EXPECT_TRUE(subject.State() == before) << operation.name;
+        }
+    }
+}
+#endif
+
+TEST_F(EveryOperation, OthersNeedNoMemory) {
+    for (Operation const& operation : kNeedNone) {
+        Subject subject;
+        EXPECT_EQ(fault::Run([&] { return operation.run(subject); }, 1, true).attempts, 0u) << operation.name;
+    }
+}
+
+// Takes so many characters and no more.
+struct Short : std::streambuf {
+    explicit Short(std::size_t room) : left(room) {}
+    std::streamsize xsputn(char const* from, std::streamsize count) override {
+        auto const taken = std::min(left, static_cast<std::size_t>(count));
+        text.append(from, taken);
+        left -= taken;
+        return static_cast<std::streamsize>(taken);
+    }
+    int overflow(int c) override {
+        char const character = static_cast<char>(c);
+        return xsputn(&character, 1) == 1 ? c : traits_type::eof();
+    }
+    std::size_t left;
+    std::string text;
+};
+
+// But for the text of a segment record, which is written from host order and left so where the stream throws.
+TEST_F(EveryOperation, LeavesARecordAsItWasWhereverItsStreamFails) {
+    std::function<void(Subject&, std::ostream&)> const writers[] = {
+        [](Subject& s, std::ostream& to) { s.record->ToStream(to, false); },
+        [](Subject& s, std::ostream& to) { s.record->ToStream(to, true); },
+        [](Subject& s, std::ostream& to) { s.record->HostToNetwork(0), s.record->ToStream(to, true); },
+        [](Subject& s, std::ostream& to) { SegmentRecordToStream(to, *RecordOf(s.segmentBytes), false); },
+        [](Subject& s, std::ostream& to) { SegmentRecordToStream(to, *RecordOf(s.segmentBytes), true); },
+        [](Subject& s, std::ostream& to) { SegmentRecordToStream(to, *RecordOf(s.bareSegment), true); },
+        [](Subject& s, std::ostream& to) { SegmentRecordToStream(to, *RecordOf(s.bareSegment), false); }};
+    for (auto const& write : writers) {
+        Subject whole;
+        Short roomy(~0ul);
+        std::ostream full(&roomy);
+        write(whole, full);
+        for (std::size_t room = 0; room < roomy.text.size(); ++room) {
+            for (bool const throws : {false, true}) {
+                Subject subject;
+                Short device(room);
+                std::ostream stream(&device);
+                stream.exceptions(throws ? std::ios::badbit : std::ios::goodbit);
+                bool thrown = false;
+                try {
+                    write(subject, stream);
+                } catch (std::ios::failure const&) {
+                    thrown = true;
+                }
+                EXPECT_TRUE(thrown == throws && stream.bad() && device.text == roomy.text.substr(0, room)) << room;
+                EXPECT_TRUE(subject.State() == whole.State()) << room;
+                bool const turned = throws && &write == std::end(writers) - 1;
+                EXPECT_TRUE(subject.bareSegment == (turned ? Golden({false, 0, 0, 0}) : whole.bareSegment)) << room;
+            }
+        }
+    }
+}
+
+} // namespace
