@@ -1,6 +1,8 @@
 # What is installed, and how others find it: CMake's package crrecord and pkg-config's crrecord.pc. Everything finds
 # its other parts from where it lies itself, so the installed tree may be moved.
 
+include(CMakePackageConfigHelpers)
+
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/crrecord)
 set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
@@ -35,6 +37,9 @@ if(NOT libdeflate_FOUND)
     return()
 endif()")
     set(pkgconfig_dependencies "libcrypto >= ${CRRECORD_OPENSSL_VERSION}, libdeflate")
+else()
+    # For a static library that lies beside the shared one, which itself asks for nobody's pkg-config.
+    set(pkgconfig_libraries "-lcrypto -ldeflate")
 endif()
 
 install(EXPORT crrecord-targets NAMESPACE crrecord:: DESTINATION ${package_dir})

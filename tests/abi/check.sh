@@ -1,14 +1,23 @@
 #!/bin/sh
-# Compares what the shared library exports with the reviewed list beside this script. Adding to the list is a new
-# promise; taking from it breaks users. After such a decision: check.sh LIBRARY --print >exported.txt
+# Compares what the shared library exports with the reviewed list, debian/libcrrecord1.symbols, by which Debian's
+# packages also tell which version a program needs. Adding to the list is a new promise: a line with the version that
+# makes it. Taking from it breaks users.
+#
+#   check.sh LIBRARY
 set -eu
 
-exported() {
-    nm -D --defined-only -C "$1" | cut -d ' ' -f 3- | LC_ALL=C sort -u
+listed() {
+    sed -n 's/^ (c++)"\(.*\)@Base" [0-9.]*$/\1/p' "$(dirname "$0")/../../debian/libcrrecord1.symbols"
 }
 
-if [ "${2-}" = --print ]; then
-    exported "$1"
-else
-    exported "$1" | diff -u "$(dirname "$0")/exported.txt" -
-fi
+# The names as Debian's tools write them, which isn't quite how nm does.
+exported() {
+    nm -D --defined-only "$1" | cut -d ' ' -f 3- | c++filt
+}
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+listed | LC_ALL=C sort >"$work/listed"
+exported "$1" | LC_ALL=C sort -u >"$work/exported"
+cd "$work"
+diff -u listed exported
