@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -101,16 +102,22 @@ TEST(FormatDocument, ExampleOfADORecord) {
     EXPECT_EQ(Bytes(bytes, bytes + record->GetHeaderSize()), HexBlock("object network"));
 }
 
-TEST(FindingsDocument, NamesEveryCode) {
-    std::vector<std::string> codes;
+TEST(FindingsDocument, LinksThePageOfEveryCode) {
+    std::vector<std::string> expected, linked;
     for (int code = CR_FINDING_ERROR + 1; code < 1000; ++code) { // those below are severities
         std::string const name = CRFindingName(code);
         if (name != "unknown") {
-            codes.push_back(std::to_string(code) + " | `" + name + '`');
+            expected.push_back(std::to_string(code) + " `" + name + '`');
+            std::string const title = "# " + expected.back() + "\n\n";
+            EXPECT_EQ(Document(("findings/" + name + ".md").c_str()).substr(0, title.size()), title);
         }
     }
     std::string const document = Document("findings.md");
-    std::regex const row(R"(\n\| ([0-9]+ \| `[a-z-]+`) \|)");
-    EXPECT_EQ(codes,
-              std::vector<std::string>(std::sregex_token_iterator(document.begin(), document.end(), row, 1), {}));
+    std::regex const row(R"(\n\| ([0-9]+) \| \[`([a-z-]+)`\]\(findings/\2\.md\) \|)");
+    for (std::sregex_iterator found(document.begin(), document.end(), row), end; found != end; ++found) {
+        linked.push_back(found->str(1) + " `" + found->str(2) + '`');
+    }
+    EXPECT_EQ(linked, expected);
+    std::filesystem::directory_iterator const pages(CRRECORD_DOCS_DIR "/findings");
+    EXPECT_EQ(std::size_t(std::distance(begin(pages), end(pages))), expected.size());
 }
