@@ -1,6 +1,7 @@
 // Typed references: the value in its two forms, its order, and the handles of one pool for all libraries.
 
-#include <crrecord/tref.h>
+#include <crrecord/DORecordView.h>
+#include <crrecord/SORecord.h>
 
 #include "support/do_record.h"
 #include "support/other_library.h"
@@ -129,11 +130,35 @@ void CountLine(cr_log_level_t, cr_status_t, char const*, void* lines) {
     ++*static_cast<std::atomic<unsigned long>*>(lines);
 }
 
+// One record of each kind read, written and turned. Whether it is as before.
+bool Exchange(Bytes const& object, Bytes segment) {
+    void *form = nullptr, *segmentForm = nullptr;
+    unsigned long length = 0;
+    auto const record = DORecord::FromBuffer(object.data(), object.size());
+    bool good = record->Serialize(&form, &length, true) == 0 &&
+                DORecordSerializedValidate(form, length, 3, 1, CR_DO_FORM_CHECKSUM) == 0 &&
+                SegmentRecordSerialize(RecordOf(segment), &segmentForm, &length) == 0;
+    std::free(form);
+    std::free(segmentForm);
+    crt_digest_t* digest = record->GetDigest();
+    CRTDigestDelete(&digest);
+    auto const so = SORecord::FromBuffer(segment.data(), segment.size());
+    so->HostToNetwork(0);
+    record->HostToNetwork(0);
+    DORecordView const view(record->GetHeader(), object.size());
+    good = good && view.Segments().size() == 3 && so->IsInNetworkOrder();
+    record->NetworkToHost(0);
+    return good && StoredBytes(*record) == object;
+}
+
 // They share nothing but the pool and the log, whose sink changes meanwhile.
 TEST(TRefHandle, ThreadsWithRecordsOfTheirOwn) {
     static constexpr unsigned long kThreads = 6, kRounds = 500;
     std::atomic<unsigned long> ended = 0;
-    auto const work = [&ended](unsigned long seed) {
+    RecordValues values = Example(3, 1);
+    values.references = {{2, 17}, {4, 3}};
+    Bytes const object = Spell(values).bytes, segment = Golden({false, 2, 0, 0});
+    auto const work = [&](unsigned long seed) {
         auto const record = Build(Example(3, 1));
         std::vector<Handle> held;
         for (unsigned long i = 0; i < kRounds; ++i) {
@@ -144,6 +169,7 @@ TEST(TRefHandle, ThreadsWithRecordsOfTheirOwn) {
             held.resize(i % 64 == 63 ? 0 : held.size());
             ErrorA(CR_STATUS_INVALID, "line %lu", seed + i);
             EXPECT_EQ(zebLogLastMessageA(), "line " + std::to_string(seed + i));
+            EXPECT_TRUE(Exchange(object, segment));
         }
         for (std::size_t i = 0; i < held.size(); ++i) {
             EXPECT_EQ(CRTRefGetID(held[i]->Get()), seed + kRounds - held.size() + i);

@@ -191,10 +191,29 @@ TEST_F(Tool, SaysWhyItCannotWork) {
 }
 
 TEST_F(Tool, AnInterruptedBuildLeavesNothing) {
-    EXPECT_EQ(Shell("mkfifo in; exec 3<>in; \"$T\" segments build in -o out & "
+    EXPECT_EQ(Shell("echo former >out; mkfifo in; exec 3<>in; \"$T\" segments build in -o out & "
                     "until ls .crrecord-*; do sleep 0.01; done; kill $!; wait $!"),
               128 + 15);
-    EXPECT_EQ(Files(), "in ");
+    EXPECT_EQ(Files() + String("out"), "in out former\n");
+}
+
+TEST_F(Tool, AFullDiskCostsNoFile) {
+    Bytes const object = Spell(Example(2, 3)).bytes;
+    Bytes many;
+    for (unsigned int i = 0; i < 100; ++i) {
+        many = many + object;
+    }
+    for (std::string const verb :
+         {"convert in --to network", "convert in --to json", "redact in", "map in", "refs in --add task:1",
+          "annotate --reverse text", "build in --segment-size 9", "segments build in --segment-size 9"}) {
+        Write("in", verb.starts_with("map") ? object : many);
+        ASSERT_EQ(Shell("\"$T\" annotate in >text; cp in out"), 0);
+        for (std::string const to : {"in", "out", "/dev/full"}) {
+            EXPECT_EQ(Shell("ulimit -f 1; \"$T\" " + verb + " -o " + to), 2) << verb << to << err;
+            EXPECT_EQ(Files(), "in out text ");
+            EXPECT_TRUE(Read("in") == Read("out") && Read("in").size() > 100) << verb << to;
+        }
+    }
 }
 
 // Many records, and one that is larger than what is read at once, through a pipe.

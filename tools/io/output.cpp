@@ -26,7 +26,7 @@ extern "C" void RemoveUnfinished(int signal) {
 }
 
 void RemoveWhenInterrupted(std::string const& path) {
-    path.copy(unfinished, sizeof unfinished - 1);
+    unfinished[path.copy(unfinished, sizeof unfinished - 1)] = '\0';
     for (int const signal : {SIGHUP, SIGINT, SIGTERM}) {
         struct sigaction action {};
         if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_DFL) {
