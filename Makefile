@@ -6,7 +6,7 @@ SETUP ?= scripts/setup
 unexport FILE
 export CRRECORD_WALK_FILE := $(value FILE)
 
-.PHONY: help setup build run test fuzz bench abi memcheck big-endian python deb install format clean
+.PHONY: help setup build run test fuzz bench abi memcheck big-endian python deb release-check install format clean
 
 help:
 	@echo 'make run [FILE=path]       read a file, write its records, read and check them, show what came out'
@@ -19,6 +19,7 @@ help:
 	@echo 'make python                build the Python package into build/python/python, and test it'
 	@echo 'make build                 build the library and the command into build/release'
 	@echo 'make deb                   build Debian packages into build/deb'
+	@echo 'make release-check         run all that a release has to pass, as root'
 	@echo 'make install [PREFIX=dir]  install them, into /usr/local unless told otherwise'
 	@echo 'make format                format the sources'
 	@echo 'make clean                 remove build/'
@@ -66,6 +67,9 @@ python:
 
 deb:
 	@scripts/deb
+
+release-check:
+	@scripts/release-check
 
 install: build
 	@cmake --install build/release $(if $(PREFIX),--prefix '$(PREFIX)')

@@ -31,6 +31,7 @@ PYBIND11_MODULE(_crrecord, module) {
     py::options options;
     options.disable_function_signatures(); // they are in _crrecord.pyi
     module.doc() = "The records of a deduplicating content store. Import crrecord instead.";
+    module.attr("__version__") = CRRECORD_VERSION;
     BindErrors(module);
     AddConstants(module);
     BindArray(module);

@@ -9,6 +9,7 @@ from ._crrecord import (
     SORecord,
     Status,
     View,
+    __version__,
     diagnose,
     diagnose_form,
     probe,

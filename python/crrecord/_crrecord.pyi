@@ -7,6 +7,8 @@ from ._types import Digest, Finding, Probe, Reference, Segment
 Buffer = Any
 T = TypeVar("T")
 
+__version__: str
+
 class Status(IntEnum):
     OK: int
     INVALID: int
