@@ -14,10 +14,14 @@
 
 namespace {
 
-std::string Document(char const* name) {
-    std::ifstream file(std::string(CRRECORD_DOCS_DIR "/") + name);
-    EXPECT_TRUE(file) << name;
+std::string Text(std::filesystem::path const& path) {
+    std::ifstream file(path);
+    EXPECT_TRUE(file) << path;
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string Document(char const* name) {
+    return Text(std::filesystem::path(CRRECORD_DOCS_DIR) / name);
 }
 
 std::string Block(std::string const& title) {
@@ -120,4 +124,21 @@ TEST(FindingsDocument, LinksThePageOfEveryCode) {
     EXPECT_EQ(linked, expected);
     std::filesystem::directory_iterator const pages(CRRECORD_DOCS_DIR "/findings");
     EXPECT_EQ(std::size_t(std::distance(begin(pages), end(pages))), expected.size());
+}
+
+TEST(Documents, ShowCppThatTheExamplesHave) {
+    std::string examples;
+    for (auto const& entry : std::filesystem::directory_iterator(CRRECORD_EXAMPLES_DIR)) {
+        examples += Text(entry.path());
+    }
+    int blocks = 0;
+    for (auto const& entry : std::filesystem::directory_iterator(CRRECORD_DOCS_DIR)) {
+        std::string const document = entry.path().extension() == ".md" ? Text(entry.path()) : "";
+        std::regex const block("\n```cpp\n([^`]*)```\n");
+        for (std::sregex_iterator found(document.begin(), document.end(), block), end; found != end; ++found) {
+            EXPECT_NE(examples.find(found->str(1)), std::string::npos) << entry.path() << ":\n" << found->str(1);
+            ++blocks;
+        }
+    }
+    EXPECT_GT(blocks, 0);
 }
