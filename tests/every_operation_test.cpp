@@ -251,6 +251,7 @@ TEST_F(EveryOperation, IsHere) {
     std::ifstream exported(CRRECORD_EXPORTED);
     std::map<std::string, int> missing; // by name; data have no parenthesis
     for (std::string symbol; std::getline(exported, symbol);) {
+        symbol.erase(0, symbol.find('"') + 1);
         if (symbol.find('(') != std::string::npos) {
             ++missing[symbol.substr(0, symbol.find('('))];
         }
