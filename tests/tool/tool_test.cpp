@@ -181,9 +181,6 @@ TEST_F(Tool, SaysWhyItCannotWork) {
     }
     EXPECT_EQ(Run("verify in in"), 1); // not a record at all
     Write("in", Golden(kHost));
-    EXPECT_EQ(Shell("ulimit -f 8; \"$T\" segments build in -o out --segment-size 1"), 2);
-    EXPECT_EQ(err, "crrecord: out: cannot write: File too large\n");
-    EXPECT_EQ(Files(), "do empty in seg two ");
     EXPECT_EQ(Run("convert - --to host -o out <in >&-"), 2); // the output doesn't become standard output
     EXPECT_EQ(Read("out"), Golden(kHost));
     EXPECT_EQ(Run("validate none in"), 2); // and the others are still looked at
@@ -211,6 +208,7 @@ TEST_F(Tool, AFullDiskCostsNoFile) {
         for (std::string const to : {"in", "out", "/dev/full"}) {
             EXPECT_EQ(Shell("ulimit -f 1; \"$T\" " + verb + " -o " + to), 2) << verb << to << err;
             EXPECT_EQ(Files(), "in out text ");
+            EXPECT_TRUE(to == "in" || err.starts_with("crrecord: " + to + ": cannot write: ")) << err;
             EXPECT_TRUE(Read("in") == Read("out") && Read("in").size() > 100) << verb << to;
         }
     }
