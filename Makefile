@@ -6,7 +6,7 @@ SETUP ?= scripts/setup
 unexport FILE
 export CRRECORD_WALK_FILE := $(value FILE)
 
-.PHONY: help setup build run test fuzz bench abi memcheck big-endian python deb release-check install format clean
+.PHONY: help setup build run test fuzz bench abi memcheck big-endian python docs deb release-check install format clean
 
 help:
 	@echo 'make run [FILE=path]       read a file, write its records, read and check them, show what came out'
@@ -17,6 +17,7 @@ help:
 	@echo 'make memcheck              run the tests, and the command over the golden records, under valgrind'
 	@echo 'make big-endian            build for a big-endian machine, and run the tests under an emulator of it'
 	@echo 'make python                build the Python package into build/python/python, and test it'
+	@echo 'make docs                  build the reference of the headers into build/docs/html'
 	@echo 'make build                 build the library and the command into build/release'
 	@echo 'make deb                   build Debian packages into build/deb'
 	@echo 'make release-check         run all that a release has to pass, as root'
@@ -64,6 +65,12 @@ python:
 	@cmake --preset python
 	@cmake --build --preset python
 	@ctest --preset python
+
+docs:
+	@$(SETUP) --docs
+	@mkdir -p build/docs
+	@doxygen docs/Doxyfile
+	@echo 'the reference: build/docs/html/index.html'
 
 deb:
 	@scripts/deb
