@@ -22,8 +22,8 @@ expected() {
 : >output
 store put first "$2/do0-md5.network"
 store put second "$2/do3-sha256.host"
-head -c 200 "$2/do0-md5.network" >cut
-store put third cut && exit 1
+head -c 200 "$2/do0-md5.network" >short
+store put third short && exit 1
 store show third && exit 1
 expected <<END
 first: 3 segments in 226 bytes
