@@ -1,9 +1,12 @@
 // Every proper prefix and every small change of every golden record: changes FOLDER prints, as a table, which finding
-// told how many of them first. What validation says, and what is made of the bytes, must agree each time.
+// told how many of them first. What validation says, and what is made of the bytes, must agree each time. With a
+// document behind the folder the table has to be in it.
 
 #include "tool_records.h"
 
 #include <crrecord/SORecord.h>
+
+#include <fmt/format.h>
 
 #include <filesystem>
 #include <fstream>
@@ -112,16 +115,22 @@ void ChangeFile(std::filesystem::path const& path) {
 
 int main(int count, char** arguments) {
     BeSilent();
-    for (auto const& entry : std::filesystem::directory_iterator(count == 2 ? arguments[1] : ".")) {
+    for (auto const& entry : std::filesystem::directory_iterator(count > 1 ? arguments[1] : ".")) {
         ChangeFile(entry.path());
     }
-    std::printf("| Told first | Prefixes | Bytes | Bits |\n|---|---:|---:|---:|\n");
+    std::string table = "| Told first | Prefixes | Bytes | Bits |\n|---|---:|---:|---:|\n";
     for (auto const& [code, of] : counts) {
         std::string const name = code == kJson        ? "read as JSON"
                                  : code == kNoJson    ? "refused as JSON"
                                  : code == kCanonical ? "nothing: another canonical record"
                                                       : std::to_string(code) + " `" + CRFindingName(code) + "`";
-        std::printf("| %s | %lu | %lu | %lu |\n", name.c_str(), of[kPrefix], of[kByte], of[kBit]);
+        table += fmt::format("| {} | {} | {} | {} |\n", name, of[kPrefix], of[kByte], of[kBit]);
+    }
+    std::fputs(table.c_str(), stdout);
+    if (count > 2) {
+        std::ifstream file(arguments[2]);
+        std::string const document{std::istreambuf_iterator<char>(file), {}};
+        Must(document.find(table) != std::string::npos, "the document has this table");
     }
     return counts.size() < 30;
 }

@@ -6,6 +6,9 @@
 
 FUZZ_TARGET(do_record, bytes) {
     for (unsigned int options = 0; options < 8; ++options) {
+        fuzz::StopEverywhere([&](cr_finding_callback_t listen, void* context) {
+            DORecordDiagnose(bytes.data(), bytes.size(), options, listen, context);
+        });
         if (DORecordHeaderValidate(bytes.data(), static_cast<unsigned int>(bytes.size()), options) != CR_STATUS_OK) {
             continue;
         }

@@ -38,6 +38,25 @@ void UseRecord(Types types, fuzz::Bytes form, DORecord& record) {
     }
 }
 
+// In memory that is just large enough, and in memory that is not.
+void ParseInto(Types types, fuzz::Bytes form, fuzz::Bytes expected) {
+    for (std::size_t const room : {expected.size(), expected.size() - 1}) {
+        fuzz::Block memory(room);
+        auto* const given = reinterpret_cast<DORecordHeader*>(memory.data());
+        DORecordHeader* header = given;
+        unsigned long size = room;
+        Must(DORecordHeaderDeserialize(&header, &size, form.data(), form.size(), types.dotype, types.fptype) == 0 &&
+                 (header == given) == (room == expected.size()),
+             "a form is parsed into memory of any size");
+        auto const* const bytes = reinterpret_cast<unsigned char const*>(header);
+        constexpr std::size_t kTimes = offsetof(DORecordHeader, ctime), kBehind = offsetof(DORecordHeader, ntaskid);
+        Must(std::equal(bytes, bytes + kTimes, expected.begin()) &&
+                 std::equal(bytes + kBehind, bytes + expected.size(), expected.begin() + kBehind),
+             "a form makes one record");
+        std::free(header == given ? nullptr : header);
+    }
+}
+
 void Try(Types types, fuzz::Bytes form) {
     auto const [dotype, fptype, subDO] = types;
     bool const good = DORecordSerializedValidate(form.data(), form.size(), dotype, fptype, subDO) == CR_STATUS_OK;
@@ -55,6 +74,13 @@ void Try(Types types, fuzz::Bytes form) {
     Must(parsed == CR_STATUS_OK || (header == nullptr && size == 0), "a parser that fails leaves its variables");
     Must(parsed == CR_STATUS_OK || !good, "a form that validates is parsed");
     Must(parsed != CR_STATUS_OK || size <= 4 * form.size() + 4096, "memory in proportion to the form");
+    if (parsed == CR_STATUS_OK) {
+        ParseInto(types, form, {reinterpret_cast<unsigned char*>(header), header->recsize});
+    }
+    fuzz::StopEverywhere(
+        [&, dotype = dotype, fptype = fptype, subDO = subDO](cr_finding_callback_t listen, void* context) {
+            DORecordSerializedDiagnose(form.data(), form.size(), dotype, fptype, subDO, listen, context);
+        });
     std::free(header);
     try {
         DORecord record(dotype, fptype, nullptr, 0, form.data(), form.size(), subDO != 0);

@@ -78,6 +78,9 @@ FUZZ_TARGET(segment_record, bytes) {
     fuzz::Block given(bytes.begin(), bytes.end());
     given.shrink_to_fit();
     for (unsigned int options = 0; options < 4; ++options) {
+        fuzz::StopEverywhere([&](cr_finding_callback_t listen, void* context) {
+            SegmentRecordDiagnose(given.data(), given.size(), options, listen, context);
+        });
         if (!given.empty() && Validates(given, options)) {
             UseRecord(given, (options & CR_SO_NETWORK_ORDER) != 0);
         }

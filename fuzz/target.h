@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <crrecord/finding.h>
 #include <crrecord/status.h>
 
 #include <algorithm>
@@ -49,6 +50,26 @@ inline unsigned long TakeNumber(Bytes& bytes, unsigned int width) {
         number = number << 8 | TakeByte(bytes);
     }
     return number;
+}
+
+// Stops a diagnosing pass at its first finding, then at its second, and so on: none comes behind the one that stops it.
+template <class Diagnose>
+void StopEverywhere(Diagnose diagnose) {
+    constexpr unsigned long kMost = 16; // of one pass there are seldom more
+    struct Stop {
+        unsigned long at, seen;
+    };
+    auto const listen = [](cr_finding_t const*, void* context) {
+        auto& stop = *static_cast<Stop*>(context);
+        return ++stop.seen != stop.at;
+    };
+    for (Stop stop{1, 0}; stop.at <= kMost; stop = {stop.at + 1, 0}) {
+        diagnose(listen, &stop);
+        Must(stop.seen <= stop.at, "a pass that was stopped ends");
+        if (stop.seen < stop.at) {
+            return;
+        }
+    }
 }
 
 // Targets of a program without an engine.
