@@ -112,7 +112,11 @@ struct Operation {
 // Several to a line.
 // clang-format off
 #define NAMED(name, ...) \
-    Operation{name, [](Subject& s) { return fault::StatusOf([&s]() -> decltype(auto) { return __VA_ARGS__; }); }}
+    Operation { \
+        name, []([[maybe_unused]] Subject& s) { \
+            return fault::StatusOf([&]() -> decltype(auto) { return __VA_ARGS__; }); \
+        } \
+    }
 #define FREE(...) NAMED(#__VA_ARGS__, __VA_ARGS__)
 #define OF(type, object, ...) NAMED(#type "::" #__VA_ARGS__, s.object->__VA_ARGS__)
 #define DO(...) OF(DORecord, record, __VA_ARGS__)
