@@ -42,9 +42,7 @@ RecordValues Legacy() {
 
 void Drop(cr_log_level_t, cr_status_t, char const*, void*) {}
 
-int IsActive(unsigned long, void*) {
-    return 1;
-}
+constexpr auto kIsActive = [](unsigned long, void*) { return 1; };
 
 // What the operations work on; made anew for each attempt.
 struct Subject {
@@ -112,18 +110,15 @@ struct Operation {
 // Several to a line.
 // clang-format off
 #define NAMED(name, ...) \
-    Operation { \
-        name, []([[maybe_unused]] Subject& s) { \
-            return fault::StatusOf([&]() -> decltype(auto) { return __VA_ARGS__; }); \
-        } \
-    }
+    Operation{name, []([[maybe_unused]] Subject& s) { \
+        return fault::StatusOf([&]() -> decltype(auto) { return __VA_ARGS__; }); }}
 #define FREE(...) NAMED(#__VA_ARGS__, __VA_ARGS__)
 #define OF(type, object, ...) NAMED(#type "::" #__VA_ARGS__, s.object->__VA_ARGS__)
 #define DO(...) OF(DORecord, record, __VA_ARGS__)
 #define SO(...) OF(SORecord, segment, __VA_ARGS__)
 
 Operation const kNeedMemory[] = {
-    DO(AddDSID(9)), DO(AddTaskID(9)), DO(AddTaskID(9, IsActive, nullptr)), DO(AddTRef(*s.value)),
+    DO(AddDSID(9)), DO(AddTaskID(9)), DO(AddTaskID(9, kIsActive, nullptr)), DO(AddTRef(*s.value)),
     DO(AddTRef(s.handle)), DO(OwnTRef(s.handle)), DO(OwnTRef(*std::exchange(s.value, nullptr))),
     OF(DORecord, roomy, AddSerializedTRefs(reinterpret_cast<char*>(s.section.data()), 10)),
     DO(expand(9999)), 
@@ -168,7 +163,7 @@ Operation const kNeedNone[] = {
     DO(GetTRefBegin()), DO(GetTRefEnd()), DO(GetTRefTypeBegin(cr_reftype_t(2))), DO(GetTRefTypeEnd(cr_reftype_t(2))),
     DO(GetTRefTypeTotalSize(cr_reftype_t(2))), DO(GetUDCIDSize()), DO(HostToNetwork(0)), DO(NetworkToHost(1)),
     DO(IsInNetworkOrder()), DO(IsSubDO()), DO(RemoveAllTRefs()), DO(RemoveAllTaskIDs()),
-    DO(RemoveInactiveTaskIDs(IsActive, nullptr)), DO(Segments()), DO(SerializedDORecordFree(&s.out)),
+    DO(RemoveInactiveTaskIDs(kIsActive, nullptr)), DO(Segments()), DO(SerializedDORecordFree(&s.out)),
     DO(SetCheckTime(1)), DO(SetDCID(1)), DO(SetFPType(1)), DO(SetFlags(9)), DO(SetSegmentDCID(0, 64)),
     DO(SetSegmentFP(0, s.fingerprint)), DO(SetSegmentObjectOffset(0, 1)), DO(SetSegmentOffset(0, 1)),
     DO(SetSegmentSize(0, 1)), DO(SetSubDO(true)), DO(ToStream(s.stream, false)), DO(ToStream(s.stream, true)),
@@ -340,10 +335,6 @@ struct Short : std::streambuf {
         text.append(from, taken);
         left -= taken;
         return static_cast<std::streamsize>(taken);
-    }
-    int overflow(int c) override {
-        char const character = static_cast<char>(c);
-        return xsputn(&character, 1) == 1 ? c : traits_type::eof();
     }
     std::size_t left;
     std::string text;

@@ -140,8 +140,6 @@ bool Exchange(Bytes const& object, Bytes segment) {
                 SegmentRecordSerialize(RecordOf(segment), &segmentForm, &length) == 0;
     std::free(form);
     std::free(segmentForm);
-    crt_digest_t* digest = record->GetDigest();
-    CRTDigestDelete(&digest);
     auto const so = SORecord::FromBuffer(segment.data(), segment.size());
     so->HostToNetwork(0);
     record->HostToNetwork(0);
