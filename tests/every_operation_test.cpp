@@ -141,8 +141,6 @@ Operation const kNeedMemory[] = {
 
 // Of the pools, which keep what they took.
 Operation const kNeedChunks[] = {
-    DO(CheckTRef((*s.record->GetTRefTypeBegin(cr_reftype_t(6)))->Get())), DO(DelDSID(3)), DO(DelTRef(s.handle->Get())),
-    DO(HasTaskID(17)), DO(HasDSID(3)),
     NAMED("CRTRefNew", static_cast<void>(s.made = CRTRefNew(cr_reftype_t(2), 1))),
     NAMED("CRTRefNewDeserialize", static_cast<void>(s.made = CRTRefNewDeserialize(s.section.data(), 10, 1, &s.length))),
     NAMED("Cr_TRef::Cr_TRef", static_cast<void>(s.handle = new Cr_TRef(1ul))),
@@ -152,7 +150,8 @@ Operation const kNeedChunks[] = {
     NAMED("Cr_TRef::operator delete", s.handle = new Cr_TRef(static_cast<_cr_tref_t*>(nullptr)))};
 
 Operation const kNeedNone[] = {
-    DO(CheckTRef(s.handle)), DO(ClearTRefType(cr_reftype_t(6))), DO(DelTRef(s.handle)), DO(GetBSize()),
+    DO(CheckTRef((*s.record->GetTRefTypeBegin(cr_reftype_t(6)))->Get())), DO(DelDSID(3)), DO(DelTRef(s.handle->Get())),
+    DO(HasTaskID(17)), DO(HasDSID(3)), DO(CheckTRef(s.handle)), DO(ClearTRefType(cr_reftype_t(6))), DO(DelTRef(s.handle)), DO(GetBSize()),
     DO(GetBloom()), DO(GetBloomStart()), DO(GetCTime()), DO(GetCheckTime()), DO(GetCrc()), DO(GetDCID()),
     DO(GetDOSize()), DO(GetDOType()), DO(GetFPType()), DO(GetFlags()), DO(GetHeader()), DO(GetHeaderSize()),
     DO(GetMTime()), DO(GetNTRefs()), DO(GetNTRefs(cr_reftype_t(2))), DO(GetNds()), DO(GetNfp()), DO(GetNtaskid()),

@@ -11,10 +11,6 @@ using namespace crrecord;
 
 namespace {
 
-bool Contains(DORecord::tref_set_t const& set, Cr_TRef* handle) {
-    return set.contains(DORecord::tref_ptr_t(handle));
-}
-
 // A copy of a record's legacy arrays, which may be empty, and of what follows them.
 class LegacyArrays {
 public:
@@ -74,7 +70,7 @@ void DORecord::RemoveAllTaskIDs() {
 }
 
 bool DORecord::HasTaskID(unsigned long taskId) const {
-    return Contains(trefs[CR_REFTYPE_TASKID], new Cr_TRef(taskId));
+    return trefs[CR_REFTYPE_TASKID].contains(LookupKey({taskId, CR_REFTYPE_TASKID}).Get());
 }
 
 int DORecord::AddDSID(unsigned int dsid) {
@@ -82,11 +78,11 @@ int DORecord::AddDSID(unsigned int dsid) {
 }
 
 unsigned long DORecord::DelDSID(unsigned int dsid) {
-    return DelTRef(tref_ptr_t(new Cr_TRef(dsid)));
+    return DelTRef(LookupKey({dsid, CR_REFTYPE_DSID}).Get());
 }
 
 bool DORecord::HasDSID(unsigned int dsid) const {
-    return Contains(trefs[CR_REFTYPE_DSID], new Cr_TRef(dsid));
+    return trefs[CR_REFTYPE_DSID].contains(LookupKey({dsid, CR_REFTYPE_DSID}).Get());
 }
 
 // All ids are read before the first byte of theirs changes.

@@ -131,7 +131,7 @@ cr_status_t DORecord::CheckTRef(_cr_tref_t const* reference) const {
     if (!reference) {
         Refuse(kNullReference);
     }
-    return CheckTRef(tref_ptr_t(Cr_TRef::Factory(reference)));
+    return CheckTRef(LookupKey(*reference).Get());
 }
 
 unsigned long DORecord::DelTRef(tref_ptr_t reference) {
@@ -150,7 +150,7 @@ unsigned long DORecord::DelTRef(tref_ptr_t reference) {
 
 // Unlike CheckTRef it lets a null pointer pass: nothing is there to remove.
 unsigned long DORecord::DelTRef(_cr_tref_t const* reference) {
-    return reference ? DelTRef(tref_ptr_t(Cr_TRef::Factory(reference))) : 0;
+    return reference ? DelTRef(LookupKey(*reference).Get()) : 0;
 }
 
 void DORecord::ClearTRefType(cr_reftype_t kind) {
@@ -230,9 +230,10 @@ unsigned long DORecord::GetSerializedTRefsSize() const {
 void DORecord::writeReferences(RecordLayout const& layout) const noexcept {
     unsigned char* position = BytesOf(header) + layout.trefs;
     std::uint64_t room = layout.tail - layout.trefs;
-    for (tref_set_t const& set : trefs) {
-        for (tref_ptr_t const& reference : set) {
-            unsigned long const written = EncodeReference(position, room, *reference->Get());
+    for (int kind = 0; kind < kReferenceKinds; ++kind) {
+        for (tref_ptr_t const& reference : trefs[kind]) {
+            unsigned long const written =
+                EncodeReference(position, room, {reference->Get()->id, static_cast<cr_reftype_t>(kind)});
             position += written;
             room -= written;
         }

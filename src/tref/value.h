@@ -8,6 +8,7 @@
 #include "support/byteorder.h"
 
 #include <limits>
+#include <new>
 
 struct _cr_tref_t {
     unsigned long id;
@@ -15,6 +16,24 @@ struct _cr_tref_t {
 };
 
 namespace crrecord {
+
+// A handle for looking a reference up: it is in no pool, so asking takes neither memory nor a lock. It may be held
+// while the key lives.
+class LookupKey {
+public:
+    explicit LookupKey(_cr_tref_t const& value) noexcept : value_(value), handle_(::new (memory_) Cr_TRef(&value_)) {}
+    // Not destroyed: that would hand the value to the pool.
+    ~LookupKey() { static_cast<void>(handle_.detach()); }
+    LookupKey(LookupKey const&) = delete;
+    LookupKey& operator=(LookupKey const&) = delete;
+
+    boost::intrusive_ptr<Cr_TRef> const& Get() const noexcept { return handle_; }
+
+private:
+    _cr_tref_t value_;
+    alignas(Cr_TRef) unsigned char memory_[sizeof(Cr_TRef)];
+    boost::intrusive_ptr<Cr_TRef> handle_;
+};
 
 inline constexpr int kReferenceKinds = CR_REFTYPE_END;
 inline constexpr unsigned long kReferenceHeadSize = 2; // kind and length of the id
