@@ -1,6 +1,7 @@
 // The three constructors, what stands behind them, and the end of a record.
 
 #include "DORecord/record.h"
+#include "support/exchange_form.h"
 #include "support/memory.h"
 #include "support/unique_list.h"
 
@@ -88,6 +89,23 @@ void FillBytes(void* to, void const* from, std::uint64_t count) noexcept {
     }
 }
 
+// Judges the segments on the way. Without any the section is cleared, and nothing is wrong with it.
+SegmentFault CopySegments(DORecordHeader* header, void const* segments, RecordLayout const& layout) noexcept {
+    unsigned char* const entries = BytesOf(header) + layout.entries;
+    if (!segments) {
+        FillBytes(entries, nullptr, layout.dcids - layout.entries);
+        return {};
+    }
+    SegmentRules rules(SegmentListOf(header, layout, Order::Host, false));
+    ForEachBlock(layout.segments, [&](std::uint64_t first, std::uint64_t count) {
+        std::uint64_t const offset = first * layout.stride;
+        std::memcpy(entries + offset, static_cast<unsigned char const*>(segments) + offset, count * layout.stride);
+        rules.Judge(first, count);
+        return true;
+    });
+    return rules.Fault();
+}
+
 } // namespace
 
 // What an initialiser was given, checked.
@@ -162,8 +180,9 @@ DORecord::DORecord(unsigned int dotype, unsigned char fptype, void* buffer, unsi
     subDO = isSubDO;
     copyMode = CopyMode::Borrowed;
     try {
+        SegmentFault fault;
         cr_status_t const status =
-            DORecordHeaderDeserialize(&header, &bufferSize, serialized, serializedSize, dotype, fptype);
+            exchange::Parse({serialized, serializedSize, dotype, fptype}, subDO, &header, &bufferSize, fault);
         if (status != CR_STATUS_OK) {
             throw Cr_ErrnoException(status);
         }
@@ -176,7 +195,7 @@ DORecord::DORecord(unsigned int dotype, unsigned char fptype, void* buffer, unsi
         setDCID(0);
         initReferenceSets();
         handleUpdate();
-        checkSegmentList();
+        RequireNone(fault, GetDOType());
         if (subDO && LayoutOf(header).segments != 0) {
             setDCID(GetSegmentDCID(0));
         }
@@ -262,13 +281,11 @@ void DORecord::init(unsigned long CID, unsigned long size, unsigned long ssize, 
         RecordLayout const layout(values.counts);
         allocate(layout.total, false);
         writeHeader(values);
-        FillBytes(BytesOf(header) + layout.entries, segments, layout.dcids - layout.entries);
+        SegmentFault const fault = CopySegments(header, segments, layout);
         // Behind the entries are the DCIDs, or, in a record without segments, an empty bloom area.
         FillBytes(BytesOf(header) + layout.dcids, nsegments != 0 ? dcids : nullptr, layout.udcids - layout.dcids);
         finish(values, AsBytes(udcidList));
-        if (segments) {
-            checkSegmentList();
-        }
+        RequireNone(fault, dotype);
     } catch (...) {
         cleanupConstruction();
         throw;

@@ -13,8 +13,12 @@ std::unique_ptr<DORecord> DORecord::FromBuffer(void const* buffer, unsigned long
     Order const order = RequireValid(buffer, size, options);
     std::unique_ptr<DORecord> record(new DORecord());
     record->allocate(size, false);
-    std::memcpy(record->header, buffer, size);
-    record->adopt(order, options);
+    if (order == Order::Host) {
+        std::memcpy(record->header, buffer, size);
+    } else {
+        CopyTurned(record->header, static_cast<DORecordHeader const*>(buffer), size);
+    }
+    record->adopt(Order::Host, options);
     return record;
 }
 

@@ -4,7 +4,7 @@
 
 #include <crrecord/DORecord.h>
 
-#include "support/record_layout.h"
+#include "support/segment_rules.h"
 #include "tref/value.h"
 
 #include <string_view>
@@ -27,6 +27,9 @@ inline constexpr char kInvalidRecordSize[] = "invalid record size for DO";
     Refuse("Cannot construct a DORecord that does not own its internal buffer but has old task id and dsid "
            "references.");
 }
+
+// Throws, with its text, where a rule is broken.
+void RequireNone(SegmentFault const& fault, unsigned int dotype);
 
 inline std::uint64_t SizeOf(Cr_TRef const& reference) noexcept {
     return ReferenceSize(reference.Get()->kind);

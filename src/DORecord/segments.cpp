@@ -1,7 +1,6 @@
 // Segments: the accessors, and the list check with its texts.
 
 #include "DORecord/record.h"
-#include "support/segment_rules.h"
 
 #include <cassert>
 #include <locale>
@@ -50,13 +49,13 @@ char const* ListName(unsigned int dotype) noexcept {
     throw Cr_ErrnoException(CR_STATUS_CORRUPT_DATA, text, nullptr);
 }
 
-void ThrowIf(SegmentFault const& fault, unsigned int dotype) {
+} // namespace
+
+void crrecord::RequireNone(SegmentFault const& fault, unsigned int dotype) {
     if (fault.rule != SegmentRule::None) {
         Throw(fault, dotype);
     }
 }
-
-} // namespace
 
 crfp_digest_t const& DORecord::GetSegmentFP(unsigned int i) const {
     assert(i < LayoutOf(header).segments);
@@ -124,15 +123,15 @@ void DORecord::checkSegmentList() const {
         Refuse("invalid DO type");
     }
     RecordLayout const layout = layoutUpTo(&RecordLayout::dcids);
-    ThrowIf(CheckSegments(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
+    RequireNone(CheckSegments(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
 }
 
 void DORecord::checkSegmentSizeEndiannes() const {
     RecordLayout const layout = layoutUpTo(&RecordLayout::dcids);
-    ThrowIf(CheckSegmentSizes(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
+    RequireNone(CheckSegmentSizes(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
 }
 
 void DORecord::checkSegmentOffsetEndiannes() const {
     RecordLayout const layout = layoutUpTo(&RecordLayout::dcids);
-    ThrowIf(CheckSegmentOffsets(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
+    RequireNone(CheckSegmentOffsets(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
 }

@@ -3,11 +3,11 @@
 #include "DORecord/record.h"
 #include "support/adler32.h"
 #include "support/exchange_form.h"
+#include "support/memory.h"
 #include "support/output_block.h"
 #include "support/segment_codec.h"
 #include "support/unique_list.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <limits>
 
@@ -25,6 +25,7 @@ void WriteHead(unsigned char* to, DORecordHeader const& header) noexcept {
     Store(to + exchange::kSsizeOffset, header.ssize, Order::Network);
     Store(to + exchange::kChecksumOffset, header.CRC, Order::Network);
     Store(to + exchange::kCountOffset, header.nfp, Order::Network);
+    Store(to + exchange::kZeroOffset, std::uint32_t{0});
 }
 
 void StoreBodyChecksum(unsigned char* form, std::uint64_t length) noexcept {
@@ -33,28 +34,27 @@ void StoreBodyChecksum(unsigned char* form, std::uint64_t length) noexcept {
 }
 
 // Writes the body block by block and sums up each block while it is in the cache. Returns the body's Adler-32 where it
-// is asked for. The output is zeroed, so the separator stands.
+// is asked for.
 std::uint32_t WriteBody(unsigned char* to, unsigned char const* record, RecordLayout const& layout,
                         SegmentCodec const& codec, unsigned int segmentForm, bool withChecksum) noexcept {
-    static constexpr std::uint64_t kBlock = 256; // segments: some 30 KB of output
     std::uint32_t sum = kAdler32Start;
     auto const written = [&](std::uint64_t bytes) {
         if (withChecksum) {
             sum = Adler32More(sum, to, bytes);
         }
         to += bytes;
+        return true;
     };
-    for (std::uint64_t i = 0; i < layout.segments; i += kBlock) {
-        std::uint64_t const count = std::min(kBlock, layout.segments - i);
-        codec.encode(to, record + layout.Entry(i), count);
-        written(count * segmentForm);
-    }
+    ForEachBlock(layout.segments, [&](std::uint64_t first, std::uint64_t count) {
+        codec.encode(to, record + layout.Entry(first), count);
+        return written(count * segmentForm);
+    });
+    std::memset(to, 0, exchange::kSeparatorSize);
     written(exchange::kSeparatorSize);
-    for (std::uint64_t i = 0; i < layout.segments; i += kBlock) {
-        std::uint64_t const count = std::min(kBlock, layout.segments - i);
-        codec.turnDcids(to, record + layout.Dcid(i), count);
-        written(count * kDcidSize);
-    }
+    ForEachBlock(layout.segments, [&](std::uint64_t first, std::uint64_t count) {
+        codec.turnDcids(to, record + layout.Dcid(first), count);
+        return written(count * kDcidSize);
+    });
     return sum;
 }
 
@@ -84,7 +84,7 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outLength, bool withC
         return CR_STATUS_NULL_ARGUMENT;
     }
     std::uint64_t const length = exchange::FormSize(layout.segments, GetDOType(), GetFPType());
-    cr_status_t const status = AllocateOutput(kSegmentsSite, length, kNoLimit, out);
+    cr_status_t const status = AllocateOutput(kSegmentsSite, length, kNoLimit, out, &Allocate);
     if (status != CR_STATUS_OK) {
         return status;
     }
@@ -113,7 +113,7 @@ cr_status_t DORecord::SerializeBloomFilterDO(void** out, unsigned long* outLengt
     }
     std::uint32_t const bsize = GetBSize();
     std::uint64_t const length = exchange::BloomFormSize(bsize, GetNudcid());
-    cr_status_t const status = AllocateOutput(kBloomSite, length, kNoLimit, out);
+    cr_status_t const status = AllocateOutput(kBloomSite, length, kNoLimit, out, &AllocateZeroed);
     if (status != CR_STATUS_OK) {
         return status;
     }

@@ -8,6 +8,7 @@
 
 #include "SOmarshall/layout.h"
 #include "support/hex.h"
+#include "support/memory.h"
 #include "support/output_block.h"
 
 #include <limits>
@@ -51,7 +52,8 @@ cr_status_t SegmentRecordSerialize(_SegmentDBRecord* record, void** out, unsigne
     std::uint64_t const total =
         segment::kHeadSize + std::uint64_t{CRFPTextSize(record->fptype)} * record->nfp + segment::kEndSize;
     // The form's length is 32 bits wide for its readers; a longer one counts as an allocation that failed.
-    cr_status_t const status = AllocateOutput(segment::kSite, total, std::numeric_limits<std::uint32_t>::max(), out);
+    cr_status_t const status =
+        AllocateOutput(segment::kSite, total, std::numeric_limits<std::uint32_t>::max(), out, &AllocateZeroed);
     if (status != CR_STATUS_OK) {
         return status;
     }

@@ -4,7 +4,6 @@
 #include "support/exchange_form.h"
 #include "support/segment_findings.h"
 
-#include <algorithm>
 #include <cstdio>
 
 namespace crrecord::exchange {
@@ -74,21 +73,20 @@ bool NameTexts(SegmentList const& list, std::uint64_t i, std::uint64_t count, Se
     return true;
 }
 
-bool CheckTexts(Form const& form, SegmentList const& list, FindingReporter& report) noexcept {
-    static constexpr std::uint64_t kBlock = 256;
+// The texts, and on the same way through memory the rules, whose verdict comes later.
+bool CheckTexts(Form const& form, SegmentList const& list, SegmentRules& rules, FindingReporter& report) noexcept {
     SegmentCodec const& codec = SegmentCodecFor(form.counts.fptype, form.counts.dotype);
-    for (std::uint64_t i = 0; i < list.count; i += kBlock) {
-        std::uint64_t const count = std::min(kBlock, list.count - i);
-        if (!codec.check(list.entries + i * list.stride, count) && !NameTexts(list, i, count, codec, report)) {
-            return false;
-        }
-    }
-    return true;
+    return ForEachBlock(list.count, [&](std::uint64_t from, std::uint64_t count) {
+        bool const good = codec.check(list.entries + from * list.stride, count);
+        rules.Judge(from, count);
+        return good || NameTexts(list, from, count, codec, report);
+    });
 }
 
 bool CheckSegmentBody(Form const& form, bool subDO, FindingReporter& report) noexcept {
     SegmentList const list = ListOf(form, subDO);
-    if (!CheckTexts(form, list, report)) {
+    SegmentRules rules(list);
+    if (!CheckTexts(form, list, rules, report)) {
         return false;
     }
     std::uint64_t const separator = kHeadSize + std::uint64_t{list.stride} * list.count;
@@ -97,7 +95,7 @@ bool CheckSegmentBody(Form const& form, bool subDO, FindingReporter& report) noe
                       "Invalid %s: separator %u, expected 0", kWhat, form.bytes[separator])) {
         return false;
     }
-    SegmentFault const fault = CheckSegments(list);
+    SegmentFault const fault = rules.Fault();
     return ReportSegmentFault(fault, kWhat, kHeadSize + std::uint64_t{list.stride} * fault.segment, list, kSizeOffset,
                               report);
 }
@@ -155,11 +153,8 @@ cr_status_t DORecordSerializedDiagnose(void const* serialized, unsigned long siz
         (options & ~exchange::kKnownOptions) != 0) {
         return CR_STATUS_INVALID;
     }
-    exchange::Form form{static_cast<unsigned char const*>(serialized), size, {}};
-    form.counts.dotype = static_cast<unsigned char>(dotype);
-    form.counts.fptype = fptype;
     FindingReporter report(callback, context);
-    exchange::Diagnose(form, options, report);
+    exchange::Diagnose(exchange::Form(serialized, size, dotype, fptype), options, report);
     return report.Status();
 }
 

@@ -10,6 +10,7 @@
 #pragma once
 
 #include "support/segment_codec.h"
+#include "support/segment_rules.h"
 
 namespace crrecord::exchange {
 
@@ -38,8 +39,15 @@ constexpr std::uint64_t ListChecksumSize(std::uint32_t nudcid) noexcept {
     return 4 + std::uint64_t{8} * nudcid;
 }
 
-// A received form, and what it says that it holds. `counts` starts with the DO type and the fingerprint type.
+// A received form, and what it says that it holds. `counts` starts with the DO type and the fingerprint type. A type
+// beyond a byte is as unknown as the last one that fits.
 struct Form {
+    Form(void const* form, std::uint64_t length, unsigned int dotype, unsigned char fptype) noexcept
+        : bytes(static_cast<unsigned char const*>(form)),
+          size(length), counts{.fptype = fptype, .dotype = static_cast<unsigned char>(std::min(dotype, kNoType))} {}
+
+    static constexpr unsigned int kNoType = 0xff;
+
     unsigned char const* bytes;
     std::uint64_t size;
     RecordCounts counts;
@@ -55,6 +63,12 @@ struct Form {
 // Takes the counts from the head; false where they, or the fixed zeros of the head, don't go with the form's size. The
 // counts of a form that is too short for its head stay 0.
 bool Measure(Form& form) noexcept;
+
+// Makes the record of a form, in the buffer where it is given one that is large enough, or in a new one. `fault` is the
+// first rule that its segments break, if any: the record is made all the same. On failure, whose status it returns,
+// both pointers' values stay, and the content of a large enough buffer is unspecified.
+cr_status_t Parse(Form form, bool subDO, DORecordHeader** header, unsigned long* bufferSize,
+                  SegmentFault& fault) noexcept;
 
 // What the checks of a measured form look at: the checksums that it should have (of its list, where it has one), and
 // the bytes behind the last section of a bloom form.

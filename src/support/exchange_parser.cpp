@@ -3,7 +3,6 @@
 #include "support/adler32.h"
 #include "support/exchange_form.h"
 #include "support/memory.h"
-#include "support/segment_codec.h"
 #include "support/unique_list.h"
 
 #include <algorithm>
@@ -14,14 +13,26 @@ namespace crrecord::exchange {
 
 namespace {
 
-// Reads the entries and the DCIDs; false where a text, its NUL or the separator is not as it must be.
-bool ReadSegments(Form const& form, DORecordHeader* header, RecordLayout const& layout) noexcept {
+// Reads the entries, judging them on the way, and the DCIDs; false where a text, its NUL or the separator is not as it
+// must be.
+bool ReadSegments(Form const& form, DORecordHeader* header, RecordLayout const& layout, bool subDO,
+                  SegmentFault& fault) noexcept {
     SegmentCodec const& codec = SegmentCodecFor(form.counts.fptype, form.counts.dotype);
+    std::uint64_t const segmentForm = SegmentFormSize(form.counts.fptype, form.counts.dotype);
     unsigned char const* const segments = form.bytes + kHeadSize;
-    unsigned char const* const separator =
-        segments + std::uint64_t{SegmentFormSize(form.counts.fptype, form.counts.dotype)} * layout.segments;
+    unsigned char const* const separator = segments + segmentForm * layout.segments;
+    SegmentRules rules(SegmentListOf(header, layout, Order::Host, subDO));
+    bool const good = ForEachBlock(layout.segments, [&](std::uint64_t first, std::uint64_t count) {
+        bool const texts = codec.decode(BytesOf(header) + layout.Entry(first), segments + first * segmentForm, count);
+        rules.Judge(first, count);
+        return texts;
+    });
+    if (!good || *separator != 0) {
+        return false;
+    }
     codec.turnDcids(BytesOf(header) + layout.dcids, separator + kSeparatorSize, layout.segments);
-    return codec.decode(BytesOf(header) + layout.entries, segments, layout.segments) && *separator == 0;
+    fault = rules.Fault();
+    return true;
 }
 
 // The length word, the bitmap and the list are taken over as they are received.
@@ -52,32 +63,31 @@ bool BloomIsSound(Form const& form) noexcept {
     return listIsSound && BloomEndIsZero(form) && form.Word(kChecksumOffset) == BodyChecksum(form);
 }
 
-bool Build(Form const& form, DORecordHeader* header, RecordLayout const& layout) noexcept {
+bool Build(Form const& form, DORecordHeader* header, RecordLayout const& layout, bool subDO,
+           SegmentFault& fault) noexcept {
+    // The rest of what has segments is written over.
+    std::uint64_t const written = form.IsBloom() ? layout.entries : layout.udcids;
+    std::memset(header, 0, layout.entries);
+    std::memset(BytesOf(header) + written, 0, layout.total - written);
     WriteHeader(form, header, layout);
     if (form.IsBloom()) {
         ReadBloom(form, header, layout);
         return true;
     }
-    return ReadSegments(form, header, layout);
+    return ReadSegments(form, header, layout, subDO, fault);
 }
 
 } // namespace
 
-} // namespace crrecord::exchange
-
-cr_status_t DORecordHeaderDeserialize(DORecordHeader** header, unsigned long* bufferSize, void const* serialized,
-                                      unsigned long serializedSize, unsigned int dotype, unsigned char fptype) {
-    using namespace crrecord;
-    if (!header || !bufferSize || !serialized) {
+cr_status_t Parse(Form form, bool subDO, DORecordHeader** header, unsigned long* bufferSize,
+                  SegmentFault& fault) noexcept {
+    if (!form.bytes) {
         return CR_STATUS_NULL_ARGUMENT;
     }
-    if (!CRDOTypeIsValid(dotype)) {
+    if (!CRDOTypeIsValid(form.counts.dotype)) {
         return CR_STATUS_INVALID_DO_TYPE;
     }
-    exchange::Form form{static_cast<unsigned char const*>(serialized), serializedSize, {}};
-    form.counts.fptype = fptype;
-    form.counts.dotype = static_cast<unsigned char>(dotype);
-    if (!exchange::Measure(form) || (form.IsBloom() && !exchange::BloomIsSound(form))) {
+    if (!Measure(form) || (form.IsBloom() && !BloomIsSound(form))) {
         return CR_STATUS_CORRUPT_RECORD;
     }
     RecordLayout const layout(form.counts);
@@ -85,12 +95,11 @@ cr_status_t DORecordHeaderDeserialize(DORecordHeader** header, unsigned long* bu
         return CR_STATUS_INVALID;
     }
     bool const fits = *header && *bufferSize >= layout.total;
-    auto* const target =
-        static_cast<DORecordHeader*>(fits ? std::memset(*header, 0, layout.total) : AllocateZeroed(layout.total));
+    auto* const target = fits ? *header : static_cast<DORecordHeader*>(Allocate(layout.total));
     if (!target) {
         return CR_STATUS_NO_MEMORY;
     }
-    if (!exchange::Build(form, target, layout)) {
+    if (!Build(form, target, layout, subDO, fault)) {
         if (!fits) {
             std::free(target);
         }
@@ -101,4 +110,15 @@ cr_status_t DORecordHeaderDeserialize(DORecordHeader** header, unsigned long* bu
         *bufferSize = layout.total;
     }
     return CR_STATUS_OK;
+}
+
+} // namespace crrecord::exchange
+
+cr_status_t DORecordHeaderDeserialize(DORecordHeader** header, unsigned long* bufferSize, void const* serialized,
+                                      unsigned long serializedSize, unsigned int dotype, unsigned char fptype) {
+    using crrecord::exchange::Form;
+    crrecord::SegmentFault fault;
+    return header && bufferSize ? crrecord::exchange::Parse(Form(serialized, serializedSize, dotype, fptype), false,
+                                                            header, bufferSize, fault)
+                                : CR_STATUS_NULL_ARGUMENT;
 }

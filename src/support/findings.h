@@ -22,14 +22,18 @@ struct Finding {
 class FindingReporter {
 public:
     // `callback` may be null: nobody listens, and the walk ends at its first error.
-    FindingReporter(cr_finding_callback_t callback, void* context) noexcept : callback_(callback), context_(context) {}
+    FindingReporter(cr_finding_callback_t callback, void* context) noexcept
+        : FindingReporter(callback, context, callback != nullptr) {}
+    // `wantsNotes` false: for a listener who makes nothing of them.
+    FindingReporter(cr_finding_callback_t callback, void* context, bool wantsNotes) noexcept
+        : callback_(callback), context_(context), wantsNotes_(wantsNotes) {}
 
     // Both return whether the walk goes on.
     bool Error(Finding const& finding, char const* format, ...) noexcept __attribute__((format(printf, 3, 4)));
     bool Note(Finding const& finding, char const* format, ...) noexcept __attribute__((format(printf, 3, 4)));
 
     // False where a note would reach nobody.
-    bool WantsNotes() const noexcept { return callback_ != nullptr; }
+    bool WantsNotes() const noexcept { return wantsNotes_; }
 
     cr_status_t Status() const noexcept { return failed_ ? CR_STATUS_CORRUPT_RECORD : CR_STATUS_OK; }
 
@@ -38,6 +42,7 @@ private:
 
     cr_finding_callback_t callback_;
     void* context_;
+    bool wantsNotes_;
     bool failed_ = false;
 };
 

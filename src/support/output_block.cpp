@@ -1,15 +1,14 @@
 #include "support/output_block.h"
 
-#include "support/memory.h"
-
 #include <cerrno>
 
 namespace crrecord {
 
-cr_status_t AllocateOutput(SerializerSite const& site, std::uint64_t size, std::uint64_t limit, void** out) noexcept {
+cr_status_t AllocateOutput(SerializerSite const& site, std::uint64_t size, std::uint64_t limit, void** out,
+                           void* (*allocate)(std::uint64_t)) noexcept {
     // An allocator may fail without setting errno; then nothing older may speak for it.
     errno = ENOMEM;
-    *out = size <= limit ? AllocateZeroed(size) : nullptr;
+    *out = size <= limit ? allocate(size) : nullptr;
     if (*out) {
         return CR_STATUS_OK;
     }

@@ -16,8 +16,9 @@ struct SerializerSite {
     int line;
 };
 
-// Sets *out to `size` zeroed bytes from calloc. Where they are not to be had, or are more than `limit`: *out is null,
-// the failure is logged, and its status returned.
-cr_status_t AllocateOutput(SerializerSite const& site, std::uint64_t size, std::uint64_t limit, void** out) noexcept;
+// Sets *out to `size` bytes of `allocate` (memory.h). Where they are not to be had, or are more than `limit`: *out is
+// null, the failure is logged, and its status returned.
+cr_status_t AllocateOutput(SerializerSite const& site, std::uint64_t size, std::uint64_t limit, void** out,
+                           void* (*allocate)(std::uint64_t)) noexcept;
 
 } // namespace crrecord

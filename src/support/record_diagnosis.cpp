@@ -270,8 +270,10 @@ Order RequireValid(void const* buffer, std::uint64_t size, unsigned int options)
     // A buffer too short to show an order is too short in either.
     Order const order = size >= CR_DO_HEADER_SIZE ? OrderOf(static_cast<DORecordHeader const*>(buffer)) : Order::Host;
     FirstError error;
-    if (DORecordDiagnose(buffer, size, options | (order == Order::Network ? CR_DO_NETWORK_ORDER : 0),
-                         FirstError::Listen, &error) != CR_STATUS_OK) {
+    FindingReporter report(FirstError::Listen, &error, false);
+    DiagnoseRecord(static_cast<unsigned char const*>(buffer), size,
+                   options | (order == Order::Network ? CR_DO_NETWORK_ORDER : 0), report);
+    if (report.Status() != CR_STATUS_OK) {
         error.Throw();
     }
     return order;

@@ -33,8 +33,8 @@ void TurnInPlace32(unsigned char* bytes) noexcept {
 }
 
 template <unsigned int OffsetWidth>
-void TurnEntries(unsigned char* entry, unsigned char const* end, RecordLayout const& layout) noexcept {
-    for (; entry != end; entry += layout.stride) {
+void TurnEntries(unsigned char* entry, std::uint64_t count, RecordLayout const& layout) noexcept {
+    for (; count != 0; --count, entry += layout.stride) {
         unsigned char* const numbers = entry + layout.fingerprint;
         TurnInPlace32(numbers);
         if constexpr (OffsetWidth != 0) {
@@ -43,14 +43,25 @@ void TurnEntries(unsigned char* entry, unsigned char const* end, RecordLayout co
     }
 }
 
-void TurnSegments(unsigned char* bytes, RecordLayout const& layout, unsigned int dotype) noexcept {
-    unsigned char* const entries = bytes + layout.entries;
-    unsigned char const* const end = bytes + layout.dcids;
+void TurnSegments(unsigned char* entries, std::uint64_t count, RecordLayout const& layout,
+                  unsigned int dotype) noexcept {
     switch (dotype) {
-    case CR_DO_TYPE_NO_OFFSET: TurnEntries<0>(entries, end, layout); break;
-    case CR_DO_TYPE_8_BYTE_OFFSET: TurnEntries<8>(entries, end, layout); break;
-    case CR_DO_TYPE_4_BYTE_OFFSET: TurnEntries<4>(entries, end, layout); break;
+    case CR_DO_TYPE_NO_OFFSET: TurnEntries<0>(entries, count, layout); break;
+    case CR_DO_TYPE_8_BYTE_OFFSET: TurnEntries<8>(entries, count, layout); break;
+    case CR_DO_TYPE_4_BYTE_OFFSET: TurnEntries<4>(entries, count, layout); break;
     default: break;
+    }
+}
+
+// What turns besides the segments.
+void TurnRest(DORecordHeader* header, RecordCounts const& counts, RecordLayout const& layout) noexcept {
+    unsigned char* const bytes = BytesOf(header);
+    TurnHeaderFields(header);
+    if (counts.nudcid != 0) {
+        TurnInPlace32(bytes + layout.udcids + kUniqueCountOffset);
+    }
+    if (counts.dotype == CR_DO_TYPE_BLOOM_FILTER) {
+        TurnInPlace32(bytes + layout.entries);
     }
 }
 
@@ -58,15 +69,8 @@ void TurnSegments(unsigned char* bytes, RecordLayout const& layout, unsigned int
 void TurnRecord(DORecordHeader* header) noexcept {
     RecordCounts const counts = CountsOf(header, OrderOf(header));
     RecordLayout const layout(counts);
-    unsigned char* const bytes = BytesOf(header);
-    TurnHeaderFields(header);
-    TurnSegments(bytes, layout, counts.dotype);
-    if (counts.nudcid != 0) {
-        TurnInPlace32(bytes + layout.udcids + kUniqueCountOffset);
-    }
-    if (counts.dotype == CR_DO_TYPE_BLOOM_FILTER) {
-        TurnInPlace32(bytes + layout.entries);
-    }
+    TurnSegments(BytesOf(header) + layout.entries, layout.segments, layout, counts.dotype);
+    TurnRest(header, counts, layout);
 }
 
 // The functions take a const header and give addresses to write to, as strchr does.
@@ -82,6 +86,22 @@ void TurnHeaderFields(DORecordHeader* header) noexcept {
         constexpr TurnedField field = kTurnedFields[I];
         TurnBytes<field.width>(bytes + field.offset, bytes + field.offset);
     });
+}
+
+void CopyTurned(DORecordHeader* to, DORecordHeader const* from, std::uint64_t size) noexcept {
+    RecordCounts const counts = CountsOf(from, OrderOf(from));
+    RecordLayout const layout(counts);
+    auto const copy = [=](std::uint64_t first, std::uint64_t end) {
+        std::memcpy(BytesOf(to) + first, BytesOf(from) + first, end - first);
+    };
+    copy(0, layout.entries);
+    ForEachBlock(layout.segments, [&](std::uint64_t first, std::uint64_t count) {
+        copy(layout.Entry(first), layout.Entry(first + count));
+        TurnSegments(BytesOf(to) + layout.Entry(first), count, layout, counts.dotype);
+        return true;
+    });
+    copy(layout.dcids, size);
+    TurnRest(to, counts, layout);
 }
 
 } // namespace crrecord

@@ -7,6 +7,7 @@
 
 #include "support/byteorder.h"
 
+#include <algorithm>
 #include <limits>
 
 namespace crrecord {
@@ -128,6 +129,9 @@ inline RecordCounts CountsOf(DORecordHeader const* header, Order order) noexcept
 // Turns the fields of the fixed header, and nothing behind it.
 void TurnHeaderFields(DORecordHeader* header) noexcept;
 
+// Copies a sound record of `size` bytes into the other order.
+void CopyTurned(DORecordHeader* to, DORecordHeader const* from, std::uint64_t size) noexcept;
+
 inline RecordLayout LayoutOf(DORecordHeader const* header) noexcept {
     return RecordLayout(CountsOf(header, OrderOf(header)));
 }
@@ -138,6 +142,19 @@ inline unsigned char* BytesOf(DORecordHeader* header) noexcept {
 
 inline unsigned char const* BytesOf(DORecordHeader const* header) noexcept {
     return reinterpret_cast<unsigned char const*>(header);
+}
+
+// Calls work(first, count) for one block of segments after the other, while each is in the nearest caches: a few dozen
+// KB in whatever form. Stops, and returns false, where it does.
+template <class Work>
+bool ForEachBlock(std::uint64_t segments, Work work) noexcept {
+    constexpr std::uint64_t kBlock = 256;
+    for (std::uint64_t first = 0; first < segments; first += kBlock) {
+        if (!work(first, std::min(kBlock, segments - first))) {
+            return false;
+        }
+    }
+    return true;
 }
 
 } // namespace crrecord

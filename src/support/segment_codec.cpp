@@ -10,18 +10,27 @@ namespace crrecord {
 namespace {
 
 struct BaseHex {
+    class Verdict {
+    public:
+        void And(bool good) noexcept { good_ &= good; }
+        bool Good() const noexcept { return good_; }
+
+    private:
+        bool good_ = true;
+    };
+
     template <unsigned int Bytes>
     static void Encode(unsigned char const* bytes, char* text) noexcept {
         HexEncode(bytes, Bytes, text);
     }
     template <unsigned int Bytes>
-    static bool Decode(char const* text, unsigned char* bytes) noexcept {
-        return HexDecode(text, Bytes, bytes);
+    static void Decode(char const* text, unsigned char* bytes, Verdict& verdict) noexcept {
+        verdict.And(HexDecode(text, Bytes, bytes));
     }
     template <unsigned int Bytes>
-    static bool IsText(char const* text) noexcept {
+    static void Check(char const* text, Verdict& verdict) noexcept {
         unsigned char bytes[Bytes];
-        return HexDecode(text, Bytes, bytes);
+        verdict.And(HexDecode(text, Bytes, bytes));
     }
 };
 

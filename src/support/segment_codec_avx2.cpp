@@ -28,29 +28,41 @@ namespace {
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(text), NibblesToText(nibbles));
 }
 
-// Comparisons are signed: characters from 0x80 on are below both ranges.
-[[gnu::always_inline]] inline __m256i Between(__m256i characters, char first, char last) noexcept {
-    return _mm256_and_si256(_mm256_cmpgt_epi8(characters, _mm256_set1_epi8(static_cast<char>(first - 1))),
-                            _mm256_cmpgt_epi8(_mm256_set1_epi8(static_cast<char>(last + 1)), characters));
+// Of a character's low nibble alone, the digit and the letter that it can be; 0xff stands for none. A shuffle looks a
+// character from 0x80 on up as 0, which isn't it either.
+[[gnu::always_inline]] inline __m256i IsEntry(__m256i characters, __m128i table) noexcept {
+    return _mm256_cmpeq_epi8(characters, _mm256_shuffle_epi8(_mm256_broadcastsi128_si256(table), characters));
+}
+[[gnu::always_inline]] inline __m256i AreDigits(__m256i characters) noexcept {
+    return IsEntry(characters, _mm_setr_epi8('0', '1', '2', '3', '4', '5', '6', '7', '8', '9', -1, -1, -1, -1, -1, -1));
+}
+[[gnu::always_inline]] inline __m256i AreLetters(__m256i characters) noexcept {
+    return IsEntry(characters, _mm_setr_epi8(-1, 'a', 'b', 'c', 'd', 'e', 'f', -1, -1, -1, -1, -1, -1, -1, -1, -1));
 }
 
-// Thirty-two characters to sixteen bytes, one in each 16-bit lane; clears the lanes of `good` that are no digit.
-[[gnu::always_inline]] inline __m256i DecodeLanes(char const* text, __m256i& good) noexcept {
+// Gathers what was seen of many texts, and says at the end whether all were good.
+class Avx2Verdict {
+public:
+    [[gnu::always_inline]] void And(__m256i good) noexcept { good_ = _mm256_and_si256(good_, good); }
+    [[gnu::always_inline]] bool Good() const noexcept { return _mm256_movemask_epi8(good_) == -1; }
+
+private:
+    __m256i good_ = _mm256_set1_epi8(-1);
+};
+
+// Thirty-two characters to sixteen bytes, one in each 16-bit lane.
+[[gnu::always_inline]] inline __m256i DecodeLanes(char const* text, Avx2Verdict& verdict) noexcept {
     __m256i const characters = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(text));
-    __m256i const letters = Between(characters, 'a', 'f');
-    good = _mm256_and_si256(good, _mm256_or_si256(letters, Between(characters, '0', '9')));
+    __m256i const letters = AreLetters(characters);
+    verdict.And(_mm256_or_si256(letters, AreDigits(characters)));
     __m256i const values = _mm256_add_epi8(_mm256_and_si256(characters, _mm256_set1_epi8(0x0f)),
                                            _mm256_and_si256(letters, _mm256_set1_epi8(9)));
     return _mm256_maddubs_epi16(values, _mm256_set1_epi16(0x0110)); // high * 16 + low
 }
 
-[[gnu::always_inline]] inline __m256i AreDigits(char const* text) noexcept {
+[[gnu::always_inline]] inline void CheckHalf(char const* text, Avx2Verdict& verdict) noexcept {
     __m256i const characters = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(text));
-    return _mm256_or_si256(Between(characters, 'a', 'f'), Between(characters, '0', '9'));
-}
-
-[[gnu::always_inline]] inline bool AllSet(__m256i good) noexcept {
-    return _mm256_movemask_epi8(good) == -1;
+    verdict.And(_mm256_or_si256(AreLetters(characters), AreDigits(characters)));
 }
 
 struct Avx2Hex {
@@ -62,11 +74,12 @@ struct Avx2Hex {
         }
     }
 
+    using Verdict = Avx2Verdict;
+
     template <unsigned int Bytes>
-    [[gnu::always_inline]] static bool Decode(char const* text, unsigned char* bytes) noexcept {
-        __m256i good = _mm256_set1_epi8(-1);
-        __m256i const first = DecodeLanes(text, good);
-        __m256i const second = Bytes == 32 ? DecodeLanes(text + 32, good) : first;
+    [[gnu::always_inline]] static void Decode(char const* text, unsigned char* bytes, Verdict& verdict) noexcept {
+        __m256i const first = DecodeLanes(text, verdict);
+        __m256i const second = Bytes == 32 ? DecodeLanes(text + 32, verdict) : first;
         // Packing works within 128-bit halves; the permutation puts the quarters in order.
         __m256i const packed = _mm256_permute4x64_epi64(_mm256_packus_epi16(first, second), 0xd8);
         if constexpr (Bytes == 32) {
@@ -74,16 +87,14 @@ struct Avx2Hex {
         } else {
             _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes), _mm256_castsi256_si128(packed));
         }
-        return AllSet(good);
     }
 
     template <unsigned int Bytes>
-    [[gnu::always_inline]] static bool IsText(char const* text) noexcept {
-        __m256i good = AreDigits(text);
+    [[gnu::always_inline]] static void Check(char const* text, Verdict& verdict) noexcept {
+        CheckHalf(text, verdict);
         if constexpr (Bytes == 32) {
-            good = _mm256_and_si256(good, AreDigits(text + 32));
+            CheckHalf(text + 32, verdict);
         }
-        return AllSet(good);
     }
 };
 

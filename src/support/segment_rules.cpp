@@ -10,18 +10,21 @@ namespace {
 constexpr std::uint32_t kImplausibleSize = 0x80000000;
 constexpr std::uint64_t kImplausibleOffset = 0x8000000000000000;
 
+// A walk along a list's sizes and offsets.
 template <Order order>
-struct Entries {
-    explicit Entries(SegmentList const& list) noexcept : list_(list) {}
+class Entries {
+public:
+    explicit Entries(SegmentList const& list) noexcept
+        : size_(list.entries + list.sizeAt), offsetBehindSize_(list.offsetAt - list.sizeAt), stride_(list.stride) {}
 
-    std::uint32_t Size(std::uint64_t i) const noexcept {
-        return Load<std::uint32_t>(list_.entries + i * list_.stride + list_.sizeAt, order);
-    }
-    std::uint64_t Offset(std::uint64_t i) const noexcept {
-        return Load<std::uint64_t>(list_.entries + i * list_.stride + list_.offsetAt, order);
-    }
+    void Skip(std::uint64_t count) noexcept { size_ += count * stride_; }
+    std::uint32_t Size() const noexcept { return Load<std::uint32_t>(size_, order); }
+    std::uint64_t Offset() const noexcept { return Load<std::uint64_t>(size_ + offsetBehindSize_, order); }
 
-    SegmentList const& list_;
+private:
+    unsigned char const* size_;
+    unsigned int offsetBehindSize_;
+    unsigned int stride_;
 };
 
 // Runs a check that is compiled once for each order, so that no loop asks for the order again.
@@ -30,64 +33,15 @@ auto WithEntries(SegmentList const& list, Check check) noexcept {
     return list.order == Order::Host ? check(Entries<Order::Host>(list)) : check(Entries<Order::Network>(list));
 }
 
-// Sizes are summed up, and their implausible bits collected, in one pass without a branch.
-template <class E>
-SegmentFault CheckSum(SegmentList const& list, E entries) noexcept {
-    std::uint64_t sum = 0;
-    std::uint32_t bits = 0;
-    for (std::uint64_t i = 0; i < list.count; ++i) {
-        std::uint32_t const size = entries.Size(i);
-        sum += size;
-        bits |= size;
-    }
-    if (bits >= kImplausibleSize && !list.subDO) {
-        return CheckSegmentSizes(list);
-    }
-    if (sum != list.objectSize) {
-        return {SegmentRule::Sum, 0, sum, list.objectSize};
-    }
-    return {};
-}
-
 template <class E>
 SegmentFault FindOverlap(SegmentList const& list, E entries) noexcept {
     std::uint64_t end = 0;
-    for (std::uint32_t i = 0; i < list.count; ++i) {
-        std::uint64_t const offset = entries.Offset(i);
+    for (std::uint32_t i = 0; i < list.count; ++i, entries.Skip(1)) {
+        std::uint64_t const offset = entries.Offset();
         if (offset < end) {
             return {SegmentRule::Overlap, i, offset, end};
         }
-        end = offset + entries.Size(i);
-    }
-    return {};
-}
-
-// All rules of type 3 in one pass; where something is amiss, the rules one by one, in their order, say what.
-template <class E>
-SegmentFault CheckOffsetList(SegmentList const& list, E entries) noexcept {
-    std::uint64_t end = 0;
-    std::uint64_t offsets = 0;
-    std::uint32_t sizes = 0;
-    bool overlap = false;
-    for (std::uint64_t i = 0; i < list.count; ++i) {
-        std::uint64_t const offset = entries.Offset(i);
-        std::uint32_t const size = entries.Size(i);
-        overlap |= offset < end;
-        offsets |= offset;
-        sizes |= size;
-        end = offset + size;
-    }
-    if (sizes >= kImplausibleSize && !list.subDO) {
-        return CheckSegmentSizes(list);
-    }
-    if (offsets >= kImplausibleOffset) {
-        return CheckSegmentOffsets(list);
-    }
-    if (overlap) {
-        return FindOverlap(list, entries);
-    }
-    if (end > list.objectSize) {
-        return {SegmentRule::End, 0, end, list.objectSize};
+        end = offset + entries.Size();
     }
     return {};
 }
@@ -156,22 +110,93 @@ SegmentFault CheckSegmentOffsets(SegmentList const& list) noexcept {
     return {};
 }
 
-SegmentFault CheckSegments(SegmentList const& list) noexcept {
-    switch (list.dotype) {
-    case CR_DO_TYPE_ORIGINAL:
-    case CR_DO_TYPE_NO_SIZE: {
-        std::uint64_t product = 0;
-        // One beyond 64 bits is beyond the size of every object.
-        bool const fits = !__builtin_mul_overflow(list.ssize, list.count, &product);
-        return fits && list.objectSize > product ? SegmentFault{SegmentRule::Product, 0, product, list.objectSize}
-                                                 : SegmentFault{};
-    }
+void SegmentRules::Judge(std::uint64_t from, std::uint64_t count) noexcept {
+    switch (list_.dotype) {
     case CR_DO_TYPE_NO_OFFSET:
-    case CR_DO_TYPE_4_BYTE_OFFSET: return WithEntries(list, [&](auto entries) { return CheckSum(list, entries); });
-    case CR_DO_TYPE_8_BYTE_OFFSET:
-        return WithEntries(list, [&](auto entries) { return CheckOffsetList(list, entries); });
+    case CR_DO_TYPE_4_BYTE_OFFSET: WithEntries(list_, [&](auto entries) { JudgeSizes(entries, from, count); }); break;
+    case CR_DO_TYPE_8_BYTE_OFFSET: WithEntries(list_, [&](auto entries) { JudgeOffsets(entries, from, count); }); break;
+    default: break;
+    }
+}
+
+// Sizes are summed up, and their implausible bits collected, in one pass without a branch.
+template <class E>
+void SegmentRules::JudgeSizes(E entries, std::uint64_t from, std::uint64_t count) noexcept {
+    std::uint64_t sum = sum_;
+    std::uint32_t sizes = sizes_;
+    for (entries.Skip(from); count != 0; --count, entries.Skip(1)) {
+        std::uint32_t const size = entries.Size();
+        sum += size;
+        sizes |= size;
+    }
+    sum_ = sum;
+    sizes_ = sizes;
+}
+
+template <class E>
+void SegmentRules::JudgeOffsets(E entries, std::uint64_t from, std::uint64_t count) noexcept {
+    std::uint64_t end = end_;
+    std::uint64_t offsets = offsets_;
+    std::uint32_t sizes = sizes_;
+    bool overlap = overlap_;
+    for (entries.Skip(from); count != 0; --count, entries.Skip(1)) {
+        std::uint64_t const offset = entries.Offset();
+        std::uint32_t const size = entries.Size();
+        overlap |= offset < end;
+        offsets |= offset;
+        sizes |= size;
+        end = offset + size;
+    }
+    end_ = end;
+    offsets_ = offsets;
+    sizes_ = sizes;
+    overlap_ = overlap;
+}
+
+SegmentFault SegmentRules::Fault() const noexcept {
+    switch (list_.dotype) {
+    case CR_DO_TYPE_ORIGINAL:
+    case CR_DO_TYPE_NO_SIZE: return ProductFault();
+    case CR_DO_TYPE_NO_OFFSET:
+    case CR_DO_TYPE_4_BYTE_OFFSET: return SumFault();
+    case CR_DO_TYPE_8_BYTE_OFFSET: return OffsetFault();
     default: return {};
     }
+}
+
+SegmentFault SegmentRules::ProductFault() const noexcept {
+    std::uint64_t product = 0;
+    // One beyond 64 bits is beyond the size of every object.
+    bool const fits = !__builtin_mul_overflow(list_.ssize, list_.count, &product);
+    return fits && list_.objectSize > product ? SegmentFault{SegmentRule::Product, 0, product, list_.objectSize}
+                                              : SegmentFault{};
+}
+
+SegmentFault SegmentRules::SumFault() const noexcept {
+    if (sizes_ >= kImplausibleSize && !list_.subDO) {
+        return CheckSegmentSizes(list_);
+    }
+    return sum_ != list_.objectSize ? SegmentFault{SegmentRule::Sum, 0, sum_, list_.objectSize} : SegmentFault{};
+}
+
+// Where something is amiss, the rules one by one, in their order, say what.
+SegmentFault SegmentRules::OffsetFault() const noexcept {
+    if (sizes_ >= kImplausibleSize && !list_.subDO) {
+        return CheckSegmentSizes(list_);
+    }
+    if (offsets_ >= kImplausibleOffset) {
+        return CheckSegmentOffsets(list_);
+    }
+    if (overlap_) {
+        return WithEntries(list_, [&](auto entries) { return FindOverlap(list_, entries); });
+    }
+    return end_ > list_.objectSize ? SegmentFault{SegmentRule::End, 0, end_, list_.objectSize} : SegmentFault{};
+}
+
+SegmentFault CheckSegments(SegmentList const& list) noexcept {
+    SegmentRules rules(list);
+    rules.Judge(0, list.count);
+    return rules.Fault();
 }
 
 } // namespace crrecord

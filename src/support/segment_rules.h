@@ -49,6 +49,34 @@ struct SegmentFault {
     std::uint64_t expected = 0; // a limit, or the value that would have been right
 };
 
+// Judges segments as they pass by, so that whoever reads or writes them goes through memory once.
+class SegmentRules {
+public:
+    explicit SegmentRules(SegmentList const& list) noexcept : list_(list) {}
+
+    // The next segments of the list: those from the first one not judged yet.
+    void Judge(std::uint64_t from, std::uint64_t count) noexcept;
+    // After all of them. Looks at the list again where there is a fault.
+    SegmentFault Fault() const noexcept;
+
+private:
+    template <class E>
+    void JudgeSizes(E entries, std::uint64_t from, std::uint64_t count) noexcept;
+    template <class E>
+    void JudgeOffsets(E entries, std::uint64_t from, std::uint64_t count) noexcept;
+    SegmentFault ProductFault() const noexcept;
+    SegmentFault SumFault() const noexcept;
+    SegmentFault OffsetFault() const noexcept;
+
+    SegmentList list_;
+    std::uint64_t sum_ = 0;     // of the sizes
+    std::uint64_t end_ = 0;     // of the last segment
+    std::uint64_t offsets_ = 0; // every bit of theirs
+    std::uint32_t sizes_ = 0;   // every bit of theirs
+    bool overlap_ = false;
+};
+
+// All of that at once.
 SegmentFault CheckSegments(SegmentList const& list) noexcept;
 SegmentFault CheckSegmentSizes(SegmentList const& list) noexcept;
 SegmentFault CheckSegmentOffsets(SegmentList const& list) noexcept;

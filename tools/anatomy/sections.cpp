@@ -197,7 +197,7 @@ void TakeBloomBody(Cutter& cutter, exchange::Form const& form) {
 }
 
 std::vector<Section> SectionsOfForm(Record const& record) {
-    exchange::Form const form{record.bytes, record.size, {}};
+    exchange::Form const form(record.bytes, record.size, record.form.dotype, record.form.fptype);
     Cutter cutter(record.size);
     cutter.Take(kHeaderSection, exchange::kHeadSize, FormHeadFields());
     if (record.size < exchange::kHeadSize) {
