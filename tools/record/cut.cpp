@@ -1,7 +1,9 @@
 #include "record/cut.h"
 
 #include "io/failure.h"
+#include "io/pipeline.h"
 #include "io/progress.h"
+#include "record/crc32.h"
 
 #include <crrecord/status.h>
 
@@ -16,90 +18,160 @@ namespace crrecord::tool {
 
 namespace {
 
-constexpr std::size_t kBlock = 1024UL * 1024;
+// Hashing a batch takes far longer than handing it to a thread, and it stays in that thread's cache meanwhile.
+constexpr std::uint64_t kBatch = 256UL * 1024;
 // What has a sign or too many digits is larger when it is read.
 constexpr std::uint64_t kLargestContainer = std::uint64_t{1} << 62;
 
-// Polynomials over the field of two elements modulo that of CRC-32; the coefficient of x^0 is the highest bit.
-constexpr std::uint32_t Multiply(std::uint32_t a, std::uint32_t b) noexcept {
-    constexpr std::uint32_t kPolynomial = 0xedb88320;
-    std::uint32_t product = 0;
-    for (; a != 0; a <<= 1) {
-        product ^= (a >> 31) * b;
-        b = (b >> 1) ^ (b & 1) * kPolynomial;
-    }
-    return product;
-}
+// Consecutive bytes of the input, and the segments that end in them.
+struct Batch {
+    std::vector<unsigned char> room;
+    std::uint64_t offset = 0;
+    std::uint64_t size = 0;
+    bool endsSegment = false; // by a gap behind it, or by the input's end
+    std::uint32_t crc = 0;
+    std::vector<CutSegment> segments; // without their containers
+};
 
-// The CRC-32 of what `crc` is of and so many zero bytes behind it, without a pass over them.
-constexpr std::uint32_t AppendZeros(std::uint32_t crc, std::uint64_t count) noexcept {
-    constexpr std::uint32_t kOneByte = 1U << (31 - 8); // x^8
-    std::uint32_t remainder = ~crc;
-    for (std::uint32_t factor = kOneByte; count != 0; count >>= 1, factor = Multiply(factor, factor)) {
-        remainder = (count & 1) != 0 ? Multiply(remainder, factor) : remainder;
+// Fingerprints and sums of segments whose bytes come in order.
+class Digester {
+public:
+    explicit Digester(CutOptions const& options) : options_(options) {}
+
+    void Append(Batch& batch) {
+        std::span<unsigned char const> bytes = std::span(batch.room).first(batch.size);
+        batch.crc = libdeflate_crc32(0, bytes.data(), bytes.size());
+        for (std::uint64_t offset = batch.offset; !bytes.empty();) {
+            std::uint64_t const left = options_.segmentSize - offset % options_.segmentSize;
+            auto const piece = bytes.first(std::min(bytes.size(), left));
+            AppendPiece(offset, piece);
+            offset += piece.size();
+            bytes = bytes.subspan(piece.size());
+            if (piece.size() == left) {
+                EndSegment(batch.segments);
+            }
+        }
+        if (batch.endsSegment) {
+            EndSegment(batch.segments);
+        }
     }
-    return ~remainder;
-}
-static_assert(AppendZeros(0, 1) == 0xd202ef8d);
+
+private:
+    void AppendPiece(std::uint64_t offset, std::span<unsigned char const> piece) {
+        if (segment_.size == 0) {
+            segment_.offset = offset;
+            Check(CRFPInitialize(&context_, options_.fptype) == 0);
+        }
+        Check(CRFPAppend(&context_, piece.data(), piece.size()) == 0);
+        segment_.crc = libdeflate_crc32(segment_.crc, piece.data(), piece.size());
+        segment_.size += piece.size();
+    }
+
+    void EndSegment(std::vector<CutSegment>& segments) {
+        if (segment_.size != 0) {
+            Check(CRFPFinalize(&context_) == 0 && CRFPGetDigest_r(&context_, &segment_.fingerprint));
+            segments.push_back(std::exchange(segment_, {}));
+        }
+    }
+
+    void Check(bool done) const {
+        if (!done) {
+            throw Failure(
+                fmt::format("fingerprint type {}: {}", options_.fptype, CRStatusToStringA(*__cr_errno_location())));
+        }
+    }
+
+    CutOptions const& options_;
+    crfp_context_t context_;
+    CutSegment segment_; // the one that is open, if it has bytes
+};
 
 class Cutter {
 public:
-    Cutter(CutOptions const& options, std::function<void(CutSegment const&)> const& use)
-        : options_(options), use_(use) {
+    Cutter(CutOptions const& options, Progress& progress, std::function<void(CutSegment const&)> const& use)
+        : options_(options), progress_(progress), use_(use), digester_(options),
+          pipeline_(
+              Threads(), [this](Batch& batch) { Digest(batch); }, [this](Batch& batch) { Account(batch); }) {
         totals_.firstContainer = totals_.lastContainer = options.firstContainer;
-        Start();
+    }
+
+    // Where the next bytes of the input belong.
+    std::span<unsigned char> Room() {
+        Batch& batch = Open();
+        return std::span(batch.room).subspan(batch.size);
+    }
+
+    // So many bytes were read there.
+    void Append(std::uint64_t count) {
+        batch_->size += count;
+        position_ += count;
+        if (batch_->size == batch_->room.size()) {
+            Submit();
+        }
     }
 
     // So many zeros that belong to no segment.
     void Skip(std::uint64_t count) {
-        if (count == 0) {
-            return;
-        }
-        EndSegment();
-        totals_.crc = AppendZeros(totals_.crc, count);
-        totals_.gaps += count;
-        totals_.bytes += count;
-    }
-
-    void Append(std::span<unsigned char const> bytes) {
-        totals_.crc = libdeflate_crc32(totals_.crc, bytes.data(), bytes.size());
-        while (!bytes.empty()) {
-            std::uint64_t const room = options_.segmentSize - totals_.bytes % options_.segmentSize;
-            auto const piece = bytes.first(std::min(bytes.size(), room));
-            Check(CRFPAppend(&context_, piece.data(), piece.size()) == 0);
-            segment_.crc = libdeflate_crc32(segment_.crc, piece.data(), piece.size());
-            segment_.size += piece.size();
-            totals_.bytes += piece.size();
-            bytes = bytes.subspan(piece.size());
-            if (piece.size() == room) {
-                EndSegment();
-            }
+        if (count != 0) {
+            Open().endsSegment = true;
+            Submit();
+            position_ += count;
         }
     }
-
-    CutTotals const& Totals() const { return totals_; }
 
     CutTotals const& Finish() {
-        EndSegment();
+        Open().endsSegment = true;
+        Submit();
+        pipeline_.Finish();
         return totals_;
     }
 
 private:
-    void Start() {
-        segment_ = {};
-        Check(CRFPInitialize(&context_, options_.fptype) == 0);
+    // Segments that are larger than a batch are hashed one after the other: holding several would take memory without
+    // a bound.
+    bool IsWhole() const { return options_.segmentSize <= kBatch; }
+    unsigned int Threads() const { return IsWhole() ? std::max(1U, std::thread::hardware_concurrency()) : 1; }
+
+    Batch& Open() {
+        if (!batch_) {
+            batch_ = &pipeline_.Next();
+            batch_->offset = position_;
+            batch_->size = 0;
+            batch_->endsSegment = false;
+            batch_->segments.clear();
+            // Up to a multiple of the segments' size, where they fit.
+            std::uint64_t const whole = kBatch / options_.segmentSize * options_.segmentSize;
+            batch_->room.resize(IsWhole() ? whole - position_ % options_.segmentSize : kBatch);
+        }
+        return *batch_;
     }
 
-    void EndSegment() {
-        if (segment_.size == 0) {
-            return;
+    void Submit() {
+        pipeline_.Submit();
+        batch_ = nullptr;
+    }
+
+    void Digest(Batch& batch) {
+        if (IsWhole()) {
+            batch.endsSegment = true;
+            Digester(options_).Append(batch);
+        } else {
+            digester_.Append(batch);
         }
-        segment_.offset = totals_.bytes - segment_.size;
-        Check(CRFPFinalize(&context_) == 0 && CRFPGetDigest_r(&context_, &segment_.fingerprint));
-        segment_.container = Place(segment_.size);
-        use_(segment_);
-        ++totals_.segments;
-        Start();
+    }
+
+    // In the input's order again.
+    void Account(Batch& batch) {
+        std::uint64_t const gap = batch.offset - totals_.bytes;
+        totals_.crc = AppendCrc32(AppendZeros(totals_.crc, gap), batch.crc, batch.size);
+        totals_.gaps += gap;
+        totals_.bytes += gap + batch.size;
+        for (CutSegment& segment : batch.segments) {
+            segment.container = Place(segment.size);
+            use_(segment);
+        }
+        totals_.segments += batch.segments.size();
+        progress_.At(totals_.bytes);
     }
 
     // The container for a segment of this size: the current one as long as it has room.
@@ -117,19 +189,15 @@ private:
         return totals_.lastContainer;
     }
 
-    void Check(bool done) const {
-        if (!done) {
-            throw Failure(
-                fmt::format("fingerprint type {}: {}", options_.fptype, CRStatusToStringA(*__cr_errno_location())));
-        }
-    }
-
     CutOptions const& options_;
+    Progress& progress_;
     std::function<void(CutSegment const&)> const& use_;
-    crfp_context_t context_;
-    CutSegment segment_;
-    std::uint64_t used_ = 0; // of the last container
+    std::uint64_t position_ = 0; // in the input
+    std::uint64_t used_ = 0;     // of the last container
     CutTotals totals_;
+    Digester digester_;
+    Batch* batch_ = nullptr; // the one that is being filled
+    Pipeline<Batch> pipeline_;
 };
 
 } // namespace
@@ -164,17 +232,16 @@ CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::functio
                                   options.containerSize, options.segmentSize));
     }
     Progress progress(input.Name(), input.ExpectedSize());
-    Cutter cutter(options, use);
-    std::vector<unsigned char> block(kBlock);
+    Cutter cutter(options, progress, use);
     Extent extent = holes == Holes::AreGaps ? input.NextExtent() : Extent{};
     for (;;) {
         cutter.Skip(std::exchange(extent.hole, 0));
-        std::size_t const count = input.Read(std::span(block).first(std::min(block.size(), extent.data)));
+        std::span<unsigned char> const room = cutter.Room();
+        std::size_t const count = input.Read(room.first(std::min(room.size(), extent.data)));
         if (count == 0) {
             break;
         }
-        cutter.Append(std::span(block).first(count));
-        progress.At(cutter.Totals().bytes);
+        cutter.Append(count);
         extent.data -= count;
         if (extent.data == 0) {
             extent = input.NextExtent();

@@ -54,10 +54,10 @@ struct CutTotals {
 };
 
 // Reads all of `input` once, in little memory whatever the segments' size, with its progress on the terminal, and gives
-// each segment in turn to `use`. Segments end at the multiples of their size and where a gap begins, so that a hole
-// changes no segment but those that it touches. Containers are filled one behind the other. Throws Failure where the
-// input is empty or all of it a gap, where a segment is larger than a container, and where container ids run past 32
-// bits.
+// each segment in turn to `use`, on this thread. Segments of up to 256 KiB are hashed on all processors. Segments end
+// at the multiples of their size and where a gap begins, so that a hole changes no segment but those that it touches.
+// Containers are filled one behind the other. Throws Failure where the input is empty or all of it a gap, where a
+// segment is larger than a container, and where container ids run past 32 bits.
 CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::function<void(CutSegment const&)> const& use);
 
 } // namespace crrecord::tool

@@ -43,6 +43,17 @@ public:
         }
     }
 
+    // Of what a file of so many bytes will have; more may come.
+    void Reserve(std::uint64_t segments) {
+        RecordLayout const layout({.nfp = static_cast<std::uint32_t>(std::min(segments, kLargestRecord)),
+                                   .fptype = fptype_,
+                                   .dotype = Type()});
+        if (layout.total <= kLargestRecord) {
+            entries_.reserve(layout.dcids - layout.entries);
+            dcids_.reserve(layout.segments);
+        }
+    }
+
     // Told as soon as it can be known.
     void CheckOffset(std::uint64_t offset) const {
         if (dotype_ == CR_DO_TYPE_4_BYTE_OFFSET && offset > std::numeric_limits<std::uint32_t>::max()) {
@@ -107,6 +118,7 @@ ExitCode Build(BuildOptions const& options, Output& out) {
     Entries entries(options);
     std::uint64_t const expected = input.ExpectedSize();
     entries.CheckOffset(expected == 0 ? 0 : (expected - 1) / options.cut.segmentSize * options.cut.segmentSize);
+    entries.Reserve(expected / options.cut.segmentSize + 1);
     OutputFile to(options.out);
     Holes const holes = options.dotype == CR_DO_TYPE_8_BYTE_OFFSET ? Holes::AreGaps : Holes::AreZeros;
     CutTotals const totals = Cut(input, options.cut, holes, [&](CutSegment const& segment) { entries.Add(segment); });
@@ -150,10 +162,10 @@ void AddBuild(CLI::App& app, Action& chosen) {
         ->allow_extra_args(false);
     verb->add_flag("--json", options->json, "The closing line as a JSON object");
     verb->footer(
-        "Reads FILE once. The record is in network order and has the list of its containers. Its CRC is the CRC-32 of\n"
-        "all of FILE, its own container the last one filled. With DO type 3 the holes of a sparse FILE are gaps "
-        "between\n"
-        "the segments; otherwise, and in standard input, they are zeros like any others.\n\n"
+        "Reads FILE once, and hashes on all processors. The record is in network order and has the list of its\n"
+        "containers. Its CRC is the CRC-32 of all of FILE, its own container the last one filled. With DO type 3 the\n"
+        "holes of a sparse FILE are gaps between the segments; otherwise, and in standard input, they are zeros like\n"
+        "any others.\n\n"
         "Example:\n  crrecord build movie.mkv -o movie.do --task 17");
     verb->callback([options, &chosen] { chosen = [options](Output& out) { return Build(*options, out); }; });
 }

@@ -1,0 +1,64 @@
+// Pieces of work on several threads.
+
+#include "io/pipeline.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+namespace {
+
+struct Piece {
+    unsigned long number = 0;
+    unsigned long result = 0;
+};
+
+TEST(Pipeline, UsesEachPieceOnceAndInOrderWhateverTheThreads) {
+    for (unsigned int const threads : {1u, 2u, 7u}) {
+        for (unsigned long const pieces : {0ul, 1ul, 1000ul}) {
+            std::vector<unsigned long> used;
+            crrecord::tool::Pipeline<Piece> pipeline(
+                threads, [](Piece& piece) { piece.result = piece.number * piece.number; },
+                [&](Piece& piece) { used.push_back(piece.result); });
+            for (unsigned long i = 0; i < pieces; ++i) {
+                pipeline.Next().number = i;
+                pipeline.Submit();
+            }
+            pipeline.Finish();
+            ASSERT_EQ(used.size(), pieces);
+            for (unsigned long i = 0; i < pieces; ++i) {
+                ASSERT_EQ(used[i], i * i);
+            }
+        }
+    }
+}
+
+// What one piece's work throws comes when it is that piece's turn, and the others may be anywhere then.
+TEST(Pipeline, HandsOnWhatIsThrownInItsTurn) {
+    for (unsigned int const threads : {1u, 3u}) {
+        unsigned long used = 0;
+        auto const run = [&] {
+            crrecord::tool::Pipeline<Piece> pipeline(
+                threads,
+                [](Piece& piece) {
+                    if (piece.number % 20 == 19) {
+                        throw std::runtime_error(std::to_string(piece.number));
+                    }
+                },
+                [&](Piece&) { ++used; });
+            for (unsigned long i = 0; i < 1000; ++i) {
+                pipeline.Next().number = i;
+                pipeline.Submit();
+            }
+        };
+        EXPECT_THROW(
+            try { run(); } catch (std::runtime_error const& thrown) {
+                EXPECT_STREQ(thrown.what(), "19");
+                throw;
+            },
+            std::runtime_error);
+        EXPECT_EQ(used, 19u);
+    }
+}
+
+} // namespace
