@@ -177,6 +177,38 @@ TEST(DORecordExchange, EachFaultHasItsFinding) {
     EXPECT_EQ(DORecordSerializedValidate(all.data(), all.size(), 4, 0, 0), CR_STATUS_OK);
 }
 
+// Segments are read in blocks of 256; the rules go on from each to the next.
+TEST(DORecordExchange, RulesHoldAcrossBlocks) {
+    RecordValues values{.dotype = 3};
+    for (unsigned int i = 0; i < 600; ++i) {
+        values.segments.push_back({Bytes(16, 7), 10, 10ul * i, 64});
+    }
+    values.size = 6000;
+    auto const refusal = [&](std::size_t i, unsigned long offset) {
+        RecordValues changed = values;
+        changed.segments[i].offset = offset;
+        std::vector<Finding> findings;
+        Bytes const form = SpellForm(changed, true), entries = SpellEntries(changed, false);
+        DORecordSerializedDiagnose(form.data(), form.size(), 3, 0, 1, Collect, &findings);
+        std::string const built = Refusal([&] {
+            std::vector<unsigned long> const dcids(600, 64);
+            DORecord(64, 6000, 0, 1, 1, 1, entries.data(), 600, dcids.data(), nullptr, 0, 3);
+        });
+        EXPECT_EQ(Construction(3, 0, form), built);
+        return findings.empty() ? built : findings[0].field + built.substr(0, 2);
+    };
+    EXPECT_EQ(refusal(256, 2560), "");
+    for (std::size_t const i : {1, 255, 256, 257, 511, 512, 599}) {
+        EXPECT_EQ(refusal(i, 10 * i - 1), "segments[" + std::to_string(i) + "].offset89");
+        EXPECT_EQ(refusal(i, 1ul << 63), "segments[" + std::to_string(i) + "].offset89");
+    }
+    EXPECT_EQ(refusal(599, 5991), "size89");
+    values.dotype = 2;
+    values.segments[300].size = 11;
+    Bytes const form = SpellForm(values, true);
+    EXPECT_EQ(DORecordSerializedValidate(form.data(), form.size(), 2, 0, 1), CR_STATUS_CORRUPT_RECORD);
+}
+
 TEST(DORecordExchange, OddArguments) {
     Bytes const form = SpellForm(Example(3, 0), false);
     EXPECT_EQ(Construction(6, 0, {}), "65: ");

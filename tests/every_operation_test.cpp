@@ -151,7 +151,8 @@ Operation const kNeedChunks[] = {
 
 Operation const kNeedNone[] = {
     DO(CheckTRef((*s.record->GetTRefTypeBegin(cr_reftype_t(6)))->Get())), DO(DelDSID(3)), DO(DelTRef(s.handle->Get())),
-    DO(HasTaskID(17)), DO(HasDSID(3)), DO(CheckTRef(s.handle)), DO(ClearTRefType(cr_reftype_t(6))), DO(DelTRef(s.handle)), DO(GetBSize()),
+    DO(HasTaskID(17)), DO(HasDSID(3)), DO(CheckTRef(s.handle)), DO(ClearTRefType(cr_reftype_t(6))),
+    DO(DelTRef(s.handle)), DO(GetBSize()),
     DO(GetBloom()), DO(GetBloomStart()), DO(GetCTime()), DO(GetCheckTime()), DO(GetCrc()), DO(GetDCID()),
     DO(GetDOSize()), DO(GetDOType()), DO(GetFPType()), DO(GetFlags()), DO(GetHeader()), DO(GetHeaderSize()),
     DO(GetMTime()), DO(GetNTRefs()), DO(GetNTRefs(cr_reftype_t(2))), DO(GetNds()), DO(GetNfp()), DO(GetNtaskid()),

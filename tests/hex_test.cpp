@@ -1,6 +1,7 @@
 // Both forms of the hexadecimal conversion against a slow oracle.
 
 #include "support/hex.h"
+#include "support/segment_codec.h"
 
 #include <gtest/gtest.h>
 
@@ -48,6 +49,12 @@ TEST(Hex, RefusesEveryOtherCharacterInEveryPlace) {
                 ASSERT_EQ(form.decode(text.data() + at / 32 * 32, bytes), digit) << value << " at " << at;
             }
             ASSERT_EQ(crrecord::HexDecode(text.data(), 32, bytes), digit) << value << " at " << at;
+            // The codecs of whole segments, of which this is one of DO type 0.
+            auto const* const segment = reinterpret_cast<unsigned char const*>(text.c_str());
+            for (auto const codec : {crrecord::BaseSegmentCodec(3, 0), &crrecord::SegmentCodecFor(3, 0)}) {
+                ASSERT_EQ(codec->check(segment, 1), digit) << value << " at " << at;
+                ASSERT_EQ(codec->decode(bytes, segment, 1), digit) << value << " at " << at;
+            }
         }
     }
 }

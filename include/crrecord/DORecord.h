@@ -350,6 +350,8 @@ private:
     CRRECORD_LOCAL void shrinkReferences(unsigned long by);
     CRRECORD_LOCAL void writeReferences(crrecord::RecordLayout const& layout) const noexcept;
     CRRECORD_LOCAL void loadReferences(char const* bytes, unsigned long length, unsigned long& loaded);
+    CRRECORD_LOCAL cr_status_t checkReference(tref_ptr_t const& reference) const;
+    CRRECORD_LOCAL unsigned long deleteReference(tref_ptr_t const& reference);
     CRRECORD_LOCAL unsigned long removeTaskIDs(cr_task_callback_t callback, void* context);
     CRRECORD_LOCAL cr_status_t makeRoomForList(unsigned long entries) noexcept;
     CRRECORD_LOCAL void writeUniqueList(crrecord::UniqueEntry const* entries, unsigned int count,

@@ -78,7 +78,7 @@ int DORecord::AddDSID(unsigned int dsid) {
 }
 
 unsigned long DORecord::DelDSID(unsigned int dsid) {
-    return DelTRef(LookupKey({dsid, CR_REFTYPE_DSID}).Get());
+    return deleteReference(LookupKey({dsid, CR_REFTYPE_DSID}).Get());
 }
 
 bool DORecord::HasDSID(unsigned int dsid) const {

@@ -109,7 +109,7 @@ int DORecord::AddTRef(tref_ptr_t reference) {
     return AddTRef(*NotNull(reference));
 }
 
-cr_status_t DORecord::CheckTRef(tref_ptr_t reference) const {
+cr_status_t DORecord::checkReference(tref_ptr_t const& reference) const {
     _cr_tref_t const* const value = NotNull(reference);
     int const kind = value->kind;
     if (kind > CR_REFTYPE_END || kind == 7) {
@@ -127,14 +127,18 @@ cr_status_t DORecord::CheckTRef(tref_ptr_t reference) const {
     return CR_STATUS_NOT_FOUND;
 }
 
+cr_status_t DORecord::CheckTRef(tref_ptr_t reference) const {
+    return checkReference(reference);
+}
+
 cr_status_t DORecord::CheckTRef(_cr_tref_t const* reference) const {
     if (!reference) {
         Refuse(kNullReference);
     }
-    return CheckTRef(LookupKey(*reference).Get());
+    return checkReference(LookupKey(*reference).Get());
 }
 
-unsigned long DORecord::DelTRef(tref_ptr_t reference) {
+unsigned long DORecord::deleteReference(tref_ptr_t const& reference) {
     _cr_tref_t const* const value = NotNull(reference);
     int const kind = value->kind;
     if (!CanDelete(kind)) {
@@ -148,9 +152,13 @@ unsigned long DORecord::DelTRef(tref_ptr_t reference) {
     return removed;
 }
 
+unsigned long DORecord::DelTRef(tref_ptr_t reference) {
+    return deleteReference(reference);
+}
+
 // Unlike CheckTRef it lets a null pointer pass: nothing is there to remove.
 unsigned long DORecord::DelTRef(_cr_tref_t const* reference) {
-    return reference ? DelTRef(LookupKey(*reference).Get()) : 0;
+    return reference ? deleteReference(LookupKey(*reference).Get()) : 0;
 }
 
 void DORecord::ClearTRefType(cr_reftype_t kind) {

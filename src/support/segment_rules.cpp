@@ -15,15 +15,17 @@ template <Order order>
 class Entries {
 public:
     explicit Entries(SegmentList const& list) noexcept
-        : size_(list.entries + list.sizeAt), offsetBehindSize_(list.offsetAt - list.sizeAt), stride_(list.stride) {}
+        : bytes_(list.entries), sizeAt_(list.sizeAt), offsetAt_(list.offsetAt), stride_(list.stride) {}
 
-    void Skip(std::uint64_t count) noexcept { size_ += count * stride_; }
-    std::uint32_t Size() const noexcept { return Load<std::uint32_t>(size_, order); }
-    std::uint64_t Offset() const noexcept { return Load<std::uint64_t>(size_ + offsetBehindSize_, order); }
+    void Skip(std::uint64_t count) noexcept { at_ += count * stride_; }
+    std::uint32_t Size() const noexcept { return Load<std::uint32_t>(bytes_ + at_ + sizeAt_, order); }
+    std::uint64_t Offset() const noexcept { return Load<std::uint64_t>(bytes_ + at_ + offsetAt_, order); }
 
 private:
-    unsigned char const* size_;
-    unsigned int offsetBehindSize_;
+    unsigned char const* bytes_;
+    std::uint64_t at_ = 0; // of the current entry
+    unsigned int sizeAt_;
+    unsigned int offsetAt_;
     unsigned int stride_;
 };
 
