@@ -3,6 +3,7 @@
 #include "DORecord/record.h"
 #include "support/exchange_form.h"
 #include "support/memory.h"
+#include "support/prefetch.h"
 #include "support/unique_list.h"
 
 #include <cstdlib>
@@ -98,8 +99,10 @@ SegmentFault CopySegments(DORecordHeader* header, void const* segments, RecordLa
     }
     SegmentRules rules(SegmentListOf(header, layout, Order::Host, false));
     ForEachBlock(layout.segments, [&](std::uint64_t first, std::uint64_t count) {
-        std::uint64_t const offset = first * layout.stride;
-        std::memcpy(entries + offset, static_cast<unsigned char const*>(segments) + offset, count * layout.stride);
+        std::uint64_t const bytes = count * layout.stride;
+        unsigned char const* const from = static_cast<unsigned char const*>(segments) + first * layout.stride;
+        std::memcpy(entries + first * layout.stride, from, bytes);
+        AskFor(from, bytes, bytes);
         rules.Judge(first, count);
         return true;
     });

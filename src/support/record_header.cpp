@@ -1,5 +1,6 @@
 // The DORecordHeader functions: the layout for callers who have a bare buffer, and the order of the bytes in it.
 
+#include "support/prefetch.h"
 #include "support/record_layout.h"
 
 #include <array>
@@ -97,6 +98,7 @@ void CopyTurned(DORecordHeader* to, DORecordHeader const* from, std::uint64_t si
     copy(0, layout.entries);
     ForEachBlock(layout.segments, [&](std::uint64_t first, std::uint64_t count) {
         copy(layout.Entry(first), layout.Entry(first + count));
+        AskFor(BytesOf(from) + layout.Entry(first), count * layout.stride, count * layout.stride);
         TurnSegments(BytesOf(to) + layout.Entry(first), count, layout, counts.dotype);
         return true;
     });

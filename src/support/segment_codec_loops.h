@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include "support/prefetch.h"
 #include "support/segment_codec.h"
 
 namespace crrecord {
@@ -15,17 +16,8 @@ inline void TurnDcids(unsigned char* to, unsigned char const* from, std::uint64_
     }
 }
 
-// Asks for the cache lines of what lies a dozen segments ahead, beyond where the processor looks by itself. They may
-// lie behind the end: asking for a line never fails.
-template <unsigned int Bytes>
-void AskFor(unsigned char const* current) noexcept {
-    constexpr std::uintptr_t kAhead = 1024, kLine = 64;
-    std::uintptr_t const ahead = reinterpret_cast<std::uintptr_t>(current) + kAhead;
-    __builtin_prefetch(reinterpret_cast<void const*>(ahead));
-    if constexpr (Bytes > kLine) {
-        __builtin_prefetch(reinterpret_cast<void const*>(ahead + kLine));
-    }
-}
+// How far the loops look ahead: a dozen segments.
+inline constexpr std::uint64_t kAhead = 1024;
 
 template <class Hex, unsigned int Fingerprint, unsigned int SizeWidth, unsigned int OffsetWidth>
 struct SegmentLoops {
@@ -57,7 +49,7 @@ struct SegmentLoops {
         for (; count != 0; --count, form += kForm, entry += kEntry) {
             Hex::template Decode<Fingerprint>(reinterpret_cast<char const*>(form), entry, verdict);
             nul |= form[kText];
-            AskFor<kForm>(form);
+            AskFor(form, kAhead, kForm);
             TurnNumbers(entry + Fingerprint, form + kText + 1);
         }
         return verdict.Good() && nul == 0;
@@ -69,7 +61,7 @@ struct SegmentLoops {
         for (; count != 0; --count, form += kForm) {
             Hex::template Check<Fingerprint>(reinterpret_cast<char const*>(form), verdict);
             nul |= form[kText];
-            AskFor<kForm>(form);
+            AskFor(form, kAhead, kForm);
         }
         return verdict.Good() && nul == 0;
     }

@@ -1,0 +1,18 @@
+// Memory asked for ahead of its use, where the processor does not look ahead by itself: it stops at each page's end.
+
+#pragma once
+
+#include <cstdint>
+
+namespace crrecord {
+
+// Asks for the cache lines of `bytes` bytes, `ahead` bytes behind `from`. They may lie behind the end of what is there:
+// asking never fails.
+[[gnu::always_inline]] inline void AskFor(void const* from, std::uint64_t ahead, std::uint64_t bytes) noexcept {
+    constexpr std::uint64_t kLine = 64;
+    for (std::uint64_t i = 0; i < bytes; i += kLine) {
+        __builtin_prefetch(reinterpret_cast<void const*>(reinterpret_cast<std::uintptr_t>(from) + ahead + i));
+    }
+}
+
+} // namespace crrecord
