@@ -56,7 +56,7 @@ public:
 private:
     static constexpr std::size_t kRunsBeforeTable = 256;
     static constexpr std::size_t kLargestTable = 65536;
-    static constexpr std::size_t kRow = 8; // places that a container may have
+    static constexpr std::size_t kRow = 8; // places that a container may have: a power of two
 
     void EndRun() {
         if (run_.dcid == 0) {
@@ -75,11 +75,12 @@ private:
         }
         // The high bits of the product depend on all bits of the container.
         std::uint64_t const hash = (run_.dcid * 0x9e3779b97f4a7c15) >> 32;
-        UniqueEntry* const row = table_.data() + (hash & (table_.size() - 1) & ~(kRow - 1));
+        std::size_t const first = hash & (table_.size() - 1);
         for (std::size_t i = 0; i < kRow; ++i) {
-            if (row[i].dcid == run_.dcid || row[i].dcid == 0) {
-                row[i].dcid = run_.dcid;
-                row[i].bytes += run_.bytes;
+            UniqueEntry& place = table_[first ^ i]; // its own, and then the others of its row
+            if (place.dcid == run_.dcid || place.dcid == 0) {
+                place.dcid = run_.dcid;
+                place.bytes += run_.bytes;
                 return;
             }
         }
