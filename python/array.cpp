@@ -151,6 +151,14 @@ void BindArray(py::module_& module) {
                       "A sequence of numbers or fingerprints over a record's own bytes.\n\n"
                       "It exports the buffer protocol, so numpy.asarray(array) copies nothing.")
         .def("__len__", &Array::Count)
+        .def("__iter__",
+             [](py::object const& self) {
+                 PyObject* const iterator = PySeqIter_New(self.ptr());
+                 if (!iterator) {
+                     throw py::error_already_set();
+                 }
+                 return py::reinterpret_steal<py::iterator>(iterator);
+             })
         .def("__getitem__", &Array::Item)
         .def("__getitem__", &Array::Part)
         .def("tolist", &Array::ToList, "All elements, as a list.")
