@@ -3,7 +3,7 @@
 
     make.py                 writes them
     make.py dump COMMAND    and what annotate says of them
-    make.py check COMMAND   validate says that fault first, and the dump gives the bytes back
+    make.py check COMMAND   validate says that fault first, annotate gives the dump, and the dump the bytes
 """
 import json
 import pathlib
@@ -112,6 +112,8 @@ for name in BROKEN:
         found = json.loads(run("validate", "--json", *options, name).splitlines()[0])["findings"]
         if data != made(name) or [finding["name"] for finding in found][:1] != [name]:
             failures.append(f"{name}: found {found}")
+        if run("annotate", *options, name) != (FOLDER / f"{name}.txt").read_bytes():
+            failures.append(f"{name}: annotate says something else than {name}.txt")
         if run("annotate", "--reverse", f"{name}.txt", "-o", "-") != data:
             failures.append(f"{name}.txt is another record's dump")
     else:
