@@ -1,5 +1,8 @@
 #!/usr/bin/python3
-"""json_test.py schema | bad COMMAND GOLDEN: the JSON form against its schema; what is said of JSON that is no record."""
+"""The JSON form against its schema, and what is said of JSON that is no record.
+
+    json_test.py schema | bad COMMAND GOLDEN
+"""
 import json
 import pathlib
 import subprocess
@@ -69,7 +72,8 @@ def schema():
             failures.extend(f"{arguments}: {error.message}" for error in errors)
         kind = (shown[0]["kind"], shown[0].get("dotype"))
         for validator, line in ((record, shown[0]), (findings, told[0])) if kind not in seen else ():
-            failures.extend(f"{arguments}: valid {fault}" for fault, worse in spoiled(line) if validator.is_valid(worse))
+            failures.extend(f"{arguments}: valid {fault}" for fault, worse in spoiled(line)
+                            if validator.is_valid(worse))
         seen.add(kind)
     if len(seen) != 9:
         failures.append(f"not every kind and DO type was seen: {seen}")
@@ -90,7 +94,8 @@ BAD = [  # a good line, what is replaced and by what, where the complaint points
     (DO3, '"flags"', '"flag"', '"flag"', "flag", "an unknown member"),
     (DO3, '"flags":2', '"flags":1', "{", "flags", "Invalid DO record: flags 0x1"),
     (DO3, '"offset":"80"', '"offset":"79"', "{", "segments[1].offset", "Invalid DO record"),
-    (DO3, "d1cf7f", "D1cf7f", '"D1cf', "segments[2].fingerprint", "expected a string of 64 lower-case hexadecimal digits"),
+    (DO3, "d1cf7f", "D1cf7f", '"D1cf', "segments[2].fingerprint",
+     "expected a string of 64 lower-case hexadecimal digits"),
     (DO3, ',"dcid":"70"', "", '{"index":1', "segments[1].dcid", "is missing"),
     (DO3, '"task:17"', '"task:17","job:1"', '"job', "references[1]", 'found "job:1", expected a reference'),
     (DO3, '"legacy_references":[]', '"legacy_references":["dsid:5","task:1"]', '"task:1"]', "legacy_references[1]", ""),
@@ -119,7 +124,8 @@ def bad():
         path = f": {member}: " if member else ": "
         if done.returncode != 1 or not said.startswith(start) or path not in said or words not in said or \
                 said.count("\n") != 1:
-            failures.append(f"{name} {new[:40]!r}: status {done.returncode}, said {said!r}, expected {start!r} {words!r}")
+            failures.append(f"{name} {new[:40]!r}: status {done.returncode}, said {said!r}, "
+                            f"expected {start!r} {words!r}")
     garbage = b"{" + b'"a":[' * 1000000 + b"1" * 20000000
     if run("convert", "-", "--to", "host", "-o", "-", given=garbage).returncode != 1:
         failures.append("garbage is taken")
