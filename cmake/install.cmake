@@ -8,7 +8,7 @@ set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 install(TARGETS crrecord EXPORT crrecord-targets)
 install(DIRECTORY include/crrecord DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
-install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} PATTERN Doxyfile EXCLUDE)
 install(FILES formats/crrecord.hexpat formats/crrecord.ksy formats/crrecord.schema.json
     DESTINATION ${CMAKE_INSTALL_DATADIR}/crrecord)
