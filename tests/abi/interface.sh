@@ -1,7 +1,7 @@
 #!/bin/sh
 # Compares the types and functions that users of the shared library compile against with those of the last release,
 # crrecord-MAJOR.MINOR.abi, which GCC 12 has made of the optimised build with debug information. Says what differs, and
-# fails unless that is new functions and enumerators only.
+# fails unless that is only new functions and what abidiff calls harmless, such as new enumerators.
 #
 #   interface.sh LIBRARY
 #   interface.sh LIBRARY --print >crrecord-MAJOR.MINOR.abi
