@@ -61,10 +61,13 @@ public:
         }
     }
 
-    std::unique_ptr<DORecord> Build(CutTotals const& totals, std::uint64_t segmentSize) const {
+    // The entries go on the way: the list of containers takes as much memory again.
+    std::unique_ptr<DORecord> Build(CutTotals const& totals, std::uint64_t segmentSize) && {
         auto record = std::make_unique<DORecord>(totals.lastContainer, totals.bytes, segmentSize, totals.crc, 0, 0,
                                                  entries_.data(), static_cast<unsigned int>(dcids_.size()),
                                                  dcids_.data(), nullptr, fptype_, Type());
+        entries_ = std::vector<unsigned char>();
+        dcids_ = std::vector<unsigned long>();
         cr_status_t const status = record->AppendBloomAndUniqueDCIDList();
         if (status != CR_STATUS_OK) {
             throw Failure(std::string("the list of containers: ") + CRStatusToStringA(status));
@@ -122,7 +125,7 @@ ExitCode Build(BuildOptions const& options, Output& out) {
     OutputFile to(options.out);
     Holes const holes = options.dotype == CR_DO_TYPE_8_BYTE_OFFSET ? Holes::AreGaps : Holes::AreZeros;
     CutTotals const totals = Cut(input, options.cut, holes, [&](CutSegment const& segment) { entries.Add(segment); });
-    std::unique_ptr<DORecord> const record = entries.Build(totals, options.cut.segmentSize);
+    std::unique_ptr<DORecord> const record = std::move(entries).Build(totals, options.cut.segmentSize);
     for (unsigned long const task : options.tasks) {
         record->AddTaskID(task);
     }
