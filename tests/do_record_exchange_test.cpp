@@ -198,7 +198,7 @@ TEST(DORecordExchange, RulesHoldAcrossBlocks) {
         return findings.empty() ? built : findings[0].field + built.substr(0, 2);
     };
     EXPECT_EQ(refusal(256, 2560), "");
-    for (std::size_t const i : {1, 255, 256, 257, 511, 512, 599}) {
+    for (unsigned long const i : {1ul, 255ul, 256ul, 257ul, 511ul, 512ul, 599ul}) {
         EXPECT_EQ(refusal(i, 10 * i - 1), "segments[" + std::to_string(i) + "].offset89");
         EXPECT_EQ(refusal(i, 1ul << 63), "segments[" + std::to_string(i) + "].offset89");
     }
