@@ -16,6 +16,10 @@ namespace crrecord::tool {
 
 namespace {
 
+// Signals that end a process and are no fault of its own. Where one is ignored it stays so.
+constexpr int kEnders[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGTERM, SIGPIPE,  SIGALRM,
+                           SIGUSR1, SIGUSR2, SIGXCPU, SIGPROF, SIGVTALRM};
+
 // The temporary file as the signal handler knows it; empty where there is none.
 char unfinished[PATH_MAX];
 
@@ -25,9 +29,28 @@ extern "C" void RemoveUnfinished(int signal) {
     ::raise(signal);
 }
 
+// Keeps them back while it lives: none comes between a file and the name that the handler knows.
+class EndersHeldBack {
+public:
+    EndersHeldBack() {
+        sigset_t enders;
+        ::sigemptyset(&enders);
+        for (int const signal : kEnders) {
+            ::sigaddset(&enders, signal);
+        }
+        ::pthread_sigmask(SIG_BLOCK, &enders, &former_);
+    }
+    ~EndersHeldBack() { ::pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
+    EndersHeldBack(EndersHeldBack const&) = delete;
+    EndersHeldBack& operator=(EndersHeldBack const&) = delete;
+
+private:
+    sigset_t former_;
+};
+
 void RemoveWhenInterrupted(std::string const& path) {
     unfinished[path.copy(unfinished, sizeof unfinished - 1)] = '\0';
-    for (int const signal : {SIGHUP, SIGINT, SIGTERM}) {
+    for (int const signal : kEnders) {
         struct sigaction action {};
         if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_DFL) {
             action.sa_handler = RemoveUnfinished;
@@ -85,21 +108,22 @@ int OutputFile::Open() {
         if (exists) {
             target_ = std::filesystem::canonical(path_).string();
         }
+        EndersHeldBack const heldBack;
         unsigned int attempt = 0;
         do {
             temporary_ = TemporaryBeside(target_, attempt++);
             file = ::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
         } while (file == -1 && errno == EEXIST);
+        if (file != -1) {
+            RemoveWhenInterrupted(temporary_);
+        }
     }
     if (file == -1) {
         throw Failure(ErrnoText(path_, "create"));
     }
-    if (!temporary_.empty()) {
-        RemoveWhenInterrupted(temporary_);
-        if (exists) {
-            // Where that is not allowed the new file has the mode of a new file.
-            [[maybe_unused]] int const done = ::fchmod(file, former.st_mode & 07777);
-        }
+    if (!temporary_.empty() && exists) {
+        // Where that is not allowed the new file has the mode of a new file.
+        [[maybe_unused]] int const done = ::fchmod(file, former.st_mode & 07777);
     }
     return file;
 }
