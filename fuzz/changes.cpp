@@ -5,6 +5,7 @@
 #include "tool_records.h"
 
 #include <crrecord/SORecord.h>
+#include <crrecord/probe.h>
 
 #include <fmt/format.h>
 
@@ -16,6 +17,16 @@ namespace {
 
 using namespace fuzz;
 using crrecord::Order;
+using Span = std::span<unsigned char>;
+
+// Between the values that a byte of a record is set to. Sanitizers take their time.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr unsigned int kStep = 5;
+#else
+constexpr unsigned int kStep = 1;
+#endif
+
+constexpr char kOneAnswer[] = "what validates is made into a record, and nothing else";
 
 enum Change { kPrefix, kByte, kBit };
 constexpr int kCanonical = 0, kNoJson = -1, kJson = -2;
@@ -32,41 +43,89 @@ bool Makes(Make const& make) {
     }
 }
 
+// Sizes and kind as the first bytes tell them, and what was found first.
+void AgreeWithProbe(Record const& record, bool valid, int code) {
+    cr_record_probe_t const probe = CRRecordProbe(record.bytes, record.size);
+    bool const known = probe.kind == (record.kind == Kind::Segment ? CR_RECORD_SEGMENT : CR_RECORD_DO) &&
+                       (probe.network_order != 0) == (record.order == Order::Network);
+    bool const refused = (code >= CR_FINDING_SO_LENGTH && code <= CR_FINDING_SO_RECSIZE) ||
+                         (code >= CR_FINDING_DO_LENGTH && code <= CR_FINDING_DO_RECSIZE);
+    Must((known && probe.recorded_size == record.size) != refused, "the probe tells kind and size as validation does");
+    Must(!valid || probe.counted_size == record.size, "the counts of a good record add up for the probe");
+}
+
+void AgreeOnObject(Record const& record, bool valid) {
+    unsigned int const options = record.order == Order::Network ? CR_DO_NETWORK_ORDER : 0;
+    auto const size = static_cast<unsigned int>(record.size);
+    Must((DORecordHeaderValidate(record.bytes, size, options) == CR_STATUS_OK) == valid, kOneAnswer);
+    Must(Makes([&] { DORecord::FromBuffer(record.bytes, size); }) == valid, kOneAnswer);
+    bool legacy = false;
+    Must(Makes([&] {
+             DORecordView const view(record.bytes, size);
+             legacy = view.GetLegacyTaskIDs() != 0 || view.GetLegacyDSIDs() != 0;
+         }) == valid,
+         kOneAnswer);
+    Block memory(record.bytes, record.bytes + size);
+    bool const wrapped = Makes([&] { DORecord::Wrap(memory.data(), size, size, true); });
+    Must(wrapped == (valid && !legacy), "in place all are taken but those with legacy arrays");
+    Must(wrapped || std::equal(memory.begin(), memory.end(), record.bytes), "what is refused in place is as it was");
+}
+
+void AgreeOnSegment(Record const& record, bool valid) {
+    unsigned int const options = record.order == Order::Network ? CR_SO_NETWORK_ORDER : 0;
+    auto const* const header = reinterpret_cast<_SegmentDBRecord const*>(record.bytes);
+    auto const size = static_cast<unsigned int>(record.size);
+    Must((SegmentRecordValidate(header, size, options) == CR_STATUS_OK) == valid, kOneAnswer);
+    bool const ofTheClass = size == CR_SO_RECORD_SIZE; // which has no larger ones
+    Must(Makes([&] { SORecord::FromBuffer(record.bytes, size); }) == (valid && ofTheClass), kOneAnswer);
+}
+
+void AgreeOnForm(Record const& record, bool valid, int code) {
+    FormFacts const& form = record.form;
+    Must(Makes([&] { DORecord(form.dotype, form.fptype, nullptr, 0, record.bytes, record.size, false); }) == valid,
+         kOneAnswer);
+    DORecordHeader* header = nullptr;
+    unsigned long room = 0;
+    bool const parsed =
+        DORecordHeaderDeserialize(&header, &room, record.bytes, record.size, form.dotype, form.fptype) == CR_STATUS_OK;
+    std::free(header);
+    bool const ofSegments = code >= CR_FINDING_SEGMENT_PRODUCT && code <= CR_FINDING_SEGMENT_END;
+    Must(parsed == (valid || ofSegments), "all are parsed but those that are no form");
+}
+
 // The first finding's code.
-int CodeOf(Block& bytes, Record record) {
+int CodeOf(Span bytes, Record record) {
     static std::vector<Finding> findings;
     record.bytes = bytes.data();
     record.size = bytes.size();
     bool const valid = Diagnose(record, Depth::Everything, findings);
-    FormFacts const& form = record.form;
-    bool const made = Makes([&] {
-        if (record.kind == Kind::Form) {
-            DORecord(form.dotype, form.fptype, nullptr, 0, bytes.data(), bytes.size(), false);
-        } else if (record.kind == Kind::DataObject) {
-            DORecordView(bytes.data(), bytes.size());
-        } else if (!valid || bytes.size() == CR_SO_RECORD_SIZE) { // the class has no larger ones
-            SORecord::FromBuffer(bytes.data(), bytes.size());
-        }
-    });
-    Must(made == valid, "what validates is made into a record, and nothing else");
-    return findings.empty() ? kCanonical : findings.front().code;
+    int const code = findings.empty() ? kCanonical : findings.front().code;
+    if (record.kind == Kind::Form) {
+        AgreeOnForm(record, valid, code);
+        return code;
+    }
+    AgreeWithProbe(record, valid, code);
+    (record.kind == Kind::Segment ? AgreeOnSegment : AgreeOnObject)(record, valid);
+    return code;
 }
 
-int CodeOfLine(Block const& bytes) {
+int CodeOfLine(Span bytes) {
     static json::Reader reader;
     try {
-        reader.Read(TextOf(bytes, bytes.size()));
+        reader.Read({reinterpret_cast<char const*>(bytes.data()), bytes.size()});
         return kJson;
     } catch (json::Error const&) {
         return kNoJson;
     }
 }
 
+// Sets each byte to every `step`th value.
 template <class Code>
-void ChangeAll(Block const& good, std::size_t header, Code code) {
-    for (std::size_t size = 1; size < good.size(); ++size) {
-        Block prefix(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(size));
-        int const seen = code(prefix);
+void ChangeAll(Block const& good, unsigned int step, Code code) {
+    for (std::size_t size = 0; size < good.size(); ++size) {
+        Block prefix(size + 1); // a byte in front, so that there is an address without bytes, too
+        std::copy_n(good.begin(), size, prefix.begin() + 1);
+        int const seen = code(Span(prefix).subspan(1));
         Must(seen != kCanonical && seen != kJson, "a prefix is refused");
         ++counts[seen][kPrefix];
     }
@@ -81,7 +140,7 @@ void ChangeAll(Block const& good, std::size_t header, Code code) {
         for (unsigned int bit = 0; bit < 8; ++bit) {
             put(good[at] ^ 1u << bit, kBit);
         }
-        for (unsigned int value = 0; value < 256; value += at < header || value == 255 ? 1 : 51) {
+        for (unsigned int value = 0; value < 256; value += step) {
             put(value, kByte);
         }
         changed[at] = good[at];
@@ -97,17 +156,16 @@ void ChangeFile(std::filesystem::path const& path) {
     record.kind = object ? Kind::DataObject : Kind::Segment;
     record.order = ending == ".network" ? Order::Network : Order::Host;
     if (ending == ".json") {
-        ChangeAll({good.begin(), good.end() - 1}, 0, CodeOfLine); // without its end
+        ChangeAll({good.begin(), good.end() - 1}, 51, CodeOfLine); // without its end
     } else if (ending == ".host" || ending == ".network") {
-        ChangeAll(good, object ? CR_DO_HEADER_SIZE : CR_SO_FIXED_SIZE,
-                  [&](Block& bytes) { return CodeOf(bytes, record); });
+        ChangeAll(good, kStep, [&](Span bytes) { return CodeOf(bytes, record); });
     } else if (ending == ".form" && object) {
         // Its types are those of the record beside it.
         std::ifstream host(std::filesystem::path(path).replace_extension(".host"), std::ios::binary);
         Block const header{std::istreambuf_iterator<char>(host), {}};
         record.kind = Kind::Form;
         record.form = {header[0x4d], header[0x4c], false};
-        ChangeAll(good, 28, [&](Block& bytes) { return CodeOf(bytes, record); });
+        ChangeAll(good, kStep, [&](Span bytes) { return CodeOf(bytes, record); });
     }
 }
 
@@ -127,7 +185,7 @@ int main(int count, char** arguments) {
         table += fmt::format("| {} | {} | {} | {} |\n", name, of[kPrefix], of[kByte], of[kBit]);
     }
     std::fputs(table.c_str(), stdout);
-    if (count > 2) {
+    if (count > 2 && kStep == 1) {
         std::ifstream file(arguments[2]);
         std::string const document{std::istreambuf_iterator<char>(file), {}};
         Must(document.find(table) != std::string::npos, "the document has this table");

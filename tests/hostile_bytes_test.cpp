@@ -1,6 +1,7 @@
 // Ways in which such readers go wrong: counts multiplied in 32 bits, memory taken for what is only claimed, sums that
 // wrap before they are compared, and rules that received bytes have to keep and the builders' arguments don't.
 
+#include "support/clock.h"
 #include "support/fault.h"
 #include "support/log_capture.h"
 #include "support/record_memory.h"
@@ -62,6 +63,66 @@ TEST(HostileBytes, BuildersKeepTheRulesOfTheReaders) {
         Bytes const bytes = Spell(values).bytes;
         EXPECT_EQ(Refusal([&] { Build(values); }).empty(), good) << size;
         EXPECT_EQ(DORecordHeaderValidate(bytes.data(), static_cast<unsigned int>(bytes.size()), 0), good ? 0 : 32);
+    }
+}
+
+TEST(HostileBytes, EnumerationsAreCheckedBeforeTheyAreIndexes) {
+    for (unsigned int value = 0; value < 256; ++value) {
+        for (bool const isDotype : {false, true}) {
+            Bytes b = Spell(Example(2, 1)).bytes, form = SpellForm(Example(2, 1), false);
+            b[isDotype ? 0x4d : 0x4c] = static_cast<unsigned char>(value);
+            unsigned char const dotype = b[0x4d], fptype = b[0x4c];
+            bool const good = dotype == 2 && fptype < 3; // wider fingerprints make it another size
+            EXPECT_EQ(Refusal([&] { DORecord::FromBuffer(b.data(), b.size()); }).empty(), good) << value;
+            EXPECT_EQ(Refusal([&] { DORecord(dotype, fptype, nullptr, 0, form.data(), form.size(), false); }).empty(),
+                      good);
+        }
+        Bytes const reference = SpellReferences({{static_cast<int>(value), 1}});
+        _cr_tref_t* made = CRTRefNewDeserialize(reference.data(), reference.size(), CR_TREF_SERIALIZED, nullptr);
+        EXPECT_EQ(made != nullptr, value < 11) << value;
+        CRTRefDelete(&made);
+    }
+}
+
+// Nothing of the buffer is left when a listener is told of it. Text without an end is not in the message.
+TEST(HostileBytes, FindingsSayWhatWasCompared) {
+    std::pair<Bytes, std::string> told;
+    auto& [bytes, seen] = told;
+    auto const listen = [](cr_finding_t const* finding, void* context) {
+        auto& [buffer, text] = *static_cast<std::pair<Bytes, std::string>*>(context);
+        std::fill(buffer.begin(), buffer.end(), '\0');
+        text = std::to_string(finding->found) + ": " + finding->message;
+        return false;
+    };
+    bytes = Spell(Example(2, 1)).bytes;
+    bytes[0x4d] = 0xfe;
+    EXPECT_EQ(DORecordDiagnose(bytes.data(), bytes.size(), 0, listen, &told), 32);
+    EXPECT_EQ(seen, "254: Invalid DO record: DO type 254, expected at most 5");
+    bytes = SpellForm(Example(2, 1), false);
+    std::fill(bytes.begin() + 28, bytes.end(), 'f');
+    EXPECT_EQ(DORecordSerializedDiagnose(bytes.data(), bytes.size(), 2, 1, 0, listen, &told), 32);
+    EXPECT_EQ(seen, "102: Invalid serialized DO: the fingerprint of segment 0 is not 32 lower-case digits and a NUL");
+}
+
+// Null pointers beside counts of zero.
+TEST(HostileBytes, NothingIsMadeOfNothing) {
+    for (unsigned char dotype = 0; dotype < 6; ++dotype) {
+        RecordValues values{.dotype = dotype, .flags = 0, .CID = 0, .ctime = test_clock::now, .mtime = test_clock::now};
+        Bytes const form = SpellForm(values, true);
+        values.CRC = BigEndianAt(form, 16);
+        Bytes const bytes = Spell(values).bytes;
+        OpenRecord record(dotype, 0, nullptr, 0, form.data(), form.size(), false);
+        record.expand(0);
+        record.AddSerializedTRefs(nullptr, 0);
+        EXPECT_TRUE(StoredBytes(record) == bytes) << +dotype;
+        EXPECT_TRUE(StoredBytes(*DORecord::FromBuffer(bytes.data(), bytes.size())) == bytes) << +dotype;
+        EXPECT_EQ(Refusal([&] { Build(values); }),
+                  dotype == 4 ? "9: Got empty bloom filter bitmap." : "9: Got empty SO list.");
+        void* out = nullptr;
+        unsigned long size = 0;
+        (record.*(dotype == 4 ? &DORecord::SerializeBloomFilterDO : &DORecord::Serialize))(&out, &size, true);
+        EXPECT_TRUE(Bytes(static_cast<char*>(out), static_cast<char*>(out) + size) == form) << +dotype;
+        std::free(out);
     }
 }
 
