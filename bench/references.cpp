@@ -6,8 +6,10 @@
 #include <absl/container/btree_set.h>
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
+#include <random>
 #include <set>
 
 namespace bench {
@@ -32,7 +34,24 @@ std::shared_ptr<DORecord> RecordForReferences(Shape shape) {
     return Input(shape, 1).MakeRecord();
 }
 
-void AddAll(DORecord& record, std::vector<unsigned long> const& ids) {
+using Ids = std::vector<unsigned long>;
+
+// Over ids in another order for each run: the processor would learn the way of each through a small set.
+template <class MakeSide>
+Side InNewOrders(unsigned int n, MakeSide makeSide) {
+    auto const ids = std::make_shared<Ids>(ShuffledNumbers(n));
+    auto const random = std::make_shared<std::mt19937_64>(n);
+    Side side = makeSide(std::shared_ptr<Ids const>(ids));
+    side.makeReady = [ids, random, former = side.makeReady] {
+        std::shuffle(ids->begin(), ids->end(), *random);
+        if (former) {
+            former();
+        }
+    };
+    return side;
+}
+
+void AddAll(DORecord& record, Ids const& ids) {
     for (unsigned long const id : ids) {
         Require(record.AddTaskID(id) == 0, "a task id that was there");
     }
@@ -79,29 +98,34 @@ Side FillRecord(Shape shape, unsigned int n, Fill fill) {
 
 template <class Set>
 Comparison AddAgainst(Shape shape, unsigned int n) {
-    auto const ids = std::make_shared<std::vector<unsigned long>>(ShuffledNumbers(n));
-    return {FillRecord(shape, n, [ids](DORecord& record) { AddAll(record, *ids); }), FillSet<Set>(n, [ids](Set& set) {
-                for (unsigned long const id : *ids) {
-                    set.insert(id);
-                }
+    return {InNewOrders(
+                n, [=](auto ids) { return FillRecord(shape, n, [ids](DORecord& record) { AddAll(record, *ids); }); }),
+            InNewOrders(n, [=](auto ids) {
+                return FillSet<Set>(n, [ids](Set& set) {
+                    for (unsigned long const id : *ids) {
+                        set.insert(id);
+                    }
+                });
             })};
 }
 
 template <class Set>
 Comparison LookUpAgainst(Shape shape, unsigned int n) {
-    auto const ids = std::make_shared<std::vector<unsigned long>>(ShuffledNumbers(n));
+    Ids const inserted = ShuffledNumbers(n);
     auto const record = RecordForReferences(shape);
-    AddAll(*record, *ids);
-    auto const set = std::make_shared<Set const>(ids->begin(), ids->end());
-    auto const findAll = [ids](auto has) {
-        return [ids, has] {
-            for (unsigned long const id : *ids) {
-                Require(has(id), "a task id is missing");
-            }
-        };
+    AddAll(*record, inserted);
+    auto const set = std::make_shared<Set const>(inserted.begin(), inserted.end());
+    auto const findAll = [n](auto has) {
+        return InNewOrders(n, [has](auto ids) -> Side {
+            return {[ids, has] {
+                for (unsigned long const id : *ids) {
+                    Require(has(id), "a task id is missing");
+                }
+            }};
+        });
     };
-    return {{findAll([record](unsigned long id) { return record->HasTaskID(id); })},
-            {findAll([set](unsigned long id) { return set->find(id) != set->end(); })}};
+    return {findAll([record](unsigned long id) { return record->HasTaskID(id); }),
+            findAll([set](unsigned long id) { return set->find(id) != set->end(); })};
 }
 
 // Against copying the section, so many references at once.
