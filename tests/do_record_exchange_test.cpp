@@ -195,6 +195,12 @@ TEST(DORecordExchange, RulesHoldAcrossBlocks) {
             DORecord(64, 6000, 0, 1, 1, 1, entries.data(), 600, dcids.data(), nullptr, 0, 3);
         });
         EXPECT_EQ(Construction(3, 0, form), built);
+        Bytes const stored = Spell(changed, true).bytes;
+        EXPECT_EQ(Refusal([&] {
+                      auto const copy = DORecord::FromBuffer(stored.data(), stored.size());
+                      EXPECT_TRUE(StoredBytes(*copy) == Spell(changed).bytes);
+                  }).empty(),
+                  built.empty());
         return findings.empty() ? built : findings[0].field + built.substr(0, 2);
     };
     EXPECT_EQ(refusal(256, 2560), "");

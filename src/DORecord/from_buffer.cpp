@@ -10,14 +10,12 @@ cr_status_t DORecord::ValidateHeader(void const* buffer, unsigned int size, unsi
 }
 
 std::unique_ptr<DORecord> DORecord::FromBuffer(void const* buffer, unsigned long size, unsigned int options) {
-    Order const order = RequireValid(buffer, size, options);
-    std::unique_ptr<DORecord> record(new DORecord());
-    record->allocate(size, false);
-    if (order == Order::Host) {
-        std::memcpy(record->header, buffer, size);
-    } else {
-        CopyTurned(record->header, static_cast<DORecordHeader const*>(buffer), size);
-    }
+    std::unique_ptr<DORecord> record;
+    CopyValid(buffer, size, options, [&] {
+        record.reset(new DORecord());
+        record->allocate(size, false);
+        return record->header;
+    });
     record->adopt(Order::Host, options);
     return record;
 }

@@ -3,6 +3,7 @@
 #include "support/record_diagnosis.h"
 
 #include "status/trace.h"
+#include "support/prefetch.h"
 #include "support/segment_findings.h"
 #include "support/unique_list.h"
 #include "tref/value.h"
@@ -21,11 +22,15 @@ constexpr unsigned int kKnownFlags = 0x0006;
 // Each step returns whether the walk goes on.
 class RecordWalk {
 public:
-    RecordWalk(unsigned char const* bytes, std::uint64_t size, unsigned int options, FindingReporter& report) noexcept
+    // `makeRoom` may be empty; otherwise the segments are copied there, to host order, where all before them is sound.
+    RecordWalk(unsigned char const* bytes, std::uint64_t size, unsigned int options, MakeRoom const& makeRoom,
+               FindingReporter& report) noexcept
         : bytes_(bytes), header_(reinterpret_cast<DORecordHeader const*>(bytes)), size_(size), options_(options),
-          order_((options & CR_DO_NETWORK_ORDER) != 0 ? Order::Network : Order::Host), report_(report) {}
+          order_((options & CR_DO_NETWORK_ORDER) != 0 ? Order::Network : Order::Host), makeRoom_(makeRoom),
+          report_(report) {}
 
-    void Run() noexcept {
+    // Throws what making room throws.
+    void Run() {
         if (size_ < CR_DO_RECORD_SIZE) {
             report_.Error({CR_FINDING_DO_LENGTH, "length", size_, size_, CR_DO_RECORD_SIZE},
                           "Invalid DO record: size %lu, expected at least %u", size_, CR_DO_RECORD_SIZE);
@@ -45,7 +50,7 @@ private:
     bool CheckHeader(RecordCounts const& counts) noexcept;
     bool CheckTotal(RecordLayout const& layout) noexcept;
     bool CheckUniqueList(RecordCounts const& counts, RecordLayout const& layout) noexcept;
-    bool CheckSegmentList(RecordLayout const& layout) noexcept;
+    bool CheckSegmentList(RecordLayout const& layout);
     bool CheckReferences(RecordCounts const& counts, RecordLayout const& layout) noexcept;
     bool NoteOddities(RecordCounts const& counts, RecordLayout const& layout) noexcept;
     bool NoteUniqueList(RecordCounts const& counts, RecordLayout const& layout) noexcept;
@@ -63,6 +68,7 @@ private:
     std::uint64_t size_;
     unsigned int options_;
     Order order_;
+    MakeRoom const& makeRoom_;
     FindingReporter& report_;
 };
 
@@ -136,12 +142,22 @@ bool RecordWalk::CheckUniqueList(RecordCounts const& counts, RecordLayout const&
                          "Invalid DO record: unique DCID list checksum %u, expected %u", stored, computed);
 }
 
-bool RecordWalk::CheckSegmentList(RecordLayout const& layout) noexcept {
+bool RecordWalk::CheckSegmentList(RecordLayout const& layout) {
     if (!CRDOTypeIsValid(header_->dotype)) {
         return true;
     }
     SegmentList const list = SegmentListOf(header_, layout, order_, (options_ & CR_DO_SUB_DO) != 0);
-    SegmentFault const fault = CheckSegments(list);
+    DORecordHeader* const copy = makeRoom_ ? makeRoom_() : nullptr;
+    SegmentRules rules(list);
+    ForEachBlock(list.count, [&](std::uint64_t first, std::uint64_t count) {
+        rules.Judge(first, count);
+        if (copy) {
+            AskFor(list.entries + first * list.stride, count * list.stride, count * list.stride);
+            CopySegmentsToHost(copy, header_, layout, order_, first, count);
+        }
+        return true;
+    });
+    SegmentFault const fault = rules.Fault();
     return fault.rule == SegmentRule::None || ReportSegmentFault(fault, "DO record", layout.Entry(fault.segment), list,
                                                                  offsetof(DORecordHeader, size), report_);
 }
@@ -261,9 +277,7 @@ bool RecordWalk::NoteZeros(RecordCounts const& counts, RecordLayout const& layou
            NoteNonZero("tail", layout.tail, layout.total);
 }
 
-} // namespace
-
-Order RequireValid(void const* buffer, std::uint64_t size, unsigned int options) {
+Order ValidateAndCopySegments(void const* buffer, std::uint64_t size, unsigned int options, MakeRoom const& makeRoom) {
     if (!buffer || (options & ~CR_DO_SUB_DO) != 0) {
         throw Cr_ErrnoException(CR_STATUS_INVALID);
     }
@@ -271,17 +285,31 @@ Order RequireValid(void const* buffer, std::uint64_t size, unsigned int options)
     Order const order = size >= CR_DO_HEADER_SIZE ? OrderOf(static_cast<DORecordHeader const*>(buffer)) : Order::Host;
     FirstError error;
     FindingReporter report(FirstError::Listen, &error, false);
-    DiagnoseRecord(static_cast<unsigned char const*>(buffer), size,
-                   options | (order == Order::Network ? CR_DO_NETWORK_ORDER : 0), report);
+    RecordWalk(static_cast<unsigned char const*>(buffer), size,
+               options | (order == Order::Network ? CR_DO_NETWORK_ORDER : 0), makeRoom, report)
+        .Run();
     if (report.Status() != CR_STATUS_OK) {
         error.Throw();
     }
     return order;
 }
 
+} // namespace
+
+Order RequireValid(void const* buffer, std::uint64_t size, unsigned int options) {
+    return ValidateAndCopySegments(buffer, size, options, MakeRoom());
+}
+
+void CopyValid(void const* buffer, std::uint64_t size, unsigned int options, MakeRoom const& makeRoom) {
+    DORecordHeader* copy = nullptr;
+    Order const order = ValidateAndCopySegments(buffer, size, options, [&] { return copy = makeRoom(); });
+    CopyRestToHost(copy, static_cast<DORecordHeader const*>(buffer), size, order);
+}
+
 void DiagnoseRecord(unsigned char const* bytes, std::uint64_t size, unsigned int options,
                     FindingReporter& report) noexcept {
-    RecordWalk(bytes, size, options, report).Run();
+    MakeRoom const noCopy;
+    RecordWalk(bytes, size, options, noCopy, report).Run();
 }
 
 } // namespace crrecord

@@ -5,6 +5,8 @@
 #include "support/findings.h"
 #include "support/record_layout.h"
 
+#include <functional>
+
 namespace crrecord {
 
 // Reports what is wrong and what is odd with `size` bytes; reads nothing else. `options` as for DORecordHeaderValidate.
@@ -14,5 +16,12 @@ void DiagnoseRecord(unsigned char const* bytes, std::uint64_t size, unsigned int
 // The order that a buffer shows. Throws for one that does not pass in that order: 32 with the first error's message, or
 // 9 for null and for options other than CR_DO_SUB_DO.
 Order RequireValid(void const* buffer, std::uint64_t size, unsigned int options);
+
+// Gives as many bytes as a buffer has.
+using MakeRoom = std::function<DORecordHeader*()>;
+
+// The same, and copies the record to host order in the same pass over its segments. Room is made once the header, the
+// total and the unique list are good; what it holds after a throw means nothing.
+void CopyValid(void const* buffer, std::uint64_t size, unsigned int options, MakeRoom const& makeRoom);
 
 } // namespace crrecord

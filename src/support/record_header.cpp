@@ -1,6 +1,5 @@
 // The DORecordHeader functions: the layout for callers who have a bare buffer, and the order of the bytes in it.
 
-#include "support/prefetch.h"
 #include "support/record_layout.h"
 
 #include <array>
@@ -89,21 +88,23 @@ void TurnHeaderFields(DORecordHeader* header) noexcept {
     });
 }
 
-void CopyTurned(DORecordHeader* to, DORecordHeader const* from, std::uint64_t size) noexcept {
-    RecordCounts const counts = CountsOf(from, OrderOf(from));
+void CopySegmentsToHost(DORecordHeader* to, DORecordHeader const* from, RecordLayout const& layout, Order order,
+                        std::uint64_t first, std::uint64_t count) noexcept {
+    std::uint64_t const at = layout.Entry(first);
+    std::memcpy(BytesOf(to) + at, BytesOf(from) + at, count * layout.stride);
+    if (order == Order::Network) {
+        TurnSegments(BytesOf(to) + at, count, layout, from->dotype);
+    }
+}
+
+void CopyRestToHost(DORecordHeader* to, DORecordHeader const* from, std::uint64_t size, Order order) noexcept {
+    RecordCounts const counts = CountsOf(from, order);
     RecordLayout const layout(counts);
-    auto const copy = [=](std::uint64_t first, std::uint64_t end) {
-        std::memcpy(BytesOf(to) + first, BytesOf(from) + first, end - first);
-    };
-    copy(0, layout.entries);
-    ForEachBlock(layout.segments, [&](std::uint64_t first, std::uint64_t count) {
-        copy(layout.Entry(first), layout.Entry(first + count));
-        AskFor(BytesOf(from) + layout.Entry(first), count * layout.stride, count * layout.stride);
-        TurnSegments(BytesOf(to) + layout.Entry(first), count, layout, counts.dotype);
-        return true;
-    });
-    copy(layout.dcids, size);
-    TurnRest(to, counts, layout);
+    std::memcpy(to, from, layout.entries);
+    std::memcpy(BytesOf(to) + layout.dcids, BytesOf(from) + layout.dcids, size - layout.dcids);
+    if (order == Order::Network) {
+        TurnRest(to, counts, layout);
+    }
 }
 
 } // namespace crrecord

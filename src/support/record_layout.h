@@ -129,8 +129,11 @@ inline RecordCounts CountsOf(DORecordHeader const* header, Order order) noexcept
 // Turns the fields of the fixed header, and nothing behind it.
 void TurnHeaderFields(DORecordHeader* header) noexcept;
 
-// Copies a sound record of `size` bytes into the other order.
-void CopyTurned(DORecordHeader* to, DORecordHeader const* from, std::uint64_t size) noexcept;
+// Together they copy a sound record of `size` bytes that stands in `order`, to host order: `count` of its segments from
+// the first on, and everything else.
+void CopySegmentsToHost(DORecordHeader* to, DORecordHeader const* from, RecordLayout const& layout, Order order,
+                        std::uint64_t first, std::uint64_t count) noexcept;
+void CopyRestToHost(DORecordHeader* to, DORecordHeader const* from, std::uint64_t size, Order order) noexcept;
 
 inline RecordLayout LayoutOf(DORecordHeader const* header) noexcept {
     return RecordLayout(CountsOf(header, OrderOf(header)));
