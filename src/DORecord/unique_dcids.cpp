@@ -3,6 +3,7 @@
 #include "DORecord/record.h"
 #include "support/dcid_totals.h"
 #include "support/memory.h"
+#include "support/prefetch.h"
 #include "support/segment_rules.h"
 #include "support/unique_list.h"
 
@@ -17,6 +18,7 @@ namespace {
 
 constexpr char kAppend[] = "AppendBloomAndUniqueDCIDList";
 constexpr char kGetSizes[] = "GetUDCIDSizeList";
+constexpr std::uint32_t kBeyondCaches = 65536; // segments
 
 using Entries = std::vector<UniqueEntry>;
 
@@ -54,10 +56,16 @@ bool CollectFromSegments(DORecordHeader const* header, SegmentList const& list, 
     auto const stored = [&list](std::uint64_t i) {
         return Load<std::uint32_t>(list.entries + i * list.stride + list.sizeAt);
     };
+    auto const far = [&list, &stored](std::uint64_t i) {
+        constexpr std::uint64_t kAhead = 2048;
+        AskFor(list.entries + i * list.stride, kAhead, 1);
+        return stored(i);
+    };
     auto const any = [&list](std::uint32_t i) { return SegmentSizeOf(list, i); };
+    auto const add = [&](auto sizeAt) { return AddRuns(header, list.count, dcids, sizeAt, totals); };
     bool const asStored = HasSegmentSize(list.dotype) && list.order == Order::Host;
-    if (!(asStored ? AddRuns(header, list.count, dcids, stored, totals)
-                   : AddRuns(header, list.count, dcids, any, totals))) {
+    bool const inCache = list.count < kBeyondCaches;
+    if (!(!asStored ? add(any) : inCache ? add(stored) : add(far))) {
         return false;
     }
     entries = totals.Take();
