@@ -72,10 +72,11 @@ private:
     void AddToTable() {
         if (table_.empty()) {
             table_.resize(std::clamp(std::bit_ceil(segments_ / 4), std::size_t{1024}, kLargestTable));
+            unusedBits_ = std::countl_zero(table_.size() - 1);
         }
-        // The high bits of the product depend on all bits of the container.
-        std::uint64_t const hash = (run_.dcid * 0x9e3779b97f4a7c15) >> 32;
-        std::size_t const first = hash & (table_.size() - 1);
+        // 2^64 by the golden ratio: the highest bits of the product depend on all bits of the container, and those of
+        // neighbouring containers lie far apart.
+        std::size_t const first = (run_.dcid * 0x9e3779b97f4a7c15) >> unusedBits_;
         for (std::size_t i = 0; i < kRow; ++i) {
             UniqueEntry& place = table_[first ^ i]; // its own, and then the others of its row
             if (place.dcid == run_.dcid || place.dcid == 0) {
@@ -88,6 +89,7 @@ private:
     }
 
     std::uint64_t segments_;
+    int unusedBits_ = 0; // of a hash: all but those of a place in the table
     UniqueEntry run_{0, 0};
     std::vector<UniqueEntry> table_; // rows of places; container 0 marks a free one
     std::vector<UniqueEntry> list_;
