@@ -187,14 +187,17 @@ TEST_F(Tool, SaysWhyItCannotWork) {
     EXPECT_EQ(out, "in: 1 record, 192 bytes: all valid\n");
 }
 
-// A signal that was ignored when it began (here SIGUSR1) stays so; any other ends it as it would end any process.
+// A signal that was ignored when it began (here SIGUSR1) stays so; any other, and the same again while it is handled,
+// ends it as it would end any process.
 TEST_F(Tool, AnInterruptedBuildLeavesNothing) {
     for (int const signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE, SIGALRM, SIGXCPU}) {
         for (std::string const verb : {"segments build", "build", "convert --to host"}) {
             EXPECT_EQ(Shell("ulimit -c 0; echo former >out; rm -f in; mkfifo in; exec 3<>in; "
                             "env --default-signal --ignore-signal=USR1 \"$T\" " +
-                            verb + " in -o out & until ls .crrecord-*; do sleep 0.01; done; kill -USR1 $!; kill -" +
-                            std::to_string(signal) + " $!; wait $!"),
+                            verb +
+                            " in -o out & until ls .crrecord-*; do sleep 0.01; done; kill -USR1 $!; "
+                            "for i in 1 2 3; do kill -" +
+                            std::to_string(signal) + " $!; done; wait $!"),
                       128 + signal);
             EXPECT_EQ(Files() + String("out"), "in out former\n") << verb << signal;
         }

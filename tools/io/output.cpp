@@ -16,16 +16,18 @@ namespace crrecord::tool {
 
 namespace {
 
-// Signals that end a process and are no fault of its own. Where one is ignored it stays so.
-constexpr int kEnders[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGTERM, SIGPIPE,  SIGALRM,
-                           SIGUSR1, SIGUSR2, SIGXCPU, SIGPROF, SIGVTALRM};
+// Signals that end a process and are no fault of its own, but for the real-time ones, which nobody sends unasked. Where
+// one is ignored it stays so.
+constexpr int kEnders[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGTERM,   SIGPIPE, SIGALRM, SIGUSR1,
+                           SIGUSR2, SIGXCPU, SIGPROF, SIGVTALRM, SIGPOLL, SIGPWR,  SIGSTKFLT};
 
 // The temporary file as the signal handler knows it; empty where there is none.
 char unfinished[PATH_MAX];
 
 extern "C" void RemoveUnfinished(int signal) {
     RemoveUnfinishedOutput();
-    // Reset to its default when this handler was entered; takes effect when it returns.
+    // Only now, or the same signal again would end the process before the file is gone. Takes effect when this returns.
+    ::signal(signal, SIG_DFL);
     ::raise(signal);
 }
 
@@ -54,7 +56,6 @@ void RemoveWhenInterrupted(std::string const& path) {
         struct sigaction action {};
         if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_DFL) {
             action.sa_handler = RemoveUnfinished;
-            action.sa_flags = static_cast<int>(SA_RESETHAND);
             ::sigaction(signal, &action, nullptr);
         }
     }
