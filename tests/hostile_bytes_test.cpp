@@ -63,6 +63,11 @@ TEST(HostileBytes, BuildersKeepTheRulesOfTheReaders) {
         Bytes const bytes = Spell(values).bytes;
         EXPECT_EQ(Refusal([&] { Build(values); }).empty(), good) << size;
         EXPECT_EQ(DORecordHeaderValidate(bytes.data(), static_cast<unsigned int>(bytes.size()), 0), good ? 0 : 32);
+        auto const copy = [&] {
+            return fault::StatusOf(
+                [&]() -> decltype(auto) { return DORecord::FromBuffer(bytes.data(), bytes.size()); });
+        };
+        EXPECT_EQ(fault::Run(copy, 1, true).status, good ? 22 : 32); // without memory, too
     }
 }
 

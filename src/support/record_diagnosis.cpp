@@ -9,6 +9,7 @@
 #include "tref/value.h"
 
 #include <cstdio>
+#include <exception>
 
 namespace crrecord {
 
@@ -22,15 +23,15 @@ constexpr unsigned int kKnownFlags = 0x0006;
 // Each step returns whether the walk goes on.
 class RecordWalk {
 public:
-    // `makeRoom` may be empty; otherwise the segments are copied there, to host order, where all before them is sound.
+    // `makeRoom` may be empty, and doesn't throw. Where all before the segments is sound they are copied to the room
+    // that it gives, to host order.
     RecordWalk(unsigned char const* bytes, std::uint64_t size, unsigned int options, MakeRoom const& makeRoom,
                FindingReporter& report) noexcept
         : bytes_(bytes), header_(reinterpret_cast<DORecordHeader const*>(bytes)), size_(size), options_(options),
           order_((options & CR_DO_NETWORK_ORDER) != 0 ? Order::Network : Order::Host), makeRoom_(makeRoom),
           report_(report) {}
 
-    // Throws what making room throws.
-    void Run() {
+    void Run() noexcept {
         if (size_ < CR_DO_RECORD_SIZE) {
             report_.Error({CR_FINDING_DO_LENGTH, "length", size_, size_, CR_DO_RECORD_SIZE},
                           "Invalid DO record: size %lu, expected at least %u", size_, CR_DO_RECORD_SIZE);
@@ -50,7 +51,7 @@ private:
     bool CheckHeader(RecordCounts const& counts) noexcept;
     bool CheckTotal(RecordLayout const& layout) noexcept;
     bool CheckUniqueList(RecordCounts const& counts, RecordLayout const& layout) noexcept;
-    bool CheckSegmentList(RecordLayout const& layout);
+    bool CheckSegmentList(RecordLayout const& layout) noexcept;
     bool CheckReferences(RecordCounts const& counts, RecordLayout const& layout) noexcept;
     bool NoteOddities(RecordCounts const& counts, RecordLayout const& layout) noexcept;
     bool NoteUniqueList(RecordCounts const& counts, RecordLayout const& layout) noexcept;
@@ -142,7 +143,7 @@ bool RecordWalk::CheckUniqueList(RecordCounts const& counts, RecordLayout const&
                          "Invalid DO record: unique DCID list checksum %u, expected %u", stored, computed);
 }
 
-bool RecordWalk::CheckSegmentList(RecordLayout const& layout) {
+bool RecordWalk::CheckSegmentList(RecordLayout const& layout) noexcept {
     if (!CRDOTypeIsValid(header_->dotype)) {
         return true;
     }
@@ -302,7 +303,20 @@ Order RequireValid(void const* buffer, std::uint64_t size, unsigned int options)
 
 void CopyValid(void const* buffer, std::uint64_t size, unsigned int options, MakeRoom const& makeRoom) {
     DORecordHeader* copy = nullptr;
-    Order const order = ValidateAndCopySegments(buffer, size, options, [&] { return copy = makeRoom(); });
+    std::exception_ptr noRoom;
+    auto const tryToMakeRoom = [&]() noexcept {
+        try {
+            copy = makeRoom();
+        } catch (...) {
+            noRoom = std::current_exception(); // the record's own faults come first
+        }
+        return copy;
+    };
+    Order const order =
+        ValidateAndCopySegments(buffer, size, options, std::ref(tryToMakeRoom)); // which takes no memory
+    if (noRoom) {
+        std::rethrow_exception(noRoom);
+    }
     CopyRestToHost(copy, static_cast<DORecordHeader const*>(buffer), size, order);
 }
 

@@ -21,7 +21,8 @@ Order RequireValid(void const* buffer, std::uint64_t size, unsigned int options)
 using MakeRoom = std::function<DORecordHeader*()>;
 
 // The same, and copies the record to host order in the same pass over its segments. Room is made once the header, the
-// total and the unique list are good; what it holds after a throw means nothing.
+// total and the unique list are good, and what making it throws is thrown for a record without faults. What the room
+// holds after a throw means nothing.
 void CopyValid(void const* buffer, std::uint64_t size, unsigned int options, MakeRoom const& makeRoom);
 
 } // namespace crrecord
