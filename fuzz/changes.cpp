@@ -19,7 +19,7 @@ using namespace fuzz;
 using crrecord::Order;
 using Span = std::span<unsigned char>;
 
-// Between the values that a byte of a record is set to. Sanitizers take their time.
+// Between the values that a byte behind the header is set to. Sanitizers take their time.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr unsigned int kStep = 5;
 #else
@@ -82,6 +82,9 @@ void AgreeOnSegment(Record const& record, bool valid) {
 
 void AgreeOnForm(Record const& record, bool valid, int code) {
     FormFacts const& form = record.form;
+    Must((DORecordSerializedValidate(record.bytes, record.size, form.dotype, form.fptype, form.checksum) ==
+          CR_STATUS_OK) == valid,
+         kOneAnswer);
     Must(Makes([&] { DORecord(form.dotype, form.fptype, nullptr, 0, record.bytes, record.size, false); }) == valid,
          kOneAnswer);
     DORecordHeader* header = nullptr;
@@ -119,9 +122,9 @@ int CodeOfLine(Span bytes) {
     }
 }
 
-// Sets each byte to every `step`th value.
+// Sets each byte of the header to every value, and each behind it to every `step`th.
 template <class Code>
-void ChangeAll(Block const& good, unsigned int step, Code code) {
+void ChangeAll(Block const& good, std::size_t header, unsigned int step, Code code) {
     for (std::size_t size = 0; size < good.size(); ++size) {
         Block prefix(size + 1); // a byte in front, so that there is an address without bytes, too
         std::copy_n(good.begin(), size, prefix.begin() + 1);
@@ -140,7 +143,7 @@ void ChangeAll(Block const& good, unsigned int step, Code code) {
         for (unsigned int bit = 0; bit < 8; ++bit) {
             put(good[at] ^ 1u << bit, kBit);
         }
-        for (unsigned int value = 0; value < 256; value += step) {
+        for (unsigned int value = 0; value < 256; value += at < header ? 1 : step) {
             put(value, kByte);
         }
         changed[at] = good[at];
@@ -156,16 +159,17 @@ void ChangeFile(std::filesystem::path const& path) {
     record.kind = object ? Kind::DataObject : Kind::Segment;
     record.order = ending == ".network" ? Order::Network : Order::Host;
     if (ending == ".json") {
-        ChangeAll({good.begin(), good.end() - 1}, 51, CodeOfLine); // without its end
+        ChangeAll({good.begin(), good.end() - 1}, 0, 51, CodeOfLine); // without its end
     } else if (ending == ".host" || ending == ".network") {
-        ChangeAll(good, kStep, [&](Span bytes) { return CodeOf(bytes, record); });
+        ChangeAll(good, object ? CR_DO_HEADER_SIZE : CR_SO_FIXED_SIZE, kStep,
+                  [&](Span bytes) { return CodeOf(bytes, record); });
     } else if (ending == ".form" && object) {
         // Its types are those of the record beside it.
         std::ifstream host(std::filesystem::path(path).replace_extension(".host"), std::ios::binary);
         Block const header{std::istreambuf_iterator<char>(host), {}};
         record.kind = Kind::Form;
         record.form = {header[0x4d], header[0x4c], false};
-        ChangeAll(good, kStep, [&](Span bytes) { return CodeOf(bytes, record); });
+        ChangeAll(good, 28, kStep, [&](Span bytes) { return CodeOf(bytes, record); });
     }
 }
 

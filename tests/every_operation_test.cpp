@@ -327,7 +327,12 @@ TEST_F(EveryOperation, FailsWithoutAChunkInThePools) {
 TEST_F(EveryOperation, OthersNeedNoMemory) {
     for (Operation const& operation : kNeedNone) {
         Subject subject;
-        EXPECT_EQ(fault::Run([&] { return operation.run(subject); }, 1, true).attempts, 0u) << operation.name;
+        auto const outcome = fault::Run([&] { return operation.run(subject); }, 1, true);
+        EXPECT_EQ(outcome.attempts, 0u) << operation.name;
+        // The validators are given good records: with a bad one they would be done too soon.
+        if (operation.name.find("Validate") != operation.name.npos) {
+            EXPECT_EQ(outcome.status, CR_STATUS_OK) << operation.name;
+        }
     }
 }
 
