@@ -61,7 +61,7 @@ public:
         }
     }
 
-    // The entries go on the way: the list of containers takes as much memory again.
+    // The entries go on the way: with its list of containers the record moves to a block of its new size.
     std::unique_ptr<DORecord> Build(CutTotals const& totals, std::uint64_t segmentSize) && {
         auto record = std::make_unique<DORecord>(totals.lastContainer, totals.bytes, segmentSize, totals.crc, 0, 0,
                                                  entries_.data(), static_cast<unsigned int>(dcids_.size()),
