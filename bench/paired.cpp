@@ -29,7 +29,7 @@ namespace bench {
 
 namespace {
 
-constexpr unsigned int kInMemory = 100'000; // segments; fewer fit into the caches
+constexpr unsigned int kInMemory = 100'000; // segments; fewer fit into a core's own caches
 constexpr long kMoreRounds = 4;             // where a round is one run, and that is short
 constexpr double kRounding = 0.005;         // ratios and targets are compared to two digits
 

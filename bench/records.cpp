@@ -126,7 +126,7 @@ Comparison Wrap(Shape shape, unsigned int n) {
                 auto const record = DORecord::Wrap(bytes->data(), bytes->size(), bytes->size(), true);
                 benchmark::DoNotOptimize(record.get());
             }},
-            StridedRead(bytes, *input)};
+            StridedRead(SharedBytes(*input->MakeRecord()), *input)};
 }
 
 Comparison FromBuffer(Shape shape, unsigned int n) {
@@ -139,7 +139,7 @@ Comparison FromBuffer(Shape shape, unsigned int n) {
                 benchmark::DoNotOptimize(made.get());
                 benchmark::ClobberMemory();
             }},
-            CopyInto(bytes)};
+            CopyInto(SharedBytes(*record))};
 }
 
 Comparison Convert(Shape shape, unsigned int n) {
