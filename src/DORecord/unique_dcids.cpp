@@ -18,7 +18,6 @@ namespace {
 
 constexpr char kAppend[] = "AppendBloomAndUniqueDCIDList";
 constexpr char kGetSizes[] = "GetUDCIDSizeList";
-constexpr std::uint32_t kBeyondCaches = 65536; // segments
 
 using Entries = std::vector<UniqueEntry>;
 
@@ -57,8 +56,7 @@ bool CollectFromSegments(DORecordHeader const* header, SegmentList const& list, 
         return Load<std::uint32_t>(list.entries + i * list.stride + list.sizeAt);
     };
     auto const far = [&list, &stored](std::uint64_t i) {
-        constexpr std::uint64_t kAhead = 2048;
-        AskFor(list.entries + i * list.stride, kAhead, 1);
+        AskFor(list.entries + i * list.stride, kAheadOfEntry, 1);
         return stored(i);
     };
     auto const any = [&list](std::uint32_t i) { return SegmentSizeOf(list, i); };

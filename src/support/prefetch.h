@@ -6,6 +6,11 @@
 
 namespace crrecord {
 
+// So many segments are beyond a core's own caches.
+inline constexpr std::uint64_t kBeyondCaches = 65536;
+// How far ahead of an entry, in bytes, another is asked for.
+inline constexpr std::uint64_t kAheadOfEntry = 2048;
+
 // Asks for the cache lines of `bytes` bytes, `ahead` bytes behind `from`. They may lie behind the end of what is there:
 // asking never fails.
 [[gnu::always_inline]] inline void AskFor(void const* from, std::uint64_t ahead, std::uint64_t bytes) noexcept {

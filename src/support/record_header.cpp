@@ -1,5 +1,6 @@
 // The DORecordHeader functions: the layout for callers who have a bare buffer, and the order of the bytes in it.
 
+#include "support/prefetch.h"
 #include "support/record_layout.h"
 
 #include <array>
@@ -32,15 +33,24 @@ void TurnInPlace32(unsigned char* bytes) noexcept {
     Turn<std::uint32_t>(bytes, bytes);
 }
 
-template <unsigned int OffsetWidth>
-void TurnEntries(unsigned char* entry, std::uint64_t count, RecordLayout const& layout) noexcept {
+template <unsigned int OffsetWidth, bool far>
+void TurnEntriesOf(unsigned char* entry, std::uint64_t count, RecordLayout const& layout) noexcept {
     for (; count != 0; --count, entry += layout.stride) {
+        if constexpr (far) {
+            AskFor(entry, kAheadOfEntry, 1);
+        }
         unsigned char* const numbers = entry + layout.fingerprint;
         TurnInPlace32(numbers);
         if constexpr (OffsetWidth != 0) {
             TurnBytes<OffsetWidth>(numbers + 4, numbers + 4);
         }
     }
+}
+
+template <unsigned int OffsetWidth>
+void TurnEntries(unsigned char* entries, std::uint64_t count, RecordLayout const& layout) noexcept {
+    (count < kBeyondCaches ? TurnEntriesOf<OffsetWidth, false> : TurnEntriesOf<OffsetWidth, true>)(entries, count,
+                                                                                                   layout);
 }
 
 void TurnSegments(unsigned char* entries, std::uint64_t count, RecordLayout const& layout,

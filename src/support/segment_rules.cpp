@@ -1,5 +1,7 @@
 #include "support/segment_rules.h"
 
+#include "support/prefetch.h"
+
 #include <cassert>
 
 namespace crrecord {
@@ -17,6 +19,7 @@ public:
     explicit Entries(SegmentList const& list) noexcept
         : bytes_(list.entries), sizeAt_(list.sizeAt), offsetAt_(list.offsetAt), stride_(list.stride) {}
 
+    void AskAhead() const noexcept { AskFor(bytes_ + at_, kAheadOfEntry, 1); }
     void Skip(std::uint64_t count) noexcept { at_ += count * stride_; }
     std::uint32_t Size() const noexcept { return Load<std::uint32_t>(bytes_ + at_ + sizeAt_, order); }
     std::uint64_t Offset() const noexcept { return Load<std::uint64_t>(bytes_ + at_ + offsetAt_, order); }
@@ -127,6 +130,7 @@ void SegmentRules::JudgeSizes(E entries, std::uint64_t from, std::uint64_t count
     std::uint64_t sum = sum_;
     std::uint32_t sizes = sizes_;
     for (entries.Skip(from); count != 0; --count, entries.Skip(1)) {
+        entries.AskAhead();
         std::uint32_t const size = entries.Size();
         sum += size;
         sizes |= size;
@@ -142,6 +146,7 @@ void SegmentRules::JudgeOffsets(E entries, std::uint64_t from, std::uint64_t cou
     std::uint32_t sizes = sizes_;
     bool overlap = overlap_;
     for (entries.Skip(from); count != 0; --count, entries.Skip(1)) {
+        entries.AskAhead();
         std::uint64_t const offset = entries.Offset();
         std::uint32_t const size = entries.Size();
         overlap |= offset < end;
