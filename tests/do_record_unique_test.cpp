@@ -57,6 +57,30 @@ TEST(DORecordUnique, NetworkOrderRecordGetsAHostListWithItsOwnCount) {
     EXPECT_EQ(Buffer(*record), expected.bytes);
 }
 
+// Beyond the caches memory is asked for ahead, and of more than a few containers there is a table: neighbours,
+// multiples of a large power of two, which meet in it, and some in runs.
+TEST(DORecordUnique, LongRecordsAreListedAndTurnedLikeShortOnes) {
+    for (int const dotype : {2, 3, 5}) {
+        RecordValues values{.dotype = static_cast<unsigned char>(dotype)};
+        Sizes bytes;
+        for (unsigned long i = 0; i < 66000; ++i) {
+            unsigned long const dcid = i % 3 == 0   ? 64 + i * 7919 % 9000
+                                       : i % 3 == 1 ? (i % 50 + 1) << 50
+                                                    : 64 + i / 500;
+            unsigned int const size = static_cast<unsigned int>(i % 1000 + 1);
+            values.segments.push_back({Bytes(16, static_cast<unsigned char>(i)), size, values.size, dcid});
+            values.size += size;
+            bytes[dcid] += size;
+        }
+        auto const record = Build<OpenRecord>(values);
+        EXPECT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_OK);
+        values.list.assign(bytes.begin(), bytes.end());
+        EXPECT_TRUE(StoredBytes(*record) == Spell(values).bytes) << dotype;
+        record->HostToNetwork(0);
+        EXPECT_TRUE(StoredBytes(*record) == Spell(values, true).bytes) << dotype;
+    }
+}
+
 TEST(DORecordUnique, RefusalsChangeNothing) {
     LogCapture log;
     for (RecordValues const& values : {Example(0, 0), Example(5, 3)}) {
