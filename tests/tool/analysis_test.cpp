@@ -74,8 +74,9 @@ TEST_F(Tool, StatsAddsUpByContainer) {
     EXPECT_EQ(Run("stats in more --unique --json"), 1);
     EXPECT_EQ(json::parse(out), json::parse(R"({"schema": 1, "records": "6", "bad_records": "1", "segments": "13",
         "bytes": "1057", "elsewhere": {"segments": "1", "bytes": "9"}, "unique_bytes": "25", "repeated_bytes": "32",
-        "containers": [{"dcid": "64", "segments": "6", "bytes": "24", "fragments": "4"}, {"dcid": "65", "segments": "4",
-        "bytes": "1024", "fragments": "4"}, {"dcid": "70", "segments": "2", "bytes": "0", "fragments": "2"}]})"));
+        "container_count": "3", "containers": [{"dcid": "64", "segments": "6", "bytes": "24", "fragments": "4"},
+        {"dcid": "65", "segments": "4", "bytes": "1024", "fragments": "4"},
+        {"dcid": "70", "segments": "2", "bytes": "0", "fragments": "2"}]})"));
     EXPECT_EQ(Run("stats --uses 70 --uses 64 in | tail -n 2"), 0) << err;
     EXPECT_EQ(out, "in: record 3 at byte 476: container 64: 3 segments of 12 bytes\n"
                    "in: record 3 at byte 476: container 70: 1 segment of 0 bytes\n");
@@ -89,7 +90,7 @@ TEST_F(Tool, RefsChangesAllRecordsInTheirOrder) {
     Write("in", Spell(values, true).bytes + Spell(legacy, false).bytes);
     Write("active", Text("18446744073709551615\n7"));
     ASSERT_EQ(Run("refs in --add task:5 --add dsid:1 --remove ref6:9 --drop-inactive active -o in --json"), 0) << err;
-    EXPECT_EQ(json::parse(out), json::parse(R"({"file": "in", "out": "in", "records": "2", "added": "4",
+    EXPECT_EQ(json::parse(out), json::parse(R"({"schema": 1, "file": "in", "out": "in", "records": "2", "added": "4",
         "removed": "1", "dropped": "2", "references": "6"})"));
     Bytes const written = Read("in"), expected = Spell(changed, true).bytes + Spell(changed, false).bytes;
     Bytes timeless = written;
@@ -105,6 +106,9 @@ TEST_F(Tool, RefsChangesAllRecordsInTheirOrder) {
         EXPECT_TRUE(Run(std::string("refs in -o in ") + options) == 2 && err == "crrecord: " + text) << err;
     }
     EXPECT_EQ(Read("in"), written);
+    legacy.flags = 1;
+    Write("bad", Spell(legacy).bytes + Spell(values).bytes);
+    EXPECT_TRUE(Run("refs bad") == 1 && out == "record 2: task:3\nrecord 2: task:7\nrecord 2: ref6:9\n") << out;
 }
 
 } // namespace

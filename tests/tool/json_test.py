@@ -62,7 +62,8 @@ def schema():
         pairs = [(record, shown + lines_of("show", "--json", *arguments)),
                  (record, [json.loads(line) for line in converted.splitlines()]),
                  (findings, told + lines_of("validate", "--json", *arguments[:-1], __file__)),
-                 (of("digestLine"), lines_of("digest", "--json", *arguments))]
+                 (of("digestLine"), lines_of("digest", "--json", *arguments)),
+                 (of("annotateLine"), lines_of("annotate", "--json", *arguments[:-1], __file__, arguments[-1]))]
         if shown[0]["kind"] == "do":
             pairs += [(of("refsLine"), lines_of("refs", "--json", *arguments)),
                       (of("statsLine"), lines_of("stats", "--json", *arguments)),
@@ -75,8 +76,26 @@ def schema():
             failures.extend(f"{arguments}: valid {fault}" for fault, worse in spoiled(line)
                             if validator.is_valid(worse))
         seen.add(kind)
+    other_verbs(of)
     if len(seen) != 9:
         failures.append(f"not every kind and DO type was seen: {seen}")
+
+
+def other_verbs(of):
+    out = ("--json", "-o", "/dev/null")
+    do3, gaps = GOLDEN / "do3-sha256.host", GOLDEN / "do3-md5-gaps.host"
+    for name, *arguments in (("buildLine", "build", __file__, *out),
+                             ("segmentsBuildLine", "segments", "build", __file__, *out),
+                             ("convertLine", "convert", do3, "--to", "host", *out),
+                             ("changesLine", "refs", do3, "--add", "task:1", *out),
+                             ("redactLine", "redact", do3, *out),
+                             ("verifyLine", "verify", "--json", gaps, __file__),
+                             ("diffLine", "diff", "--json", "--segments", do3, gaps),
+                             ("findingsLine", "refs", "--json", __file__)):
+        for line in lines_of(*arguments) or ["no line"]:
+            failures.extend(f"{arguments}: {error.message}" for error in of(name).iter_errors(line))
+            failures.extend(f"{name}: valid with an odd {member}" for member in (*line, "more")
+                            if of(name).is_valid({**line, member: {}}))
 
 
 DO3, DO1, DO4, SO = "do3-sha256", "do1-sha1", "do4-md5", "so-fptype0-tasks1-fingerprints1"

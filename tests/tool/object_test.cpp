@@ -57,8 +57,8 @@ TEST_F(Tool, BuildsAndDigestsTheseDORecords) {
         TakeTimes(expected, Read("out"));
         Bytes const bytes = Spell(expected, true).bytes;
         EXPECT_EQ(Read("out"), bytes);
-        json closing = json::parse(R"({"file": "in", "out": "out", "bytes": "8", "segments": "3", "gap_bytes": "0",
-            "containers": "2", "first_container": "64", "last_container": "65", "crc": 2588679498})");
+        json closing = json::parse(R"({"schema": 1, "file": "in", "out": "out", "bytes": "8", "segments": "3",
+            "gap_bytes": "0", "containers": "2", "first_container": "64", "last_container": "65", "crc": 2588679498})");
         closing["record_bytes"] = std::to_string(bytes.size());
         EXPECT_EQ(json::parse(out), closing);
         ASSERT_EQ(Shell("\"$T\" verify out in && \"$T\" build - -o -" + sizes + " <in | \"$T\" verify - in"), 0);
@@ -85,7 +85,7 @@ TEST_F(Tool, ConvertsBetweenAllForms) {
         Write("in", host + network);
         ASSERT_EQ(Run("convert in --to network -o out --json"), 0) << err;
         EXPECT_EQ(Read("out"), network + network);
-        EXPECT_EQ(json::parse(out)["converted"], std::endian::native == std::endian::little ? 1 : 0);
+        EXPECT_EQ(json::parse(out)["converted"], std::endian::native == std::endian::little ? "1" : "0");
         ASSERT_EQ(Run("convert in --to host -o out"), 0) << err;
         EXPECT_EQ(Read("out"), host + host);
         std::string const flag = values.fptype % 2 ? " --checksum" : "";

@@ -90,14 +90,18 @@ std::string Describe(std::string_view file, Record const& record, Finding const&
                        RemarkOn(record));
 }
 
+std::string JsonStart() {
+    return fmt::format(FMT_COMPILE(R"({{"schema":{})"), kJsonSchema);
+}
+
 void AppendJsonStart(fmt::memory_buffer& to, Record const& record) {
-    fmt::format_to(std::back_inserter(to), FMT_COMPILE(R"({{"schema":{})"), kJsonSchema);
+    to.append(JsonStart());
     AppendJsonKind(to, record);
 }
 
 void AppendJsonStart(fmt::memory_buffer& to, std::string_view quotedFile, Record const& record, bool valid) {
-    fmt::format_to(std::back_inserter(to), FMT_COMPILE(R"({{"schema":{},"file":{},"record":{},"offset":"{}")"),
-                   kJsonSchema, quotedFile, record.number, record.offset);
+    fmt::format_to(std::back_inserter(to), FMT_COMPILE(R"({},"file":{},"record":{},"offset":"{}")"), JsonStart(),
+                   quotedFile, record.number, record.offset);
     AppendJsonKind(to, record);
     fmt::format_to(std::back_inserter(to), FMT_COMPILE(R"(,"valid":{})"), valid);
 }
@@ -115,6 +119,13 @@ void AppendJsonFindings(fmt::memory_buffer& to, std::vector<Finding> const& find
         separator = ",";
     }
     to.push_back(']');
+}
+
+void AppendJsonFindingsLine(fmt::memory_buffer& to, std::string_view quotedFile, Record const& record, bool valid,
+                            std::vector<Finding> const& findings) {
+    AppendJsonStart(to, quotedFile, record, valid);
+    AppendJsonFindings(to, findings);
+    to.append(std::string_view("}\n"));
 }
 
 std::string JsonQuoted(std::string_view text) {

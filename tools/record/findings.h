@@ -38,6 +38,9 @@ std::string Describe(std::string_view file, Record const& record, Finding const&
 // Version of the JSON form, which every line says. docs/json.md says what may change within one.
 inline constexpr unsigned int kJsonSchema = 1;
 
+// How the JSON object of every line begins, whatever it is about. The object is left open.
+std::string JsonStart();
+
 // The members with which the JSON object of every record begins, the object left open. `quotedFile` is from
 // JsonQuoted; without it nothing is said of where the record was found.
 void AppendJsonStart(fmt::memory_buffer& to, Record const& record);
@@ -45,6 +48,10 @@ void AppendJsonStart(fmt::memory_buffer& to, std::string_view quotedFile, Record
 
 // The member "findings", with its comma.
 void AppendJsonFindings(fmt::memory_buffer& to, std::vector<Finding> const& findings);
+
+// A whole line that says nothing else of a record, such as of a bad one.
+void AppendJsonFindingsLine(fmt::memory_buffer& to, std::string_view quotedFile, Record const& record, bool valid,
+                            std::vector<Finding> const& findings);
 
 // A JSON string, quotes included. What is not UTF-8 becomes U+FFFD.
 std::string JsonQuoted(std::string_view text);

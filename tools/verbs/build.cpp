@@ -100,11 +100,11 @@ private:
 
 std::string ClosingLine(BuildOptions const& options, CutTotals const& totals, std::uint64_t recordSize) {
     if (options.json) {
-        return fmt::format(R"({{"file":{},"out":{},"bytes":"{}","segments":"{}","gap_bytes":"{}","containers":"{}",)"
+        return fmt::format(R"({},"file":{},"out":{},"bytes":"{}","segments":"{}","gap_bytes":"{}","containers":"{}",)"
                            R"("first_container":"{}","last_container":"{}","crc":{},"record_bytes":"{}"}})",
-                           JsonQuoted(options.file), JsonQuoted(options.out), totals.bytes, totals.segments,
-                           totals.gaps, totals.Containers(), totals.firstContainer, totals.lastContainer, totals.crc,
-                           recordSize);
+                           JsonStart(), JsonQuoted(options.file), JsonQuoted(options.out), totals.bytes,
+                           totals.segments, totals.gaps, totals.Containers(), totals.firstContainer,
+                           totals.lastContainer, totals.crc, recordSize);
     }
     std::string const gaps = totals.gaps == 0 ? "" : fmt::format(" and {} of holes", Counted(totals.gaps, "byte"));
     return fmt::format("{}: {} in {}{}, {} ({} to {}); DO record of {} to {}", Printable(options.file),

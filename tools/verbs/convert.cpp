@@ -127,8 +127,8 @@ private:
 
 std::string ClosingLine(ConvertOptions const& options, Tally const& tally) {
     if (options.json) {
-        return fmt::format(R"({{"file":{},"out":{},"order":"{}","records":{},"converted":{},"bytes":"{}"}})",
-                           JsonQuoted(options.file), JsonQuoted(options.out), options.to, tally.records,
+        return fmt::format(R"({},"file":{},"out":{},"order":"{}","records":"{}","converted":"{}","bytes":"{}"}})",
+                           JsonStart(), JsonQuoted(options.file), JsonQuoted(options.out), options.to, tally.records,
                            tally.converted, tally.bytes);
     }
     std::string const form = options.to == kSerialized ? "as its exchange form"

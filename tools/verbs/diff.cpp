@@ -39,7 +39,7 @@ public:
 
     ExitCode Run() {
         if (options_.json) {
-            out_.Print(R"({{"schema":1,"a":{},"b":{})", JsonQuoted(options_.a), JsonQuoted(options_.b));
+            out_.Print(R"({},"a":{},"b":{})", JsonStart(), JsonQuoted(options_.a), JsonQuoted(options_.b));
         }
         DiffSegments();
         DiffHeader();

@@ -61,8 +61,8 @@ ExitCode RedactInput(RecordStream& stream, OutputFile& to, Pseudonyms& pseudonym
 
 std::string ClosingLine(RedactOptions const& options, Tally const& tally) {
     if (options.json) {
-        return fmt::format(R"({{"out":{},"records":"{}","bytes":"{}"}})", JsonQuoted(options.out), tally.records,
-                           tally.bytes);
+        return fmt::format(R"({},"out":{},"records":"{}","bytes":"{}"}})", JsonStart(), JsonQuoted(options.out),
+                           tally.records, tally.bytes);
     }
     return fmt::format("{}: {} redacted, {}", Printable(options.out), Counted(tally.records, "record"),
                        Counted(tally.bytes, "byte"));

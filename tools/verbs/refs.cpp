@@ -44,14 +44,20 @@ std::vector<Reference> ParseReferences(char const* option, std::vector<std::stri
     return references;
 }
 
-// Gives each record of an input, which is a valid DO record, to use(record). Others end it.
-template <class Use>
-ExitCode ForEachDORecord(RecordStream& stream, Use use) {
+// Gives each valid record of an input, which is a DO record, to use(record), and each bad one, of which was told, to
+// goOn(record, findings), which says whether to.
+template <class Use, class GoOn>
+ExitCode ForEachDORecord(RecordStream& stream, Use use, GoOn goOn) {
+    ExitCode result = ExitCode::AllWell;
     std::vector<Finding> findings;
     while (Record const* const record = stream.Next()) {
         if (!Diagnose(*record, Depth::FirstError, findings)) {
             Complain(Describe(stream.Name(), *record, findings.front()));
-            return ExitCode::BadRecord;
+            result = ExitCode::BadRecord;
+            if (!goOn(*record, findings)) {
+                break;
+            }
+            continue;
         }
         if (record->kind != Kind::DataObject) {
             throw Failure(fmt::format("{}: record {} at byte {}: is a segment record, where a DO record is needed",
@@ -59,15 +65,14 @@ ExitCode ForEachDORecord(RecordStream& stream, Use use) {
         }
         use(*record);
     }
-    return ExitCode::AllWell;
+    return result;
 }
 
 ExitCode List(RefsOptions const& options, Output& out) {
     RecordStream stream(options.file);
     std::string const quotedName = JsonQuoted(options.file);
-    bool several = false;
-    return ForEachDORecord(stream, [&](Record const& record) {
-        several = several || !stream.EndsHere();
+    auto const use = [&](Record const& record) {
+        bool const several = record.number != 1 || !stream.EndsHere();
         std::unique_ptr<DORecord> const opened = OpenDORecord(options.file, record);
         if (!options.json) {
             std::string const prefix = several ? fmt::format("record {}: ", record.number) : "";
@@ -82,6 +87,13 @@ ExitCode List(RefsOptions const& options, Output& out) {
             separator = ",";
         });
         out.Write("]}\n");
+    };
+    return ForEachDORecord(stream, use, [&](Record const& record, std::vector<Finding> const& findings) {
+        if (options.json) {
+            AppendJsonFindingsLine(out.Buffer(), quotedName, record, false, findings);
+            out.FlushWhenFull();
+        }
+        return true;
     });
 }
 
@@ -136,10 +148,10 @@ public:
 
     std::string ClosingLine() const {
         if (options_.json) {
-            return fmt::format(R"({{"file":{},"out":{},"records":"{}","added":"{}","removed":"{}","dropped":"{}",)"
+            return fmt::format(R"({},"file":{},"out":{},"records":"{}","added":"{}","removed":"{}","dropped":"{}",)"
                                R"("references":"{}"}})",
-                               JsonQuoted(options_.file), JsonQuoted(options_.out), records_, added_, removed_,
-                               dropped_, references_);
+                               JsonStart(), JsonQuoted(options_.file), JsonQuoted(options_.out), records_, added_,
+                               removed_, dropped_, references_);
         }
         return fmt::format("{}: {}: {} added, {} removed, {} dropped; {}", Printable(options_.out),
                            Counted(records_, "record"), added_, removed_, dropped_, Counted(references_, "reference"));
@@ -165,11 +177,13 @@ ExitCode ChangeAll(RefsOptions const& options, Output& out) {
     Changer changer(options);
     RecordStream stream(options.file);
     OutputFile to(options.out);
-    ExitCode const result = ForEachDORecord(stream, [&](Record const& record) {
+    auto const write = [&](Record const& record) {
         std::unique_ptr<DORecord> const changed = changer.Change(record);
         auto const bytes = BytesOf(*changed);
         to.Write(bytes.data(), bytes.size());
-    });
+    };
+    ExitCode const result =
+        ForEachDORecord(stream, write, [](Record const&, std::vector<Finding> const&) { return false; });
     if (result == ExitCode::AllWell) {
         to.Commit();
         PrintClosing(out, options.out, options.json, changer.ClosingLine());
@@ -210,8 +224,8 @@ void AddRefs(CLI::App& app, Action& chosen) {
     verb->add_flag("--json", options->json,
                    "One JSON object a line for each record; with changes, the closing line as one");
     verb->footer(
-        "A change is made to all records of FILE. Tasks are dropped first, references added last. The records\n"
-        "keep their byte order; their legacy references become typed ones.\n\n"
+        "A change is made to all records of FILE; with a bad one nothing is written. Tasks are dropped first,\n"
+        "references added last. The records keep their byte order; their legacy references become typed ones.\n\n"
         "Example:\n  crrecord refs movie.do --add task:18 --remove task:17 -o movie.do");
     verb->callback([options, &chosen] { chosen = [options](Output& out) { return Refs(*options, out); }; });
 }

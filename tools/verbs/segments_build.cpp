@@ -41,10 +41,10 @@ std::string ClosingLine(BuildOptions const& options, CutTotals const& totals) {
     std::uint64_t const recordBytes = totals.segments * recordSize;
     if (options.json) {
         return fmt::format(
-            R"({{"file":{},"out":{},"bytes":"{}","segments":"{}","containers":"{}","first_container":"{}",)"
+            R"({},"file":{},"out":{},"bytes":"{}","segments":"{}","containers":"{}","first_container":"{}",)"
             R"("last_container":"{}","record_size":{},"record_bytes":"{}"}})",
-            JsonQuoted(options.file), JsonQuoted(options.out), totals.bytes, totals.segments, totals.Containers(),
-            totals.firstContainer, totals.lastContainer, recordSize, recordBytes);
+            JsonStart(), JsonQuoted(options.file), JsonQuoted(options.out), totals.bytes, totals.segments,
+            totals.Containers(), totals.firstContainer, totals.lastContainer, recordSize, recordBytes);
     }
     return fmt::format("{}: {} in {}, {} ({} to {}); {} of records to {}", Printable(options.file),
                        Counted(totals.bytes, "byte"), Counted(totals.segments, "segment"),

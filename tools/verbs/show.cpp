@@ -143,9 +143,8 @@ private:
     void ShowBad(std::string const& name, Record const& record) {
         Complain(Describe(name, record, findings_.front()));
         if (options_.json) {
-            AppendJsonStart(out_.Buffer(), JsonQuoted(name), record, false);
-            AppendJsonFindings(out_.Buffer(), findings_);
-            out_.Write("}\n");
+            AppendJsonFindingsLine(out_.Buffer(), JsonQuoted(name), record, false, findings_);
+            out_.FlushWhenFull();
         }
     }
 

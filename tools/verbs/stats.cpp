@@ -106,13 +106,13 @@ public:
     void CountBad(std::uint64_t records) { bad_ += records; }
 
     void PrintJson(Output& out) const {
-        out.Print(R"({{"schema":1,"records":"{}","bad_records":"{}","segments":"{}","bytes":"{}",)"
+        out.Print(R"({},"records":"{}","bad_records":"{}","segments":"{}","bytes":"{}",)"
                   R"("elsewhere":{{"segments":"{}","bytes":"{}"}},)",
-                  records_, bad_, segments_, bytes_, segmentsElsewhere_, bytesElsewhere_);
+                  JsonStart(), records_, bad_, segments_, bytes_, segmentsElsewhere_, bytesElsewhere_);
         if (options_.unique) {
             out.Print(R"("unique_bytes":"{}","repeated_bytes":"{}",)", uniqueBytes_, repeatedBytes_);
         }
-        out.Write(R"("containers":[)");
+        out.Print(R"("container_count":"{}","containers":[)", containers_.size());
         char const* separator = "";
         for (ContainerTotals const* const container : containers_.Sorted(options_.top)) {
             out.Print(R"({}{{"dcid":"{}","segments":"{}","bytes":"{}","fragments":"{}"}})", separator, container->dcid,

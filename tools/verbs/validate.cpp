@@ -50,9 +50,8 @@ ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Out
             continue;
         }
         if (options.json) {
-            AppendJsonStart(out.Buffer(), quotedName, *record, valid);
-            AppendJsonFindings(out.Buffer(), findings);
-            out.Write("}\n");
+            AppendJsonFindingsLine(out.Buffer(), quotedName, *record, valid, findings);
+            out.FlushWhenFull();
             continue;
         }
         for (Finding const& finding : findings) {

@@ -21,7 +21,7 @@ class Report {
 public:
     Report(VerifyOptions const& options, Output& out) : options_(options), out_(out) {
         if (options_.json) {
-            out_.Print(R"({{"record":{},"file":{},"differences":[)", JsonQuoted(options_.record),
+            out_.Print(R"({},"record":{},"file":{},"differences":[)", JsonStart(), JsonQuoted(options_.record),
                        JsonQuoted(options_.file));
         }
     }
