@@ -82,6 +82,23 @@ TEST_F(Tool, StatsAddsUpByContainer) {
                    "in: record 3 at byte 476: container 70: 1 segment of 0 bytes\n");
 }
 
+TEST_F(Tool, SumsOfBytesDoNotWrap) {
+    RecordValues bloom = Example(4, 0), sparse{.dotype = 3, .size = ~0ul};
+    bloom.list = {{64, 1}, {65, ~0ul}, {65, 1}};
+    sparse.segments = {{Bytes(16), 5, 0, 70}};
+    Bytes large = Golden({true, 3}), small = large;
+    Splice(large, 40, Bytes(8, 0xff));
+    Splice(small, 40, Spelled(9, 8, true));
+    Write("in", small + large + Spell(bloom).bytes + Spell(sparse).bytes);
+    EXPECT_EQ(Run("show --records :2 in | grep 'in 384 bytes, describing more than 2^64 - 1 bytes of segments'"), 0);
+    ASSERT_EQ(Run("stats --json in"), 2) << err;
+    json const sums = json::parse(out);
+    EXPECT_TRUE(sums["records"] == "2" && sums["bytes"] == "14" && sums["container_count"] == "1") << sums;
+    std::string const end = ": left out: with it the sum would be more than 2^64 - 1 bytes\n";
+    EXPECT_EQ(err, "crrecord: in: record 2 at byte 192" + end + "crrecord: in: record 3 at byte 384" + end);
+    EXPECT_TRUE(Run("stats --uses 64 --uses 65 --uses 70 in") == 2 && out.starts_with("in: record 4 ")) << out << err;
+}
+
 TEST_F(Tool, RefsChangesAllRecordsInTheirOrder) {
     RecordValues values = Object(kObject), changed = values, legacy = values;
     values.references = {{2, 3}, {2, 7}, {6, 9}};

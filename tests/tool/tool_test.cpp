@@ -169,7 +169,7 @@ TEST_F(Tool, SaysWhyItCannotWork) {
         {"map do -o do", "do: is an input itself, which the picture would replace"},
         {"segments build in -o none/out", "none/out: cannot create: No such file or directory"},
         {"segments build in -o .", ".: cannot create: Is a directory"},
-        {"validate none", "none: cannot open: No such file or directory"},
+        {"stats --json none", "none: cannot open: No such file or directory"},
         {"convert /proc/self/mem --to host -o out", "/proc/self/mem: cannot read: Input/output error"},
         {"show seg >/dev/full", "standard output: cannot write: No space left on device"},
         {"--version >/dev/full", "standard output: cannot write: No space left on device"},
@@ -177,7 +177,7 @@ TEST_F(Tool, SaysWhyItCannotWork) {
     for (auto const& row : rows) {
         SCOPED_TRACE(row.arguments);
         EXPECT_EQ(Run(row.arguments), 2);
-        EXPECT_EQ(err, "crrecord: " + std::string(row.complaint) + "\n");
+        EXPECT_EQ(err + out, "crrecord: " + std::string(row.complaint) + "\n");
         EXPECT_EQ(Files(), "do empty in seg two ");
     }
     EXPECT_EQ(Run("verify in in"), 1); // not a record at all

@@ -20,11 +20,18 @@ struct HashOfContainer {
     std::uint64_t operator()(auto const& entry) const { return HashOfNumber(entry.dcid); }
 };
 
-// Adds to a sum of bytes. Throws Failure where it would pass 64 bits.
+// A sum of bytes would pass 64 bits.
+struct TooManyBytes : Failure {
+    TooManyBytes() : Failure("the records tell of more than 2^64 - 1 bytes") {}
+};
+
+// Adds to a sum of bytes, or throws TooManyBytes and leaves it as it was.
 inline void AddBytes(std::uint64_t& sum, std::uint64_t bytes) {
-    if (__builtin_add_overflow(sum, bytes, &sum)) {
-        throw Failure("the records tell of more than 2^64 - 1 bytes");
+    std::uint64_t more = 0;
+    if (__builtin_add_overflow(sum, bytes, &more)) {
+        throw TooManyBytes();
     }
+    sum = more;
 }
 
 // Memory: 43 bytes for each container.

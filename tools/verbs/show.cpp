@@ -83,7 +83,7 @@ public:
         if (!options_.json && !options_.text && records_ != 0) {
             out_.Print("\n{} in {}, describing {} of segments\n",
                        Counted(records_, objects_ == 0 ? "record" : "segment record"), Counted(recordBytes_, "byte"),
-                       Counted(segmentBytes_, "byte"));
+                       segmentBytes_ ? Counted(*segmentBytes_, "byte") : "more than 2^64 - 1 bytes");
         }
     }
 
@@ -114,7 +114,13 @@ private:
         out_.FlushWhenFull();
         ++records_;
         recordBytes_ += record.size;
-        segmentBytes_ += AsSegmentRecord(record).size;
+        AddSegmentBytes(AsSegmentRecord(record).size);
+    }
+
+    void AddSegmentBytes(std::uint64_t bytes) {
+        if (segmentBytes_ && __builtin_add_overflow(*segmentBytes_, bytes, &*segmentBytes_)) {
+            segmentBytes_.reset();
+        }
     }
 
     // A DO record, or an exchange form as the record that it makes.
@@ -158,7 +164,7 @@ private:
     std::uint64_t objects_ = 0;
     std::uint64_t records_ = 0; // segment records
     std::uint64_t recordBytes_ = 0;
-    std::uint64_t segmentBytes_ = 0;
+    std::optional<std::uint64_t> segmentBytes_ = 0; // none: more than fit
 };
 
 ExitCode Show(ShowOptions const& options, Output& out) {

@@ -36,10 +36,21 @@ bool IsValid(Record const& record, std::vector<Finding>& findings) {
     }
 }
 
+template <class Counter>
+void CountRecord(std::string const& file, Record const& record, Counter& counter) {
+    switch (record.kind) {
+    case Kind::Segment: counter.CountSegment(record, SegmentOf(record)); break;
+    case Kind::Form: counter.CountObject(record, OpenDORecord(file, record)->GetHeader()); break;
+    default: counter.CountObject(record, reinterpret_cast<DORecordHeader const*>(record.bytes));
+    }
+}
+
 // Gives each valid record of an input to counter.CountSegment(record, StoredSegment) or
-// counter.CountObject(record, header), and the number of bad ones to counter.CountBad.
+// counter.CountObject(record, header), and the number of bad ones to counter.CountBad. One with which a sum would be
+// too large is told and left out.
 template <class Counter>
 ExitCode CountInput(RecordStream& stream, Counter& counter) {
+    ExitCode result = ExitCode::AllWell;
     std::vector<Finding> findings;
     std::uint64_t bad = 0;
     while (Record const* const record = stream.Next()) {
@@ -47,16 +58,20 @@ ExitCode CountInput(RecordStream& stream, Counter& counter) {
             Diagnose(*record, Depth::FirstError, findings);
             Complain(Describe(stream.Name(), *record, findings.front()));
             ++bad;
-        } else if (record->kind == Kind::Segment) {
-            counter.CountSegment(*record, SegmentOf(*record));
-        } else if (record->kind == Kind::Form) {
-            counter.CountObject(*record, OpenDORecord(stream.Name(), *record)->GetHeader());
-        } else {
-            counter.CountObject(*record, reinterpret_cast<DORecordHeader const*>(record->bytes));
+            result = std::max(result, ExitCode::BadRecord);
+            continue;
+        }
+        try {
+            CountRecord(stream.Name(), *record, counter);
+        } catch (TooManyBytes const&) {
+            Complain(
+                fmt::format("{}: record {} at byte {}: left out: with it the sum would be more than 2^64 - 1 bytes",
+                            stream.Name(), record->number, record->offset));
+            result = ExitCode::CouldNotWork;
         }
     }
     counter.CountBad(bad);
-    return bad == 0 ? ExitCode::AllWell : ExitCode::BadRecord;
+    return result;
 }
 
 // Adds everything up.
@@ -65,9 +80,9 @@ public:
     explicit Totals(StatsOptions const& options) : options_(options) {}
 
     void CountSegment(Record const&, StoredSegment const& segment) {
+        AddBytes(bytes_, segment.size);
         ++records_;
         ++segments_;
-        AddBytes(bytes_, segment.size);
         if (segment.inContainer) {
             containers_.Add({segment.dcid, 1, segment.size, 1});
         } else {
@@ -82,10 +97,11 @@ public:
     }
 
     void CountObject(Record const&, DORecordHeader const* header) {
+        CheckRoom(header);
         ++records_;
         auto const count = [this](Run const& run) {
             segments_ += run.segments;
-            AddBytes(bytes_, run.bytes);
+            bytes_ += run.bytes;
             containers_.Add({run.dcid, run.segments, run.bytes, run.segments == 0 ? 0UL : 1UL});
         };
         if (!options_.unique) {
@@ -104,6 +120,9 @@ public:
     }
 
     void CountBad(std::uint64_t records) { bad_ += records; }
+
+    // Whether a record was counted, a bad one too.
+    bool Any() const { return records_ + bad_ != 0; }
 
     void PrintJson(Output& out) const {
         out.Print(R"({},"records":"{}","bad_records":"{}","segments":"{}","bytes":"{}",)"
@@ -145,6 +164,17 @@ public:
     }
 
 private:
+    // Throws TooManyBytes where the record's bytes would not fit beside the others.
+    void CheckRoom(DORecordHeader const* header) const {
+        // Segments have at most the object's bytes, so that they need not be read for this.
+        bool const isBloom = header->dotype == CR_DO_TYPE_BLOOM_FILTER;
+        if (isBloom || DOSegmentSource::Of(header).objectSize > kMost64 - bytes_) {
+            std::uint64_t sum = bytes_;
+            ForEachRun(
+                header, [](DOSegment const&) {}, [&sum](Run const& run) { AddBytes(sum, run.bytes); });
+        }
+    }
+
     StatsOptions const& options_;
     Containers containers_;
     UniqueSegments unique_;
@@ -173,6 +203,7 @@ public:
     }
 
     void CountSegment(Record const& record, StoredSegment const& segment) {
+        Forget();
         if (segment.inContainer) {
             Count({segment.dcid, 1, segment.size});
             Tell(record);
@@ -180,6 +211,7 @@ public:
     }
 
     void CountObject(Record const& record, DORecordHeader const* header) {
+        Forget();
         ForEachRun(
             header, [](DOSegment const&) {}, [this](Run const& run) { Count(run); });
         Tell(record);
@@ -200,12 +232,19 @@ private:
     }
 
     void Tell(Record const& record) {
-        if (!std::exchange(found_, false)) {
-            return;
+        if (found_) {
+            for (ContainerTotals const& container : wanted_) {
+                if (container.fragments != 0) {
+                    Print(record, container);
+                }
+            }
         }
-        for (ContainerTotals& container : wanted_) {
-            if (container.fragments != 0) {
-                Print(record, container);
+    }
+
+    // What the record in front needs, which may have been left out.
+    void Forget() {
+        if (std::exchange(found_, false)) {
+            for (ContainerTotals& container : wanted_) {
                 container = {container.dcid, 0, 0, 0};
             }
         }
@@ -240,10 +279,8 @@ ExitCode Stats(StatsOptions const& options, Output& out) {
     Totals totals(options);
     ExitCode const result =
         ForEachInput(options.files, options.form, [&](RecordStream& stream) { return CountInput(stream, totals); });
-    if (options.json) {
-        totals.PrintJson(out);
-    } else {
-        totals.PrintTable(out);
+    if (totals.Any()) {
+        options.json ? totals.PrintJson(out) : totals.PrintTable(out);
     }
     return result;
 }
