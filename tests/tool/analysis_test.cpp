@@ -56,6 +56,8 @@ TEST_F(Tool, DiffTellsWhatElseDiffers) {
     json found = json::parse(out);
     found.merge_patch(expected);
     EXPECT_EQ(json::parse(out), found);
+    Run("diff a b | grep -A 9 'mtime: 1996-02-26 22:24:52 UTC ->'");
+    EXPECT_NE(out.find("container 65: 1 segment of 5 bytes, 0 bytes listed -> 1 "), out.npos) << out;
     Write("a", Spell(bloom, true).bytes);
     bloom.bitmap[4] ^= 1;
     Write("b", Spell(bloom, true).bytes);

@@ -1,6 +1,7 @@
 #include "analysis/record_diff.h"
 
 #include "record/references.h"
+#include "record/show_object.h"
 
 #include <algorithm>
 #include <cstring>
@@ -9,19 +10,30 @@ namespace crrecord::tool {
 
 namespace {
 
+std::string Decimal(std::uint64_t value) {
+    return std::to_string(value);
+}
+
+// Of a field of 32 bits.
+template <std::string (*Text)(unsigned int)>
+std::string As(std::uint64_t value) {
+    return Text(static_cast<unsigned int>(value));
+}
+
 struct HeaderField {
     char const* name;
     std::uint64_t (*get)(DORecord const&);
+    std::string (*text)(std::uint64_t) = Decimal;
 };
 constexpr HeaderField kHeaderFields[] = {
-    {"flags", [](DORecord const& record) -> std::uint64_t { return record.GetFlags(); }},
-    {"checktime", [](DORecord const& record) -> std::uint64_t { return record.GetCheckTime(); }},
+    {"flags", [](DORecord const& record) -> std::uint64_t { return record.GetFlags(); }, As<FlagsText>},
+    {"checktime", [](DORecord const& record) -> std::uint64_t { return record.GetCheckTime(); }, As<TimeText>},
     {"CID", [](DORecord const& record) -> std::uint64_t { return record.GetDCID(); }},
     {"size", [](DORecord const& record) -> std::uint64_t { return record.GetSize(); }},
     {"ssize", [](DORecord const& record) -> std::uint64_t { return record.GetSsize(); }},
-    {"CRC", [](DORecord const& record) -> std::uint64_t { return record.GetCrc(); }},
-    {"ctime", [](DORecord const& record) -> std::uint64_t { return record.GetCTime(); }},
-    {"mtime", [](DORecord const& record) -> std::uint64_t { return record.GetMTime(); }},
+    {"CRC", [](DORecord const& record) -> std::uint64_t { return record.GetCrc(); }, As<CrcText>},
+    {"ctime", [](DORecord const& record) -> std::uint64_t { return record.GetCTime(); }, As<TimeText>},
+    {"mtime", [](DORecord const& record) -> std::uint64_t { return record.GetMTime(); }, As<TimeText>},
     {"nfp", [](DORecord const& record) -> std::uint64_t { return record.GetNfp(); }},
     {"nudcid", [](DORecord const& record) -> std::uint64_t { return record.GetNudcid(); }},
     {"bsize", [](DORecord const& record) -> std::uint64_t { return record.GetBSize(); }},
@@ -71,12 +83,12 @@ private:
 } // namespace
 
 void DiffHeaders(DORecord const& a, DORecord const& b,
-                 std::function<void(char const* name, std::uint64_t a, std::uint64_t b)> const& use) {
+                 std::function<void(char const* name, HeaderValue const& a, HeaderValue const& b)> const& use) {
     for (HeaderField const& field : kHeaderFields) {
         std::uint64_t const inA = field.get(a);
         std::uint64_t const inB = field.get(b);
         if (inA != inB) {
-            use(field.name, inA, inB);
+            use(field.name, {inA, field.text(inA)}, {inB, field.text(inB)});
         }
     }
 }

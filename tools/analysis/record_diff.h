@@ -11,10 +11,16 @@
 
 namespace crrecord::tool {
 
+// A field's value, also as people read it.
+struct HeaderValue {
+    std::uint64_t number;
+    std::string text;
+};
+
 // Calls use(name, a, b) for each field of the header that differs. Fields that follow from what else differs (type,
 // record size, size of the references, numbers of legacy references) are left out, as is what has no meaning.
 void DiffHeaders(DORecord const& a, DORecord const& b,
-                 std::function<void(char const* name, std::uint64_t a, std::uint64_t b)> const& use);
+                 std::function<void(char const* name, HeaderValue const& a, HeaderValue const& b)> const& use);
 
 // Calls use(text, isInB) for each reference that one record has and the other has not.
 void DiffReferences(DORecord const& a, DORecord const& b,

@@ -41,9 +41,9 @@ void PrintHeader(Output& out, Record const& record, DORecordView const& view) {
     row("fingerprints", fmt::format("{}: {}", view.GetFPType(), NameOfFingerprint(view.GetFPType())));
     row("object", fmt::format("{} in {}", Counted(view.GetSize(), "byte"), Counted(view.Segments().size(), "segment")));
     row("segment size", Counted(view.GetSsize(), "byte"));
-    row("CRC", fmt::format("{:08x}", view.GetCrc()));
+    row("CRC", CrcText(view.GetCrc()));
     row("own container", std::to_string(view.GetDCID()));
-    row("flags", fmt::format("{:#06x}", view.GetFlags()));
+    row("flags", FlagsText(view.GetFlags()));
     row("created", TimeText(view.GetCTime()));
     row("changed", TimeText(view.GetMTime()));
     row("checked", TimeText(view.GetCheckTime()));
@@ -100,6 +100,14 @@ void PrintSegments(Output& out, DORecordView const& view, Range range) {
 
 std::string TimeText(unsigned int seconds) {
     return seconds == 0 ? "never" : fmt::format("{:%Y-%m-%d %H:%M:%S} UTC", fmt::gmtime(std::time_t{seconds}));
+}
+
+std::string CrcText(unsigned int crc) {
+    return fmt::format("{:08x}", crc);
+}
+
+std::string FlagsText(unsigned int flags) {
+    return fmt::format("{:#06x}", flags);
 }
 
 char const* NameOfDOType(unsigned int dotype) noexcept {

@@ -18,6 +18,10 @@ Range ParseRange(std::string const& option, std::string const& text, std::uint64
 // "2024-01-01 00:00:00 UTC", or "never" for 0.
 std::string TimeText(unsigned int seconds);
 
+// "0000beef", "0x0002".
+std::string CrcText(unsigned int crc);
+std::string FlagsText(unsigned int flags);
+
 // Of a valid DO type.
 char const* NameOfDOType(unsigned int dotype) noexcept;
 

@@ -119,12 +119,12 @@ private:
 
     void DiffHeader() {
         Open("header");
-        DiffHeaders(a_, b_, [this](char const* name, std::uint64_t a, std::uint64_t b) {
+        DiffHeaders(a_, b_, [this](char const* name, HeaderValue const& a, HeaderValue const& b) {
             same_ = false;
             if (options_.json) {
-                out_.Print(R"({}{{"field":"{}","a":"{}","b":"{}"}})", Separator(), name, a, b);
+                out_.Print(R"({}{{"field":"{}","a":"{}","b":"{}"}})", Separator(), name, a.number, b.number);
             } else {
-                out_.Print("header    {}: {} -> {}\n", name, a, b);
+                out_.Print("header    {}: {} -> {}\n", name, a.text, b.text);
             }
         });
         Close();
@@ -158,15 +158,18 @@ private:
         Open("containers");
         for (ContainerDiff const& container : DiffContainers(a_, b_)) {
             same_ = false;
-            char const* const format = options_.json ? R"({{"segments":"{}","bytes":"{}","listed":"{}"}})"
-                                                     : "{} segments of {} bytes, {} bytes listed";
-            auto const text = [format](ContainerUse const& use) {
-                return fmt::format(fmt::runtime(format), use.segments, use.bytes, use.listed);
-            };
             if (options_.json) {
-                out_.Print(R"({}{{"dcid":"{}","a":{},"b":{}}})", Separator(), container.dcid, text(container.a),
-                           text(container.b));
+                auto const object = [](ContainerUse const& use) {
+                    return fmt::format(R"({{"segments":"{}","bytes":"{}","listed":"{}"}})", use.segments, use.bytes,
+                                       use.listed);
+                };
+                out_.Print(R"({}{{"dcid":"{}","a":{},"b":{}}})", Separator(), container.dcid, object(container.a),
+                           object(container.b));
             } else {
+                auto const text = [](ContainerUse const& use) {
+                    return fmt::format("{} of {}, {} listed", Counted(use.segments, "segment"),
+                                       Counted(use.bytes, "byte"), Counted(use.listed, "byte"));
+                };
                 out_.Print("container {}: {} -> {}\n", container.dcid, text(container.a), text(container.b));
             }
         }
