@@ -2,6 +2,8 @@
 
 #include "tool/tool.h"
 
+#include <unistd.h>
+
 namespace {
 
 // Records of the same size that lie one behind the other in the tests.
@@ -71,6 +73,15 @@ TEST_F(Tool, ShowsEveryFieldInEitherOrder) {
                              "[65,18446744073709551614,9332165983064197000],[,,\xf0]\n";
     ASSERT_EQ(Run("show --text in"), 0);
     EXPECT_EQ(out, line + line);
+    Splice(network, 96 + 3 * 8, {0x1b});
+    Write("in", network);
+    int const terminal = getpt();
+    ASSERT_EQ(unlockpt(terminal), 0);
+    EXPECT_EQ(Run("show --text in; $T show --text in >" + std::string(ptsname(terminal))), 0) << err;
+    std::string shown(out.size() + 1, ' '); // its newline has a carriage return in front
+    EXPECT_EQ(read(terminal, shown.data(), shown.size()), static_cast<ssize_t>(shown.size()));
+    EXPECT_TRUE(out.find(",[\x1b,") != out.npos && shown.find(",[?,") != out.npos) << out << shown;
+    close(terminal);
 }
 
 // One field of the middle one of three records is changed. The last one is found wherever the middle one ends.

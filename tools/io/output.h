@@ -35,6 +35,8 @@ public:
         FlushWhenFull();
     }
 
+    bool IsTerminal() const { return terminal_; }
+
     // The text in a colour, where the output is a terminal.
     std::string Paint(std::string_view text, Colour colour) const { return Painted(text, colour, coloured_); }
 

@@ -24,20 +24,28 @@ struct ShowOptions {
     bool showKeys = false;
 };
 
-// Takes what the library writes to a stream.
+// Takes what the library writes to a stream. The text form has bytes as they are, which a terminal is spared.
 class OutputBuffer : public std::streambuf {
 public:
     explicit OutputBuffer(Output& output) : output_(output) {}
 
 private:
     std::streamsize xsputn(char const* text, std::streamsize size) override {
-        output_.Write({text, static_cast<std::size_t>(size)});
+        Write({text, static_cast<std::size_t>(size)});
         return size;
     }
     int_type overflow(int_type character) override {
         char const text = traits_type::to_char_type(character);
-        output_.Write({&text, 1});
+        Write({&text, 1});
         return character;
+    }
+
+    void Write(std::string_view text) {
+        if (output_.IsTerminal()) {
+            output_.Write(Printable(text));
+        } else {
+            output_.Write(text);
+        }
     }
 
     Output& output_;
