@@ -220,7 +220,7 @@ void AddCutOptions(CLI::App& verb, CutOptions& options, unsigned int mostBytes) 
         ->check(range(CR_FP_TYPE_MD5, CR_FP_TYPE_SHA256))
         ->type_name("N")
         ->capture_default_str();
-    verb.add_option("--first-container", options.firstContainer, "Id of the first container")
+    verb.add_option("--first-container", options.firstContainer, "Id of the first container, at most 4294967295")
         ->check(range(CutOptions::kLeastContainer, CutOptions::kMost32))
         ->type_name("ID")
         ->capture_default_str();

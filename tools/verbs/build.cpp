@@ -168,7 +168,7 @@ void AddBuild(CLI::App& app, Action& chosen) {
         "Reads FILE once, and hashes on all processors. The record is in network order and has the list of its\n"
         "containers. Its CRC is the CRC-32 of all of FILE, its own container the last one filled. With DO type 3 the\n"
         "holes of a sparse FILE are gaps between the segments; otherwise, and in standard input, they are zeros like\n"
-        "any others.\n\n"
+        "any others. An empty FILE, or one that is one such gap, has no segments: status 2.\n\n"
         "Example:\n  crrecord build movie.mkv -o movie.do --task 17");
     verb->callback([options, &chosen] { chosen = [options](Output& out) { return Build(*options, out); }; });
 }

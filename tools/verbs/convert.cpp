@@ -210,7 +210,8 @@ void AddConvert(CLI::App& app, Action& chosen) {
     verb->footer(
         "An exchange form says neither where it ends nor of which types it is. So one is written of a FILE with one\n"
         "record only, and must be told of to be read. It carries no references and no list of containers (but for a\n"
-        "bloom record's), and with --checksum the checksum of itself in place of the record's CRC.\n\n"
+        "bloom record's), and with --checksum the checksum of itself in place of the record's CRC. No verb reads that\n"
+        "of a segment record.\n\n"
         "JSON is one object a line for each record, and found out by itself when it is read. Nothing is lost on the "
         "way:\n"
         "every valid record comes back byte for byte.\n\n"

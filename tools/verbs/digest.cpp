@@ -61,9 +61,10 @@ void AddDigest(CLI::App& app, Action& chosen) {
         ->type_name("");
     verb->add_flag("--json", options->json, "One JSON object a line for each record");
     AddFormOptions(*verb, options->form);
-    verb->footer("Equal content cut alike has equal digests, whatever the byte order or form of the record. Segment\n"
-                 "records, and records of DO type 0 with more than one segment, have none: -.\n\n"
-                 "Example:\n  crrecord digest movie.do");
+    verb->footer(
+        "Equal content cut alike has equal digests, whatever the byte order or form of the record, where validate\n"
+        "has no notes on it. Segment records, and records of DO type 0 with more than one segment, have none: -.\n\n"
+        "Example:\n  crrecord digest movie.do");
     verb->callback([options, &chosen] {
         chosen = [options](Output& out) {
             return ForEachInput(options->files, options->form,
