@@ -38,6 +38,10 @@ public:
                 ReadBytes(ReadOffset(line));
             }
         }
+        if (at_ == 0) {
+            throw BadText(Printable(text_.Name()) +
+                          ": has no bytes, expected lines of an offset and bytes as annotate writes them");
+        }
         return at_;
     }
 

@@ -16,8 +16,8 @@ struct BadText : std::runtime_error {
 
 // Writes the bytes of the lines that have some: an offset, two blanks, bytes of two digits with a blank between them,
 // and then two blanks or the line's end. Each line goes on where the one in front of it ended, the first one at 0.
-// Lines that are empty or begin with '#', '!' or a blank have no bytes. Returns the bytes written. Throws BadText, and
-// InputFailure and Failure.
+// Lines that are empty or begin with '#', '!' or a blank have no bytes. Returns the bytes written, at least one. Throws
+// BadText, and InputFailure and Failure.
 std::uint64_t ReadBack(RecordStream& text, OutputFile& to);
 
 } // namespace crrecord::tool

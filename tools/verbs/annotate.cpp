@@ -41,6 +41,7 @@ ExitCode AnnotateInput(RecordStream& stream, Rows rows) {
 }
 
 ExitCode ReadBackFile(AnnotateOptions const& options, Output& out) {
+    RefuseToReplace({options.text}, options.out, "bytes");
     RecordStream text(options.text);
     OutputFile to(options.out);
     try {
@@ -92,7 +93,7 @@ void AddAnnotate(CLI::App& app, Action& chosen) {
         "--reverse takes the bytes and leaves the rest: each line with bytes begins with the offset at which the one "
         "in\n"
         "front of it ended, and lines that are empty or begin with #, ! or a blank have none. Bytes may be changed,\n"
-        "which makes a record that is broken as you want it.\n\n"
+        "which makes a record that is broken as you want it. A text without bytes is refused.\n\n"
         "The text has all of the record, key bytes too. For what may leave the house: crrecord redact.\n\n"
         "Example:\n  crrecord annotate movie.do >movie.txt\n  crrecord annotate --reverse movie.txt -o movie.do");
     verb->callback([options, &chosen] { chosen = [options](Output& out) { return Annotate(*options, out); }; });

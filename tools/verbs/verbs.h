@@ -54,8 +54,8 @@ inline void PrintClosing(Output& out, std::string const& path, bool asked, std::
 // digits are the largest number to it, and "010" is 8.
 CLI::Validator WholeNumber(std::uint64_t most);
 
-// For verbs whose output has less than their input: throws Failure where `out` is one of the files. `written` is what
-// would replace it.
+// For inputs that the output doesn't hold: throws Failure where `out` is one of the files. `written` is what would
+// replace it.
 void RefuseToReplace(std::vector<std::string> const& files, std::string const& out, std::string_view written);
 
 // The options of verbs that read exchange forms too.

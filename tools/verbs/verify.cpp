@@ -174,6 +174,9 @@ private:
 };
 
 ExitCode Verify(VerifyOptions const& options, Output& out) {
+    if (options.record == "-" && options.file == "-") {
+        throw Failure("standard input can be either the record or the file");
+    }
     RecordStream stream(options.record, options.form.Facts());
     std::unique_ptr<DORecord> const record = OpenOnlyDORecord(stream);
     if (!record) {
