@@ -107,7 +107,7 @@ TEST_F(Tool, RefsChangesAllRecordsInTheirOrder) {
     changed.references = {{2, 5}, {2, 7}, {4, 1}};
     legacy.taskIds = {7, 3};
     Write("in", Spell(values, true).bytes + Spell(legacy, false).bytes);
-    Write("active", Text("18446744073709551615\n7"));
+    Write("active", Text("18446744073709551615\r\n7"));
     ASSERT_EQ(Run("refs in --add task:5 --add dsid:1 --remove ref6:9 --drop-inactive active -o in --json"), 0) << err;
     EXPECT_EQ(json::parse(out), json::parse(R"({"schema": 1, "file": "in", "out": "in", "records": "2", "added": "4",
         "removed": "1", "dropped": "2", "references": "6"})"));
@@ -117,10 +117,11 @@ TEST_F(Tool, RefsChangesAllRecordsInTheirOrder) {
     Splice(timeless, expected.size() / 2 + 0x30, Spelled(values.mtime, 4, false));
     EXPECT_TRUE(written != timeless && timeless == expected);
     std::pair<char const*, std::string> const refusals[] = {
-        {"--add task:1x", "--add: found \"task:1x\", expected a reference such as task:17, dsid:5 or ref6:9\n"},
+        {"--add task:1x", "--add: found \"task:1x\", expected a reference such as task:17 (kind 2), dsid:5 (kind 4) or "
+                          "ref6:9, of kinds 0 to 10 and ids 0 to 18446744073709551615, of dsid to 4294967295\n"},
         {"--remove ref10:1", "in: record 1 at byte 0: The type of reference ref10:1 is unsupported for a DO\n"},
-        {"--drop-inactive bad", "bad: line 2: found \"\", expected a task id\n"}};
-    Write("bad", Text("3\n\n7\n"));
+        {"--drop-inactive bad", "bad: line 2: found \"?x\", expected a task id\n"}};
+    Write("bad", Text("3\n") + Bytes(1) + Text("x\n7\n"));
     for (auto const& [options, text] : refusals) {
         EXPECT_TRUE(Run(std::string("refs in -o in ") + options) == 2 && err == "crrecord: " + text) << err;
     }

@@ -2,9 +2,6 @@
 
 #include "support/unique_list.h"
 
-#include <memory>
-#include <new>
-
 #include <fmt/format.h>
 
 namespace crrecord::tool::json {
@@ -52,10 +49,6 @@ void Append(std::vector<unsigned char>& to, void const* bytes, std::size_t size)
     auto const* const from = static_cast<unsigned char const*>(bytes);
     to.insert(to.end(), from, from + size);
 }
-
-struct FreeReference {
-    void operator()(_cr_tref_t* reference) const { CRTRefDelete(&reference); }
-};
 
 } // namespace
 
@@ -134,21 +127,17 @@ void ObjectReader::MeasureBitmap(Value value, MemberFacts const&) {
     }
 }
 
-_cr_tref_t* ObjectReader::NewReference(Value& value) {
-    char const* const expected = "a reference such as \"task:17\", \"dsid:5\" or \"ref6:9\"";
-    std::string_view const text = parser_.String(value, expected);
-    unsigned long consumed = 0;
-    _cr_tref_t* const reference = CRTRefNewDeserialize(text.data(), text.size(), CR_TREF_TEXT, &consumed);
-    if (!reference || consumed != text.size()) {
-        FreeReference()(reference);
-        parser_.FailExpecting(value, expected);
+Reference ObjectReader::ReadReference(Value& value) {
+    Reference reference = ParseReference(parser_.String(value, kReferenceForm));
+    if (!reference) {
+        parser_.FailExpecting(value, kReferenceForm);
     }
     return reference;
 }
 
 void ObjectReader::ReadReferences(Value value, MemberFacts const& member) {
     parser_.ForEachElement(value, member.name, [this](Value& element, std::uint64_t) {
-        std::unique_ptr<_cr_tref_t, FreeReference> const reference(NewReference(element));
+        Reference const reference = ReadReference(element);
         unsigned char bytes[CR_TREF_TEXT_SIZE];
         Append(references_, bytes, CRTRefSerialize(bytes, sizeof bytes, reference.get(), CR_TREF_SERIALIZED));
     });
@@ -156,7 +145,7 @@ void ObjectReader::ReadReferences(Value value, MemberFacts const& member) {
 
 void ObjectReader::ReadLegacyReferences(Value value, MemberFacts const& member) {
     parser_.ForEachElement(value, member.name, [this](Value& element, std::uint64_t) {
-        std::unique_ptr<_cr_tref_t, FreeReference> const reference(NewReference(element));
+        Reference const reference = ReadReference(element);
         cr_reftype_t const kind = CRTRefGetType(reference.get());
         std::uint64_t const id = CRTRefGetID(reference.get());
         if (kind == CR_REFTYPE_TASKID && dsids_.empty()) {

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "record/references.h"
 #include "support/record_layout.h"
 #include "json/record_reader.h"
 
@@ -46,7 +47,7 @@ private:
     // The header with its counts, room for the sections, and those of them that are known by now.
     void Place(std::vector<unsigned char>& record);
     void RequireBloom(Value& value);
-    _cr_tref_t* NewReference(Value& value);
+    Reference ReadReference(Value& value);
 
     DORecordHeader header_{};
     RecordLayout layout_{RecordCounts{}};

@@ -8,6 +8,10 @@
 #include <crrecord/DORecord.h>
 #include <crrecord/DORecordView.h>
 
+#include <memory>
+#include <string_view>
+#include <utility>
+
 namespace crrecord::tool {
 
 class ReferenceText {
@@ -19,6 +23,22 @@ public:
 private:
     char text_[CR_TREF_TEXT_SIZE];
 };
+
+struct ReleaseReference {
+    void operator()(_cr_tref_t* reference) const { CRTRefDelete(&reference); }
+};
+using Reference = std::unique_ptr<_cr_tref_t, ReleaseReference>;
+
+// What ParseReference takes.
+inline constexpr char kReferenceForm[] = "a reference such as task:17 (kind 2), dsid:5 (kind 4) or ref6:9, of kinds "
+                                         "0 to 10 and ids 0 to 18446744073709551615, of dsid to 4294967295";
+
+// Null where the text is no reference.
+inline Reference ParseReference(std::string_view text) {
+    unsigned long consumed = 0;
+    Reference reference(CRTRefNewDeserialize(text.data(), text.size(), CR_TREF_TEXT, &consumed));
+    return consumed == text.size() ? std::move(reference) : nullptr;
+}
 
 // Calls use(text) for each one of the legacy arrays.
 template <class Use>

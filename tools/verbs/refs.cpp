@@ -21,25 +21,14 @@ struct RefsOptions {
     bool Changes() const { return !add.empty() || !remove.empty() || !active.empty(); }
 };
 
-struct ReleaseReference {
-    void operator()(_cr_tref_t* reference) const { CRTRefDelete(&reference); }
-};
-using Reference = std::unique_ptr<_cr_tref_t, ReleaseReference>;
-
-Reference ParseReference(char const* option, std::string const& text) {
-    unsigned long consumed = 0;
-    Reference reference(CRTRefNewDeserialize(text.data(), text.size(), CR_TREF_TEXT, &consumed));
-    if (!reference) {
-        throw Failure(
-            fmt::format("{}: found \"{}\", expected a reference such as task:17, dsid:5 or ref6:9", option, text));
-    }
-    return reference;
-}
-
 std::vector<Reference> ParseReferences(char const* option, std::vector<std::string> const& texts) {
     std::vector<Reference> references;
     for (std::string const& text : texts) {
-        references.push_back(ParseReference(option, text));
+        Reference reference = ParseReference(text);
+        if (!reference) {
+            throw Failure(fmt::format("{}: found \"{}\", expected {}", option, text, kReferenceForm));
+        }
+        references.push_back(std::move(reference));
     }
     return references;
 }
@@ -199,6 +188,7 @@ ExitCode Refs(RefsOptions const& options, Output& out) {
     if (options.file == "-" && options.active == "-") {
         throw Failure("standard input can be either the records or the active tasks");
     }
+    RefuseToReplace({options.active}, options.out, "records");
     return options.Changes() ? ChangeAll(options, out) : List(options, out);
 }
 
