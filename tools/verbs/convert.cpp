@@ -54,6 +54,9 @@ std::uint64_t WriteForm(OutputFile& to, std::string const& file, Record const& r
     unsigned long size = 0;
     cr_status_t status = CR_STATUS_OK;
     if (record.kind == Kind::Segment) {
+        if (withChecksum) {
+            throw Failure(file + ": is a segment record, whose exchange form has no checksum");
+        }
         TurnSegmentRecord(record, Order::Host);
         status = SegmentRecordSerialize(&AsSegmentRecord(record), &form, &size);
     } else {
@@ -94,7 +97,8 @@ class Converter {
 public:
     explicit Converter(ConvertOptions const& options) : options_(options), to_(options.out) {}
 
-    void Convert(Record const& record, Order foundIn) {
+    // Of a record from JSON, `foundIn` is the order that the line says.
+    void Convert(Record const& record, std::optional<Order> foundIn = std::nullopt) {
         bool changed = true;
         if (options_.to == kSerialized) {
             if (tally_.records != 0) {
@@ -103,11 +107,11 @@ public:
             }
             tally_.bytes += WriteForm(to_, options_.file, record, options_.form.checksum);
         } else if (options_.to == kJson) {
-            WriteLine(to_.Text(), options_.file, record, foundIn);
+            WriteLine(to_.Text(), options_.file, record, foundIn.value_or(record.order));
             tally_.bytes = to_.Text().Size();
         } else {
             Order const order = options_.to == NameOf(Order::Host) ? Order::Host : Order::Network;
-            changed = record.kind == Kind::Form || record.order != order;
+            changed = foundIn || record.kind == Kind::Form || record.order != order;
             tally_.bytes += WriteRecord(to_, options_.file, record, order);
         }
         ++tally_.records;
@@ -145,7 +149,7 @@ ExitCode ConvertRecords(RecordStream& stream, Converter& converter) {
             Complain(Describe(stream.Name(), *record, findings.front()));
             return ExitCode::BadRecord;
         }
-        converter.Convert(*record, record->order);
+        converter.Convert(*record);
     }
     return ExitCode::AllWell;
 }
@@ -206,6 +210,7 @@ void AddConvert(CLI::App& app, Action& chosen) {
         ->type_name("host|network|serialized|json");
     verb->add_option("-o,--out", options->out, "The file to write; - is standard output")->required()->type_name("OUT");
     AddFormOptions(*verb, options->form);
+    verb->get_option("--checksum")->remove_needs(verb->get_option("--serialized"));
     verb->add_flag("--json", options->json, "The closing line as a JSON object");
     verb->footer(
         "An exchange form says neither where it ends nor of which types it is. So one is written of a FILE with one\n"
@@ -219,7 +224,12 @@ void AddConvert(CLI::App& app, Action& chosen) {
         "FILE itself; standard output has the good records before it by then.\n\n"
         "Example:\n  crrecord convert movie.do --to serialized --checksum -o movie.form\n"
         "  crrecord convert movie.form --serialized --dotype 3 --fptype 3 --checksum --to network -o movie.do");
-    verb->callback([options, &chosen] { chosen = [options](Output& out) { return Convert(*options, out); }; });
+    verb->callback([options, &chosen] {
+        if (options->form.checksum && !options->form.serialized && options->to != kSerialized) {
+            throw CLI::RequiresError("--checksum", "--serialized or --to serialized");
+        }
+        chosen = [options](Output& out) { return Convert(*options, out); };
+    });
 }
 
 } // namespace crrecord::tool

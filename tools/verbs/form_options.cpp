@@ -18,7 +18,8 @@ void AddFormOptions(CLI::App& verb, FormOptions& options) {
                              ->type_name("N")
                              ->needs(serialized);
     serialized->needs(dotype)->needs(fptype);
-    verb.add_flag("--checksum", options.checksum, "The exchange form has the checksum of itself in its head");
+    verb.add_flag("--checksum", options.checksum, "The exchange form has the checksum of itself in its head")
+        ->needs(serialized);
 }
 
 } // namespace crrecord::tool
