@@ -117,6 +117,7 @@ BAD = [  # a good line, what is replaced and by what, where the complaint points
      "expected a string of 64 lower-case hexadecimal digits"),
     (DO3, ',"dcid":"70"', "", '{"index":1', "segments[1].dcid", "is missing"),
     (DO3, '"task:17"', '"task:17","job:1"', '"job', "references[1]", 'found "job:1", expected a reference'),
+    (DO3, '"task:17"', '"dsid:4294967296"', '"dsid', "references[0]", "of dsid to 4294967295"),
     (DO3, '"legacy_references":[]', '"legacy_references":["dsid:5","task:1"]', '"task:1"]', "legacy_references[1]", ""),
     (DO3, '"containers":[]', '"bitmap":"00","containers":[]', '"00"', "bitmap", "a record of DO type 3 has none"),
     (DO1, '"size":60', '"size":61', "61,", "segments[2].size", "found 61, expected 60"),
@@ -125,6 +126,7 @@ BAD = [  # a good line, what is replaced and by what, where the complaint points
     (SO, "0102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f2021", "masked", '"masked', "key", "is masked"),
     (SO, '"taskids":["17"]', '"taskids":[1]', "1],", "taskids[0]", "found 1, expected a string"),
     (SO, '"spare":"0"}', '"spare":"0"', None, "", "not well-formed JSON"),
+    (SO, '"schema":1,', '\n"schema":1,', None, "", "expected one record a line"),
     (SO, '"spare":"0"}', '"spare":"0"} {}', "{}", "", "expected nothing behind the object"),
     (SO, '"spare":"0"}', '"spare":"0', "{", "", "a string does not end"),
     (SO, '"type":2,', '"type":2\0,', "2\0,", "type", "found 2?, expected 2"),
@@ -145,6 +147,10 @@ def bad():
                 said.count("\n") != 1:
             failures.append(f"{name} {new[:40]!r}: status {done.returncode}, said {said!r}, "
                             f"expected {start!r} {words!r}")
+    for given in (b"[\n{}]", b"\xef\xbb\xbf{}", b" {}"):
+        said = run("validate", given=given).stdout.decode()
+        if "looks like JSON" not in said:
+            failures.append(f"{given}: said {said!r}")
     garbage = b"{" + b'"a":[' * 1000000 + b"1" * 20000000
     if run("convert", "-", "--to", "host", "-o", "-", given=garbage).returncode != 1:
         failures.append("garbage is taken")

@@ -35,7 +35,7 @@ std::string_view Explain(simdjson::error_code error) {
     case simdjson::UNESCAPED_CHARS: return "a control character in a string";
     case simdjson::STRING_ERROR: return "a string with a wrong escape";
     case simdjson::EMPTY: return "no JSON";
-    default: return "not well-formed JSON";
+    default: return "not well-formed JSON, expected one record a line";
     }
 }
 

@@ -46,7 +46,18 @@ cr_status_t DiagnoseBytes(Record const& record, cr_finding_callback_t keep, void
     }
 }
 
+// Whether an input that isn't records begins as JSON does, or with a byte order mark, as some write in front of it.
+bool LooksLikeJson(Record const& record) noexcept {
+    std::string_view const text(reinterpret_cast<char const*>(record.bytes), record.size);
+    std::size_t const start = text.find_first_not_of(" \t\r\n");
+    return record.kind == Kind::Unknown && record.offset == 0 && start != text.npos &&
+           (text[start] == '{' || text[start] == '[' || text.starts_with("\xef\xbb\xbf"));
+}
+
 char const* RemarkOn(Record const& record) noexcept {
+    if (LooksLikeJson(record)) {
+        return " (this looks like JSON: convert reads it, one record a line and nothing around them)";
+    }
     if (record.endsTooEarly) {
         return record.size == 0 ? " (the input is empty)" : " (the input ends within this record)";
     }
