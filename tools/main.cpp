@@ -30,6 +30,13 @@ std::string Chosen(CLI::App const& app) {
     return app.get_name() + (verbs.empty() ? "" : " " + Chosen(*verbs.front()));
 }
 
+// What was wrong with the command line. Of an option without its value the parser's own words are hard to read.
+std::string ReasonOf(CLI::ParseError const& error) {
+    std::string const text = error.what();
+    bool const lacksValue = error.get_name() == "ArgumentMismatch" && text.ends_with(" missing");
+    return lacksValue ? text.substr(0, text.find(':')) + ": expected a value behind it" : text;
+}
+
 // Help and version are no errors for the user, though they are for the parser.
 ExitCode EndParsing(CLI::App& app, CLI::ParseError const& error, Output& out) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
@@ -42,8 +49,8 @@ ExitCode EndParsing(CLI::App& app, CLI::ParseError const& error, Output& out) {
     // What was not understood says more than that a verb is missing.
     std::vector<std::string> const unknown = app.remaining();
     bool const misspelt = app.get_subcommands().empty() && !unknown.empty();
-    throw Failure((misspelt ? "no such verb or option: " + unknown.front() : error.what()) + " (try: " + Chosen(app) +
-                  " --help)");
+    throw Failure((misspelt ? "no such verb or option: " + unknown.front() : ReasonOf(error)) +
+                  " (try: " + Chosen(app) + " --help)");
 }
 
 ExitCode Run(int argc, char** argv) {

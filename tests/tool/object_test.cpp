@@ -117,6 +117,8 @@ TEST_F(Tool, ShowsEveryFieldOfADORecord) {
         "size": 2, "offset": "6", "dcid": "65"}]})");
     ASSERT_EQ(Run("show in --json --segments 2:"), 0);
     EXPECT_EQ(Lines()[0], expected);
+    ASSERT_EQ(Shell("$T show in --segments 3: | tail -n 1; $T show in --records 2:3"), 0);
+    EXPECT_EQ(out, "No segments in this range: the last one is 2\nin: no records in this range: the last one is 1\n");
     ASSERT_EQ(Run("show in --text"), 0);
     EXPECT_EQ(out.substr(0, 55), "3,1,2,65,8,3,2588679498,555885348,825373492,0,3,3,[[900");
     EXPECT_EQ(out.substr(out.size() - 31), "6710,2,6][64,64,65]],[task:99]\n");

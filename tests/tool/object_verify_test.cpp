@@ -33,7 +33,7 @@ TEST_F(Tool, HolesAreGapsOfType3AndZerosOtherwise) {
     EXPECT_EQ(out, "sparse: gap at byte 1056768, 1040384 bytes: expected zeros, found data at byte 1500000\n"
                    "sparse: 5 segments, 2097152 bytes: differs, 0 segments bad\n");
     for (std::string const type : {"0", "1", "2", "5"}) {
-        ASSERT_EQ(Run("build sparse -o zeros --segment-size 64K --json --dotype " + type), 0) << err;
+        ASSERT_EQ(Run("build sparse -o zeros --segment-size 64kiB --json --dotype " + type), 0) << err;
         EXPECT_EQ(json::parse(out)["segments"], "32");
         EXPECT_EQ(Run("verify zeros sparse"), 0) << out;
     }

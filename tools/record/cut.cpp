@@ -8,6 +8,9 @@
 #include <crrecord/status.h>
 
 #include <algorithm>
+#include <array>
+#include <cctype>
+#include <charconv>
 #include <span>
 #include <vector>
 
@@ -20,8 +23,6 @@ namespace {
 
 // Hashing a batch takes far longer than handing it to a thread, and it stays in that thread's cache meanwhile.
 constexpr std::uint64_t kBatch = 256UL * 1024;
-// What has a sign or too many digits is larger when it is read.
-constexpr std::uint64_t kLargestContainer = std::uint64_t{1} << 62;
 
 // Consecutive bytes of the input, and the segments that end in them.
 struct Batch {
@@ -200,20 +201,40 @@ private:
     Pipeline<Batch> pipeline_;
 };
 
+// Takes an option's text as a number of bytes from 1 to `most`, perhaps with a unit. Of what is none the parser's own
+// sizes tell in its terms, and "010" is 8 to them.
+CLI::Validator Size(std::uint64_t most) {
+    auto const read = [most](std::string& text) {
+        constexpr std::array<std::string_view, 7> kUnits{"", "k", "m", "g", "t", "p", "e"};
+        std::uint64_t number = 0;
+        auto const digits = std::min(text.find_first_not_of("0123456789"), text.size());
+        std::from_chars(text.data(), text.data() + digits, number);
+        std::string unit = text.substr(digits);
+        std::transform(unit.begin(), unit.end(), unit.begin(),
+                       [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+        unit.resize(unit.size() - (unit.ends_with("ib") ? 2 : unit.ends_with("b") ? 1 : 0));
+        auto const power = static_cast<std::size_t>(std::find(kUnits.begin(), kUnits.end(), unit) - kUnits.begin());
+        if (power == kUnits.size() || number == 0 || number > most >> 10 * power) {
+            return fmt::format("found \"{}\", expected a number of bytes of 1 to {}, such as 65536 or 64K",
+                               Printable(text), most);
+        }
+        text = std::to_string(number << 10 * power);
+        return std::string();
+    };
+    return {read, ""};
+}
+
 } // namespace
 
 void AddCutOptions(CLI::App& verb, CutOptions& options, unsigned int mostBytes) {
     // Without their descriptions, which would stand in the help where the value's name does.
-    auto const size = CLI::AsSizeValue(false).description("");
     auto const range = [](unsigned int least, unsigned int most) { return CLI::Range(least, most).description(""); };
     verb.add_option("--segment-size", options.segmentSize, "Bytes of each segment but the last, such as 64K")
-        ->transform(size)
-        ->check(range(1, mostBytes))
+        ->transform(Size(mostBytes))
         ->type_name("BYTES")
         ->capture_default_str();
     verb.add_option("--container-size", options.containerSize, "Bytes that a container holds, such as 64M")
-        ->transform(size)
-        ->check(CLI::Range(std::uint64_t{1}, kLargestContainer).description(""))
+        ->transform(Size(std::numeric_limits<std::uint64_t>::max()))
         ->type_name("BYTES")
         ->capture_default_str();
     verb.add_option("--fptype", options.fptype, "Fingerprint: 0 MD5, 1 SHA-1/128, 2 SHA-256/128, 3 SHA-256")

@@ -80,6 +80,9 @@ void PrintSegments(Output& out, DORecordView const& view, Range range) {
     DOSegmentRange const segments = view.Segments();
     std::uint64_t const end = range.EndOf(segments.size());
     if (range.first >= end) {
+        if (!segments.empty()) {
+            out.Print("\nNo segments in this range: the last one is {}\n", segments.size() - 1);
+        }
         return;
     }
     out.Write("\n");
@@ -124,7 +127,8 @@ Range ParseRange(std::string const& option, std::string const& text, std::uint64
     };
     if (colon == end || !read(text.data(), colon, range.first) || !read(colon + 1, end, range.last) ||
         range.first < least || range.last < range.first) {
-        throw CLI::ValidationError(option, "\"" + text + "\" is not FROM:TO, such as 1:20, 21: or :20");
+        throw CLI::ValidationError(option, fmt::format("\"{}\" is not FROM:TO, such as {}:{}, {}: or :{}", text, least,
+                                                       least + 19, least + 20, least + 19));
     }
     return range;
 }

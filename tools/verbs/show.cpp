@@ -62,11 +62,13 @@ public:
     ExitCode ShowInput(RecordStream& stream) {
         ExitCode result = ExitCode::AllWell;
         bool headed = false;
+        std::uint64_t passed = 0;
         while (Record const* const record = stream.Next()) {
             if (record->number > options_.records.last) {
                 break;
             }
             if (record->number < options_.records.first && !record->endsTooEarly && record->kind != Kind::Unknown) {
+                ++passed;
                 continue;
             }
             if (!Diagnose(*record, Depth::FirstError, findings_)) {
@@ -83,6 +85,9 @@ public:
             } else {
                 ShowObject(stream.Name(), *record);
             }
+        }
+        if (!headed && result == ExitCode::AllWell && !options_.json && !options_.text) {
+            out_.Print("{}: no records in this range: the last one is {}\n", Printable(stream.Name()), passed);
         }
         return result;
     }
