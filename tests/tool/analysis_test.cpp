@@ -99,6 +99,11 @@ TEST_F(Tool, SumsOfBytesDoNotWrap) {
     std::string const end = ": left out: with it the sum would be more than 2^64 - 1 bytes\n";
     EXPECT_EQ(err, "crrecord: in: record 2 at byte 192" + end + "crrecord: in: record 3 at byte 384" + end);
     EXPECT_TRUE(Run("stats --uses 64 --uses 65 --uses 70 in") == 2 && out.starts_with("in: record 4 ")) << out << err;
+    RecordValues computed{.dotype = 0, .size = 10, .ssize = 100}; // the last of three has 2^32 - 190 bytes
+    computed.segments.assign(3, {Bytes(16), 0, 0, 70});
+    Splice(large, 40, Spelled(~0ul - 99, 8, true));
+    Write("in", large + Spell(computed).bytes);
+    EXPECT_TRUE(Run("stats in") == 2 && err == "crrecord: in: record 2 at byte 192" + end) << err;
 }
 
 TEST_F(Tool, RefsChangesAllRecordsInTheirOrder) {

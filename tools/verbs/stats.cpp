@@ -5,6 +5,7 @@
 #include "analysis/unique_segments.h"
 #include "record/do_record.h"
 #include "record/findings.h"
+#include "support/record_layout.h"
 #include "verbs/verbs.h"
 
 namespace crrecord::tool {
@@ -166,9 +167,14 @@ public:
 private:
     // Throws TooManyBytes where the record's bytes would not fit beside the others.
     void CheckRoom(DORecordHeader const* header) const {
-        // Segments have at most the object's bytes, so that they need not be read for this.
+        // Mostly the segments need not be read for this. Their own sizes are the object's at most; where they have
+        // none, each is taken for less than 4 GiB, whatever that makes together.
+        constexpr std::uint64_t kLargestSegment = std::numeric_limits<std::uint32_t>::max();
         bool const isBloom = header->dotype == CR_DO_TYPE_BLOOM_FILTER;
-        if (isBloom || DOSegmentSource::Of(header).objectSize > kMost64 - bytes_) {
+        DOSegmentSource const segments = DOSegmentSource::Of(header);
+        std::uint64_t const most =
+            HasSegmentSize(header->dotype) ? segments.objectSize : segments.count * kLargestSegment;
+        if (isBloom || most > kMost64 - bytes_) {
             std::uint64_t sum = bytes_;
             ForEachRun(
                 header, [](DOSegment const&) {}, [&sum](Run const& run) { AddBytes(sum, run.bytes); });
