@@ -1,4 +1,5 @@
-// Runs fuzz targets without an engine: replay TARGET FILE_OR_FOLDER..., each file once, in the order of the names.
+// Runs fuzz targets without an engine: replay TARGET FILE_OR_FOLDER..., no bytes at first, as an engine does, and then
+// each file once, in the order of the names.
 
 #include "target.h"
 
@@ -43,6 +44,7 @@ int main(int count, char** arguments) {
         return 2;
     }
     fuzz::BeSilent();
+    target->run(fuzz::Block());
     std::size_t runs = 0;
     for (auto const& path : FilesOf({arguments + 2, arguments + count})) {
         std::ifstream file(path, std::ios::binary);
