@@ -5,6 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <system_error>
+#include <thread>
+
+#include <pthread.h>
 
 namespace {
 
@@ -31,6 +35,25 @@ TEST(Pipeline, UsesEachPieceOnceAndInOrderWhateverTheThreads) {
             }
         }
     }
+}
+
+TEST(Pipeline, NeedsNoThreadButItsOwn) {
+    pthread_attr_t former, huge;
+    ASSERT_EQ(pthread_getattr_default_np(&former) | pthread_getattr_default_np(&huge), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&huge, 1ul << 60) | pthread_setattr_default_np(&huge), 0);
+    EXPECT_THROW(std::thread([] {}).join(), std::system_error);
+    unsigned long sum = 0;
+    {
+        crrecord::tool::Pipeline<Piece> pipeline(
+            3, [](Piece& piece) { piece.result = piece.number; }, [&](Piece& piece) { sum += piece.result; });
+        for (unsigned long i = 0; i < 100; ++i) {
+            pipeline.Next().number = i;
+            pipeline.Submit();
+        }
+        pipeline.Finish();
+    }
+    EXPECT_EQ(sum, 4950u);
+    pthread_setattr_default_np(&former);
 }
 
 // What one piece's work throws comes when it is that piece's turn, and the others may be anywhere then.

@@ -18,11 +18,15 @@ class Pipeline {
 public:
     using Step = std::function<void(Piece&)>;
 
-    // `work` may run for several pieces at a time, unless `threads` is 1.
+    // `work` may run for several pieces at a time, unless `threads`, the most that are taken, is 1.
     Pipeline(unsigned int threads, Step work, Step use)
         : work_(std::move(work)), use_(std::move(use)), slots_(threads > 1 ? 2 * threads + 1 : 1) {
-        for (unsigned int i = 1; i < threads; ++i) {
-            helpers_.emplace_back([this] { Help(); });
+        try {
+            for (unsigned int i = 1; i < threads; ++i) {
+                helpers_.emplace_back([this] { Help(); });
+            }
+        } catch (std::exception const&) {
+            // No more are to be had: those that there are do the work.
         }
     }
 
