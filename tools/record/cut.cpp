@@ -23,6 +23,8 @@ namespace {
 
 // Hashing a batch takes far longer than handing it to a thread, and it stays in that thread's cache meanwhile.
 constexpr std::uint64_t kBatch = 256UL * 1024;
+constexpr std::uint64_t kBatchSegments = 4096; // a segment of one byte takes dozens for what is told of it
+constexpr unsigned int kMostThreads = 32;      // more than one that reads can feed; each has its batches
 
 // Consecutive bytes of the input, and the segments that end in them.
 struct Batch {
@@ -131,7 +133,9 @@ private:
     // Segments that are larger than a batch are hashed one after the other: holding several would take memory without
     // a bound.
     bool IsWhole() const { return options_.segmentSize <= kBatch; }
-    unsigned int Threads() const { return IsWhole() ? std::max(1U, std::thread::hardware_concurrency()) : 1; }
+    unsigned int Threads() const {
+        return IsWhole() ? std::clamp(std::thread::hardware_concurrency(), 1U, kMostThreads) : 1;
+    }
 
     Batch& Open() {
         if (!batch_) {
@@ -141,7 +145,7 @@ private:
             batch_->endsSegment = false;
             batch_->segments.clear();
             // Up to a multiple of the segments' size, where they fit.
-            std::uint64_t const whole = kBatch / options_.segmentSize * options_.segmentSize;
+            std::uint64_t const whole = std::min(kBatch / options_.segmentSize, kBatchSegments) * options_.segmentSize;
             batch_->room.resize(IsWhole() ? whole - position_ % options_.segmentSize : kBatch);
         }
         return *batch_;
