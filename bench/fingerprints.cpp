@@ -2,7 +2,7 @@
 
 #include "sides.h"
 
-#include "support/adler32.h"
+#include "base/adler32.h"
 
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>

@@ -136,7 +136,7 @@ double BestOf(Side const& side, unsigned int n) {
     return best;
 }
 
-void Measure(Curve const& curve, unsigned int n) {
+void ReadCounts(Curve const& curve, unsigned int n) {
     Side const side = curve.prepare(n);
     long const bytes = PeakOf(side);
     if (side.makeReady) {
@@ -187,7 +187,7 @@ int main(int argc, char**) {
             // Each point has a process of its own, so that none finds the heap of another.
             pid_t const child = fork();
             if (child == 0) {
-                bench::Measure(curve, n);
+                bench::ReadCounts(curve, n);
                 std::fflush(stdout);
                 _exit(0);
             }

@@ -115,7 +115,7 @@ double Median(std::vector<double> values) {
     return *middle;
 }
 
-void Measure(Operation const& operation, unsigned int n, Plan const& plan, Result& result) {
+void ReadCounts(Operation const& operation, unsigned int n, Plan const& plan, Result& result) {
     auto const [ours, reference, clock] = operation.prepare(operation.shape, n);
     bool const inMemory = n >= kInMemory;
     long const ourLeast = Calibrate(ours, clock, plan.roundSeconds);
@@ -151,7 +151,7 @@ Result MeasureApart(Operation const& operation, unsigned int n, bool fresh, Plan
     if (child == 0) {
         SetUpAllocator(fresh);
         try {
-            Measure(operation, n, plan, *result);
+            ReadCounts(operation, n, plan, *result);
         } catch (std::exception const& caught) {
             std::snprintf(result->complaint, sizeof result->complaint, "%s", caught.what());
         }

@@ -29,7 +29,7 @@ Side StridedRead(std::shared_ptr<std::vector<unsigned char>> const& record, Inpu
 }
 
 // And where every one is turned.
-Side StridedTurn(std::shared_ptr<std::vector<unsigned char>> const& record, Input const& input) {
+Side StridedSwap(std::shared_ptr<std::vector<unsigned char>> const& record, Input const& input) {
     return {[record, n = input.Count(), stride = input.stride, sizeAt = input.fingerprintSize] {
         unsigned char* field = record->data() + CR_DO_HEADER_SIZE + sizeAt;
         for (unsigned int i = 0; i < n; ++i, field += stride) {
@@ -149,7 +149,7 @@ Comparison Convert(Shape shape, unsigned int n) {
                 record->IsInNetworkOrder() ? record->NetworkToHost(0) : record->HostToNetwork(0);
                 benchmark::ClobberMemory();
             }},
-            StridedTurn(SharedBytes(*input->MakeRecord()), *input)};
+            StridedSwap(SharedBytes(*input->MakeRecord()), *input)};
 }
 
 Comparison CheckSegmentList(Shape shape, unsigned int n) {

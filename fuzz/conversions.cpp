@@ -2,8 +2,8 @@
 
 #include "target.h"
 
-#include "support/adler32.h"
-#include "support/hex.h"
+#include "base/adler32.h"
+#include "base/hex.h"
 
 #include <crrecord/fingerprint.h>
 #include <crrecord/tref.h>

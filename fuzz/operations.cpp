@@ -89,7 +89,7 @@ private:
         case 6: Must(record_->AddTaskID(id) == (references_.emplace(2, id).second ? 0 : 1), "AddTaskID"); return;
         case 7: return DropOddTasks();
         case 8: return record_->expand(static_cast<unsigned int>(id & 0xffff));
-        case 9: return Turn((kind & 1) != 0);
+        case 9: return Convert((kind & 1) != 0);
         case 10: return AppendList();
         case 11: return Rebuild();
         case 12: return Reload(kind);
@@ -171,7 +171,7 @@ private:
         Must(record_->RemoveInactiveTaskIDs(isEven, nullptr) == expected, "dropping tasks");
     }
 
-    void Turn(bool withoutTasks) {
+    void Convert(bool withoutTasks) {
         record_->HostToNetwork(withoutTasks ? 1 : 0);
         if (withoutTasks) {
             std::erase_if(references_, [](Key const& held) { return held.first == 2; });

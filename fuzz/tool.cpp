@@ -30,12 +30,12 @@ void ReadAgain(OwnRecord own) {
     static json::Reader reader;
     Block const given = own.bytes;
     Order const foundIn = own.record.order;
-    own.Turn(Order::Host);
+    own.Convert(Order::Host);
     Block const line = JsonOf(own.record, foundIn);
     Record const read = reader.Read(TextOf(line, line.size()));
     OwnRecord again(read);
     Must(reader.FoundIn() == foundIn && read.kind == own.record.kind, "kind and order of the line");
-    again.Turn(foundIn);
+    again.Convert(foundIn);
     Must(again.bytes == given, "a valid record comes back from JSON byte for byte");
 }
 

@@ -5,7 +5,7 @@
 #include "target.h"
 
 #include "record/do_record.h"
-#include "record/findings.h"
+#include "record/record_findings.h"
 #include "record/segment_record.h"
 #include "json/reader.h"
 #include "json/writer.h"
@@ -54,8 +54,8 @@ struct OwnRecord {
     OwnRecord(OwnRecord const& other) : OwnRecord(other.record) {}
     OwnRecord& operator=(OwnRecord const&) = delete;
 
-    void Turn(Order order) {
-        (record.kind == Kind::Segment ? TurnSegmentRecord : TurnDORecord)(record, order);
+    void Convert(Order order) {
+        (record.kind == Kind::Segment ? ConvertSegmentRecord : ConvertDORecord)(record, order);
         record.order = order;
     }
 

@@ -2,7 +2,7 @@
 
 #include "array.h"
 
-#include "support/byteorder.h"
+#include "base/byteorder.h"
 
 #include <bit>
 

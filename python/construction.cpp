@@ -2,7 +2,7 @@
 
 #include "construction.h"
 
-#include "support/record_layout.h"
+#include "support/layout/record_layout.h"
 
 #include <algorithm>
 #include <vector>

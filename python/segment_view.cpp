@@ -14,14 +14,14 @@ namespace crrecord::python {
 
 namespace {
 
-// The fixed part of a good record, as host values. Turned without counts, so that nothing else is.
+// The fixed part of a good record, as host values. ByteSwapped without counts, so that nothing else is.
 _SegmentDBRecord FieldsOf(Slice const& bytes, bool networkOrder) {
     _SegmentDBRecord fields;
     std::memcpy(&fields, bytes.Data(), sizeof fields);
     if (networkOrder) {
-        auto const ntaskids = Turned(fields.ntaskids);
-        auto const nfp = Turned(fields.nfp);
-        auto const recsize = Turned(fields.recsize);
+        auto const ntaskids = ByteSwapped(fields.ntaskids);
+        auto const nfp = ByteSwapped(fields.nfp);
+        auto const recsize = ByteSwapped(fields.recsize);
         fields.ntaskids = fields.nfp = 0;
         SegmentRecordNtoh(&fields, &fields, 0);
         fields.ntaskids = ntaskids;
@@ -31,7 +31,7 @@ _SegmentDBRecord FieldsOf(Slice const& bytes, bool networkOrder) {
     return fields;
 }
 
-Slice Judge(Slice bytes) {
+Slice Accumulate(Slice bytes) {
     RequireGood(bytes, {.expected = Expected::Segment});
     return bytes;
 }
@@ -50,7 +50,7 @@ py::bytes Converted(SegmentView const& view, std::string const& order, bool stri
         throw py::value_error("the order is 'host' or 'network'");
     }
     py::bytes const copy = BytesOf(view.Bytes().Data(), view.Bytes().size);
-    Slice const bytes = Judge(PinWhole(copy));
+    Slice const bytes = Accumulate(PinWhole(copy));
     bool const network = IsInNetworkOrder(bytes);
     bool const toNetwork = order == "network";
     if (toNetwork == network && !stripTaskIds) {
@@ -84,7 +84,7 @@ auto FieldGetter(Value _SegmentDBRecord::*field) {
 } // namespace
 
 SegmentView::SegmentView(Slice bytes)
-    : bytes_(Judge(std::move(bytes))), networkOrder_(python::IsInNetworkOrder(bytes_)),
+    : bytes_(Accumulate(std::move(bytes))), networkOrder_(python::IsInNetworkOrder(bytes_)),
       fields_(FieldsOf(bytes_, networkOrder_)) {}
 
 Array SegmentView::TaskIds() const {

@@ -4,7 +4,7 @@
 
 #include "diagnosis.h"
 #include "references.h"
-#include "support/record_layout.h"
+#include "support/layout/record_layout.h"
 
 #include <memory>
 
@@ -12,7 +12,7 @@ namespace crrecord::python {
 
 namespace {
 
-DORecordView Judge(Slice const& bytes, bool subDO) {
+DORecordView Accumulate(Slice const& bytes, bool subDO) {
     try {
         return WithoutGil(bytes, [&] { return DORecordView(bytes.Data(), bytes.size, subDO ? CR_DO_SUB_DO : 0); });
     } catch (Cr_ErrnoException const& error) {
@@ -41,7 +41,7 @@ struct SegmentSequence {
     }
 };
 
-py::bytes Turned(View const& view, std::string const& order) {
+py::bytes ByteSwapped(View const& view, std::string const& order) {
     if (order != "host" && order != "network") {
         throw py::value_error("the order is 'host' or 'network'");
     }
@@ -99,7 +99,7 @@ py::object SegmentOf(DOSegment const& segment, DOSegmentSource const& source) {
 }
 
 View::View(Slice bytes, bool subDO)
-    : bytes_(std::move(bytes)), fields_(Judge(bytes_, subDO)), segments_(DOSegmentSource::Of(fields_.GetHeader())),
+    : bytes_(std::move(bytes)), fields_(Accumulate(bytes_, subDO)), segments_(DOSegmentSource::Of(fields_.GetHeader())),
       unique_(DOUniqueDCIDSource::Of(fields_.GetHeader())),
       taskIds_(DORecordHeaderIndexOfTaskId(fields_.GetHeader(), 0)),
       dsids_(DORecordHeaderIndexOfDataSelection(fields_.GetHeader(), 0)),
@@ -211,7 +211,7 @@ void BindView(py::module_& module) {
         .def_property_readonly("references", &View::References, "The typed references, in stored order.")
         .def_property_readonly("legacy_task_ids", &View::LegacyTaskIds, "Task ids that are no typed references.")
         .def_property_readonly("legacy_dsids", &View::LegacyDsids, "DSIDs that are no typed references.")
-        .def("to_bytes", Turned, py::arg("order"), "A copy of the record in 'host' or 'network' order.")
+        .def("to_bytes", ByteSwapped, py::arg("order"), "A copy of the record in 'host' or 'network' order.")
         .def("__bytes__", [](View const& view) { return BytesOf(view.Bytes().Data(), view.Bytes().size); })
         .def("__repr__", [](View const& view) {
             return "<crrecord.View: DO type " + std::to_string(view.Fields().GetDOType()) + ", " +

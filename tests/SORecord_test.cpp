@@ -19,7 +19,7 @@ SORecord Made() {
     return SORecord(2, 0x4a4b4c4d, 0x5a5b5c5d, 0x6a6b6c6d, kKey, 0xc7, 3);
 }
 
-void Turn(SORecord& record, bool toNetwork) {
+void Convert(SORecord& record, bool toNetwork) {
     toNetwork ? record.HostToNetwork(0) : record.NetworkToHost(CR_SO_STRIP_TASKIDS); // there are no task ids
 }
 
@@ -38,7 +38,7 @@ TEST(SORecord, SetsAndGetsHostValuesInEitherOrder) {
     for (bool const network : {false, true}) {
         SORecord record(2, 1, 0, 0, std::string(33, 'x').c_str(), 0, 0);
         record.GetHeader()->fileid = 7;
-        Turn(record, network);
+        Convert(record, network);
         EXPECT_TRUE(record.GetFileID() == 7 && record.GetPathID() == 1 && record.GetDCID() == 0); // it lies in a file
         record.SetFlags(0);
         record.SetDCID(0x0a1a2a3a4a5a6a7a);
@@ -51,7 +51,7 @@ TEST(SORecord, SetsAndGetsHostValuesInEitherOrder) {
         record.SetKey(kKey);
         record.SetKey(record.GetKey());
         for (bool const order : {network, true, true, false, false, true}) { // twice is once
-            Turn(record, order);
+            Convert(record, order);
             EXPECT_TRUE(record.IsInNetworkOrder() == order && (BytesOf(record) == bytes) == (order || kBig));
             EXPECT_TRUE(record.GetFlags() == 0 && record.GetFileID() == 0 && record.GetPathID() == record.GetDCID());
             EXPECT_TRUE(record.GetDCID() == 0x0a1a2a3a4a5a6a7a && record.GetSize() == 0x0b1b2b3b4b5b6b7b);
@@ -76,7 +76,7 @@ std::string Thrown(Operation operation) {
 TEST(SORecord, RefusesAndStaysAsItWas) {
     for (bool const network : {false, true}) {
         SORecord record = Made();
-        Turn(record, network);
+        Convert(record, network);
         Bytes const before = BytesOf(record);
         for (unsigned short value = 0; value < 260; ++value) {
             EXPECT_EQ(Thrown([&] { record.SetFlags(value); }), value == 0 || value == 2 ? "" : "9:") << value;
@@ -103,10 +103,10 @@ TEST(SORecord, DoesNotFollowCountsWrittenThroughTheHeader) {
     for (auto const count : {&_SegmentDBRecord::ntaskids, &_SegmentDBRecord::nfp}) {
         for (bool const network : {false, true}) {
             SORecord record = Made();
-            Turn(record, network);
+            Convert(record, network);
             record.GetHeader()->*count = 0xfe;
             Bytes const before = BytesOf(record);
-            EXPECT_EQ(Thrown([&] { Turn(record, !network); }), "9:");
+            EXPECT_EQ(Thrown([&] { Convert(record, !network); }), "9:");
             EXPECT_TRUE(record.IsInNetworkOrder() == network && BytesOf(record) == before);
         }
     }

@@ -1,7 +1,7 @@
 // DORecord: the exchange forms, written and read.
 
 #include "support/clock.h"
-#include "support/findings.h"
+#include "support/collect_findings.h"
 #include "support/log_capture.h"
 #include "support/record_memory.h"
 

@@ -1,6 +1,6 @@
 // What validation says of a DO record's bytes, and what is made of bytes that pass: records and views.
 
-#include "support/findings.h"
+#include "support/collect_findings.h"
 #include "support/log_capture.h"
 #include "support/record_memory.h"
 #include "use_everything.h"

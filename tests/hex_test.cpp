@@ -1,7 +1,7 @@
 // Both forms of the hexadecimal conversion against a slow oracle.
 
-#include "support/hex.h"
-#include "support/segment_codec.h"
+#include "base/hex.h"
+#include "support/exchange/segment_codec.h"
 
 #include <gtest/gtest.h>
 

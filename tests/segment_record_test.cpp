@@ -18,7 +18,7 @@ namespace {
 using Lines = std::vector<std::string>;
 
 // The same record in the other order, maybe without its task ids.
-Bytes Turned(Shape shape, bool strip = false) {
+Bytes ByteSwapped(Shape shape, bool strip = false) {
     shape.network = !shape.network;
     shape.taskIds = strip ? 0 : shape.taskIds;
     return Golden(shape);
@@ -34,7 +34,7 @@ TEST(Convert, TurnsAndStrips) {
     for (Shape const& shape : kShapes) {
         for (unsigned int const options : {0u, CR_SO_STRIP_TASKIDS, ~CR_SO_STRIP_TASKIDS}) {
             auto const convert = shape.network ? SegmentRecordNtoh : SegmentRecordHton;
-            Bytes bytes = Golden(shape), expected = Turned(shape, options == CR_SO_STRIP_TASKIDS);
+            Bytes bytes = Golden(shape), expected = ByteSwapped(shape, options == CR_SO_STRIP_TASKIDS);
             Bytes separate(expected.size(), 0xee), separateExpected = expected;
             std::memset(&separateExpected[90], 0xee, 4);
             std::memset(&separateExpected[expected.size() - 8], 0xee, 8);
@@ -81,7 +81,7 @@ TEST(ToStream, WritesBothForms) {
         std::ostringstream text, binary;
         text.imbue(std::locale(std::locale::classic(), new Grouping));
         text << std::hex << std::showbase << std::showpos << std::setfill('*') << std::setw(40);
-        Bytes bytes = Golden(shape), network = shape.network ? Golden(shape) : Turned(shape);
+        Bytes bytes = Golden(shape), network = shape.network ? Golden(shape) : ByteSwapped(shape);
         EXPECT_EQ(&SegmentRecordToStream(text, *RecordOf(bytes), false), &text);
         EXPECT_EQ(&SegmentRecordToStream(binary, *RecordOf(bytes), true), &binary);
         EXPECT_EQ(text.str(), "2,1,2,72623859790382856,3544952156018063160,4702394921427289928,1364349780," +

@@ -331,9 +331,9 @@ private:
 
     // The layout of a record whose bytes up to the end of a section lie in the buffer, or a refusal; the second for
     // operations that change or follow sizes.
-    CRRECORD_LOCAL crrecord::RecordLayout layoutUpTo(SectionEnd end) const;
+    CRRECORD_LOCAL crrecord::RecordLayout checkedLayout(SectionEnd end) const;
     CRRECORD_LOCAL crrecord::RecordLayout changeableLayoutUpTo(SectionEnd end) const;
-    CRRECORD_LOCAL bool sizesHold() const noexcept;
+    CRRECORD_LOCAL bool orderMatchesHeader() const noexcept;
     CRRECORD_LOCAL bool reaches(crrecord::RecordLayout const& layout, SectionEnd end) const noexcept;
 
     CRRECORD_LOCAL DORecord() noexcept;
@@ -353,7 +353,7 @@ private:
     CRRECORD_LOCAL cr_status_t checkReference(tref_ptr_t const& reference) const;
     CRRECORD_LOCAL unsigned long deleteReference(tref_ptr_t const& reference);
     CRRECORD_LOCAL unsigned long removeTaskIDs(cr_task_callback_t callback, void* context);
-    CRRECORD_LOCAL cr_status_t makeRoomForList(unsigned long entries) noexcept;
+    CRRECORD_LOCAL cr_status_t growForList(unsigned long entries) noexcept;
     CRRECORD_LOCAL void writeUniqueList(crrecord::UniqueEntry const* entries, unsigned int count,
                                         crrecord::RecordLayout const& layout) noexcept;
 };

@@ -31,7 +31,7 @@ bool DORecord::reaches(RecordLayout const& layout, SectionEnd end) const noexcep
     return layout.*end <= bufferSize;
 }
 
-RecordLayout DORecord::layoutUpTo(SectionEnd end) const {
+RecordLayout DORecord::checkedLayout(SectionEnd end) const {
     if (!header) {
         Refuse(kInvalidRecordSize);
     }
@@ -44,13 +44,13 @@ RecordLayout DORecord::layoutUpTo(SectionEnd end) const {
 
 // The layout goes by the order that the header shows, sizes are read by the order that the record claims. Where the two
 // are not one, as after a conversion of a converted record, a size means nothing and must not be changed or followed.
-bool DORecord::sizesHold() const noexcept {
+bool DORecord::orderMatchesHeader() const noexcept {
     return std::endian::native == std::endian::big || OrderOf(header) == (networkOrder ? Order::Network : Order::Host);
 }
 
 RecordLayout DORecord::changeableLayoutUpTo(SectionEnd end) const {
-    RecordLayout const layout = layoutUpTo(end);
-    if (!sizesHold()) {
+    RecordLayout const layout = checkedLayout(end);
+    if (!orderMatchesHeader()) {
         Refuse(kInvalidRecordSize);
     }
     return layout;
@@ -137,7 +137,7 @@ void DORecord::shrinkReferences(std::uint64_t by) {
     std::uint64_t const removed = std::min<std::uint64_t>(by, before);
     std::uint64_t const size = getRecSize();
     RecordLayout const layout = LayoutOf(header);
-    bool const sound = reaches(layout, &RecordLayout::tail) && sizesHold();
+    bool const sound = reaches(layout, &RecordLayout::tail) && orderMatchesHeader();
     setTRefsSize(static_cast<unsigned int>(before - removed));
     if (size < CR_DO_RECORD_SIZE + removed) {
         Refuse(kInvalidRecordSize);

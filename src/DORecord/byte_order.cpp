@@ -7,7 +7,7 @@ using namespace crrecord;
 namespace {
 
 // What turning touches last.
-std::uint64_t TurnedEnd(DORecordHeader const* header, RecordLayout const& layout) noexcept {
+std::uint64_t SwappedEnd(DORecordHeader const* header, RecordLayout const& layout) noexcept {
     if (header->nudcid != 0) {
         return layout.udcids + kUniqueHeadSize;
     }
@@ -17,8 +17,8 @@ std::uint64_t TurnedEnd(DORecordHeader const* header, RecordLayout const& layout
 } // namespace
 
 void DORecord::turn(bool toNetworkOrder, unsigned int options) {
-    RecordLayout const layout = layoutUpTo(&RecordLayout::entries);
-    if (TurnedEnd(header, layout) > bufferSize) {
+    RecordLayout const layout = checkedLayout(&RecordLayout::entries);
+    if (SwappedEnd(header, layout) > bufferSize) {
         Refuse(kInvalidRecordSize);
     }
     networkOrder = toNetworkOrder;

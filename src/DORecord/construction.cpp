@@ -1,10 +1,10 @@
 // The three constructors, what stands behind them, and the end of a record.
 
 #include "DORecord/record.h"
-#include "support/exchange_form.h"
-#include "support/memory.h"
-#include "support/prefetch.h"
-#include "support/unique_list.h"
+#include "base/memory.h"
+#include "base/prefetch.h"
+#include "support/exchange/exchange_form.h"
+#include "support/layout/unique_list.h"
 
 #include <cstdlib>
 #include <ctime>
@@ -97,13 +97,13 @@ SegmentFault CopySegments(DORecordHeader* header, void const* segments, RecordLa
         FillBytes(entries, nullptr, layout.dcids - layout.entries);
         return {};
     }
-    SegmentRules rules(SegmentListOf(header, layout, Order::Host, false));
+    SegmentListCheck rules(SegmentListOf(header, layout, Order::Host, false));
     ForEachBlock(layout.segments, [&](std::uint64_t first, std::uint64_t count) {
         std::uint64_t const bytes = count * layout.stride;
         unsigned char const* const from = static_cast<unsigned char const*>(segments) + first * layout.stride;
         std::memcpy(entries + first * layout.stride, from, bytes);
-        AskFor(from, bytes, bytes);
-        rules.Judge(first, count);
+        Prefetch(from, bytes, bytes);
+        rules.Accumulate(first, count);
         return true;
     });
     return rules.Fault();
@@ -198,7 +198,7 @@ DORecord::DORecord(unsigned int dotype, unsigned char fptype, void* buffer, unsi
         setDCID(0);
         initReferenceSets();
         handleUpdate();
-        RequireNone(fault, GetDOType());
+        ThrowIfFaulty(fault, GetDOType());
         if (subDO && LayoutOf(header).segments != 0) {
             setDCID(GetSegmentDCID(0));
         }
@@ -288,7 +288,7 @@ void DORecord::init(unsigned long CID, unsigned long size, unsigned long ssize, 
         // Behind the entries are the DCIDs, or, in a record without segments, an empty bloom area.
         FillBytes(BytesOf(header) + layout.dcids, nsegments != 0 ? dcids : nullptr, layout.udcids - layout.dcids);
         finish(values, AsBytes(udcidList));
-        RequireNone(fault, dotype);
+        ThrowIfFaulty(fault, dotype);
     } catch (...) {
         cleanupConstruction();
         throw;

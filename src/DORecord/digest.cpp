@@ -1,7 +1,7 @@
 // The digest that stands for a whole object.
 
 #include "DORecord/record.h"
-#include "support/segment_codec.h"
+#include "support/exchange/segment_codec.h"
 
 #include <algorithm>
 #include <array>
@@ -55,7 +55,7 @@ crt_digest_t* DORecord::GetDigest() const {
         Refuse("GetDigest called while DO record in network order.");
     }
     bool const bloom = header && GetDOType() == CR_DO_TYPE_BLOOM_FILTER;
-    RecordLayout const layout = layoutUpTo(bloom ? &RecordLayout::taskIds : &RecordLayout::dcids);
+    RecordLayout const layout = checkedLayout(bloom ? &RecordLayout::taskIds : &RecordLayout::dcids);
     unsigned int const fptype = GetFPType();
     crfp_digest_t digest{};
     if (bloom) {

@@ -1,7 +1,7 @@
 // Records from stored bytes: a copy of them, or the bytes themselves.
 
 #include "DORecord/record.h"
-#include "support/record_diagnosis.h"
+#include "support/validate/record_diagnosis.h"
 
 using namespace crrecord;
 

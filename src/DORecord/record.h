@@ -4,7 +4,7 @@
 
 #include <crrecord/DORecord.h>
 
-#include "support/segment_rules.h"
+#include "support/validate/segment_list_check.h"
 #include "tref/value.h"
 
 #include <string_view>
@@ -14,7 +14,7 @@ namespace crrecord {
 // Converts one field either way between the record's order and the host's.
 template <class T>
 T InOrder(T value, bool networkOrder) noexcept {
-    return networkOrder ? Turned(value) : value;
+    return networkOrder ? ByteSwapped(value) : value;
 }
 
 [[noreturn]] inline void Refuse(char const* text) {
@@ -29,7 +29,7 @@ inline constexpr char kInvalidRecordSize[] = "invalid record size for DO";
 }
 
 // Throws, with its text, where a rule is broken.
-void RequireNone(SegmentFault const& fault, unsigned int dotype);
+void ThrowIfFaulty(SegmentFault const& fault, unsigned int dotype);
 
 inline std::uint64_t SizeOf(Cr_TRef const& reference) noexcept {
     return ReferenceSize(reference.Get()->kind);

@@ -252,7 +252,7 @@ char* DORecord::GetSerializedTRefs() const {
     if (GetNTRefs() == 0) {
         return reinterpret_cast<char*>(DORecordHeaderStartTRefs(header));
     }
-    RecordLayout const layout = layoutUpTo(&RecordLayout::tail);
+    RecordLayout const layout = checkedLayout(&RecordLayout::tail);
     writeReferences(layout);
     return reinterpret_cast<char*>(BytesOf(header) + layout.trefs);
 }

@@ -51,7 +51,7 @@ char const* ListName(unsigned int dotype) noexcept {
 
 } // namespace
 
-void crrecord::RequireNone(SegmentFault const& fault, unsigned int dotype) {
+void crrecord::ThrowIfFaulty(SegmentFault const& fault, unsigned int dotype) {
     if (fault.rule != SegmentRule::None) {
         Throw(fault, dotype);
     }
@@ -114,7 +114,7 @@ void DORecord::SetSegmentObjectOffset(unsigned int i, unsigned int offset) {
 }
 
 DOSegmentRange DORecord::Segments() const {
-    layoutUpTo(&RecordLayout::udcids);
+    checkedLayout(&RecordLayout::udcids);
     return DOSegmentRange(DOSegmentSource::Of(header));
 }
 
@@ -122,16 +122,16 @@ void DORecord::checkSegmentList() const {
     if (header && GetDOType() == CR_DO_TYPE_INVALID) {
         Refuse("invalid DO type");
     }
-    RecordLayout const layout = layoutUpTo(&RecordLayout::dcids);
-    RequireNone(CheckSegments(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
+    RecordLayout const layout = checkedLayout(&RecordLayout::dcids);
+    ThrowIfFaulty(CheckSegments(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
 }
 
 void DORecord::checkSegmentSizeEndiannes() const {
-    RecordLayout const layout = layoutUpTo(&RecordLayout::dcids);
-    RequireNone(CheckSegmentSizes(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
+    RecordLayout const layout = checkedLayout(&RecordLayout::dcids);
+    ThrowIfFaulty(CheckSegmentSizes(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
 }
 
 void DORecord::checkSegmentOffsetEndiannes() const {
-    RecordLayout const layout = layoutUpTo(&RecordLayout::dcids);
-    RequireNone(CheckSegmentOffsets(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
+    RecordLayout const layout = checkedLayout(&RecordLayout::dcids);
+    ThrowIfFaulty(CheckSegmentOffsets(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
 }

@@ -1,12 +1,12 @@
 // The exchange forms of a record, written.
 
 #include "DORecord/record.h"
-#include "support/adler32.h"
-#include "support/exchange_form.h"
-#include "support/memory.h"
-#include "support/output_block.h"
-#include "support/segment_codec.h"
-#include "support/unique_list.h"
+#include "base/adler32.h"
+#include "base/memory.h"
+#include "support/exchange/exchange_form.h"
+#include "support/exchange/output_block.h"
+#include "support/exchange/segment_codec.h"
+#include "support/layout/unique_list.h"
 
 #include <cstdlib>
 #include <limits>
@@ -77,7 +77,7 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outLength, bool withC
         return SerializeBloomFilterDO(out, outLength, withChecksum);
     }
     RecordLayout const layout = LayoutOf(header);
-    if (networkOrder || !reaches(layout, &RecordLayout::udcids) || !sizesHold()) {
+    if (networkOrder || !reaches(layout, &RecordLayout::udcids) || !orderMatchesHeader()) {
         return CR_STATUS_INVALID;
     }
     if (!out || !outLength) {
@@ -105,7 +105,7 @@ cr_status_t DORecord::SerializeBloomFilterDO(void** out, unsigned long* outLengt
         return CR_STATUS_INVALID;
     }
     RecordLayout const layout = LayoutOf(header);
-    if (!reaches(layout, &RecordLayout::taskIds) || !sizesHold()) {
+    if (!reaches(layout, &RecordLayout::taskIds) || !orderMatchesHeader()) {
         return CR_STATUS_INVALID;
     }
     if (!out || !outLength) {

@@ -1,8 +1,8 @@
 // A record on an output stream: one line of text, or its bytes.
 
 #include "DORecord/record.h"
-#include "support/hex.h"
-#include "support/text_writer.h"
+#include "base/hex.h"
+#include "base/text_writer.h"
 
 using namespace crrecord;
 
@@ -73,7 +73,7 @@ void DORecord::writeText(std::ostream& stream) const {
     }
     // The fields that an unknown DO type does not have may lie in the tail.
     bool const known = CRDOTypeIsValid(GetDOType()) != 0;
-    RecordLayout const layout = layoutUpTo(known ? &RecordLayout::udcids : &RecordLayout::total);
+    RecordLayout const layout = checkedLayout(known ? &RecordLayout::udcids : &RecordLayout::total);
     TextWriter text(stream);
     WriteHeaderFields(text, *header);
     text.Character('[');
@@ -90,8 +90,8 @@ void DORecord::writeBytes(std::ostream& stream) const {
     SectionEnd const end = networkOrder       ? &RecordLayout::total
                            : GetNTRefs() == 0 ? &RecordLayout::udcids
                                               : &RecordLayout::tail;
-    RecordLayout const layout = layoutUpTo(end);
-    if (!sizesHold() || getRecSize() > bufferSize) {
+    RecordLayout const layout = checkedLayout(end);
+    if (!orderMatchesHeader() || getRecSize() > bufferSize) {
         Refuse(kInvalidRecordSize);
     }
     unsigned int const size = getRecSize();

@@ -1,11 +1,11 @@
 // The unique DCID list and the bloom filter.
 
 #include "DORecord/record.h"
-#include "support/dcid_totals.h"
-#include "support/memory.h"
-#include "support/prefetch.h"
-#include "support/segment_rules.h"
-#include "support/unique_list.h"
+#include "base/memory.h"
+#include "base/prefetch.h"
+#include "support/layout/dcid_totals.h"
+#include "support/layout/segment_list.h"
+#include "support/layout/unique_list.h"
 
 #include <algorithm>
 #include <cassert>
@@ -56,7 +56,7 @@ bool CollectFromSegments(DORecordHeader const* header, SegmentList const& list, 
         return Load<std::uint32_t>(list.entries + i * list.stride + list.sizeAt);
     };
     auto const far = [&list, &stored](std::uint64_t i) {
-        AskFor(list.entries + i * list.stride, kAheadOfEntry, 1);
+        Prefetch(list.entries + i * list.stride, kAheadOfEntry, 1);
         return stored(i);
     };
     auto const any = [&list](std::uint32_t i) { return SegmentSizeOf(list, i); };
@@ -94,7 +94,7 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
         return CR_STATUS_INVALID;
     }
     RecordLayout const layout = LayoutOf(header);
-    if (!reaches(layout, &RecordLayout::taskIds) || !sizesHold() || getRecSize() > bufferSize) {
+    if (!reaches(layout, &RecordLayout::taskIds) || !orderMatchesHeader() || getRecSize() > bufferSize) {
         return CR_STATUS_INVALID;
     }
     unsigned char* const lengthWord = BytesOf(header) + layout.entries;
@@ -102,8 +102,8 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
     Entries entries;
     try {
         if (bloom) {
-            // Turned for good, also when there is no list, or no memory for it.
-            Turn<std::uint32_t>(lengthWord, lengthWord);
+            // ByteSwapped for good, also when there is no list, or no memory for it.
+            CopySwapped<std::uint32_t>(lengthWord, lengthWord);
             entries = CollectReceived(BytesOf(header) + layout.udcids, GetNudcid());
         } else {
             Order const order = networkOrder ? Order::Network : Order::Host;
@@ -118,17 +118,17 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
     if (entries.empty()) {
         return CR_STATUS_OK;
     }
-    cr_status_t const status = makeRoomForList(entries.size());
+    cr_status_t const status = growForList(entries.size());
     if (status == CR_STATUS_OK) {
         writeUniqueList(entries.data(), static_cast<unsigned int>(entries.size()), layout);
     } else if (bloom && status != CR_STATUS_NO_MEMORY) {
-        Turn<std::uint32_t>(lengthWord, lengthWord);
+        CopySwapped<std::uint32_t>(lengthWord, lengthWord);
     }
     return status;
 }
 
 // Sets the record size for a list of so many entries, in a buffer of just that size where the present one is too small.
-cr_status_t DORecord::makeRoomForList(unsigned long entries) noexcept {
+cr_status_t DORecord::growForList(unsigned long entries) noexcept {
     RecordCounts counts = CountsOf(header, OrderOf(header));
     counts.ntaskid = counts.nds = counts.trefssize = 0;
     counts.nudcid = static_cast<std::uint32_t>(entries);
@@ -169,12 +169,12 @@ void DORecord::writeUniqueList(crrecord::UniqueEntry const* entries, unsigned in
 
 cr_status_t DORecord::AppendBloom(cr_dcid_size_map_t& sizes) {
     RecordLayout const layout = LayoutOf(header);
-    if (GetDOType() != CR_DO_TYPE_BLOOM_FILTER || !reaches(layout, &RecordLayout::taskIds) || !sizesHold()) {
+    if (GetDOType() != CR_DO_TYPE_BLOOM_FILTER || !reaches(layout, &RecordLayout::taskIds) || !orderMatchesHeader()) {
         return CR_STATUS_OK;
     }
     // Every call turns the word, so that every other call finds it as it was.
     unsigned char* const lengthWord = BytesOf(header) + layout.entries;
-    Turn<std::uint32_t>(lengthWord, lengthWord);
+    CopySwapped<std::uint32_t>(lengthWord, lengthWord);
     unsigned char const* const list = BytesOf(header) + layout.udcids;
     std::uint32_t const count = ReceivedCount(list, GetNudcid());
     for (std::uint32_t i = 0; i < count; ++i) {
@@ -191,7 +191,7 @@ cr_status_t DORecord::GetUDCIDSizeList(cr_dcid_size_map_t& sizes) const {
         return CR_STATUS_CORRUPT_RECORD;
     }
     RecordLayout const layout = LayoutOf(header);
-    if (!reaches(layout, &RecordLayout::taskIds) || !sizesHold()) {
+    if (!reaches(layout, &RecordLayout::taskIds) || !orderMatchesHeader()) {
         return CR_STATUS_CORRUPT_RECORD;
     }
     try {

@@ -3,7 +3,7 @@
 #include <crrecord/DORecordView.h>
 
 #include "DORecord/record.h"
-#include "support/record_diagnosis.h"
+#include "support/validate/record_diagnosis.h"
 
 using namespace crrecord;
 
@@ -12,7 +12,7 @@ DORecordView::DORecordView(void const* buffer, unsigned long size, unsigned int 
       networkOrder_(RequireValid(buffer, size, options) == Order::Network) {
     fields_ = *record_;
     if (networkOrder_) {
-        TurnHeaderFields(&fields_);
+        SwapHeaderFields(&fields_);
     }
 }
 

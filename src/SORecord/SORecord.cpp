@@ -19,7 +19,7 @@ constexpr char kSource[] = "SORecord/SORecord.cpp";
 // Converts one field either way between the record's order and the host's.
 template <class T>
 T InOrder(T value, bool networkOrder) noexcept {
-    return networkOrder ? crrecord::Turned(value) : value;
+    return networkOrder ? crrecord::ByteSwapped(value) : value;
 }
 
 [[noreturn]] void Refuse() {

@@ -6,9 +6,9 @@ namespace crrecord::segment {
 
 namespace {
 
-void TurnTaskIds(unsigned char* to, unsigned char const* from, std::uint32_t count) noexcept {
+void SwapTaskIds(unsigned char* to, unsigned char const* from, std::uint32_t count) noexcept {
     for (std::uint64_t i = 0; i < count; ++i) {
-        Turn<std::uint64_t>(to + i * kTaskIdSize, from + i * kTaskIdSize);
+        CopySwapped<std::uint64_t>(to + i * kTaskIdSize, from + i * kTaskIdSize);
     }
 }
 
@@ -29,7 +29,7 @@ void ConvertFields(unsigned char* to, unsigned char const* from) noexcept {
                 std::memcpy(to + field.offset, from + field.offset, field.width);
             }
         } else if constexpr (field.handling != Handling::Left) {
-            TurnBytes<field.width>(to + field.offset, from + field.offset);
+            SwapBytes<field.width>(to + field.offset, from + field.offset);
         }
     });
 }
@@ -46,7 +46,7 @@ void Convert(_SegmentDBRecord* destination, _SegmentDBRecord const* source, unsi
         Store(&destination->ntaskids, std::uint32_t{0});
         Store(&destination->recsize, size, Other(sourceOrder));
     } else {
-        TurnTaskIds(BytesOf(destination) + CR_SO_FIXED_SIZE, BytesOf(source) + CR_SO_FIXED_SIZE, taskIds);
+        SwapTaskIds(BytesOf(destination) + CR_SO_FIXED_SIZE, BytesOf(source) + CR_SO_FIXED_SIZE, taskIds);
     }
     copyDO(destination, source, strip ? 0 : taskIds, taskIds, nfp);
 }

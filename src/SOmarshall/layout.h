@@ -5,7 +5,7 @@
 #include <crrecord/SOmarshall.h>
 #include <crrecord/fingerprint.h>
 
-#include "support/byteorder.h"
+#include "base/byteorder.h"
 
 #include <array>
 #include <string_view>
@@ -14,11 +14,11 @@ namespace crrecord::segment {
 
 // What a conversion does with a field.
 enum class Handling : unsigned char {
-    Turned,  // turned into the other order
-    TaskIds, // the task-id count: turned, or 0 when the task ids are stripped
-    RecSize, // turned, or computed anew when the task ids are stripped
-    Kept,    // copied as it is
-    Left,    // not even copied: a separate destination keeps its own
+    ByteSwapped, // turned into the other order
+    TaskIds,     // the task-id count: turned, or 0 when the task ids are stripped
+    RecSize,     // turned, or computed anew when the task ids are stripped
+    Kept,        // copied as it is
+    Left,        // not even copied: a separate destination keeps its own
 };
 
 struct Field {
@@ -34,12 +34,12 @@ struct Field {
     }
 
 inline constexpr std::array kFields{
-    CRRECORD_FIELD(type, Turned),   CRRECORD_FIELD(flags, Turned),     CRRECORD_FIELD(recsize, RecSize),
-    CRRECORD_FIELD(word8, Turned),  CRRECORD_FIELD(ntaskids, TaskIds), CRRECORD_FIELD(checktime, Turned),
-    CRRECORD_FIELD(word20, Kept),   CRRECORD_FIELD(pathid, Turned),    CRRECORD_FIELD(fileid, Turned),
-    CRRECORD_FIELD(size, Turned),   CRRECORD_FIELD(CRC, Turned),       CRRECORD_FIELD(nfp, Turned),
-    CRRECORD_FIELD(key, Kept),      CRRECORD_FIELD(fptype, Kept),      CRRECORD_FIELD(cryptomode, Left),
-    CRRECORD_FIELD(reserved, Left), CRRECORD_FIELD(keyindex, Left),    CRRECORD_FIELD(word94, Kept),
+    CRRECORD_FIELD(type, ByteSwapped),  CRRECORD_FIELD(flags, ByteSwapped),  CRRECORD_FIELD(recsize, RecSize),
+    CRRECORD_FIELD(word8, ByteSwapped), CRRECORD_FIELD(ntaskids, TaskIds),   CRRECORD_FIELD(checktime, ByteSwapped),
+    CRRECORD_FIELD(word20, Kept),       CRRECORD_FIELD(pathid, ByteSwapped), CRRECORD_FIELD(fileid, ByteSwapped),
+    CRRECORD_FIELD(size, ByteSwapped),  CRRECORD_FIELD(CRC, ByteSwapped),    CRRECORD_FIELD(nfp, ByteSwapped),
+    CRRECORD_FIELD(key, Kept),          CRRECORD_FIELD(fptype, Kept),        CRRECORD_FIELD(cryptomode, Left),
+    CRRECORD_FIELD(reserved, Left),     CRRECORD_FIELD(keyindex, Left),      CRRECORD_FIELD(word94, Kept),
 };
 
 #undef CRRECORD_FIELD
@@ -83,7 +83,7 @@ constexpr std::uint64_t FingerprintOffset(std::uint32_t ntaskids) noexcept {
 
 // A record is in network order exactly when its type, read as big-endian, is that of a segment record.
 inline Order OrderOf(_SegmentDBRecord const* record) noexcept {
-    return Turned(record->type) == CR_SO_RECORD_TYPE ? Order::Network : Order::Host;
+    return ByteSwapped(record->type) == CR_SO_RECORD_TYPE ? Order::Network : Order::Host;
 }
 
 inline unsigned char* BytesOf(_SegmentDBRecord* record) noexcept {

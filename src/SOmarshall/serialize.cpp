@@ -7,9 +7,9 @@
 // All integers are big-endian.
 
 #include "SOmarshall/layout.h"
-#include "support/hex.h"
-#include "support/memory.h"
-#include "support/output_block.h"
+#include "base/hex.h"
+#include "base/memory.h"
+#include "support/exchange/output_block.h"
 
 #include <limits>
 

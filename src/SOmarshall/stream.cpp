@@ -1,7 +1,7 @@
 // Segment records on output streams, and the container test.
 
 #include "SOmarshall/layout.h"
-#include "support/text_writer.h"
+#include "base/text_writer.h"
 
 #include <ostream>
 

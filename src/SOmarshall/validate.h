@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "support/findings.h"
+#include "support/validate/finding_reporter.h"
 
 namespace crrecord::segment {
 

@@ -1,7 +1,7 @@
 #include <crrecord/probe.h>
 
 #include "SOmarshall/layout.h"
-#include "support/record_layout.h"
+#include "support/layout/record_layout.h"
 
 namespace crrecord {
 
@@ -18,7 +18,7 @@ struct Start {
 // A palindromic type would be of both orders; none is.
 Start StartOf(std::uint16_t type) noexcept {
     for (cr_record_kind_t const kind : {CR_RECORD_SEGMENT, CR_RECORD_DO}) {
-        if (Turned(type) == kind) {
+        if (ByteSwapped(type) == kind) {
             return {kind, Order::Network};
         }
         if (type == kind) {
@@ -29,13 +29,13 @@ Start StartOf(std::uint16_t type) noexcept {
 }
 
 void TellSizes(cr_record_probe_t& probe, _SegmentDBRecord const* record, Order order) noexcept {
-    auto const read = [order](std::uint32_t stored) { return order == Order::Host ? stored : Turned(stored); };
+    auto const read = [order](std::uint32_t stored) { return order == Order::Host ? stored : ByteSwapped(stored); };
     probe.recorded_size = read(record->recsize);
     probe.counted_size = segment::RecordSize(read(record->ntaskids), read(record->nfp), record->fptype);
 }
 
 void TellSizes(cr_record_probe_t& probe, DORecordHeader const* record, Order order) noexcept {
-    probe.recorded_size = order == Order::Host ? record->recsize : Turned(std::uint32_t{record->recsize});
+    probe.recorded_size = order == Order::Host ? record->recsize : ByteSwapped(std::uint32_t{record->recsize});
     probe.counted_size = RecordLayout(CountsOf(record, order)).total;
 }
 

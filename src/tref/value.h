@@ -5,7 +5,7 @@
 #include <crrecord/status.h>
 #include <crrecord/tref.h>
 
-#include "support/byteorder.h"
+#include "base/byteorder.h"
 
 #include <limits>
 #include <new>

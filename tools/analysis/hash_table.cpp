@@ -1,6 +1,6 @@
 #include "analysis/hash_table.h"
 
-#include "support/byteorder.h"
+#include "base/byteorder.h"
 
 #include <random>
 

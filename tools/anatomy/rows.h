@@ -4,7 +4,7 @@
 
 #include "anatomy/walk.h"
 #include "io/output.h"
-#include "record/findings.h"
+#include "record/record_findings.h"
 
 namespace crrecord::tool {
 

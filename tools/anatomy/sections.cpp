@@ -1,7 +1,7 @@
 #include "anatomy/sections.h"
 
 #include "SOmarshall/layout.h"
-#include "support/exchange_form.h"
+#include "support/exchange/exchange_form.h"
 
 #include <algorithm>
 
@@ -10,9 +10,9 @@ namespace crrecord::tool {
 namespace {
 
 // Takes sections from the front of a record's bytes for as long as there are any.
-class Cutter {
+class SectionWalk {
 public:
-    explicit Cutter(std::uint64_t there) : left_(there) {}
+    explicit SectionWalk(std::uint64_t there) : left_(there) {}
 
     // `wanted` bytes, as many of them as are there.
     Section& Take(std::string_view name, std::uint64_t wanted, std::vector<Field> fields) {
@@ -86,11 +86,11 @@ std::vector<Field> EntryFields(Field fingerprint, unsigned int dotype) {
 }
 
 // In a record only the count turns, in an exchange form everything.
-void TakeUniqueList(Cutter& cutter, std::uint32_t nudcid, bool turns) {
+void TakeUniqueList(SectionWalk& walk, std::uint32_t nudcid, bool turns) {
     if (nudcid != 0) {
-        Section& list = cutter.Take("unique list", UniqueListSize(nudcid),
-                                    {{"unique.checksum", kUniqueCountOffset, Format::Hexadecimal, turns},
-                                     {"unique.count", kUniqueHeadSize - kUniqueCountOffset, Format::Number}});
+        Section& list = walk.Take("unique list", UniqueListSize(nudcid),
+                                  {{"unique.checksum", kUniqueCountOffset, Format::Hexadecimal, turns},
+                                   {"unique.count", kUniqueHeadSize - kUniqueCountOffset, Format::Number}});
         list.elements = "unique.entries";
         list.element = {{"dcid", kDcidSize, Format::Container, turns},
                         {"bytes", kUniqueEntrySize - kDcidSize, Format::Number, turns}};
@@ -98,31 +98,31 @@ void TakeUniqueList(Cutter& cutter, std::uint32_t nudcid, bool turns) {
 }
 
 std::vector<Section> SectionsOfObject(Record const& record) {
-    Cutter cutter(record.size);
-    cutter.Take(kHeaderSection, CR_DO_HEADER_SIZE, HeaderFields());
+    SectionWalk walk(record.size);
+    walk.Take(kHeaderSection, CR_DO_HEADER_SIZE, HeaderFields());
     if (record.size < CR_DO_HEADER_SIZE) {
-        return cutter.End();
+        return walk.End();
     }
     RecordCounts const counts = CountsOf(reinterpret_cast<DORecordHeader const*>(record.bytes), record.order);
     RecordLayout const layout(counts);
     if (counts.dotype == CR_DO_TYPE_BLOOM_FILTER) {
-        cutter.Take("bloom area", layout.udcids - layout.entries,
-                    {{"bloom.length", kBloomLengthSize, Format::Number},
-                     {"bloom.bitmap", counts.bsize, Format::Opaque},
-                     {"bloom.end", kBloomEndSize, Format::Zeros}});
+        walk.Take("bloom area", layout.udcids - layout.entries,
+                  {{"bloom.length", kBloomLengthSize, Format::Number},
+                   {"bloom.bitmap", counts.bsize, Format::Opaque},
+                   {"bloom.end", kBloomEndSize, Format::Zeros}});
     } else {
-        cutter.TakeElements(kEntries, layout.dcids - layout.entries, kSegments,
-                            EntryFields({"fingerprint", layout.fingerprint, Format::Digits}, counts.dotype));
-        cutter.TakeElements(kDcids, layout.udcids - layout.dcids, kSegments,
-                            {{"dcid", kDcidSize, Format::Container, false}});
+        walk.TakeElements(kEntries, layout.dcids - layout.entries, kSegments,
+                          EntryFields({"fingerprint", layout.fingerprint, Format::Digits}, counts.dotype));
+        walk.TakeElements(kDcids, layout.udcids - layout.dcids, kSegments,
+                          {{"dcid", kDcidSize, Format::Container, false}});
     }
-    TakeUniqueList(cutter, counts.nudcid, false);
-    cutter.TakeElements(kTaskIds, layout.dsids - layout.taskIds, "taskids",
-                        {{"", kLegacyTaskIdSize, Format::TaskId, false}});
-    cutter.TakeElements("DSIDs", layout.trefs - layout.dsids, "dsids", {{"", kLegacyDsidSize, Format::Dsid, false}});
-    cutter.TakeField("references", layout.tail - layout.trefs, "references", Format::References);
-    cutter.TakeField(kZeros, layout.total - layout.tail, "tail", Format::Zeros);
-    return cutter.End();
+    TakeUniqueList(walk, counts.nudcid, false);
+    walk.TakeElements(kTaskIds, layout.dsids - layout.taskIds, "taskids",
+                      {{"", kLegacyTaskIdSize, Format::TaskId, false}});
+    walk.TakeElements("DSIDs", layout.trefs - layout.dsids, "dsids", {{"", kLegacyDsidSize, Format::Dsid, false}});
+    walk.TakeField("references", layout.tail - layout.trefs, "references", Format::References);
+    walk.TakeField(kZeros, layout.total - layout.tail, "tail", Format::Zeros);
+    return walk.End();
 }
 
 Format FormatOf(segment::Field const& field) {
@@ -150,10 +150,10 @@ std::vector<Field> const& SegmentFields() {
 
 std::vector<Section> SectionsOfSegment(Record const& record) {
     using segment::FieldOf;
-    Cutter cutter(record.size);
-    Section& header = cutter.Take(kHeaderSection, CR_SO_FIXED_SIZE, SegmentFields());
+    SectionWalk walk(record.size);
+    Section& header = walk.Take(kHeaderSection, CR_SO_FIXED_SIZE, SegmentFields());
     if (record.size < CR_SO_FIXED_SIZE) {
-        return cutter.End();
+        return walk.End();
     }
     auto const count = [&](segment::Field which) {
         return Load<std::uint32_t>(record.bytes + which.offset, record.order);
@@ -164,11 +164,11 @@ std::vector<Section> SectionsOfSegment(Record const& record) {
         })->format = Format::Container;
     }
     std::uint64_t const width = CRFPDigestSize(record.bytes[FieldOf("fptype").offset]);
-    cutter.TakeElements(kTaskIds, std::uint64_t{segment::kTaskIdSize} * count(FieldOf("ntaskids")), "taskids",
-                        {{"", segment::kTaskIdSize, Format::TaskId}});
-    cutter.TakeElements("fingerprints", width * count(FieldOf("nfp")), "fingerprints", {{"", width, Format::Digits}});
-    cutter.TakeField("spare slot", segment::kSpareSize, "spare", Format::Zeros);
-    return cutter.End();
+    walk.TakeElements(kTaskIds, std::uint64_t{segment::kTaskIdSize} * count(FieldOf("ntaskids")), "taskids",
+                      {{"", segment::kTaskIdSize, Format::TaskId}});
+    walk.TakeElements("fingerprints", width * count(FieldOf("nfp")), "fingerprints", {{"", width, Format::Digits}});
+    walk.TakeField("spare slot", segment::kSpareSize, "spare", Format::Zeros);
+    return walk.End();
 }
 
 std::vector<Field> const& FormHeadFields() {
@@ -186,35 +186,35 @@ std::uint32_t ListCountOf(exchange::Form const& form, std::uint32_t bsize) {
     return form.size < least ? 0 : form.Word(exchange::kBitmapOffset + std::uint64_t{bsize} + kUniqueCountOffset);
 }
 
-void TakeBloomBody(Cutter& cutter, exchange::Form const& form) {
+void TakeBloomBody(SectionWalk& walk, exchange::Form const& form) {
     std::uint32_t const bsize = form.size < exchange::kBitmapOffset ? 0 : form.Word(exchange::kHeadSize);
     std::uint32_t const nudcid = ListCountOf(form, bsize);
     std::uint64_t const listEnd = exchange::kBitmapOffset + std::uint64_t{bsize} + UniqueListSize(nudcid);
-    cutter.Take("bloom area", kBloomLengthSize + std::uint64_t{bsize},
-                {{"bsize", kBloomLengthSize, Format::Number}, {"bitmap", bsize, Format::Opaque}});
-    TakeUniqueList(cutter, nudcid, true);
-    cutter.TakeField(kZeros, exchange::BloomFormSize(bsize, nudcid) - listEnd, "end", Format::Zeros);
+    walk.Take("bloom area", kBloomLengthSize + std::uint64_t{bsize},
+              {{"bsize", kBloomLengthSize, Format::Number}, {"bitmap", bsize, Format::Opaque}});
+    TakeUniqueList(walk, nudcid, true);
+    walk.TakeField(kZeros, exchange::BloomFormSize(bsize, nudcid) - listEnd, "end", Format::Zeros);
 }
 
 std::vector<Section> SectionsOfForm(Record const& record) {
     exchange::Form const form(record.bytes, record.size, record.form.dotype, record.form.fptype);
-    Cutter cutter(record.size);
-    cutter.Take(kHeaderSection, exchange::kHeadSize, FormHeadFields());
+    SectionWalk walk(record.size);
+    walk.Take(kHeaderSection, exchange::kHeadSize, FormHeadFields());
     if (record.size < exchange::kHeadSize) {
-        return cutter.End();
+        return walk.End();
     }
     unsigned int const dotype = record.form.dotype;
     unsigned int const fptype = record.form.fptype;
     if (dotype == CR_DO_TYPE_BLOOM_FILTER) {
-        TakeBloomBody(cutter, form);
-        return cutter.End();
+        TakeBloomBody(walk, form);
+        return walk.End();
     }
     std::uint64_t const nfp = form.Word(exchange::kCountOffset);
-    cutter.TakeElements(kEntries, SegmentFormSize(fptype, dotype) * nfp, kSegments,
-                        EntryFields({"fingerprint", CRFPTextSize(fptype), Format::Text}, dotype));
-    cutter.TakeField("separator", exchange::kSeparatorSize, "separator", Format::Zeros);
-    cutter.TakeElements(kDcids, kDcidSize * nfp, kSegments, {{"dcid", kDcidSize, Format::Container}});
-    return cutter.End();
+    walk.TakeElements(kEntries, SegmentFormSize(fptype, dotype) * nfp, kSegments,
+                      EntryFields({"fingerprint", CRFPTextSize(fptype), Format::Text}, dotype));
+    walk.TakeField("separator", exchange::kSeparatorSize, "separator", Format::Zeros);
+    walk.TakeElements(kDcids, kDcidSize * nfp, kSegments, {{"dcid", kDcidSize, Format::Container}});
+    return walk.End();
 }
 
 } // namespace
@@ -226,9 +226,9 @@ std::vector<Section> Sections(Record const& record) {
     case Kind::Form: return SectionsOfForm(record);
     default: break;
     }
-    Cutter cutter(record.size);
-    cutter.TakeField(kUnknownSection, record.size, "bytes", Format::Opaque);
-    return cutter.End();
+    SectionWalk walk(record.size);
+    walk.TakeField(kUnknownSection, record.size, "bytes", Format::Opaque);
+    return walk.End();
 }
 
 } // namespace crrecord::tool

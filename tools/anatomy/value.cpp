@@ -1,9 +1,9 @@
 #include "anatomy/value.h"
 
+#include "base/hex.h"
 #include "io/failure.h"
 #include "record/references.h"
 #include "record/show_object.h"
-#include "support/hex.h"
 
 #include <crrecord/DORecordHeader.h>
 #include <crrecord/SOmarshall.h>

@@ -89,7 +89,7 @@ Line const* RecordStream::NextLine() {
         end = std::memchr(text + size, '\n', there - size);
         size = end ? static_cast<std::uint64_t>(static_cast<unsigned char const*>(end) - text) : there;
         if (!end && !inputEnded_) {
-            MakeRoom(2 * size);
+            Reserve(2 * size);
         }
     }
     if (!end && size == 0) {
@@ -185,14 +185,14 @@ bool RecordStream::IsBorder(std::uint64_t position) {
 
 void RecordStream::ReadOn(std::uint64_t need) {
     while (end_ - begin_ < need && !inputEnded_) {
-        MakeRoom(need);
+        Reserve(need);
         std::size_t const count = input_.Read({bytes_ + end_, capacity_ - end_});
         end_ += count;
         inputEnded_ = count == 0;
     }
 }
 
-void RecordStream::MakeRoom(std::uint64_t need) {
+void RecordStream::Reserve(std::uint64_t need) {
     if (end_ < capacity_) {
         return;
     }

@@ -2,9 +2,9 @@
 
 #pragma once
 
+#include "base/byteorder.h"
 #include "io/input.h"
 #include "io/progress.h"
-#include "support/byteorder.h"
 
 #include <cstdlib>
 #include <memory>
@@ -89,7 +89,7 @@ private:
         return end_ - begin_;
     }
     void ReadOn(std::uint64_t need);
-    void MakeRoom(std::uint64_t need);
+    void Reserve(std::uint64_t need);
     // Goes to what follows the present record.
     void Advance();
     void PassMark();

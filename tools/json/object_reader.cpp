@@ -1,6 +1,6 @@
 #include "json/object_reader.h"
 
-#include "support/unique_list.h"
+#include "support/layout/unique_list.h"
 
 #include <fmt/format.h>
 

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "record/references.h"
-#include "support/record_layout.h"
+#include "support/layout/record_layout.h"
 #include "json/record_reader.h"
 
 #include <crrecord/segments.h>

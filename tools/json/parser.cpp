@@ -1,7 +1,7 @@
 #include "json/parser.h"
 
+#include "base/hex.h"
 #include "io/text.h"
-#include "support/hex.h"
 
 #include <charconv>
 #include <cstring>

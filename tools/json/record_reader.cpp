@@ -1,6 +1,6 @@
 #include "json/record_reader.h"
 
-#include "record/findings.h"
+#include "record/record_findings.h"
 
 #include <fmt/format.h>
 

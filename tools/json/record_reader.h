@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "support/byteorder.h"
+#include "base/byteorder.h"
 #include "json/members.h"
 #include "json/parser.h"
 

@@ -1,6 +1,6 @@
 #include "json/segment_reader.h"
 
-#include "support/record_layout.h"
+#include "support/layout/record_layout.h"
 
 #include <fmt/format.h>
 

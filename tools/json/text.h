@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "support/hex.h"
+#include "base/hex.h"
 
 #include <charconv>
 #include <cstring>

@@ -2,7 +2,7 @@
 
 #include "record/references.h"
 #include "record/segment_record.h"
-#include "support/unique_list.h"
+#include "support/layout/unique_list.h"
 #include "json/members.h"
 #include "json/text.h"
 

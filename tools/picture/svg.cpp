@@ -1,7 +1,7 @@
 #include "picture/svg.h"
 
 #include "io/failure.h"
-#include "record/findings.h"
+#include "record/record_findings.h"
 
 #include <nlohmann/json.hpp>
 

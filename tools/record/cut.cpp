@@ -89,9 +89,9 @@ private:
     CutSegment segment_; // the one that is open, if it has bytes
 };
 
-class Cutter {
+class SegmentCutter {
 public:
-    Cutter(CutOptions const& options, Progress& progress, std::function<void(CutSegment const&)> const& use)
+    SegmentCutter(CutOptions const& options, Progress& progress, std::function<void(CutSegment const&)> const& use)
         : options_(options), progress_(progress), use_(use), digester_(options),
           pipeline_(
               Threads(), [this](Batch& batch) { Digest(batch); }, [this](Batch& batch) { Account(batch); }) {
@@ -257,7 +257,7 @@ CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::functio
                                   options.containerSize, options.segmentSize));
     }
     Progress progress(input.Name(), input.ExpectedSize());
-    Cutter cutter(options, progress, use);
+    SegmentCutter cutter(options, progress, use);
     Extent extent = holes == Holes::AreGaps ? input.NextExtent() : Extent{};
     for (;;) {
         cutter.Skip(std::exchange(extent.hole, 0));

@@ -1,9 +1,9 @@
 #include "record/do_record.h"
 
 #include "io/failure.h"
-#include "record/findings.h"
+#include "record/record_findings.h"
 
-#include "support/record_layout.h"
+#include "support/layout/record_layout.h"
 
 #include <fmt/format.h>
 
@@ -36,7 +36,7 @@ std::unique_ptr<DORecord> Open(Record const& record) {
 
 } // namespace
 
-void TurnDORecord(Record const& record, Order order) noexcept {
+void ConvertDORecord(Record const& record, Order order) noexcept {
     if (record.order != order) {
         auto* const header = reinterpret_cast<DORecordHeader*>(record.bytes);
         (order == Order::Network ? DORecordHeaderHton : DORecordHeaderNtoh)(header);

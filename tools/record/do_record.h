@@ -15,7 +15,7 @@
 namespace crrecord::tool {
 
 // Brings the bytes of a valid record, which are still as they were found, into `order`.
-void TurnDORecord(Record const& record, Order order) noexcept;
+void ConvertDORecord(Record const& record, Order order) noexcept;
 
 // A valid DO record, or the one that a valid exchange form makes, in host order and with its references. It works in
 // the record's bytes where it can; they are used up. Throws InputFailure where the library refuses it.

@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "support/byteorder.h"
+#include "base/byteorder.h"
 #include "tref/value.h"
 
 #include <crrecord/DORecord.h>

@@ -1,7 +1,7 @@
 #include "record/segment_record.h"
 
 #include "SOmarshall/layout.h"
-#include "support/hex.h"
+#include "base/hex.h"
 
 #include <fmt/compile.h>
 
@@ -44,7 +44,7 @@ _SegmentDBRecord& AsSegmentRecord(Record const& record) noexcept {
     return *reinterpret_cast<_SegmentDBRecord*>(record.bytes);
 }
 
-void TurnSegmentRecord(Record const& record, Order order) noexcept {
+void ConvertSegmentRecord(Record const& record, Order order) noexcept {
     _SegmentDBRecord* const stored = &AsSegmentRecord(record);
     if (record.order != order) {
         (order == Order::Network ? SegmentRecordHton : SegmentRecordNtoh)(stored, stored, 0);

@@ -15,7 +15,7 @@
 namespace crrecord::tool {
 
 // Brings the bytes of a valid record, which are still as they were found, into `order`.
-void TurnSegmentRecord(Record const& record, Order order) noexcept;
+void ConvertSegmentRecord(Record const& record, Order order) noexcept;
 
 _SegmentDBRecord& AsSegmentRecord(Record const& record) noexcept;
 

@@ -2,7 +2,7 @@
 
 #include <crrecord/container.h>
 
-#include "support/byteorder.h"
+#include "base/byteorder.h"
 
 #include <algorithm>
 #include <limits>

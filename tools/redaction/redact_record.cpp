@@ -5,7 +5,7 @@
 #include "record/segment_record.h"
 
 #include "SOmarshall/layout.h"
-#include "support/dcid_totals.h"
+#include "support/layout/dcid_totals.h"
 
 #include <utility>
 
@@ -42,10 +42,10 @@ void RedactSegmentRecord(_SegmentDBRecord& stored, Pseudonyms& pseudonyms) {
 
 void WriteSegmentRecord(OutputFile& to, Record const& record, Pseudonyms& pseudonyms) {
     Record turned = record;
-    TurnSegmentRecord(turned, Order::Host);
+    ConvertSegmentRecord(turned, Order::Host);
     turned.order = Order::Host;
     RedactSegmentRecord(AsSegmentRecord(turned), pseudonyms);
-    TurnSegmentRecord(turned, record.order);
+    ConvertSegmentRecord(turned, record.order);
     to.Write(record.bytes, record.size);
 }
 
@@ -184,7 +184,7 @@ std::uint64_t WriteRedacted(OutputFile& to, std::string_view file, Record const&
     if (record.kind == Kind::Form) {
         written = WriteObject(to, OpenDORecord(file, record)->GetHeader(), Order::Network, pseudonyms);
     } else {
-        TurnDORecord(record, Order::Host);
+        ConvertDORecord(record, Order::Host);
         written = WriteObject(to, reinterpret_cast<DORecordHeader*>(record.bytes), record.order, pseudonyms);
     }
     if (written == 0) {

@@ -2,7 +2,7 @@
 
 #include "anatomy/read_back.h"
 #include "anatomy/rows.h"
-#include "record/findings.h"
+#include "record/record_findings.h"
 #include "verbs/verbs.h"
 
 namespace crrecord::tool {

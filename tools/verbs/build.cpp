@@ -2,10 +2,10 @@
 
 #include "record/cut.h"
 #include "record/do_record.h"
-#include "record/findings.h"
+#include "record/record_findings.h"
 #include "verbs/verbs.h"
 
-#include "support/record_layout.h"
+#include "support/layout/record_layout.h"
 
 namespace crrecord::tool {
 

@@ -1,7 +1,7 @@
 // crrecord convert: the same records in the other byte order, as exchange forms or as JSON, and back.
 
 #include "record/do_record.h"
-#include "record/findings.h"
+#include "record/record_findings.h"
 #include "record/segment_record.h"
 #include "verbs/verbs.h"
 #include "json/reader.h"
@@ -43,7 +43,7 @@ std::uint64_t WriteRecord(OutputFile& to, std::string const& file, Record const&
         to.Write(bytes.data(), bytes.size());
         return bytes.size();
     }
-    (record.kind == Kind::Segment ? TurnSegmentRecord : TurnDORecord)(record, order);
+    (record.kind == Kind::Segment ? ConvertSegmentRecord : ConvertDORecord)(record, order);
     to.Write(record.bytes, record.size);
     return record.size;
 }
@@ -57,7 +57,7 @@ std::uint64_t WriteForm(OutputFile& to, std::string const& file, Record const& r
         if (withChecksum) {
             throw Failure(file + ": is a segment record, whose exchange form has no checksum");
         }
-        TurnSegmentRecord(record, Order::Host);
+        ConvertSegmentRecord(record, Order::Host);
         status = SegmentRecordSerialize(&AsSegmentRecord(record), &form, &size);
     } else {
         status = OpenDORecord(file, record)->Serialize(&form, &size, withChecksum);
@@ -75,7 +75,7 @@ void WriteLine(Output& to, std::string const& file, Record const& record, Order 
     Record line = record;
     line.order = foundIn;
     if (record.kind == Kind::Segment) {
-        TurnSegmentRecord(record, Order::Host);
+        ConvertSegmentRecord(record, Order::Host);
         AppendJsonStart(to.Buffer(), line);
         json::WriteSegmentRecord(to, line, true);
         return;

@@ -2,7 +2,7 @@
 
 #include "analysis/record_diff.h"
 #include "analysis/segment_match.h"
-#include "record/findings.h"
+#include "record/record_findings.h"
 #include "verbs/verbs.h"
 
 namespace crrecord::tool {

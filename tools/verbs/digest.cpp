@@ -1,7 +1,7 @@
 // crrecord digest: one fingerprint for a whole object.
 
 #include "record/do_record.h"
-#include "record/findings.h"
+#include "record/record_findings.h"
 #include "verbs/verbs.h"
 
 namespace crrecord::tool {

@@ -1,6 +1,6 @@
 // crrecord redact: records that are safe to send to others.
 
-#include "record/findings.h"
+#include "record/record_findings.h"
 #include "redaction/redact_record.h"
 #include "verbs/verbs.h"
 

@@ -2,7 +2,7 @@
 
 #include "analysis/active_tasks.h"
 #include "record/do_record.h"
-#include "record/findings.h"
+#include "record/record_findings.h"
 #include "record/references.h"
 #include "verbs/verbs.h"
 

@@ -1,7 +1,7 @@
 // crrecord segments build: the segment records of a real file.
 
 #include "record/cut.h"
-#include "record/findings.h"
+#include "record/record_findings.h"
 #include "verbs/verbs.h"
 
 #include "SOmarshall/layout.h"

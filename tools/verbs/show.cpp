@@ -1,7 +1,7 @@
 // crrecord show: what the records say.
 
 #include "record/do_record.h"
-#include "record/findings.h"
+#include "record/record_findings.h"
 #include "record/segment_record.h"
 #include "record/show_object.h"
 #include "verbs/verbs.h"
@@ -114,7 +114,7 @@ private:
             out_.Write("\n");
             return;
         }
-        TurnSegmentRecord(record, Order::Host);
+        ConvertSegmentRecord(record, Order::Host);
         if (options_.json) {
             AppendJsonStart(out_.Buffer(), quotedName_, record, true);
             json::WriteSegmentRecord(out_, record, options_.showKeys);

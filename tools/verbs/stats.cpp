@@ -4,8 +4,8 @@
 #include "analysis/segment_runs.h"
 #include "analysis/unique_segments.h"
 #include "record/do_record.h"
-#include "record/findings.h"
-#include "support/record_layout.h"
+#include "record/record_findings.h"
+#include "support/layout/record_layout.h"
 #include "verbs/verbs.h"
 
 namespace crrecord::tool {

@@ -1,6 +1,6 @@
 // crrecord validate: what is wrong, and what is odd, with each record.
 
-#include "record/findings.h"
+#include "record/record_findings.h"
 #include "verbs/verbs.h"
 
 namespace crrecord::tool {

@@ -2,7 +2,7 @@
 
 #include "io/progress.h"
 #include "record/do_record.h"
-#include "record/findings.h"
+#include "record/record_findings.h"
 #include "verbs/verbs.h"
 
 namespace crrecord::tool {

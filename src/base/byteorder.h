@@ -1,0 +1,69 @@
+// One load, one store, and one way to turn a field between host and network (big-endian) order.
+//
+// Turning is its own inverse, and nothing on a big-endian machine.
+
+#pragma once
+
+#include <boost/endian/conversion.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+namespace crrecord {
+
+enum class Order { Host, Network };
+
+constexpr Order Other(Order order) noexcept {
+    return order == Order::Host ? Order::Network : Order::Host;
+}
+
+template <class T>
+constexpr T ByteSwapped(T value) noexcept {
+    return boost::endian::native_to_big(value);
+}
+
+// Neither needs alignment; both are the only way in which the library reads and writes integers in buffers.
+template <class T>
+T Load(void const* from, Order order = Order::Host) noexcept {
+    T value;
+    std::memcpy(&value, from, sizeof value);
+    return order == Order::Host ? value : ByteSwapped(value);
+}
+
+template <class T>
+void Store(void* to, T value, Order order = Order::Host) noexcept {
+    T const stored = order == Order::Host ? value : ByteSwapped(value);
+    std::memcpy(to, &stored, sizeof stored);
+}
+
+// Converts between host order and big-endian. `to` may be `from`.
+template <class T>
+void CopySwapped(void* to, void const* from) noexcept {
+    Store<T>(to, Load<T>(from), Order::Network);
+}
+
+// Byte-swaps an integer whose width is known at compile time.
+template <std::size_t Width>
+void SwapBytes(unsigned char* to, unsigned char const* from) noexcept {
+    if constexpr (Width == 2) {
+        CopySwapped<std::uint16_t>(to, from);
+    } else if constexpr (Width == 4) {
+        CopySwapped<std::uint32_t>(to, from);
+    } else {
+        static_assert(Width == 8);
+        CopySwapped<std::uint64_t>(to, from);
+    }
+}
+
+// Calls use.operator()<I>() for every index of a constexpr table, so that a loop over fields compiles to straight code.
+template <auto const& Table, class Use>
+constexpr void ForEachIndex(Use use) {
+    [&]<std::size_t... I>(std::index_sequence<I...>) {
+        (use.template operator()<I>(), ...);
+    }
+    (std::make_index_sequence<Table.size()>{});
+}
+
+} // namespace crrecord

@@ -1,0 +1,21 @@
+#include "support/exchange/output_block.h"
+
+#include <cerrno>
+
+namespace crrecord {
+
+cr_status_t AllocateOutput(SerializerSite const& site, std::uint64_t size, std::uint64_t limit, void** out,
+                           void* (*allocate)(std::uint64_t)) noexcept {
+    // An allocator may fail without setting errno; then nothing older may speak for it.
+    errno = ENOMEM;
+    *out = size <= limit ? allocate(size) : nullptr;
+    if (*out) {
+        return CR_STATUS_OK;
+    }
+    cr_status_t const status = _crMapError(site.function, site.source, site.line);
+    ErrorA(status, "Could not serialize %s: malloc failed for %lu bytes (%s)", site.record, size,
+           CRStatusToStringA(status));
+    return status;
+}
+
+} // namespace crrecord

@@ -1,0 +1,119 @@
+// The segment codec for processors with AVX2. Compiled for them as a whole, so nothing here may be called, and no
+// function of another source be emitted, before the processor was asked; the loops and what they use are inlined.
+
+#include "support/exchange/segment_codec.h"
+
+#if defined(__AVX2__)
+
+#include "support/exchange/segment_codec_loops.h"
+
+#include <immintrin.h>
+
+namespace crrecord {
+
+namespace {
+
+// One nibble a byte to its character.
+[[gnu::always_inline]] inline __m256i NibblesToText(__m256i nibbles) noexcept {
+    __m256i const digits = _mm256_broadcastsi128_si256(
+        _mm_setr_epi8('0', '1', '2', '3', '4', '5', '6', '7', '8', '9', 'a', 'b', 'c', 'd', 'e', 'f'));
+    return _mm256_shuffle_epi8(digits, nibbles);
+}
+
+// Sixteen bytes to 32 characters: the high nibble goes in front.
+[[gnu::always_inline]] inline void EncodeHalf(unsigned char const* bytes, char* text) noexcept {
+    __m256i const lanes = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<__m128i const*>(bytes)));
+    __m256i const nibbles = _mm256_and_si256(_mm256_or_si256(_mm256_srli_epi16(lanes, 4), _mm256_slli_epi16(lanes, 8)),
+                                             _mm256_set1_epi16(0x0f0f));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(text), NibblesToText(nibbles));
+}
+
+// Of a character's low nibble alone, the digit and the letter that it can be; 0xff stands for none. A shuffle looks a
+// character from 0x80 on up as 0, which isn't it either.
+[[gnu::always_inline]] inline __m256i IsEntry(__m256i characters, __m128i table) noexcept {
+    return _mm256_cmpeq_epi8(characters, _mm256_shuffle_epi8(_mm256_broadcastsi128_si256(table), characters));
+}
+[[gnu::always_inline]] inline __m256i AreDigits(__m256i characters) noexcept {
+    return IsEntry(characters, _mm_setr_epi8('0', '1', '2', '3', '4', '5', '6', '7', '8', '9', -1, -1, -1, -1, -1, -1));
+}
+[[gnu::always_inline]] inline __m256i AreLetters(__m256i characters) noexcept {
+    return IsEntry(characters, _mm_setr_epi8(-1, 'a', 'b', 'c', 'd', 'e', 'f', -1, -1, -1, -1, -1, -1, -1, -1, -1));
+}
+
+// Gathers what was seen of many texts, and says at the end whether all were good.
+class Avx2Verdict {
+public:
+    [[gnu::always_inline]] void And(__m256i good) noexcept { good_ = _mm256_and_si256(good_, good); }
+    [[gnu::always_inline]] bool Good() const noexcept { return _mm256_movemask_epi8(good_) == -1; }
+
+private:
+    __m256i good_ = _mm256_set1_epi8(-1);
+};
+
+// Thirty-two characters to sixteen bytes, one in each 16-bit lane.
+[[gnu::always_inline]] inline __m256i DecodeLanes(char const* text, Avx2Verdict& verdict) noexcept {
+    __m256i const characters = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(text));
+    __m256i const letters = AreLetters(characters);
+    verdict.And(_mm256_or_si256(letters, AreDigits(characters)));
+    __m256i const values = _mm256_add_epi8(_mm256_and_si256(characters, _mm256_set1_epi8(0x0f)),
+                                           _mm256_and_si256(letters, _mm256_set1_epi8(9)));
+    return _mm256_maddubs_epi16(values, _mm256_set1_epi16(0x0110)); // high * 16 + low
+}
+
+[[gnu::always_inline]] inline void CheckHalf(char const* text, Avx2Verdict& verdict) noexcept {
+    __m256i const characters = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(text));
+    verdict.And(_mm256_or_si256(AreLetters(characters), AreDigits(characters)));
+}
+
+struct Avx2Hex {
+    template <unsigned int Bytes>
+    [[gnu::always_inline]] static void Encode(unsigned char const* bytes, char* text) noexcept {
+        EncodeHalf(bytes, text);
+        if constexpr (Bytes == 32) {
+            EncodeHalf(bytes + 16, text + 32);
+        }
+    }
+
+    using Verdict = Avx2Verdict;
+
+    template <unsigned int Bytes>
+    [[gnu::always_inline]] static void Decode(char const* text, unsigned char* bytes, Verdict& verdict) noexcept {
+        __m256i const first = DecodeLanes(text, verdict);
+        __m256i const second = Bytes == 32 ? DecodeLanes(text + 32, verdict) : first;
+        // Packing works within 128-bit halves; the permutation puts the quarters in order.
+        __m256i const packed = _mm256_permute4x64_epi64(_mm256_packus_epi16(first, second), 0xd8);
+        if constexpr (Bytes == 32) {
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(bytes), packed);
+        } else {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes), _mm256_castsi256_si128(packed));
+        }
+    }
+
+    template <unsigned int Bytes>
+    [[gnu::always_inline]] static void Check(char const* text, Verdict& verdict) noexcept {
+        CheckHalf(text, verdict);
+        if constexpr (Bytes == 32) {
+            CheckHalf(text + 32, verdict);
+        }
+    }
+};
+
+} // namespace
+
+SegmentCodec const* Avx2SegmentCodec(unsigned int fptype, unsigned int dotype) noexcept {
+    return CodecOf<Avx2Hex>(fptype, dotype);
+}
+
+} // namespace crrecord
+
+#else
+
+namespace crrecord {
+
+SegmentCodec const* Avx2SegmentCodec(unsigned int, unsigned int) noexcept {
+    return nullptr;
+}
+
+} // namespace crrecord
+
+#endif

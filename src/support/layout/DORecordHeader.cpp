@@ -1,0 +1,211 @@
+// The DORecordHeader functions: the layout for callers who have a bare buffer, and the order of the bytes in it.
+
+#include "base/prefetch.h"
+#include "support/layout/record_layout.h"
+
+#include <array>
+
+namespace crrecord {
+
+namespace {
+
+struct SwappedField {
+    unsigned short offset;
+    unsigned short width;
+};
+
+#define CRRECORD_FIELD(member)                                                                                         \
+    SwappedField {                                                                                                     \
+        offsetof(DORecordHeader, member), sizeof(DORecordHeader::member)                                               \
+    }
+
+// The header fields that turn with the byte order: all but the legacy counts, which never do, and single bytes.
+constexpr std::array kSwappedFields{
+    CRRECORD_FIELD(type),      CRRECORD_FIELD(flags), CRRECORD_FIELD(recsize), CRRECORD_FIELD(checktime),
+    CRRECORD_FIELD(CID),       CRRECORD_FIELD(size),  CRRECORD_FIELD(ssize),   CRRECORD_FIELD(CRC),
+    CRRECORD_FIELD(ctime),     CRRECORD_FIELD(mtime), CRRECORD_FIELD(nfp),     CRRECORD_FIELD(nudcid),
+    CRRECORD_FIELD(trefssize), CRRECORD_FIELD(bsize),
+};
+
+#undef CRRECORD_FIELD
+
+void SwapInPlace32(unsigned char* bytes) noexcept {
+    CopySwapped<std::uint32_t>(bytes, bytes);
+}
+
+template <unsigned int OffsetWidth, bool far>
+void SwapEntriesOf(unsigned char* entry, std::uint64_t count, RecordLayout const& layout) noexcept {
+    for (; count != 0; --count, entry += layout.stride) {
+        if constexpr (far) {
+            Prefetch(entry, kAheadOfEntry, 1);
+        }
+        unsigned char* const numbers = entry + layout.fingerprint;
+        SwapInPlace32(numbers);
+        if constexpr (OffsetWidth != 0) {
+            SwapBytes<OffsetWidth>(numbers + 4, numbers + 4);
+        }
+    }
+}
+
+template <unsigned int OffsetWidth>
+void SwapEntries(unsigned char* entries, std::uint64_t count, RecordLayout const& layout) noexcept {
+    (count < kBeyondCaches ? SwapEntriesOf<OffsetWidth, false> : SwapEntriesOf<OffsetWidth, true>)(entries, count,
+                                                                                                   layout);
+}
+
+void SwapSegments(unsigned char* entries, std::uint64_t count, RecordLayout const& layout,
+                  unsigned int dotype) noexcept {
+    switch (dotype) {
+    case CR_DO_TYPE_NO_OFFSET: SwapEntries<0>(entries, count, layout); break;
+    case CR_DO_TYPE_8_BYTE_OFFSET: SwapEntries<8>(entries, count, layout); break;
+    case CR_DO_TYPE_4_BYTE_OFFSET: SwapEntries<4>(entries, count, layout); break;
+    default: break;
+    }
+}
+
+// What turns besides the segments.
+void SwapRest(DORecordHeader* header, RecordCounts const& counts, RecordLayout const& layout) noexcept {
+    unsigned char* const bytes = BytesOf(header);
+    SwapHeaderFields(header);
+    if (counts.nudcid != 0) {
+        SwapInPlace32(bytes + layout.udcids + kUniqueCountOffset);
+    }
+    if (counts.dotype == CR_DO_TYPE_BLOOM_FILTER) {
+        SwapInPlace32(bytes + layout.entries);
+    }
+}
+
+// One routine for both directions: it finds the counts in the order in which they stand before it turns them.
+void SwapRecord(DORecordHeader* header) noexcept {
+    RecordCounts const counts = CountsOf(header, OrderOf(header));
+    RecordLayout const layout(counts);
+    SwapSegments(BytesOf(header) + layout.entries, layout.segments, layout, counts.dotype);
+    SwapRest(header, counts, layout);
+}
+
+// The functions take a const header and give addresses to write to, as strchr does.
+unsigned char* At(DORecordHeader const* header, std::uint64_t offset) noexcept {
+    return const_cast<unsigned char*>(BytesOf(header)) + offset;
+}
+
+} // namespace
+
+void SwapHeaderFields(DORecordHeader* header) noexcept {
+    unsigned char* const bytes = BytesOf(header);
+    ForEachIndex<kSwappedFields>([=]<std::size_t I> {
+        constexpr SwappedField field = kSwappedFields[I];
+        SwapBytes<field.width>(bytes + field.offset, bytes + field.offset);
+    });
+}
+
+void CopySegmentsToHost(DORecordHeader* to, DORecordHeader const* from, RecordLayout const& layout, Order order,
+                        std::uint64_t first, std::uint64_t count) noexcept {
+    std::uint64_t const at = layout.Entry(first);
+    std::memcpy(BytesOf(to) + at, BytesOf(from) + at, count * layout.stride);
+    if (order == Order::Network) {
+        SwapSegments(BytesOf(to) + at, count, layout, from->dotype);
+    }
+}
+
+void CopyRestToHost(DORecordHeader* to, DORecordHeader const* from, std::uint64_t size, Order order) noexcept {
+    RecordCounts const counts = CountsOf(from, order);
+    RecordLayout const layout(counts);
+    std::memcpy(to, from, layout.entries);
+    std::memcpy(BytesOf(to) + layout.dcids, BytesOf(from) + layout.dcids, size - layout.dcids);
+    if (order == Order::Network) {
+        SwapRest(to, counts, layout);
+    }
+}
+
+} // namespace crrecord
+
+using namespace crrecord;
+
+int CRDOTypeIsValid(unsigned int dotype) noexcept {
+    return dotype <= CR_DO_TYPE_4_BYTE_OFFSET;
+}
+
+unsigned long DORecordHeaderSizeRaw(unsigned int ntaskid, unsigned int n, unsigned int nudcid, unsigned int nds,
+                                    unsigned char dotype, unsigned char fptype, unsigned int trefssize) noexcept {
+    return RecordLayout({.ntaskid = ntaskid,
+                         .nfp = n,
+                         .nudcid = nudcid,
+                         .nds = nds,
+                         .trefssize = trefssize,
+                         .bsize = n,
+                         .fptype = fptype,
+                         .dotype = dotype})
+        .total;
+}
+
+unsigned long DORecordHeaderSizeWithBloom(unsigned int ntaskid, unsigned int bsize, unsigned int nudcid,
+                                          unsigned int nds, unsigned char, unsigned int trefssize) noexcept {
+    return DORecordHeaderSizeRaw(ntaskid, bsize, nudcid, nds, CR_DO_TYPE_BLOOM_FILTER, 0, trefssize);
+}
+
+unsigned char* DORecordHeaderIndexOfSegment(DORecordHeader const* header, unsigned int i) noexcept {
+    return At(header, LayoutOf(header).Entry(i));
+}
+
+unsigned char* DORecordHeaderIndexOfSegmentSize(DORecordHeader const* header, unsigned int i) noexcept {
+    RecordLayout const layout = LayoutOf(header);
+    return At(header, layout.Entry(i) + layout.fingerprint);
+}
+
+unsigned char* DORecordHeaderIndexOfSegmentOffset(DORecordHeader const* header, unsigned int i) noexcept {
+    RecordLayout const layout = LayoutOf(header);
+    return At(header, layout.Entry(i) + layout.offset);
+}
+
+unsigned char* DORecordHeaderIndexOfSegmentObjectOffset(DORecordHeader const* header, unsigned int i) noexcept {
+    return DORecordHeaderIndexOfSegmentOffset(header, i);
+}
+
+unsigned char* DORecordHeaderIndexOfDCID(DORecordHeader const* header, unsigned int i) noexcept {
+    return At(header, LayoutOf(header).Dcid(i));
+}
+
+unsigned char* DORecordHeaderStartUDCID(DORecordHeader const* header) noexcept {
+    return At(header, LayoutOf(header).udcids);
+}
+
+unsigned char* DORecordHeaderIndexOfUDCID(DORecordHeader const* header, unsigned int i) noexcept {
+    return At(header, LayoutOf(header).UniqueEntry(i));
+}
+
+unsigned char* DORecordHeaderIndexOfTaskId(DORecordHeader const* header, unsigned int i) noexcept {
+    return At(header, LayoutOf(header).taskIds + std::uint64_t{kLegacyTaskIdSize} * i);
+}
+
+unsigned char* DORecordHeaderIndexOfDataSelection(DORecordHeader const* header, unsigned int i) noexcept {
+    return At(header, LayoutOf(header).dsids + std::uint64_t{kLegacyDsidSize} * i);
+}
+
+unsigned char* DORecordHeaderStartTRefs(DORecordHeader const* header) noexcept {
+    return At(header, LayoutOf(header).trefs);
+}
+
+unsigned char* DORecordHeaderStartBFBitmap(DORecordHeader const* header) noexcept {
+    return At(header, LayoutOf(header).entries);
+}
+
+unsigned char* DORecordHeaderGetBloomStart(DORecordHeader const* header) noexcept {
+    return DORecordHeaderStartBFBitmap(header);
+}
+
+unsigned char* DORecordHeaderGetBloom(DORecordHeader const* header) noexcept {
+    bool const bitmap = header->dotype == CR_DO_TYPE_BLOOM_FILTER && header->bsize != 0;
+    return bitmap ? DORecordHeaderGetBloomStart(header) + kBloomLengthSize : nullptr;
+}
+
+unsigned long DORecordHeaderGetPOID(DORecordHeader const* header) noexcept {
+    return OrderOf(header) == Order::Host ? header->CID : ByteSwapped(header->CID);
+}
+
+void DORecordHeaderHton(DORecordHeader* header) noexcept {
+    SwapRecord(header);
+}
+
+void DORecordHeaderNtoh(DORecordHeader* header) noexcept {
+    SwapRecord(header);
+}

@@ -1,0 +1,163 @@
+// Where everything is in a DO record: the one place that knows.
+
+#pragma once
+
+#include <crrecord/DORecordHeader.h>
+#include <crrecord/fingerprint.h>
+
+#include "base/byteorder.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace crrecord {
+
+inline constexpr std::uint64_t kLargestRecord = std::numeric_limits<std::uint32_t>::max();
+
+inline constexpr unsigned int kDcidSize = 8;
+inline constexpr unsigned int kLegacyTaskIdSize = 8;
+inline constexpr unsigned int kLegacyDsidSize = 4;
+
+// The unique DCID list: checksum, count, then entries of a DCID and a number of bytes.
+inline constexpr unsigned int kUniqueCountOffset = 4;
+inline constexpr unsigned int kUniqueHeadSize = 8;
+inline constexpr unsigned int kUniqueEntrySize = 16;
+
+// The bloom area: length word, bitmap, and 16 zero bytes that the digest covers too.
+inline constexpr unsigned int kBloomLengthSize = 4;
+inline constexpr unsigned int kBloomEndSize = 16;
+
+// Every record ends in zeros. Behind segments they keep the last of them safe from whoever reads or writes 32 bytes of
+// a 16-byte fingerprint, or a size or offset that its entry doesn't have.
+inline constexpr unsigned int kTailSize = 24;
+inline constexpr unsigned int kBloomTailSize = 4;
+
+constexpr std::uint64_t UniqueListSize(std::uint32_t nudcid) noexcept {
+    return nudcid == 0 ? 0 : kUniqueHeadSize + std::uint64_t{kUniqueEntrySize} * nudcid;
+}
+
+constexpr bool HasSegmentSize(unsigned int dotype) noexcept {
+    return dotype == CR_DO_TYPE_NO_OFFSET || dotype == CR_DO_TYPE_8_BYTE_OFFSET || dotype == CR_DO_TYPE_4_BYTE_OFFSET;
+}
+
+// Bytes of an entry's size and offset.
+constexpr unsigned int SegmentSizeWidth(unsigned int dotype) noexcept {
+    return HasSegmentSize(dotype) ? 4 : 0;
+}
+
+constexpr unsigned int SegmentOffsetWidth(unsigned int dotype) noexcept {
+    return dotype == CR_DO_TYPE_8_BYTE_OFFSET ? 8 : dotype == CR_DO_TYPE_4_BYTE_OFFSET ? 4 : 0;
+}
+
+// Position of an entry's offset: behind the place of a size, whether there is one or not.
+constexpr unsigned int OffsetPosition(unsigned int fingerprint) noexcept {
+    return fingerprint + 4;
+}
+
+// What the layout of a record depends on, as host values.
+struct RecordCounts {
+    std::uint32_t ntaskid = 0;
+    std::uint32_t nfp = 0;
+    std::uint32_t nudcid = 0;
+    std::uint32_t nds = 0;
+    std::uint32_t trefssize = 0;
+    std::uint32_t bsize = 0;
+    unsigned char fptype = 0;
+    unsigned char dotype = 0;
+};
+
+// Offsets from the start of the record, and sizes, in bytes. Sections lie in the order of the members. No sum can wrap:
+// the largest is below 2^39.
+struct RecordLayout {
+    std::uint32_t segments;   // how many the record has: none in a bloom record, whatever its nfp says
+    unsigned int fingerprint; // bytes of one, and the position of the size in an entry
+    unsigned int offset;      // position of the offset in an entry, whether it has one or not
+    unsigned int stride;      // bytes of an entry
+
+    std::uint64_t entries;
+    std::uint64_t dcids;
+    std::uint64_t udcids; // behind the DCIDs, or behind the bloom area, which starts where entries do
+    std::uint64_t taskIds;
+    std::uint64_t dsids;
+    std::uint64_t trefs;
+    std::uint64_t tail;
+    std::uint64_t total;
+
+    constexpr explicit RecordLayout(RecordCounts const& counts) noexcept {
+        bool const bloom = counts.dotype == CR_DO_TYPE_BLOOM_FILTER;
+        segments = bloom ? 0 : counts.nfp;
+        fingerprint = CRFPDigestSize(counts.fptype);
+        offset = OffsetPosition(fingerprint);
+        stride = fingerprint + SegmentSizeWidth(counts.dotype) + SegmentOffsetWidth(counts.dotype);
+
+        entries = CR_DO_HEADER_SIZE;
+        dcids = entries + std::uint64_t{stride} * segments;
+        udcids = bloom ? entries + kBloomLengthSize + counts.bsize + kBloomEndSize
+                       : dcids + std::uint64_t{kDcidSize} * segments;
+        taskIds = udcids + UniqueListSize(counts.nudcid);
+        dsids = taskIds + std::uint64_t{kLegacyTaskIdSize} * counts.ntaskid;
+        trefs = dsids + std::uint64_t{kLegacyDsidSize} * counts.nds;
+        tail = trefs + counts.trefssize;
+        total = tail + (bloom ? kBloomTailSize : kTailSize);
+    }
+
+    constexpr std::uint64_t Entry(std::uint64_t i) const noexcept { return entries + i * stride; }
+    constexpr std::uint64_t Dcid(std::uint64_t i) const noexcept { return dcids + i * kDcidSize; }
+    constexpr std::uint64_t UniqueEntry(std::uint64_t i) const noexcept {
+        return udcids + kUniqueHeadSize + i * kUniqueEntrySize;
+    }
+};
+
+// A header is in network order exactly when its type, read as big-endian, is that of a DO record.
+inline Order OrderOf(DORecordHeader const* header) noexcept {
+    return ByteSwapped(header->type) == CR_DO_RECORD_TYPE ? Order::Network : Order::Host;
+}
+
+// The counts of a header in the order in which it stands; the legacy counts have no order.
+inline RecordCounts CountsOf(DORecordHeader const* header, Order order) noexcept {
+    auto const read = [order](std::uint32_t stored) { return order == Order::Host ? stored : ByteSwapped(stored); };
+    return {.ntaskid = header->ntaskid,
+            .nfp = read(header->nfp),
+            .nudcid = read(header->nudcid),
+            .nds = header->nds,
+            .trefssize = read(header->trefssize),
+            .bsize = read(header->bsize),
+            .fptype = header->fptype,
+            .dotype = header->dotype};
+}
+
+// Turns the fields of the fixed header, and nothing behind it.
+void SwapHeaderFields(DORecordHeader* header) noexcept;
+
+// Together they copy a sound record of `size` bytes that stands in `order`, to host order: `count` of its segments from
+// the first on, and everything else.
+void CopySegmentsToHost(DORecordHeader* to, DORecordHeader const* from, RecordLayout const& layout, Order order,
+                        std::uint64_t first, std::uint64_t count) noexcept;
+void CopyRestToHost(DORecordHeader* to, DORecordHeader const* from, std::uint64_t size, Order order) noexcept;
+
+inline RecordLayout LayoutOf(DORecordHeader const* header) noexcept {
+    return RecordLayout(CountsOf(header, OrderOf(header)));
+}
+
+inline unsigned char* BytesOf(DORecordHeader* header) noexcept {
+    return reinterpret_cast<unsigned char*>(header);
+}
+
+inline unsigned char const* BytesOf(DORecordHeader const* header) noexcept {
+    return reinterpret_cast<unsigned char const*>(header);
+}
+
+// Calls work(first, count) for one block of segments after the other, while each is in the nearest caches: a few dozen
+// KB in whatever form. Stops, and returns false, where it does.
+template <class Work>
+bool ForEachBlock(std::uint64_t segments, Work work) noexcept {
+    constexpr std::uint64_t kBlock = 256;
+    for (std::uint64_t first = 0; first < segments; first += kBlock) {
+        if (!work(first, std::min(kBlock, segments - first))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace crrecord

@@ -1,0 +1,169 @@
+#include "support/validate/segment_list_check.h"
+
+#include "base/prefetch.h"
+
+namespace crrecord {
+
+namespace {
+
+// From here on a value is taken for one in the wrong byte order.
+constexpr std::uint32_t kImplausibleSize = 0x80000000;
+constexpr std::uint64_t kImplausibleOffset = 0x8000000000000000;
+
+// A walk along a list's sizes and offsets.
+template <Order order>
+class Entries {
+public:
+    explicit Entries(SegmentList const& list) noexcept
+        : bytes_(list.entries), sizeAt_(list.sizeAt), offsetAt_(list.offsetAt), stride_(list.stride) {}
+
+    void PrefetchAhead() const noexcept { Prefetch(bytes_ + at_, kAheadOfEntry, 1); }
+    void Skip(std::uint64_t count) noexcept { at_ += count * stride_; }
+    std::uint32_t Size() const noexcept { return Load<std::uint32_t>(bytes_ + at_ + sizeAt_, order); }
+    std::uint64_t Offset() const noexcept { return Load<std::uint64_t>(bytes_ + at_ + offsetAt_, order); }
+
+private:
+    unsigned char const* bytes_;
+    std::uint64_t at_ = 0; // of the current entry
+    unsigned int sizeAt_;
+    unsigned int offsetAt_;
+    unsigned int stride_;
+};
+
+// Runs a check that is compiled once for each order, so that no loop asks for the order again.
+template <class Check>
+auto WithEntries(SegmentList const& list, Check check) noexcept {
+    return list.order == Order::Host ? check(Entries<Order::Host>(list)) : check(Entries<Order::Network>(list));
+}
+
+template <class E>
+SegmentFault FindOverlap(SegmentList const& list, E entries) noexcept {
+    std::uint64_t end = 0;
+    for (std::uint32_t i = 0; i < list.count; ++i, entries.Skip(1)) {
+        std::uint64_t const offset = entries.Offset();
+        if (offset < end) {
+            return {SegmentRule::Overlap, i, offset, end};
+        }
+        end = offset + entries.Size();
+    }
+    return {};
+}
+
+} // namespace
+
+SegmentFault CheckSegmentSizes(SegmentList const& list) noexcept {
+    for (std::uint32_t i = 0; i < list.count && !list.subDO; ++i) {
+        std::uint32_t const size = SegmentSizeOf(list, i);
+        if (size >= kImplausibleSize) {
+            return {SegmentRule::Size, i, size, kImplausibleSize - 1};
+        }
+    }
+    return {};
+}
+
+SegmentFault CheckSegmentOffsets(SegmentList const& list) noexcept {
+    for (std::uint32_t i = 0; i < list.count; ++i) {
+        std::uint64_t const offset = SegmentOffsetOf(list, i);
+        if (offset >= kImplausibleOffset) {
+            return {SegmentRule::Offset, i, offset, kImplausibleOffset - 1};
+        }
+    }
+    return {};
+}
+
+void SegmentListCheck::Accumulate(std::uint64_t from, std::uint64_t count) noexcept {
+    switch (list_.dotype) {
+    case CR_DO_TYPE_NO_OFFSET:
+    case CR_DO_TYPE_4_BYTE_OFFSET:
+        WithEntries(list_, [&](auto entries) { AccumulateSizes(entries, from, count); });
+        break;
+    case CR_DO_TYPE_8_BYTE_OFFSET:
+        WithEntries(list_, [&](auto entries) { AccumulateOffsets(entries, from, count); });
+        break;
+    default: break;
+    }
+}
+
+// Sizes are summed up, and their implausible bits collected, in one pass without a branch.
+template <class E>
+void SegmentListCheck::AccumulateSizes(E entries, std::uint64_t from, std::uint64_t count) noexcept {
+    std::uint64_t sum = sum_;
+    std::uint32_t sizes = sizes_;
+    for (entries.Skip(from); count != 0; --count, entries.Skip(1)) {
+        entries.PrefetchAhead();
+        std::uint32_t const size = entries.Size();
+        sum += size;
+        sizes |= size;
+    }
+    sum_ = sum;
+    sizes_ = sizes;
+}
+
+template <class E>
+void SegmentListCheck::AccumulateOffsets(E entries, std::uint64_t from, std::uint64_t count) noexcept {
+    std::uint64_t end = end_;
+    std::uint64_t offsets = offsets_;
+    std::uint32_t sizes = sizes_;
+    bool overlap = overlap_;
+    for (entries.Skip(from); count != 0; --count, entries.Skip(1)) {
+        entries.PrefetchAhead();
+        std::uint64_t const offset = entries.Offset();
+        std::uint32_t const size = entries.Size();
+        overlap |= offset < end;
+        offsets |= offset;
+        sizes |= size;
+        end = offset + size;
+    }
+    end_ = end;
+    offsets_ = offsets;
+    sizes_ = sizes;
+    overlap_ = overlap;
+}
+
+SegmentFault SegmentListCheck::Fault() const noexcept {
+    switch (list_.dotype) {
+    case CR_DO_TYPE_ORIGINAL:
+    case CR_DO_TYPE_NO_SIZE: return ProductFault();
+    case CR_DO_TYPE_NO_OFFSET:
+    case CR_DO_TYPE_4_BYTE_OFFSET: return SumFault();
+    case CR_DO_TYPE_8_BYTE_OFFSET: return OffsetFault();
+    default: return {};
+    }
+}
+
+SegmentFault SegmentListCheck::ProductFault() const noexcept {
+    std::uint64_t product = 0;
+    // One beyond 64 bits is beyond the size of every object.
+    bool const fits = !__builtin_mul_overflow(list_.ssize, list_.count, &product);
+    return fits && list_.objectSize > product ? SegmentFault{SegmentRule::Product, 0, product, list_.objectSize}
+                                              : SegmentFault{};
+}
+
+SegmentFault SegmentListCheck::SumFault() const noexcept {
+    if (sizes_ >= kImplausibleSize && !list_.subDO) {
+        return CheckSegmentSizes(list_);
+    }
+    return sum_ != list_.objectSize ? SegmentFault{SegmentRule::Sum, 0, sum_, list_.objectSize} : SegmentFault{};
+}
+
+// Where something is amiss, the rules one by one, in their order, say what.
+SegmentFault SegmentListCheck::OffsetFault() const noexcept {
+    if (sizes_ >= kImplausibleSize && !list_.subDO) {
+        return CheckSegmentSizes(list_);
+    }
+    if (offsets_ >= kImplausibleOffset) {
+        return CheckSegmentOffsets(list_);
+    }
+    if (overlap_) {
+        return WithEntries(list_, [&](auto entries) { return FindOverlap(list_, entries); });
+    }
+    return end_ > list_.objectSize ? SegmentFault{SegmentRule::End, 0, end_, list_.objectSize} : SegmentFault{};
+}
+
+SegmentFault CheckSegments(SegmentList const& list) noexcept {
+    SegmentListCheck rules(list);
+    rules.Accumulate(0, list.count);
+    return rules.Fault();
+}
+
+} // namespace crrecord
