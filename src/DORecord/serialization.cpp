@@ -52,7 +52,7 @@ std::uint32_t WriteBody(unsigned char* to, unsigned char const* record, RecordLa
     std::memset(to, 0, exchange::kSeparatorSize);
     written(exchange::kSeparatorSize);
     ForEachBlock(layout.segments, [&](std::uint64_t first, std::uint64_t count) {
-        codec.turnDcids(to, record + layout.Dcid(first), count);
+        codec.swapDcids(to, record + layout.Dcid(first), count);
         return written(count * kDcidSize);
     });
     return sum;

@@ -102,7 +102,7 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
     Entries entries;
     try {
         if (bloom) {
-            // ByteSwapped for good, also when there is no list, or no memory for it.
+            // Swapped even if there is no list or no memory for it.
             CopySwapped<std::uint32_t>(lengthWord, lengthWord);
             entries = CollectReceived(BytesOf(header) + layout.udcids, GetNudcid());
         } else {

@@ -30,7 +30,7 @@ bool ReadSegments(Form const& form, DORecordHeader* header, RecordLayout const& 
     if (!good || *separator != 0) {
         return false;
     }
-    codec.turnDcids(BytesOf(header) + layout.dcids, separator + kSeparatorSize, layout.segments);
+    codec.swapDcids(BytesOf(header) + layout.dcids, separator + kSeparatorSize, layout.segments);
     fault = rules.Fault();
     return true;
 }

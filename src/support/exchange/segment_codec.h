@@ -19,14 +19,14 @@ struct SegmentCodec {
     bool (*decode)(unsigned char* entries, unsigned char const* form, std::uint64_t count) noexcept;
     // Whether decode would succeed.
     bool (*check)(unsigned char const* form, std::uint64_t count) noexcept;
-    void (*turnDcids)(unsigned char* to, unsigned char const* from, std::uint64_t count) noexcept;
+    void (*swapDcids)(unsigned char* to, unsigned char const* from, std::uint64_t count) noexcept;
 };
 
 // The fastest that this processor has.
 SegmentCodec const& SegmentCodecFor(unsigned int fptype, unsigned int dotype) noexcept;
 
-// The one that every processor has, and the one for AVX2; null where the compiler has no such instructions. All give
-// the same answers.
+// The codec for every processor, and the one for AVX2, which is null on other machines than x86-64. Both return the
+// same results.
 SegmentCodec const* BaseSegmentCodec(unsigned int fptype, unsigned int dotype) noexcept;
 SegmentCodec const* Avx2SegmentCodec(unsigned int fptype, unsigned int dotype) noexcept;
 

@@ -1,13 +1,25 @@
-// The segment codec for processors with AVX2. Compiled for them as a whole, so nothing here may be called, and no
-// function of another source be emitted, before the processor was asked; the loops and what they use are inlined.
+// The segment codec for processors with AVX2.
+//
+// Only the code between the two pragmas uses AVX2, and all of it has internal linkage. Inline functions of other
+// headers that the compiler emits here are compiled for every processor, so it does not matter whose copy the linker
+// keeps.
 
 #include "support/exchange/segment_codec.h"
 
-#if defined(__AVX2__)
+#if defined(__x86_64__)
 
-#include "support/exchange/segment_codec_loops.h"
+#include "base/prefetch.h"
 
 #include <immintrin.h>
+
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
+#else
+#pragma GCC push_options
+#pragma GCC target("avx2")
+#endif
+
+#include "support/exchange/segment_codec_loops.h"
 
 namespace crrecord {
 
@@ -43,11 +55,13 @@ namespace {
 // Gathers what was seen of many texts, and says at the end whether all were good.
 class Avx2Verdict {
 public:
+    // Written out because an implicit constructor would be compiled without AVX2.
+    [[gnu::always_inline]] Avx2Verdict() noexcept : good_(_mm256_set1_epi8(-1)) {}
     [[gnu::always_inline]] void And(__m256i good) noexcept { good_ = _mm256_and_si256(good_, good); }
     [[gnu::always_inline]] bool Good() const noexcept { return _mm256_movemask_epi8(good_) == -1; }
 
 private:
-    __m256i good_ = _mm256_set1_epi8(-1);
+    __m256i good_;
 };
 
 // Thirty-two characters to sixteen bytes, one in each 16-bit lane.
@@ -99,6 +113,16 @@ struct Avx2Hex {
 };
 
 } // namespace
+
+} // namespace crrecord
+
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
+#pragma GCC pop_options
+#endif
+
+namespace crrecord {
 
 SegmentCodec const* Avx2SegmentCodec(unsigned int fptype, unsigned int dotype) noexcept {
     return CodecOf<Avx2Hex>(fptype, dotype);
