@@ -18,7 +18,7 @@ void RequireTypes(NewFields const& fields) {
     if (!CRFPTypeIsValid(fields.fptype)) {
         throw Cr_ErrnoException(CR_STATUS_INVALID_FP_TYPE);
     }
-    if (fields.dotype == CR_DO_TYPE_BLOOM_FILTER) {
+    if (IsBloom(fields.dotype)) {
         throw py::value_error("a bloom record has no segments: use DORecord.from_bloom");
     }
 }
@@ -72,14 +72,14 @@ public:
         std::size_t const at = entries_.size();
         entries_.resize(at + layout_.stride);
         std::memcpy(&entries_[at], fingerprint.Data(), layout_.fingerprint);
-        if (HasSegmentSize(dotype_)) {
+        if (DOTypeOf(dotype_).sizeWidth != 0) {
             Store(&entries_[at + layout_.fingerprint], size);
         }
         unsigned long start = end_;
-        if (SegmentOffsetWidth(dotype_) == 8) {
+        if (DOTypeOf(dotype_).offsetWidth == 8) {
             start = NumberFrom<unsigned long>(offset);
             Store(&entries_[at + layout_.offset], start);
-        } else if (SegmentOffsetWidth(dotype_) == 4) {
+        } else if (DOTypeOf(dotype_).offsetWidth == 4) {
             start = NumberFrom<unsigned int>(offset);
             Store(&entries_[at + layout_.offset], static_cast<unsigned int>(start));
         }

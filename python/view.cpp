@@ -86,7 +86,7 @@ py::object SegmentOf(DOSegment const& segment, DOSegmentSource const& source) {
     // There are many of them: past the named tuple's own constructor, which is written in Python.
     static auto const* const type = new py::object(PythonType("Segment"));
     py::object offset = py::none();
-    if (SegmentOffsetWidth(source.dotype) != 0) {
+    if (DOTypeOf(source.dotype).offsetWidth != 0) {
         offset = py::int_(segment.offset);
     }
     auto const values = py::make_tuple(
@@ -113,10 +113,10 @@ Array View::entriesOf(std::vector<Field> fields) const {
 std::vector<Field> View::entryFields() const {
     Content const number = NumberIn(segments_.networkOrder);
     std::vector<Field> fields{{"fingerprint", 0, segments_.fingerprint, Content::Bytes}};
-    if (unsigned int const width = SegmentSizeWidth(segments_.dotype)) {
+    if (unsigned int const width = DOTypeOf(segments_.dotype).sizeWidth) {
         fields.push_back({"size", segments_.fingerprint, width, number});
     }
-    if (unsigned int const width = SegmentOffsetWidth(segments_.dotype)) {
+    if (unsigned int const width = DOTypeOf(segments_.dotype).offsetWidth) {
         fields.push_back({"offset", OffsetPosition(segments_.fingerprint), width, number});
     }
     return fields;

@@ -40,6 +40,7 @@ inline constexpr unsigned char CR_DO_TYPE_NO_OFFSET = 2;
 inline constexpr unsigned char CR_DO_TYPE_8_BYTE_OFFSET = 3;
 inline constexpr unsigned char CR_DO_TYPE_BLOOM_FILTER = 4;
 inline constexpr unsigned char CR_DO_TYPE_4_BYTE_OFFSET = 5;
+inline constexpr unsigned char CR_DO_TYPE_LAST = CR_DO_TYPE_4_BYTE_OFFSET; // the greatest DO type
 inline constexpr unsigned char CR_DO_TYPE_INVALID = 255;
 
 // Non-zero for 0 to 5. Takes the whole value, so that 259 is not taken for 3.

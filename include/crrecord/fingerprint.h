@@ -21,6 +21,7 @@ inline constexpr unsigned int CR_FP_TYPE_MD5 = 0;
 inline constexpr unsigned int CR_FP_TYPE_SHA1_128 = 1;
 inline constexpr unsigned int CR_FP_TYPE_SHA256_128 = 2;
 inline constexpr unsigned int CR_FP_TYPE_SHA256 = 3;
+inline constexpr unsigned int CR_FP_TYPE_LAST = CR_FP_TYPE_SHA256; // the greatest fingerprint type
 
 // A fingerprint value. The 16-byte types use the first half and leave the other zero.
 struct crfp_digest_t {

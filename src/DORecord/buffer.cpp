@@ -16,7 +16,7 @@ namespace {
 // Bytes of a record with so many bytes of references and without legacy arrays, or a refusal.
 unsigned int SizeWith(DORecord const& record, unsigned int references) {
     unsigned char const dotype = record.GetDOType();
-    unsigned int const counted = dotype == CR_DO_TYPE_BLOOM_FILTER ? record.GetBSize() : record.GetNfp();
+    unsigned int const counted = IsBloom(dotype) ? record.GetBSize() : record.GetNfp();
     std::uint64_t const size =
         DORecordHeaderSizeRaw(0, counted, record.GetNudcid(), 0, dotype, record.GetFPType(), references);
     if (size > kLargestRecord) {

@@ -11,7 +11,7 @@ std::uint64_t SwappedEnd(DORecordHeader const* header, RecordLayout const& layou
     if (header->nudcid != 0) {
         return layout.udcids + kUniqueHeadSize;
     }
-    return header->dotype == CR_DO_TYPE_BLOOM_FILTER ? layout.entries + kBloomLengthSize : layout.dcids;
+    return IsBloom(header->dotype) ? layout.entries + kBloomLengthSize : layout.dcids;
 }
 
 } // namespace

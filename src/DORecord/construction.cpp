@@ -157,7 +157,7 @@ DORecord::DORecord(unsigned long CID, unsigned long size, unsigned long ssize, u
                    unsigned int mtime, void const* segments, unsigned int nsegments, unsigned long const* dcids,
                    char const* udcidList, unsigned char fptype, unsigned char dotype)
     : DORecord() {
-    if (!segments && dotype != CR_DO_TYPE_BLOOM_FILTER) {
+    if (!segments && !IsBloom(dotype)) {
         Refuse(kEmptySegments);
     }
     init(CID, size, ssize, CRC, ctime, mtime, nullptr, 0, segments, nsegments, dcids, udcidList, fptype, dotype);
@@ -168,7 +168,7 @@ DORecord::DORecord(unsigned long CID, unsigned long size, unsigned long ssize, u
                    unsigned int mtime, unsigned int bsize, unsigned char const* bitmap, char const* udcidList,
                    unsigned char fptype, unsigned char dotype)
     : DORecord() {
-    if (!bitmap && dotype != CR_DO_TYPE_BLOOM_FILTER) {
+    if (!bitmap && !IsBloom(dotype)) {
         Refuse(kEmptySegments);
     }
     initWithBloom(CID, size, ssize, CRC, ctime, mtime, nullptr, 0, bsize, bitmap, udcidList, fptype, dotype);
@@ -264,7 +264,7 @@ void DORecord::init(unsigned long CID, unsigned long size, unsigned long ssize, 
         CheckTypes(fptype, dotype);
         CheckTaskIds(taskIDs, ntaskIDs);
         // A bloom record has no segments, and every other record has some.
-        if ((nsegments == 0) != (dotype == CR_DO_TYPE_BLOOM_FILTER)) {
+        if ((nsegments == 0) != IsBloom(dotype)) {
             Refuse(kEmptySegments);
         }
         if (!dcids && nsegments != 0) {
@@ -303,7 +303,7 @@ void DORecord::initWithBloom(unsigned long CID, unsigned long size, unsigned lon
     makeBlank();
     try {
         CheckTypes(fptype, dotype);
-        if (bsize == 0 ? dotype == CR_DO_TYPE_BLOOM_FILTER : !bitmap) {
+        if (bsize == 0 ? IsBloom(dotype) : !bitmap) {
             Refuse("Got empty bloom filter bitmap.");
         }
         NewRecord const values{

@@ -54,7 +54,7 @@ crt_digest_t* DORecord::GetDigest() const {
     if (networkOrder) {
         Refuse("GetDigest called while DO record in network order.");
     }
-    bool const bloom = header && GetDOType() == CR_DO_TYPE_BLOOM_FILTER;
+    bool const bloom = header && IsBloom(GetDOType());
     RecordLayout const layout = checkedLayout(bloom ? &RecordLayout::taskIds : &RecordLayout::dcids);
     unsigned int const fptype = GetFPType();
     crfp_digest_t digest{};

@@ -86,7 +86,7 @@ unsigned int DORecord::GetSegmentSize(unsigned int i) const {
 }
 
 void DORecord::SetSegmentSize(unsigned int i, unsigned int size) {
-    if (HasSegmentSize(GetDOType())) {
+    if (DOTypeOf(GetDOType()).sizeWidth != 0) {
         assert(i < LayoutOf(header).segments);
         Store(DORecordHeaderIndexOfSegmentSize(header, i), size);
     }

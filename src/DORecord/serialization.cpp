@@ -73,7 +73,7 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outLength, bool withC
     if (!header) {
         return CR_STATUS_INVALID;
     }
-    if (GetDOType() == CR_DO_TYPE_BLOOM_FILTER) {
+    if (IsBloom(GetDOType())) {
         return SerializeBloomFilterDO(out, outLength, withChecksum);
     }
     RecordLayout const layout = LayoutOf(header);
@@ -101,7 +101,7 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outLength, bool withC
 }
 
 cr_status_t DORecord::SerializeBloomFilterDO(void** out, unsigned long* outLength, bool) const {
-    if (!header || GetDOType() != CR_DO_TYPE_BLOOM_FILTER || networkOrder) {
+    if (!header || !IsBloom(GetDOType()) || networkOrder) {
         return CR_STATUS_INVALID;
     }
     RecordLayout const layout = LayoutOf(header);

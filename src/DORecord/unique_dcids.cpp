@@ -61,7 +61,7 @@ bool CollectFromSegments(DORecordHeader const* header, SegmentList const& list, 
     };
     auto const any = [&list](std::uint32_t i) { return SegmentSizeOf(list, i); };
     auto const add = [&](auto sizeAt) { return AddRuns(header, list.count, dcids, sizeAt, totals); };
-    bool const asStored = HasSegmentSize(list.dotype) && list.order == Order::Host;
+    bool const asStored = DOTypeOf(list.dotype).sizeWidth != 0 && list.order == Order::Host;
     bool const inCache = list.count < kBeyondCaches;
     if (!(!asStored ? add(any) : inCache ? add(stored) : add(far))) {
         return false;
@@ -98,7 +98,7 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
         return CR_STATUS_INVALID;
     }
     unsigned char* const lengthWord = BytesOf(header) + layout.entries;
-    bool const bloom = GetDOType() == CR_DO_TYPE_BLOOM_FILTER;
+    bool const bloom = IsBloom(GetDOType());
     Entries entries;
     try {
         if (bloom) {
@@ -169,7 +169,7 @@ void DORecord::writeUniqueList(crrecord::UniqueEntry const* entries, unsigned in
 
 cr_status_t DORecord::AppendBloom(cr_dcid_size_map_t& sizes) {
     RecordLayout const layout = LayoutOf(header);
-    if (GetDOType() != CR_DO_TYPE_BLOOM_FILTER || !reaches(layout, &RecordLayout::taskIds) || !orderMatchesHeader()) {
+    if (!IsBloom(GetDOType()) || !reaches(layout, &RecordLayout::taskIds) || !orderMatchesHeader()) {
         return CR_STATUS_OK;
     }
     // Every call turns the word, so that every other call finds it as it was.

@@ -45,4 +45,4 @@ for position, (folder, uses) in enumerate(listed.items()):
     faults += [f"{folder} includes {use}, listed after it" for use in sorted(uses & set(above[position:]))]
     faults += [f"{folder} includes {use}, not listed" for use in sorted(found.get(folder, set()) - uses)]
     faults += [f"{folder} includes nothing from {use}" for use in sorted(uses - found.get(folder, uses))]
-sys.exit("\n".join(faults))
+sys.exit("\n".join(faults) or 0)

@@ -5,6 +5,7 @@
 #include "io/record_stream.h"
 
 #include "SOmarshall/layout.h"
+#include "support/layout/do_types.h"
 
 #include <crrecord/DORecordView.h>
 
@@ -21,7 +22,7 @@ struct Run {
 // how many of its bytes lie in which container.
 template <class UseSegment, class UseRun>
 void ForEachRun(DORecordHeader const* header, UseSegment segment, UseRun run) {
-    if (header->dotype == CR_DO_TYPE_BLOOM_FILTER) {
+    if (IsBloom(header->dotype)) {
         for (DOUniqueDCID const entry : DOUniqueDCIDRange(DOUniqueDCIDSource::Of(header))) {
             run(Run{entry.dcid, 0, entry.bytes});
         }

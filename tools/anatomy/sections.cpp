@@ -2,6 +2,8 @@
 
 #include "SOmarshall/layout.h"
 #include "support/exchange/exchange_form.h"
+#include "support/layout/do_types.h"
+#include "support/layout/header_fields.h"
 
 #include <algorithm>
 
@@ -55,31 +57,45 @@ constexpr char kSegments[] = "segments";
 constexpr char kTaskIds[] = "task ids";
 constexpr char kZeros[] = "zeros";
 
-// Every byte of the header: offsets follow from the widths.
-std::vector<Field> const& HeaderFields() {
-    constexpr bool kKept = false;
-    static std::vector<Field> const fields{
-        {"type", 2, Format::RecordType},   {"flags", 2, Format::Hexadecimal},
-        {"recsize", 4, Format::Number},    {"reserved", 4, Format::Zeros, kKept},
-        {"checktime", 4, Format::Time},    {"CID", 8, Format::Container},
-        {"size", 8, Format::Number},       {"ssize", 8, Format::Number},
-        {"CRC", 4, Format::Hexadecimal},   {"ctime", 4, Format::Time},
-        {"mtime", 4, Format::Time},        {"ntaskid", 4, Format::Number, kKept},
-        {"nfp", 4, Format::Number},        {"nudcid", 4, Format::Number},
-        {"nds", 4, Format::Number, kKept}, {"trefssize", 4, Format::Number},
-        {"bsize", 4, Format::Number},      {"fptype", 1, Format::FingerprintType},
-        {"dotype", 1, Format::DOType},     {"reserved2", 2, Format::Zeros, kKept},
+// How the fields of both kinds of records are shown; all others are numbers.
+Format FormatOf(std::string_view name) {
+    static constexpr std::pair<std::string_view, Format> kFormats[] = {
+        {"type", Format::RecordType},
+        {"flags", Format::Hexadecimal},
+        {"reserved", Format::Zeros},
+        {"checktime", Format::Time},
+        {"CID", Format::Container},
+        {"CRC", Format::Hexadecimal},
+        {"ctime", Format::Time},
+        {"mtime", Format::Time},
+        {"key", Format::Digits},
+        {"dotype", Format::DOType},
+        {"fptype", Format::FingerprintType},
+        {"reserved2", Format::Zeros},
     };
+    auto const* const found =
+        std::find_if(std::begin(kFormats), std::end(kFormats), [&](auto const& row) { return row.first == name; });
+    return found == std::end(kFormats) ? Format::Number : found->second;
+}
+
+std::vector<Field> const& HeaderFields() {
+    static std::vector<Field> const fields = [] {
+        std::vector<Field> made;
+        for (HeaderField const& field : kHeaderFields) {
+            made.push_back({field.name, field.width, FormatOf(field.name), field.swapped});
+        }
+        return made;
+    }();
     return fields;
 }
 
 // Size and offset of a segment behind its fingerprint, where the DO type has them.
 std::vector<Field> EntryFields(Field fingerprint, unsigned int dotype) {
     std::vector<Field> fields{fingerprint};
-    if (unsigned int const width = SegmentSizeWidth(dotype)) {
+    if (unsigned int const width = DOTypeOf(dotype).sizeWidth) {
         fields.push_back({"size", width, Format::Number});
     }
-    if (unsigned int const width = SegmentOffsetWidth(dotype)) {
+    if (unsigned int const width = DOTypeOf(dotype).offsetWidth) {
         fields.push_back({"offset", width, Format::Number});
     }
     return fields;
@@ -105,7 +121,7 @@ std::vector<Section> SectionsOfObject(Record const& record) {
     }
     RecordCounts const counts = CountsOf(reinterpret_cast<DORecordHeader const*>(record.bytes), record.order);
     RecordLayout const layout(counts);
-    if (counts.dotype == CR_DO_TYPE_BLOOM_FILTER) {
+    if (IsBloom(counts.dotype)) {
         walk.Take("bloom area", layout.udcids - layout.entries,
                   {{"bloom.length", kBloomLengthSize, Format::Number},
                    {"bloom.bitmap", counts.bsize, Format::Opaque},
@@ -125,23 +141,12 @@ std::vector<Section> SectionsOfObject(Record const& record) {
     return walk.End();
 }
 
-Format FormatOf(segment::Field const& field) {
-    static constexpr std::pair<std::string_view, Format> kFormats[] = {
-        {"type", Format::RecordType}, {"flags", Format::Hexadecimal},      {"checktime", Format::Time},
-        {"CRC", Format::Hexadecimal}, {"fptype", Format::FingerprintType}, {"key", Format::Digits},
-        {"reserved", Format::Zeros},
-    };
-    auto const* const found = std::find_if(std::begin(kFormats), std::end(kFormats),
-                                           [&](auto const& row) { return row.first == field.name; });
-    return found == std::end(kFormats) ? Format::Number : found->second;
-}
-
 std::vector<Field> const& SegmentFields() {
     static std::vector<Field> const fields = [] {
         std::vector<Field> made;
         for (segment::Field const& field : segment::kFields) {
             bool const kept = field.handling == segment::Handling::Kept || field.handling == segment::Handling::Left;
-            made.push_back({field.name, field.width, FormatOf(field), !kept});
+            made.push_back({field.name, field.width, FormatOf(field.name), !kept});
         }
         return made;
     }();
@@ -205,7 +210,7 @@ std::vector<Section> SectionsOfForm(Record const& record) {
     }
     unsigned int const dotype = record.form.dotype;
     unsigned int const fptype = record.form.fptype;
-    if (dotype == CR_DO_TYPE_BLOOM_FILTER) {
+    if (IsBloom(dotype)) {
         TakeBloomBody(walk, form);
         return walk.End();
     }

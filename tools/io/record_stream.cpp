@@ -47,7 +47,7 @@ char const* NameOf(Order order) noexcept {
 
 char const* NameOfFingerprint(unsigned int fptype) noexcept {
     static constexpr std::array<char const*, 4> kNames{"MD5", "SHA-1/128", "SHA-256/128", "SHA-256"};
-    static_assert(kNames.size() == CR_FP_TYPE_SHA256 + 1);
+    static_assert(kNames.size() == CR_FP_TYPE_LAST + 1);
     return kNames[fptype];
 }
 

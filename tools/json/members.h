@@ -4,6 +4,7 @@
 #pragma once
 
 #include "SOmarshall/layout.h"
+#include "support/layout/header_fields.h"
 
 #include <crrecord/DORecordHeader.h>
 
@@ -18,22 +19,26 @@ struct NumberMember {
     bool derived;        // follows from other members, and may be left out when it is read
 };
 
-#define CRRECORD_MEMBER(member, derived)                                                                               \
-    NumberMember {                                                                                                     \
-#member, offsetof(DORecordHeader, member), sizeof(DORecordHeader::member), derived                             \
+// Follow from other members of a record's JSON object.
+constexpr bool IsDerived(std::string_view name) {
+    for (std::string_view const derived :
+         {"recsize", "ntaskid", "ntaskids", "nfp", "nudcid", "nds", "trefssize", "bsize"}) {
+        if (name == derived) {
+            return true;
+        }
     }
+    return false;
+}
 
-inline constexpr std::array kObjectMembers{
-    CRRECORD_MEMBER(type, false),     CRRECORD_MEMBER(flags, false),     CRRECORD_MEMBER(recsize, true),
-    CRRECORD_MEMBER(reserved, false), CRRECORD_MEMBER(checktime, false), CRRECORD_MEMBER(CID, false),
-    CRRECORD_MEMBER(size, false),     CRRECORD_MEMBER(ssize, false),     CRRECORD_MEMBER(CRC, false),
-    CRRECORD_MEMBER(ctime, false),    CRRECORD_MEMBER(mtime, false),     CRRECORD_MEMBER(ntaskid, true),
-    CRRECORD_MEMBER(nfp, true),       CRRECORD_MEMBER(nudcid, true),     CRRECORD_MEMBER(nds, true),
-    CRRECORD_MEMBER(trefssize, true), CRRECORD_MEMBER(bsize, true),      CRRECORD_MEMBER(fptype, false),
-    CRRECORD_MEMBER(dotype, false),
-};
-
-#undef CRRECORD_MEMBER
+// All fields of a DO record's header but the last, which is no number.
+inline constexpr auto kObjectMembers = [] {
+    std::array<NumberMember, kHeaderFields.size() - 1> members{};
+    for (std::size_t i = 0; i < members.size(); ++i) {
+        HeaderField const& field = kHeaderFields[i];
+        members[i] = {field.name, field.offset, field.width, IsDerived(field.name)};
+    }
+    return members;
+}();
 
 // All fields of a segment record but the key, which is no number.
 inline constexpr auto kSegmentMembers = [] {
@@ -42,8 +47,7 @@ inline constexpr auto kSegmentMembers = [] {
     for (segment::Field const& field : segment::kFields) {
         std::string_view const name = field.name;
         if (field.width <= 8) {
-            members.at(next++) = {name, field.offset, field.width,
-                                  name == "recsize" || name == "ntaskids" || name == "nfp"};
+            members.at(next++) = {name, field.offset, field.width, IsDerived(name)};
         }
     }
     return members;

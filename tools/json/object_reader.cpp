@@ -25,8 +25,8 @@ constexpr auto kMembers = [] {
                              {{"tail", Need::Optional}, nullptr, &ObjectReader::PlaceTail}}});
     Row& type = members[RowOf(members, "type")];
     type.least = type.most = CR_DO_RECORD_TYPE;
-    members[RowOf(members, "fptype")].most = CR_FP_TYPE_SHA256;
-    members[RowOf(members, "dotype")].most = CR_DO_TYPE_4_BYTE_OFFSET;
+    members[RowOf(members, "fptype")].most = CR_FP_TYPE_LAST;
+    members[RowOf(members, "dotype")].most = CR_DO_TYPE_LAST;
     return members;
 }();
 
@@ -60,7 +60,7 @@ void ObjectReader::Read(std::vector<unsigned char>& record) {
     references_.clear();
     auto const seen = parser_.ReadMembers(parser_.Root(), kMembers, *this);
     parser_.End();
-    if (header_.dotype == CR_DO_TYPE_BLOOM_FILTER && !seen.Has(RowOf(kMembers, "bitmap"))) {
+    if (IsBloom(header_.dotype) && !seen.Has(RowOf(kMembers, "bitmap"))) {
         Parser::FailMember(0, "bitmap", "is missing");
     }
     Place(record);
@@ -79,7 +79,7 @@ void ObjectReader::Place(std::vector<unsigned char>& record) {
     header_.nfp = static_cast<std::uint32_t>(segments_);
     header_.nudcid = static_cast<std::uint32_t>(containers_);
     header_.trefssize = static_cast<std::uint32_t>(references_.size());
-    if (header_.dotype == CR_DO_TYPE_BLOOM_FILTER) {
+    if (IsBloom(header_.dotype)) {
         header_.bsize = static_cast<std::uint32_t>(bitmapDigits_ / 2);
     }
     layout_ = RecordLayout(CountsOf(&header_, Order::Host));
@@ -92,7 +92,7 @@ void ObjectReader::Place(std::vector<unsigned char>& record) {
     record.assign(layout_.total, 0);
     bytes_ = record.data();
     std::memcpy(bytes_, &header_, sizeof header_);
-    if (header_.dotype == CR_DO_TYPE_BLOOM_FILTER) {
+    if (IsBloom(header_.dotype)) {
         Store(bytes_ + layout_.entries, std::uint32_t{header_.bsize});
     }
     if (header_.nudcid != 0) {
@@ -161,7 +161,7 @@ void ObjectReader::ReadLegacyReferences(Value value, MemberFacts const& member) 
 }
 
 void ObjectReader::RequireBloom(Value& value) {
-    if (header_.dotype != CR_DO_TYPE_BLOOM_FILTER) {
+    if (!IsBloom(header_.dotype)) {
         parser_.Fail(value, fmt::format("a record of DO type {} has none", header_.dotype));
     }
 }
@@ -202,15 +202,15 @@ void ObjectReader::PlaceContainers(Value value, MemberFacts const& member) {
 void ObjectReader::PlaceSegments(Value value, MemberFacts const& member) {
     unsigned int const dotype = header_.dotype;
     parser_.ForEachElement(value, member.name, [&](Value& element, std::uint64_t i) {
-        if (dotype == CR_DO_TYPE_BLOOM_FILTER) {
+        if (IsBloom(dotype)) {
             parser_.Fail(element, "a record of DO type 4 has no segments");
         }
         index_ = static_cast<std::uint32_t>(i);
         element_ = bytes_ + layout_.Entry(i);
         simdjson::ondemand::object const object = parser_.Object(element);
-        if (!HasSegmentSize(dotype)) {
+        if (DOTypeOf(dotype).sizeWidth == 0) {
             parser_.ReadMembers(object, kBareMembers, *this, &element);
-        } else if (SegmentOffsetWidth(dotype) == 0) {
+        } else if (DOTypeOf(dotype).offsetWidth == 0) {
             parser_.ReadMembers(object, kSizeMembers, *this, &element);
         } else {
             parser_.ReadMembers(object, kOffsetMembers, *this, &element);
@@ -237,7 +237,7 @@ void ObjectReader::ReadSegmentSize(Value value, MemberFacts const&) {
 
 void ObjectReader::ReadSegmentOffset(Value value, MemberFacts const&) {
     unsigned char* const to = element_ + layout_.offset;
-    if (SegmentOffsetWidth(header_.dotype) == 8) {
+    if (DOTypeOf(header_.dotype).offsetWidth == 8) {
         Store(to, parser_.Decimal(value));
     } else {
         Store(to, static_cast<std::uint32_t>(parser_.Decimal(value, LargestOf(4))));

@@ -18,7 +18,7 @@ constexpr auto kMembers = [] {
                             {{"spare"}, &SegmentReader::ReadSpare}}});
     Row& type = members[RowOf(members, "type")];
     type.least = type.most = CR_SO_RECORD_TYPE;
-    members[RowOf(members, "fptype")].most = CR_FP_TYPE_SHA256;
+    members[RowOf(members, "fptype")].most = CR_FP_TYPE_LAST;
     return members;
 }();
 

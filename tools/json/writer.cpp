@@ -91,7 +91,7 @@ void WriteReferences(Output& out, std::string_view start, DORecordView const& vi
 void WriteSegments(Output& out, DORecordView const& view, Range range) {
     DOSegmentRange const segments = view.Segments();
     unsigned int const width = CRFPDigestSize(view.GetFPType());
-    bool const hasOffset = SegmentOffsetWidth(view.GetDOType()) != 0;
+    bool const hasOffset = DOTypeOf(view.GetDOType()).offsetWidth != 0;
     WriteList(out, R"(,"segments":[)", range.first, range.EndOf(segments.size()), [&](Text& text, std::uint64_t i) {
         auto const index = static_cast<unsigned int>(i);
         DOSegment const segment = segments[index];
@@ -124,7 +124,7 @@ void WriteOddities(Output& out, DORecordView const& view) {
             number("list_checksum", stored);
         }
     }
-    if (view.GetDOType() == CR_DO_TYPE_BLOOM_FILTER) {
+    if (IsBloom(view.GetDOType())) {
         Order const order = view.IsInNetworkOrder() ? Order::Network : Order::Host;
         auto const length = Load<std::uint32_t>(bytes + layout.entries, order);
         if (length != view.GetBSize()) {
@@ -177,7 +177,7 @@ void WriteObject(Output& out, DORecordView const& view, Range segments) {
         PutNumbers<kObjectMembers>(text, BytesOf(&header));
         text.Put(R"(,"reserved2":[)").Number(header.reserved2[0]).Put(",").Number(header.reserved2[1]).Put("]");
     }
-    if (view.GetDOType() == CR_DO_TYPE_BLOOM_FILTER) {
+    if (IsBloom(view.GetDOType())) {
         WriteHex(out, "bitmap", {view.GetBloom(), view.GetBSize()});
     }
     DOUniqueDCIDRange const containers = view.UniqueDCIDs();

@@ -242,7 +242,7 @@ void AddCutOptions(CLI::App& verb, CutOptions& options, unsigned int mostBytes) 
         ->type_name("BYTES")
         ->capture_default_str();
     verb.add_option("--fptype", options.fptype, "Fingerprint: 0 MD5, 1 SHA-1/128, 2 SHA-256/128, 3 SHA-256")
-        ->check(range(CR_FP_TYPE_MD5, CR_FP_TYPE_SHA256))
+        ->check(range(CR_FP_TYPE_MD5, CR_FP_TYPE_LAST))
         ->type_name("N")
         ->capture_default_str();
     verb.add_option("--first-container", options.firstContainer, "Id of the first container, at most 4294967295")

@@ -16,7 +16,7 @@ std::unique_ptr<DORecord> Open(Record const& record) {
         auto made = std::make_unique<DORecord>(record.form.dotype, record.form.fptype, nullptr, 0, record.bytes,
                                                record.size, false);
         // The list of a bloom record is received in network order.
-        if (record.form.dotype == CR_DO_TYPE_BLOOM_FILTER) {
+        if (IsBloom(record.form.dotype)) {
             cr_status_t const status = made->AppendBloomAndUniqueDCIDList();
             if (status != CR_STATUS_OK) {
                 throw Cr_ErrnoException(status);

@@ -4,6 +4,8 @@
 #include "record/do_record.h"
 #include "record/references.h"
 
+#include "support/layout/do_types.h"
+
 #include <charconv>
 #include <ctime>
 
@@ -20,7 +22,7 @@ constexpr char const* kDotypeNames[] = {"fingerprints of segments of one size (o
                                         "fingerprints, sizes, 64-bit offsets",
                                         "bloom filter",
                                         "fingerprints, sizes, 32-bit offsets"};
-static_assert(std::size(kDotypeNames) == CR_DO_TYPE_4_BYTE_OFFSET + 1);
+static_assert(std::size(kDotypeNames) == CR_DO_TYPE_LAST + 1);
 
 void PrintHeading(Output& out, std::string_view text) {
     out.Print("{}\n", out.Paint(text, Colour::Heading));
@@ -47,7 +49,7 @@ void PrintHeader(Output& out, Record const& record, DORecordView const& view) {
     row("created", TimeText(view.GetCTime()));
     row("changed", TimeText(view.GetMTime()));
     row("checked", TimeText(view.GetCheckTime()));
-    if (view.GetDOType() == CR_DO_TYPE_BLOOM_FILTER) {
+    if (IsBloom(view.GetDOType())) {
         row("bitmap", Counted(view.GetBSize(), "byte"));
     }
 }

@@ -122,7 +122,7 @@ public:
         header_->reserved2[0] = header_->reserved2[1] = 0;
         header_->ntaskid = header_->nds = 0;
         header_->trefssize = static_cast<std::uint32_t>(referenceBytes);
-        if (header_->dotype != CR_DO_TYPE_BLOOM_FILTER) {
+        if (!IsBloom(header_->dotype)) {
             header_->bsize = 0;
         }
     }
@@ -155,7 +155,7 @@ private:
 std::uint64_t WriteObject(OutputFile& to, DORecordHeader* header, Order order, Pseudonyms& pseudonyms) {
     ObjectRedaction redaction(header, pseudonyms);
     std::vector<unsigned char> const references = redaction.References();
-    header->dotype == CR_DO_TYPE_BLOOM_FILTER ? redaction.Bloom() : redaction.Segments();
+    IsBloom(header->dotype) ? redaction.Bloom() : redaction.Segments();
     redaction.UniqueList();
     redaction.Header(references.size());
     RecordLayout const layout = LayoutOf(header);

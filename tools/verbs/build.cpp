@@ -33,7 +33,7 @@ public:
         CheckOffset(segment.offset);
         Append(segment.fingerprint.bytes, CRFPDigestSize(fptype_));
         auto const size = static_cast<std::uint32_t>(segment.size);
-        Append(&size, SegmentSizeWidth(dotype_));
+        Append(&size, DOTypeOf(dotype_).sizeWidth);
         AppendOffset(segment.offset);
         dcids_.push_back(segment.container);
         RecordCounts const counts{
@@ -84,11 +84,11 @@ private:
     }
 
     void AppendOffset(std::uint64_t offset) {
-        if (dotype_ == CR_DO_TYPE_8_BYTE_OFFSET) {
-            Append(&offset, sizeof offset);
-        } else if (dotype_ == CR_DO_TYPE_4_BYTE_OFFSET) {
-            auto const offset32 = static_cast<std::uint32_t>(offset);
-            Append(&offset32, sizeof offset32);
+        auto const offset32 = static_cast<std::uint32_t>(offset);
+        switch (DOTypeOf(dotype_).offsetWidth) {
+        case sizeof offset: Append(&offset, sizeof offset); break;
+        case sizeof offset32: Append(&offset32, sizeof offset32); break;
+        default: break;
         }
     }
 

@@ -10,11 +10,11 @@ void AddFormOptions(CLI::App& verb, FormOptions& options) {
     auto* const serialized =
         verb.add_flag("--serialized", options.serialized, "The input is the exchange form of a DO record");
     auto* const dotype = verb.add_option("--dotype", options.dotype, "DO type of the exchange form")
-                             ->check(range(CR_DO_TYPE_4_BYTE_OFFSET))
+                             ->check(range(CR_DO_TYPE_LAST))
                              ->type_name("N")
                              ->needs(serialized);
     auto* const fptype = verb.add_option("--fptype", options.fptype, "Fingerprint type of the exchange form")
-                             ->check(range(CR_FP_TYPE_SHA256))
+                             ->check(range(CR_FP_TYPE_LAST))
                              ->type_name("N")
                              ->needs(serialized);
     serialized->needs(dotype)->needs(fptype);

@@ -5,6 +5,8 @@
 #include "record/do_record.h"
 #include "verbs/verbs.h"
 
+#include "support/layout/do_types.h"
+
 namespace crrecord::tool {
 
 namespace {
@@ -23,7 +25,7 @@ std::string ShownName(std::string const& name) {
 
 std::string Numbers(DORecordView const& view, Lanes const& lanes) {
     std::string const object = GroupedCount(view.GetSize(), "byte");
-    if (view.GetDOType() == CR_DO_TYPE_BLOOM_FILTER) {
+    if (IsBloom(view.GetDOType())) {
         return fmt::format("{}; a bloom record, which says nothing of segments", object);
     }
     std::string const gaps =

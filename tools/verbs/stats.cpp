@@ -170,10 +170,10 @@ private:
         // Mostly the segments need not be read for this. Their own sizes are the object's at most; where they have
         // none, each is taken for less than 4 GiB, whatever that makes together.
         constexpr std::uint64_t kLargestSegment = std::numeric_limits<std::uint32_t>::max();
-        bool const isBloom = header->dotype == CR_DO_TYPE_BLOOM_FILTER;
+        bool const isBloom = IsBloom(header->dotype);
         DOSegmentSource const segments = DOSegmentSource::Of(header);
         std::uint64_t const most =
-            HasSegmentSize(header->dotype) ? segments.objectSize : segments.count * kLargestSegment;
+            DOTypeOf(header->dotype).sizeWidth != 0 ? segments.objectSize : segments.count * kLargestSegment;
         if (isBloom || most > kMost64 - bytes_) {
             std::uint64_t sum = bytes_;
             ForEachRun(

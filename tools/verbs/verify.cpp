@@ -5,6 +5,8 @@
 #include "record/record_findings.h"
 #include "verbs/verbs.h"
 
+#include "support/layout/do_types.h"
+
 namespace crrecord::tool {
 
 namespace {
@@ -182,7 +184,7 @@ ExitCode Verify(VerifyOptions const& options, Output& out) {
     if (!record) {
         return ExitCode::BadRecord;
     }
-    if (record->GetDOType() == CR_DO_TYPE_BLOOM_FILTER) {
+    if (IsBloom(record->GetDOType())) {
         throw Failure(options.record + ": is a bloom record, which says nothing of its object's segments");
     }
     Input input(options.file);

@@ -44,7 +44,7 @@ SegmentList ListOf(Form const& form, bool subDO) noexcept {
     unsigned int const dotype = form.counts.dotype;
     return {.entries = form.bytes + kHeadSize,
             .count = form.counts.nfp,
-            .stride = text + SegmentSizeWidth(dotype) + SegmentOffsetWidth(dotype),
+            .stride = SegmentFormSize(form.counts.fptype, dotype),
             .sizeAt = text,
             .offsetAt = text + 4,
             .dotype = dotype,

@@ -55,7 +55,7 @@ struct Form {
     std::uint32_t Word(std::uint64_t offset) const noexcept {
         return Load<std::uint32_t>(bytes + offset, Order::Network);
     }
-    bool IsBloom() const noexcept { return counts.dotype == CR_DO_TYPE_BLOOM_FILTER; }
+    bool IsBloom() const noexcept { return crrecord::IsBloom(counts.dotype); }
     // The list of a measured bloom form.
     unsigned char const* List() const noexcept { return bytes + kBitmapOffset + counts.bsize; }
 };

@@ -9,7 +9,8 @@ namespace crrecord {
 
 // Bytes of one segment in that form.
 constexpr unsigned int SegmentFormSize(unsigned int fptype, unsigned int dotype) noexcept {
-    return CRFPTextSize(fptype) + SegmentSizeWidth(dotype) + SegmentOffsetWidth(dotype);
+    DOType const type = DOTypeOf(dotype);
+    return CRFPTextSize(fptype) + type.sizeWidth + type.offsetWidth;
 }
 
 // The loops for one shape of entries, and the one for DCIDs, which have the same form everywhere.

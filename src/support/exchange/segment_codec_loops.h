@@ -71,11 +71,14 @@ struct SegmentLoops {
 
 template <class Hex, unsigned int Fingerprint>
 SegmentCodec const* CodecOfWidth(unsigned int dotype) noexcept {
-    switch (dotype) {
-    case CR_DO_TYPE_NO_OFFSET: return &SegmentLoops<Hex, Fingerprint, 4, 0>::kCodec;
-    case CR_DO_TYPE_8_BYTE_OFFSET: return &SegmentLoops<Hex, Fingerprint, 4, 8>::kCodec;
-    case CR_DO_TYPE_4_BYTE_OFFSET: return &SegmentLoops<Hex, Fingerprint, 4, 4>::kCodec;
-    default: return &SegmentLoops<Hex, Fingerprint, 0, 0>::kCodec;
+    DOType const type = DOTypeOf(dotype);
+    if (type.sizeWidth == 0) {
+        return &SegmentLoops<Hex, Fingerprint, 0, 0>::kCodec;
+    }
+    switch (type.offsetWidth) {
+    case 8: return &SegmentLoops<Hex, Fingerprint, 4, 8>::kCodec;
+    case 4: return &SegmentLoops<Hex, Fingerprint, 4, 4>::kCodec;
+    default: return &SegmentLoops<Hex, Fingerprint, 4, 0>::kCodec;
     }
 }
 

@@ -138,7 +138,7 @@ crfp_context_t::~crfp_context_t() {
 }
 
 int CRFPTypeIsValid(unsigned int fptype) noexcept {
-    return fptype <= CR_FP_TYPE_SHA256;
+    return fptype <= CR_FP_TYPE_LAST;
 }
 
 int CRFPInitialize(crfp_context_t* context, unsigned int fptype) noexcept {

@@ -1,33 +1,12 @@
 // The DORecordHeader functions: the layout for callers who have a bare buffer, and the order of the bytes in it.
 
 #include "base/prefetch.h"
+#include "support/layout/header_fields.h"
 #include "support/layout/record_layout.h"
-
-#include <array>
 
 namespace crrecord {
 
 namespace {
-
-struct SwappedField {
-    unsigned short offset;
-    unsigned short width;
-};
-
-#define CRRECORD_FIELD(member)                                                                                         \
-    SwappedField {                                                                                                     \
-        offsetof(DORecordHeader, member), sizeof(DORecordHeader::member)                                               \
-    }
-
-// The header fields that turn with the byte order: all but the legacy counts, which never do, and single bytes.
-constexpr std::array kSwappedFields{
-    CRRECORD_FIELD(type),      CRRECORD_FIELD(flags), CRRECORD_FIELD(recsize), CRRECORD_FIELD(checktime),
-    CRRECORD_FIELD(CID),       CRRECORD_FIELD(size),  CRRECORD_FIELD(ssize),   CRRECORD_FIELD(CRC),
-    CRRECORD_FIELD(ctime),     CRRECORD_FIELD(mtime), CRRECORD_FIELD(nfp),     CRRECORD_FIELD(nudcid),
-    CRRECORD_FIELD(trefssize), CRRECORD_FIELD(bsize),
-};
-
-#undef CRRECORD_FIELD
 
 void SwapInPlace32(unsigned char* bytes) noexcept {
     CopySwapped<std::uint32_t>(bytes, bytes);
@@ -55,11 +34,14 @@ void SwapEntries(unsigned char* entries, std::uint64_t count, RecordLayout const
 
 void SwapSegments(unsigned char* entries, std::uint64_t count, RecordLayout const& layout,
                   unsigned int dotype) noexcept {
-    switch (dotype) {
-    case CR_DO_TYPE_NO_OFFSET: SwapEntries<0>(entries, count, layout); break;
-    case CR_DO_TYPE_8_BYTE_OFFSET: SwapEntries<8>(entries, count, layout); break;
-    case CR_DO_TYPE_4_BYTE_OFFSET: SwapEntries<4>(entries, count, layout); break;
-    default: break;
+    DOType const type = DOTypeOf(dotype);
+    if (type.sizeWidth == 0) {
+        return;
+    }
+    switch (type.offsetWidth) {
+    case 8: SwapEntries<8>(entries, count, layout); break;
+    case 4: SwapEntries<4>(entries, count, layout); break;
+    default: SwapEntries<0>(entries, count, layout); break;
     }
 }
 
@@ -70,7 +52,7 @@ void SwapRest(DORecordHeader* header, RecordCounts const& counts, RecordLayout c
     if (counts.nudcid != 0) {
         SwapInPlace32(bytes + layout.udcids + kUniqueCountOffset);
     }
-    if (counts.dotype == CR_DO_TYPE_BLOOM_FILTER) {
+    if (IsBloom(counts.dotype)) {
         SwapInPlace32(bytes + layout.entries);
     }
 }
@@ -92,9 +74,11 @@ unsigned char* At(DORecordHeader const* header, std::uint64_t offset) noexcept {
 
 void SwapHeaderFields(DORecordHeader* header) noexcept {
     unsigned char* const bytes = BytesOf(header);
-    ForEachIndex<kSwappedFields>([=]<std::size_t I> {
-        constexpr SwappedField field = kSwappedFields[I];
-        SwapBytes<field.width>(bytes + field.offset, bytes + field.offset);
+    ForEachIndex<kHeaderFields>([=]<std::size_t I> {
+        constexpr HeaderField field = kHeaderFields[I];
+        if constexpr (field.swapped) {
+            SwapBytes<field.width>(bytes + field.offset, bytes + field.offset);
+        }
     });
 }
 
@@ -122,7 +106,7 @@ void CopyRestToHost(DORecordHeader* to, DORecordHeader const* from, std::uint64_
 using namespace crrecord;
 
 int CRDOTypeIsValid(unsigned int dotype) noexcept {
-    return dotype <= CR_DO_TYPE_4_BYTE_OFFSET;
+    return dotype <= CR_DO_TYPE_LAST;
 }
 
 unsigned long DORecordHeaderSizeRaw(unsigned int ntaskid, unsigned int n, unsigned int nudcid, unsigned int nds,
@@ -194,7 +178,7 @@ unsigned char* DORecordHeaderGetBloomStart(DORecordHeader const* header) noexcep
 }
 
 unsigned char* DORecordHeaderGetBloom(DORecordHeader const* header) noexcept {
-    bool const bitmap = header->dotype == CR_DO_TYPE_BLOOM_FILTER && header->bsize != 0;
+    bool const bitmap = IsBloom(header->dotype) && header->bsize != 0;
     return bitmap ? DORecordHeaderGetBloomStart(header) + kBloomLengthSize : nullptr;
 }
 

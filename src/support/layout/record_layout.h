@@ -6,6 +6,7 @@
 #include <crrecord/fingerprint.h>
 
 #include "base/byteorder.h"
+#include "support/layout/do_types.h"
 
 #include <algorithm>
 #include <limits>
@@ -34,19 +35,6 @@ inline constexpr unsigned int kBloomTailSize = 4;
 
 constexpr std::uint64_t UniqueListSize(std::uint32_t nudcid) noexcept {
     return nudcid == 0 ? 0 : kUniqueHeadSize + std::uint64_t{kUniqueEntrySize} * nudcid;
-}
-
-constexpr bool HasSegmentSize(unsigned int dotype) noexcept {
-    return dotype == CR_DO_TYPE_NO_OFFSET || dotype == CR_DO_TYPE_8_BYTE_OFFSET || dotype == CR_DO_TYPE_4_BYTE_OFFSET;
-}
-
-// Bytes of an entry's size and offset.
-constexpr unsigned int SegmentSizeWidth(unsigned int dotype) noexcept {
-    return HasSegmentSize(dotype) ? 4 : 0;
-}
-
-constexpr unsigned int SegmentOffsetWidth(unsigned int dotype) noexcept {
-    return dotype == CR_DO_TYPE_8_BYTE_OFFSET ? 8 : dotype == CR_DO_TYPE_4_BYTE_OFFSET ? 4 : 0;
 }
 
 // Position of an entry's offset: behind the place of a size, whether there is one or not.
@@ -84,11 +72,12 @@ struct RecordLayout {
     std::uint64_t total;
 
     constexpr explicit RecordLayout(RecordCounts const& counts) noexcept {
-        bool const bloom = counts.dotype == CR_DO_TYPE_BLOOM_FILTER;
+        bool const bloom = IsBloom(counts.dotype);
+        DOType const type = DOTypeOf(counts.dotype);
         segments = bloom ? 0 : counts.nfp;
         fingerprint = CRFPDigestSize(counts.fptype);
         offset = OffsetPosition(fingerprint);
-        stride = fingerprint + SegmentSizeWidth(counts.dotype) + SegmentOffsetWidth(counts.dotype);
+        stride = fingerprint + type.sizeWidth + type.offsetWidth;
 
         entries = CR_DO_HEADER_SIZE;
         dcids = entries + std::uint64_t{stride} * segments;

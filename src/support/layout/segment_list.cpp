@@ -18,11 +18,12 @@ SegmentList SegmentListOf(DORecordHeader const* header, RecordLayout const& layo
 }
 
 std::uint32_t SegmentSizeOf(SegmentList const& list, std::uint32_t i) noexcept {
-    if (HasSegmentSize(list.dotype)) {
+    DOType const type = DOTypeOf(list.dotype);
+    if (type.sizeWidth != 0) {
         assert(i < list.count);
         return Load<std::uint32_t>(list.entries + std::uint64_t{i} * list.stride + list.sizeAt, list.order);
     }
-    if (list.dotype > CR_DO_TYPE_NO_SIZE) {
+    if (type.check != ListCheck::Product) {
         return kNoSize;
     }
     // Cut to 32 bits, as a segment's size is. Without segments the last index is 2^32 - 1.
@@ -31,7 +32,7 @@ std::uint32_t SegmentSizeOf(SegmentList const& list, std::uint32_t i) noexcept {
 }
 
 std::uint64_t SegmentOffsetOf(SegmentList const& list, std::uint32_t i) noexcept {
-    if (list.dotype != CR_DO_TYPE_8_BYTE_OFFSET) {
+    if (DOTypeOf(list.dotype).offsetWidth != sizeof(std::uint64_t)) {
         return kNoOffset;
     }
     assert(i < list.count);
@@ -39,7 +40,7 @@ std::uint64_t SegmentOffsetOf(SegmentList const& list, std::uint32_t i) noexcept
 }
 
 std::uint32_t SegmentObjectOffsetOf(SegmentList const& list, std::uint32_t i) noexcept {
-    if (list.dotype != CR_DO_TYPE_4_BYTE_OFFSET) {
+    if (DOTypeOf(list.dotype).offsetWidth != sizeof(std::uint32_t)) {
         return kNoObjectOffset;
     }
     assert(i < list.count);

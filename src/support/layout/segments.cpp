@@ -36,7 +36,8 @@ DOSegment DOSegmentSource::Read(unsigned int i) const noexcept {
     DOSegment segment{};
     std::memcpy(segment.fingerprint.bytes, entries + std::uint64_t{i} * stride, fingerprint);
     segment.size = SegmentSizeOf(list, i);
-    segment.offset = dotype == CR_DO_TYPE_4_BYTE_OFFSET ? SegmentObjectOffsetOf(list, i) : SegmentOffsetOf(list, i);
+    segment.offset = DOTypeOf(dotype).offsetWidth == sizeof(std::uint32_t) ? SegmentObjectOffsetOf(list, i)
+                                                                           : SegmentOffsetOf(list, i);
     segment.dcid = Load<std::uint64_t>(dcids + std::uint64_t{i} * kDcidSize);
     return segment;
 }

@@ -102,7 +102,7 @@ bool RecordWalk::CheckHeader(RecordCounts const& counts) noexcept {
                        CR_FP_TYPE_SHA256)) {
         return false;
     }
-    return counts.dotype != CR_DO_TYPE_BLOOM_FILTER || counts.nfp == 0 ||
+    return !IsBloom(counts.dotype) || counts.nfp == 0 ||
            report_.Error({CR_FINDING_DO_BLOOM_SEGMENTS, CRRECORD_FIELD(nfp), counts.nfp, 0},
                          "Invalid DO record: a bloom record with %u segments, expected 0", counts.nfp);
 }
@@ -187,7 +187,7 @@ bool RecordWalk::NoteOddities(RecordCounts const& counts, RecordLayout const& la
     if (!report_.WantsNotes()) {
         return true;
     }
-    if (counts.dotype == CR_DO_TYPE_BLOOM_FILTER) {
+    if (IsBloom(counts.dotype)) {
         std::uint32_t const word = Load<std::uint32_t>(bytes_ + layout.entries, order_);
         if (word != counts.bsize &&
             !report_.Note({CR_FINDING_DO_BLOOM_LENGTH, "bloom.length", layout.entries, word, counts.bsize},
@@ -274,7 +274,7 @@ bool RecordWalk::NoteZeros(RecordCounts const& counts, RecordLayout const& layou
     std::uint64_t const bloomEnd = layout.udcids - kBloomEndSize;
     return NoteNonZero("reserved", offsetof(DORecordHeader, reserved), offsetof(DORecordHeader, checktime)) &&
            NoteNonZero("reserved2", offsetof(DORecordHeader, reserved2), CR_DO_HEADER_SIZE) &&
-           (counts.dotype != CR_DO_TYPE_BLOOM_FILTER || NoteNonZero("bloom.end", bloomEnd, layout.udcids)) &&
+           (!IsBloom(counts.dotype) || NoteNonZero("bloom.end", bloomEnd, layout.udcids)) &&
            NoteNonZero("tail", layout.tail, layout.total);
 }
 

@@ -72,14 +72,9 @@ SegmentFault CheckSegmentOffsets(SegmentList const& list) noexcept {
 }
 
 void SegmentListCheck::Accumulate(std::uint64_t from, std::uint64_t count) noexcept {
-    switch (list_.dotype) {
-    case CR_DO_TYPE_NO_OFFSET:
-    case CR_DO_TYPE_4_BYTE_OFFSET:
-        WithEntries(list_, [&](auto entries) { AccumulateSizes(entries, from, count); });
-        break;
-    case CR_DO_TYPE_8_BYTE_OFFSET:
-        WithEntries(list_, [&](auto entries) { AccumulateOffsets(entries, from, count); });
-        break;
+    switch (DOTypeOf(list_.dotype).check) {
+    case ListCheck::Sum: WithEntries(list_, [&](auto entries) { AccumulateSizes(entries, from, count); }); break;
+    case ListCheck::Offsets: WithEntries(list_, [&](auto entries) { AccumulateOffsets(entries, from, count); }); break;
     default: break;
     }
 }
@@ -121,12 +116,10 @@ void SegmentListCheck::AccumulateOffsets(E entries, std::uint64_t from, std::uin
 }
 
 SegmentFault SegmentListCheck::Fault() const noexcept {
-    switch (list_.dotype) {
-    case CR_DO_TYPE_ORIGINAL:
-    case CR_DO_TYPE_NO_SIZE: return ProductFault();
-    case CR_DO_TYPE_NO_OFFSET:
-    case CR_DO_TYPE_4_BYTE_OFFSET: return SumFault();
-    case CR_DO_TYPE_8_BYTE_OFFSET: return OffsetFault();
+    switch (DOTypeOf(list_.dotype).check) {
+    case ListCheck::Product: return ProductFault();
+    case ListCheck::Sum: return SumFault();
+    case ListCheck::Offsets: return OffsetFault();
     default: return {};
     }
 }
