@@ -120,6 +120,6 @@ for name in BROKEN:
         (FOLDER / name).write_bytes(made(name))
         if sys.argv[1:2] == ["dump"]:
             (FOLDER / f"{name}.txt").write_bytes(run("annotate", *options, name))
-named = {line.split("`")[1] for line in DOCUMENT.read_text().splitlines() if line[2:5].isdigit()}
+named = {line.split()[2] for line in DOCUMENT.read_text().splitlines() if line[:3] == "## " and line[3:6].isdigit()}
 failures += [f"no record for {name}" for name in named - UNSAID - set(BROKEN)]
 sys.exit("\n".join(failures) or 0)

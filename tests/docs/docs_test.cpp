@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -52,6 +53,16 @@ Bytes HexBlock(std::string const& title) {
 // What stands in a buffer in host order on this machine.
 Bytes HostBlock(std::string const& title) {
     return HexBlock(title + (kBig ? " network" : " host"));
+}
+
+// "CODE NAME" for each match of a pattern, whose groups are the two.
+std::vector<std::string> CodesIn(std::string const& document, char const* pattern) {
+    std::vector<std::string> codes;
+    std::regex const regex(pattern);
+    for (std::sregex_iterator match(document.begin(), document.end(), regex), end; match != end; ++match) {
+        codes.push_back(match->str(1) + ' ' + match->str(2));
+    }
+    return codes;
 }
 
 bool Unexpected(cr_finding_t const* finding, void*) {
@@ -106,24 +117,20 @@ TEST(FormatDocument, ExampleOfADORecord) {
     EXPECT_EQ(Bytes(bytes, bytes + record->GetHeaderSize()), HexBlock("object network"));
 }
 
-TEST(FindingsDocument, LinksThePageOfEveryCode) {
-    std::vector<std::string> expected, linked;
+TEST(FindingsDocument, HasARowAndASectionForEveryCode) {
+    std::vector<std::string> expected;
     for (int code = CR_FINDING_ERROR + 1; code < 1000; ++code) { // those below are severities
         std::string const name = CRFindingName(code);
         if (name != "unknown") {
-            expected.push_back(std::to_string(code) + " `" + name + '`');
-            std::string const title = "# " + expected.back() + "\n\n";
-            EXPECT_EQ(Document(("findings/" + name + ".md").c_str()).substr(0, title.size()), title);
+            expected.push_back(std::to_string(code) + ' ' + name);
         }
     }
     std::string const document = Document("findings.md");
-    std::regex const row(R"(\n\| ([0-9]+) \| \[`([a-z-]+)`\]\(findings/\2\.md\) \|)");
-    for (std::sregex_iterator found(document.begin(), document.end(), row), end; found != end; ++found) {
-        linked.push_back(found->str(1) + " `" + found->str(2) + '`');
+    EXPECT_EQ(CodesIn(document, R"(\n\| ([0-9]+) \| \[`([a-z-]+)`\]\(#\1-\2\) \| )"), expected);
+    EXPECT_EQ(CodesIn(document, R"(\n## ([0-9]+) ([a-z-]+)\n\n)"), expected);
+    for (std::string const& linked : CodesIn(document, R"(\]\(#([0-9]+)-([a-z-]+)\))")) {
+        EXPECT_NE(std::find(expected.begin(), expected.end(), linked), expected.end()) << linked;
     }
-    EXPECT_EQ(linked, expected);
-    std::filesystem::directory_iterator const pages(CRRECORD_DOCS_DIR "/findings");
-    EXPECT_EQ(std::size_t(std::distance(begin(pages), end(pages))), expected.size());
 }
 
 TEST(Documents, ShowCppThatTheExamplesHave) {
