@@ -1,4 +1,4 @@
-// The command on a large file in the page cache, against hashing its bytes in one call.
+// `crrecord build` on a large file in the page cache, compared with one hash call over its bytes.
 
 #include "sides.h"
 
@@ -25,7 +25,7 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kSegment = 131'072;
 
-// A file of random bytes that goes with the process that made it.
+// A file of random bytes, removed by the process that created it.
 struct InputFile {
     explicit InputFile(std::size_t size) : bytes(size) {
         std::mt19937_64 random(size);

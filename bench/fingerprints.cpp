@@ -24,12 +24,12 @@ struct Texts {
     }
     unsigned int fptype;
     unsigned int count;
-    unsigned int text; // bytes of one, with its NUL
+    unsigned int text; // bytes of one text, with its NUL
     std::vector<crfp_digest_t> digests;
     std::vector<char> texts;
 };
 
-// A call for each text, as the conversions have it.
+// One call per text, like the conversions.
 Side CopyEachText(std::shared_ptr<Texts const> const& from) {
     auto const to = std::make_shared<std::vector<char>>(from->texts.size());
     return {[from, to] {
@@ -120,7 +120,7 @@ Comparison FingerprintFromTextOneByOne(Shape shape, unsigned int n) {
     return {FromText(from), CopyEachText(from)};
 }
 
-// The reference is given the bytes that the digest is of, ready made.
+// The reference hashes prepared bytes, the same that the digest covers.
 Comparison Digest(Shape shape, unsigned int n) {
     Input const input(shape, n);
     std::shared_ptr<DORecord> const record = input.MakeRecord();

@@ -2,9 +2,9 @@
 //
 //   growth [--quick] >FILE        (--quick: no more than 100,000)
 //
-// The last two are the command as a whole, with its memory in MiB in all.
+// The last two operations are the whole command, with the memory of its process in MiB.
 //
-// Memory is the most that an operation holds in blocks of the C library's allocator beyond what was there before it.
+// Memory is the peak of what an operation allocates, without the blocks that were allocated before it.
 
 #include "sides.h"
 
@@ -40,7 +40,7 @@ void Lost(void* block) {
 
 } // namespace
 
-// The allocator of the whole process, counted.
+// Replaces the allocator of the whole process by one that counts.
 extern "C" {
 
 void* __libc_malloc(std::size_t);
@@ -116,7 +116,7 @@ long PeakOf(Side const& side) {
     return peak;
 }
 
-// The best of some rounds: the curve is to show the work, not the neighbours. A long run needs one.
+// The best of some rounds, so that other processes do not distort the curve. A long run needs one round.
 double BestOf(Side const& side, unsigned int n) {
     long const runs = std::max(1L, 1'000'000L / n);
     int const rounds = n < 1'000'000 ? 5 : 1;
@@ -136,7 +136,7 @@ double BestOf(Side const& side, unsigned int n) {
     return best;
 }
 
-void ReadCounts(Curve const& curve, unsigned int n) {
+void PrintPoint(Curve const& curve, unsigned int n) {
     Side const side = curve.prepare(n);
     long const bytes = PeakOf(side);
     if (side.makeReady) {
@@ -145,8 +145,8 @@ void ReadCounts(Curve const& curve, unsigned int n) {
     std::printf("%u %.3f %.3f\n", n, 1e9 * BestOf(side, n) / n, static_cast<double>(bytes) / n);
 }
 
-// Objects of tiny segments, so that their number grows and not the time to hash them. This process itself stays small:
-// the system counts its memory towards the peak of the command that it starts.
+// The segments are tiny, so the time depends on their number, not on hashing. This process must stay small, since the
+// kernel counts its memory towards the peak of its child, the command.
 bool MeasureCommand(char const* verb, unsigned int n) {
     static constexpr char kInput[] = "growth-input", kRecord[] = "growth-record";
     std::string const thousand(64'000, 'x');
@@ -184,10 +184,10 @@ int main(int argc, char**) {
         std::printf("%s\"%s\"\n", &curve == bench::kCurves ? "" : "\n\n", curve.name);
         for (unsigned int n = 1'000; n <= largest; n *= 10) {
             std::fflush(stdout);
-            // Each point has a process of its own, so that none finds the heap of another.
+            // One process per point, so that no point uses the heap of another.
             pid_t const child = fork();
             if (child == 0) {
-                bench::ReadCounts(curve, n);
+                bench::PrintPoint(curve, n);
                 std::fflush(stdout);
                 _exit(0);
             }

@@ -1,4 +1,4 @@
-// The inputs of the benchmarks: an object of n segments, always the same for the same shape and n.
+// The inputs of the benchmarks: an object of n segments, which depends on shape and n only.
 
 #pragma once
 
@@ -26,7 +26,7 @@ struct Input {
     unsigned int fingerprintSize;
     unsigned int stride; // bytes of a packed entry
     unsigned long objectSize = 0;
-    std::vector<unsigned char> entries; // as the builder takes them
+    std::vector<unsigned char> entries; // as the constructor of DORecord takes them
     std::vector<unsigned long> dcids;
 
     unsigned int Count() const { return static_cast<unsigned int>(dcids.size()); }
@@ -39,7 +39,7 @@ struct FreeBlock {
 };
 using Block = std::unique_ptr<unsigned char, FreeBlock>;
 
-// A block whose contents the optimiser must take for used.
+// The optimiser must assume that the contents of the block are used.
 Block NewBlock(std::size_t size);
 
 std::vector<unsigned char> BytesOf(DORecord& record);
@@ -55,7 +55,8 @@ T LoadAt(unsigned char const* bytes) {
     return value;
 }
 
-// A record of DO type 3 with 32-byte fingerprints that a peer fills: a new block with the header of `like`.
+// A record of DO type 3 with 32-byte fingerprints that the parser of a peer fills. It is a new block with the
+// header of `like`.
 class PeerRecord {
 public:
     explicit PeerRecord(std::vector<unsigned char> const& like) : size_(like.size()), bytes_(NewBlock(size_)) {
@@ -85,13 +86,13 @@ private:
     unsigned char* dcid_;
 };
 
-// A peer that makes the record of `input` from `encoded`. The record has to come out right, byte for byte.
+// A peer builds the record of `input` from `encoded`. The record must equal ours byte for byte.
 template <class Decode>
 Side PeerParse(Input const& input, std::vector<unsigned char> encoded, Decode decode) {
     auto const from = std::make_shared<std::vector<unsigned char> const>(std::move(encoded));
     auto const like = std::make_shared<std::vector<unsigned char> const>(BytesOf(*input.MakeRecord()));
     PeerRecord record(*like);
-    Require(decode(*from, record) && record.Equals(*like), "the peer makes another record");
+    Require(decode(*from, record) && record.Equals(*like), "the peer builds another record");
     return {[from, like, decode] {
         PeerRecord made(*like);
         Require(decode(*from, made), "the peer failed");

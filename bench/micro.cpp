@@ -1,4 +1,4 @@
-// Each side of each operation of the table as a Google Benchmark, to look at one of them alone, under a profiler say:
+// Each side of each operation in the table as a Google Benchmark, for use under a profiler:
 //
 //   micro --benchmark_filter='checkSegmentList/.*/ours/1000$'
 

@@ -1,4 +1,4 @@
-# An object as Cap'n Proto has it. A fingerprint is four words: a pointer to 32 bytes would cost it more.
+# An object in Cap'n Proto. A fingerprint is four words, which cost less than a pointer to 32 bytes.
 @0xbd1f0c8a4e6d7a31;
 
 using Cxx = import "/capnp/c++.capnp";

@@ -1,4 +1,4 @@
-// What is measured: an operation of the library, and something else that does the same work or sets its limit.
+// A benchmark compares an operation of the library with a reference that does the same work or is its physical limit.
 
 #pragma once
 
@@ -10,10 +10,10 @@
 
 namespace bench {
 
-// One side of a comparison, with inputs of its own.
+// One side of a comparison, with its inputs.
 struct Side {
-    std::function<void()> run;                                 // what is timed
-    std::function<void()> makeReady = std::function<void()>(); // makes the next run possible; not timed
+    std::function<void()> run;                                 // timed
+    std::function<void()> makeReady = std::function<void()>(); // prepares the next run; not timed
 };
 
 struct Comparison {
@@ -28,7 +28,7 @@ struct Shape {
 };
 inline constexpr Shape kMainShape{3, 3};
 
-// Targets for the ratio of ours to the reference.
+// Special values of a target for the ratio of ours to the reference.
 inline constexpr double kNoTarget = 0;
 inline constexpr double kNotMeasured = -1;
 
@@ -37,7 +37,7 @@ struct Operation {
     char const* reference;
     Comparison (*prepare)(Shape shape, unsigned int n);
     double inCache;  // n = 1,000
-    double resident; // n = many, blocks are used again
+    double resident; // n = many, blocks are reused
     double fresh;    // n = many, each large block is a new mapping
     Shape shape = kMainShape;
     unsigned int many = 1'000'000;
@@ -45,7 +45,7 @@ struct Operation {
 
 std::span<Operation const> Operations();
 
-// An operation that fails is no result.
+// Throws if an operation failed.
 inline void Require(bool holds, char const* what) {
     if (!holds) {
         throw std::runtime_error(what);

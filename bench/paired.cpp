@@ -1,11 +1,11 @@
-// Runs each operation and its reference in turn and prints one table of their ratios.
+// Runs each operation and its reference alternately and prints one table of their ratios.
 //
 //   paired [--quick] [--only TEXT] [--json FILE]
 //
-// Each row is measured in a process of its own, whose allocator is set up before anything is allocated in it: either
-// all blocks come from one heap that never shrinks, or each large block is a mapping of its own. A row's ratio is the
-// median of the ratios of its rounds. A round is some runs of each side that follow one another; over a record in
-// memory it is one of each, so that each finds the other's data in the caches.
+// Each row runs in a separate process. The process sets up its allocator first: either all blocks come from one heap
+// that never shrinks, or each large block is a new mapping. The ratio of a row is the median of the ratios of its
+// rounds. A round is some runs of one side, then some of the other. For a record in memory it is one run of each, so
+// that each finds the data of the other in the caches.
 
 #include "operation.h"
 
@@ -29,13 +29,13 @@ namespace bench {
 
 namespace {
 
-constexpr unsigned int kInMemory = 100'000; // segments; fewer fit into a core's own caches
-constexpr long kMoreRounds = 4;             // where a round is one run, and that is short
+constexpr unsigned int kInMemory = 100'000; // segments; fewer fit into the caches of a core
+constexpr long kMoreRounds = 4;             // if a round is one short run
 constexpr double kRounding = 0.005;         // ratios and targets are compared to two digits
 
 struct Plan {
     int rounds = 15;
-    double roundSeconds = 0.02; // of each side, at least
+    double roundSeconds = 0.02; // per side, at least
     char const* only = "";
     char const* json = nullptr;
 };
@@ -46,7 +46,7 @@ struct Result {
     double ours; // seconds
     double reference;
     double ratio;
-    double faults; // of ours, for each run
+    double faults; // of ours, per run
     char complaint[128];
 };
 
@@ -55,7 +55,7 @@ void SetUpAllocator(bool fresh) {
     if (fresh) {
         mallopt(M_MMAP_THRESHOLD, kLargeBlock);
     } else {
-        // The threshold has an upper limit, which the buffers of a million segments exceed.
+        // M_MMAP_THRESHOLD has an upper limit, which the buffers of a million segments exceed.
         mallopt(M_MMAP_MAX, 0);
         mallopt(M_TRIM_THRESHOLD, INT_MAX);
         mallopt(M_TOP_PAD, 1 << 30);
@@ -97,7 +97,7 @@ Measured Run(Side const& side, clockid_t clock, long times) {
     return sum;
 }
 
-// How many runs take long enough to be measured; warms up meanwhile.
+// Returns: the number of runs that take `atLeast` seconds. Also warms up.
 long Calibrate(Side const& side, clockid_t clock, double atLeast) {
     long times = 1;
     for (;;) {
@@ -115,7 +115,7 @@ double Median(std::vector<double> values) {
     return *middle;
 }
 
-void ReadCounts(Operation const& operation, unsigned int n, Plan const& plan, Result& result) {
+void Measure(Operation const& operation, unsigned int n, Plan const& plan, Result& result) {
     auto const [ours, reference, clock] = operation.prepare(operation.shape, n);
     bool const inMemory = n >= kInMemory;
     long const ourLeast = Calibrate(ours, clock, plan.roundSeconds);
@@ -142,7 +142,7 @@ void ReadCounts(Operation const& operation, unsigned int n, Plan const& plan, Re
     result.good = true;
 }
 
-Result MeasureApart(Operation const& operation, unsigned int n, bool fresh, Plan const& plan) {
+Result MeasureInChild(Operation const& operation, unsigned int n, bool fresh, Plan const& plan) {
     void* const shared = mmap(nullptr, sizeof(Result), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     Require(shared != MAP_FAILED, "no memory");
     auto* const result = new (shared) Result{};
@@ -151,7 +151,7 @@ Result MeasureApart(Operation const& operation, unsigned int n, bool fresh, Plan
     if (child == 0) {
         SetUpAllocator(fresh);
         try {
-            ReadCounts(operation, n, plan, *result);
+            Measure(operation, n, plan, *result);
         } catch (std::exception const& caught) {
             std::snprintf(result->complaint, sizeof result->complaint, "%s", caught.what());
         }
@@ -178,7 +178,7 @@ public:
         char const* const state = fresh ? "fresh" : "resident";
         std::printf("%-33s  %-33s %9u  %-8s ", operation.name, operation.reference, n, state);
         std::fflush(stdout);
-        Result const result = MeasureApart(operation, n, fresh, plan_);
+        Result const result = MeasureInChild(operation, n, fresh, plan_);
         if (!result.good) {
             std::printf("FAILED: %s\n", result.complaint);
             ++failed_;
@@ -205,7 +205,7 @@ public:
         if (plan_.json) {
             std::ofstream file(plan_.json);
             file << json_.dump(1) << '\n';
-            Require(file.good(), "the results can't be written");
+            Require(file.good(), "cannot write the results");
         }
         return failed_ == 0 ? 0 : 1;
     }

@@ -11,7 +11,7 @@ namespace bench {
 
 namespace {
 
-// The message has room for all of it from the start.
+// The first segment of the message is large enough for all of it.
 Side Encode(InputPtr const& input) {
     static constexpr unsigned int kSegmentWords = 7, kHeadWords = 32;
     return {[input] {

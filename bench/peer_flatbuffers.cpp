@@ -10,7 +10,7 @@ namespace bench {
 
 namespace {
 
-constexpr std::size_t kHead = 256; // of a buffer: everything but the segments
+constexpr std::size_t kHead = 256; // bytes reserved for everything but the segments
 
 flat::Segment SegmentAt(unsigned char const* entry, unsigned long dcid) {
     flatbuffers::span<std::uint8_t const, 32> const fingerprint(entry, 32);
@@ -24,7 +24,7 @@ void Finish(flatbuffers::FlatBufferBuilder& builder, Input const& input,
     benchmark::ClobberMemory();
 }
 
-// At its best: written in place, into a buffer that has its full size from the start.
+// The fastest way: written in place, into a buffer of the final size.
 void EncodeInPlace(Input const& input) {
     flatbuffers::FlatBufferBuilder builder(input.Count() * sizeof(flat::Segment) + kHead);
     flat::Segment* to = nullptr;
@@ -37,7 +37,7 @@ void EncodeInPlace(Input const& input) {
     Finish(builder, input, segments);
 }
 
-// As its tutorial has it: from a vector, into a buffer that grows.
+// The way of its tutorial: from a vector, into a buffer that grows.
 void EncodeVector(Input const& input) {
     std::vector<flat::Segment> list;
     list.reserve(input.Count());

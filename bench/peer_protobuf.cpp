@@ -31,7 +31,7 @@ std::vector<unsigned char> Encoded(Input const& input) {
     return bytes;
 }
 
-// The message object is there already, as ours has its record: filling it costs more than all the rest.
+// The message is filled before the measurement, like our record. Filling costs more than the encoding.
 Side Encode(InputPtr const& input) {
     auto const object = std::make_shared<proto::Object>();
     Fill(*object, *input);

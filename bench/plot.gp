@@ -1,4 +1,4 @@
-# Draws what growth has measured: gnuplot -e "input='FILE'; output='FILE'" plot.gp
+# Plots the output of growth: gnuplot -e "input='FILE'; output='FILE'" plot.gp
 
 set terminal svg size 900,1100 font "sans-serif,12" background "white"
 set output output

@@ -16,7 +16,7 @@ std::shared_ptr<std::vector<unsigned char>> SharedBytes(DORecord& record) {
     return std::make_shared<std::vector<unsigned char>>(BytesOf(record));
 }
 
-// What the limit is where every size and offset is looked at.
+// Lower limit for operations that read every size and offset.
 Side StridedRead(std::shared_ptr<std::vector<unsigned char>> const& record, Input const& input) {
     return {[record, n = input.Count(), stride = input.stride, sizeAt = input.fingerprintSize] {
         unsigned long sum = 0;
@@ -28,7 +28,7 @@ Side StridedRead(std::shared_ptr<std::vector<unsigned char>> const& record, Inpu
     }};
 }
 
-// And where every one is turned.
+// Lower limit for operations that byte-swap every size and offset.
 Side StridedSwap(std::shared_ptr<std::vector<unsigned char>> const& record, Input const& input) {
     return {[record, n = input.Count(), stride = input.stride, sizeAt = input.fingerprintSize] {
         unsigned char* field = record->data() + CR_DO_HEADER_SIZE + sizeAt;

@@ -36,7 +36,7 @@ std::shared_ptr<DORecord> RecordForReferences(Shape shape) {
 
 using Ids = std::vector<unsigned long>;
 
-// Over ids in another order for each run: the processor would learn the way of each through a small set.
+// Each run uses another order of the ids. The branch predictor would learn a repeated order in a small set.
 template <class MakeSide>
 Side InNewOrders(unsigned int n, MakeSide makeSide) {
     auto const ids = std::make_shared<Ids>(ShuffledNumbers(n));
@@ -59,7 +59,7 @@ void AddAll(DORecord& record, Ids const& ids) {
 
 constexpr std::size_t kSerialized = 10; // bytes of a task id
 
-// Sorted, as GetSerializedTRefs gives them.
+// Sorted, as GetSerializedTRefs returns them.
 std::shared_ptr<std::vector<char>> SerializedTaskIds(unsigned int n) {
     auto const bytes = std::make_shared<std::vector<char>>(std::size_t{n} * kSerialized);
     char* to = bytes->data();
@@ -72,7 +72,7 @@ std::shared_ptr<std::vector<char>> SerializedTaskIds(unsigned int n) {
     return bytes;
 }
 
-// A new container for every run; the old one goes between two runs.
+// Each run fills a new set. The old one is released between runs.
 template <class Set, class Fill>
 Side FillSet(unsigned int n, Fill fill) {
     auto const set = std::make_shared<Set>();
@@ -128,7 +128,7 @@ Comparison LookUpAgainst(Shape shape, unsigned int n) {
             findAll([set](unsigned long id) { return set->find(id) != set->end(); })};
 }
 
-// Against copying the section, so many references at once.
+// The reference copies the section, `atOnce` references per call.
 Comparison HeaderAgainst(Shape shape, unsigned int n, unsigned int atOnce) {
     auto const section = SerializedTaskIds(n);
     auto const record = RecordForReferences(shape);
@@ -151,7 +151,7 @@ Comparison HeaderAgainst(Shape shape, unsigned int n, unsigned int atOnce) {
 
 } // namespace
 
-// A second list takes the place of the first.
+// A new list replaces the old one.
 Side OurUniqueList(InputPtr const& input) {
     std::shared_ptr<DORecord> const record = input->MakeRecord();
     return {[record] { Require(record->AppendBloomAndUniqueDCIDList() == CR_STATUS_OK, "no unique list"); }};

@@ -1,4 +1,4 @@
-// How each operation and its references are made ready. The table in table.cpp puts them together.
+// Functions that prepare an operation and its reference. table.cpp lists all of them.
 
 #pragma once
 
@@ -38,7 +38,7 @@ Comparison LookUpTaskIdsBTree(Shape shape, unsigned int n);
 Comparison HeaderWithReferences(Shape shape, unsigned int n);
 Comparison HeaderOneByOne(Shape shape, unsigned int n);
 
-// Peers: ours against encoding or parsing the same object of kMainShape.
+// Comparisons with peers: other formats that encode or parse the same object of kMainShape.
 Comparison SerializeFlatBuffers(Shape shape, unsigned int n);
 Comparison SerializeFlatBuffersVector(Shape shape, unsigned int n);
 Comparison SerializeCapnProto(Shape shape, unsigned int n);
@@ -50,10 +50,10 @@ Comparison ParseProtobuf(Shape shape, unsigned int n);
 Comparison CommandOnOneCore(Shape shape, unsigned int n);
 Comparison CommandOnTwoCores(Shape shape, unsigned int n);
 
-// The command with these arguments, as a process; its peak memory in bytes.
+// Runs the command with these arguments. Returns: its peak memory in bytes.
 long RunCommand(std::vector<std::string> const& arguments);
 
-// Single sides, for those above and for the growth plot.
+// Single sides, also for the growth plot.
 Side OurSerialize(InputPtr const& input, bool withChecksum);
 Side OurParse(InputPtr const& input, unsigned int options);
 Side OurUniqueList(InputPtr const& input);

@@ -1,4 +1,4 @@
-// The one table of operations, references and targets.
+// The table of operations, references and targets.
 
 #include "sides.h"
 
@@ -7,7 +7,7 @@ namespace bench {
 namespace {
 
 constexpr Shape kShort{3, 2};    // 16-byte fingerprints
-constexpr Shape kOriginal{0, 2}; // and neither sizes nor offsets
+constexpr Shape kOriginal{0, 2}; // without sizes and offsets
 
 constexpr unsigned int kFileSegments = 4096; // a file of 512 MiB
 
