@@ -1,6 +1,9 @@
-// Every proper prefix and every small change of every golden record: changes FOLDER prints, as a table, which finding
-// told how many of them first. What validation says, and what is made of the bytes, must agree each time. With a
-// document behind the folder the table has to be in it.
+// Tests every proper prefix and every small change of every golden record.
+//
+//   changes FOLDER [DOCUMENT]
+//
+// Prints a table of the first findings and their numbers. Fails if validation and another operation disagree on a
+// change, or if DOCUMENT does not contain the table.
 
 #include "tool_records.h"
 
@@ -19,20 +22,20 @@ using namespace fuzz;
 using crrecord::Order;
 using Span = std::span<unsigned char>;
 
-// Between the values that a byte behind the header is set to. Sanitizers take their time.
+// Step between the values tested for a byte after the header. Larger under sanitizers, which are slow.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr unsigned int kStep = 5;
 #else
 constexpr unsigned int kStep = 1;
 #endif
 
-constexpr char kOneAnswer[] = "what validates is made into a record, and nothing else";
+constexpr char kOneAnswer[] = "operations accept exactly the bytes that validate";
 
 enum Change { kPrefix, kByte, kBit };
 constexpr int kCanonical = 0, kNoJson = -1, kJson = -2;
-std::map<int, std::array<unsigned long, 3>> counts; // by code and change
+std::map<int, std::array<unsigned long, 3>> counts; // by finding code and change
 
-// Whether what `make` makes is there.
+// Returns: false if `make` throws Cr_ErrnoException.
 template <class Make>
 bool Makes(Make const& make) {
     try {
@@ -43,15 +46,15 @@ bool Makes(Make const& make) {
     }
 }
 
-// Sizes and kind as the first bytes tell them, and what was found first.
+// The probe must know kind and size unless the first finding is about these.
 void AgreeWithProbe(Record const& record, bool valid, int code) {
     cr_record_probe_t const probe = CRRecordProbe(record.bytes, record.size);
     bool const known = probe.kind == (record.kind == Kind::Segment ? CR_RECORD_SEGMENT : CR_RECORD_DO) &&
                        (probe.network_order != 0) == (record.order == Order::Network);
     bool const refused = (code >= CR_FINDING_SO_LENGTH && code <= CR_FINDING_SO_RECSIZE) ||
                          (code >= CR_FINDING_DO_LENGTH && code <= CR_FINDING_DO_RECSIZE);
-    Must((known && probe.recorded_size == record.size) != refused, "the probe tells kind and size as validation does");
-    Must(!valid || probe.counted_size == record.size, "the counts of a good record add up for the probe");
+    Must((known && probe.recorded_size == record.size) != refused, "the probe and validation agree on kind and size");
+    Must(!valid || probe.counted_size == record.size, "the counted size of a valid record is its size");
 }
 
 void AgreeOnObject(Record const& record, bool valid) {
@@ -67,8 +70,9 @@ void AgreeOnObject(Record const& record, bool valid) {
          kOneAnswer);
     Block memory(record.bytes, record.bytes + size);
     bool const wrapped = Makes([&] { DORecord::Wrap(memory.data(), size, size, true); });
-    Must(wrapped == (valid && !legacy), "in place all are taken but those with legacy arrays");
-    Must(wrapped || std::equal(memory.begin(), memory.end(), record.bytes), "what is refused in place is as it was");
+    Must(wrapped == (valid && !legacy), "Wrap accepts valid records without legacy arrays only");
+    Must(wrapped || std::equal(memory.begin(), memory.end(), record.bytes),
+         "Wrap does not change bytes that it rejects");
 }
 
 void AgreeOnSegment(Record const& record, bool valid) {
@@ -76,7 +80,7 @@ void AgreeOnSegment(Record const& record, bool valid) {
     auto const* const header = reinterpret_cast<_SegmentDBRecord const*>(record.bytes);
     auto const size = static_cast<unsigned int>(record.size);
     Must((SegmentRecordValidate(header, size, options) == CR_STATUS_OK) == valid, kOneAnswer);
-    bool const ofTheClass = size == CR_SO_RECORD_SIZE; // which has no larger ones
+    bool const ofTheClass = size == CR_SO_RECORD_SIZE; // which accepts no other size
     Must(Makes([&] { SORecord::FromBuffer(record.bytes, size); }) == (valid && ofTheClass), kOneAnswer);
 }
 
@@ -93,10 +97,10 @@ void AgreeOnForm(Record const& record, bool valid, int code) {
         DORecordHeaderDeserialize(&header, &room, record.bytes, record.size, form.dotype, form.fptype) == CR_STATUS_OK;
     std::free(header);
     bool const ofSegments = code >= CR_FINDING_SEGMENT_PRODUCT && code <= CR_FINDING_SEGMENT_END;
-    Must(parsed == (valid || ofSegments), "all are parsed but those that are no form");
+    Must(parsed == (valid || ofSegments), "the parser rejects malformed forms only");
 }
 
-// The first finding's code.
+// Returns: the code of the first finding.
 int CodeOf(Span bytes, Record record) {
     static std::vector<Finding> findings;
     record.bytes = bytes.data();
@@ -122,14 +126,14 @@ int CodeOfLine(Span bytes) {
     }
 }
 
-// Sets each byte of the header to every value, and each behind it to every `step`th.
+// Sets each byte of the header to every value, and each byte after it to every `step`th value.
 template <class Code>
 void ChangeAll(Block const& good, std::size_t header, unsigned int step, Code code) {
     for (std::size_t size = 0; size < good.size(); ++size) {
-        Block prefix(size + 1); // a byte in front, so that there is an address without bytes, too
+        Block prefix(size + 1); // one byte more, so that the empty prefix has an address
         std::copy_n(good.begin(), size, prefix.begin() + 1);
         int const seen = code(Span(prefix).subspan(1));
-        Must(seen != kCanonical && seen != kJson, "a prefix is refused");
+        Must(seen != kCanonical && seen != kJson, "a prefix is rejected");
         ++counts[seen][kPrefix];
     }
     Block changed = good;
@@ -159,12 +163,12 @@ void ChangeFile(std::filesystem::path const& path) {
     record.kind = object ? Kind::DataObject : Kind::Segment;
     record.order = ending == ".network" ? Order::Network : Order::Host;
     if (ending == ".json") {
-        ChangeAll({good.begin(), good.end() - 1}, 0, 51, CodeOfLine); // without its end
+        ChangeAll({good.begin(), good.end() - 1}, 0, 51, CodeOfLine); // without the line feed
     } else if (ending == ".host" || ending == ".network") {
         ChangeAll(good, object ? CR_DO_HEADER_SIZE : CR_SO_FIXED_SIZE, kStep,
                   [&](Span bytes) { return CodeOf(bytes, record); });
     } else if (ending == ".form" && object) {
-        // Its types are those of the record beside it.
+        // The DO type and fingerprint type are in the record of the same name.
         std::ifstream host(std::filesystem::path(path).replace_extension(".host"), std::ios::binary);
         Block const header{std::istreambuf_iterator<char>(host), {}};
         record.kind = Kind::Form;
@@ -192,7 +196,7 @@ int main(int count, char** arguments) {
     if (count > 2 && kStep == 1) {
         std::ifstream file(arguments[2]);
         std::string const document{std::istreambuf_iterator<char>(file), {}};
-        Must(document.find(table) != std::string::npos, "the document has this table");
+        Must(document.find(table) != std::string::npos, "the document contains this table");
     }
     return counts.size() < 30;
 }

@@ -1,4 +1,4 @@
-// Checksum, digits, numbers and their texts against what is written down plainly here.
+// Compares checksums, hexadecimal digits and references with plain implementations.
 
 #include "target.h"
 
@@ -15,7 +15,7 @@ namespace {
 
 using fuzz::Must;
 
-// RFC 1950, by its sums.
+// Adler-32 of RFC 1950, by its definition.
 std::uint32_t PlainAdler32(fuzz::Bytes bytes) {
     std::uint32_t a = 1, b = 0;
     for (unsigned char const byte : bytes) {
@@ -32,7 +32,7 @@ void CompareChecksums(fuzz::Bytes bytes, std::size_t cut) {
     Must(crrecord::Adler32More(first, bytes.data() + cut, bytes.size() - cut) == sum, "checksum in two parts");
 }
 
-// The bytes as a fingerprint, and as a fingerprint's text.
+// Tests the bytes as a fingerprint and as the text of a fingerprint.
 void CompareDigits(fuzz::Bytes bytes, unsigned int fptype) {
     unsigned int const width = CRFPDigestSize(fptype);
     crfp_digest_t digest{}, back{};
@@ -47,14 +47,14 @@ void CompareDigits(fuzz::Bytes bytes, unsigned int fptype) {
     for (unsigned int i = 0; i < width; i += 16) {
         crrecord::portable::Encode16(digest.bytes + i, portable + 2 * i);
     }
-    Must(std::memcmp(portable, plain, 2 * width) == 0, "digits without the processor's help");
+    Must(std::memcmp(portable, plain, 2 * width) == 0, "digits by the portable code");
 
     std::copy_n(bytes.begin(), std::min<std::size_t>(bytes.size(), 2 * width), given);
     bool const good = std::strspn(given, "0123456789abcdef") == 2 * width;
-    Must((CRFPStringToDigest_r(given, fptype, &back) != nullptr) == good, "what is a text");
+    Must((CRFPStringToDigest_r(given, fptype, &back) != nullptr) == good, "valid texts");
     unsigned char decoded[16];
     bool const goodHalf = std::strspn(given, "0123456789abcdef") >= 32;
-    Must(crrecord::portable::Decode16(given, decoded) == goodHalf, "what is a text without the processor's help");
+    Must(crrecord::portable::Decode16(given, decoded) == goodHalf, "valid texts by the portable code");
 }
 
 void CompareReferences(unsigned int kind, unsigned long id) {

@@ -1,5 +1,5 @@
-// What hostile input costs: shapes made to be dear, in two sizes. For each the processor time of one byte; it may not
-// grow with the size as a quadratic walk's would. cost prints a table.
+// Measures the processor time per byte of expensive input, in two sizes, and prints a table. Fails if the time per byte
+// grows as with a quadratic algorithm.
 
 #include "tool_records.h"
 
@@ -18,7 +18,7 @@ void Put(Block& to, unsigned long value, std::size_t width) {
     }
 }
 
-// In network order, of DO type 2: `dcid` gives the container of each segment of one byte.
+// A record of DO type 2 in network order. Each segment has one byte and is in container `dcid(i)`.
 template <class Dcid>
 Block Segments(unsigned int count, Dcid dcid) {
     Block entries;
@@ -36,7 +36,7 @@ Block Segments(unsigned int count, Dcid dcid) {
     return {bytes, bytes + record.GetHeaderSize()};
 }
 
-// A record of one segment whose reference section holds an id for each.
+// A record of one segment with `count` task ids, the i-th of which is `id(i)`.
 template <class Id>
 Block References(unsigned int count, Id id) {
     Block section, bytes = Segments(1, [](unsigned int) { return 64ul; });
@@ -90,7 +90,7 @@ constexpr Shape kShapes[] = {
      Load},
     {"references, all the same", [](unsigned int n) { return References(n, [](unsigned int) { return 1u; }); }, Load},
     {"containers in one row of the table",
-     // By the inverse of the hash's factor: the bits of the product that choose a row are the same.
+     // The factor is the inverse of the factor of the hash, so all products select the same row.
      [](unsigned int n) { return Segments(n, [](unsigned int i) { return (1ul << 40 | i) * 0xf1de83e19937733d; }); },
      ListContainers},
     {"containers, alternating and descending",
@@ -99,7 +99,7 @@ constexpr Shape kShapes[] = {
     {"references, and a last one that is none",
      [](unsigned int n) {
          Block bytes = References(n, [](unsigned int i) { return i; });
-         bytes[bytes.size() - kTail - 10] = 0xff; // its kind
+         bytes[bytes.size() - kTail - 10] = 0xff; // the kind of the last reference
          return bytes;
      },
      Explain},
@@ -115,7 +115,7 @@ constexpr Shape kShapes[] = {
      ReadJson},
 };
 
-// Nanoseconds for each byte, at its best.
+// Returns: nanoseconds per byte, the best of three rounds.
 double Cost(Shape const& shape, unsigned int n, std::size_t& size) {
     Block const bytes = shape.make(n);
     size = bytes.size();
@@ -132,9 +132,9 @@ double Cost(Shape const& shape, unsigned int n, std::size_t& size) {
 
 int main() {
     constexpr unsigned int kSmall = 4000, kFactor = 64;
-    constexpr double kMost = 8; // caches and a logarithm; a quadratic walk would cost 64 times as much
-    // Below it a clock of microseconds tells little; 64 times as much as any of these is beyond the limit that it
-    // gives.
+    constexpr double kMost = 8; // allows for caches and a logarithm; a quadratic algorithm has a factor of 64
+    // Nanoseconds. Smaller values are noise of a clock with microseconds, so they count as this one. A quadratic
+    // algorithm still exceeds kMost times this.
     constexpr double kLeast = 0.1;
     BeSilent();
     bool grows = false;

@@ -1,5 +1,4 @@
-// Any bytes as a DO record, in both orders: validation answers, and where it passes, every operation is safe and says
-// what the others say.
+// Any bytes as a DO record, in both orders. If validation passes, every operation is safe and agrees with the others.
 
 #include "target.h"
 #include "use_everything.h"

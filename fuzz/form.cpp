@@ -1,5 +1,5 @@
-// Any bytes as an exchange form of a DO record, with the types of the first byte: the validator, the diagnosing pass,
-// the parser and the constructor give one answer, and what was made of a form is safe in every operation.
+// Any bytes as an exchange form of a DO record, whose types are in the first byte. The validator, the diagnosing
+// function, the parser and the constructor agree. A record built from a form is safe in every operation.
 
 #include "target.h"
 #include "use_everything.h"
@@ -14,31 +14,31 @@ struct Types {
     unsigned int subDO;
 };
 
-// Of a form that validates.
+// For a form that validates.
 void UseRecord(Types types, fuzz::Bytes form, DORecord& record) {
     void* written = nullptr;
     unsigned long size = 0;
     bool const summed = DORecordSerializedValidate(form.data(), form.size(), types.dotype, types.fptype,
                                                    types.subDO | CR_DO_FORM_CHECKSUM) == CR_STATUS_OK;
     if (types.dotype != CR_DO_TYPE_BLOOM_FILTER) {
-        Must(record.Serialize(&written, &size, summed) == CR_STATUS_OK, "a record of a form has a form");
+        Must(record.Serialize(&written, &size, summed) == CR_STATUS_OK, "a record from a form can be serialized");
         Must(std::equal(form.begin(), form.end(), static_cast<unsigned char*>(written),
                         static_cast<unsigned char*>(written) + size),
-             "the form of a form's record");
+             "serializing reproduces the form");
     }
     DORecord::SerializedDORecordFree(&written);
     bool const appended = record.AppendBloomAndUniqueDCIDList() == CR_STATUS_OK;
     auto const* const bytes = reinterpret_cast<unsigned char const*>(record.GetHeader());
     fuzz::Block const stored(bytes, bytes + record.GetHeaderSize());
     bool const valid = DORecordHeaderValidate(bytes, record.GetHeaderSize(), types.subDO) == CR_STATUS_OK;
-    // A received bloom record's list has to be turned first.
-    Must(valid || (types.dotype == CR_DO_TYPE_BLOOM_FILTER && !appended), "a form's record is valid");
+    // AppendBloomAndUniqueDCIDList must first convert the list of a received bloom record.
+    Must(valid || (types.dotype == CR_DO_TYPE_BLOOM_FILTER && !appended), "a record from a form is valid");
     if (char const* const broken = valid ? UseEverything(stored.data(), stored.size(), types.subDO) : nullptr) {
         fuzz::Fail(broken);
     }
 }
 
-// In memory that is just large enough, and in memory that is not.
+// Parses into memory of exactly the needed size, and into too little memory.
 void ParseInto(Types types, fuzz::Bytes form, fuzz::Bytes expected) {
     for (std::size_t const room : {expected.size(), expected.size() - 1}) {
         fuzz::Block memory(room);
@@ -49,9 +49,9 @@ void ParseInto(Types types, fuzz::Bytes form, fuzz::Bytes expected) {
                  (header == given) == (room == expected.size()),
              "a form is parsed into memory of any size");
         auto const* const bytes = reinterpret_cast<unsigned char const*>(header);
-        constexpr std::size_t kTimes = offsetof(DORecordHeader, ctime), kBehind = offsetof(DORecordHeader, ntaskid);
+        constexpr std::size_t kTimes = offsetof(DORecordHeader, ctime), kAfterTimes = offsetof(DORecordHeader, ntaskid);
         Must(std::equal(bytes, bytes + kTimes, expected.begin()) &&
-                 std::equal(bytes + kBehind, bytes + expected.size(), expected.begin() + kBehind),
+                 std::equal(bytes + kAfterTimes, bytes + expected.size(), expected.begin() + kAfterTimes),
              "a form makes one record");
         std::free(header == given ? nullptr : header);
     }
@@ -67,11 +67,12 @@ void Try(Types types, fuzz::Bytes form) {
     };
     cr_status_t const said =
         DORecordSerializedDiagnose(form.data(), form.size(), dotype, fptype, subDO, count, &errors);
-    Must((said == CR_STATUS_OK) == good && (errors == 0 || !good), "the validator and the diagnosing pass agree");
+    Must((said == CR_STATUS_OK) == good && (errors == 0 || !good), "the validator and the diagnosing function agree");
     DORecordHeader* header = nullptr;
     unsigned long size = 0;
     cr_status_t const parsed = DORecordHeaderDeserialize(&header, &size, form.data(), form.size(), dotype, fptype);
-    Must(parsed == CR_STATUS_OK || (header == nullptr && size == 0), "a parser that fails leaves its variables");
+    Must(parsed == CR_STATUS_OK || (header == nullptr && size == 0),
+         "a parser that fails does not change its arguments");
     Must(parsed == CR_STATUS_OK || !good, "a form that validates is parsed");
     Must(parsed != CR_STATUS_OK || size <= 4 * form.size() + 4096, "memory in proportion to the form");
     if (parsed == CR_STATUS_OK) {
@@ -84,10 +85,10 @@ void Try(Types types, fuzz::Bytes form) {
     std::free(header);
     try {
         DORecord record(dotype, fptype, nullptr, 0, form.data(), form.size(), subDO != 0);
-        Must(good, "a form that does not validate is refused");
+        Must(good, "the constructor rejects a form that does not validate");
         UseRecord(types, form, record);
     } catch (Cr_ErrnoException const&) {
-        Must(!good, "a form that validates makes a record");
+        Must(!good, "the constructor accepts a form that validates");
     }
 }
 

@@ -1,4 +1,4 @@
-// Any bytes as a line of JSON: read, or refused at a place of the line; and what was read is written as it was read.
+// Any bytes as a line of JSON. The reader rejects it at a position in the line, or the writer reproduces its record.
 
 #include "tool_records.h"
 
@@ -7,7 +7,7 @@ namespace {
 using namespace fuzz;
 using crrecord::Order;
 
-// What the line holds, or the place and the words of the refusal.
+// The record in the line, or position and message of the error.
 struct Answer {
     Block record;
     std::string refusal;
@@ -22,7 +22,7 @@ Answer Read(json::Reader& reader, std::string_view line, std::size_t readable) {
         Record const record = reader.Read(line, readable);
         return {{record.bytes, record.bytes + record.size}, {}, record.kind, reader.FoundIn()};
     } catch (json::Error const& error) {
-        Must(error.position <= line.size(), "a place in the line");
+        Must(error.position <= line.size(), "the position is in the line");
         return {{}, error.path + ": " + error.what()};
     }
 }
@@ -35,20 +35,20 @@ void WriteAndReadAgain(json::Reader& reader, Answer& answer) {
     std::vector<Finding> findings;
     if (Diagnose(record, Depth::FirstError, findings)) {
         Block const line = JsonOf(record, answer.foundIn);
-        Must(Read(reader, TextOf(line, line.size()), line.size()) == answer, "a line is read as it was written");
+        Must(Read(reader, TextOf(line, line.size()), line.size()) == answer, "the written line has the same record");
     }
 }
 
 } // namespace
 
 FUZZ_TARGET(json, bytes) {
-    constexpr std::size_t kBehind = 64;
+    constexpr std::size_t kMore = 64;
     Block exact(bytes.begin(), bytes.end()), roomy = exact;
     exact.shrink_to_fit();
-    roomy.resize(bytes.size() + kBehind, '"');
-    static json::Reader reader; // as it is used: for one line behind the other
+    roomy.resize(bytes.size() + kMore, '"');
+    static json::Reader reader; // reused for all lines, like in the command
     Answer answer = Read(reader, TextOf(exact, bytes.size()), bytes.size());
-    Must(Read(reader, TextOf(roomy, bytes.size()), roomy.size()) == answer, "what is behind a line does not count");
+    Must(Read(reader, TextOf(roomy, bytes.size()), roomy.size()) == answer, "bytes after the line are ignored");
     Must(answer.record.size() <= 128 * bytes.size(), "memory in proportion to the line");
     if (answer.refusal.empty()) {
         WriteAndReadAgain(reader, answer);

@@ -1,5 +1,5 @@
-// Operations on one record, chosen by the bytes, against a model of plain sets and maps. After each, everything that
-// the record says is compared.
+// The bytes select operations on one record. After each operation, the whole record is compared with a model of plain
+// sets and maps.
 
 #include "target.h"
 
@@ -19,7 +19,7 @@ struct Segment {
 };
 
 void Put(fuzz::Block& to, unsigned long value, std::size_t width) {
-    auto const* const bytes = reinterpret_cast<unsigned char const*>(&value); // of a little-endian machine
+    auto const* const bytes = reinterpret_cast<unsigned char const*>(&value); // requires a little-endian machine
     to.insert(to.end(), bytes, bytes + width);
 }
 
@@ -73,7 +73,7 @@ private:
     }
 
     void Step(unsigned int choice) {
-        int const kind = fuzz::TakeByte(choices_) % 16 - 2; // some that are none
+        int const kind = fuzz::TakeByte(choices_) % 16 - 2; // also some invalid kinds
         unsigned long const id = fuzz::TakeNumber(choices_, kind % 3 == 0 ? 4 : 1);
         auto const key = std::make_pair(kind, id);
         switch (choice) {
@@ -110,7 +110,7 @@ private:
         }
     }
 
-    // What an operation answers, or the status with which it throws, from 1000 on.
+    // Returns: the result of the operation, or 1000 plus the status that it throws.
     template <class Operation>
     static unsigned long Answer(Operation operation) {
         try {
@@ -148,7 +148,7 @@ private:
         Must(Answer([&] { return record_->CheckTRef(reference); }) == expected, "looking for a reference");
     }
 
-    // One reference, and something that is one of kind 4 only.
+    // Loads a valid reference and a second one that is valid for kind 4 only.
     void Load(int kind, unsigned long id) {
         auto const first = static_cast<unsigned char>(kind);
         fuzz::Block const section{2, 8, 0, 0, 0, 0, 0, 0, 0, 17, first, 4, 0, 0, 0, static_cast<unsigned char>(id)};
@@ -182,7 +182,7 @@ private:
 
     void AppendList() {
         if (dotype_ == CR_DO_TYPE_BLOOM_FILTER) {
-            return; // takes its list for a received one
+            return; // it would take the list for a received one
         }
         bool refused = !references_.empty();
         std::map<unsigned long, unsigned long> sums;
@@ -194,7 +194,7 @@ private:
         list_ = refused ? list_ : sums;
     }
 
-    // From its exchange form, which has segments only.
+    // Replaces the record by one built from its exchange form, which has segments only.
     void Rebuild() {
         if (dotype_ == CR_DO_TYPE_BLOOM_FILTER) {
             return;
@@ -208,7 +208,7 @@ private:
         list_.clear();
     }
 
-    // From its bytes, in an own buffer or in given memory.
+    // Replaces the record by one loaded from its bytes, in a new buffer or in memory_.
     void Reload(int how) {
         auto const* const bytes = reinterpret_cast<unsigned char const*>(record_->GetHeader());
         fuzz::Block memory(bytes, bytes + record_->GetHeaderSize());
@@ -227,7 +227,7 @@ private:
         unsigned long const size =
             104 + bitmap_ + entry * segments_.size() + (list_.empty() ? 0 : 8 + 16 * list_.size()) + referenceBytes;
         Must(record_->GetHeaderSize() == size && record_->calcTRefsSize() == referenceBytes, "sizes");
-        DORecordView const view(record_->GetHeader(), size); // which validates
+        DORecordView const view(record_->GetHeader(), size); // the constructor validates
         Must(view.IsInNetworkOrder() == record_->IsInNetworkOrder(), "order");
         Must(std::equal(references_.begin(), references_.end(), view.References().begin(), view.References().end(),
                         [](Key const& a, DOReference const& b) { return a == Key(b.kind, b.id); }),
@@ -269,13 +269,13 @@ private:
     std::vector<Segment> segments_;
     std::set<Key> references_;
     std::map<unsigned long, unsigned long> list_;
-    fuzz::Block memory_; // that the record works in
+    fuzz::Block memory_; // used by the record after Wrap
     std::unique_ptr<DORecord> record_;
 };
 
 } // namespace
 
 FUZZ_TARGET(operations, bytes) {
-    constexpr std::size_t kMost = 512; // each step compares all
+    constexpr std::size_t kMost = 512; // each step compares the whole record
     Run(bytes.first(std::min(bytes.size(), kMost))).Go();
 }

@@ -1,5 +1,5 @@
-// Any bytes as a reference, in both forms, and as a reference section: the decoder takes what the encoder writes and
-// nothing else, and a record holds what was loaded.
+// Any bytes as a reference, in both forms, and as a reference section. The decoder accepts only what the encoder
+// writes. A record has the references that were loaded.
 
 #include "target.h"
 
@@ -12,22 +12,22 @@ namespace {
 using fuzz::Must;
 using References = std::set<std::pair<int, unsigned long>>;
 
-// The reference with which the bytes begin is written as it was read. Returns the bytes that it took.
+// Decodes the reference at the start of the bytes and encodes it again. Returns: the number of bytes decoded.
 unsigned long UseOne(fuzz::Bytes bytes, int form, References* seen) {
     unsigned long taken = ~0ul;
     _cr_tref_t* reference = CRTRefNewDeserialize(bytes.data(), bytes.size(), form, &taken);
     if (!reference) {
-        Must(taken == 0, "a refusal takes nothing");
+        Must(taken == 0, "a decoder that fails consumes nothing");
         return 0;
     }
     char text[CR_TREF_TEXT_SIZE] = {};
     unsigned long const written = CRTRefSerialize(text, sizeof text, reference, form);
     unsigned long const nul = form == CR_TREF_TEXT ? 1 : 0;
-    Must(taken <= bytes.size() && taken <= written + nul && taken >= written, "what was taken");
+    Must(taken <= bytes.size() && taken <= written + nul && taken >= written, "number of bytes decoded");
     Must(std::equal(text, text + written, bytes.begin(),
                     [](char a, unsigned char b) { return static_cast<unsigned char>(a) == b; }),
          "a reference is written as it was read");
-    Must(CRTRefSerialize(text, written - 1, reference, form) == 0, "too little room");
+    Must(CRTRefSerialize(text, written - 1, reference, form) == 0, "a buffer that is too small");
     if (seen) {
         seen->emplace(CRTRefGetType(reference), CRTRefGetID(reference));
     }
@@ -54,7 +54,7 @@ FUZZ_TARGET(references, bytes) {
     } catch (Cr_ErrnoException const&) {
         loaded = false;
     }
-    Must(loaded == (at == given.size()), "a section is loaded whole or refused");
+    Must(loaded == (at == given.size()), "a section is loaded completely or rejected");
     References held;
     for (int kind = 0; kind < CR_REFTYPE_END; ++kind) {
         auto const end = record.GetTRefTypeEnd(static_cast<cr_reftype_t>(kind));

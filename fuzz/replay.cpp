@@ -1,5 +1,8 @@
-// Runs fuzz targets without an engine: replay TARGET FILE_OR_FOLDER..., no bytes at first, as an engine does, and then
-// each file once, in the order of the names.
+// Runs a fuzz target without an engine.
+//
+//   replay TARGET FILE_OR_FOLDER...
+//
+// The first input is empty, as with an engine. Then each file is one input, in the order of the names.
 
 #include "target.h"
 
@@ -53,7 +56,7 @@ int main(int count, char** arguments) {
             std::fprintf(stderr, "%s: cannot read\n", path.c_str());
             return 2;
         }
-        std::printf("%s\n", path.c_str()); // where it ends in an abort, the last line tells of what
+        std::printf("%s\n", path.c_str()); // after an abort, the last line names the input
         std::fflush(stdout);
         target->run(bytes);
         ++runs;

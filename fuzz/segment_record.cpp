@@ -1,5 +1,5 @@
-// Any bytes as a segment record, in both orders: validation answers, and where it passes, conversion, both forms, text
-// and class are safe and agree.
+// Any bytes as a segment record, in both orders. If validation passes, conversion, both forms, text and class are safe
+// and agree.
 
 #include "target.h"
 
@@ -20,20 +20,20 @@ bool Validates(fuzz::Block& block, unsigned int options) {
     return SegmentRecordValidate(RecordOf(block), static_cast<unsigned int>(block.size()), options) == CR_STATUS_OK;
 }
 
-// A record in host order. What the serialized form must say is taken from the record's own fields.
+// Compares the serialized form of a record in host order with the fields of the record.
 void UseForm(fuzz::Block host) {
     _SegmentDBRecord const fields = *RecordOf(host);
     void* form = nullptr;
     unsigned long size = 0;
-    Must(SegmentRecordSerialize(RecordOf(host), &form, &size) == CR_STATUS_OK, "a valid record has a form");
+    Must(SegmentRecordSerialize(RecordOf(host), &form, &size) == CR_STATUS_OK, "a valid record can be serialized");
     Must(size == 33 + std::uint64_t{CRFPTextSize(fields.fptype)} * fields.nfp, "size of the form");
     auto const* text = static_cast<char const*>(form) + 32;
     for (unsigned int i = 0; i < fields.nfp; ++i, text += CRFPTextSize(fields.fptype)) {
         crfp_digest_t digest{};
-        Must(CRFPStringToDigest_r(text, fields.fptype, &digest) != nullptr, "text of a fingerprint");
+        Must(CRFPStringToDigest_r(text, fields.fptype, &digest) != nullptr, "the text of a fingerprint is valid");
         unsigned int const width = CRFPDigestSize(fields.fptype);
         unsigned char const* const stored = host.data() + 96 + 8ul * fields.ntaskids + std::size_t{width} * i;
-        Must(std::equal(stored, stored + width, digest.bytes), "fingerprint of a text");
+        Must(std::equal(stored, stored + width, digest.bytes), "the text is that of the fingerprint");
     }
     std::free(form);
 }
@@ -41,35 +41,36 @@ void UseForm(fuzz::Block host) {
 void UseClass(fuzz::Block const& given, bool network) {
     try {
         auto const record = SORecord::FromBuffer(given.data(), given.size());
-        Must(given.size() == CR_SO_RECORD_SIZE && !record->IsInNetworkOrder(), "size of a record that has a class");
+        Must(given.size() == CR_SO_RECORD_SIZE && !record->IsInNetworkOrder(),
+             "SORecord accepts its size only, and converts it to host order");
         network ? record->HostToNetwork(0) : record->NetworkToHost(0);
         Must(std::equal(given.begin(), given.end(), reinterpret_cast<unsigned char*>(record->GetHeader())),
-             "bytes of the class");
+             "SORecord keeps the bytes");
     } catch (Cr_ErrnoException const&) {
-        Must(given.size() != CR_SO_RECORD_SIZE, "a record without task ids and fingerprints has a class");
+        Must(given.size() != CR_SO_RECORD_SIZE, "SORecord accepts a record without task ids and fingerprints");
     }
 }
 
 void UseRecord(fuzz::Block const& given, bool network) {
-    fuzz::Block turned = given, text = given, stripped = given;
-    (network ? SegmentRecordNtoh : SegmentRecordHton)(RecordOf(turned), RecordOf(turned), 0);
-    Must(Validates(turned, network ? 0 : CR_SO_NETWORK_ORDER), "validity of the turned record");
-    fuzz::Block const& inNetwork = network ? given : turned;
-    UseForm(network ? turned : given);
+    fuzz::Block converted = given, text = given, stripped = given;
+    (network ? SegmentRecordNtoh : SegmentRecordHton)(RecordOf(converted), RecordOf(converted), 0);
+    Must(Validates(converted, network ? 0 : CR_SO_NETWORK_ORDER), "validity of the converted record");
+    fuzz::Block const& inNetwork = network ? given : converted;
+    UseForm(network ? converted : given);
     UseClass(given, network);
 
     std::ostringstream bytes, line;
     SegmentRecordToStream(bytes, *RecordOf(text), true);
     Must(bytes.str() == std::string(inNetwork.begin(), inNetwork.end()), "binary form");
     SegmentRecordToStream(line, *RecordOf(text), false);
-    Must(text == given && !line.str().empty(), "a record that was written stays as it was");
+    Must(text == given && !line.str().empty(), "writing does not change the record");
 
     (network ? SegmentRecordNtoh : SegmentRecordHton)(RecordOf(stripped), RecordOf(stripped), CR_SO_STRIP_TASKIDS);
     stripped.resize(network ? RecordOf(stripped)->recsize : __builtin_bswap32(RecordOf(stripped)->recsize));
     Must(Validates(stripped, (network ? 0 : CR_SO_NETWORK_ORDER) | CR_SO_NO_TASKIDS), "validity without task ids");
 
-    (network ? SegmentRecordHton : SegmentRecordNtoh)(RecordOf(turned), RecordOf(turned), 0);
-    Must(turned == given, "turning there and back");
+    (network ? SegmentRecordHton : SegmentRecordNtoh)(RecordOf(converted), RecordOf(converted), 0);
+    Must(converted == given, "conversion forth and back");
 }
 
 } // namespace

@@ -1,5 +1,5 @@
-// What every fuzz target is written with. A target is one function over some bytes, and says what does not hold. Under
-// the preset `fuzz` it becomes a program with libFuzzer's engine; elsewhere replay.cpp finds it by its name.
+// Common code of the fuzz targets. A target is one function over a buffer that aborts if a property does not hold.
+// Under the preset `fuzz` it is a program with the engine of libFuzzer; otherwise replay.cpp finds it by its name.
 
 #pragma once
 
@@ -15,9 +15,10 @@
 namespace fuzz {
 
 using Bytes = std::span<unsigned char const>;
-using Block = std::vector<unsigned char>; // exactly as large as it is, for AddressSanitizer to see the end of
+using Block =
+    std::vector<unsigned char>; // allocated in its exact size, so that AddressSanitizer detects reads past the end
 
-// A sink that drops everything: refusals are logged by the thousand.
+// Drops the log, which would have a line for each of thousands of rejected inputs.
 inline void BeSilent() {
     CRLogSetSink([](cr_log_level_t, cr_status_t, char const*, void*) {}, nullptr);
 }
@@ -33,7 +34,7 @@ inline void Must(bool holds, char const* what) {
     }
 }
 
-// The first byte, and the bytes without it; 0 where there is none.
+// Removes and returns the first byte; 0 if there is none.
 inline unsigned char TakeByte(Bytes& bytes) {
     if (bytes.empty()) {
         return 0;
@@ -43,7 +44,7 @@ inline unsigned char TakeByte(Bytes& bytes) {
     return first;
 }
 
-// A number of up to eight bytes.
+// Removes and returns a big-endian number of `width` bytes, at most 8.
 inline unsigned long TakeNumber(Bytes& bytes, unsigned int width) {
     unsigned long number = 0;
     for (unsigned int i = 0; i < width; ++i) {
@@ -52,10 +53,10 @@ inline unsigned long TakeNumber(Bytes& bytes, unsigned int width) {
     return number;
 }
 
-// Stops a diagnosing pass at its first finding, then at its second, and so on: none comes behind the one that stops it.
+// Stops a diagnosing function at its first finding, then at its second, and so on. No finding may follow the stop.
 template <class Diagnose>
 void StopEverywhere(Diagnose diagnose) {
-    constexpr unsigned long kMost = 16; // of one pass there are seldom more
+    constexpr unsigned long kMost = 16; // a record seldom has more findings
     struct Stop {
         unsigned long at, seen;
     };
@@ -65,14 +66,14 @@ void StopEverywhere(Diagnose diagnose) {
     };
     for (Stop stop{1, 0}; stop.at <= kMost; stop = {stop.at + 1, 0}) {
         diagnose(listen, &stop);
-        Must(stop.seen <= stop.at, "a pass that was stopped ends");
+        Must(stop.seen <= stop.at, "no finding follows the stop");
         if (stop.seen < stop.at) {
             return;
         }
     }
 }
 
-// Targets of a program without an engine.
+// List of the targets in a program without an engine.
 struct Target {
     char const* name;
     void (*run)(Bytes);

@@ -1,5 +1,5 @@
-// Any bytes as a file of records: annotated text leads back to the bytes, valid records come back from JSON byte for
-// byte, and what redaction makes of them is canonical.
+// Any bytes as a file of records. The annotated text converts back to the bytes. Valid records convert to JSON and back
+// byte for byte. Redacted records are canonical.
 
 #include "tool_records.h"
 
@@ -19,7 +19,7 @@ void ReadBackFrom(Block const& text, Bytes bytes) {
     try {
         Must(ReadBack(stream, to) == bytes.size(), "size that was read back");
     } catch (BadText const& bad) {
-        Must(bytes.empty(), bad.what()); // a text without bytes is no text of a record
+        Must(bytes.empty(), bad.what()); // the text of no bytes is rejected
     }
     Must(std::equal(bytes.begin(), bytes.end(), to.Text().Buffer().begin(), to.Text().Buffer().end(),
                     [](unsigned char a, char b) { return a == static_cast<unsigned char>(b); }),
@@ -51,7 +51,7 @@ void RedactOne(OwnRecord own) {
     std::vector<Finding> findings;
     Must(Diagnose(redacted.record, Depth::Everything, findings), "a redacted record is valid");
     for (Finding const& finding : findings) {
-        // What stays as it is: flags and reserved containers.
+        // Redaction keeps flags and reserved containers.
         Must(finding.code == CR_FINDING_SO_FLAGS || finding.code == CR_FINDING_SO_DCID ||
                  finding.code == CR_FINDING_DO_DCID,
              finding.message.c_str());
@@ -93,7 +93,7 @@ void UseRecords(Bytes bytes, std::optional<FormFacts> const& form) {
 
 FUZZ_TARGET(tool, bytes) {
     if (bytes.size() > 4096) {
-        return; // its text would not be short
+        return; // keeps the text within the buffer of Output
     }
     UseRecords(bytes, std::nullopt);
     unsigned char const choice = bytes.empty() ? 0 : bytes.back();

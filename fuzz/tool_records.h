@@ -1,4 +1,4 @@
-// Records as the command has them, without files.
+// Records in the types of the command, without files.
 
 #pragma once
 
@@ -20,7 +20,7 @@ namespace fuzz {
 using namespace crrecord::tool;
 using crrecord::Order;
 
-// A file in memory with a name, made anew with each use.
+// A named file in memory, rewritten by each call of Holding.
 class NamedBytes {
 public:
     NamedBytes() : file_(::memfd_create("fuzz", 0)) { Must(file_ != -1, "a file in memory"); }
@@ -37,14 +37,14 @@ private:
     int file_;
 };
 
-// What was written there and is not flushed yet, which is all of it while it is short.
+// Returns: the bytes written and not flushed yet. These are all, if they fit into the buffer of `out`.
 inline Block Written(Output& out) {
     Block bytes(out.Buffer().begin(), out.Buffer().end());
     Must(out.Size() == bytes.size(), "all that was written is there");
     return bytes;
 }
 
-// A record with bytes of its own.
+// A record that owns its bytes.
 struct OwnRecord {
     OwnRecord(Record const& from, Bytes itsBytes) : bytes(itsBytes.begin(), itsBytes.end()), record(from) {
         record.bytes = bytes.data();
@@ -63,7 +63,7 @@ struct OwnRecord {
     Record record;
 };
 
-// The line of a valid record that stands in host order and was found in `foundIn`.
+// The line of a valid record in host order whose source was in order `foundIn`.
 inline Block JsonOf(Record record, Order foundIn) {
     Output out(-1, "line");
     record.order = foundIn;

@@ -1,5 +1,5 @@
-// Every operation of the library on one record whose bytes passed validation, as tests and fuzzers want it: the bytes
-// lie in blocks of exactly their size, and what an operation answers must fit what the others say.
+// Runs every operation of the library on one record that passed validation, for tests and fuzz targets. Buffers have
+// the exact size of the record. The results of the operations must agree.
 
 #pragma once
 
@@ -14,7 +14,7 @@
 
 namespace everything {
 
-// What must hold; thrown as its name where it doesn't.
+// Throws: `what` if `holds` is false.
 inline void Must(bool holds, char const* what) {
     if (!holds) {
         throw what;
@@ -27,7 +27,7 @@ inline void Read(void const* from, std::size_t size) {
     std::for_each(bytes, bytes + size, [](unsigned char byte) { sum = static_cast<unsigned char>(sum + byte); });
 }
 
-// Refusals are answers too. Nothing else may be thrown.
+// Returns: false if the operation throws Cr_ErrnoException. Other exceptions are faults.
 template <class Operation>
 bool Try(Operation const& operation) {
     try {
@@ -40,22 +40,22 @@ bool Try(Operation const& operation) {
 
 struct Given {
     std::vector<unsigned char> bytes;
-    unsigned int order, subDO; // the options with which they validate
-    bool turnable = true;      // the unique list's checksum holds in either order
+    unsigned int order, subDO; // options with which the bytes validate
+    bool convertible = true;   // the checksum of the unique DCID list is valid in either order
 
     void MustValidate(void const* record, unsigned long size, unsigned int in, char const* when) const {
         auto const size32 = static_cast<unsigned int>(size);
-        Must(!turnable || DORecordHeaderValidate(record, size32, in | subDO) == CR_STATUS_OK, when);
+        Must(!convertible || DORecordHeaderValidate(record, size32, in | subDO) == CR_STATUS_OK, when);
     }
 };
 
-// In place, as they stand and turned.
+// Uses the bytes in place, in their order and converted to the other order.
 inline void UseBytes(Given const& given) {
     std::vector<unsigned char> bytes = given.bytes;
     auto* const header = reinterpret_cast<DORecordHeader*>(bytes.data());
-    for (unsigned int turns = 0; turns < (given.turnable ? 2 : 1); ++turns) {
+    for (unsigned int conversions = 0; conversions < (given.convertible ? 2 : 1); ++conversions) {
         DORecordView const view(bytes.data(), bytes.size(), given.subDO);
-        bool const network = std::endian::native == std::endian::big || given.order != turns;
+        bool const network = std::endian::native == std::endian::big || given.order != conversions;
         Must(view.IsInNetworkOrder() == network && view.GetHeaderSize() == bytes.size(), "view");
         unsigned int i = 0;
         for (DOSegment const& segment : view.Segments()) {
@@ -79,10 +79,11 @@ inline void UseBytes(Given const& given) {
         Read(DORecordHeaderStartTRefs(header), view.GetTRefsSize());
         Read(view.GetBloom(), view.GetBloom() ? view.GetBSize() : 0);
         Must(DORecordHeaderGetPOID(header) == view.GetDCID(), "POID");
-        turns == 0 ? DORecordHeaderHton(header) : DORecordHeaderNtoh(header);
-        given.MustValidate(bytes.data(), bytes.size(), given.order ^ (turns + 1) % 2, "validity of the turned record");
+        conversions == 0 ? DORecordHeaderHton(header) : DORecordHeaderNtoh(header);
+        given.MustValidate(bytes.data(), bytes.size(), given.order ^ (conversions + 1) % 2,
+                           "validity of the converted record");
     }
-    Must(!given.turnable || bytes == given.bytes, "turning there and back");
+    Must(!given.convertible || bytes == given.bytes, "conversion forth and back");
 }
 
 inline std::vector<unsigned char> DigestOf(DORecord const& record) {
@@ -113,7 +114,7 @@ inline void UseForm(DORecord const& record) {
          "digest of the form's record");
 }
 
-// All that looks and doesn't change, of a record of any state.
+// Calls all operations that do not change the record, which may be in any state.
 inline void Look(DORecord const& record) {
     Try([&] {
         for (unsigned int i = 0; i < record.Segments().size(); ++i) {
@@ -161,7 +162,7 @@ inline void ChangeLists(DORecord& record) {
     Look(record);
 }
 
-// By the raw setters, which make header, sections and buffer disagree.
+// Calls the raw setters, after which header, sections and buffer disagree.
 inline void Spoil(DORecord& record) {
     crfp_digest_t digest;
     std::fill(std::begin(digest.bytes), std::end(digest.bytes), static_cast<unsigned char>(0xff));
@@ -200,23 +201,24 @@ inline void UseRecord(Given const& given, DORecord& record) {
     ChangeReferences(record);
     Must(record.GetNTRefs() == 0, "cleared references");
     mustValidate("validity after the references");
-    ChangeLists(record); // a bloom record's list is taken for a received one
+    ChangeLists(record); // takes the list of a bloom record for a received one
     mustValidate("validity after the lists");
     Spoil(record);
 }
 
 } // namespace everything
 
-// `options` are those with which the bytes validate. What did not hold, or null.
+// `options` are those with which the bytes validate.
+// Returns: null, or the property that does not hold.
 inline char const* UseEverything(void const* bytes, unsigned long size, unsigned int options) {
     using namespace everything;
     auto const* const from = static_cast<unsigned char const*>(bytes);
     Given given{{from, from + size}, options & CR_DO_NETWORK_ORDER, options & CR_DO_SUB_DO};
-    auto const listen = [](cr_finding_t const* finding, void* turnable) {
-        *static_cast<bool*>(turnable) &= finding->code != CR_FINDING_DO_LIST_ORDER;
+    auto const listen = [](cr_finding_t const* finding, void* convertible) {
+        *static_cast<bool*>(convertible) &= finding->code != CR_FINDING_DO_LIST_ORDER;
         return true;
     };
-    DORecordDiagnose(bytes, size, options, listen, &given.turnable);
+    DORecordDiagnose(bytes, size, options, listen, &given.convertible);
     try {
         UseBytes(given);
         std::unique_ptr<DORecord> record;
@@ -229,7 +231,7 @@ inline char const* UseEverything(void const* bytes, unsigned long size, unsigned
                 UseRecord(given, *record);
                 record.reset();
             } else {
-                Must(memory == given.bytes, "memory of a refused record");
+                Must(memory == given.bytes, "Wrap does not change bytes that it rejects");
             }
         }
     } catch (char const* what) {
