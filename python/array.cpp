@@ -1,4 +1,4 @@
-// Numbers and fingerprints of a record as an array over the record's own bytes.
+// Arrays of numbers and fingerprints over the bytes of a record.
 
 #include "array.h"
 
@@ -10,7 +10,7 @@ namespace crrecord::python {
 
 namespace {
 
-// As the struct module and PEP 3118 write it; with an explicit order nothing is aligned.
+// The format of the struct module and PEP 3118. With an explicit byte order, fields are not aligned.
 std::string FormatOf(Field const& field) {
     if (field.content == Content::Bytes) {
         return "(" + std::to_string(field.width) + ")B";
@@ -119,9 +119,9 @@ int Array::Export(PyObject* self, Py_buffer* view, int flags) {
     bool const wantsContiguous = !wants(PyBUF_STRIDES) || wants(PyBUF_C_CONTIGUOUS) || wants(PyBUF_ANY_CONTIGUOUS);
     char const* refusal = nullptr;
     if (wants(PyBUF_WRITABLE)) {
-        refusal = "the bytes of a record are read-only here";
+        refusal = "the bytes of a record are read-only";
     } else if (wantsContiguous && !isContiguous()) {
-        refusal = "the elements do not lie one behind the other";
+        refusal = "the elements are not contiguous";
     } else if (wants(PyBUF_F_CONTIGUOUS) && (dimensions_ == 2 || !isContiguous())) {
         refusal = "the bytes are not in column-major order";
     }
@@ -148,7 +148,7 @@ void BindArray(py::module_& module) {
                           type->as_buffer.bf_getbuffer = GetBuffer;
                           type->ht_type.tp_as_buffer = &type->as_buffer;
                       }),
-                      "A sequence of numbers or fingerprints over a record's own bytes.\n\n"
+                      "A sequence of numbers or fingerprints over the bytes of a record.\n\n"
                       "It exports the buffer protocol, so numpy.asarray(array) copies nothing.")
         .def("__len__", &Array::Count)
         .def("__iter__",
@@ -161,8 +161,8 @@ void BindArray(py::module_& module) {
              })
         .def("__getitem__", &Array::Item)
         .def("__getitem__", &Array::Part)
-        .def("tolist", &Array::ToList, "All elements, as a list.")
-        .def_property_readonly("format", &Array::Format, "The format of an element, as PEP 3118 writes it.")
+        .def("tolist", &Array::ToList, "Return all elements as a list.")
+        .def_property_readonly("format", &Array::Format, "The format of an element, as in PEP 3118.")
         .def("__repr__", [](Array const& array) {
             return "<crrecord.Array of " + std::to_string(array.Count()) + " '" + array.Format() + "'>";
         });

@@ -1,4 +1,4 @@
-// Numbers and fingerprints of a record as an array over the record's own bytes.
+// Arrays of numbers and fingerprints over the bytes of a record.
 
 #pragma once
 
@@ -15,7 +15,7 @@ inline Content NumberIn(bool networkOrder) noexcept {
     return networkOrder ? Content::NetworkNumber : Content::HostNumber;
 }
 
-// A part of an element; numbers are 1, 4 or 8 bytes wide and have no alignment.
+// A field of an element. Numbers are 1, 4 or 8 bytes wide and not aligned.
 struct Field {
     char const* name;
     unsigned int position;
@@ -23,22 +23,22 @@ struct Field {
     Content content;
 };
 
-// A sequence of `count` elements, `stride` bytes from one to the next, and an exporter of them through the buffer
-// protocol: one dimension; two for bytes, of which memoryviews and NumPy have no good scalar.
+// A sequence of `count` elements, `stride` bytes apart. Exports the buffer protocol with one dimension, or with two for
+// elements of bytes, for which memoryviews and NumPy have no suitable scalar.
 class Array {
 public:
     Array(SharedBuffer owner, unsigned char const* first, unsigned long count, unsigned int stride,
           std::vector<Field> fields);
 
     py::ssize_t Count() const noexcept { return shape_[0]; }
-    // Of an element: its number or bytes, or a tuple where it has several fields.
+    // Returns: the number or bytes of an element, or a tuple if it has several fields.
     py::object Read(py::ssize_t i) const;
-    py::object Item(py::ssize_t i) const; // from the end where negative; raises IndexError
+    py::object Item(py::ssize_t i) const; // a negative index counts from the end; raises IndexError
     Array Part(py::slice const& slice) const;
     py::list ToList() const;
     std::string const& Format() const noexcept { return format_; }
 
-    // Of the buffer protocol.
+    // The buffer protocol.
     int Export(PyObject* self, Py_buffer* view, int flags);
 
 private:
@@ -49,7 +49,7 @@ private:
     unsigned char const* first_;
     std::vector<Field> fields_;
     std::string format_;
-    py::ssize_t width_; // bytes of an element's fields
+    py::ssize_t width_; // bytes of the fields of an element
     int dimensions_;
     py::ssize_t shape_[2];
     py::ssize_t strides_[2];

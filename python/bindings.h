@@ -1,4 +1,4 @@
-// The parts of the module, each in a file of its own.
+// The parts of the module, one per source file.
 
 #pragma once
 
@@ -18,10 +18,10 @@ void BindReferences(py::module_& module);
 void BindDORecord(py::module_& module);
 void BindSORecord(py::module_& module);
 
-// The types that are written in Python (_types.py): exception and named tuples.
+// Returns: a type of _types.py, the exception or a named tuple.
 py::object PythonType(char const* name);
 
-// A named tuple of such a type.
+// Returns: a new object of a type of _types.py.
 template <class... Values>
 py::object MakeTuple(char const* type, Values&&... values) {
     return PythonType(type)(std::forward<Values>(values)...);

@@ -1,4 +1,4 @@
-// A caller's bytes, used where they lie.
+// Buffers of Python objects, used in place.
 
 #include "buffer.h"
 
@@ -6,7 +6,7 @@ namespace crrecord::python {
 
 namespace {
 
-// Bytes, and maps without write access; behind a read-only memoryview something may be that others write to.
+// Returns: true for bytes and read-only maps. The object of a read-only memoryview may be writable.
 bool CannotChange(py::handle object) {
     while (PyMemoryView_Check(object.ptr())) {
         PyObject* const base = PyMemoryView_GET_BASE(object.ptr());

@@ -1,4 +1,4 @@
-// A caller's bytes, used where they lie.
+// Buffers of Python objects, used in place.
 
 #pragma once
 
@@ -9,11 +9,11 @@
 
 namespace crrecord::python {
 
-// Any object with the buffer protocol, pinned: its bytes neither move nor go while this exists. Needs the GIL to be
-// made and to go.
+// Locks the buffer of an object: its bytes are neither moved nor released while this exists. Construction and
+// destruction need the GIL.
 class PinnedBuffer {
 public:
-    // Raises what the object raises, mostly BufferError, where it has no contiguous bytes to read.
+    // Raises the exception of the object, mostly BufferError, if it has no contiguous bytes.
     explicit PinnedBuffer(py::handle object);
     ~PinnedBuffer() { PyBuffer_Release(&buffer_); }
     PinnedBuffer(PinnedBuffer const&) = delete;
@@ -22,7 +22,7 @@ public:
     // Never null.
     unsigned char const* Data() const noexcept;
     unsigned long Size() const noexcept { return static_cast<unsigned long>(buffer_.len); }
-    // No Python code can write into it.
+    // True if no Python code can change the bytes.
     bool IsImmutable() const noexcept { return immutable_; }
 
 private:
@@ -46,8 +46,8 @@ inline Slice PinWhole(py::handle object) {
     return {owner, 0, owner->Size()};
 }
 
-// Runs work on such bytes that calls nothing of Python. Other threads run meanwhile where they can't change the bytes:
-// what is validated has to stay as it was judged until it is used.
+// Runs `work`, which must not call Python. Releases the GIL if the bytes are immutable and large. Other threads must
+// not change bytes between their validation and their use.
 template <class Work>
 auto WithoutGil(Slice const& bytes, Work work) {
     constexpr unsigned long kWorthwhile = 64 * 1024;

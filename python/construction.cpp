@@ -1,4 +1,4 @@
-// DO records from what Python gives: segments, packed entries, bitmaps.
+// Builds DO records from Python objects: segments, packed entries, bitmaps.
 
 #include "construction.h"
 
@@ -23,7 +23,7 @@ void RequireTypes(NewFields const& fields) {
     }
 }
 
-// A caller's list says itself how long it is.
+// The library takes the length of the list from its count, so the count must match the buffer.
 std::optional<Slice> PinList(py::object const& list) {
     if (list.is_none()) {
         return std::nullopt;
@@ -32,7 +32,7 @@ std::optional<Slice> PinList(py::object const& list) {
     if (bytes.size < kUniqueHeadSize ||
         bytes.size != kUniqueHeadSize +
                           std::uint64_t{kUniqueEntrySize} * Load<std::uint32_t>(bytes.Data() + kUniqueCountOffset)) {
-        throw py::value_error("unique_list is not as long as its count says");
+        throw py::value_error("the size of unique_list does not match its count");
     }
     return bytes;
 }
@@ -50,7 +50,7 @@ Number NumberFrom(py::object const& object) {
     }
 }
 
-// Entries as they are put together.
+// Packs segments into the entries and containers of a record in host order.
 class Packer {
 public:
     explicit Packer(NewFields const& fields)
@@ -83,7 +83,7 @@ public:
             start = NumberFrom<unsigned int>(offset);
             Store(&entries_[at + layout_.offset], static_cast<unsigned int>(start));
         }
-        // Of a sum beyond 64 bits the check of the segment list tells.
+        // If the sum wraps, the check of the segment list reports it.
         end_ = start + size;
     }
 
@@ -106,8 +106,8 @@ unsigned int CountOf(unsigned long count) {
     return static_cast<unsigned int>(count);
 }
 
-// The library has one constructor for records with segments and one for those with a bitmap. Each makes the empty
-// records of the other's DO types.
+// The library has one constructor for records with segments and one for records with a bitmap. An empty record needs
+// the constructor of the other kind.
 std::unique_ptr<DORecord> BuildOfSegments(unsigned char const* entries, std::vector<unsigned long> const& dcids,
                                           unsigned long size, NewFields const& fields, unsigned char dotype) {
     std::optional<Slice> const list = PinList(fields.uniqueList);
@@ -150,7 +150,8 @@ std::unique_ptr<DORecord> FromEntries(py::object const& entries, py::object cons
     RecordLayout const layout(RecordCounts{.fptype = fields.fptype, .dotype = fields.dotype});
     unsigned long const count = containers.size / kDcidSize;
     if (containers.size % kDcidSize != 0 || packed.size % layout.stride != 0 || packed.size / layout.stride != count) {
-        throw py::value_error("entries of " + std::to_string(layout.stride) + " bytes and dcids of 8 do not pair up");
+        throw py::value_error("entries of " + std::to_string(layout.stride) +
+                              " bytes and dcids of 8 bytes differ in number");
     }
     std::vector<unsigned long> aligned(count);
     std::copy_n(containers.Data(), containers.size, reinterpret_cast<unsigned char*>(aligned.data()));

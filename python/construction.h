@@ -1,4 +1,4 @@
-// DO records from what Python gives: segments, packed entries, bitmaps.
+// Builds DO records from Python objects: segments, packed entries, bitmaps.
 
 #pragma once
 
@@ -10,10 +10,10 @@
 
 namespace crrecord::python {
 
-// The header fields of a new record, as keywords give them.
+// The header fields of a new record, from keyword arguments.
 struct NewFields {
     unsigned long cid;
-    std::optional<unsigned long> size; // by default where the last segment ends
+    std::optional<unsigned long> size; // by default the end of the last segment
     unsigned long segmentSize;
     unsigned int crc;
     unsigned int ctime; // 0 for now
@@ -23,11 +23,11 @@ struct NewFields {
     py::object uniqueList; // a complete list in host order, or None
 };
 
-// From an iterable of (fingerprint, size, offset, dcid). All of these raise crrecord.Error for segments that don't make
-// up the object, and ValueError for what can't be such a thing.
+// From an iterable of (fingerprint, size, offset, dcid). These functions raise crrecord.Error if the segments do not
+// match the object, and ValueError for arguments of a wrong form.
 std::unique_ptr<DORecord> FromSegments(py::iterable const& segments, NewFields const& fields);
 
-// From packed entries and 64-bit containers, both as a record in host order has them.
+// From packed entries and 64-bit containers, both as in a record in host order.
 std::unique_ptr<DORecord> FromEntries(py::object const& entries, py::object const& dcids, NewFields fields);
 
 std::unique_ptr<DORecord> FromBloom(py::object const& bitmap, NewFields const& fields);

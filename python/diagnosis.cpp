@@ -1,4 +1,4 @@
-// Validation and findings over bytes.
+// Validation of buffers, and findings.
 
 #include "diagnosis.h"
 
@@ -26,7 +26,7 @@ bool Collect(cr_finding_t const* finding, void* context) {
     return collection.findings.size() < collection.limit;
 }
 
-// The first error is the reason.
+// The text of the exception is that of the first error.
 char const* ReasonOf(Diagnosis const& diagnosis) noexcept {
     auto const error = std::find_if(diagnosis.findings.begin(), diagnosis.findings.end(),
                                     [](Found const& found) { return found.severity == CR_FINDING_ERROR; });
@@ -99,11 +99,11 @@ void BindDiagnosis(py::module_& module) {
     constexpr std::size_t kManyFindings = 10'000;
     module.def("diagnose", DiagnoseObject, py::arg("buffer"), py::kw_only(), py::arg("sub_do") = false,
                py::arg("references") = true, py::arg("limit") = kManyFindings,
-               "What is wrong with a record of either kind, in either order: its findings, errors first.\n\n"
-               "sub_do: segments may reach 4 GiB. references=False: there may be none. limit: stop after so many.");
+               "Return the findings of a record of either kind, in either order, errors first.\n\n"
+               "sub_do: allow segments up to 4 GiB. references=False: allow no references. limit: the most findings.");
     module.def("diagnose_form", DiagnoseForm, py::arg("buffer"), py::kw_only(), py::arg("dotype"), py::arg("fptype"),
                py::arg("checksum") = false, py::arg("sub_do") = false, py::arg("limit") = kManyFindings,
-               "What is wrong with an exchange form of a DO record.\n\n"
+               "Return the findings of an exchange form of a DO record.\n\n"
                "checksum: its head has the checksum of its body.");
     module.def(
         "validate",
@@ -111,11 +111,10 @@ void BindDiagnosis(py::module_& module) {
             RequireGood(PinWhole(buffer), {.subDO = subDO, .allowReferences = references});
         },
         py::arg("buffer"), py::kw_only(), py::arg("sub_do") = false, py::arg("references") = true,
-        "Raise Error, with the findings, unless the buffer is one good record of either kind, in either order.");
-    module.def(
-        "probe", Probe, py::arg("buffer"),
-        "Of which kind, order and size the record at the start of a buffer says it is; None for no known kind.\n\n"
-        "Nothing is checked.");
+        "Raise Error, with the findings, unless the buffer is one valid record of either kind, in either order.");
+    module.def("probe", Probe, py::arg("buffer"),
+               "Return kind, byte order and sizes stored at the start of a buffer; None for an unknown kind.\n\n"
+               "The record is not validated.");
 }
 
 } // namespace crrecord::python

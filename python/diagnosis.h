@@ -1,4 +1,4 @@
-// Validation and findings over bytes.
+// Validation of buffers, and findings.
 
 #pragma once
 
@@ -11,7 +11,7 @@ namespace crrecord::python {
 
 enum class Expected { ByProbe, DataObject, Segment };
 
-// What the walk says of a record, up to `limit` findings.
+// The status of a record and up to `limit` findings.
 struct Diagnosis {
     cr_status_t status;
     std::vector<Found> findings;
@@ -26,7 +26,7 @@ struct DiagnosisOptions {
 
 Diagnosis Diagnose(Slice const& bytes, DiagnosisOptions const& options);
 
-// Raises crrecord.Error with the findings unless the bytes are a good record.
+// Raises crrecord.Error with the findings unless the bytes are one valid record.
 void RequireGood(Slice const& bytes, DiagnosisOptions const& options);
 
 } // namespace crrecord::python

@@ -1,4 +1,4 @@
-// DORecord: the class over one DO record. All of it runs with the GIL, which keeps a record to one thread at a time.
+// DORecord: the class over one DO record. All calls hold the GIL, so only one thread at a time uses a record.
 
 #include "construction.h"
 #include "diagnosis.h"
@@ -61,7 +61,7 @@ void BindForms(Class& type) {
                     record.HostToNetwork(0);
                 }
             },
-            "Turn the record to network order.")
+            "Convert the record to network order.")
         .def(
             "to_host",
             [](DORecord& record) {
@@ -69,12 +69,12 @@ void BindForms(Class& type) {
                     record.NetworkToHost(0);
                 }
             },
-            "Turn the record to host order.")
+            "Convert the record to host order.")
         .def("serialize", Serialized, py::kw_only(), py::arg("checksum") = false,
-             "The exchange form; for a record in host order.\n\n"
-             "checksum: its head has the checksum of its body instead of the record's CRC.")
-        .def("digest", DigestOf, "One fingerprint for the whole object, as a Digest, or None.")
-        .def("text", Text, "The record as one line; for a record in host order.")
+             "Return the exchange form; the record must be in host order.\n\n"
+             "checksum: its head has the checksum of its body instead of the CRC of the record.")
+        .def("digest", DigestOf, "Return one fingerprint for the object as a Digest, or None.")
+        .def("text", Text, "Return the record as one line; the record must be in host order.")
         .def("__bytes__", [](DORecord const& record) {
             DORecordHeader const* const header = record.GetHeader();
             return BytesOf(header, record.GetHeaderSize());
@@ -92,8 +92,8 @@ void BindConstruction(Class& type) {
              py::arg("segments"), py::kw_only(), py::arg("cid"), py::arg("size") = py::none(),
              py::arg("segment_size") = 0, py::arg("crc") = 0, py::arg("ctime") = 0, py::arg("mtime") = 0,
              py::arg("fptype"), py::arg("dotype") = CR_DO_TYPE_8_BYTE_OFFSET, py::arg("unique_list") = py::none(),
-             "A new record in host order of segments, each (fingerprint, size, offset, dcid).\n\n"
-             "size: by default where the last segment ends. ctime, mtime: 0 stands for now.")
+             "Build a record in host order from segments, each (fingerprint, size, offset, dcid).\n\n"
+             "size: by default the end of the last segment. ctime, mtime: 0 means now.")
         .def_static(
             "from_entries",
             [](py::object const& entries, py::object const& dcids, unsigned long cid, unsigned long size,
@@ -105,7 +105,7 @@ void BindConstruction(Class& type) {
             py::arg("entries"), py::arg("dcids"), py::kw_only(), py::arg("cid"), py::arg("size"),
             py::arg("segment_size") = 0, py::arg("crc") = 0, py::arg("ctime") = 0, py::arg("mtime") = 0,
             py::arg("fptype"), py::arg("dotype") = CR_DO_TYPE_8_BYTE_OFFSET, py::arg("unique_list") = py::none(),
-            "A new record of packed entries and 64-bit containers, as they stand in a record in host order.")
+            "Build a record from packed entries and 64-bit containers, as in a record in host order.")
         .def_static(
             "from_bloom",
             [](py::object const& bitmap, unsigned long cid, unsigned long size, unsigned long segmentSize,
@@ -116,7 +116,8 @@ void BindConstruction(Class& type) {
             },
             py::arg("bitmap"), py::kw_only(), py::arg("cid"), py::arg("size"), py::arg("segment_size") = 0,
             py::arg("crc") = 0, py::arg("ctime") = 0, py::arg("mtime") = 0, py::arg("fptype"),
-            py::arg("unique_list") = py::none(), "A new record of DO type 4, with a bloom bitmap instead of segments.")
+            py::arg("unique_list") = py::none(),
+            "Build a record of DO type 4, with a bloom bitmap instead of segments.")
         .def_static(
             "from_buffer",
             [](py::object const& buffer, bool subDO) {
@@ -131,7 +132,7 @@ void BindConstruction(Class& type) {
                 }
             },
             py::arg("buffer"), py::kw_only(), py::arg("sub_do") = false,
-            "From one stored record in either order: a copy in host order.")
+            "Copy one stored record in either order; the copy is in host order.")
         .def_static(
             "from_form",
             [](py::object const& form, unsigned int dotype, unsigned char fptype, bool subDO) {
@@ -139,12 +140,12 @@ void BindConstruction(Class& type) {
                 return std::make_unique<DORecord>(dotype, fptype, nullptr, 0, bytes.Data(), bytes.size, subDO);
             },
             py::arg("form"), py::kw_only(), py::arg("dotype"), py::arg("fptype"), py::arg("sub_do") = false,
-            "From an exchange form. The list of a bloom record is to be turned with append_unique_list.");
+            "Build a record from an exchange form. For a bloom record, call append_unique_list to convert its list.");
 }
 
 // --- Fields ---------------------------------------------------------------------------------------------------------
 
-// The setter of the library logs invalid flags and stores nothing.
+// The setter of the library logs invalid flags and does not store them.
 void SetFlags(DORecord& record, unsigned short flags) {
     record.setFlags(flags);
     if (record.GetFlags() != flags) {
@@ -152,7 +153,7 @@ void SetFlags(DORecord& record, unsigned short flags) {
     }
 }
 
-// Making a Python object may let other code run, which may change the record: what is read of it is copied first.
+// Copies the fields first: creating a Python object may run other code, which may change the record.
 py::list Segments(DORecord const& record) {
     DOSegmentSource const source = DOSegmentSource::Of(record.GetHeader());
     DOSegmentRange const range(source);
@@ -188,22 +189,22 @@ void BindFields(Class& type) {
     type.def_property("flags", &DORecord::GetFlags, SetFlags, "Bits 2 and 4 only.")
         .def_property("check_time", &DORecord::GetCheckTime, &DORecord::setCheckTime, "Time of the last check.")
         .def_property("cid", &DORecord::GetDCID, &DORecord::setDCID, "Container of the record itself.")
-        .def_property("sub_do", &DORecord::IsSubDO, &DORecord::SetSubDO, "Whether segments may reach 4 GiB.")
+        .def_property("sub_do", &DORecord::IsSubDO, &DORecord::SetSubDO, "True if segments may have up to 4 GiB.")
         .def_property_readonly("record_size", &DORecord::GetHeaderSize, "Bytes of the record.")
         .def_property_readonly("size", &DORecord::GetSize, "Bytes of the object.")
-        .def_property_readonly("segment_size", &DORecord::GetSsize, "Of DO types 0 and 1.")
-        .def_property_readonly("crc", &DORecord::GetCrc, "The creator's checksum.")
+        .def_property_readonly("segment_size", &DORecord::GetSsize, "Segment size of DO types 0 and 1.")
+        .def_property_readonly("crc", &DORecord::GetCrc, "The checksum of the creator.")
         .def_property_readonly("ctime", &DORecord::GetCTime, "Time of creation.")
         .def_property_readonly("mtime", &DORecord::GetMTime, "Time of the last change.")
         .def_property_readonly("fptype", &DORecord::GetFPType, "Fingerprint type, 0 to 3.")
         .def_property_readonly("dotype", &DORecord::GetDOType, "DO type, 0 to 5.")
         .def_property_readonly("segments", Segments, "The segments, as a list of Segment.")
-        .def_property_readonly("unique_list", UniqueList, "Container and bytes in it, of each container.")
+        .def_property_readonly("unique_list", UniqueList, "Pairs of container and bytes of the object in it.")
         .def(
             "append_unique_list", [](DORecord& record) { Require(record.AppendBloomAndUniqueDCIDList()); },
-            "Compute the list of containers and write it into the record, which has no references yet.")
+            "Compute the list of containers and store it. The record must have no references yet.")
         .def("container_sizes", ContainerSizes,
-             "Container to bytes: the unique list, and the record itself in its own container.");
+             "Return a dict of container to bytes: the unique list, plus the record in its container.");
 }
 
 } // namespace

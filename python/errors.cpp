@@ -1,4 +1,4 @@
-// Failures: the library's statuses and findings as crrecord.Error.
+// Statuses and findings of the library as crrecord.Error.
 
 #include "errors.h"
 
@@ -29,7 +29,7 @@ constexpr NamedStatus kStatuses[] = {
 void SetError(cr_status_t status, char const* text, std::vector<Found> const& findings) {
     char const* const said = text && *text ? text : CRStatusToStringA(status);
     py::object const type = PythonType("Error");
-    // A text may quote bytes of a record, and those are no UTF-8.
+    // A text may quote bytes of a record, which need not be UTF-8.
     auto const decoded = py::reinterpret_steal<py::object>(
         PyUnicode_DecodeUTF8(said, static_cast<py::ssize_t>(std::char_traits<char>::length(said)), "backslashreplace"));
     PyErr_SetObject(type.ptr(), type(static_cast<int>(status), decoded, FindingsOf(findings)).ptr());
@@ -38,7 +38,7 @@ void SetError(cr_status_t status, char const* text, std::vector<Found> const& fi
 } // namespace
 
 py::object PythonType(char const* name) {
-    // Never released: it would go after the interpreter.
+    // Never released: static destruction runs after the end of the interpreter.
     static auto const* const types = new py::module_(py::module_::import("crrecord._types"));
     return types->attr(name);
 }

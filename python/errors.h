@@ -1,4 +1,4 @@
-// Failures: the library's statuses and findings as crrecord.Error.
+// Statuses and findings of the library as crrecord.Error.
 
 #pragma once
 
@@ -12,7 +12,7 @@
 
 namespace crrecord::python {
 
-// A finding that outlives the walk which told it.
+// A copy of a finding. The library's finding is valid during the callback only.
 struct Found {
     int code;
     int severity;
@@ -22,10 +22,10 @@ struct Found {
 
 py::list FindingsOf(std::vector<Found> const& findings);
 
-// Raises crrecord.Error; null stands for the status's own text.
+// Raises crrecord.Error. A null `text` means the text of the status.
 [[noreturn]] void Raise(cr_status_t status, char const* text = nullptr, std::vector<Found> const& findings = {});
 
-// For operations that return their failures, having logged the reason or not.
+// Raises crrecord.Error unless the status is CR_STATUS_OK.
 void Require(cr_status_t status);
 
 } // namespace crrecord::python

@@ -29,8 +29,8 @@ void AddConstants(py::module_& module) {
 PYBIND11_MODULE(_crrecord, module) {
     using namespace crrecord::python;
     py::options options;
-    options.disable_function_signatures(); // they are in _crrecord.pyi
-    module.doc() = "The records of a deduplicating content store. Import crrecord instead.";
+    options.disable_function_signatures(); // _crrecord.pyi has them
+    module.doc() = "Records of a deduplicating content store. Import crrecord instead.";
     module.attr("__version__") = CRRECORD_VERSION;
     BindErrors(module);
     AddConstants(module);

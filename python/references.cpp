@@ -1,4 +1,4 @@
-// Typed references: between the library's values and crrecord.Reference.
+// Typed references: conversion between values of the library and crrecord.Reference.
 
 #include "references.h"
 
@@ -15,7 +15,7 @@ namespace crrecord::python {
 namespace {
 
 [[noreturn]] void RaiseNoReference(py::handle object) {
-    throw py::value_error("no reference: " + py::cast<std::string>(py::repr(object)));
+    throw py::value_error("not a reference: " + py::cast<std::string>(py::repr(object)));
 }
 
 std::string TextOf(_cr_tref_t const* reference) {
@@ -27,7 +27,7 @@ DORecord::tref_ptr_t HandleOf(py::object const& reference) {
     return DORecord::tref_ptr_t(Cr_TRef::Factory(ParseReference(reference).get()));
 }
 
-// A section beyond 32 bits makes the record too large.
+// Throws: CR_STATUS_INVALID for a section of 4 GiB or more, which exceeds the size of a record.
 unsigned int Narrowed(unsigned long size) {
     if (size > std::numeric_limits<unsigned int>::max()) {
         throw Cr_ErrnoException(CR_STATUS_INVALID, "invalid record size for DO", nullptr);
@@ -43,7 +43,7 @@ bool AddReference(DORecord& record, py::object const& reference) {
     return status == 0;
 }
 
-// Copied first: making a Python object may let other code run, which may change the record.
+// Copies the references first: creating a Python object may run other code, which may change the record.
 py::list References(DORecord const& record) {
     std::vector<std::pair<int, unsigned long>> copies;
     for (auto i = record.GetTRefBegin(); i != record.GetTRefEnd(); ++i) {
@@ -56,7 +56,7 @@ py::list References(DORecord const& record) {
     return references;
 }
 
-// Asks first and removes afterwards, since the question runs any code, and that may change the record.
+// Calls isActive for all tasks before it removes any, since isActive may change the record.
 unsigned long RemoveInactiveTasks(DORecord& record, py::function const& isActive) {
     std::vector<unsigned long> tasks;
     for (auto i = record.GetTRefTypeBegin(CR_REFTYPE_TASKID); i != record.GetTRefTypeEnd(CR_REFTYPE_TASKID); ++i) {
@@ -109,7 +109,7 @@ py::list DecodeReferences(unsigned char const* section, unsigned long size) {
         unsigned long consumed = 0;
         ReferenceValue const value(CRTRefNewDeserialize(section + at, size - at, CR_TREF_SERIALIZED, &consumed));
         if (!value) {
-            Raise(*__cr_errno_location(), "the references changed after validation, and are none any more");
+            Raise(*__cr_errno_location(), "the references were changed after validation and are invalid");
         }
         references.append(ReferenceOf(value.get()));
         at += consumed;
@@ -130,24 +130,24 @@ void BindRecordReferences(py::class_<DORecord>& type) {
     type.def_property_readonly("references", References, "The typed references, by kind and id.")
         .def("add_reference", AddReference, py::arg("reference"),
              "Add a Reference, a (kind, id) or a text such as 'task:17'; kinds 2, 4, 6 and 9.\n\n"
-             "False where it was there already.")
+             "Return False if the record already has it.")
         .def(
             "add_serialized_references",
             [](DORecord& record, py::object const& buffer) {
                 Slice const bytes = PinWhole(buffer);
                 record.AddSerializedTRefs(reinterpret_cast<char const*>(bytes.Data()), Narrowed(bytes.size));
             },
-            py::arg("buffer"), "Add references of any kind, as a record's section holds them.")
+            py::arg("buffer"), "Add references of any kind from a buffer in the form of the section in a record.")
         .def(
             "remove_reference",
             [](DORecord& record, py::object const& reference) { return record.DelTRef(HandleOf(reference)) != 0; },
-            py::arg("reference"), "Remove a reference; False where it wasn't there.")
+            py::arg("reference"), "Remove a reference; return False if the record does not have it.")
         .def(
             "clear_references",
             [](DORecord& record, int kind) { record.ClearTRefType(static_cast<cr_reftype_t>(kind)); }, py::arg("kind"),
             "Remove all references of a kind.")
         .def("remove_inactive_tasks", RemoveInactiveTasks, py::arg("is_active"),
-             "Remove the task ids for which is_active(task) is false. How many they were.");
+             "Remove the task ids for which is_active(task) is false. Return their number.");
 }
 
 } // namespace crrecord::python

@@ -1,4 +1,4 @@
-// Typed references: between the library's values and crrecord.Reference.
+// Typed references: conversion between values of the library and crrecord.Reference.
 
 #pragma once
 
@@ -21,10 +21,11 @@ py::object ReferenceOf(_cr_tref_t const* reference);
 // From (kind, id) or a text such as "task:17"; raises ValueError.
 ReferenceValue ParseReference(py::handle object);
 
-// Those that a section holds. Its bytes may have changed since they were validated, so they are decoded with care.
+// Returns: the references in a section. Raises crrecord.Error if the bytes were changed since validation and are
+// invalid.
 py::list DecodeReferences(unsigned char const* section, unsigned long size);
 
-// What a record has to do with references.
+// Adds the methods for references to the class.
 void BindRecordReferences(py::class_<DORecord>& type);
 
 } // namespace crrecord::python

@@ -1,4 +1,4 @@
-// SegmentView: a validated segment record, read where it lies.
+// SegmentView: a validated segment record, read in place.
 
 #include "diagnosis.h"
 #include "view.h"
@@ -14,7 +14,8 @@ namespace crrecord::python {
 
 namespace {
 
-// The fixed part of a good record, as host values. ByteSwapped without counts, so that nothing else is.
+// Returns: the fixed part of a valid record in host order. The counts are 0 during the conversion, which would
+// otherwise convert the bytes after the fixed part, too.
 _SegmentDBRecord FieldsOf(Slice const& bytes, bool networkOrder) {
     _SegmentDBRecord fields;
     std::memcpy(&fields, bytes.Data(), sizeof fields);
@@ -31,7 +32,7 @@ _SegmentDBRecord FieldsOf(Slice const& bytes, bool networkOrder) {
     return fields;
 }
 
-Slice Accumulate(Slice bytes) {
+Slice Validated(Slice bytes) {
     RequireGood(bytes, {.expected = Expected::Segment});
     return bytes;
 }
@@ -44,20 +45,20 @@ _SegmentDBRecord* RecordIn(py::bytes const& copy) {
     return reinterpret_cast<_SegmentDBRecord*>(PyBytes_AS_STRING(copy.ptr()));
 }
 
-// Works on a copy that nobody else sees, judged anew: the bytes may have changed since the view was made.
+// Converts a private copy and validates it again, since the bytes may have changed since the view was made.
 py::bytes Converted(SegmentView const& view, std::string const& order, bool stripTaskIds) {
     if (order != "host" && order != "network") {
         throw py::value_error("the order is 'host' or 'network'");
     }
     py::bytes const copy = BytesOf(view.Bytes().Data(), view.Bytes().size);
-    Slice const bytes = Accumulate(PinWhole(copy));
+    Slice const bytes = Validated(PinWhole(copy));
     bool const network = IsInNetworkOrder(bytes);
     bool const toNetwork = order == "network";
     if (toNetwork == network && !stripTaskIds) {
         return copy;
     }
     _SegmentDBRecord* const record = RecordIn(copy);
-    // Task ids go with a conversion, so a record that stays in its order is converted twice.
+    // Only a conversion strips task ids, so a record that keeps its order is converted twice.
     unsigned long const stripped =
         stripTaskIds ? std::uint64_t{segment::kTaskIdSize} * FieldsOf(bytes, network).ntaskids : 0;
     if (toNetwork == network) {
@@ -84,7 +85,7 @@ auto FieldGetter(Value _SegmentDBRecord::*field) {
 } // namespace
 
 SegmentView::SegmentView(Slice bytes)
-    : bytes_(Accumulate(std::move(bytes))), networkOrder_(python::IsInNetworkOrder(bytes_)),
+    : bytes_(Validated(std::move(bytes))), networkOrder_(python::IsInNetworkOrder(bytes_)),
       fields_(FieldsOf(bytes_, networkOrder_)) {}
 
 Array SegmentView::TaskIds() const {
@@ -101,10 +102,10 @@ Array SegmentView::Fingerprints() const {
 
 void BindSegmentView(py::module_& module) {
     py::class_<SegmentView, std::shared_ptr<SegmentView>>(
-        module, "SegmentView", "A good segment record in a buffer, in either byte order, read in place.")
+        module, "SegmentView", "A valid segment record in a buffer, in either byte order, read in place.")
         .def(py::init([](py::object const& buffer) { return std::make_shared<SegmentView>(PinWhole(buffer)); }),
              py::arg("buffer"),
-             "Validate the buffer, and keep it; Error, with the findings, for anything but one good segment record.")
+             "Validate and keep the buffer; raise Error, with the findings, unless it is one valid segment record.")
         .def_property_readonly(
             "kind", [](SegmentView const&) { return "segment"; }, "'segment'.")
         .def_property_readonly(
@@ -112,7 +113,7 @@ void BindSegmentView(py::module_& module) {
             "'host' or 'network'.")
         .def_property_readonly(
             "position", [](SegmentView const& view) { return view.Bytes().position; },
-            "Where the record starts in the buffer.")
+            "Offset of the record in the buffer.")
         .def_property_readonly("flags", FieldGetter(&_SegmentDBRecord::flags), "0 or 2.")
         .def_property_readonly("record_size", FieldGetter(&_SegmentDBRecord::recsize), "Bytes of the record.")
         .def_property_readonly("check_time", FieldGetter(&_SegmentDBRecord::checktime), "Time of the last check.")
@@ -126,18 +127,19 @@ void BindSegmentView(py::module_& module) {
             },
             "The container; None for a segment in a file.")
         .def_property_readonly("size", FieldGetter(&_SegmentDBRecord::size), "Bytes of the segment.")
-        .def_property_readonly("crc", FieldGetter(&_SegmentDBRecord::CRC), "The creator's checksum.")
+        .def_property_readonly("crc", FieldGetter(&_SegmentDBRecord::CRC), "The checksum of the creator.")
         .def_property_readonly(
             "key", [](SegmentView const& view) { return BytesOf(view.Fields().key, CR_SO_KEY_SIZE); },
             "33 bytes of key data.")
         .def_property_readonly("fptype", FieldGetter(&_SegmentDBRecord::fptype), "Fingerprint type, 0 to 3.")
-        .def_property_readonly("crypto_mode", FieldGetter(&_SegmentDBRecord::cryptomode), "Carried as it is.")
-        .def_property_readonly("key_index", FieldGetter(&_SegmentDBRecord::keyindex), "In the writer's byte order.")
-        .def_property_readonly("task_ids", &SegmentView::TaskIds, "The tasks that refer to the segment.")
-        .def_property_readonly("fingerprints", &SegmentView::Fingerprints, "Its fingerprints.")
+        .def_property_readonly("crypto_mode", FieldGetter(&_SegmentDBRecord::cryptomode), "Not interpreted.")
+        .def_property_readonly("key_index", FieldGetter(&_SegmentDBRecord::keyindex),
+                               "In the byte order of the writer.")
+        .def_property_readonly("task_ids", &SegmentView::TaskIds, "Ids of the tasks that refer to the segment.")
+        .def_property_readonly("fingerprints", &SegmentView::Fingerprints, "The fingerprints of the segment.")
         .def("to_bytes", Converted, py::arg("order"), py::kw_only(), py::arg("strip_task_ids") = false,
-             "A copy of the record in 'host' or 'network' order, with its task ids or without.")
-        .def("serialize", Serialized, "The serialized form.")
+             "Return a copy in 'host' or 'network' order, with or without task ids.")
+        .def("serialize", Serialized, "Return the serialized form.")
         .def("__bytes__", [](SegmentView const& view) { return BytesOf(view.Bytes().Data(), view.Bytes().size); })
         .def("__repr__", [](SegmentView const& view) {
             return "<crrecord.SegmentView: " + std::to_string(view.Fields().size) + " bytes, " +

@@ -41,24 +41,24 @@ void BindSORecord(py::module_& module) {
              py::kw_only(), py::arg("dcid"), py::arg("size"), py::arg("crc") = 0,
              py::arg("key") = py::bytes(std::string(CR_SO_KEY_SIZE, '\0')), py::arg("flags") = 0,
              py::arg("crypto_mode") = 0, py::arg("fptype") = 0,
-             "A new record in host order. Container and size have 32 bits here; set them to raise them to 64.")
+             "Build a record in host order. dcid and size have 32 bits here; their setters accept 64 bits.")
         .def_static(
             "from_buffer",
             [](py::object const& buffer) {
                 Slice const bytes = PinWhole(buffer);
                 return SORecord::FromBuffer(bytes.Data(), bytes.size);
             },
-            py::arg("buffer"), "From one stored record of 104 bytes in either order.")
+            py::arg("buffer"), "Copy one stored record of 104 bytes in either order.")
         .def_property("flags", &SORecord::GetFlags, &SORecord::SetFlags, "0 or 2.")
         .def_property("dcid", &SORecord::GetDCID, &SORecord::SetDCID, "The container: 1, or 64 and above.")
         .def_property_readonly("path_id", &SORecord::GetPathID, "The path, or the container.")
         .def_property_readonly("file_id", &SORecord::GetFileID, "The file; 0 in a container.")
         .def_property("size", &SORecord::GetSize, &SORecord::SetSize, "Bytes of the segment.")
-        .def_property("crc", &SORecord::GetCRC, &SORecord::SetCRC, "The creator's checksum.")
+        .def_property("crc", &SORecord::GetCRC, &SORecord::SetCRC, "The checksum of the creator.")
         .def_property("check_time", &SORecord::GetCheckTime, &SORecord::SetCheckTime, "Time of the last check.")
         .def_property("fptype", &SORecord::GetFPType, &SORecord::SetFPType, "Fingerprint type, 0 to 3.")
-        .def_property("crypto_mode", &SORecord::GetCryptoMode, &SORecord::SetCryptoMode, "Carried as it is.")
-        .def_property("key_index", &SORecord::GetKeyIndex, &SORecord::SetKeyIndex, "In the writer's byte order.")
+        .def_property("crypto_mode", &SORecord::GetCryptoMode, &SORecord::SetCryptoMode, "Not interpreted.")
+        .def_property("key_index", &SORecord::GetKeyIndex, &SORecord::SetKeyIndex, "In the byte order of the writer.")
         .def_property(
             "key", [](SORecord const& record) { return BytesOf(record.GetKey(), CR_SO_KEY_SIZE); },
             [](SORecord& record, py::bytes const& key) { record.SetKey(KeyIn(key)); }, "33 bytes of key data.")
@@ -67,10 +67,10 @@ void BindSORecord(py::module_& module) {
             "order", [](SORecord const& record) { return record.IsInNetworkOrder() ? "network" : "host"; },
             "'host' or 'network'.")
         .def(
-            "to_network", [](SORecord& record) { record.HostToNetwork(0); }, "Turn the record to network order.")
+            "to_network", [](SORecord& record) { record.HostToNetwork(0); }, "Convert the record to network order.")
         .def(
-            "to_host", [](SORecord& record) { record.NetworkToHost(0); }, "Turn the record to host order.")
-        .def("serialize", Serialized, "The serialized form; for a record in host order.")
+            "to_host", [](SORecord& record) { record.NetworkToHost(0); }, "Convert the record to host order.")
+        .def("serialize", Serialized, "Return the serialized form; the record must be in host order.")
         .def("__bytes__", [](SORecord const& record) { return BytesOf(record.GetHeader(), record.GetHeaderSize()); })
         .def(
             "__eq__",

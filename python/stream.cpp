@@ -1,4 +1,4 @@
-// records(): the records that stand one behind the other in a buffer.
+// records(): iterates over consecutive records in a buffer.
 
 #include "diagnosis.h"
 #include "view.h"
@@ -14,7 +14,7 @@ struct RecordIterator {
     unsigned long position;
     bool subDO;
 
-    // Where a record's end can't be told, nothing is read behind it.
+    // Raises crrecord.Error and ends the iteration, since the end of the record is unknown.
     [[noreturn]] void stop(std::string const& reason) {
         std::string const text = "record at byte " + std::to_string(position) + ": " + reason;
         position = owner->Size();
@@ -28,13 +28,13 @@ struct RecordIterator {
         unsigned long const available = owner->Size() - position;
         cr_record_probe_t const probe = CRRecordProbe(owner->Data() + position, available);
         if (probe.kind == CR_RECORD_UNKNOWN) {
-            stop("of no known kind");
+            stop("unknown kind");
         }
         if (available < probe.head_size || available < probe.recorded_size) {
             stop("the buffer ends within it");
         }
         if (probe.recorded_size < probe.head_size) {
-            stop("its record size is less than a record");
+            stop("the record size is less than the fixed part");
         }
         Slice const bytes{owner, position, probe.recorded_size};
         position += probe.recorded_size;
@@ -57,8 +57,8 @@ void BindStream(py::module_& module) {
             return RecordIterator{std::make_shared<PinnedBuffer const>(buffer), 0, subDO};
         },
         py::arg("buffer"), py::kw_only(), py::arg("sub_do") = false,
-        "The records of both kinds that stand one behind the other in a buffer, each as a View or SegmentView.\n\n"
-        "A bad one raises Error; asked again, the iterator goes on behind it where its size can be told.");
+        "Iterate over consecutive records of both kinds in a buffer, each as a View or SegmentView.\n\n"
+        "A bad record raises Error. If its size is known, the iterator continues after it.");
 }
 
 } // namespace crrecord::python

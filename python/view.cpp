@@ -1,4 +1,4 @@
-// View: a validated DO record, read where it lies.
+// View: a validated DO record, read in place.
 
 #include "view.h"
 
@@ -12,7 +12,7 @@ namespace crrecord::python {
 
 namespace {
 
-DORecordView Accumulate(Slice const& bytes, bool subDO) {
+DORecordView Validated(Slice const& bytes, bool subDO) {
     try {
         return WithoutGil(bytes, [&] { return DORecordView(bytes.Data(), bytes.size, subDO ? CR_DO_SUB_DO : 0); });
     } catch (Cr_ErrnoException const& error) {
@@ -21,7 +21,7 @@ DORecordView Accumulate(Slice const& bytes, bool subDO) {
     }
 }
 
-// Goes through the segments; keeps the view, and so the bytes, alive.
+// Iterates over the segments. Keeps the view and its bytes alive.
 struct SegmentIterator {
     std::shared_ptr<View const> view;
     unsigned int next;
@@ -41,7 +41,7 @@ struct SegmentSequence {
     }
 };
 
-py::bytes ByteSwapped(View const& view, std::string const& order) {
+py::bytes Converted(View const& view, std::string const& order) {
     if (order != "host" && order != "network") {
         throw py::value_error("the order is 'host' or 'network'");
     }
@@ -50,7 +50,7 @@ py::bytes ByteSwapped(View const& view, std::string const& order) {
         return copy;
     }
     Slice const bytes = PinWhole(copy);
-    // The copy may not be what was validated any more.
+    // The bytes may have changed since the view was made.
     RequireGood(bytes, {.expected = Expected::DataObject, .subDO = true});
     auto* const header = reinterpret_cast<DORecordHeader*>(const_cast<unsigned char*>(bytes.Data()));
     (order == "host" ? DORecordHeaderNtoh : DORecordHeaderHton)(header);
@@ -83,7 +83,7 @@ auto FieldGetter(Getter getter) {
 } // namespace
 
 py::object SegmentOf(DOSegment const& segment, DOSegmentSource const& source) {
-    // There are many of them: past the named tuple's own constructor, which is written in Python.
+    // Calls the constructor of tuple, since that of the named tuple is Python code and slow.
     static auto const* const type = new py::object(PythonType("Segment"));
     py::object offset = py::none();
     if (DOTypeOf(source.dotype).offsetWidth != 0) {
@@ -99,7 +99,7 @@ py::object SegmentOf(DOSegment const& segment, DOSegmentSource const& source) {
 }
 
 View::View(Slice bytes, bool subDO)
-    : bytes_(std::move(bytes)), fields_(Accumulate(bytes_, subDO)), segments_(DOSegmentSource::Of(fields_.GetHeader())),
+    : bytes_(std::move(bytes)), fields_(Validated(bytes_, subDO)), segments_(DOSegmentSource::Of(fields_.GetHeader())),
       unique_(DOUniqueDCIDSource::Of(fields_.GetHeader())),
       taskIds_(DORecordHeaderIndexOfTaskId(fields_.GetHeader(), 0)),
       dsids_(DORecordHeaderIndexOfDataSelection(fields_.GetHeader(), 0)),
@@ -109,7 +109,7 @@ Array View::entriesOf(std::vector<Field> fields) const {
     return Array(bytes_.owner, segments_.entries, segments_.count, segments_.stride, std::move(fields));
 }
 
-// Fingerprint, size, offset, as far as the DO type has them.
+// Fingerprint, and size and offset if the DO type has them.
 std::vector<Field> View::entryFields() const {
     Content const number = NumberIn(segments_.networkOrder);
     std::vector<Field> fields{{"fingerprint", 0, segments_.fingerprint, Content::Bytes}};
@@ -173,26 +173,26 @@ py::list View::References() const {
 void BindView(py::module_& module) {
     BindSegments(module);
     py::class_<View, std::shared_ptr<View>>(module, "View",
-                                            "A good DO record in a buffer, in either byte order, read in place.")
+                                            "A valid DO record in a buffer, in either byte order, read in place.")
         .def(py::init(
                  [](py::object const& buffer, bool subDO) { return std::make_shared<View>(PinWhole(buffer), subDO); }),
              py::arg("buffer"), py::kw_only(), py::arg("sub_do") = false,
-             "Validate the buffer, and keep it; Error, with the findings, for anything but one good DO record.")
+             "Validate and keep the buffer; raise Error, with the findings, unless it is one valid DO record.")
         .def_property_readonly(
             "kind", [](View const&) { return "do"; }, "'do'.")
         .def_property_readonly(
             "order", [](View const& view) { return NameOfOrder(view.Fields().IsInNetworkOrder()); },
             "'host' or 'network'.")
         .def_property_readonly(
-            "position", [](View const& view) { return view.Bytes().position; },
-            "Where the record starts in the buffer.")
+            "position", [](View const& view) { return view.Bytes().position; }, "Offset of the record in the buffer.")
         .def_property_readonly("flags", FieldGetter(&DORecordView::GetFlags), "Bits 2 and 4 only.")
         .def_property_readonly("record_size", FieldGetter(&DORecordView::GetHeaderSize), "Bytes of the record.")
         .def_property_readonly("check_time", FieldGetter(&DORecordView::GetCheckTime), "Time of the last check.")
         .def_property_readonly("cid", FieldGetter(&DORecordView::GetDCID), "Container of the record itself.")
         .def_property_readonly("size", FieldGetter(&DORecordView::GetSize), "Bytes of the object.")
-        .def_property_readonly("segment_size", FieldGetter(&DORecordView::GetSsize), "Of DO types 0 and 1.")
-        .def_property_readonly("crc", FieldGetter(&DORecordView::GetCrc), "The creator's checksum.")
+        .def_property_readonly("segment_size", FieldGetter(&DORecordView::GetSsize),
+                               "Segment size of DO types 0 and 1.")
+        .def_property_readonly("crc", FieldGetter(&DORecordView::GetCrc), "The checksum of the creator.")
         .def_property_readonly("ctime", FieldGetter(&DORecordView::GetCTime), "Time of creation.")
         .def_property_readonly("mtime", FieldGetter(&DORecordView::GetMTime), "Time of the last change.")
         .def_property_readonly("fptype", FieldGetter(&DORecordView::GetFPType), "Fingerprint type, 0 to 3.")
@@ -200,18 +200,18 @@ void BindView(py::module_& module) {
         .def_property_readonly("references_size", FieldGetter(&DORecordView::GetTRefsSize), "Bytes of the references.")
         .def_property_readonly(
             "segments", [](std::shared_ptr<View> const& view) { return SegmentSequence{view}; },
-            "The segments, as a sequence of Segment; each is made when it is asked for.")
-        .def_property_readonly("entries", &View::Entries, "All stored fields of the segments, but for the containers.")
-        .def_property_readonly("fingerprints", &View::Fingerprints, "The segments' fingerprints.")
-        .def_property_readonly("sizes", &View::Sizes, "The segments' stored sizes, or None for DO types 0 and 1.")
-        .def_property_readonly("offsets", &View::Offsets, "The segments' offsets, or None where the DO type has none.")
-        .def_property_readonly("dcids", &View::Dcids, "The segments' containers.")
-        .def_property_readonly("unique_list", &View::UniqueList, "Container and bytes in it, of each container.")
+            "The segments, as a sequence of Segment, each created on access.")
+        .def_property_readonly("entries", &View::Entries, "The stored fields of the segments, without the containers.")
+        .def_property_readonly("fingerprints", &View::Fingerprints, "The fingerprints of the segments.")
+        .def_property_readonly("sizes", &View::Sizes, "The stored sizes of the segments; None for DO types 0 and 1.")
+        .def_property_readonly("offsets", &View::Offsets, "The offsets of the segments; None if the DO type has none.")
+        .def_property_readonly("dcids", &View::Dcids, "The containers of the segments.")
+        .def_property_readonly("unique_list", &View::UniqueList, "Pairs of container and bytes of the object in it.")
         .def_property_readonly("bloom", &View::Bloom, "The bitmap of DO type 4; otherwise empty.")
         .def_property_readonly("references", &View::References, "The typed references, in stored order.")
-        .def_property_readonly("legacy_task_ids", &View::LegacyTaskIds, "Task ids that are no typed references.")
-        .def_property_readonly("legacy_dsids", &View::LegacyDsids, "DSIDs that are no typed references.")
-        .def("to_bytes", ByteSwapped, py::arg("order"), "A copy of the record in 'host' or 'network' order.")
+        .def_property_readonly("legacy_task_ids", &View::LegacyTaskIds, "Task ids that are not typed references.")
+        .def_property_readonly("legacy_dsids", &View::LegacyDsids, "DSIDs that are not typed references.")
+        .def("to_bytes", Converted, py::arg("order"), "Return a copy in 'host' or 'network' order.")
         .def("__bytes__", [](View const& view) { return BytesOf(view.Bytes().Data(), view.Bytes().size); })
         .def("__repr__", [](View const& view) {
             return "<crrecord.View: DO type " + std::to_string(view.Fields().GetDOType()) + ", " +

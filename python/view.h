@@ -1,4 +1,4 @@
-// Validated records, read where they lie.
+// Validated records, read in place.
 
 #pragma once
 
@@ -9,11 +9,11 @@
 
 namespace crrecord::python {
 
-// Of a DO record. Its header is read once. Where the sections lie is fixed then too, so that no later change of the
-// bytes leads out of them.
+// A DO record. The constructor reads the header and computes the sections once, so a later change of the bytes does not
+// lead to reads outside of them.
 class View {
 public:
-    // Raises crrecord.Error unless the bytes are a good record.
+    // Raises crrecord.Error unless the bytes are a valid record.
     View(Slice bytes, bool subDO);
 
     Slice const& Bytes() const noexcept { return bytes_; }
@@ -22,8 +22,8 @@ public:
 
     Array Entries() const;
     Array Fingerprints() const;
-    py::object Sizes() const;   // None where the DO type has none
-    py::object Offsets() const; // None where the DO type has none
+    py::object Sizes() const;   // None if the DO type has none
+    py::object Offsets() const; // None if the DO type has none
     Array Dcids() const;
     Array UniqueList() const;
     Array Bloom() const;
@@ -45,13 +45,13 @@ private:
     unsigned char const* bloom_;
 };
 
-// A segment that was read from such a record, as crrecord.Segment.
+// Returns: a segment of `source` as crrecord.Segment.
 py::object SegmentOf(DOSegment const& segment, DOSegmentSource const& source);
 
-// Of a segment record.
+// A segment record.
 class SegmentView {
 public:
-    // Raises crrecord.Error unless the bytes are a good record.
+    // Raises crrecord.Error unless the bytes are a valid record.
     explicit SegmentView(Slice bytes);
 
     Slice const& Bytes() const noexcept { return bytes_; }

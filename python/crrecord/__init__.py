@@ -1,4 +1,4 @@
-"""The records of a deduplicating content store: reading in place, checking, building, converting."""
+"""Records of a deduplicating content store: reads them in place, validates, builds and converts them."""
 
 from ._crrecord import (
     Array,

@@ -1,4 +1,4 @@
-"""The types of crrecord that are written in Python: the exception, and what is given as a named tuple."""
+"""The types of crrecord that are written in Python: the exception and the named tuples."""
 
 from __future__ import annotations
 
@@ -6,12 +6,12 @@ from typing import NamedTuple, Optional, Sequence
 
 
 class Finding(NamedTuple):
-    """What a diagnosis says of one place in a buffer."""
+    """A fault, or a note, at one offset in a buffer."""
 
     code: int  # a number that never changes
     name: str  # its short name, such as "do-recsize"
     severity: str  # "error" or "note"
-    offset: int  # of the first byte in question
+    offset: int  # of the first byte concerned
     found: int
     expected: int
     field: str  # such as "segments[17].offset"
@@ -25,19 +25,19 @@ class Error(Exception):
         super().__init__(status, text, findings)
         self.status = status  # one of Status, or another number
         self.text = text
-        self.findings = list(findings)  # of a bad record: what is wrong with it; otherwise empty
+        self.findings = list(findings)  # of a bad record; otherwise empty
 
     def __str__(self) -> str:
         return f"{self.text} (status {self.status})"
 
 
 class Segment(NamedTuple):
-    """What a record says of one segment."""
+    """One segment of a DO record."""
 
     fingerprint: bytes
     size: int
-    offset: Optional[int]  # None where the DO type has none
-    dcid: int  # the container that holds it
+    offset: Optional[int]  # None if the DO type has none
+    dcid: int  # the container of the segment
 
 
 class Reference(NamedTuple):
@@ -53,25 +53,25 @@ class Reference(NamedTuple):
 
     @classmethod
     def parse(cls, text: str) -> "Reference":
-        """From a text; ValueError for anything else."""
+        """Parse a text such as "task:17"; raise ValueError for any other."""
         from . import _crrecord
 
         return _crrecord._parse_reference(text)
 
 
 class Digest(NamedTuple):
-    """One fingerprint for a whole object."""
+    """One fingerprint for an object."""
 
     bytes: bytes
-    fptype: Optional[int]  # None for a digest of no type
-    dcid: int  # the object's container
+    fptype: Optional[int]  # None for a digest without a type
+    dcid: int  # the container of the object
 
 
 class Probe(NamedTuple):
-    """What the record at the start of a buffer says of itself."""
+    """Kind, byte order and sizes stored in the record at the start of a buffer."""
 
     kind: str  # "do" or "segment"
     order: str  # "host" or "network"
-    head_size: int  # bytes from which such a record can tell its size
-    recorded_size: int  # by its record size; 0 below head_size bytes
-    counted_size: int  # by its counts; 0 below head_size bytes
+    head_size: int  # bytes needed to determine the size
+    recorded_size: int  # the stored record size; 0 below head_size bytes
+    counted_size: int  # computed from the counts; 0 below head_size bytes
