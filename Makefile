@@ -1,17 +1,17 @@
-# Thin: CMakePresets.json says how things are built, scripts/setup what they need.
+# Short commands only: CMakePresets.json has the builds, scripts/setup the packages that they need.
 
 SETUP ?= scripts/setup
 
-# Handed on as it was given: neither make nor the shell looks into it.
+# Passed unchanged: neither make nor the shell expands it.
 unexport FILE
 export CRRECORD_WALK_FILE := $(value FILE)
 
 .PHONY: help setup build run test fuzz bench abi memcheck big-endian python docs deb release-check install format clean
 
 help:
-	@echo 'make run [FILE=path]       read a file, write its records, read and check them, show what came out'
+	@echo 'make run [FILE=path]       write records of a file, read and check them, print the results'
 	@echo 'make test                  run the tests'
-	@echo 'make fuzz [SECONDS=60]     give the fuzz targets so long each, and tell what they found'
+	@echo 'make fuzz [SECONDS=60]     run each fuzz target for so long, and print the results'
 	@echo 'make bench [QUICK=1]       measure the library against other ways to do the same work'
 	@echo 'make abi                   compare the interface of the shared library with the reviewed one'
 	@echo 'make memcheck              run the tests, and the command over the golden records, under valgrind'
@@ -20,8 +20,8 @@ help:
 	@echo 'make docs                  build the reference of the headers into build/docs/html'
 	@echo 'make build                 build the library and the command into build/release'
 	@echo 'make deb                   build Debian packages into build/deb'
-	@echo 'make release-check         run all that a release has to pass, as root'
-	@echo 'make install [PREFIX=dir]  install them, into /usr/local unless told otherwise'
+	@echo 'make release-check         run all checks of a release, as root'
+	@echo 'make install [PREFIX=dir]  install library and command, by default into /usr/local'
 	@echo 'make format                format the sources'
 	@echo 'make clean                 remove build/'
 

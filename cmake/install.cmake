@@ -1,5 +1,5 @@
-# What is installed, and how others find it: CMake's package crrecord and pkg-config's crrecord.pc. Everything finds
-# its other parts from where it lies itself, so the installed tree may be moved.
+# Installation, with the CMake package crrecord and crrecord.pc for pkg-config. All installed paths are relative, so the
+# installed tree may be moved.
 
 include(CMakePackageConfigHelpers)
 
@@ -22,8 +22,7 @@ if(TARGET crrecord_manual)
     install(DIRECTORY ${manual_dir}/completions DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion)
 endif()
 
-# The public headers include Boost's. Whoever links a static library brings what that needs as well; a shared one brings
-# it itself.
+# The public headers include headers of Boost. Users of the static library must also link its dependencies.
 set(package_dependencies "find_dependency(Boost ${CRRECORD_BOOST_VERSION})")
 get_target_property(library_type crrecord TYPE)
 if(library_type STREQUAL "STATIC_LIBRARY")
@@ -38,7 +37,7 @@ if(NOT libdeflate_FOUND)
 endif()")
     set(pkgconfig_dependencies "libcrypto >= ${CRRECORD_OPENSSL_VERSION}, libdeflate")
 else()
-    # For a static library that lies beside the shared one, which itself asks for nobody's pkg-config.
+    # For a static library installed beside the shared one. The shared library does not need pkg-config of others.
     set(pkgconfig_libraries "-lcrypto -ldeflate")
 endif()
 

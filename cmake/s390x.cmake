@@ -1,5 +1,5 @@
-# Builds for a big-endian machine, IBM Z, and runs what was built under qemu's user-mode emulation. `scripts/setup
-# --big-endian` unpacks the packages of that machine into the sysroot.
+# Toolchain for a big-endian machine, IBM Z. Programs run in the user-mode emulation of qemu. `scripts/setup --big-endian`
+# unpacks the libraries of that machine into the sysroot.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR s390x)

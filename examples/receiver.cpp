@@ -1,4 +1,5 @@
-// Reads what the writer stored, in another process: checks both, lists containers and tasks, compares the digests.
+// Reads the record and the exchange form that the writer stored. Validates both, lists containers and tasks, and
+// compares the digests.
 //
 //   receiver RECORD FORM
 
@@ -25,7 +26,7 @@ crfp_digest_t DigestOf(DORecord const& record) {
 }
 
 bool Compare(char const* recordPath, char const* formPath) {
-    // Any bytes are safe here: what is not a record is refused with the reason.
+    // FromBuffer is safe on untrusted bytes. It throws with the reason unless they are one valid record.
     std::vector<char> const stored = Read(recordPath);
     auto const record = DORecord::FromBuffer(stored.data(), stored.size());
 
@@ -44,7 +45,7 @@ bool Compare(char const* recordPath, char const* formPath) {
     }
     std::cout << record->GetNfp() << " segments, " << bytes << " bytes\n";
 
-    // The exchange form carries neither type: both sides have agreed on them.
+    // The exchange form stores neither the DO type nor the fingerprint type, so both sides must agree on them.
     std::vector<char> const form = Read(formPath);
     DORecord const received(record->GetDOType(), record->GetFPType(), nullptr, 0, form.data(), form.size(), false);
     crfp_digest_t const ours = DigestOf(*record);

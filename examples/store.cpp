@@ -1,8 +1,8 @@
-// Keeps DO records in an embedded store, by key: reads them where they lie, and changes who keeps an object alive.
+// Keeps DO records in an embedded store, by key. Reads them in place and changes their references.
 //
-//   store DATABASE put KEY RECORD        stores a record, of either byte order, as it is
+//   store DATABASE put KEY RECORD        stores a record in its byte order
 //   store DATABASE show KEY              reads it in place
-//   store DATABASE move TASK TO KEY...   replaces a task by another in all these records, or in none
+//   store DATABASE move TASK TO KEY...   replaces TASK by TO in all of these records or in none
 
 #include <crrecord/DORecord.h>
 #include <crrecord/DORecordView.h>
@@ -36,7 +36,7 @@ std::unique_ptr<Database> Open(std::string const& path) {
     return std::unique_ptr<Database>(database);
 }
 
-// Whatever is in the store was valid when it came.
+// The constructor of the view validates the record, so the store accepts valid records only.
 void Put(Database& database, std::string const& key, char const* path) {
     std::ifstream file(path, std::ios::binary);
     std::string const bytes{std::istreambuf_iterator<char>(file), {}};
@@ -45,8 +45,8 @@ void Put(Database& database, std::string const& key, char const* path) {
     std::cout << key << ": " << view.GetNfp() << " segments in " << bytes.size() << " bytes\n";
 }
 
-// The slice pins the value in the store's cache of blocks, once it has been flushed to a file; the view validates the
-// bytes there, and reads them without a copy.
+// The slice pins the value in the block cache of the store, if the value has been flushed to a file. The view validates
+// and reads it there, without a copy.
 void Show(Database& database, std::string const& key) {
     rocksdb::PinnableSlice slice;
     Require(database.Get({}, database.DefaultColumnFamily(), key, &slice));
@@ -60,8 +60,8 @@ void Show(Database& database, std::string const& key) {
     }
 }
 
-// All records change together: the transaction is a batch, written at once. It is refused if another writer has changed
-// one of the records since it was read here.
+// The transaction writes all records as one batch. Commit fails if another writer has changed one of the records since
+// it was read here.
 void Move(Database& database, unsigned long from, unsigned long to, char** keys) {
     std::unique_ptr<rocksdb::Transaction> const transaction(database.BeginTransaction({}));
     for (; *keys != nullptr; ++keys) {

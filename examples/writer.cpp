@@ -1,4 +1,4 @@
-// Describes a file: cuts it into segments, builds its DO record, stores the record and an exchange form of it.
+// Splits a file into segments, builds its DO record, and stores the record and its exchange form.
 //
 //   writer FILE RECORD FORM
 
@@ -11,7 +11,7 @@
 namespace {
 
 constexpr unsigned long kSegmentSize = 128 * 1024;
-constexpr unsigned long kContainer = 64; // the first one that is free for use
+constexpr unsigned long kContainer = 64; // the first container id free for use
 
 // An entry of DO type 3 with 32-byte fingerprints, as the record stores it.
 struct __attribute__((packed)) Entry {

@@ -1,21 +1,21 @@
-# Kaitai Struct (https://kaitai.io) description of DO records and segment records, one behind the other, in either byte
-# order, and of their exchange forms. docs/format.md says what the fields mean. A reader takes valid records for granted:
-# `crrecord validate` judges them.
+# Kaitai Struct (https://kaitai.io) description of consecutive DO records and segment records, in either byte order, and of
+# their exchange forms. docs/format.md describes the fields. A reader requires valid records; `crrecord validate` checks
+# them.
 meta:
   id: crrecord
   title: DO records and segment records
   endian: le
   ks-version: "0.10"
 doc: |
-  Fields that no conversion between the byte orders turns are in the order of the machine that built the record. Here
-  that is a little-endian one: they have types such as u4le.
+  Fields that a conversion does not byte-swap are in the order of the machine that built the record. This description
+  assumes a little-endian machine and gives them types such as u4le.
 seq:
   - id: records
     type: record
     repeat: eos
 types:
   record:
-    doc: A record is in network order exactly when its type, 2 or 3, is its second byte.
+    doc: A record is in network order if and only if its type, 2 or 3, is its second byte.
     seq:
       - id: body
         type:
@@ -71,7 +71,7 @@ types:
         repeat-expr: nfp
       - id: spare
         type: u8
-        doc: No conversion touches it, so it may be in either order.
+        doc: A conversion does not change this field, so it may be in either order.
 
   do_record:
     params:
@@ -184,7 +184,7 @@ types:
             8: u8be
 
   segment_form:
-    doc: What SegmentRecordSerialize writes.
+    doc: The serialized form of a segment record, which SegmentRecordSerialize writes.
     params:
       - id: fptype
         type: u1
@@ -253,7 +253,7 @@ types:
                 5: u4
             if: _parent.dotype == 3 or _parent.dotype == 5
       bloom:
-        doc: The form has a list exactly when more than the 24 zeros follow the bitmap.
+        doc: The form has a list if and only if more than 24 bytes follow the bitmap.
         seq:
           - {id: bsize, type: u4}
           - {id: bitmap, size: bsize}
