@@ -26,7 +26,7 @@ unsigned long UseOne(fuzz::Bytes bytes, int form, References* seen) {
     Must(taken <= bytes.size() && taken <= written + nul && taken >= written, "number of bytes decoded");
     Must(std::equal(text, text + written, bytes.begin(),
                     [](char a, unsigned char b) { return static_cast<unsigned char>(a) == b; }),
-         "a reference is written as it was read");
+         "encoding reproduces the decoded bytes");
     Must(CRTRefSerialize(text, written - 1, reference, form) == 0, "a buffer that is too small");
     if (seen) {
         seen->emplace(CRTRefGetType(reference), CRTRefGetID(reference));
