@@ -99,15 +99,34 @@ TEST(SORecord, RefusesAndStaysAsItWas) {
     EXPECT_EQ(Thrown([&] { SORecord(0, 64, 0, 0, kKey, 0, 4); }), "9:");
 }
 
-TEST(SORecord, DoesNotFollowCountsWrittenThroughTheHeader) {
-    for (auto const count : {&_SegmentDBRecord::ntaskids, &_SegmentDBRecord::nfp}) {
+// Counts written through the header. The 8 bytes after the fixed part hold one task id, which is stripped to zeros.
+TEST(SORecord, FollowsCountsOnlyInsideItsBuffer) {
+    struct {
+        unsigned int ntaskids, nfp, options;
+        bool inside;
+    } const rows[] = {{1, 0, 0, true},    {2, 0, 0, false},        {0, 1, 0, false},
+                      {~0u, 0, 0, false}, {1u << 29, 0, 0, false}, {0, 1u << 28, 0, false}, // both wrap to 0 in 32 bits
+                      {0, 0, 1, true},    {1, 0, 1, true},         {~0u, 0, 1, true},
+                      {0, 1, 1, false},   {1, ~0u, 1, false}};
+    for (auto const& [ntaskids, nfp, options, inside] : rows) {
         for (bool const network : {false, true}) {
-            SORecord record = Made();
+            SORecord record = Made(), other = Made();
             Convert(record, network);
-            record.GetHeader()->*count = 0xfe;
+            Convert(other, !network);
+            bool const big = network && !kBig;
+            record.GetHeader()->ntaskids = big ? __builtin_bswap32(ntaskids) : ntaskids;
+            record.GetHeader()->nfp = big ? __builtin_bswap32(nfp) : nfp;
+            std::memset(&record.GetHeader()->word94 + 1, 0x11, 8);
             Bytes const before = BytesOf(record);
-            EXPECT_EQ(Thrown([&] { Convert(record, !network); }), "9:");
-            EXPECT_TRUE(record.IsInNetworkOrder() == network && BytesOf(record) == before);
+            auto const convert = [&, o = options] { network ? record.NetworkToHost(o) : record.HostToNetwork(o); };
+            EXPECT_EQ(Thrown(convert), inside ? "" : "9:") << ntaskids << " " << nfp;
+            Bytes expected = inside ? BytesOf(other) : before;
+            if (inside && (options == 0 || ntaskids == 0)) {
+                SetLow(expected, !network, 12, 4, ntaskids);
+                std::memset(&expected[96], 0x11, 8);
+            }
+            EXPECT_EQ(BytesOf(record), expected) << ntaskids << " " << nfp;
+            EXPECT_EQ(record.IsInNetworkOrder(), network != inside);
         }
     }
 }

@@ -126,24 +126,33 @@ TEST(DORecordConstruction, CornersOfTheTypes) {
     EXPECT_EQ(Refusal(empty), wrong);
 }
 
-// The bitmap has no section then: nothing of it is left in the record.
+// The bitmap has no section then: nothing of it is left in the record, nor in its buffer.
 TEST(DORecordConstruction, BloomBuilderWithAnotherType) {
-    Bytes const bitmap(40, 0xee);
+    Bytes const bitmap(90, 0xee);
     RecordValues const values{.dotype = 3, .fptype = 3, .size = 9, .list = {{70, 1}}};
     Bytes const list = SpellList(values, false);
-    DORecord record(values.CID, 9, 0, values.CRC, values.ctime, values.mtime, 40, bitmap.data(), AsText(list), 3, 3);
+    OpenRecord record(values.CID, 9, 0, values.CRC, values.ctime, values.mtime, 90, bitmap.data(), AsText(list), 3, 3);
     Bytes expected = Spell(values).bytes;
-    Splice(expected, 0x48, Spelled(40, 4, false));
+    Splice(expected, 0x48, Spelled(90, 4, false));
     EXPECT_EQ(StoredBytes(record), expected);
+    Bytes whole = expected;
+    whole.resize(104 + 90 + 24);
+    EXPECT_EQ(Buffer(record), whole);
     record.AddTaskID(5);
     EXPECT_EQ(record.GetHeaderSize(), expected.size() + 10);
 }
 
-// The arguments may lie in the buffer that the new record replaces.
+// The arguments may lie in the buffer that the new record replaces. A sub-DO, whose segments may be large, stays one.
 TEST(DORecordConstruction, InitBuildsARecordAnew) {
-    RecordValues const v = Example(5, 3), bloom = Example(4, 0);
+    RecordValues v = Example(5, 3), bloom = Example(4, 0);
     auto const record = Build<OpenRecord>(v);
+    for (unsigned long* const bytes : {&v.size, &v.list[1].second}) {
+        *bytes += 1ul << 31;
+    }
+    v.segments[1].size += 1u << 31;
     SpelledRecord const spelled = Spell(v);
+    Hold(*record, spelled.bytes);
+    record->SetSubDO(true);
     for (int round = 0; round < 2; ++round) {
         record->AddTaskID(1);
         auto const* const old = reinterpret_cast<unsigned char const*>(record->GetHeader());
@@ -151,10 +160,12 @@ TEST(DORecordConstruction, InitBuildsARecordAnew) {
                      reinterpret_cast<unsigned long const*>(old + spelled.dcids),
                      reinterpret_cast<char const*>(old + spelled.list), 3, 5);
         EXPECT_EQ(StoredBytes(*record), spelled.bytes);
+        EXPECT_TRUE(record->IsSubDO() && record->GetNTRefs() == 0);
     }
     record->initWithBloom(v.CID, bloom.size, bloom.ssize, v.CRC, v.ctime, v.mtime, nullptr, 0, 5, bloom.bitmap.data(),
                           AsText(SpellList(bloom, false)), 0, 4);
     EXPECT_EQ(StoredBytes(*record), Spell(bloom).bytes);
+    EXPECT_TRUE(record->IsSubDO());
 }
 
 } // namespace

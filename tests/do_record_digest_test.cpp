@@ -139,6 +139,40 @@ TEST(DORecordDump, IsInHostOrderAndLeavesTheRecordAsItWas) {
     }
 }
 
+// Reads the record while it is written, and then may fail.
+struct Onlooker : std::streambuf {
+    std::streamsize xsputn(char const*, std::streamsize count) override {
+        seen = {record.IsInNetworkOrder(), record.GetSize(), record.GetSegmentSize(0)};
+        return fails ? throw fails : count;
+    }
+    OpenRecord& record;
+    bool fails;
+    std::tuple<bool, unsigned long, unsigned int> seen{};
+    Onlooker(OpenRecord& of, bool fail) : record(of), fails(fail) {}
+};
+
+TEST(DORecordDump, ShowsAConsistentRecordMeanwhile) {
+    RecordValues const values = Example(3, 1);
+    for (bool const network : {false, true}) {
+        for (bool const fails : {false, true}) {
+            auto const record = Build<OpenRecord>(values);
+            network ? record->HostToNetwork(0) : void();
+            Bytes const before = Buffer(*record);
+            Onlooker onlooker(*record, fails);
+            std::ostream stream(&onlooker);
+            stream.exceptions(std::ios::badbit);
+            try {
+                record->ToStream(stream, true);
+                EXPECT_FALSE(fails);
+            } catch (bool) {
+                EXPECT_TRUE(fails);
+            }
+            EXPECT_EQ(onlooker.seen, std::tuple(false, values.size, values.segments[0].size));
+            EXPECT_TRUE(Buffer(*record) == before && record->IsInNetworkOrder() == network);
+        }
+    }
+}
+
 // Nothing is written, and the record stays as it was.
 TEST(DORecordOutput, RefusesWhatItsBufferDoesNotHold) {
     std::ostringstream stream;

@@ -94,6 +94,38 @@ TEST(DORecordExchange, RecordsComeBackInAnyBuffer) {
     }
 }
 
+// Form and buffer at such places of one block; a byte in common is refused before anything is written.
+TEST(DORecordExchange, FormMustNotOverlapTheBuffer) {
+    for (RecordValues const& values : {Example(3, 1), Example(4, 0)}) {
+        Bytes const form = SpellForm(values, true), expected = Received(values, form, false);
+        std::size_t const room = expected.size(), more = room + form.size();
+        std::tuple<std::size_t, std::size_t, std::size_t, bool> const rows[] = {
+            {0, 0, room, true},
+            {room, 0, room, false},
+            {room - 1, 0, room, true},
+            {0, form.size(), room, false},
+            {0, form.size() - 1, room, true},
+            {9, 0, more, true},
+            {0, 9, 9, true}, // also where the record would not fit
+            {0, 9, 0, false}};
+        for (auto const& [formAt, bufferAt, size, overlap] : rows) {
+            SCOPED_TRACE(NameOf(values) + ", row " + std::to_string(formAt) + " " + std::to_string(bufferAt));
+            Bytes memory(2 * more, 0xee);
+            Splice(memory, formAt, form);
+            Bytes const before = memory;
+            auto* const buffer = &memory[bufferAt];
+            auto const make = [&, at = formAt, bytes = size] {
+                OpenRecord const record(values.dotype, values.fptype, buffer, bytes, &memory[at], form.size(), false);
+                Bytes made = Buffer(record);
+                made.resize(room);
+                EXPECT_EQ(made, expected);
+            };
+            EXPECT_EQ(Refusal(make), overlap ? "9: " : "");
+            EXPECT_TRUE(!overlap || memory == before);
+        }
+    }
+}
+
 std::string Construction(unsigned int dotype, unsigned char fptype, Bytes const& form, bool subDO = false) {
     return Refusal([&] { OpenRecord(dotype, fptype, nullptr, 0, form.data(), form.size(), subDO); });
 }

@@ -100,6 +100,20 @@ TEST(DORecordMemory, SizeListReportsIt) {
     EXPECT_EQ(fault::FailEach(list), 3u);
     std::string const line = "error 22: GetUDCIDSizeList: failed to construct SO info vector, out of memory.\n";
     EXPECT_EQ(log.Take(), line + line + line);
+    // The sink may leave another status, as a call of its own that fails does.
+    CRLogSetSink([](cr_log_level_t, cr_status_t, char const*, void*) { CRFPAppend(nullptr, nullptr, 0); }, nullptr);
+    EXPECT_EQ(fault::Run(list, 1).status, CR_STATUS_NO_MEMORY);
+}
+
+// The section has what the sets have: a copy of the sets would take a node for each reference.
+TEST(DORecordMemory, ReloadedReferencesAreNotCopied) {
+    auto const record = Build(Example(1, 0));
+    for (unsigned long id = 0; id < 300; ++id) {
+        record->AddTaskID(id);
+    }
+    auto const reload = [&] { return record->convertToTRefs(), CR_STATUS_OK; };
+    EXPECT_LT(fault::Run(reload, 0).attempts, 30u);
+    EXPECT_EQ(record->GetNtaskid(), 300u);
 }
 
 // The pools take blocks of a few dozen chunks, so a chunk that doesn't come back soon makes them ask for more.

@@ -64,6 +64,12 @@ TEST(DORecordReferences, AreInTheRecordInOrderAndGoWithoutATrace) {
             record->ClearTRefType(cr_reftype_t(6));
             values.references = {};
             ExpectWhole(*record, values, network);
+            Load(*record, SpellReferences({{2, 1}, {9, 2}}));
+            record->GetHeader(); // writes them into their section
+            record->initReferenceSets();
+            Bytes bare = Spell(values, network).bytes;
+            bare.resize(record->bufferSize);
+            EXPECT_EQ(Buffer(*record), bare);
         }
     }
 }

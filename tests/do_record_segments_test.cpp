@@ -121,6 +121,9 @@ std::vector<ListRow> ListRows() {
         rows.push_back({dotype, 10, 4, {{}, {}, {}}, "", ""});
         rows.push_back({dotype, 1, 4, {{}, {}, {}}, "", ""}); // nothing checks how short the last one is
         rows.push_back({dotype, 13, 4, {{}, {}, {}}, original + "13. Segm. size times segm. count:12.", "same"});
+        rows.push_back(
+            {dotype, 1, 1ul << 63, {{}, {}}, original + "1. Segm. size times segm. count:0.", "same"}); // 2^64
+        rows.push_back({dotype, 0, 1ul << 63, {{}, {}}, "", ""});
     }
     for (auto const& [dotype, name] : {std::pair{2, "CR_DO_TYPE_NO_OFFSET"}, {5, "CR_DO_TYPE_4_BYTE_OFFSET"}}) {
         auto const type = static_cast<unsigned char>(dotype);
@@ -151,6 +154,8 @@ TEST(DORecordSegments, ListCheckSaysWhatIsWrongInEitherOrder) {
                 Bytes const before = Buffer(*record);
                 EXPECT_EQ(Refusal([&] { record->checkSegmentList(); }), expected);
                 EXPECT_EQ(Buffer(*record), before);
+                record->HostToNetwork(0); // in host order again, while the record claims the other
+                EXPECT_EQ(Refusal([&] { record->checkSegmentList(); }), kBig ? expected : kInvalidSize);
             }
         }
     }

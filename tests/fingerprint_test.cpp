@@ -68,15 +68,17 @@ TEST(Fingerprint, MatchesVectorsFedInPieces) {
     EXPECT_EQ(TakeStatus(), kUntouched);
 }
 
-// i, a, f, d, g: initialise, append, finalise content, finalise object, get. In capitals: refused as out of turn.
+// i, a, f, d, g: initialise, append, finalise content, finalise object, get. In capitals: refused as out of turn. U:
+// initialise with an unknown type, which ends what was there.
 TEST(Fingerprint, RefusesCallsOutOfTurn) {
-    for (std::string const steps : {"AFDGiG", "ifFDAgg", "idFDAgg", "iaGfgiGaf", "iiaafg"}) {
+    for (std::string const steps : {"AFDGiG", "ifFDAgg", "idFDAgg", "iaGfgiGaf", "iiaafg", "iaUAFDG", "ifUGiaf"}) {
         crfp_context_t context;
         crfp_digest_t digest;
         TakeStatus();
         for (char const step : steps) {
             bool failed = false;
             switch (std::tolower(step)) {
+            case 'u': failed = CRFPInitialize(&context, 4) == -1; break;
             case 'i': failed = CRFPInitialize(&context, CR_FP_TYPE_SHA256) == -1; break;
             case 'a': failed = CRFPAppend(&context, "x", 1) == -1; break;
             case 'f': failed = CRFPFinalize(&context) == -1; break;
@@ -84,7 +86,8 @@ TEST(Fingerprint, RefusesCallsOutOfTurn) {
             case 'g': failed = !CRFPGetDigest_r(&context, &digest); break;
             }
             EXPECT_EQ(failed, std::isupper(step) != 0) << steps << " at " << step;
-            EXPECT_EQ(TakeStatus(), failed ? CR_STATUS_INVALID : kUntouched) << steps << " at " << step;
+            cr_status_t const refusal = step == 'U' ? CR_STATUS_INVALID_FP_TYPE : CR_STATUS_INVALID;
+            EXPECT_EQ(TakeStatus(), failed ? refusal : kUntouched) << steps << " at " << step;
         }
     }
 }

@@ -49,7 +49,8 @@ TEST(HostileBytes, BuildersKeepTheRulesOfTheReaders) {
     unsigned long const top = 1ul << 63, half = 1ul << 31;
     std::tuple<unsigned char, unsigned long, unsigned long, unsigned long, unsigned long, bool> const rows[] = {
         {1, 301, 100, 0, 0, false},
-        {1, 300, 0x5555555555555556, 0, 0, true}, // the product is 2^64 + 2
+        {1, 3, 0x5555555555555556, 0, 0, false}, // the product is 2^64 + 2 and wraps to 2
+        {1, 2, 0x5555555555555556, 0, 0, true},
         {2, half + 1, 0, half - 1, 0, true},
         {2, half + 2, 0, half, 0, false},
         {3, top, 0, 9, top - 2, true},
@@ -60,8 +61,11 @@ TEST(HostileBytes, BuildersKeepTheRulesOfTheReaders) {
         values.segments = {{Bytes(16), static_cast<unsigned int>(first), 0, 64},
                            {Bytes(16), 1, offset, 64},
                            {Bytes(16), 1, offset + 1, 64}};
-        Bytes const bytes = Spell(values).bytes;
+        Bytes const bytes = Spell(values).bytes, form = SpellForm(values, false);
         EXPECT_EQ(Refusal([&] { Build(values); }).empty(), good) << size;
+        auto const receive = [&, type = dotype] { DORecord(type, 0, nullptr, 0, form.data(), form.size(), false); };
+        EXPECT_EQ(Refusal(receive).empty(), good) << size;
+        EXPECT_EQ(DORecordSerializedValidate(form.data(), form.size(), dotype, 0, 0), good ? 0 : 32);
         EXPECT_EQ(DORecordHeaderValidate(bytes.data(), static_cast<unsigned int>(bytes.size()), 0), good ? 0 : 32);
         auto const copy = [&] {
             return fault::StatusOf(

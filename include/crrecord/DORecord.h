@@ -68,7 +68,8 @@ public:
 
     // From an exchange form, which carries neither DO type nor fingerprint type; any bytes are safe. With `buffer`, the
     // record is built in the caller's memory and borrows it, until it grows or where it does not fit; without, it
-    // allocates. A sub-DO takes the container of its first segment as its own.
+    // allocates. A sub-DO takes the container of its first segment as its own. Throws: CR_STATUS_INVALID if the form
+    // and the buffer overlap, with the buffer unchanged.
     DORecord(unsigned int dotype, unsigned char fptype, void* buffer, unsigned long bufferSize, void const* serialized,
              unsigned long serializedSize, bool subDO);
 
@@ -91,8 +92,10 @@ public:
     DORecord(DORecord const&) = delete;
     DORecord& operator=(DORecord const&) = delete;
 
-    // What stands behind the first two constructors. On an existing record they build it anew and free what it owned;
-    // after a failure the record has no buffer, and only destroying it, or building it once more, is allowed.
+    // The first two constructors call these. On an existing record they build it anew, in host order and in a new
+    // buffer of its own. Its former buffer is freed, or keeps its bytes if it was borrowed; its references are
+    // released. The sub-DO flag stays and applies to the new segments.
+    // On failure: the record has no buffer, and only destroying it, or building it once more, is allowed.
     void init(unsigned long CID, unsigned long size, unsigned long ssize, unsigned int CRC, unsigned int ctime,
               unsigned int mtime, unsigned long const* taskIDs, unsigned int ntaskIDs, void const* segments,
               unsigned int nsegments, unsigned long const* dcids, char const* udcidList, unsigned char fptype,
@@ -147,7 +150,7 @@ public:
 
     // --- Buffer ---------------------------------------------------------------------------------------------------
 
-    // Reference section size := 0, record size := the computed one. The sets stay.
+    // Reference section size := 0, record size := the computed one. The sets stay; the section's bytes are cleared.
     void initReferenceSets();
     // The record size by the header's counts, without legacy arrays.
     unsigned int calcRecSize() const;
@@ -185,10 +188,10 @@ public:
     // order, the fingerprint functions' status, 22 without memory.
     crt_digest_t* GetDigest() const;
 
-    // Writes the record to `stream` and returns it. Binary: GetHeaderSize() bytes in host order; the buffer is turned
-    // meanwhile, and is as it was afterwards, also where the stream throws. Text: one line without its end, of which
-    // TEXT_STREAM_FORMAT_DESCRIPTION tells, in plain decimal whatever the stream's flags and locale; throws 9 in
-    // network order.
+    // Writes the record to `stream` and returns it. Binary: GetHeaderSize() bytes in host order. During the write the
+    // record is in host order; afterwards it is as it was, also if the stream throws. Text: one line without its end,
+    // of which TEXT_STREAM_FORMAT_DESCRIPTION tells, in plain decimal whatever the stream's flags and locale; throws 9
+    // in network order.
     std::ostream& ToStream(std::ostream& stream, bool binary) const;
     static std::string const TEXT_STREAM_FORMAT_DESCRIPTION;
 
@@ -216,8 +219,9 @@ public:
     DOSegmentRange Segments() const;
 
     // Check that the segments make up the object; throw 89 with the first rule that fails, and 9 "invalid DO type" for
-    // DO type 255. The two plausibility checks catch sizes and offsets in the wrong byte order; a sub-DO's sizes may
-    // reach 4 GiB - 1.
+    // DO type 255. The segment size times the count wraps at 64 bits. The two plausibility checks catch sizes and
+    // offsets in the wrong byte order; a sub-DO's sizes may reach 4 GiB - 1. checkSegmentList refuses a record whose
+    // bytes are not in the order of IsInNetworkOrder().
     void checkSegmentList() const;
     void checkSegmentSizeEndiannes() const;
     void checkSegmentOffsetEndiannes() const;
@@ -317,7 +321,7 @@ protected:
 
     DORecordHeader* header;
     unsigned long bufferSize;
-    bool networkOrder;
+    mutable bool networkOrder; // ToStream changes it, with the bytes, while it writes
     bool ownsBuffer;
     bool subDO;
     CopyMode copyMode;

@@ -150,9 +150,11 @@ CRRECORD_API cr_status_t DORecordDiagnose(void const* buffer, unsigned long size
 // and the time of the call as ctime; the head's checksum word becomes its CRC. A bloom record keeps its length word and
 // its unique list big-endian. An unknown fingerprint type is taken as 16 bytes wide.
 //
+// The form and the given buffer must not overlap, whether the record fits or not.
+//
 // 0; 65 for a null pointer; 113 for an unknown DO type; 32 for bytes that are not such a form, to the last one; 9 for a
-// record beyond 4 GiB - 1; 22 without memory. On failure both variables are as they were, and the bytes in the given
-// buffer are unspecified.
+// record beyond 4 GiB - 1 and for a form that overlaps the buffer, which then keeps its bytes; 22 without memory. On
+// failure both variables are as they were, and otherwise the bytes in the given buffer are unspecified.
 CRRECORD_API cr_status_t DORecordHeaderDeserialize(DORecordHeader** header, unsigned long* bufferSize,
                                                    void const* serialized, unsigned long serializedSize,
                                                    unsigned int dotype, unsigned char fptype);

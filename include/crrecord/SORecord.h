@@ -61,8 +61,9 @@ public:
     unsigned int GetHeaderSize() const; // always 104
 
     bool IsInNetworkOrder() const;
-    // Convert the buffer in place; nothing happens where it is in that order already. `options` as for
-    // SegmentRecordHton. Throws 9 where counts written through GetHeader would lead out of the buffer.
+    // Convert the buffer in place; nothing happens if it is in that order already. `options` as for SegmentRecordHton.
+    // Throws: CR_STATUS_INVALID if counts that were written through GetHeader lead out of the buffer. A count of one
+    // task id stays inside, and so does any count of task ids that are stripped; a fingerprint does not.
     void HostToNetwork(unsigned int options);
     void NetworkToHost(unsigned int options);
 
@@ -73,7 +74,7 @@ public:
 protected:
     struct Blank {};
     CRRECORD_LOCAL explicit SORecord(Blank);
-    CRRECORD_LOCAL void requireOwnCounts() const;
+    CRRECORD_LOCAL void requireCountsInBuffer(unsigned int options) const;
 
     _SegmentDBRecord* record_;
     bool ownsBuffer_;

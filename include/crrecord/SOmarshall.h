@@ -59,17 +59,19 @@ inline constexpr unsigned int CR_SO_STRIP_TASKIDS = 1;
 
 // Convert a record from host to network order and back. `destination` may be `source` itself; otherwise it has room for
 // the result and doesn't overlap the source, and its crypto mode, reserved byte, key index and spare slot stay as they
-// were. Neither looks whether the record is converted already: a second call converts a second time, over the wrong
-// counts.
+// were. In place, the spare slot of a record that loses task ids is cleared. Neither looks whether the record is
+// converted already: a second call converts a second time, over the wrong counts.
 CRRECORD_API void SegmentRecordHton(_SegmentDBRecord* destination, _SegmentDBRecord const* source,
                                     unsigned int options) noexcept;
 CRRECORD_API void SegmentRecordNtoh(_SegmentDBRecord* destination, _SegmentDBRecord const* source,
                                     unsigned int options) noexcept;
 
 // Writes the serialized form of a record in host order into a new block: 32 bytes of big-endian head, the text of each
-// fingerprint with its NUL, one zero byte. On success 0, with *out (release it with free) and *outLength set. Otherwise
-// *out is null and *outLength untouched: 65 for a null argument (then *out is untouched too); the status of the failed
-// allocation, 22, logged, which also stands for a form that would not fit 32 bits.
+// fingerprint with its NUL, one zero byte.
+// Returns: 0, with *out (release it with free) and *outLength set and errno as it was; CR_STATUS_NULL_ARGUMENT for a
+// null argument; the status of a failed allocation, CR_STATUS_NO_MEMORY, logged, also for a form that does not fit 32
+// bits.
+// On failure: *out is null, unless `out` is, and *outLength is untouched.
 CRRECORD_API cr_status_t SegmentRecordSerialize(_SegmentDBRecord* record, void** out, unsigned long* outLength);
 
 // Options of validation: the record is in network order; it may have no task ids.

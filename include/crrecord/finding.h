@@ -35,7 +35,7 @@ enum cr_finding_code_t : int {
     CR_FINDING_DO_CALCULATED = 208,     // the counts don't add up to the number of bytes given
     CR_FINDING_DO_LIST_COUNT = 209,     // the unique DCID list's count is not the header's
     CR_FINDING_DO_LIST_CHECKSUM = 210,  // the unique DCID list doesn't match its checksum
-    CR_FINDING_SEGMENT_PRODUCT = 211,   // segment size times segments is less than the object
+    CR_FINDING_SEGMENT_PRODUCT = 211,   // segment size times segments, in 64 bits, is less than the object
     CR_FINDING_SEGMENT_SUM = 212,       // the sizes don't add up to the object
     CR_FINDING_SEGMENT_SIZE = 213,      // a segment from 2 GiB on
     CR_FINDING_SEGMENT_OFFSET = 214,    // an offset from 8192 PiB on

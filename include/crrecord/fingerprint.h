@@ -63,6 +63,7 @@ private:
 };
 
 // Starts a computation; a context may be used again, finished or not. 0, or -1.
+// On failure: the context has no computation; a former one is closed.
 CRRECORD_API int CRFPInitialize(crfp_context_t* context, unsigned int fptype) noexcept;
 
 // Feeds `length` bytes; null is allowed for none. 0, or -1.

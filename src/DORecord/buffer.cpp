@@ -57,9 +57,13 @@ RecordLayout DORecord::changeableLayoutUpTo(SectionEnd end) const {
 }
 
 void DORecord::initReferenceSets() {
+    unsigned int const before = getRecSize();
     unsigned int const size = SizeWith(*this, 0);
     setTRefsSize(0);
     setRecSize(size);
+    if (orderMatchesHeader()) {
+        clear(LayoutOf(header).tail, std::max(before, size));
+    }
 }
 
 unsigned int DORecord::calcRecSize() const {

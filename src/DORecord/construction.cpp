@@ -91,13 +91,14 @@ void FillBytes(void* to, void const* from, std::uint64_t count) noexcept {
 }
 
 // Judges the segments on the way. Without any the section is cleared, and nothing is wrong with it.
-SegmentFault CopySegments(DORecordHeader* header, void const* segments, RecordLayout const& layout) noexcept {
+SegmentFault CopySegments(DORecordHeader* header, void const* segments, RecordLayout const& layout,
+                          bool subDO) noexcept {
     unsigned char* const entries = BytesOf(header) + layout.entries;
     if (!segments) {
         FillBytes(entries, nullptr, layout.dcids - layout.entries);
         return {};
     }
-    SegmentListCheck rules(SegmentListOf(header, layout, Order::Host, false));
+    SegmentListCheck rules(SegmentListOf(header, layout, Order::Host, subDO));
     ForEachBlock(layout.segments, [&](std::uint64_t first, std::uint64_t count) {
         std::uint64_t const bytes = count * layout.stride;
         unsigned char const* const from = static_cast<unsigned char const*>(segments) + first * layout.stride;
@@ -124,13 +125,12 @@ struct DORecord::NewRecord {
     RecordCounts counts;
 };
 
-// What a record is before it has a buffer.
+// A record without a buffer and without references. The sub-DO flag stays: callers set it for what is built.
 void DORecord::makeBlank() noexcept {
     header = nullptr;
     bufferSize = 0;
     networkOrder = false;
     ownsBuffer = true;
-    subDO = false;
     copyMode = CopyMode::Own;
     for (tref_set_t& set : trefs) {
         set.clear();
@@ -241,9 +241,8 @@ void DORecord::finish(NewRecord const& values, unsigned char const* list) {
     if (values.counts.nudcid != 0) {
         FillBytes(DORecordHeaderStartUDCID(header), list, UniqueListSize(values.counts.nudcid));
     }
+    // Also clears what is left of the buffer, up to the record size so far, which is the whole buffer's.
     initReferenceSets();
-    // Whatever the buffer held, and a bitmap given for another DO type than the bloom record's, which has no section.
-    clear(LayoutOf(header).tail, getRecSize());
     for (std::uint64_t i = 0; i < values.ntaskIDs; ++i) {
         AddTaskID(Load<std::uint64_t>(values.taskIDs + i));
     }
@@ -284,7 +283,7 @@ void DORecord::init(unsigned long CID, unsigned long size, unsigned long ssize, 
         RecordLayout const layout(values.counts);
         allocate(layout.total, false);
         writeHeader(values);
-        SegmentFault const fault = CopySegments(header, segments, layout);
+        SegmentFault const fault = CopySegments(header, segments, layout, subDO);
         // Behind the entries are the DCIDs, or, in a record without segments, an empty bloom area.
         FillBytes(BytesOf(header) + layout.dcids, nsegments != 0 ? dcids : nullptr, layout.udcids - layout.dcids);
         finish(values, AsBytes(udcidList));

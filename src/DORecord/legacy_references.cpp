@@ -99,7 +99,8 @@ void DORecord::convertToTRefs() {
                                 "Record with both old references and new typed references not supported.", nullptr);
     }
     RecordLayout const before = changeableLayoutUpTo(&RecordLayout::tail);
-    if (references == calcTRefsSize()) {
+    bool const sectionFromSets = references == calcTRefsSize();
+    if (sectionFromSets) {
         writeReferences(before); // the sets are the truth, and the section may never have been written
     }
 
@@ -107,17 +108,21 @@ void DORecord::convertToTRefs() {
     DORecordHeader const formerHeader = *header;
     LegacyArrays arrays(bytes + before.taskIds, bytes + std::min<std::uint64_t>(before.total, bufferSize), taskIds,
                         dsids);
-    std::vector<tref_set_t> formerSets(std::begin(trefs), std::end(trefs));
+    // A section that was written from the sets adds nothing to them.
+    std::vector<tref_set_t> formerSets(std::begin(trefs),
+                                       legacy || !sectionFromSets ? std::end(trefs) : std::begin(trefs));
     // Where memory is wanting halfway, an id that stands in neither place would be lost.
     auto const restore = [&]() noexcept {
         *header = formerHeader;
         std::copy(arrays.Bytes().begin(), arrays.Bytes().end(), BytesOf(header) + before.taskIds);
-        std::swap_ranges(std::begin(trefs), std::end(trefs), formerSets.begin());
+        std::swap_ranges(formerSets.begin(), formerSets.end(), std::begin(trefs));
     };
     try {
         header->ntaskid = 0;
         header->nds = 0;
-        initReferenceSets();
+        // Unlike initReferenceSets, this keeps the section, which is loaded next.
+        setTRefsSize(0);
+        setRecSize(calcRecSize());
         unsigned int const mtime = header->mtime;
         AddSerializedTRefs(reinterpret_cast<char const*>(bytes + before.trefs), references);
         header->mtime = mtime;

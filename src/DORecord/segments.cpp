@@ -122,7 +122,7 @@ void DORecord::checkSegmentList() const {
     if (header && GetDOType() == CR_DO_TYPE_INVALID) {
         Refuse("invalid DO type");
     }
-    RecordLayout const layout = checkedLayout(&RecordLayout::dcids);
+    RecordLayout const layout = changeableLayoutUpTo(&RecordLayout::dcids);
     ThrowIfFaulty(CheckSegments(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
 }
 

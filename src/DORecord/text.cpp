@@ -84,7 +84,7 @@ void DORecord::writeText(std::ostream& stream) const {
     text.Flush();
 }
 
-// The bytes are written in host order. Whatever fails, bytes and order are as before.
+// The bytes are written in host order. Bytes and order are as before afterwards, also if the stream throws.
 void DORecord::writeBytes(std::ostream& stream) const {
     // Turning there and back walks the record by what it finds in either order.
     SectionEnd const end = networkOrder       ? &RecordLayout::total
@@ -96,19 +96,25 @@ void DORecord::writeBytes(std::ostream& stream) const {
     }
     unsigned int const size = getRecSize();
     writeReferences(layout);
-    auto const turnIfNetwork = [this]() noexcept {
-        if (networkOrder) {
-            DORecordHeaderNtoh(header);
+    bool const wasInNetworkOrder = networkOrder;
+    auto const restore = [&]() noexcept {
+        if (wasInNetworkOrder) {
+            networkOrder = true;
+            DORecordHeaderHton(header);
         }
     };
-    turnIfNetwork();
+    if (wasInNetworkOrder) {
+        // Flag and bytes together: the stream's buffer may be code that reads the record.
+        networkOrder = false;
+        DORecordHeaderNtoh(header);
+    }
     try {
         stream.write(reinterpret_cast<char const*>(header), size);
     } catch (...) {
-        turnIfNetwork();
+        restore();
         throw;
     }
-    turnIfNetwork();
+    restore();
 }
 
 std::ostream& DORecord::ToStream(std::ostream& stream, bool binary) const {

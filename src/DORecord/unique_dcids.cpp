@@ -204,10 +204,10 @@ cr_status_t DORecord::GetUDCIDSizeList(cr_dcid_size_map_t& sizes) const {
         }
         sizes.try_emplace(own, GetDOSize());
     } catch (...) {
-        cr_status_t& lastStatus = *__cr_errno_location();
-        lastStatus = CR_STATUS_NO_MEMORY;
-        ErrorA(lastStatus, "%s: failed to construct SO info vector, out of memory.", kGetSizes);
-        return lastStatus;
+        // Stored before the log call and again after it, because a sink may read the last status and may change it.
+        *__cr_errno_location() = CR_STATUS_NO_MEMORY;
+        ErrorA(CR_STATUS_NO_MEMORY, "%s: failed to construct SO info vector, out of memory.", kGetSizes);
+        return *__cr_errno_location() = CR_STATUS_NO_MEMORY;
     }
     return CR_STATUS_OK;
 }

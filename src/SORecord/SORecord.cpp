@@ -204,16 +204,20 @@ bool SORecord::IsInNetworkOrder() const {
     return networkOrder_;
 }
 
-// The counts of a record of 104 bytes are 0. Others, written through GetHeader, would lead the conversion astray.
-void SORecord::requireOwnCounts() const {
-    if (record_->ntaskids != 0 || record_->nfp != 0) {
+// A conversion must not leave the buffer for counts that were written through GetHeader: task ids and fingerprints have
+// the size of the spare slot, task ids that are stripped are not read, and a single fingerprint is too large.
+void SORecord::requireCountsInBuffer(unsigned int options) const {
+    bool const strip = (options & CR_SO_STRIP_TASKIDS) != 0;
+    std::uint32_t const taskIds = strip ? 0 : InOrder(record_->ntaskids, networkOrder_);
+    std::uint32_t const nfp = InOrder(record_->nfp, networkOrder_);
+    if (segment::RecordSize(taskIds, nfp, record_->fptype) > CR_SO_RECORD_SIZE + segment::kSpareSize) {
         Refuse();
     }
 }
 
 void SORecord::HostToNetwork(unsigned int options) {
     if (!networkOrder_) {
-        requireOwnCounts();
+        requireCountsInBuffer(options);
         networkOrder_ = true;
         SegmentRecordHton(record_, record_, options);
     }
@@ -221,7 +225,7 @@ void SORecord::HostToNetwork(unsigned int options) {
 
 void SORecord::NetworkToHost(unsigned int options) {
     if (networkOrder_) {
-        requireOwnCounts();
+        requireCountsInBuffer(options);
         networkOrder_ = false;
         SegmentRecordNtoh(record_, record_, options);
     }

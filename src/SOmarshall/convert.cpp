@@ -14,6 +14,9 @@ void SwapTaskIds(unsigned char* to, unsigned char const* from, std::uint32_t cou
 
 void copyDO(_SegmentDBRecord* destination, _SegmentDBRecord const* source, std::uint32_t destinationTaskIds,
             std::uint32_t sourceTaskIds, std::uint32_t nfp) noexcept {
+    if (nfp == 0) {
+        return; // the task ids of an SORecord may claim to end outside its buffer
+    }
     unsigned char* const to = BytesOf(destination) + FingerprintOffset(destinationTaskIds);
     unsigned char const* const from = BytesOf(source) + FingerprintOffset(sourceTaskIds);
     if (to != from) {
@@ -39,16 +42,20 @@ void Convert(_SegmentDBRecord* destination, _SegmentDBRecord const* source, unsi
     std::uint32_t const taskIds = Load<std::uint32_t>(&source->ntaskids, sourceOrder);
     std::uint32_t const nfp = Load<std::uint32_t>(&source->nfp, sourceOrder);
     bool const strip = (options & CR_SO_STRIP_TASKIDS) != 0;
+    std::uint64_t const strippedSize = RecordSize(0, nfp, source->fptype);
 
     ConvertFields(BytesOf(destination), BytesOf(source));
     if (strip) {
-        auto const size = static_cast<std::uint32_t>(RecordSize(0, nfp, source->fptype));
         Store(&destination->ntaskids, std::uint32_t{0});
-        Store(&destination->recsize, size, Other(sourceOrder));
+        Store(&destination->recsize, static_cast<std::uint32_t>(strippedSize), Other(sourceOrder));
     } else {
         SwapTaskIds(BytesOf(destination) + CR_SO_FIXED_SIZE, BytesOf(source) + CR_SO_FIXED_SIZE, taskIds);
     }
     copyDO(destination, source, strip ? 0 : taskIds, taskIds, nfp);
+    if (strip && taskIds != 0 && destination == source) {
+        // The slot has moved to where task ids or fingerprints were. A separate destination keeps its own.
+        std::memset(BytesOf(destination) + strippedSize - kSpareSize, 0, kSpareSize);
+    }
 }
 
 } // namespace

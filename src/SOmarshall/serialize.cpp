@@ -47,6 +47,9 @@ void WriteFingerprints(unsigned char* to, _SegmentDBRecord const& record) noexce
 cr_status_t SegmentRecordSerialize(_SegmentDBRecord* record, void** out, unsigned long* outLength) {
     using namespace crrecord;
     if (!record || !out || !outLength) {
+        if (out) {
+            *out = nullptr;
+        }
         return CR_STATUS_NULL_ARGUMENT;
     }
     std::uint64_t const total =

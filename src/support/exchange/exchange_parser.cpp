@@ -77,6 +77,13 @@ bool Build(Form const& form, DORecordHeader* header, RecordLayout const& layout,
     return ReadSegments(form, header, layout, subDO, fault);
 }
 
+// Whether two blocks, the first of which may be empty, have a byte in common.
+bool Overlap(void const* a, std::uint64_t aSize, void const* b, std::uint64_t bSize) noexcept {
+    auto const from = reinterpret_cast<std::uintptr_t>(a);
+    auto const to = reinterpret_cast<std::uintptr_t>(b);
+    return from <= to ? to - from < aSize : aSize != 0 && from - to < bSize;
+}
+
 } // namespace
 
 cr_status_t Parse(Form form, bool subDO, DORecordHeader** header, unsigned long* bufferSize,
@@ -91,7 +98,7 @@ cr_status_t Parse(Form form, bool subDO, DORecordHeader** header, unsigned long*
         return CR_STATUS_CORRUPT_RECORD;
     }
     RecordLayout const layout(form.counts);
-    if (layout.total > kLargestRecord) {
+    if (layout.total > kLargestRecord || (*header && Overlap(*header, *bufferSize, form.bytes, form.size))) {
         return CR_STATUS_INVALID;
     }
     bool const fits = *header && *bufferSize >= layout.total;

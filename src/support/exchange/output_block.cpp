@@ -6,10 +6,12 @@ namespace crrecord {
 
 cr_status_t AllocateOutput(SerializerSite const& site, std::uint64_t size, std::uint64_t limit, void** out,
                            void* (*allocate)(std::uint64_t)) noexcept {
-    // An allocator may fail without setting errno; then nothing older may speak for it.
+    // An allocator may fail without setting errno; a stale value must not be reported then.
+    int const former = errno;
     errno = ENOMEM;
     *out = size <= limit ? allocate(size) : nullptr;
     if (*out) {
+        errno = former;
         return CR_STATUS_OK;
     }
     cr_status_t const status = _crMapError(site.function, site.source, site.line);

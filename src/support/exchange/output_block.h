@@ -16,8 +16,8 @@ struct SerializerSite {
     int line;
 };
 
-// Sets *out to `size` bytes of `allocate` (memory.h). Where they are not to be had, or are more than `limit`: *out is
-// null, the failure is logged, and its status returned.
+// Sets *out to `size` bytes of `allocate` (memory.h), and leaves errno alone.
+// On failure, or if `size` is above `limit`: sets *out to null, logs the failure and returns its status.
 cr_status_t AllocateOutput(SerializerSite const& site, std::uint64_t size, std::uint64_t limit, void** out,
                            void* (*allocate)(std::uint64_t)) noexcept;
 

@@ -78,6 +78,9 @@ struct FingerprintComputation {
 
     static cr_status_t Open(crfp_context_t& context, unsigned int fptype) noexcept {
         context.state_ = State::Idle;
+        if (!CRFPTypeIsValid(fptype)) {
+            return CR_STATUS_INVALID_FP_TYPE;
+        }
         EVP_MD const* algorithm = nullptr;
         cr_status_t const fetched = RunCryptoStep([&] { return (algorithm = AlgorithmOf(fptype).Get()) != nullptr; });
         if (fetched != CR_STATUS_OK) {
@@ -144,9 +147,6 @@ int CRFPTypeIsValid(unsigned int fptype) noexcept {
 int CRFPInitialize(crfp_context_t* context, unsigned int fptype) noexcept {
     if (!context) {
         return Fail(CR_STATUS_INVALID);
-    }
-    if (!CRFPTypeIsValid(fptype)) {
-        return Fail(CR_STATUS_INVALID_FP_TYPE);
     }
     cr_status_t const status = FingerprintComputation::Open(*context, fptype);
     return status == CR_STATUS_OK ? 0 : Fail(status);

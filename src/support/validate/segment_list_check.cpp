@@ -125,11 +125,9 @@ SegmentFault SegmentListCheck::Fault() const noexcept {
 }
 
 SegmentFault SegmentListCheck::ProductFault() const noexcept {
-    std::uint64_t product = 0;
-    // One beyond 64 bits is beyond the size of every object.
-    bool const fits = !__builtin_mul_overflow(list_.ssize, list_.count, &product);
-    return fits && list_.objectSize > product ? SegmentFault{SegmentRule::Product, 0, product, list_.objectSize}
-                                              : SegmentFault{};
+    std::uint64_t const product = list_.ssize * list_.count; // wraps
+    return list_.objectSize > product ? SegmentFault{SegmentRule::Product, 0, product, list_.objectSize}
+                                      : SegmentFault{};
 }
 
 SegmentFault SegmentListCheck::SumFault() const noexcept {

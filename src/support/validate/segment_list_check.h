@@ -8,7 +8,7 @@ namespace crrecord {
 
 enum class SegmentRule {
     None,    // every rule is kept
-    Product, // types 0 and 1: segment size times count is less than the object
+    Product, // types 0 and 1: segment size times count, which wraps at 64 bits, is less than the object
     Sum,     // types 2 and 5: the sizes do not add up to the object
     Size,    // a size from 2 GiB on
     Offset,  // an offset from 8192 PiB on
