@@ -25,9 +25,10 @@ struct Tally {
 void PrintSummary(Output& out, std::string const& name, Tally const& tally) {
     out.Print("{}: {}, {}: ", Printable(name), Counted(tally.records, "record"), Counted(tally.bytes, "byte"));
     if (tally.bad == 0) {
-        out.Write(out.Paint("all valid", Colour::Good));
+        out.Paint("all valid", Colour::Good);
     } else {
-        out.Print("{}, {} valid", out.Paint(fmt::format("{} bad", tally.bad), Colour::Bad), tally.records - tally.bad);
+        out.Paint(fmt::format("{} bad", tally.bad), Colour::Bad);
+        out.Print(", {} valid", tally.records - tally.bad);
     }
     if (tally.notes != 0) {
         out.Print(", {}", Counted(tally.notes, "note"));
@@ -55,7 +56,7 @@ ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Out
             continue;
         }
         for (Finding const& finding : findings) {
-            out.Print("{}\n", out.Paint(Printable(Describe(stream.Name(), *record, finding)), ColourOf(finding)));
+            out.PaintLine(Printable(Describe(stream.Name(), *record, finding)), ColourOf(finding));
         }
     }
     if (!options.json && !options.quiet) {
