@@ -231,8 +231,8 @@ ExitCode Diff(DiffOptions const& options, Output& out) {
 void AddDiff(CLI::App& app, Action& chosen) {
     auto const options = std::make_shared<DiffOptions>();
     CLI::App* const verb = app.add_subcommand("diff", "Say in what two DO records differ");
-    verb->add_option("A", options->a, "A DO record; - is standard input")->required()->type_name("");
-    verb->add_option("B", options->b, "The DO record that it is compared with")->required()->type_name("");
+    AddFile(*verb, "A", options->a, "A DO record; - is standard input")->required();
+    AddFile(*verb, "B", options->b, "The DO record that it is compared with")->required();
     verb->add_flag("--segments", options->segments, "Name each segment that differs");
     verb->add_flag("--json", options->json, "One JSON object");
     AddFormOptions(*verb, options->form);

@@ -70,8 +70,7 @@ ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Out
 void AddValidate(CLI::App& app, Action& chosen) {
     auto const options = std::make_shared<ValidateOptions>();
     CLI::App* const verb = app.add_subcommand("validate", "Say what is wrong, and what is odd, with each record");
-    verb->add_option("FILE", options->files, "Files of records, one behind the other; - is standard input")
-        ->type_name("");
+    AddFiles(*verb, options->files);
     verb->add_flag("--first", options->firstOnly, "Only the first error of each record, and no notes");
     auto* const json = verb->add_flag("--json", options->json, "One JSON object a line for each record");
     verb->add_flag("--quiet", options->quiet, "No output: the exit status says it")->excludes(json);
