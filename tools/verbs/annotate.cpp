@@ -42,7 +42,7 @@ ExitCode AnnotateInput(RecordStream& stream, Rows rows) {
 
 ExitCode ReadBackFile(AnnotateOptions const& options, Output& out) {
     RefuseToReplace({options.text}, options.out, "bytes");
-    RecordStream text(options.text);
+    Input text(options.text);
     OutputFile to(options.out);
     try {
         std::uint64_t const size = ReadBack(text, to);
