@@ -14,10 +14,10 @@ using crrecord::Order;
 
 void ReadBackFrom(Block const& text, Bytes bytes) {
     static NamedBytes const file;
-    RecordStream stream(file.Holding(text.data(), text.size()));
+    Input input(file.Holding(text.data(), text.size()));
     OutputFile to("/dev/null");
     try {
-        Must(ReadBack(stream, to) == bytes.size(), "size that was read back");
+        Must(ReadBack(input, to) == bytes.size(), "size that was read back");
     } catch (BadText const& bad) {
         Must(bytes.empty(), bad.what()); // the text of no bytes is rejected
     }

@@ -53,7 +53,23 @@ ExitCode EndParsing(CLI::App& app, CLI::ParseError const& error, Output& out) {
                   " (try: " + Chosen(app) + " --help)");
 }
 
+// Keeps arguments as they are where the parser takes them for something else.
+void TakeLiterally(int argc, char** argv) {
+    static char sameFile[] = "./++";
+    for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; ++i) {
+        std::string_view const argument = argv[i];
+        if (argument == "++") {
+            argv[i] = sameFile; // of a file; "++" would end the verb
+        }
+        // The next argument would become the value.
+        if (argument.starts_with("--") && argument.find('=') == argument.size() - 1) {
+            throw Failure(std::string(argument) + ": expected a value after the =");
+        }
+    }
+}
+
 ExitCode Run(int argc, char** argv) {
+    TakeLiterally(argc, argv);
     Output out(STDOUT_FILENO, "standard output");
     Action chosen;
     CLI::App app;

@@ -1,9 +1,13 @@
 #include "anatomy/read_back.h"
 
 #include "io/failure.h"
+#include "io/progress.h"
 
 #include <array>
 #include <charconv>
+#include <cstring>
+#include <optional>
+#include <span>
 #include <vector>
 
 #include <fmt/format.h>
@@ -25,14 +29,15 @@ constexpr auto kValues = [] {
     return table;
 }();
 
+constexpr std::size_t kLongestLine = 64UL * 1024;
+
 class Reader {
 public:
-    Reader(RecordStream& text, OutputFile& to) : text_(text), to_(to) {}
+    Reader(Input& text, OutputFile& to) : text_(text), to_(to), progress_(text.Name(), text.ExpectedSize()) {}
 
     std::uint64_t Read() {
-        while (Line const* const next = text_.NextLine()) {
-            number_ = next->number;
-            std::string_view line = next->text;
+        while (std::optional<std::string_view> const next = NextLine()) {
+            std::string_view line = *next;
             line.remove_suffix(line.ends_with('\r') ? 1 : 0);
             if (!line.empty() && std::string_view("#! ").find(line.front()) == std::string_view::npos) {
                 ReadBytes(ReadOffset(line));
@@ -46,6 +51,36 @@ public:
     }
 
 private:
+    // The next line without its end; none at the end of the text. The line is valid until the next call.
+    std::optional<std::string_view> NextLine() {
+        ++number_;
+        std::size_t end = rest_.find('\n');
+        if (end == std::string_view::npos) {
+            Fill();
+            end = rest_.find('\n');
+        }
+        if (end == std::string_view::npos && rest_.empty()) {
+            return std::nullopt;
+        }
+        if (end == std::string_view::npos && rest_.size() == block_.size()) {
+            throw InputFailure(fmt::format("{}: line {} has more than {} bytes", text_.Name(), number_, kLongestLine));
+        }
+        std::string_view const line = rest_.substr(0, end);
+        rest_.remove_prefix(std::min(line.size() + 1, rest_.size()));
+        return line;
+    }
+
+    // Moves the rest to the start of the block and reads until the block is full or the text ends.
+    void Fill() {
+        std::memmove(block_.data(), rest_.data(), rest_.size());
+        std::size_t size = rest_.size();
+        while (std::size_t const count = text_.Read(std::span(block_).subspan(size))) {
+            size += count;
+            progress_.At(read_ += count);
+        }
+        rest_ = {reinterpret_cast<char const*>(block_.data()), size};
+    }
+
     // What is behind the offset.
     std::string_view ReadOffset(std::string_view line) const {
         std::uint64_t offset = 0;
@@ -87,8 +122,12 @@ private:
                                   Printable(found.substr(0, 20))));
     }
 
-    RecordStream& text_;
+    Input& text_;
     OutputFile& to_;
+    Progress progress_;
+    std::vector<unsigned char> block_ = std::vector<unsigned char>(kLongestLine + 1);
+    std::string_view rest_ = {reinterpret_cast<char const*>(block_.data()), 0}; // read and not yet used
+    std::uint64_t read_ = 0;
     std::uint64_t number_ = 0; // of the line
     std::uint64_t at_ = 0;
     std::vector<unsigned char> bytes_;
@@ -96,7 +135,7 @@ private:
 
 } // namespace
 
-std::uint64_t ReadBack(RecordStream& text, OutputFile& to) {
+std::uint64_t ReadBack(Input& text, OutputFile& to) {
     return Reader(text, to).Read();
 }
 

@@ -2,8 +2,8 @@
 
 #pragma once
 
+#include "io/input.h"
 #include "io/output.h"
-#include "io/record_stream.h"
 
 #include <stdexcept>
 
@@ -15,9 +15,12 @@ struct BadText : std::runtime_error {
 };
 
 // Writes the bytes of the lines that have some: an offset, two blanks, bytes of two digits with a blank between them,
-// and then two blanks or the line's end. Each line goes on where the one in front of it ended, the first one at 0.
-// Lines that are empty or begin with '#', '!' or a blank have no bytes. Returns the bytes written, at least one. Throws
-// BadText, and InputFailure and Failure.
-std::uint64_t ReadBack(RecordStream& text, OutputFile& to);
+// and then two blanks or the line's end. Each line continues where the line before it ended, the first one at 0.
+// Lines that are empty or begin with '#', '!' or a blank have no bytes.
+//
+// Returns: the bytes written, at least one.
+// Throws: BadText; InputFailure, also for a line of more than 64 KiB; Failure.
+// Memory: two blocks of the length of the longest line.
+std::uint64_t ReadBack(Input& text, OutputFile& to);
 
 } // namespace crrecord::tool

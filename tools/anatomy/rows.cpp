@@ -124,7 +124,8 @@ void TextRows::AddFinding() {
     std::string const text = fmt::format("{} {} {} in {}: found {}, expected {}: {}", finding.code,
                                          CRFindingName(finding.code), NameOfSeverity(finding.severity), finding.field,
                                          finding.found, finding.expected, Printable(finding.message));
-    out_.Print(" {}\n", out_.Paint(text, ColourOf(finding)));
+    out_.Write(" ");
+    out_.PaintLine(text, ColourOf(finding));
     findings_ = findings_.subspan(1);
 }
 

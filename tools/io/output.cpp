@@ -3,10 +3,12 @@
 #include "io/failure.h"
 #include "io/progress.h"
 
+#include <array>
 #include <climits>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <span>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -75,7 +77,34 @@ void RemoveUnfinishedOutput() noexcept {
     }
 }
 
+void Output::MakeReady() {
+    if (terminal_ || file_ == STDERR_FILENO) {
+        MakePrintable(std::span(buffer_.data(), buffer_.size()).subspan(ready_));
+    }
+    ready_ = buffer_.size();
+}
+
+void Output::WriteSequence(std::string_view sequence) {
+    MakeReady();
+    buffer_.append(sequence);
+    ready_ = buffer_.size();
+}
+
+void Output::Paint(std::string_view text, Colour colour) {
+    constexpr std::array<std::string_view, 4> kStarts{"\033[32m", "\033[33m", "\033[31m", "\033[1m"};
+    if (!coloured_) {
+        Write(text);
+        return;
+    }
+    WriteSequence(kStarts.at(static_cast<std::size_t>(colour)));
+    buffer_.append(text);
+    WriteSequence("\033[0m");
+    FlushWhenFull();
+}
+
 void Output::Flush() {
+    MakeReady();
+    ready_ = 0;
     if (terminal_) {
         Progress::Wipe();
     }

@@ -16,7 +16,8 @@
 namespace crrecord::tool {
 
 // Collects output for a file descriptor, which stays the caller's. What is not flushed is lost: the destructor could
-// not report that writing failed.
+// not report that writing failed. A terminal, and standard error, gets no unsafe character of what is written, whatever
+// it is and by whichever function: each of its bytes becomes '?'.
 class Output {
 public:
     Output(int file, std::string name)
@@ -37,8 +38,12 @@ public:
 
     bool IsTerminal() const { return terminal_; }
 
-    // The text in a colour, where the output is a terminal.
-    std::string Paint(std::string_view text, Colour colour) const { return Painted(text, colour, coloured_); }
+    // Writes the text, in a colour if the output is a terminal that takes colours.
+    void Paint(std::string_view text, Colour colour);
+    void PaintLine(std::string_view text, Colour colour) {
+        Paint(text, colour);
+        Write("\n");
+    }
 
     // For text that is put together in place; FlushWhenFull afterwards.
     fmt::memory_buffer& Buffer() { return buffer_; }
@@ -63,7 +68,12 @@ private:
     bool terminal_;
     bool coloured_;
     fmt::memory_buffer buffer_;
+    std::size_t ready_ = 0; // bytes of the buffer that are as they will be written
     std::uint64_t flushed_ = 0;
+
+    // Replaces unsafe characters of what was written since the last call.
+    void MakeReady();
+    void WriteSequence(std::string_view sequence);
 };
 
 // Removes the temporary file of an output that is not complete, where there is one. For signal handlers too.

@@ -1,4 +1,4 @@
-// A line on the terminal that tells how far long work has come.
+// A line on the terminal that shows the progress of long work.
 
 #pragma once
 
@@ -9,16 +9,20 @@
 
 namespace crrecord::tool {
 
-// Draws a bar on standard error, only where that is a terminal, for work that lasts; wipes it when the work is over.
+// Draws the line on standard error if that is a terminal that takes control sequences, for work that lasts; wipes it
+// when the work is over.
 class Progress {
 public:
-    // `total` is 0 where it is not known.
+    // `total` is 0 if it is not known.
     Progress(std::string_view what, std::uint64_t total);
     ~Progress() { Wipe(); }
     Progress(Progress const&) = delete;
     Progress& operator=(Progress const&) = delete;
 
     void At(std::uint64_t bytes);
+
+    // No progress is drawn from now on.
+    static void Disable();
 
     // Takes the bar that is drawn, if one is, out of the way of other lines.
     static void Wipe();
@@ -28,7 +32,7 @@ private:
 
     std::string what_;
     std::uint64_t total_;
-    bool terminal_;
+    bool shown_;
     Clock::time_point start_ = Clock::now();
     Clock::time_point last_ = start_;
 };

@@ -9,11 +9,35 @@
 
 namespace crrecord::tool {
 
+void MakePrintable(std::span<char> lines) {
+    char* at = lines.data();
+    ForEachCharacter({lines.data(), lines.size()}, [&at](std::uint32_t character, std::string_view bytes) {
+        if (IsUnsafe(character) && character != '\n') {
+            std::fill_n(at, bytes.size(), '?');
+        }
+        at += bytes.size();
+    });
+}
+
 std::string Printable(std::string_view text) {
     std::string shown(text);
-    std::replace_if(
-        shown.begin(), shown.end(), [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; }, '?');
+    MakePrintable(shown);
+    std::replace(shown.begin(), shown.end(), '\n', '?');
     return shown;
+}
+
+std::string JsonQuoted(std::string_view text) {
+    std::string quoted = "\"";
+    ForEachCharacter(text, [&quoted](std::uint32_t character, std::string_view bytes) {
+        if (character == kNotUtf8) {
+            quoted += "\uFFFD";
+        } else if (IsUnsafe(character)) {
+            quoted += fmt::format("\\u{:04x}", character);
+        } else {
+            quoted.append(character == '"' || character == '\\' ? "\\" : "").append(bytes);
+        }
+    });
+    return quoted += '"';
 }
 
 std::string Counted(std::uint64_t count, std::string_view noun) {
@@ -40,17 +64,14 @@ std::string WithUnit(std::uint64_t bytes) {
     return rounded == exact ? exact : fmt::format("{} ({})", exact, rounded);
 }
 
-std::string Painted(std::string_view text, Colour colour, bool coloured) {
-    constexpr std::array kCodes{"32", "33", "31", "1"};
-    return coloured ? fmt::format("\033[{}m{}\033[0m", kCodes[static_cast<std::size_t>(colour)], text)
-                    : std::string(text);
+bool TakesSequences(int file) {
+    char const* const terminal = std::getenv("TERM");
+    return ::isatty(file) == 1 && terminal != nullptr && std::string_view(terminal) != "dumb";
 }
 
 bool TakesColours(int file) {
     char const* const refused = std::getenv("NO_COLOR");
-    char const* const terminal = std::getenv("TERM");
-    return ::isatty(file) == 1 && (refused == nullptr || *refused == '\0') && terminal != nullptr &&
-           std::string_view(terminal) != "dumb";
+    return TakesSequences(file) && (refused == nullptr || *refused == '\0');
 }
 
 } // namespace crrecord::tool

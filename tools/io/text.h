@@ -1,15 +1,53 @@
-// Text for people.
+// Text for people and for programs.
 
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
+#include <boost/locale/utf.hpp>
+
 namespace crrecord::tool {
 
-// Text that stays on its line and leaves the terminal alone: control characters become '?'.
+// Stands for a byte that is not part of a UTF-8 character.
+inline constexpr std::uint32_t kNotUtf8 = boost::locale::utf::illegal;
+
+// Calls use(character, bytes) for each character of UTF-8 text, and use(kNotUtf8, byte) for each other byte.
+template <class Use>
+void ForEachCharacter(std::string_view text, Use use) {
+    while (!text.empty()) {
+        char const* next = text.data();
+        std::uint32_t character = boost::locale::utf::utf_traits<char>::decode(next, text.data() + text.size());
+        auto size = static_cast<std::size_t>(next - text.data());
+        if (!boost::locale::utf::is_valid_codepoint(character)) {
+            character = kNotUtf8;
+            size = 1;
+        }
+        use(character, text.substr(0, size));
+        text.remove_prefix(size);
+    }
+}
+
+// Returns: true for what may change how other text is shown: control characters (C0, DEL and C1), line and paragraph
+// separators, characters that set the direction of text, and kNotUtf8.
+constexpr bool IsUnsafe(std::uint32_t character) noexcept {
+    auto const isIn = [character](std::uint32_t first, std::uint32_t last) {
+        return character >= first && character <= last;
+    };
+    return isIn(0, 0x1f) || isIn(0x7f, 0x9f) || character == 0x61c || isIn(0x200e, 0x200f) || isIn(0x2028, 0x202e) ||
+           isIn(0x2066, 0x2069) || character == kNotUtf8;
+}
+
+// Replaces each byte of an unsafe character, except for line feeds, by '?'.
+void MakePrintable(std::span<char> lines);
+
+// The same for text that stays on its line: line feeds become '?' too.
 std::string Printable(std::string_view text);
+
+// A JSON string, quotes included. Unsafe characters are escaped; each byte that is not UTF-8 becomes U+FFFD.
+std::string JsonQuoted(std::string_view text);
 
 // "1 record", "2 records".
 std::string Counted(std::uint64_t count, std::string_view noun);
@@ -17,16 +55,16 @@ std::string Counted(std::uint64_t count, std::string_view noun);
 // A number of bytes in the largest binary unit of which there is one: "512 bytes", "1.5 MiB".
 std::string InUnits(std::uint64_t bytes);
 
-// The same behind the number itself: "512 bytes", "1572864 bytes (1.5 MiB)".
+// The number itself, and in a unit if that differs: "512 bytes", "1572864 bytes (1.5 MiB)".
 std::string WithUnit(std::uint64_t bytes);
 
 // Colours only help the eye; every text says without them what it says.
 enum class Colour { Good, Warning, Bad, Heading };
 
-// The text in a colour where `coloured` says so.
-std::string Painted(std::string_view text, Colour colour, bool coloured);
+// Returns: true if the file is a terminal that takes control sequences: TERM is set, and not "dumb".
+bool TakesSequences(int file);
 
-// Whether output on this file may be coloured: it is a terminal that knows colours, and NO_COLOR is not set.
+// Returns: true if output on this file may be coloured: it takes control sequences, and NO_COLOR is not set.
 bool TakesColours(int file);
 
 } // namespace crrecord::tool

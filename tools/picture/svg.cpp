@@ -1,9 +1,6 @@
 #include "picture/svg.h"
 
-#include "io/failure.h"
-#include "record/record_findings.h"
-
-#include <nlohmann/json.hpp>
+#include "io/text.h"
 
 namespace crrecord::tool {
 
@@ -45,15 +42,19 @@ std::string Picture::Finish(std::string_view name) const {
 
 std::string XmlEscaped(std::string_view text) {
     std::string escaped;
-    for (char const character : Printable(nlohmann::json::parse(JsonQuoted(text)).get<std::string>())) {
+    ForEachCharacter(text, [&escaped](std::uint32_t character, std::string_view bytes) {
         switch (character) {
         case '&': escaped += "&amp;"; break;
         case '<': escaped += "&lt;"; break;
         case '>': escaped += "&gt;"; break;
         case '"': escaped += "&quot;"; break;
-        default: escaped += character;
+        case kNotUtf8: escaped += "\uFFFD"; break;
+        // XML does not allow these two, and no escape for them either.
+        case 0xfffe:
+        case 0xffff: escaped += '?'; break;
+        default: escaped += IsUnsafe(character) ? "?" : bytes;
         }
-    }
+    });
     return escaped;
 }
 

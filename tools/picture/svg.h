@@ -38,7 +38,8 @@ private:
     double top_ = kMargin;
 };
 
-// For character data and attributes. Control characters become '?', what is no UTF-8 becomes U+FFFD.
+// For character data and attributes. Unsafe characters, U+FFFE and U+FFFF become '?'; each byte that is not UTF-8
+// becomes U+FFFD.
 std::string XmlEscaped(std::string_view text);
 
 // 1 234 567, with spaces that don't break.

@@ -7,7 +7,6 @@
 #include <crrecord/finding.h>
 
 #include <fmt/compile.h>
-#include <nlohmann/json.hpp>
 
 namespace crrecord::tool {
 
@@ -137,10 +136,6 @@ void AppendJsonFindingsLine(fmt::memory_buffer& to, std::string_view quotedFile,
     AppendJsonStart(to, quotedFile, record, valid);
     AppendJsonFindings(to, findings);
     to.append(std::string_view("}\n"));
-}
-
-std::string JsonQuoted(std::string_view text) {
-    return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 } // namespace crrecord::tool

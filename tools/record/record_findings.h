@@ -53,7 +53,4 @@ void AppendJsonFindings(fmt::memory_buffer& to, std::vector<Finding> const& find
 void AppendJsonFindingsLine(fmt::memory_buffer& to, std::string_view quotedFile, Record const& record, bool valid,
                             std::vector<Finding> const& findings);
 
-// A JSON string, quotes included. What is not UTF-8 becomes U+FFFD.
-std::string JsonQuoted(std::string_view text);
-
 } // namespace crrecord::tool

@@ -56,7 +56,7 @@ void PrintSegmentHeading(Output& out, bool showKey) {
     if (showKey) {
         heading += fmt::format(kKeyColumn, "key");
     }
-    out.Print("{}\n", out.Paint(heading + "fingerprint", Colour::Heading));
+    out.PaintLine(heading + "fingerprint", Colour::Heading);
 }
 
 void AppendSegmentRow(fmt::memory_buffer& to, Record const& record, bool showKey) {

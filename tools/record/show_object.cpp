@@ -25,7 +25,7 @@ constexpr char const* kDotypeNames[] = {"fingerprints of segments of one size (o
 static_assert(std::size(kDotypeNames) == CR_DO_TYPE_LAST + 1);
 
 void PrintHeading(Output& out, std::string_view text) {
-    out.Print("{}\n", out.Paint(text, Colour::Heading));
+    out.PaintLine(text, Colour::Heading);
 }
 
 void PrintHeader(Output& out, Record const& record, DORecordView const& view) {

@@ -42,7 +42,7 @@ ExitCode AnnotateInput(RecordStream& stream, Rows rows) {
 
 ExitCode ReadBackFile(AnnotateOptions const& options, Output& out) {
     RefuseToReplace({options.text}, options.out, "bytes");
-    RecordStream text(options.text);
+    Input text(options.text);
     OutputFile to(options.out);
     try {
         std::uint64_t const size = ReadBack(text, to);
@@ -70,17 +70,14 @@ ExitCode Annotate(AnnotateOptions const& options, Output& out) {
 void AddAnnotate(CLI::App& app, Action& chosen) {
     auto const options = std::make_shared<AnnotateOptions>();
     CLI::App* const verb = app.add_subcommand("annotate", "Say of every byte what it is, of broken records too");
-    auto* const files =
-        verb->add_option("FILE", options->files, "Files of records, one behind the other; - is standard input")
-            ->type_name("");
+    auto* const files = AddFiles(*verb, options->files);
     auto* const json = verb->add_flag("--json", options->json, "One JSON object a line for each record");
     AddFormOptions(*verb, options->form);
-    auto* const reverse =
-        verb->add_option("--reverse", options->text,
-                         "Write the bytes of what annotate printed of one file, or of it after an edit")
-            ->type_name("TEXT");
+    auto* const reverse = AddFile(*verb, "--reverse", options->text,
+                                  "Write the bytes of what annotate printed of one file, or of it after an edit")
+                              ->type_name("TEXT");
     auto* const written =
-        verb->add_option("-o,--out", options->out, "The file that --reverse writes; - is standard output")
+        AddFile(*verb, "-o,--out", options->out, "The file that --reverse writes; - is standard output")
             ->type_name("OUT")
             ->needs(reverse);
     reverse->needs(written)->excludes(files)->excludes(json)->excludes(verb->get_option("--serialized"));

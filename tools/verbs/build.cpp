@@ -145,8 +145,8 @@ ExitCode Build(BuildOptions const& options, Output& out) {
 void AddBuild(CLI::App& app, Action& chosen) {
     auto const options = std::make_shared<BuildOptions>();
     CLI::App* const verb = app.add_subcommand("build", "Write the DO record of a file");
-    verb->add_option("FILE", options->file, "Any file; - is standard input")->required()->type_name("");
-    verb->add_option("-o,--out", options->out, "The file to write; - is standard output")->required()->type_name("OUT");
+    AddFile(*verb, "FILE", options->file, "Any file; - is standard input")->required();
+    AddFile(*verb, "-o,--out", options->out, "The file to write; - is standard output")->required()->type_name("OUT");
     verb->add_option(
             "--dotype", options->dotype,
             "What a segment has beside its fingerprint: 0 and 1 nothing, 2 its size, 3 size and 64-bit offset, "

@@ -200,15 +200,14 @@ void AddConvert(CLI::App& app, Action& chosen) {
     auto const options = std::make_shared<ConvertOptions>();
     CLI::App* const verb =
         app.add_subcommand("convert", "Write the same records in one byte order, as an exchange form or as JSON");
-    verb->add_option("FILE", options->file, "A file of records, in any order, or of their JSON; - is standard input")
-        ->required()
-        ->type_name("");
+    AddFile(*verb, "FILE", options->file, "A file of records, in any order, or of their JSON; - is standard input")
+        ->required();
     verb->add_option("--to", options->to,
                      "The byte order: this machine's own, or network (big-endian); or the exchange form; or JSON")
         ->required()
         ->check(CLI::IsMember({NameOf(Order::Host), NameOf(Order::Network), +kSerialized, +kJson}).description(""))
         ->type_name("host|network|serialized|json");
-    verb->add_option("-o,--out", options->out, "The file to write; - is standard output")->required()->type_name("OUT");
+    AddFile(*verb, "-o,--out", options->out, "The file to write; - is standard output")->required()->type_name("OUT");
     AddFormOptions(*verb, options->form);
     verb->get_option("--checksum")->remove_needs(verb->get_option("--serialized"));
     verb->add_flag("--json", options->json, "The closing line as a JSON object");

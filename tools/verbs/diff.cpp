@@ -114,7 +114,11 @@ private:
         std::string const line = fmt::format("{:<10}{}", what, text);
         bool const isNew = what == kFates[static_cast<int>(Fate::Added)];
         bool const isGone = what == kFates[static_cast<int>(Fate::Removed)];
-        out_.Print("{}\n", any && (isNew || isGone) ? out_.Paint(line, isNew ? kNew : kGone) : line);
+        if (any && (isNew || isGone)) {
+            out_.PaintLine(line, isNew ? kNew : kGone);
+        } else {
+            out_.Print("{}\n", line);
+        }
     }
 
     void DiffHeader() {
@@ -134,8 +138,8 @@ private:
         if (!options_.json) {
             DiffReferences(a_, b_, [this](char const* reference, bool isInB) {
                 same_ = false;
-                std::string const line = fmt::format("reference {} {}", isInB ? "added" : "removed", reference);
-                out_.Print("{}\n", out_.Paint(line, isInB ? kNew : kGone));
+                out_.PaintLine(fmt::format("reference {} {}", isInB ? "added" : "removed", reference),
+                               isInB ? kNew : kGone);
             });
             return;
         }
@@ -227,8 +231,8 @@ ExitCode Diff(DiffOptions const& options, Output& out) {
 void AddDiff(CLI::App& app, Action& chosen) {
     auto const options = std::make_shared<DiffOptions>();
     CLI::App* const verb = app.add_subcommand("diff", "Say in what two DO records differ");
-    verb->add_option("A", options->a, "A DO record; - is standard input")->required()->type_name("");
-    verb->add_option("B", options->b, "The DO record that it is compared with")->required()->type_name("");
+    AddFile(*verb, "A", options->a, "A DO record; - is standard input")->required();
+    AddFile(*verb, "B", options->b, "The DO record that it is compared with")->required();
     verb->add_flag("--segments", options->segments, "Name each segment that differs");
     verb->add_flag("--json", options->json, "One JSON object");
     AddFormOptions(*verb, options->form);

@@ -57,8 +57,7 @@ ExitCode DigestInput(RecordStream& stream, DigestOptions const& options, Output&
 void AddDigest(CLI::App& app, Action& chosen) {
     auto const options = std::make_shared<DigestOptions>();
     CLI::App* const verb = app.add_subcommand("digest", "Give the digest of each object");
-    verb->add_option("FILE", options->files, "Files of records, one behind the other; - is standard input")
-        ->type_name("");
+    AddFiles(*verb, options->files);
     verb->add_flag("--json", options->json, "One JSON object a line for each record");
     AddFormOptions(*verb, options->form);
     verb->footer(

@@ -86,8 +86,8 @@ ExitCode Map(MapOptions const& options, Output& out) {
 void AddMap(CLI::App& app, Action& chosen) {
     auto const options = std::make_shared<MapOptions>();
     CLI::App* const verb = app.add_subcommand("map", "Draw a DO record, and where its object's segments lie");
-    verb->add_option("RECORD", options->record, "The DO record; - is standard input")->required()->type_name("");
-    verb->add_option("-o,--out", options->out, "The SVG file to write; - is standard output")
+    AddFile(*verb, "RECORD", options->record, "The DO record; - is standard input")->required();
+    AddFile(*verb, "-o,--out", options->out, "The SVG file to write; - is standard output")
         ->required()
         ->type_name("OUT");
     AddFormOptions(*verb, options->form);

@@ -91,12 +91,10 @@ ExitCode Redact(RedactOptions const& options, Output& out) {
 void AddRedact(CLI::App& app, Action& chosen) {
     auto const options = std::make_shared<RedactOptions>();
     CLI::App* const verb = app.add_subcommand("redact", "Replace what identifies data by pseudonyms");
-    verb->add_option("FILE", options->files, "Files of records, one behind the other; - is standard input")
-        ->required()
-        ->type_name("");
-    verb->add_option("-o,--out", options->out, "The file to write; - is standard output")->required()->type_name("OUT");
-    verb->add_option("--key", options->key,
-                     "A file of 16 to 4096 random bytes: the same key gives the same pseudonyms, in any run")
+    AddFiles(*verb, options->files)->required();
+    AddFile(*verb, "-o,--out", options->out, "The file to write; - is standard output")->required()->type_name("OUT");
+    AddFile(*verb, "--key", options->key,
+            "A file of 16 to 4096 random bytes: the same key gives the same pseudonyms, in any run")
         ->type_name("KEY");
     AddFormOptions(*verb, options->form);
     verb->add_flag("--json", options->json, "The closing line as a JSON object");

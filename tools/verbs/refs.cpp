@@ -197,19 +197,15 @@ ExitCode Refs(RefsOptions const& options, Output& out) {
 void AddRefs(CLI::App& app, Action& chosen) {
     auto const options = std::make_shared<RefsOptions>();
     CLI::App* const verb = app.add_subcommand("refs", "List or change the references of DO records");
-    verb->add_option("FILE", options->file, "A file of DO records, one behind the other; - is standard input")
-        ->required()
-        ->type_name("");
-    verb->add_option("--add", options->add, "Add a reference, such as task:17, dsid:5 or ref6:9; may be given again")
-        ->type_name("REF")
-        ->allow_extra_args(false);
-    verb->add_option("--remove", options->remove, "Remove a reference; may be given again")
-        ->type_name("REF")
-        ->allow_extra_args(false);
-    verb->add_option("--drop-inactive", options->active,
-                     "Remove every task that is not in this file, which has a task id on each line")
+    AddFile(*verb, "FILE", options->file, "A file of DO records, one behind the other; - is standard input")
+        ->required();
+    AddTexts(*verb, "--add", options->add, "Add a reference, such as task:17, dsid:5 or ref6:9; may be given again")
+        ->type_name("REF");
+    AddTexts(*verb, "--remove", options->remove, "Remove a reference; may be given again")->type_name("REF");
+    AddFile(*verb, "--drop-inactive", options->active,
+            "Remove every task that is not in this file, which has a task id on each line")
         ->type_name("TASKS");
-    verb->add_option("-o,--out", options->out, "The file to write the changed records to, which may be FILE itself")
+    AddFile(*verb, "-o,--out", options->out, "The file to write the changed records to, which may be FILE itself")
         ->type_name("OUT");
     verb->add_flag("--json", options->json,
                    "One JSON object a line for each record; with changes, the closing line as one");

@@ -69,8 +69,8 @@ ExitCode Build(BuildOptions const& options, Output& out) {
 void AddSegmentsBuild(CLI::App& segments, Action& chosen) {
     auto const options = std::make_shared<BuildOptions>();
     CLI::App* const verb = segments.add_subcommand("build", "Write a segment record for each segment of a file");
-    verb->add_option("FILE", options->file, "Any file; - is standard input")->required()->type_name("");
-    verb->add_option("-o,--out", options->out, "The file to write; - is standard output")->required()->type_name("OUT");
+    AddFile(*verb, "FILE", options->file, "Any file; - is standard input")->required();
+    AddFile(*verb, "-o,--out", options->out, "The file to write; - is standard output")->required()->type_name("OUT");
     AddCutOptions(*verb, options->cut);
     verb->add_flag("--json", options->json, "The closing line as a JSON object");
     verb->footer(

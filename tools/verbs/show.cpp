@@ -193,8 +193,7 @@ ExitCode Show(ShowOptions const& options, Output& out) {
 void AddShow(CLI::App& app, Action& chosen) {
     auto const options = std::make_shared<ShowOptions>();
     CLI::App* const verb = app.add_subcommand("show", "Show what the records say");
-    verb->add_option("FILE", options->files, "Files of records, one behind the other; - is standard input")
-        ->type_name("");
+    AddFiles(*verb, options->files);
     verb->add_option_function<std::string>(
             "--records", [options](std::string const& text) { options->records = ParseRange("--records", text, 1); },
             "Only these records of each file, counted from 1, such as 1:20, 21: or :20")

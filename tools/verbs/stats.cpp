@@ -296,8 +296,7 @@ ExitCode Stats(StatsOptions const& options, Output& out) {
 void AddStats(CLI::App& app, Action& chosen) {
     auto const options = std::make_shared<StatsOptions>();
     CLI::App* const verb = app.add_subcommand("stats", "Count what the records need of each container");
-    verb->add_option("FILE", options->files, "Files of records, one behind the other; - is standard input")
-        ->type_name("");
+    AddFiles(*verb, options->files);
     auto* const unique = verb->add_flag("--unique", options->unique,
                                         "Also count the bytes of different segments, and of those that came before");
     auto* const top = verb->add_option_function<std::uint64_t>(

@@ -25,9 +25,10 @@ struct Tally {
 void PrintSummary(Output& out, std::string const& name, Tally const& tally) {
     out.Print("{}: {}, {}: ", Printable(name), Counted(tally.records, "record"), Counted(tally.bytes, "byte"));
     if (tally.bad == 0) {
-        out.Write(out.Paint("all valid", Colour::Good));
+        out.Paint("all valid", Colour::Good);
     } else {
-        out.Print("{}, {} valid", out.Paint(fmt::format("{} bad", tally.bad), Colour::Bad), tally.records - tally.bad);
+        out.Paint(fmt::format("{} bad", tally.bad), Colour::Bad);
+        out.Print(", {} valid", tally.records - tally.bad);
     }
     if (tally.notes != 0) {
         out.Print(", {}", Counted(tally.notes, "note"));
@@ -55,7 +56,7 @@ ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Out
             continue;
         }
         for (Finding const& finding : findings) {
-            out.Print("{}\n", out.Paint(Printable(Describe(stream.Name(), *record, finding)), ColourOf(finding)));
+            out.PaintLine(Printable(Describe(stream.Name(), *record, finding)), ColourOf(finding));
         }
     }
     if (!options.json && !options.quiet) {
@@ -69,8 +70,7 @@ ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Out
 void AddValidate(CLI::App& app, Action& chosen) {
     auto const options = std::make_shared<ValidateOptions>();
     CLI::App* const verb = app.add_subcommand("validate", "Say what is wrong, and what is odd, with each record");
-    verb->add_option("FILE", options->files, "Files of records, one behind the other; - is standard input")
-        ->type_name("");
+    AddFiles(*verb, options->files);
     verb->add_flag("--first", options->firstOnly, "Only the first error of each record, and no notes");
     auto* const json = verb->add_flag("--json", options->json, "One JSON object a line for each record");
     verb->add_flag("--quiet", options->quiet, "No output: the exit status says it")->excludes(json);

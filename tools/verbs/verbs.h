@@ -50,6 +50,16 @@ inline void PrintClosing(Output& out, std::string const& path, bool asked, std::
     }
 }
 
+// Adds the positional FILE, which takes one or more names of files of records.
+CLI::Option* AddFiles(CLI::App& verb, std::vector<std::string>& files);
+
+// Adds an option or a positional that takes the name of one file. Any name but the empty one is taken as it is.
+CLI::Option* AddFile(CLI::App& verb, std::string const& option, std::string& file, std::string const& description);
+
+// Adds an option that takes one text, as it is, each time it is given.
+CLI::Option* AddTexts(CLI::App& verb, std::string const& option, std::vector<std::string>& texts,
+                      std::string const& description);
+
 // Takes an option's text as a decimal number from 0 to `most`. The parser alone reads more into it: "-1" and too many
 // digits are the largest number to it, and "010" is 8.
 CLI::Validator WholeNumber(std::uint64_t most);

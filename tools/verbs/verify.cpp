@@ -90,7 +90,9 @@ private:
     std::uint64_t others_ = 0;
 };
 
-// Reads the file once, from its beginning to its end.
+// Goes through the file once, from its beginning to the end of what the record describes. Holes are not read. Bytes
+// that are hashed: at most those of the record's segments, and of holes that are whole segments of one size in a row
+// only those of the first.
 class Verifier {
 public:
     Verifier(Input& input, DORecord const& record, Report& report)
@@ -102,34 +104,23 @@ public:
         if (dotype_ == CR_DO_TYPE_4_BYTE_OFFSET && segment.offset != position) {
             report_.BadOffset(index, position, segment.offset);
         }
-        crfp_context_t context;
-        crfp_digest_t found{};
-        Check(CRFPInitialize(&context, fptype_) == 0);
-        bool const whole = Read(segment.size, [&](std::span<unsigned char const> bytes) {
-            Check(CRFPAppend(&context, bytes.data(), bytes.size()) == 0);
-        });
-        Check(CRFPFinalize(&context) == 0 && CRFPGetDigest_r(&context, &found));
-        if (!whole || std::memcmp(&found, &segment.fingerprint, sizeof found) != 0) {
+        std::optional<crfp_digest_t> const found = DigestOf(segment.size);
+        if (!found || std::memcmp(&*found, &segment.fingerprint, sizeof *found) != 0) {
             report_.BadSegment(index, position, segment.size, TextOf(segment.fingerprint, fptype_),
-                               whole ? TextOf(found, fptype_) : "");
+                               found ? TextOf(*found, fptype_) : "");
         }
     }
 
-    // From here to `end` no segment holds anything, so that there are zeros.
+    // No segment has bytes from here to `end`, so that they must be zeros.
     void CheckGap(std::uint64_t end) {
         std::uint64_t const begin = position_;
         std::optional<std::uint64_t> data;
-        while (position_ < end) {
-            Extent const extent = input_.NextExtent(end - position_);
-            position_ += extent.hole;
-            bool const goesOn = Read(std::min(extent.data, end - position_), [&](std::span<unsigned char const> bytes) {
-                auto const at = std::find_if(bytes.begin(), bytes.end(), [](unsigned char byte) { return byte != 0; });
-                if (at != bytes.end() && !data) {
-                    data = position_ + static_cast<std::uint64_t>(at - bytes.begin());
-                }
-            });
-            if (!goesOn || (extent.hole == 0 && extent.data == 0)) {
-                break;
+        while (position_ < end && !ended_) {
+            std::uint64_t const at = position_;
+            auto const bytes = Take(end - position_).bytes;
+            auto const found = std::find_if(bytes.begin(), bytes.end(), [](unsigned char byte) { return byte != 0; });
+            if (found != bytes.end() && !data) {
+                data = at + static_cast<std::uint64_t>(found - bytes.begin());
             }
         }
         if (data) {
@@ -137,27 +128,83 @@ public:
         }
     }
 
-    // The file's size, read to its end.
+    // Returns: the file's size. Only what has no size of its own, such as a pipe, is read to its end for that.
     std::uint64_t Finish() {
-        Read(std::numeric_limits<std::uint64_t>::max(), [](auto const&) {});
+        if (input_.Name() != "-" && !ended_ && position_ < input_.ExpectedSize()) {
+            return input_.ExpectedSize();
+        }
+        while (!ended_) {
+            Take(std::numeric_limits<std::uint64_t>::max());
+        }
         return position_;
     }
 
 private:
-    // Whether there were so many bytes.
-    template <class Use>
-    bool Read(std::uint64_t count, Use use) {
-        while (count != 0) {
-            std::size_t const got = input_.Read(std::span(block_).first(std::min(block_.size(), count)));
-            if (got == 0) {
-                return false;
-            }
-            use(std::span<unsigned char const>(block_).first(got));
-            position_ += got;
-            count -= got;
-            progress_.At(position_);
+    // Bytes of a hole, or bytes that were read; neither at the file's end.
+    struct Piece {
+        std::uint64_t hole = 0;
+        std::span<unsigned char const> bytes;
+    };
+
+    // Takes the next bytes of the file, `most` of them or fewer.
+    Piece Take(std::uint64_t most) {
+        Piece piece;
+        if (dataAhead_ == 0) {
+            Extent const extent = input_.NextExtent(most);
+            piece.hole = extent.hole;
+            dataAhead_ = extent.data;
         }
-        return true;
+        if (piece.hole == 0 && dataAhead_ != 0) {
+            std::size_t const room = std::min<std::uint64_t>({block_.size(), most, dataAhead_});
+            piece.bytes = std::span(block_).first(input_.Read(std::span(block_).first(room)));
+            dataAhead_ -= piece.bytes.size();
+        }
+        position_ += piece.hole + piece.bytes.size();
+        ended_ = piece.hole == 0 && piece.bytes.empty();
+        progress_.At(position_);
+        return piece;
+    }
+
+    // The fingerprint of the next `size` bytes; none if the file ends before.
+    std::optional<crfp_digest_t> DigestOf(std::uint32_t size) {
+        Check(CRFPInitialize(&context_, fptype_) == 0);
+        for (std::uint64_t left = size; left != 0;) {
+            Piece const piece = Take(left);
+            if (ended_) {
+                return std::nullopt;
+            }
+            if (piece.hole == size) {
+                return DigestOfZeros(size);
+            }
+            Append(piece.bytes);
+            AppendZeros(piece.hole);
+            left -= piece.hole + piece.bytes.size();
+        }
+        return Finalized();
+    }
+
+    crfp_digest_t DigestOfZeros(std::uint32_t size) {
+        if (!zeros_ || zerosSize_ != size) {
+            AppendZeros(size);
+            zeros_ = Finalized();
+            zerosSize_ = size;
+        }
+        return *zeros_;
+    }
+
+    void Append(std::span<unsigned char const> bytes) { Check(CRFPAppend(&context_, bytes.data(), bytes.size()) == 0); }
+
+    void AppendZeros(std::uint64_t count) {
+        static constexpr unsigned char kZeros[64UL * 1024] = {};
+        for (; count != 0; count -= std::min<std::uint64_t>(count, sizeof kZeros)) {
+            Append(std::span(kZeros).first(std::min<std::uint64_t>(count, sizeof kZeros)));
+        }
+    }
+
+    crfp_digest_t Finalized() {
+        crfp_digest_t digest{};
+        Check(CRFPFinalize(&context_) == 0 && CRFPGetDigest_r(&context_, &digest));
+        return digest;
     }
 
     static void Check(bool done) {
@@ -173,6 +220,11 @@ private:
     Progress progress_;
     std::vector<unsigned char> block_;
     std::uint64_t position_ = 0;
+    std::uint64_t dataAhead_ = 0; // bytes from here on before the next hole may begin
+    bool ended_ = false;
+    crfp_context_t context_;
+    std::optional<crfp_digest_t> zeros_; // of so many zeros
+    std::uint32_t zerosSize_ = 0;
 };
 
 ExitCode Verify(VerifyOptions const& options, Output& out) {
@@ -203,15 +255,14 @@ ExitCode Verify(VerifyOptions const& options, Output& out) {
 void AddVerify(CLI::App& app, Action& chosen) {
     auto const options = std::make_shared<VerifyOptions>();
     CLI::App* const verb = app.add_subcommand("verify", "Compare the data of a file with its DO record");
-    verb->add_option("RECORD", options->record, "The DO record; - is standard input")->required()->type_name("");
-    verb->add_option("FILE", options->file, "The file that it should describe; - is standard input")
-        ->required()
-        ->type_name("");
+    AddFile(*verb, "RECORD", options->record, "The DO record; - is standard input")->required();
+    AddFile(*verb, "FILE", options->file, "The file that it should describe; - is standard input")->required();
     verb->add_flag("--json", options->json, "One JSON object with all differences");
     AddFormOptions(*verb, options->form);
     verb->footer(
         "Reads FILE once and names each segment whose data has another fingerprint than the record says, each gap\n"
-        "that is not all zeros, and another size: status 1.\n\n"
+        "that is not all zeros, and another size: status 1. Holes of a sparse FILE, and what it has after the\n"
+        "record's size, are not read.\n\n"
         "Example:\n  crrecord verify movie.do movie.mkv");
     verb->callback([options, &chosen] { chosen = [options](Output& out) { return Verify(*options, out); }; });
 }
