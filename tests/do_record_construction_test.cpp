@@ -93,10 +93,10 @@ TEST(DORecordConstruction, RefusesInOrder) {
         [&] { record->initWithBloom(1, 2, 3, 4, 5, 6, taskIds, 1, bsize, bits, AsText(bloomList), fptype, dotype); },
         {{type, [&] { dotype = 4; }},
          {fingerprint, [&] { fptype = 1; }},
+         {tasks, [&] { taskIds = dcids.data(); }},
          {bitmap, [&] { bsize = 5; }},
          {bitmap, [&] { bits = bloom.bitmap.data(); }},
-         {wrongBloom, [&] { bloomList = goodBloom; }},
-         {tasks, [&] { taskIds = dcids.data(); }}});
+         {wrongBloom, [&] { bloomList = goodBloom; }}});
     EXPECT_EQ(record->GetMTime(), 6u); // the task id doesn't touch the time that was asked for
 }
 

@@ -302,6 +302,7 @@ void DORecord::initWithBloom(unsigned long CID, unsigned long size, unsigned lon
     makeBlank();
     try {
         CheckTypes(fptype, dotype);
+        CheckTaskIds(taskIDs, ntaskIDs);
         if (bsize == 0 ? IsBloom(dotype) : !bitmap) {
             Refuse("Got empty bloom filter bitmap.");
         }
@@ -315,7 +316,6 @@ void DORecord::initWithBloom(unsigned long CID, unsigned long size, unsigned lon
             taskIDs,
             ntaskIDs,
             {.nudcid = CheckList(AsBytes(udcidList)), .bsize = bsize, .fptype = fptype, .dotype = dotype}};
-        CheckTaskIds(taskIDs, ntaskIDs);
         allocate(DORecordHeaderSizeWithBloom(0, bsize, values.counts.nudcid, 0, dotype, 0), true);
         writeHeader(values);
         if (bsize != 0) {
