@@ -1,4 +1,4 @@
-// The library as a program has it that loads it with dlopen, while the allocations of a thread fail.
+// A program that loads the library with dlopen, and whose allocations fail on demand.
 
 #include <crrecord/status.h>
 #include <crrecord/tref.h>
@@ -55,7 +55,7 @@ struct Library {
     decltype(&CRTRefGetID) idOf = Find<decltype(CRTRefGetID)>("_Z11CRTRefGetIDPK10_cr_tref_t");
 };
 
-// What a thread without memory saw; it allocates nothing itself.
+// What a thread without memory observed.
 struct Seen {
     int lines = 0;
     int status = -1;
@@ -71,7 +71,7 @@ TEST(LoadedLibrary, LogsWithoutMemoryOnNewThreads) {
     Library const library;
     ASSERT_NE(library.handle, nullptr) << dlerror();
     library.setSink(CountFull, nullptr);
-    // All at once, so that the library runs out of spare buffers; again after they ended, which gives them back.
+    // All at once, so that the library runs out of spare buffers. Again after they ended, which releases the buffers.
     for (int round = 0; round < 3; ++round) {
         constexpr int kThreads = 20;
         std::vector<Seen> all(kThreads);

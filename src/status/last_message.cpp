@@ -1,7 +1,7 @@
-// The buffer of a thread's last message. It is no thread-local variable: the C library allocates those of a library
-// that was loaded by dlopen when a thread first uses them, and ends the process if that fails. Here failure has a way
-// out. Thread-local are a pointer and a flag, in the block that every thread has from its start, of which dlopen can
-// use a few hundred bytes only.
+// The buffers of last messages. They are no thread_local arrays: the C library allocates the thread-local storage of a
+// library loaded by dlopen when a thread first uses it, and ends the process if that fails. Only a pointer and a flag are
+// thread-local. The initial-exec model places them in the block that each thread has from its start, of which dlopen can
+// use a few hundred bytes.
 
 #include "status/last_message.h"
 
@@ -28,8 +28,8 @@ constexpr char kNotKept[] = "not enough memory to keep this thread's last messag
 [[gnu::tls_model("initial-exec")]] constinit thread_local char* buffer = nullptr;
 [[gnu::tls_model("initial-exec")]] constinit thread_local bool notKept = false;
 
-// Its destructor releases the buffer of a thread that ends. Unlike a thread_local object's it needs no memory to be
-// registered, if the key is one of the process's first 32: hence it is created at load time.
+// Its destructor releases the buffer of a thread that ends. Storing a value for one of the first 32 keys of the process
+// needs no memory, unlike a destructor of a thread_local object. So the key is created at load time.
 pthread_key_t key;
 bool haveKey = false;
 
