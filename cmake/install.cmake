@@ -13,8 +13,8 @@ install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} PATTERN Doxyfile EXCL
 install(FILES formats/crrecord.hexpat formats/crrecord.ksy formats/crrecord.schema.json
     DESTINATION ${CMAKE_INSTALL_DATADIR}/crrecord)
 
-if(TARGET crrecord_tool)
-    install(TARGETS crrecord_tool)
+if(TARGET crrecord_tool_installed)
+    install(TARGETS crrecord_tool_installed)
 endif()
 if(TARGET crrecord_manual)
     set(manual_dir ${CMAKE_CURRENT_BINARY_DIR}/tools/manual)

@@ -81,6 +81,7 @@ std::string TextOf(DORecord const& record) {
     stream << std::hex << std::showbase << std::showpos;
     stream.width(40);
     EXPECT_EQ(&record.ToStream(stream, false), &stream);
+    EXPECT_EQ(stream.width(), 0);
     return stream.str();
 }
 

@@ -101,6 +101,13 @@ TEST(Log, SinkMayRouteAndLogItself) {
     EXPECT_STREQ(zebLogLastMessageA(), "outer");
 }
 
+TEST(LogDeathTest, CallbacksThatThrowEndTheProcess) {
+    auto const sink = [](cr_log_level_t, cr_status_t, char const*, void*) { throw 1; };
+    EXPECT_DEATH((CRLogSetSink(sink, nullptr), ErrorA(CR_STATUS_INVALID, "text")), "terminate");
+    auto const callback = [](cr_finding_t const*, void*) -> bool { throw 1; };
+    EXPECT_DEATH(SegmentRecordDiagnose("", 0, 0, callback, nullptr), "terminate");
+}
+
 TEST(Log, WritesPlainLinesToStandardErrorByDefault) {
     testing::internal::CaptureStderr();
     ErrorA(CR_STATUS_NOT_FOUND, "a\nb\tc\x1b[1m\x7f\xc3\xa9 \x01\x1f~");

@@ -12,6 +12,9 @@
 #include <cstring>
 #include <thread>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 namespace {
 
 using Handle = boost::intrusive_ptr<Cr_TRef>;
@@ -187,6 +190,34 @@ TEST(TRefHandle, ThreadsWithRecordsOfTheirOwn) {
     threads.clear();
     CRLogSetSink(nullptr, nullptr);
     EXPECT_EQ(linesOf[0] + linesOf[1], kThreads * kRounds);
+}
+
+// Whatever the other threads hold while their process forks.
+TEST(TRefHandle, ForkedChildrenMakeHandlesAndLog) {
+    CRLogSetSink(CountLine, &linesOf[0]);
+    std::atomic<bool> ended = false;
+    auto const work = [&ended] {
+        while (!ended) {
+            Make(6, 1);
+            ErrorA(CR_STATUS_INVALID, "line");
+        }
+    };
+    {
+        std::jthread const first(work), second(work);
+        for (int child = 0, status = 0; child < 100 && status == 0; ++child) {
+            pid_t const id = ::fork();
+            if (id == 0) {
+                ::alarm(1);
+                Make(6, 2);
+                ErrorA(CR_STATUS_INVALID, "line of a child");
+                ::_exit(0);
+            }
+            EXPECT_EQ(::waitpid(id, &status, 0), id);
+            EXPECT_EQ(status, 0) << "child " << child;
+        }
+        ended = true;
+    }
+    CRLogSetSink(nullptr, nullptr);
 }
 
 } // namespace

@@ -4,10 +4,12 @@
 
 #include <crrecord/status.h>
 
+#include <cstdlib>
 #include <new>
 #include <sstream>
 
 #include <fcntl.h>
+#include <openssl/crypto.h>
 #include <unistd.h>
 
 namespace crrecord::tool {
@@ -22,6 +24,30 @@ void OccupyStandardFiles() {
             [[maybe_unused]] int const opened = ::open("/dev/null", file == STDIN_FILENO ? O_WRONLY : O_RDONLY);
         }
     }
+}
+
+void* OrEndWithoutMemory(void* block) {
+    if (!block) {
+        RemoveUnfinishedOutput();
+        static constexpr char kText[] = "crrecord: not enough memory\n";
+        [[maybe_unused]] ssize_t const written = ::write(STDERR_FILENO, kText, sizeof kText - 1);
+        ::_exit(static_cast<int>(ExitCode::CouldNotWork));
+    }
+    return block;
+}
+
+// OpenSSL may crash after one of its allocations failed, mostly on a new thread. The command ends at such a failure.
+void EndWhenCryptoHasNoMemory() {
+    CRYPTO_set_mem_functions(
+        [](std::size_t size, char const*, int) { return size == 0 ? nullptr : OrEndWithoutMemory(std::malloc(size)); },
+        [](void* block, std::size_t size, char const*, int) {
+            if (size == 0) {
+                std::free(block);
+                return static_cast<void*>(nullptr);
+            }
+            return OrEndWithoutMemory(std::realloc(block, size));
+        },
+        [](void* block, char const*, int) { std::free(block); });
 }
 
 // The verb as it was typed, as far as it was understood: "crrecord segments build".
@@ -93,6 +119,7 @@ int main(int argc, char** argv) {
     ExitCode result = ExitCode::CouldNotWork;
     try {
         OccupyStandardFiles();
+        EndWhenCryptoHasNoMemory();
         result = Run(argc, argv);
     } catch (Cr_ErrnoException const& error) {
         char const* const text = error.what();

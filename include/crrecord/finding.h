@@ -75,5 +75,5 @@ struct cr_finding_t {
     char const* message;           // one line without a line end; valid during the callback
 };
 
-// Is given each finding in turn; false stops the walk.
+// Is given each finding in turn; false stops the walk. It must not throw: an exception that leaves it ends the process.
 typedef bool (*cr_finding_callback_t)(cr_finding_t const* finding, void* context);

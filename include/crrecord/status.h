@@ -5,7 +5,8 @@
 // leaves the status in this thread's last status. Some failures write a line to the log first.
 //
 // Threads: every function here may be called from any thread at any time. The last message and the last status belong
-// to the calling thread; the trace switch and the sink belong to the process.
+// to the calling thread; the trace switch and the sink belong to the process. A child of fork() may log, whatever the
+// other threads of its parent did.
 
 #pragma once
 
@@ -72,7 +73,7 @@ enum cr_log_level_t : int {
 
 // Receives one formatted line without a line end. `message` is valid during the call; `status` is CR_STATUS_OK for a
 // trace line. A sink is called on the thread that logs, without any lock held, so it must be safe to run on several
-// threads at once; it may log itself.
+// threads at once; it may log itself. It must not throw: an exception that leaves it ends the process.
 typedef void (*cr_log_sink_t)(cr_log_level_t level, cr_status_t status, char const* message, void* context);
 
 // Routes every line of the process to `sink`; null restores the default, which writes each line to standard error with
@@ -80,9 +81,11 @@ typedef void (*cr_log_sink_t)(cr_log_level_t level, cr_status_t status, char con
 // began before this function returned may still reach the former sink: keep its context alive until such threads rest.
 CRRECORD_API void CRLogSetSink(cr_log_sink_t sink, void* context) noexcept;
 
-// Format a message as printf does, write it to the log, and make it this thread's last message. They need no memory,
-// leave errno alone, and may format from the last message itself. A message longer than 1023 characters is visibly
-// cut: its first 1020 characters followed by "...".
+// Format a message as printf does, write it to the log, and make it this thread's last message. They leave errno alone
+// and may format from the last message itself. A message longer than 1023 characters is visibly cut: its first 1020
+// characters followed by "...".
+// On failure: a thread's first message allocates 1 KiB to keep it. Without memory the library has buffers for 16
+// threads; a further thread's message is written to the log, and its last message is a text that says so.
 CRRECORD_API void ErrorA(cr_status_t status, char const* format, ...) noexcept __attribute__((format(printf, 2, 3)));
 CRRECORD_API void WarningA(cr_status_t status, char const* format, ...) noexcept __attribute__((format(printf, 2, 3)));
 

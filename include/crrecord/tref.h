@@ -7,7 +7,10 @@
 // Functions that fail return null and leave the reason in this thread's last status (status.h).
 //
 // Threads: the pool that handles come from is shared by every library of the process and locked for each allocation
-// and each return. The count of a handle is a plain integer: a handle belongs to one thread at a time.
+// and each return. The count of a handle is a plain integer: a handle belongs to one thread at a time. A child of fork()
+// may make and release handles, whatever the other threads of its parent did.
+//
+// Lifetime: dlclose leaves the shared library loaded, since handles that are still held are in its pool.
 
 #pragma once
 
@@ -66,8 +69,9 @@ CRRECORD_API unsigned long CRTRefSerialize(void* destination, unsigned long room
 CRRECORD_API char* CRTRefToString(char* text, unsigned long size, _cr_tref_t const* reference) noexcept;
 
 // A handle: owns one reference and counts those who hold the handle. Made with new (or Factory) only, and held by
-// boost::intrusive_ptr. The memory is a 16-byte chunk of the pool, which keeps it for later handles.
-class Cr_TRef {
+// boost::intrusive_ptr. The memory is a 16-byte chunk of the pool, which keeps it for later handles; a derived class
+// would need a larger one.
+class Cr_TRef final {
 public:
     // Takes ownership.
     explicit Cr_TRef(_cr_tref_t* reference) noexcept : reference_(reference), count_(0) {}
@@ -105,13 +109,7 @@ static_assert(sizeof(Cr_TRef) == 16);
 
 // Orders handles by their references; none of them is empty.
 struct Cr_TRefComparator {
-    bool operator()(boost::intrusive_ptr<Cr_TRef> const& a, boost::intrusive_ptr<Cr_TRef> const& b) const noexcept;
+    bool operator()(boost::intrusive_ptr<Cr_TRef> const& a, boost::intrusive_ptr<Cr_TRef> const& b) const noexcept {
+        return CRTRefCompare(a->Get(), b->Get()) < 0;
+    }
 };
-
-// The library itself sees the values and compares them in place.
-#ifndef CRRECORD_INSIDE
-inline bool Cr_TRefComparator::operator()(boost::intrusive_ptr<Cr_TRef> const& a,
-                                          boost::intrusive_ptr<Cr_TRef> const& b) const noexcept {
-    return CRTRefCompare(a->Get(), b->Get()) < 0;
-}
-#endif

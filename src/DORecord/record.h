@@ -5,7 +5,7 @@
 #include <crrecord/DORecord.h>
 
 #include "support/validate/segment_list_check.h"
-#include "tref/value.h"
+#include "tref/inline_compare.h"
 
 #include <string_view>
 

@@ -38,7 +38,9 @@ public:
         return *this;
     }
 
+    // Leaves the stream's width at 0, as formatted output does.
     void Flush() {
+        stream_.width(0);
         stream_.write(buffer_.data(), static_cast<std::streamsize>(used_));
         used_ = 0;
     }

@@ -1,7 +1,9 @@
-// The log, the trace and this thread's last message.
+// The log and the trace.
 
 #include <crrecord/status.h>
 
+#include "base/fork_safe_mutex.h"
+#include "status/last_message.h"
 #include "status/trace.h"
 
 #include <cerrno>
@@ -17,7 +19,6 @@ int traceSwitch = 0;
 
 namespace {
 
-constexpr std::size_t kMessageSize = Cr_ErrnoException::kMaxText + 1;
 constexpr char kCutMark[] = "...";
 
 struct Sink {
@@ -25,10 +26,8 @@ struct Sink {
     void* context;
 };
 
-thread_local char lastMessage[kMessageSize];
-
 // Guards the pair, so that no line meets one sink with another's context; held for the copy only.
-std::mutex sinkMutex;
+ForkSafeMutex<Sink> sinkMutex;
 Sink sink{nullptr, nullptr};
 
 // Logging takes place in the middle of failures that are read from errno afterwards.
@@ -87,10 +86,10 @@ void Log(cr_log_level_t level, cr_status_t status, char const* format, va_list a
     ErrnoKeeper const keeper;
     char message[kMessageSize];
     Format(message, format, arguments);
-    std::strcpy(lastMessage, message);
+    SetLastMessage(message);
     Emit(level, status, message);
     // A sink that logs itself leaves its own message behind; the caller reads back the one that it logged.
-    std::strcpy(lastMessage, message);
+    SetLastMessage(message);
 }
 
 } // namespace
@@ -117,7 +116,7 @@ void WarningA(cr_status_t status, char const* format, ...) noexcept {
 }
 
 char const* zebLogLastMessageA() noexcept {
-    return crrecord::lastMessage;
+    return crrecord::LastMessage();
 }
 
 void __TraceA(char const* format, ...) noexcept {

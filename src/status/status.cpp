@@ -14,6 +14,9 @@ static_assert(std::is_nothrow_copy_constructible_v<Cr_ErrnoException>);
 
 namespace {
 
+// In the block that a thread has from its start, so that no use of it allocates; see last_message.cpp.
+[[gnu::tls_model("initial-exec")]] constinit thread_local cr_status_t lastStatus = CR_STATUS_OK;
+
 // A null text counts as an empty one.
 template <std::size_t N>
 void CopyCut(char (&to)[N], std::string_view text) noexcept {
@@ -74,7 +77,6 @@ char const* Cr_ErrnoException::GetDetail() const noexcept {
 }
 
 cr_status_t* __cr_errno_location() noexcept {
-    thread_local cr_status_t lastStatus = CR_STATUS_OK;
     return &lastStatus;
 }
 

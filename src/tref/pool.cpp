@@ -1,12 +1,11 @@
 #include "tref/pool.h"
 
+#include "base/fork_safe_mutex.h"
 #include "tref/value.h"
 
 // The pools are given their mutex below; their default one would need another library.
 #define BOOST_POOL_NO_MT
 #include <boost/pool/singleton_pool.hpp>
-
-#include <mutex>
 
 namespace crrecord {
 
@@ -20,8 +19,8 @@ constexpr unsigned kFirstBlockChunks = 32;
 // Made before main starts, and never destroyed: handles may be released until the very end. Values have a pool of their
 // own, so that references that were made one behind the other lie one behind the other.
 template <class Tag, class T>
-using PoolOf =
-    boost::singleton_pool<Tag, sizeof(T), boost::default_user_allocator_new_delete, std::mutex, kFirstBlockChunks, 0>;
+using PoolOf = boost::singleton_pool<Tag, sizeof(T), boost::default_user_allocator_new_delete, ForkSafeMutex<Tag>,
+                                     kFirstBlockChunks, 0>;
 using HandlePool = PoolOf<Cr_TRef_Pool_Tag, Cr_TRef>;
 using ValuePool = PoolOf<ValuePoolTag, _cr_tref_t>;
 

@@ -92,10 +92,3 @@ inline unsigned long EncodeReference(unsigned char* bytes, unsigned long room, _
 }
 
 } // namespace crrecord
-
-#ifdef CRRECORD_INSIDE
-inline bool Cr_TRefComparator::operator()(boost::intrusive_ptr<Cr_TRef> const& a,
-                                          boost::intrusive_ptr<Cr_TRef> const& b) const noexcept {
-    return crrecord::CompareReferences(*a->Get(), *b->Get()) < 0;
-}
-#endif

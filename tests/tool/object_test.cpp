@@ -168,4 +168,19 @@ TEST_F(Tool, NamesDamageInAForm) {
     EXPECT_EQ(FindingsOf(Lines()[0]).substr(0, 17), "form-fingerprint ");
 }
 
+#ifndef CRRECORD_TOOL_IS_SANITIZED
+// Under limits from the least that loads the command up to one under which two threads fit: each run ends by itself.
+TEST_F(Tool, BuildsOrReportsWithoutMemory) {
+    Write("in", Bytes(3'000'000, 'x'));
+    for (std::string const verb : {"build", "segments build"}) {
+        Shell("for kib in $(seq 9000 250 34000); do "
+              "(ulimit -v $kib; \"$T\" --version >&2) || continue; "
+              "(ulimit -v $kib; \"$T\" " +
+              verb + " in -o out >&2); echo $?; rm -f out; done | sort -u");
+        EXPECT_EQ(out, "0\n2\n") << verb;
+        EXPECT_EQ(Files(), "in ");
+    }
+}
+#endif
+
 } // namespace
