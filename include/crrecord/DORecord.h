@@ -182,10 +182,14 @@ public:
 
     // --- Digest, text, comparison ---------------------------------------------------------------------------------
 
-    // One fingerprint for the whole object, of the record's fingerprint type and with the record's container; owned by
-    // the caller (CRTDigestDelete). A single segment's own fingerprint; otherwise over fingerprints, sizes and offsets,
-    // or over bloom area and unique list. Null for a DO type 0 record with other than one segment. Throws 9 in network
-    // order, the fingerprint functions' status, 22 without memory.
+    // One fingerprint for the whole object, of the record's fingerprint type and with the record's container. It is the
+    // fingerprint of a single segment; otherwise a hash over fingerprints, sizes and offsets, or over bloom area and
+    // unique list (docs/format.md). Different content may have equal digests: the digest covers neither GetSize() (a
+    // hole at the object's end) nor, for a single segment, its offset (a hole at the start), nor how many segments
+    // there are. A key for content needs fingerprint type, DO type, GetSize(), GetNfp() and the first offset, too.
+    // Returns: the digest, which the caller releases with CRTDigestDelete; null for CR_DO_TYPE_ORIGINAL with a number
+    // of segments other than one.
+    // Throws: CR_STATUS_INVALID in network order; the status of the fingerprint functions; CR_STATUS_NO_MEMORY.
     crt_digest_t* GetDigest() const;
 
     // Writes the record to `stream` and returns it. Binary: GetHeaderSize() bytes in host order. During the write the
