@@ -51,6 +51,7 @@ enum cr_finding_code_t : int {
     CR_FINDING_DO_LIST_UNSORTED = 255,   // the unique DCID list is not ascending
     CR_FINDING_DO_REFERENCE_ORDER = 256, // references unsorted or repeated
     CR_FINDING_DO_NON_ZERO = 257,        // a reserved byte or one behind the last section is not zero
+    CR_FINDING_DO_BSIZE = 258,           // bsize is not zero in a record without a bitmap
     // Exchange forms of DO records: errors. Segments are judged by the codes from 211 on.
     CR_FINDING_FORM_LENGTH = 301,         // fewer bytes than the smallest form
     CR_FINDING_FORM_ZERO = 302,           // the word at 24, the separator or the end is not zero

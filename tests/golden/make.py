@@ -159,6 +159,7 @@ OBJECTS = {
     "noted-do-non-zero": do_record(3, 0, THREE[:1], reserved=0x01020304, reserved2=b"\5\6", tail=bytes(range(7, 31))),
     "noted-do-non-zero.bloom": do_record(4, 2, listed=[(64, 9)], bitmap=b"!", zeros=bytes(15) + b"z", tail=b"\0tt\0",
                                          size=9),
+    "noted-do-bsize": do_record(5, 0, THREE, LIST, bsize=0xFFFFFFFF),
     "noted-so-flags": segment(flags=1),
     "noted-so-dcid": segment(pathid=5),
     "noted-so-reserved": segment(reserved=0xEE),
