@@ -2,6 +2,7 @@
 
 #include "record/do_record.h"
 #include "record/record_findings.h"
+#include "support/layout/do_types.h"
 #include "verbs/verbs.h"
 
 namespace crrecord::tool {
@@ -26,8 +27,8 @@ struct ObjectDigest {
 std::string KeyOf(DORecord const& record, std::string const& digest) {
     DOSegmentRange const segments = record.Segments();
     unsigned int const dotype = record.GetDOType();
-    bool const hasOffsets = dotype == CR_DO_TYPE_8_BYTE_OFFSET || dotype == CR_DO_TYPE_4_BYTE_OFFSET;
-    unsigned long const offset = hasOffsets && !segments.empty() ? segments[0].offset : 0;
+    bool const hasOffset = DOTypeOf(dotype).offsetWidth != 0 && !segments.empty();
+    unsigned long const offset = hasOffset ? segments[0].offset : 0;
     return fmt::format("{}-{}-{}-{}-{}-{}", digest, record.GetFPType(), dotype, record.GetSize(), segments.size(),
                        offset);
 }
