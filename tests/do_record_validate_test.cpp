@@ -78,6 +78,7 @@ std::vector<Row> Rows() {
         {CR_FINDING_DO_NON_ZERO, "bloom.end", bloom, s4.list - 1, 3, 0, 1},
         {CR_FINDING_DO_NON_ZERO, "tail", bloom, s4.tail, 4, 0, 1},
         {CR_FINDING_DO_NON_ZERO, "tail", v3, end - 1, 4, 0, 1},
+        {CR_FINDING_DO_BSIZE, "bsize", v3, 0x48, 1, 0, 4},
     };
 }
 

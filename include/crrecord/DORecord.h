@@ -1,24 +1,27 @@
 // DORecord: the record of one stored object, as a class.
 //
 // A record owns or borrows one contiguous buffer (DORecordHeader.h) and keeps the object's typed references in memory,
-// as one ordered set for each kind. The sets are the truth: the buffer's reference section is written from them when
-// the buffer is asked for (GetHeader, GetSerializedTRefs).
+// in one ordered set per kind. The sets are authoritative: GetHeader and GetSerializedTRefs write the buffer's
+// reference section from them.
 //
-// Byte order: the buffer is in host order after construction; HostToNetwork and NetworkToHost turn all of it in place.
-// Accessors take and give host values in either order, but for those that say "raw".
+// Byte order: the buffer is in host order after construction; HostToNetwork and NetworkToHost convert it in place.
+// Accessors take and return host values in either order, unless their comment says that the value is not converted.
 //
-// Failures: operations throw Cr_ErrnoException with a status and, mostly, a text, or std::bad_alloc; those that return
-// cr_status_t return their failures. Operations that walk sections of the buffer first make sure that the sections lie
-// in it. Where they don't, because a raw setter or a write through GetHeader made header and buffer disagree, the
-// operation changes nothing and fails with status 9 and "invalid record size for DO" (32 from GetUDCIDSizeList). A
-// record never grows beyond 4 GiB - 1; what would make it do so fails the same way.
+// Errors: an operation throws Cr_ErrnoException with a status and, unless stated otherwise, a text; one that allocates
+// may also throw std::bad_alloc. Operations that return cr_status_t return their failures. An operation that walks
+// sections of the buffer first checks that they are inside it. They are not if an unchecked setter, or a write through
+// GetHeader, made header and buffer disagree. Then the operation changes nothing and throws or returns
+// CR_STATUS_INVALID, thrown with the text "invalid record size for DO". A record has at most 4 GiB - 1 bytes; an
+// operation that would exceed them fails the same way. After any other failure, too, the record is unchanged unless "On
+// failure" is stated.
 //
-// Accessors that take an index do not check it, except for an assertion in debug builds: keep it below GetNfp(), or
-// GetNudcid(), or the behaviour is undefined.
+// Preconditions: accessors that take an index assert in debug builds, and do not check in others, that it is below
+// GetNfp(), or GetNudcid(). Accessors of fields need a buffer, which a record lacks after init has failed.
 //
-// mtime: where an operation is said to touch the record, it sets mtime to the current time.
+// Modification time: an operation that is said to touch the record sets mtime to the current time.
 //
-// Threads: a record and its references are used by one thread at a time.
+// Thread safety: one thread at a time uses a record and its references. Const operations are no exception: GetHeader,
+// GetSerializedTRefs and ToStream write the reference section, and ToStream converts the buffer and converts it back.
 
 #pragma once
 
@@ -40,10 +43,11 @@ struct UniqueEntry;
 enum class Order;
 } // namespace crrecord
 
-// Container -> bytes of the object that lie in it.
+// Container id -> number of the object's bytes in that container.
 typedef std::map<unsigned long, unsigned long> cr_dcid_size_map_t;
 
-// Says whether a task is still active: 0 means inactive.
+// Returns 0 if the task is inactive, any other value if it is active. `context` is the caller's. The callback must not
+// change the record that calls it.
 typedef int (*cr_task_callback_t)(unsigned long taskId, void* context);
 
 class CRRECORD_API DORecord {
@@ -54,48 +58,72 @@ public:
 
     // --- Construction ---------------------------------------------------------------------------------------------
 
-    // From its segments. `segments` holds `nsegments` packed entries as the DO type has them (DORecordHeader.h), in
-    // host order; `dcids` one container for each, 64 or above; `udcidList` a complete unique DCID list in host order,
-    // or null. A ctime or mtime of 0 stands for the current time. The arrays are copied.
+    // Builds a record from segments; the arrays are copied. `size` and `ssize` are bytes; a `ctime` or `mtime` of 0
+    // means the current time. `segments` is an array of `nsegments` packed entries as the DO type has them
+    // (DORecordHeader.h), in host order; `dcids` holds the container of each; `udcidList` is null or a complete unique
+    // DCID list in host order, 8 + 16 * count bytes by its own count. CR_DO_TYPE_BLOOM_FILTER takes no segments, every
+    // other type some.
+    // Throws: CR_STATUS_INVALID for missing or superfluous segments, missing containers, a container below
+    // CR_FIRST_FREE_DCID, or a list that does not match its checksum; CR_STATUS_INVALID_DO_TYPE;
+    // CR_STATUS_INVALID_FP_TYPE; CR_STATUS_CORRUPT_DATA for segments that checkSegmentList rejects;
+    // CR_STATUS_NO_MEMORY.
     DORecord(unsigned long CID, unsigned long size, unsigned long ssize, unsigned int CRC, unsigned int ctime,
              unsigned int mtime, void const* segments, unsigned int nsegments, unsigned long const* dcids,
              char const* udcidList, unsigned char fptype, unsigned char dotype);
 
-    // A bloom record (DO type 4), from a bitmap of `bsize` bytes.
+    // Builds a bloom record from a bitmap of `bsize` bytes, which is copied. `udcidList` as above. With another DO type
+    // than CR_DO_TYPE_BLOOM_FILTER the record keeps `bsize` and no bitmap (CR_FINDING_DO_BSIZE).
+    // Throws: CR_STATUS_INVALID without a bitmap, for a `bsize` of 0 with CR_DO_TYPE_BLOOM_FILTER, or for a list that
+    // does not match its checksum; CR_STATUS_INVALID_DO_TYPE; CR_STATUS_INVALID_FP_TYPE; CR_STATUS_NO_MEMORY.
     DORecord(unsigned long CID, unsigned long size, unsigned long ssize, unsigned int CRC, unsigned int ctime,
              unsigned int mtime, unsigned int bsize, unsigned char const* bitmap, char const* udcidList,
              unsigned char fptype, unsigned char dotype);
 
-    // From an exchange form, which carries neither DO type nor fingerprint type; any bytes are safe. With `buffer`, the
-    // record is built in the caller's memory and borrows it, until it grows or where it does not fit; without, it
-    // allocates. A sub-DO takes the container of its first segment as its own. Throws: CR_STATUS_INVALID if the form
-    // and the buffer overlap, with the buffer unchanged.
+    // Builds a record from an exchange form of `serializedSize` bytes, which may be any bytes. The form holds neither
+    // DO type nor fingerprint type. The record borrows `buffer`, of `bufferSize` bytes, until it grows; if `buffer` is
+    // null or too small, the record allocates. A sub-DO takes the container of its first segment as its own.
+    // Throws: CR_STATUS_NULL_ARGUMENT for a null form; CR_STATUS_INVALID_DO_TYPE; CR_STATUS_CORRUPT_RECORD for bytes
+    // that are not such a form; CR_STATUS_INVALID beyond 4 GiB - 1 or if the form and `buffer` overlap;
+    // CR_STATUS_NO_MEMORY; all these without a text.
+    // CR_STATUS_INVALID for an unknown fingerprint type; CR_STATUS_CORRUPT_DATA for segments that checkSegmentList
+    // rejects.
+    // On failure: the bytes of `buffer` are unspecified, but unchanged if it overlaps the form.
+    // Lifetime: `buffer` must outlive the record, or its first growth.
     DORecord(unsigned int dotype, unsigned char fptype, void* buffer, unsigned long bufferSize, void const* serialized,
              unsigned long serializedSize, bool subDO);
 
-    // From `size` stored bytes, any bytes, in either order, which it finds out by itself: validates, copies, brings to
-    // host order and loads the references, legacy ones too. Option: CR_DO_SUB_DO. Throws 32 with the first error's
-    // message, 71 for legacy arrays beside references, 9 for null or another option bit.
+    // Builds a record from a copy of `size` stored bytes, which may be any bytes, in either order: detects the order,
+    // validates, copies, converts to host order and loads the references, legacy arrays included. The only option is
+    // CR_DO_SUB_DO.
+    // Returns: a record, never null.
+    // Throws: CR_STATUS_CORRUPT_RECORD with the message of the first error; CR_STATUS_NOT_SUPPORTED for legacy arrays
+    // together with typed references; CR_STATUS_INVALID, without a text, for null or another option bit;
+    // CR_STATUS_NO_MEMORY.
     static std::unique_ptr<DORecord> FromBuffer(void const* buffer, unsigned long size, unsigned int options = 0);
 
-    // The same in the caller's memory of `capacity` bytes, without a copy: the record turns it to host order and works
-    // in it. `fixed`: the record never grows beyond it; otherwise growth copies the record out. Throws as FromBuffer
-    // does, and 9 for a capacity below the size and for legacy arrays; the bytes are as before then. The memory must
-    // outlive the record.
+    // Builds a record in the caller's `capacity` bytes of memory, of which the first `size` are the record, without a
+    // copy: converts them to host order in place and works in them. If `fixed`, the record never leaves this memory and
+    // cannot grow beyond it; otherwise growth copies it to a buffer of the record's own.
+    // Throws: as FromBuffer; CR_STATUS_INVALID for a capacity below the size, and for legacy arrays.
+    // On failure: the bytes are unchanged.
+    // Lifetime: the memory must outlive the record, or its first growth.
     static std::unique_ptr<DORecord> Wrap(void* buffer, unsigned long size, unsigned long capacity, bool fixed,
                                           unsigned int options = 0);
 
-    // DORecordHeaderValidate, for those who have the class only.
+    // DORecordHeaderValidate with the same arguments.
     static cr_status_t ValidateHeader(void const* buffer, unsigned int size, unsigned int options);
 
+    // Frees the buffer if the record owns it, and releases the references.
     virtual ~DORecord();
     DORecord(DORecord const&) = delete;
     DORecord& operator=(DORecord const&) = delete;
 
-    // The first two constructors call these. On an existing record they build it anew, in host order and in a new
-    // buffer of its own. Its former buffer is freed, or keeps its bytes if it was borrowed; its references are
-    // released. The sub-DO flag stays and applies to the new segments.
-    // On failure: the record has no buffer, and only destroying it, or building it once more, is allowed.
+    // The work of the first two constructors, with their statuses, and with task ids to add, of which there must not be
+    // a count without an array (CR_STATUS_INVALID). init with null segments writes zeroed entries and does not check
+    // them. An existing record is built anew, in host order and in a new buffer that it owns: it releases its
+    // references and frees the former buffer, or leaves it unchanged if it was borrowed. The sub-DO flag stays and
+    // applies to the new segments.
+    // On failure: the record has no buffer. It may only be destroyed, or built once more.
     void init(unsigned long CID, unsigned long size, unsigned long ssize, unsigned int CRC, unsigned int ctime,
               unsigned int mtime, unsigned long const* taskIDs, unsigned int ntaskIDs, void const* segments,
               unsigned int nsegments, unsigned long const* dcids, char const* udcidList, unsigned char fptype,
@@ -103,78 +131,100 @@ public:
     void initWithBloom(unsigned long CID, unsigned long size, unsigned long ssize, unsigned int CRC, unsigned int ctime,
                        unsigned int mtime, unsigned long const* taskIDs, unsigned int ntaskIDs, unsigned int bsize,
                        unsigned char const* bitmap, char const* udcidList, unsigned char fptype, unsigned char dotype);
-    // Frees an own buffer; the record has none afterwards.
+    // Frees the buffer if the record owns it; then the record has none. A record with a borrowed buffer is unchanged.
     void cleanupConstruction();
 
     // --- Header fields --------------------------------------------------------------------------------------------
 
+    // Bits 0x0002 and 0x0004; 0x0002 in a built record, 0 in one made from an exchange form.
     unsigned short GetFlags() const;
-    unsigned int GetHeaderSize() const; // bytes of the whole record
-    unsigned int getRecSize() const;    // the same
+    // Bytes of the whole record; both return the same.
+    unsigned int GetHeaderSize() const;
+    unsigned int getRecSize() const;
     unsigned int GetCheckTime() const;
-    unsigned long GetDCID() const; // container of the record itself
+    // The container of the record itself.
+    unsigned long GetDCID() const;
+    // Bytes of the object, and of a segment of DO types 0 and 1.
     unsigned long GetSize() const;
     unsigned long GetSsize() const;
     unsigned int GetCrc() const;
+    // Creation and last change, in seconds since the epoch.
     unsigned int GetCTime() const;
     unsigned int GetMTime() const;
+    // Number of segments, and of entries of the unique DCID list; bytes of the bloom bitmap.
     unsigned int GetNfp() const;
     unsigned int GetNudcid() const;
     unsigned int GetBSize() const;
     unsigned char GetFPType() const;
     unsigned char GetDOType() const;
-    unsigned int GetUDCIDSize() const; // bytes of the unique list by the raw count; 0 for a count of 0
-    unsigned long GetDOSize() const;   // bytes of the record beyond the bare header size
+    // Bytes of the unique DCID list by the stored count, which is not converted: meaningless in network order.
+    unsigned int GetUDCIDSize() const;
+    // Bytes of the record beyond CR_DO_RECORD_SIZE.
+    unsigned long GetDOSize() const;
+    // The order that the accessors use: set by HostToNetwork, cleared by NetworkToHost.
     bool IsInNetworkOrder() const;
+    // A sub-DO may have segments of up to 4 GiB - 1. No field of the buffer stores this.
     bool IsSubDO() const;
     void SetSubDO(bool subDO);
+    // DORecordHeaderGetPOID: the container of the record itself.
     unsigned long GetPOID() const;
-    unsigned char const* GetBloom() const;      // the bitmap, or null
-    unsigned char const* GetBloomStart() const; // the length word of the bloom area
+    // The first byte of the bitmap, or null without one; and the length word before it (DORecordHeader.h).
+    unsigned char const* GetBloom() const;
+    unsigned char const* GetBloomStart() const;
 
-    // Neither touches the record.
+    // Time of the last check, in seconds since the epoch. Neither setter touches the record.
     void setCheckTime(unsigned int seconds);
     void SetCheckTime(unsigned int seconds);
+    // The container of the record itself. Only SetDCID touches the record.
     void setDCID(unsigned long dcid);
-    void SetDCID(unsigned long dcid); // touches
-    // The internal setters refuse an invalid value, setFPType by throwing 9 "invalid fptype for DO" and setFlags by
-    // logging it and storing nothing; the public ones store it, SetFlags after logging it, and touch the record.
+    void SetDCID(unsigned long dcid);
+    // setFPType throws CR_STATUS_INVALID "invalid fptype for DO" for an unknown type, and setFlags logs
+    // CR_STATUS_INVALID for an unknown bit; both then store nothing, and neither touches the record. SetFPType and
+    // SetFlags store any value and touch the record; SetFlags logs as setFlags does. Another width of fingerprints
+    // moves all sections.
     void setFPType(unsigned char fptype);
     void SetFPType(unsigned char fptype);
     void setFlags(unsigned short flags);
     void SetFlags(unsigned short flags);
 
-    // The buffer of GetHeaderSize() bytes, complete: the references are written into their section first. It stays the
-    // record's, and is valid until the record grows or goes.
+    // Writes the references into their section and returns the complete buffer of GetHeaderSize() bytes.
+    // Throws: CR_STATUS_INVALID if there are references and their section is not inside the buffer.
+    // Lifetime: the buffer belongs to the record and is valid until the record grows or is destroyed.
     DORecordHeader* GetHeader() const;
 
     // --- Buffer ---------------------------------------------------------------------------------------------------
 
-    // Reference section size := 0, record size := the computed one. The sets stay; the section's bytes are cleared.
+    // Sets the size of the reference section to 0, clears its bytes, and sets the record size to the computed one. The
+    // sets stay as they are.
     void initReferenceSets();
-    // The record size by the header's counts, without legacy arrays.
+    // The record size in bytes that follows from the header's counts, without legacy arrays.
     unsigned int calcRecSize() const;
-    // Stores the size; below the bare header size it throws 9 "invalid record size for DO". Doesn't grow the buffer.
+    // Stores the record size in bytes. The buffer stays as it is.
+    // Throws: CR_STATUS_INVALID below CR_DO_RECORD_SIZE.
     void setRecSize(unsigned int size);
-    // Makes room for `size` bytes (by default the record size) in the buffer, in whole pages; never shrinks it. Throws
-    // 9 where the buffer may not move, 22 without memory; the buffer is as before then.
+    // Grows the buffer to at least `size` bytes (by default the record size), in whole pages, with zeros; never shrinks
+    // it. A borrowed buffer is copied to one that the record owns.
+    // Throws: CR_STATUS_INVALID if the buffer must not be copied; CR_STATUS_NO_MEMORY.
     void expand(unsigned int size);
     void expand();
 
     // --- Byte order -----------------------------------------------------------------------------------------------
 
-    // Turn the whole record in place, without looking whether it stands in that order already: a second call turns it
-    // back, but not the accessors. Bit 0 of `options` removes the task ids afterwards (RemoveAllTRefs).
+    // Convert the whole record in place. They do not check the current order: a second call byte-swaps the record
+    // again, but the accessors still expect the order of the name. Bit 0 of `options` calls RemoveAllTRefs afterwards.
+    // Throws: CR_STATUS_INVALID; if RemoveAllTRefs throws it, the record is converted.
     void HostToNetwork(unsigned int options);
     void NetworkToHost(unsigned int options);
 
     // --- Exchange forms -------------------------------------------------------------------------------------------
 
-    // Write the exchange form (docs/format.md) into a new block of *outLength bytes, which the caller releases with
-    // SerializedDORecordFree; Serialize writes that of a bloom record for DO type 4. `withChecksum` puts the Adler-32
-    // of the body where the record's CRC would stand; the bloom form has it always. 0; 9, with nothing touched, for a
-    // record in network order, of another DO type, or whose sections don't lie in its buffer; 65 for a null pointer; 22
-    // without memory, logged, with *out null.
+    // Write the exchange form (docs/format.md) into a new block of *outLength bytes; Serialize writes the bloom form
+    // for CR_DO_TYPE_BLOOM_FILTER. With `withChecksum` the Adler-32 of the body replaces the record's CRC; the bloom
+    // form always has it.
+    // Returns: CR_STATUS_OK; CR_STATUS_INVALID for a record in network order, of the wrong DO type, or whose sections
+    // are not inside the buffer; CR_STATUS_NULL_ARGUMENT; CR_STATUS_NO_MEMORY, which is logged, with *out null.
+    // On failure: *outLength is unchanged, and *out too unless memory is lacking.
+    // Lifetime: the caller releases *out with SerializedDORecordFree.
     cr_status_t Serialize(void** out, unsigned long* outLength, bool withChecksum) const;
     cr_status_t SerializeBloomFilterDO(void** out, unsigned long* outLength, bool withChecksum) const;
     // Releases *serialized and sets it to null; null pointers are allowed.
@@ -182,139 +232,206 @@ public:
 
     // --- Digest, text, comparison ---------------------------------------------------------------------------------
 
-    // One fingerprint for the whole object, of the record's fingerprint type and with the record's container; owned by
-    // the caller (CRTDigestDelete). A single segment's own fingerprint; otherwise over fingerprints, sizes and offsets,
-    // or over bloom area and unique list. Null for a DO type 0 record with other than one segment. Throws 9 in network
-    // order, the fingerprint functions' status, 22 without memory.
+    // One fingerprint for the whole object, of the record's fingerprint type and with the record's container. It is the
+    // fingerprint of a single segment; otherwise a hash over fingerprints, sizes and offsets, or over bloom area and
+    // unique list (docs/format.md). Different content may have equal digests: the digest covers neither GetSize() (a
+    // hole at the object's end) nor, for a single segment, its offset (a hole at the start). The fingerprint of a
+    // single segment may be the digest of other segments. A key for content needs fingerprint type, DO type, GetSize(),
+    // GetNfp() and the first offset, too.
+    // Returns: the digest, which the caller releases with CRTDigestDelete; null for CR_DO_TYPE_ORIGINAL with a number
+    // of segments other than one.
+    // Throws: CR_STATUS_INVALID in network order; the status of the fingerprint functions; CR_STATUS_NO_MEMORY.
     crt_digest_t* GetDigest() const;
 
-    // Writes the record to `stream` and returns it. Binary: GetHeaderSize() bytes in host order. During the write the
-    // record is in host order; afterwards it is as it was, also if the stream throws. Text: one line without its end,
-    // of which TEXT_STREAM_FORMAT_DESCRIPTION tells, in plain decimal whatever the stream's flags and locale; throws 9
-    // in network order.
+    // Writes the record to `stream`. Binary: GetHeaderSize() bytes in host order. Text: one line without a line end, in
+    // the form of TEXT_STREAM_FORMAT_DESCRIPTION (docs/format.md), in plain decimal whatever the stream's flags and
+    // locale. During a binary write the record is in host order; afterwards it is in its former order, also if the
+    // stream throws.
+    // Returns: `stream`.
+    // Throws: CR_STATUS_INVALID for text in network order; what the stream throws.
     std::ostream& ToStream(std::ostream& stream, bool binary) const;
+    // The fields of the text form. It leaves out the list of containers, which the text has after the segments.
     static std::string const TEXT_STREAM_FORMAT_DESCRIPTION;
 
-    // Equal byte order, type, flags, ntaskid, CID, size, ssize, CRC, nfp, fingerprint type and DO type; as many
-    // references of each kind, with equal first ones; equal entries.
+    // Equal are records with the same byte order, type, flags, ntaskid, CID, size, ssize, CRC, nfp, fingerprint type
+    // and DO type, with the same number of references of each kind and equal first ones, and with equal entries.
+    // Containers, lists, times and all other references are not compared.
+    // Throws: CR_STATUS_INVALID if the entries are not inside the buffer.
     bool operator==(DORecord const& other) const;
     bool operator!=(DORecord const& other) const;
 
     // --- Segments -------------------------------------------------------------------------------------------------
 
-    // 32 bytes from where the fingerprint is, whatever its type.
+    // 32 bytes at the place of the fingerprint, whatever its type.
     crfp_digest_t const& GetSegmentFP(unsigned int i) const;
-    // Copies 32 bytes whatever the type: for 16-byte fingerprints the second half lands on what follows. Doesn't touch.
+    // Copies 32 bytes, whatever the type: after a 16-byte fingerprint the second half overwrites what follows. Does not
+    // touch the record.
     void SetSegmentFP(unsigned int i, crfp_digest_t const& fingerprint);
-    unsigned long GetSegmentDCID(unsigned int i) const;          // raw
-    cr_unaligned_u64 const* GetSegmentDCIDList() const;          // raw
-    void SetSegmentDCID(unsigned int i, unsigned long dcid);     // raw; doesn't touch
-    unsigned int GetSegmentSize(unsigned int i) const;           // 0xffffffff where the DO type has none
-    void SetSegmentSize(unsigned int i, unsigned int size);      // raw; stores for DO types 2, 3, 5; always touches
-    unsigned long GetSegmentOffset(unsigned int i) const;        // DO type 3; otherwise 2^64 - 1
-    void SetSegmentOffset(unsigned int i, unsigned long offset); // raw; stores for any DO type; touches
-    unsigned int GetSegmentObjectOffset(unsigned int i) const;   // DO type 5; otherwise 0xffffffff
-    void SetSegmentObjectOffset(unsigned int i, unsigned int offset); // raw; stores for any DO type; touches
-    // All of them; valid until the record changes or goes.
+    // The container of segment i, and of all. Conversions keep DCIDs, so they are not converted here. SetSegmentDCID
+    // does not touch the record.
+    unsigned long GetSegmentDCID(unsigned int i) const;
+    cr_unaligned_u64 const* GetSegmentDCIDList() const;
+    void SetSegmentDCID(unsigned int i, unsigned long dcid);
+    // Size of segment i in bytes: stored (DO types 2, 3, 5), or the low 32 bits of what ssize and size yield (0, 1);
+    // 0xffffffff for other DO types. SetSegmentSize stores for DO types 2, 3 and 5 only. It and the setters below store
+    // their argument unconverted, unlike the getters: convert a record in network order before. They touch the record.
+    unsigned int GetSegmentSize(unsigned int i) const;
+    void SetSegmentSize(unsigned int i, unsigned int size);
+    // Offset of segment i in bytes, of DO type 3; 2^64 - 1 for other DO types. The setter does not check the DO type.
+    unsigned long GetSegmentOffset(unsigned int i) const;
+    void SetSegmentOffset(unsigned int i, unsigned long offset);
+    // Offset of segment i in bytes, of DO type 5; 0xffffffff for other DO types. The setter does not check the DO type.
+    unsigned int GetSegmentObjectOffset(unsigned int i) const;
+    void SetSegmentObjectOffset(unsigned int i, unsigned int offset);
+    // All segments, as host values.
+    // Throws: CR_STATUS_INVALID.
+    // Lifetime: valid until the record changes, grows or is destroyed.
     DOSegmentRange Segments() const;
 
-    // Check that the segments make up the object; throw 89 with the first rule that fails, and 9 "invalid DO type" for
-    // DO type 255. The segment size times the count wraps at 64 bits. The two plausibility checks catch sizes and
-    // offsets in the wrong byte order; a sub-DO's sizes may reach 4 GiB - 1. checkSegmentList refuses a record whose
-    // bytes are not in the order of IsInNetworkOrder().
+    // Checks that the segments make up the object (docs/format.md, rules for the values). checkSegmentSizeEndiannes
+    // checks only that no size is 2 GiB or more, unless the record is a sub-DO; checkSegmentOffsetEndiannes checks only
+    // that no offset is 2^63 or more, which fails for every segment of a DO type without 64-bit offsets. Such values
+    // are probably in the wrong byte order.
+    // Throws: CR_STATUS_CORRUPT_DATA with the first rule that fails; checkSegmentList also CR_STATUS_INVALID "invalid
+    // DO type" for CR_DO_TYPE_INVALID, and "invalid record size for DO" for a buffer that is not in the order of
+    // IsInNetworkOrder().
     void checkSegmentList() const;
     void checkSegmentSizeEndiannes() const;
     void checkSegmentOffsetEndiannes() const;
 
     // --- Unique DCID list and bloom filter ------------------------------------------------------------------------
 
-    // Computes the list of the distinct containers and the object's bytes in each, from the segments or, in a bloom
-    // record, from its received big-endian list, whose length word it turns, and writes it into the record. 0; 9 for a
-    // record with references or with a container below 64, both logged, or one that would not fit; 22 without memory.
-    // After a failure the record is as before, except for a bloom record's length word when memory was wanting.
+    // Computes the list of the distinct containers and the object's bytes in each, and writes it into the record. It is
+    // computed from the segments; for a bloom record from the big-endian list that it was received with, whose length
+    // word and entries are converted to host order.
+    // Precondition: a record in host order without legacy arrays (in network order it writes a count that no function
+    // reads back), and a bloom record as received: a second call byte-swaps length word and list again.
+    // Returns: CR_STATUS_OK, also if there is nothing to list; CR_STATUS_INVALID, logged, for typed references or a
+    // container below CR_FIRST_FREE_DCID, and not logged for a record that would not fit its buffer or 4 GiB - 1;
+    // CR_STATUS_NO_MEMORY.
+    // On failure: unchanged, but after CR_STATUS_NO_MEMORY the length word of a bloom record is byte-swapped.
     cr_status_t AppendBloomAndUniqueDCIDList();
-    // Merges a bloom record's big-endian list into the caller's map, replacing values already there, and turns its
-    // length word, with every call. Always 0; nothing happens for other DO types.
+    // Merges the list of a received bloom record into `sizes`, replacing existing values, and byte-swaps its length
+    // word at every call. The list must be big-endian, as received: of a list in host order it merges byte-swapped
+    // entries.
+    // Returns: CR_STATUS_OK, always: also if it merges nothing and changes nothing, for another DO type or if the list
+    // is not inside the buffer.
+    // Throws: std::bad_alloc.
+    // On failure: `sizes` has part of the entries, and the length word is byte-swapped.
     cr_status_t AppendBloom(cr_dcid_size_map_t& sizes);
-    // Replaces the map's contents by the list and the record's own container, to which GetDOSize() is added. 0; 32 for
-    // a record without a list, logged; 22 without memory, logged and left in the last status.
+    // Replaces the contents of `sizes` by the list and the record's own container, to which it adds GetDOSize().
+    // Returns: CR_STATUS_OK; CR_STATUS_CORRUPT_RECORD for a record without a list, logged, or if the list is not inside
+    // the buffer; CR_STATUS_NO_MEMORY, logged and stored in this thread's last status.
+    // On failure: `sizes` is unchanged, but after CR_STATUS_NO_MEMORY it has part of the entries.
     cr_status_t GetUDCIDSizeList(cr_dcid_size_map_t& sizes) const;
-    unsigned char const* GetSegmentUDCIDList() const;    // the list's checksum word
-    unsigned long GetSegmentUDCID(unsigned int i) const; // raw
+    // The list's checksum word, and the container of its entry i. Conversions keep both, so they are not converted.
+    unsigned char const* GetSegmentUDCIDList() const;
+    unsigned long GetSegmentUDCID(unsigned int i) const;
 
     // --- Typed references -----------------------------------------------------------------------------------------
 
-    // Add a reference: 0 added, 1 an equal one was there already; both touch the record. Kinds 2, 4, 6 and 9 only: 9
-    // with a logged text for the others. A null or empty handle: 9 "NULL reference". After a failure nothing has
-    // changed. OwnTRef keeps the given handle, or takes the value, also when it fails; AddTRef keeps a copy.
+    // Add a reference of kind 2 (CR_REFTYPE_TASKID), 4 (CR_REFTYPE_DSID), 6 or 9, and touch the record. OwnTRef keeps
+    // the handle, or takes the value from the caller, also if it fails; AddTRef keeps a copy.
+    // Returns: 0 if the reference was added, 1 if the record had an equal one.
+    // Throws: CR_STATUS_INVALID for another kind, logged, for a null or empty handle ("NULL reference"), and if the
+    // record must not grow; CR_STATUS_NO_MEMORY; std::bad_alloc.
     int OwnTRef(tref_ptr_t reference);
     int OwnTRef(_cr_tref_t& reference);
     int AddTRef(_cr_tref_t const& reference);
     int AddTRef(tref_ptr_t reference);
-    // 0 when kind 4, 6 or 9 is there, and always for kind 7 and above 11; 72, with a warning, when it isn't there; the
-    // other kinds throw 9. A null reference throws 9 "NULL reference".
+    // Looks a reference of kind 4, 6 or 9 up.
+    // Returns: CR_STATUS_OK if the record has it, and for kind 7 and kinds above CR_REFTYPE_END without a look-up;
+    // CR_STATUS_NOT_FOUND, logged as a warning.
+    // Throws: CR_STATUS_INVALID for every other kind, logged, and for a null reference ("NULL reference").
     cr_status_t CheckTRef(tref_ptr_t reference) const;
     cr_status_t CheckTRef(_cr_tref_t const* reference) const;
-    // The number removed, 0 or 1; touches either way. Kinds 2, 4, 6, 8 and 9; the others throw 9. A null handle throws
-    // 9 "NULL reference"; a null pointer gives 0.
+    // Remove a reference of kind 2, 4, 6, 8 or 9, and touch the record even if it does not have it.
+    // Returns: the number of references removed, 0 or 1; 0 for a null pointer.
+    // Throws: CR_STATUS_INVALID for another kind, logged, for a null or empty handle ("NULL reference"), and if the
+    // record size is too small to be reduced.
+    // On failure: after the last, the reference is removed and the size of the reference section reduced, but not the
+    // record size.
     unsigned long DelTRef(tref_ptr_t reference);
     unsigned long DelTRef(_cr_tref_t const* reference);
-    // Removes all of one kind; doesn't touch.
+    // Removes all references of one kind. Does not touch the record. A number that is no kind has none.
+    // Throws: CR_STATUS_INVALID if the record size is too small to be reduced.
+    // On failure: as DelTRef.
     void ClearTRefType(cr_reftype_t kind);
-    // Removes the task ids (kind 2), and nothing else.
+    // Removes the task ids (CR_REFTYPE_TASKID) and no other reference, and touches the record.
+    // Throws: CR_STATUS_INVALID if the record size is too small to be reduced.
+    // On failure: the task ids before the one at which it failed are removed. That one is still there, but not counted
+    // in the size of the reference section.
     void RemoveAllTRefs();
 
-    // Bytes in serialized form of one kind, and of all.
+    // Bytes of the references in serialized form, of one kind and of all, computed from the sets.
     unsigned long GetTRefTypeTotalSize(cr_reftype_t kind) const;
     unsigned long calcTRefsSize() const;
+    // Number of references, of all kinds and of one. 0 for a number that is no kind.
     unsigned int GetNTRefs() const;
-    unsigned int GetNTRefs(cr_reftype_t kind) const; // 0 for a number that is no kind
-    unsigned int GetNtaskid() const;                 // those of kind 2
-    unsigned int GetNds() const;                     // those of kind 4
-    // One kind's set; an empty range for a number that is no kind.
+    unsigned int GetNTRefs(cr_reftype_t kind) const;
+    // Number of task ids and of DSIDs in the sets; the header's fields count legacy arrays.
+    unsigned int GetNtaskid() const;
+    unsigned int GetNds() const;
+    // The set of one kind; an empty range for a number that is no kind. An iterator is valid until its reference is
+    // removed or the record is destroyed.
     tref_set_t::const_iterator GetTRefTypeBegin(cr_reftype_t kind) const;
     tref_set_t::const_iterator GetTRefTypeEnd(cr_reftype_t kind) const;
-    // All kinds but 0, by kind and then in order.
+    // All references except those of kind 0, by kind and then by id.
     tref_const_iterator_t GetTRefBegin() const;
     tref_const_iterator_t GetTRefEnd() const;
 
-    // The header's size of the reference section.
+    // Bytes of the reference section by the header. setTRefsSize changes nothing else.
     unsigned int getTRefsSize() const;
-    void setTRefsSize(unsigned int size); // raw: nothing else changes
+    void setTRefsSize(unsigned int size);
     unsigned long GetSerializedTRefsSize() const;
-    // The reference section, written from the sets first.
+    // Writes the references into their section and returns its start. Throws and lifetime as GetHeader.
     char* GetSerializedTRefs() const;
-    // Loads serialized references of any kind; the bytes may be the record's own section. Equal ones are dropped.
-    // Throws the decoder's status with "Received a buffer with corrupt typed references." at the first that does not
-    // decode; those before it stay. Touches on success.
+    // Loads `length` bytes of serialized references of any kind, drops those that the record has, and touches the
+    // record. The bytes may be the record's own section.
+    // Throws: the decoder's status (CR_STATUS_CORRUPT_RECORD, CR_STATUS_NO_MEMORY) with the text "Received a buffer
+    // with corrupt typed references."; CR_STATUS_INVALID for null bytes or if the record must not grow; std::bad_alloc.
+    // On failure: the references before the first that failed are loaded.
     void AddSerializedTRefs(char const* bytes, unsigned int length);
-    // Touches the record.
+    // Touches the record: sets mtime to the current time.
     void handleUpdate();
 
     // --- Task ids and data selections -----------------------------------------------------------------------------
 
-    // 0 added, 1 it was there already.
+    // As AddTRef, without a null reference.
     int AddTaskID(unsigned long taskId);
-    // 9, with nothing changed, for a task that the callback calls inactive; otherwise drops the inactive ones first.
+    // If `callback` calls the task active: drops the inactive ones as RemoveInactiveTaskIDs does and adds the task.
+    // Returns: 0 or 1 as AddTRef; CR_STATUS_INVALID, with nothing changed, for an inactive task or a null callback.
+    // Throws: as AddTRef.
+    // On failure: the inactive ones are dropped.
     int AddTaskID(unsigned long taskId, cr_task_callback_t callback, void* context);
-    // Drops every task that the callback calls inactive, and touches in any case. The number dropped.
+    // Removes every task id that `callback` calls inactive, and touches the record in any case.
+    // Returns: the number removed.
+    // Throws: CR_STATUS_INVALID for a null callback ("NULL reference"); as RemoveAllTRefs.
+    // On failure: as RemoveAllTRefs.
     unsigned long RemoveInactiveTaskIDs(cr_task_callback_t callback, void* context);
-    void RemoveAllTaskIDs(); // RemoveAllTRefs
+    // RemoveAllTRefs.
+    void RemoveAllTaskIDs();
+    // Whether the record has a task id; does not check whether the task is active.
     bool HasTaskID(unsigned long taskId) const;
+    // As AddTRef and DelTRef, without a null reference.
     int AddDSID(unsigned int dsid);
-    unsigned long DelDSID(unsigned int dsid); // the number removed, 0 or 1
+    unsigned long DelDSID(unsigned int dsid);
     bool HasDSID(unsigned int dsid) const;
-    // Turns legacy arrays into typed references, or loads the reference section of a record without them (which leaves
-    // mtime alone). For a record in host order. 9 for legacy arrays in a borrowed buffer, 71 beside references. Without
-    // memory nothing changes.
+    // Converts legacy arrays to typed references and touches the record; without legacy arrays loads the reference
+    // section and leaves mtime alone.
+    // Precondition: a record in host order.
+    // Throws: CR_STATUS_INVALID for legacy arrays in a borrowed buffer; CR_STATUS_NOT_SUPPORTED for legacy arrays
+    // together with typed references; as AddSerializedTRefs; std::bad_alloc.
+    // On failure: unchanged, but after CR_STATUS_CORRUPT_RECORD the references before the first that failed are loaded,
+    // and if the references would exceed 4 GiB - 1, those converted before are in the sets.
     void convertToTRefs();
 
 protected:
-    // What the buffer may do when the record grows.
+    // How the buffer grows.
     enum class CopyMode : unsigned int {
-        Fixed = 0,    // it must stay where it is
-        Borrowed = 1, // it may be copied into an own one
-        Own = 2,      // it is grown with realloc
+        Fixed = 0,    // not at all: it must not be copied
+        Borrowed = 1, // by a copy to a buffer that the record owns
+        Own = 2,      // by realloc
     };
 
     static constexpr unsigned int kKinds = CR_REFTYPE_END;
@@ -333,8 +450,8 @@ private:
     // The end of a section, as a member of the layout.
     typedef unsigned long crrecord::RecordLayout::*SectionEnd;
 
-    // The layout of a record whose bytes up to the end of a section lie in the buffer, or a refusal; the second for
-    // operations that change or follow sizes.
+    // The layout of a record whose bytes up to the end of a section are inside the buffer; throws if they are not. The
+    // second is for operations that change sizes or follow them.
     CRRECORD_LOCAL crrecord::RecordLayout checkedLayout(SectionEnd end) const;
     CRRECORD_LOCAL crrecord::RecordLayout changeableLayoutUpTo(SectionEnd end) const;
     CRRECORD_LOCAL bool orderMatchesHeader() const noexcept;
@@ -362,7 +479,9 @@ private:
                                         crrecord::RecordLayout const& layout) noexcept;
 };
 
-// Goes through the references of a record kind by kind, without kind 0.
+// Iterates over the references of a record kind by kind, without kind 0.
+//
+// Lifetime: valid until its reference is removed or the record is destroyed.
 class CRRECORD_API DORecord::tref_const_iterator_t {
 public:
     using iterator_category = std::forward_iterator_tag;
@@ -371,10 +490,12 @@ public:
     using pointer = tref_ptr_t const*;
     using reference = tref_ptr_t const&;
 
-    tref_const_iterator_t(); // of no record
+    // Of no record; may only be assigned and compared.
+    tref_const_iterator_t();
     reference operator*() const { return *position_; }
     pointer operator->() const { return &*position_; }
-    tref_const_iterator_t& operator++(); // at the end it does nothing
+    // At the end it does nothing.
+    tref_const_iterator_t& operator++();
     tref_const_iterator_t operator++(int);
     bool operator==(tref_const_iterator_t const& other) const;
     bool operator!=(tref_const_iterator_t const& other) const { return !(*this == other); }

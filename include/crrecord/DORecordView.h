@@ -1,29 +1,37 @@
 // DORecordView: a validated DO record, read in place.
+//
+// A view copies the fixed header and nothing else. All values that it gives are host values, in either order of the
+// record; DCIDs and the unique DCID list are as the machine that built the record wrote them.
 
 #pragma once
 
 #include <crrecord/segments.h>
 #include <crrecord/tref.h>
 
-// A typed reference as it stands in a record.
+// A typed reference of a record, by value.
 struct DOReference {
     cr_reftype_t kind;
     unsigned long id;
 };
 
-// The typed references of a record, in stored order.
+// The typed references of a record, in stored order, which a note may report as not ascending.
+//
+// Lifetime: valid while the buffer of the view is unchanged. Iterators may outlive the range itself.
 class DOReferenceRange {
 public:
+    // Decodes one reference after the other.
     class iterator {
     public:
-        using iterator_category = std::input_iterator_tag; // since it yields values; otherwise forward
+        using iterator_category = std::input_iterator_tag; // it yields values; all else is forward
         using value_type = DOReference;
         using difference_type = std::ptrdiff_t;
         using pointer = void;
         using reference = DOReference;
 
+        // The first may only be assigned to; the second takes the start of a reference, or the end of the section.
         iterator() noexcept : at_(nullptr) {}
         explicit iterator(unsigned char const* at) noexcept : at_(at) {}
+        // Precondition: not at the end.
         CRRECORD_API DOReference operator*() const noexcept;
         CRRECORD_API iterator& operator++() noexcept;
         iterator operator++(int) noexcept {
@@ -40,6 +48,7 @@ public:
     using const_iterator = iterator;
     using value_type = DOReference;
 
+    // Precondition: the bytes are validated references.
     DOReferenceRange(unsigned char const* from, unsigned char const* to) noexcept : from_(from), to_(to) {}
     iterator begin() const noexcept { return iterator(from_); }
     iterator end() const noexcept { return iterator(to_); }
@@ -50,44 +59,53 @@ private:
     unsigned char const* to_;
 };
 
-// Read-only and non-owning, over a buffer of either order: a mapped file, a slice of a database, bytes off a wire. It
-// is made by validation and by nothing else, so everything that it gives lies in the buffer. The buffer must stay as it
-// is while the view, or a range or pointer from it, is in use. All numbers are host values.
+// A read-only view of a buffer that it does not own, in either order: a mapped file, a slice of a database, received
+// bytes. Its constructor validates the buffer, so everything that a view gives is inside the buffer.
 //
-// Threads: any number may read one view.
+// Lifetime: the buffer must exist, unchanged, while the view or a range, iterator or pointer from it is in use.
+// Thread safety: any number of threads may read one view.
 class DORecordView {
 public:
-    // Validates `size` bytes; finds out their order by itself. Option: CR_DO_SUB_DO. Throws 32 with the first error's
-    // message, 9 for null or another option bit.
+    // Validates `size` bytes, which may be any bytes, and detects their order. The only option is CR_DO_SUB_DO.
+    // Throws: Cr_ErrnoException with CR_STATUS_CORRUPT_RECORD and the message of the first error; with
+    // CR_STATUS_INVALID, without a text, for null or another option bit.
     CRRECORD_API DORecordView(void const* buffer, unsigned long size, unsigned int options = 0);
 
+    // Header fields (DORecordHeader.h). GetHeaderSize is the bytes of the whole record; sizes are in bytes, times in
+    // seconds since the epoch.
     bool IsInNetworkOrder() const noexcept { return networkOrder_; }
+    // Bits 0x0002 and 0x0004 only.
     unsigned short GetFlags() const noexcept { return fields_.flags; }
-    unsigned int GetHeaderSize() const noexcept { return fields_.recsize; } // bytes of the whole record
+    unsigned int GetHeaderSize() const noexcept { return fields_.recsize; }
     unsigned int GetCheckTime() const noexcept { return fields_.checktime; }
+    // The container of the record itself.
     unsigned long GetDCID() const noexcept { return fields_.CID; }
+    // Bytes of the object, and of a segment of DO types 0 and 1.
     unsigned long GetSize() const noexcept { return fields_.size; }
     unsigned long GetSsize() const noexcept { return fields_.ssize; }
     unsigned int GetCrc() const noexcept { return fields_.CRC; }
     unsigned int GetCTime() const noexcept { return fields_.ctime; }
     unsigned int GetMTime() const noexcept { return fields_.mtime; }
+    // Number of segments, and of entries of the unique DCID list; bytes of the typed references and of the bitmap.
     unsigned int GetNfp() const noexcept { return fields_.nfp; }
     unsigned int GetNudcid() const noexcept { return fields_.nudcid; }
     unsigned int GetTRefsSize() const noexcept { return fields_.trefssize; }
     unsigned int GetBSize() const noexcept { return fields_.bsize; }
     unsigned char GetFPType() const noexcept { return fields_.fptype; }
     unsigned char GetDOType() const noexcept { return fields_.dotype; }
-    // Numbers of legacy references, which the ranges leave out.
+    // Number of legacy task ids and DSIDs. No range has them; DORecord::FromBuffer converts them.
     unsigned int GetLegacyTaskIDs() const noexcept { return fields_.ntaskid; }
     unsigned int GetLegacyDSIDs() const noexcept { return fields_.nds; }
-    // GetBSize() bytes; null where there are none.
+    // Returns: the GetBSize() bytes of the bitmap; null without a bitmap and for other types than
+    // CR_DO_TYPE_BLOOM_FILTER.
     unsigned char const* GetBloom() const noexcept { return DORecordHeaderGetBloom(record_); }
 
+    // The segments, the unique DCID list and the typed references (segments.h).
     DOSegmentRange Segments() const noexcept { return DOSegmentRange(DOSegmentSource::Of(record_)); }
     DOUniqueDCIDRange UniqueDCIDs() const noexcept { return DOUniqueDCIDRange(DOUniqueDCIDSource::Of(record_)); }
     CRRECORD_API DOReferenceRange References() const noexcept;
 
-    // The record itself, as it stands.
+    // Returns: the start of the buffer, with its fields in the record's order.
     DORecordHeader const* GetHeader() const noexcept { return record_; }
 
 private:

@@ -1,6 +1,7 @@
-// Container identifiers (DCIDs), which say where stored bytes lie.
+// Container ids (DCIDs): the container of the store that holds a segment or a record.
 
 #pragma once
 
-// The first identifier that is free for use; those below are reserved, and refused for segments.
+// The lowest id of a container. Those below are reserved: records are not built with segments in them, and validation
+// reports a note.
 inline constexpr unsigned long CR_FIRST_FREE_DCID = 64;

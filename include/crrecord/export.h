@@ -1,5 +1,5 @@
-// What the shared library exports: whatever is marked CRRECORD_API. Everything else in it is hidden; CRRECORD_LOCAL
-// hides a member of an exported class.
+// Symbol visibility. The shared library exports what is marked CRRECORD_API and nothing else. CRRECORD_LOCAL hides a
+// member of an exported class: it is not for callers.
 
 #pragma once
 

@@ -1,27 +1,30 @@
-// What stands at the start of some bytes: for those who read records that stand one behind the other.
+// Kind, order and size of the record at the start of some bytes: for readers of records stored one after the other.
 
 #pragma once
 
 #include <crrecord/export.h>
 
+// Kinds of records.
 enum cr_record_kind_t : int {
-    CR_RECORD_UNKNOWN = 0, // of no known type, or too few bytes to tell
-    CR_RECORD_SEGMENT = 2, // the record types themselves
+    CR_RECORD_UNKNOWN = 0, // no known record type, or fewer than 2 bytes
+    CR_RECORD_SEGMENT = 2, // the values are the record types
     CR_RECORD_DO = 3,
 };
 
-// Nothing of it is checked: it is what the record says of itself, as host values.
+// What the first bytes of a record say about it, as host values. Nothing of it is validated.
 struct cr_record_probe_t {
-    unsigned int struct_size; // sizeof(cr_record_probe_t) of the library that fills it; grows at its end only
+    unsigned int struct_size; // sizeof(cr_record_probe_t) in the library; members are only added at the end
     cr_record_kind_t kind;
     int network_order;      // 1 or 0; 0 for an unknown kind
-    unsigned int head_size; // bytes from which a record of this kind can tell its size; 0 for an unknown kind
-    // The size of the record by its record size, and by its counts; both 0 where fewer than head_size bytes are there.
-    // A good record's are the same. The second may be beyond 32 bits.
+    unsigned int head_size; // bytes that hold the sizes of a record of this kind; 0 for an unknown kind
+    // Bytes of the record by its field recsize, and by its counts; both 0 if fewer than head_size bytes are available.
+    // They are equal for a valid record. The second may exceed 32 bits.
     unsigned long recorded_size;
     unsigned long counted_size;
 };
 
-// Looks at the first bytes of `available` ones, any bytes, and reads nothing else. To read a stream: probe, take so
-// many bytes as the record says, validate them, and go on behind them.
+// Probes `available` bytes, which may be any bytes, and reads no more than head_size of them. To read a stream: probe,
+// take as many bytes as recorded_size says, validate them, and go on after them.
+// Returns: the probe; CR_RECORD_UNKNOWN if the bytes are not the start of a record. Null is allowed for 0 or 1 bytes.
+// Thread safety: no state.
 CRRECORD_API cr_record_probe_t CRRecordProbe(void const* bytes, unsigned long available) noexcept;

@@ -1,28 +1,35 @@
-// The range through which the elements of a record are read, one after the other or by index.
+// The range that gives the elements of a record one after the other or by index.
 
 #pragma once
 
 #include <cstddef>
 #include <iterator>
 
-// A view of `source.count` elements, each made by `source.Read(i)` when it is asked for; usable in a range-for and with
-// the standard algorithms. Valid until the record changes, grows or goes. Its iterators may outlive the range itself.
+// A view of `source.count` elements. Each is made by `source.Read(i)` when it is dereferenced, so it is a value and not
+// a reference into the record. Usable in a range-for and with the standard algorithms.
+//
+// Preconditions: an iterator is dereferenced below end(), and an index is below size(); neither is checked.
+// Lifetime: valid until the record changes, grows or is destroyed. Iterators may outlive the range itself.
+// Thread safety: as reading the record.
 template <class Source>
 class cr_record_range {
 public:
     using value_type = typename Source::value_type;
 
+    // Moves as a random-access iterator does. Iterators of two ranges are not comparable, which is not checked.
     class iterator {
     public:
-        using iterator_category = std::input_iterator_tag; // since it yields values; otherwise random access
+        using iterator_category = std::input_iterator_tag; // it yields values; all else is random access
         using value_type = typename Source::value_type;
         using difference_type = std::ptrdiff_t;
         using pointer = void;
         using reference = value_type;
 
+        // The first may only be assigned to; the second is for cr_record_range.
         iterator() noexcept : source_{}, index_(0) {}
         iterator(Source const& source, unsigned int index) noexcept : source_(source), index_(index) {}
 
+        // Read the element, and the element `n` after it.
         value_type operator*() const noexcept { return source_.Read(index_); }
         value_type operator[](difference_type n) const noexcept { return *(*this + n); }
         iterator& operator++() noexcept { return *this += 1; }
@@ -45,6 +52,7 @@ public:
         friend iterator operator+(iterator i, difference_type n) noexcept { return i += n; }
         friend iterator operator+(difference_type n, iterator i) noexcept { return i += n; }
         friend iterator operator-(iterator i, difference_type n) noexcept { return i -= n; }
+        // The distance in elements, and the order of positions.
         friend difference_type operator-(iterator const& a, iterator const& b) noexcept {
             return difference_type{a.index_} - difference_type{b.index_};
         }
@@ -61,13 +69,15 @@ public:
     };
     using const_iterator = iterator;
 
+    // `source` is copied.
     explicit cr_record_range(Source const& source) noexcept : source_(source) {}
 
+    // Iterators from element 0 to the end, and the number of elements.
     iterator begin() const noexcept { return {source_, 0}; }
     iterator end() const noexcept { return {source_, source_.count}; }
     unsigned int size() const noexcept { return source_.count; }
     bool empty() const noexcept { return source_.count == 0; }
-    // `i` below size().
+    // Element `i`, which is below size().
     value_type operator[](unsigned int i) const noexcept { return source_.Read(i); }
 
 private:

@@ -1,4 +1,6 @@
-// The segments and the unique DCIDs of a DO record as ranges.
+// Segments and unique DCID list of a DO record as ranges.
+//
+// DORecordView and DORecord::Segments make them. They read either order and give host values.
 
 #pragma once
 
@@ -6,21 +8,24 @@
 #include <crrecord/fingerprint.h>
 #include <crrecord/record_range.h>
 
-// What a record says of one segment, as host values.
+// One segment, as host values.
 struct DOSegment {
-    crfp_digest_t fingerprint; // 16-byte fingerprints have a zero second half
-    unsigned int size;         // bytes; 0xffffffff where the DO type has none
-    unsigned long offset;      // as stored, of DO types 3 and 5; 0xffffffffffffffff for the others
-    unsigned long dcid;        // container that holds the segment
+    crfp_digest_t fingerprint; // the second half is zero for 16-byte fingerprints
+    unsigned int size;         // in bytes, derived ones cut to 32 bits; 0xffffffff for DO types without sizes
+    unsigned long offset;      // in bytes, of DO types 3 and 5; 2^64 - 1 for the others
+    unsigned long dcid;        // the container that holds the segment
 };
 
-// One entry of the unique DCID list.
+// One entry of the unique DCID list, as host values on the kind of machine that built the record.
 struct DOUniqueDCID {
     unsigned long dcid;
-    unsigned long bytes; // of the object, in that container
+    unsigned long bytes; // number of the object's bytes in that container
 };
 
-// Where a range reads from: a record in either order whose counts are known to lie inside its buffer.
+// What a range reads from: the place and form of the elements in a record. The members are not for callers.
+//
+// Preconditions: Of takes a record in either order whose counts are known to fit its buffer, as after validation; Read
+// takes an index below count.
 struct DOSegmentSource {
     typedef DOSegment value_type;
 
@@ -38,6 +43,7 @@ struct DOSegmentSource {
     bool networkOrder;
 };
 
+// As DOSegmentSource, for the entries of the unique DCID list.
 struct DOUniqueDCIDSource {
     typedef DOUniqueDCID value_type;
 
@@ -48,5 +54,6 @@ struct DOUniqueDCIDSource {
     unsigned int count;
 };
 
+// The ranges that records and views return.
 typedef cr_record_range<DOSegmentSource> DOSegmentRange;
 typedef cr_record_range<DOUniqueDCIDSource> DOUniqueDCIDRange;

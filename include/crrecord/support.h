@@ -1,4 +1,5 @@
-// The support layer under the records: fingerprints, findings, and the functions over bare DO record buffers.
+// The support layer under the records: fingerprints, findings, and the functions over bare DO record buffers. Includes
+// these headers and declares nothing itself.
 
 #pragma once
 

@@ -1,16 +1,19 @@
-// Typed references: what keeps an object alive. The value, its operations, and the counted handle that records hold.
+// Typed references, which keep an object alive: the value, its operations, and the counted handle that records hold.
 //
-// A reference is a kind and an id. It is ordered by kind, then by id. Its serialized form (form 1) is the kind (1
-// byte), the length of the id (1 byte) and the id big-endian, 4 bytes for kind 4 and 8 for every other kind. Its text
-// form (form 0) is "task:17" for kind 2, "dsid:5" for kind 4 and "ref6:9" for any other, ended by a NUL.
+// A reference is a kind from 0 to 10 and an id of 64 bits, or 32 bits for CR_REFTYPE_DSID. References are ordered by
+// kind, then by id. The serialized form is the kind (1 byte), the length of the id (1 byte) and the id, big-endian (4
+// bytes for CR_REFTYPE_DSID, 8 for every other kind). The text form is "task:17" for CR_REFTYPE_TASKID, "dsid:5" for
+// CR_REFTYPE_DSID and "ref6:9" for kind 6 and so on, ended by a NUL.
 //
-// Functions that fail return null and leave the reason in this thread's last status (status.h).
+// Errors: functions that fail return null and store the reason in this thread's last status (status.h).
 //
-// Threads: the pool that handles come from is shared by every library of the process and locked for each allocation
-// and each return. The count of a handle is a plain integer: a handle belongs to one thread at a time. A child of fork()
-// may make and release handles, whatever the other threads of its parent did.
+// Memory: references and handles come from two pools that all libraries of the process share. A pool keeps its memory
+// for later use and never returns it to the system. dlclose leaves the shared library loaded, since handles that are
+// still held are in its pool.
 //
-// Lifetime: dlclose leaves the shared library loaded, since handles that are still held are in its pool.
+// Thread safety: each allocation and each release locks the mutex of its pool. The count of a handle is a plain integer:
+// one thread at a time uses a handle. A child of fork() may make and release handles, whatever the other threads of its
+// parent did.
 
 #pragma once
 
@@ -20,78 +23,92 @@
 
 #include <cstddef>
 
+// Kinds of references; the other kinds from 0 to 10 have no names. Records store these values, so they never change.
 enum cr_reftype_t : int {
     CR_REFTYPE_TASKID = 2, // a task; the id has 64 bits
     CR_REFTYPE_DSID = 4,   // a data selection; the id has 32 bits
     CR_REFTYPE_END = 11,   // one past the last kind
 };
 
+// Forms of a reference. Every function takes any other number for CR_TREF_SERIALIZED.
 inline constexpr int CR_TREF_TEXT = 0;
 inline constexpr int CR_TREF_SERIALIZED = 1;
-// Longest text of a reference with its NUL fits well.
+// Bytes that the text form of any reference fits in, with its NUL.
 inline constexpr unsigned long CR_TREF_TEXT_SIZE = 99;
 
-// One reference; opaque. Made and released by the functions below and by nothing else.
+// One reference; opaque. Only the functions below make and release one.
 struct _cr_tref_t;
 
-// A new reference of a kind from 0 to 10. Null with status 9 for another kind or for an id of kind 4 beyond 32 bits,
-// with status 22 without memory.
+// Makes a reference.
+// Returns: the reference; or null with CR_STATUS_INVALID for a kind outside 0 to 10 or an id of CR_REFTYPE_DSID beyond
+// 32 bits, or with CR_STATUS_NO_MEMORY.
+// Lifetime: the caller releases it with CRTRefDelete, or passes it to a handle.
 CRRECORD_API _cr_tref_t* CRTRefNew(cr_reftype_t kind, unsigned long id) noexcept;
 
-// Reads one reference from the front of `available` bytes and sets *consumed to the bytes that it took. Null with
-// status 32 for a kind above 10, a wrong length, a short input or, in text form, anything but the text of a reference
-// up to a NUL or the end; 22 without memory; then *consumed is 0. Reads nothing behind `available`.
+// Reads one reference in a form from the start of `available` bytes, and nothing after them. `*consumed`, unless
+// `consumed` is null, becomes the number of bytes read; for the text form, which ends at a NUL or at the last byte,
+// without the NUL.
+// Returns: the reference; or null with CR_STATUS_CORRUPT_RECORD for null, a kind above 10, a wrong length of the id,
+// too few bytes or a text that is not a reference's, or with CR_STATUS_NO_MEMORY.
+// On failure: *consumed is 0.
+// Lifetime: as CRTRefNew.
 CRRECORD_API _cr_tref_t* CRTRefNewDeserialize(void const* source, unsigned long available, int form,
                                               unsigned long* consumed) noexcept;
 
-// Releases *reference and sets it to null; null pointers are allowed.
+// Releases *reference and sets it to null. Both pointers may be null.
 CRRECORD_API void CRTRefDelete(_cr_tref_t** reference) noexcept;
 
-// The references given to these are not null.
+// Kind and id. CRTRefGetTaskID is for a reference of CR_REFTYPE_TASKID; it does not check the kind.
+// Precondition: here and below a reference is not null, unless stated otherwise.
 CRRECORD_API cr_reftype_t CRTRefGetType(_cr_tref_t const* reference) noexcept;
 CRRECORD_API unsigned long CRTRefGetID(_cr_tref_t const* reference) noexcept;
-CRRECORD_API unsigned long CRTRefGetTaskID(_cr_tref_t const* reference) noexcept; // the id of a kind-2 reference
+CRRECORD_API unsigned long CRTRefGetTaskID(_cr_tref_t const* reference) noexcept;
 
-// Negative, zero or positive: a total order, by kind and then by id. Zero means equal.
+// CRTRefCompare returns a negative number, 0 or a positive number: a total order by kind, then by id. CRTRefEqual
+// returns non-zero if both are equal.
 CRRECORD_API int CRTRefCompare(_cr_tref_t const* a, _cr_tref_t const* b) noexcept;
 CRRECORD_API int CRTRefEqual(_cr_tref_t const* a, _cr_tref_t const* b) noexcept;
 
-// Bytes of a reference in a form; those of the text form count its NUL.
+// Returns: bytes of the reference in a form, including the NUL of the text form.
 CRRECORD_API unsigned long CRTRefSerializedSize(_cr_tref_t const* reference, int form) noexcept;
 
-// Writes a reference into `room` bytes and returns the bytes written, without the NUL of the text form. With too
-// little room it writes nothing and returns 0.
+// Writes a reference in a form into `room` bytes.
+// Returns: the bytes written, without the NUL of the text form; 0, with nothing written, if they do not fit.
 CRRECORD_API unsigned long CRTRefSerialize(void* destination, unsigned long room, _cr_tref_t const* reference,
                                            int form) noexcept;
 
-// Writes the text form into `size` bytes, cut where they are too few, and returns `text`. A null reference has the text
-// "null".
+// Writes the text form with its NUL into the `size` bytes of `text`, cut if they are too few, or "null" for a null
+// reference.
+// Returns: `text`, which may be null; with null or a `size` of 0 it writes nothing.
 CRRECORD_API char* CRTRefToString(char* text, unsigned long size, _cr_tref_t const* reference) noexcept;
 
-// A handle: owns one reference and counts those who hold the handle. Made with new (or Factory) only, and held by
-// boost::intrusive_ptr. The memory is a 16-byte chunk of the pool, which keeps it for later handles; a derived class
-// would need a larger one.
+// A counted handle that owns one reference. Allocate it with new or Factory and hold it in a boost::intrusive_ptr: the
+// last holder deletes it. A handle takes a 16-byte chunk of the pool of handles, so no class may derive from it.
 class Cr_TRef final {
 public:
-    // Takes ownership.
+    // Takes ownership of `reference`, which may be null for an empty handle.
     explicit Cr_TRef(_cr_tref_t* reference) noexcept : reference_(reference), count_(0) {}
-    // A task-id (kind 2) or data-selection (kind 4) reference. Throw std::bad_alloc.
+    // A reference of CR_REFTYPE_TASKID and of CR_REFTYPE_DSID.
+    // Throws: std::bad_alloc.
     CRRECORD_API explicit Cr_TRef(unsigned long taskId);
     CRRECORD_API explicit Cr_TRef(unsigned int dsid);
     ~Cr_TRef() { CRTRefDelete(&reference_); }
     Cr_TRef(Cr_TRef const&) = delete;
     Cr_TRef& operator=(Cr_TRef const&) = delete;
 
-    // A new handle, held by nobody yet, with a copy of the reference; an empty handle for null. Never null; throws
-    // std::bad_alloc.
+    // Makes a handle with a copy of `reference`, or an empty handle for null.
+    // Returns: the handle, never null, with a count of 0.
+    // Throws: std::bad_alloc.
     CRRECORD_API static Cr_TRef* Factory(_cr_tref_t const* reference);
 
-    // Null for an empty handle.
+    // Returns: the reference, or null for an empty handle.
+    // Lifetime: until the handle is deleted.
     _cr_tref_t const* Get() const noexcept { return reference_; }
 
-    // A chunk of the pool; throws std::bad_alloc.
+    // Takes a chunk of the pool of handles.
+    // Throws: std::bad_alloc; std::system_error if its mutex cannot be locked.
     CRRECORD_API static void* operator new(std::size_t size);
-    // Returns the chunk. A mutex that can't be locked ends the process. Not for null.
+    // Returns the chunk to the pool. `chunk` is not null.
     CRRECORD_API static void operator delete(void* chunk) noexcept;
 
 private:
@@ -107,7 +124,8 @@ private:
 };
 static_assert(sizeof(Cr_TRef) == 16);
 
-// Orders handles by their references; none of them is empty.
+// Orders handles by their references.
+// Precondition: no handle is null or empty.
 struct Cr_TRefComparator {
     bool operator()(boost::intrusive_ptr<Cr_TRef> const& a, boost::intrusive_ptr<Cr_TRef> const& b) const noexcept {
         return CRTRefCompare(a->Get(), b->Get()) < 0;

@@ -80,6 +80,7 @@ BROKEN = {
     "do-list-unsorted": (f"{DO0}.network", summed("<I", 176, 160)),
     "do-reference-order": ("do1-sha1.host", put(-61, "B", 18)),
     "do-non-zero": (f"{DO3}.network", put(-1, "B", 1)),
+    "do-bsize": (f"{DO3}.host", put(0x48, "<I", 20)),
     "form-length": (f"{DO3}.form", cut(28)),
     "form-zero": (f"{DO3}.form", put(24, ">I", 1)),
     "form-bloom-segments": (f"{DO4}.form", put(20, ">I", 1)),

@@ -17,7 +17,7 @@ SEGMENT_HEADER = ("type:H flags:H recsize:I word8:I ntaskids:I checktime:I word2
                   "nfp:I key:33s= fptype:B= cryptomode:B= reserved:B= keyindex:H= word94:H=")
 DO_HEADER = ("type:H flags:H recsize:I reserved:I= checktime:I CID:Q size:Q ssize:Q CRC:I ctime:I mtime:I ntaskid:I= "
              "nfp:I nudcid:I nds:I= trefssize:I bsize:I fptype:B= dotype:B= reserved2:2s=")
-KINDS = {2: "task", 4: "dsid", 6: "ref6", 10: "ref10"}
+KINDS = {**{kind: f"ref{kind}" for kind in range(11)}, 2: "task", 4: "dsid"}
 TIME = 0x65920080
 
 
@@ -138,6 +138,7 @@ OBJECTS = {
     "do1-sha1": do_record(1, 1, EVEN, references=[(2, 1), TASK, DSID, REF6, (10, 1)], ssize=100),
     "do1-sha256": do_record(1, 3, EVEN, [(64, 160), (65, 100)], [DSID], ssize=100),
     "do2-sha256-128": do_record(2, 2, THREE, LIST, [TASK, DSID], flags=4),
+    "do2-all-kinds": do_record(2, 1, THREE, LIST, [(kind, 1000 - kind) for kind in range(11)]),
     "do2-sha256": do_record(2, 3, THREE, references=[REF6], flags=6),
     "do3-md5-gaps": do_record(3, 0, GAPS, [(64, 80), (65, 1), (66, 90)], [TASK, REF6], hole=1000),
     "do3-sha1-far": do_record(3, 1, FAR, [((1 << 53) + 1, 3), (1 << 63, 0x7FFFFFFF)],
@@ -158,6 +159,7 @@ OBJECTS = {
     "noted-do-non-zero": do_record(3, 0, THREE[:1], reserved=0x01020304, reserved2=b"\5\6", tail=bytes(range(7, 31))),
     "noted-do-non-zero.bloom": do_record(4, 2, listed=[(64, 9)], bitmap=b"!", zeros=bytes(15) + b"z", tail=b"\0tt\0",
                                          size=9),
+    "noted-do-bsize": do_record(5, 0, THREE, LIST, bsize=0xFFFFFFFF),
     "noted-so-flags": segment(flags=1),
     "noted-so-dcid": segment(pathid=5),
     "noted-so-reserved": segment(reserved=0xEE),

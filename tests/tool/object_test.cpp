@@ -76,6 +76,37 @@ TEST_F(Tool, BuildsAndDigestsTheseDORecords) {
     }
 }
 
+// Equal digests, different content. The last pair: the content of the one is the text that the other's digest hashes.
+TEST_F(Tool, KeysSeparateObjectsWithEqualDigests) {
+    auto const key = [this](RecordValues const& values) {
+        Write("in", Spell(values, true).bytes);
+        EXPECT_EQ(Shell("\"$T\" digest in; \"$T\" digest --key in; \"$T\" digest --json in"), 0) << err;
+        std::istringstream lines(out);
+        std::string digest, text, rest;
+        lines >> digest >> rest >> rest >> rest >> text >> rest >> rest >> rest;
+        std::getline(lines >> std::ws, rest);
+        json const line = json::parse(rest);
+        EXPECT_TRUE(line["digest"] == digest && line["key"] == text) << rest;
+        return std::pair(digest, text);
+    };
+    std::string const abc = kAbcAnd12[0][0];
+    auto const single = [&](unsigned char dotype, unsigned long size, unsigned long offset) {
+        return key({.dotype = dotype, .size = size, .segments = {{FromHex(abc), 3, offset, 64}}});
+    };
+    EXPECT_EQ(single(3, 3, 0), std::pair(abc, abc + "-0-3-3-1-0"));
+    EXPECT_EQ(single(3, 4099, 4096), std::pair(abc, abc + "-0-3-4099-1-4096"));
+    EXPECT_EQ(single(3, 4099, 0), std::pair(abc, abc + "-0-3-4099-1-0"));
+    EXPECT_EQ(single(5, 3, 7), std::pair(abc, abc + "-0-5-3-1-7"));
+    EXPECT_EQ(single(2, 3, 7), std::pair(abc, abc + "-0-2-3-1-0"));
+    RecordValues parts{.dotype = 1, .size = 69, .ssize = 35};
+    parts.segments = {{FromHex(abc), 35, 0, 64}, {FromHex(kAbcAnd12[0][1]), 34, 35, 64}};
+    // MD5 of both fingerprints' texts with their NULs and "DO" with its own.
+    std::string const hash = "cc93a95f5da8bee94d18b44bd2a961f7";
+    EXPECT_EQ(key(parts), std::pair(hash, hash + "-0-1-69-2-0"));
+    EXPECT_EQ(key({.dotype = 1, .size = 69, .ssize = 69, .segments = {{FromHex(hash), 69, 0, 64}}}),
+              std::pair(hash, hash + "-0-1-69-1-0"));
+}
+
 // There and back through every form, each spelled by itself.
 TEST_F(Tool, ConvertsBetweenAllForms) {
     for (RecordValues values : Examples()) {

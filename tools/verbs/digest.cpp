@@ -2,6 +2,7 @@
 
 #include "record/do_record.h"
 #include "record/record_findings.h"
+#include "support/layout/do_types.h"
 #include "verbs/verbs.h"
 
 namespace crrecord::tool {
@@ -11,11 +12,29 @@ namespace {
 struct DigestOptions {
     std::vector<std::string> files{"-"};
     FormOptions form;
+    bool key = false;
     bool json = false;
 };
 
-// None for a segment record, and for DO type 0 with other than one segment.
-std::optional<std::string> DigestOf(std::string const& file, Record const& record) {
+struct ObjectDigest {
+    std::string digest;
+    std::string key;
+};
+
+// Equal keys mean equal content, equal digests do not: the digest covers neither the object's size nor, for a single
+// segment, its offset. The number of segments separates the fingerprint of a single segment from a hash over many.
+// Users store keys: the form never changes.
+std::string KeyOf(DORecord const& record, std::string const& digest) {
+    DOSegmentRange const segments = record.Segments();
+    unsigned int const dotype = record.GetDOType();
+    bool const hasOffset = DOTypeOf(dotype).offsetWidth != 0 && !segments.empty();
+    unsigned long const offset = hasOffset ? segments[0].offset : 0;
+    return fmt::format("{}-{}-{}-{}-{}-{}", digest, record.GetFPType(), dotype, record.GetSize(), segments.size(),
+                       offset);
+}
+
+// No value for a segment record, and for DO type 0 with a number of segments other than one.
+std::optional<ObjectDigest> DigestOf(std::string const& file, Record const& record) {
     if (record.kind == Kind::Segment) {
         return std::nullopt;
     }
@@ -26,7 +45,7 @@ std::optional<std::string> DigestOf(std::string const& file, Record const& recor
     }
     std::string const text = TextOf(digest->digest, opened->GetFPType());
     CRTDigestDelete(&digest);
-    return text;
+    return ObjectDigest{text, KeyOf(*opened, text)};
 }
 
 ExitCode DigestInput(RecordStream& stream, DigestOptions const& options, Output& out) {
@@ -39,14 +58,16 @@ ExitCode DigestInput(RecordStream& stream, DigestOptions const& options, Output&
             Complain(Describe(stream.Name(), *record, findings.front()));
             result = ExitCode::BadRecord;
         }
-        std::optional<std::string> const digest = valid ? DigestOf(stream.Name(), *record) : std::nullopt;
+        std::optional<ObjectDigest> const object = valid ? DigestOf(stream.Name(), *record) : std::nullopt;
         if (options.json) {
             AppendJsonStart(out.Buffer(), quotedName, *record, valid);
-            out.Print(R"(,"digest":{})", digest ? '"' + *digest + '"' : "null");
+            out.Print(R"(,"digest":{},"key":{})", object ? '"' + object->digest + '"' : "null",
+                      object ? '"' + object->key + '"' : "null");
             AppendJsonFindings(out.Buffer(), findings);
             out.Write("}\n");
         } else if (valid) {
-            out.Print("{}  {}: record {}\n", digest.value_or("-"), Printable(stream.Name()), record->number);
+            std::string const text = !object ? "-" : options.key ? object->key : object->digest;
+            out.Print("{}  {}: record {}\n", text, Printable(stream.Name()), record->number);
         }
     }
     return result;
@@ -58,12 +79,19 @@ void AddDigest(CLI::App& app, Action& chosen) {
     auto const options = std::make_shared<DigestOptions>();
     CLI::App* const verb = app.add_subcommand("digest", "Give the digest of each object");
     AddFiles(*verb, options->files);
+    verb->add_flag("--key", options->key, "Print a key that identifies the content instead of the digest");
     verb->add_flag("--json", options->json, "One JSON object a line for each record");
     AddFormOptions(*verb, options->form);
     verb->footer(
         "Equal content cut alike has equal digests, whatever the byte order or form of the record, where validate\n"
         "has no notes on it. Segment records, and records of DO type 0 with more than one segment, have none: -.\n\n"
-        "Example:\n  crrecord digest movie.do");
+        "Different content may have equal digests: the digest does not cover the object's size nor, for a single\n"
+        "segment, its offset, so a file with a hole added at its start or end keeps its digest. To store objects by\n"
+        "content, use --key. The key is\n"
+        "  DIGEST-FPTYPE-DOTYPE-SIZE-SEGMENTS-OFFSET\n"
+        "with the size in bytes, the number of segments and the first segment's offset (0 for DO types without\n"
+        "offsets), in decimal.\n\n"
+        "Examples:\n  crrecord digest movie.do\n  crrecord digest --key movie.do");
     verb->callback([options, &chosen] {
         chosen = [options](Output& out) {
             return ForEachInput(options->files, options->form,

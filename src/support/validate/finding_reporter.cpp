@@ -43,6 +43,7 @@ char const* CRFindingName(int code) noexcept {
     case CR_FINDING_DO_LIST_UNSORTED: return "do-list-unsorted";
     case CR_FINDING_DO_REFERENCE_ORDER: return "do-reference-order";
     case CR_FINDING_DO_NON_ZERO: return "do-non-zero";
+    case CR_FINDING_DO_BSIZE: return "do-bsize";
     case CR_FINDING_FORM_LENGTH: return "form-length";
     case CR_FINDING_FORM_ZERO: return "form-zero";
     case CR_FINDING_FORM_BLOOM_SEGMENTS: return "form-bloom-segments";

@@ -57,6 +57,7 @@ private:
     bool NoteUniqueList(RecordCounts const& counts, RecordLayout const& layout) noexcept;
     bool NoteReferences(RecordLayout const& layout) noexcept;
     bool NoteZeros(RecordCounts const& counts, RecordLayout const& layout) noexcept;
+    bool NoteBitmapSize(RecordCounts const& counts) noexcept;
     bool NoteNonZero(char const* field, std::uint64_t from, std::uint64_t to) noexcept;
 
     template <class T>
@@ -214,7 +215,8 @@ bool RecordWalk::NoteOddities(RecordCounts const& counts, RecordLayout const& la
                       "%lu bytes of legacy references, expected typed ones", layout.trefs - layout.taskIds)) {
         return false;
     }
-    return NoteUniqueList(counts, layout) && NoteReferences(layout) && NoteZeros(counts, layout);
+    return NoteUniqueList(counts, layout) && NoteReferences(layout) && NoteZeros(counts, layout) &&
+           NoteBitmapSize(counts);
 }
 
 bool RecordWalk::NoteUniqueList(RecordCounts const& counts, RecordLayout const& layout) noexcept {
@@ -276,6 +278,13 @@ bool RecordWalk::NoteZeros(RecordCounts const& counts, RecordLayout const& layou
            NoteNonZero("reserved2", offsetof(DORecordHeader, reserved2), CR_DO_HEADER_SIZE) &&
            (!IsBloom(counts.dotype) || NoteNonZero("bloom.end", bloomEnd, layout.udcids)) &&
            NoteNonZero("tail", layout.tail, layout.total);
+}
+
+// Only DO type 4 has a bitmap; in other records nothing depends on its size.
+bool RecordWalk::NoteBitmapSize(RecordCounts const& counts) noexcept {
+    return counts.dotype == CR_DO_TYPE_BLOOM_FILTER || counts.bsize == 0 ||
+           report_.Note({CR_FINDING_DO_BSIZE, CRRECORD_FIELD(bsize), counts.bsize, 0},
+                        "bsize %u in a record of DO type %u, expected 0", counts.bsize, counts.dotype);
 }
 
 Order ValidateAndCopySegments(void const* buffer, std::uint64_t size, unsigned int options,

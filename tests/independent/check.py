@@ -1,0 +1,236 @@
+#!/usr/bin/python3
+"""A second reader and writer of all records and forms, written from docs/format.md alone: it shares no code with the
+project and takes the fields of both headers from the document's tables. It reads every golden record, writes each of
+its forms again, and compares digests, keys and texts with those that the command prints.
+
+    check.py DOCUMENT GOLDEN COMMAND
+"""
+import hashlib
+import json
+import pathlib
+import re
+import subprocess
+import sys
+import zlib
+
+DOCUMENT, GOLDEN, COMMAND = pathlib.Path(sys.argv[1]).read_text(), pathlib.Path(sys.argv[2]), sys.argv[3]
+HOST = "little"  # of the machine that built the golden records
+HASHES = (hashlib.md5, hashlib.sha1, hashlib.sha256, hashlib.sha256)
+SIZES, OFFSETS = {2: 4, 3: 4, 5: 4}, {3: 8, 5: 4}  # bytes in an entry, by DO type
+
+
+def fields(heading):
+    section = DOCUMENT.split(f"\n## {heading}\n")[1].split("\n## ")[0]
+    rows = re.findall(r"^\| 0x(\w\w) \| (\d+) \| (\w+) \| (\w+) \|", section, re.MULTILINE)
+    return [(name, int(at, 16), int(size), treatment == "swapped") for at, size, name, treatment in rows]
+
+
+HEADERS = {2: fields("The segment record"), 3: fields("The DO record")}
+FORM_HEADS = {2: dict(size=8, pathid=8, fileid=8, CRC=4, nfp=4), 3: dict(size=8, ssize=8, CRC=4, nfp=4, zero=4)}
+
+
+class Reader:
+    def __init__(self, data, order):
+        self.data, self.at, self.order = data, 0, order
+
+    def bytes(self, size):
+        self.at += size
+        assert self.at <= len(self.data)
+        return self.data[self.at - size:self.at]
+
+    def number(self, size, order=None):
+        return int.from_bytes(self.bytes(size), order or self.order)
+
+    def numbers(self, count, size, order=None):
+        return [self.number(size, order) for _ in range(count)]
+
+    def pairs(self, count, order=None):
+        return [tuple(self.numbers(2, 8, order)) for _ in range(count)]
+
+    def text(self, width):
+        digits, end = self.bytes(2 * width).decode(), self.bytes(1)
+        assert end == b"\0" and digits == digits.lower()
+        return bytes.fromhex(digits)
+
+    def entries(self, record, fingerprint):
+        sizes = [table.get(record["dotype"], 0) for table in (SIZES, OFFSETS)]
+        return [(fingerprint(width(record)), *map(self.number, sizes)) for _ in range(record["nfp"])]
+
+
+def width(record):
+    return 32 if record["fptype"] == 3 else 16
+
+
+def joined(numbers, size, order):
+    return b"".join(number.to_bytes(size, order) for number in numbers)
+
+
+def text(fingerprint):
+    return fingerprint.hex().encode() + b"\0"
+
+
+def listed(pairs, count_order, order=HOST):
+    return len(pairs).to_bytes(4, count_order) + b"".join(joined(pair, 8, order) for pair in pairs)
+
+
+def read(data):
+    kind = 2 if 2 in data[:2] else 3
+    order = "big" if int.from_bytes(data[:2], "big") == kind else HOST
+    source, record = Reader(data, order), {}
+    for name, at, size, swapped in HEADERS[kind]:
+        assert source.at == at, name
+        record[name] = source.bytes(size) if size == 33 else source.number(size, order if swapped else HOST)
+    (read_segment if kind == 2 else read_object)(source, record)
+    assert source.at == len(data) == record["recsize"]
+    return record
+
+
+def read_segment(source, record):
+    record["taskids"] = source.numbers(record["ntaskids"], 8)
+    record["fingerprints"] = [source.bytes(width(record)) for _ in range(record["nfp"])]
+    record["spare"] = source.bytes(8)
+
+
+def read_object(source, record):
+    if record["dotype"] == 4:
+        record["bloom"] = source.number(4), source.bytes(record["bsize"]), source.bytes(16)
+    record["entries"] = source.entries(record, source.bytes)
+    record["dcids"] = source.numbers(record["nfp"], 8, HOST)
+    record["list"], record["summed"] = [], HOST
+    if record["nudcid"]:
+        checksum, count = source.number(4, HOST), source.number(4)
+        record["list"] = source.pairs(count, HOST)
+        record["summed"] = next(o for o in (HOST, "big") if zlib.adler32(listed(record["list"], o)) == checksum)
+    record["legacy"] = source.numbers(record["ntaskid"], 8, HOST), source.numbers(record["nds"], 4, HOST)
+    record["references"], end = [], source.at + record["trefssize"]
+    while source.at < end:
+        kind, size = source.bytes(2)
+        assert kind <= 10 and size == (4 if kind == 4 else 8)
+        record["references"].append((kind, source.number(size, "big")))
+    record["zeros"] = source.bytes(4 if record["dotype"] == 4 else 24)
+
+
+def write(record, order):
+    header = b"".join(record[name] if size == 33 else record[name].to_bytes(size, order if swapped else HOST)
+                      for name, _, size, swapped in HEADERS[record["type"]])
+    if record["type"] == 2:
+        return header + joined(record["taskids"], 8, order) + b"".join(record["fingerprints"]) + record["spare"]
+    typed = b"".join(bytes([kind, 4 if kind == 4 else 8]) + number.to_bytes(4 if kind == 4 else 8, "big")
+                     for kind, number in record["references"])
+    legacy = joined(record["legacy"][0], 8, HOST) + joined(record["legacy"][1], 4, HOST)
+    return header + write_content(record, order) + legacy + typed + record["zeros"]
+
+
+def write_content(record, order):
+    """From the header to the end of the unique DCID list."""
+    bloom = record["bloom"][0].to_bytes(4, order) + b"".join(record["bloom"][1:]) if record["dotype"] == 4 else b""
+    checksum = zlib.adler32(listed(record["list"], record["summed"])).to_bytes(4, HOST)
+    return (bloom + write_entries(record, bytes, order) + joined(record["dcids"], 8, HOST) +
+            (checksum + listed(record["list"], order) if record["list"] else b""))
+
+
+def write_entries(record, fingerprint, order):
+    sizes = [table.get(record["dotype"], 0) for table in (SIZES, OFFSETS)]
+    return b"".join(fingerprint(entry[0]) + b"".join(n.to_bytes(size, order) for n, size in zip(entry[1:], sizes))
+                    for entry in record["entries"])
+
+
+def write_form(record):
+    if record["type"] == 2:
+        body, crc = b"".join(map(text, record["fingerprints"])) + b"\0", record["CRC"]
+    elif record["dotype"] == 4:
+        sent = listed(record["list"], "big", "big")
+        checksum = zlib.adler32(sent[:4 + 8 * len(record["list"])]).to_bytes(4, "big")
+        body = record["bsize"].to_bytes(4, "big") + record["bloom"][1]
+        body += checksum + sent + bytes(16) if record["list"] else bytes(24)
+        crc = zlib.adler32(body)
+    else:
+        body, crc = write_entries(record, text, "big") + b"\0" + joined(record["dcids"], 8, "big"), record["CRC"]
+    values = {**record, "CRC": crc, "zero": 0}
+    return b"".join(values[name].to_bytes(size, "big") for name, size in FORM_HEADS[record["type"]].items()) + body
+
+
+def read_form(data, record):
+    """The record again, with all that a form holds taken from the form."""
+    source = Reader(data, "big")
+    made = {**record, **{name: source.number(size) for name, size in FORM_HEADS[record["type"]].items()}}
+    assert made.pop("zero", 0) == 0
+    if record["type"] == 2:
+        made["fingerprints"] = [source.text(width(record)) for _ in range(made["nfp"])]
+        assert source.bytes(1) == b"\0"
+    elif record["dotype"] == 4:
+        assert made["CRC"] == zlib.adler32(data[28:])
+        made["CRC"], made["bsize"] = record["CRC"], source.number(4)
+        made["bloom"] = record["bloom"][0], source.bytes(made["bsize"]), record["bloom"][2]
+        if any(data[source.at:]):
+            checksum, start, count = source.number(4), source.at, source.number(4)
+            made["list"] = source.pairs(count)
+            assert checksum == zlib.adler32(data[start:start + 4 + 8 * count])
+        assert not any(source.bytes(16 if made["list"] else 24))
+    else:
+        made["entries"] = source.entries(made, source.text)
+        assert source.bytes(1) == b"\0"
+        made["dcids"] = source.numbers(made["nfp"], 8)
+    assert source.at == len(data)
+    return made
+
+
+def digest(record):
+    if record["type"] == 2 or (record["dotype"] == 0 and record["nfp"] != 1):
+        return None
+    if record["dotype"] != 4 and record["nfp"] == 1:
+        return record["entries"][0][0].hex()
+    hashed = write_content(record, HOST) if record["dotype"] == 4 else write_entries(record, text, "big")
+    return HASHES[record["fptype"]](hashed + b"\x44\x4f\0").digest()[:width(record)].hex()
+
+
+def key(record):
+    value, offset = digest(record), record["entries"][0][2] if record.get("entries") else 0
+    return value and "-".join(map(str, (value, *(record[n] for n in ("fptype", "dotype", "size", "nfp")), offset)))
+
+
+def line(record):
+    """The text form."""
+    if record["type"] == 2:
+        numbers = [record[n] for n in ("flags", "pathid", "fileid", "size", "CRC", "fptype")]
+        start = ",".join(map(str, [2, 1, *numbers, "", record["ntaskids"], record["nfp"], record["taskids"]]))
+        return start.replace(" ", "").encode() + b",[" + b",".join(f[:1] for f in record["fingerprints"]) + b"]"
+    host, parts, at = write(record, HOST), [], 0x50
+    for fingerprint, size, _ in record["entries"]:
+        at += len(fingerprint) + SIZES.get(record["dotype"], 0)
+        numbers = [size] * (record["dotype"] in SIZES)
+        numbers += [int.from_bytes(host[at:at + 8], HOST)] * (record["dotype"] in OFFSETS)
+        parts.append("[" + ",".join([fingerprint.hex(), *map(str, numbers)]) + "]")
+        at += OFFSETS.get(record["dotype"], 0)
+    # Loading sorts references, drops repeated ones and makes typed ones of the legacy arrays.
+    held = {*record["references"], *((2, i) for i in record["legacy"][0]), *((4, i) for i in record["legacy"][1])}
+    references = [f"{ {2: 'task', 4: 'dsid'}.get(kind, f'ref{kind}') }:{i}" for kind, i in sorted(held) if kind != 0]
+    names = ("flags", "CID", "size", "ssize", "CRC", "ctime", "mtime", "fptype", "dotype", "nfp")
+    return (",".join(map(str, [3, 1, *(record[n] for n in names)])) + f",[{','.join(parts)}"
+            f"[{','.join(map(str, record['dcids']))}]],[{','.join(references)}]").encode()
+
+
+failures = []
+
+
+def same(seen, expected, what):
+    if seen != expected:
+        failures.append(f"{what}:\n    seen     {seen!r}\n    expected {expected!r}")
+
+
+hosts = sorted(GOLDEN.glob("*.host"))
+printed = subprocess.run([COMMAND, "digest", "--json", *hosts], capture_output=True, check=True).stdout.splitlines()
+assert len(hosts) == len(printed) > 40
+for path, told in zip(hosts, map(json.loads, printed)):
+    name, files = path.stem, {e: path.with_suffix("." + e).read_bytes() for e in ("host", "network", "form", "json")}
+    record, said = read(files["host"]), json.loads(files["json"])
+    same(read(files["network"]), record, f"{name}.network, read")
+    same(read_form(files["form"], record), record, f"{name}.form, read")
+    numbers = {n: v for n, v in record.items() if isinstance(v, int) and n != "reserved2"}
+    same({n: int(said[n]) for n in numbers}, numbers, f"{name}.json")
+    for ending, written in (("host", write(record, HOST)), ("network", write(record, "big")), ("form", write_form(record))):
+        same(written, files[ending], f"{name}.{ending}, written")
+    same((told["digest"], told["key"]), (digest(record), key(record)), f"{name}: digest and key")
+    seen = subprocess.run([COMMAND, "show", "--text", path], capture_output=True, check=True).stdout
+    same(seen, line(record) + b"\n", f"{name}: text form")
+sys.exit("\n".join(failures) or 0)
