@@ -13,8 +13,10 @@
 // operation changes nothing and fails with status 9 and "invalid record size for DO" (32 from GetUDCIDSizeList). A
 // record never grows beyond 4 GiB - 1; what would make it do so fails the same way.
 //
-// Accessors that take an index do not check it, except for an assertion in debug builds: keep it below GetNfp(), or
-// GetNudcid(), or the behaviour is undefined.
+// Accessors that take an index expect one below GetNfp(), or GetNudcid(); debug builds assert it. They never leave the
+// buffer. For an element that is not inside it, as after SetFPType to another width, getters return zeros, or the value
+// for "not stored" where there is one, and setters store nothing and throw CR_STATUS_INVALID "invalid record size for
+// DO". Accessors that return a list or the start of a section return an address and check nothing.
 //
 // mtime: where an operation is said to touch the record, it sets mtime to the current time.
 //
@@ -199,7 +201,7 @@ public:
 
     // --- Segments -------------------------------------------------------------------------------------------------
 
-    // 32 bytes from where the fingerprint is, whatever its type.
+    // 32 bytes from the start of the fingerprint, whatever its type.
     crfp_digest_t const& GetSegmentFP(unsigned int i) const;
     // Copies 32 bytes whatever the type: for 16-byte fingerprints the second half lands on what follows. Doesn't touch.
     void SetSegmentFP(unsigned int i, crfp_digest_t const& fingerprint);
@@ -335,6 +337,9 @@ private:
     CRRECORD_LOCAL crrecord::RecordLayout changeableLayoutUpTo(SectionEnd end) const;
     CRRECORD_LOCAL bool orderMatchesHeader() const noexcept;
     CRRECORD_LOCAL bool reaches(crrecord::RecordLayout const& layout, SectionEnd end) const noexcept;
+    // `width` bytes at `offset`. If they are not inside the buffer: null, or a refusal.
+    CRRECORD_LOCAL unsigned char* element(unsigned long offset, unsigned int width) const noexcept;
+    CRRECORD_LOCAL unsigned char* writableElement(unsigned long offset, unsigned int width);
 
     CRRECORD_LOCAL DORecord() noexcept;
     CRRECORD_LOCAL void adopt(crrecord::Order order, unsigned int options);
