@@ -45,7 +45,8 @@ enum class Order;
 // Container -> bytes of the object that lie in it.
 typedef std::map<unsigned long, unsigned long> cr_dcid_size_map_t;
 
-// Says whether a task is still active: 0 means inactive.
+// Returns 0 for an inactive task. It must not change or destroy the record that calls it; debug builds assert that it
+// adds and removes no task ids.
 typedef int (*cr_task_callback_t)(unsigned long taskId, void* context);
 
 class CRRECORD_API DORecord {

@@ -75,5 +75,5 @@ struct cr_finding_t {
     char const* message;           // one line without a line end; valid during the callback
 };
 
-// Is given each finding in turn; false stops the walk.
+// Is called with each finding in turn; false stops the walk. It must not change the bytes that are checked.
 typedef bool (*cr_finding_callback_t)(cr_finding_t const* finding, void* context);
