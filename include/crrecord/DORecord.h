@@ -75,15 +75,16 @@ public:
     DORecord(unsigned int dotype, unsigned char fptype, void* buffer, unsigned long bufferSize, void const* serialized,
              unsigned long serializedSize, bool subDO);
 
-    // From `size` stored bytes, any bytes, in either order, which it finds out by itself: validates, copies, brings to
-    // host order and loads the references, legacy ones too. Option: CR_DO_SUB_DO. Throws 32 with the first error's
-    // message, 71 for legacy arrays beside references, 9 for null or another option bit.
+    // From `size` stored bytes, any bytes, in either order, which it finds out by itself: copies them, validates the
+    // copy, brings it to host order and loads the references, legacy ones too. Option: CR_DO_SUB_DO. Throws 32 with the
+    // first error's message, 71 for legacy arrays beside references, 9 for null or another option bit, 22 without
+    // memory, if the bytes are valid. The bytes may change during the call: the record is valid all the same.
     static std::unique_ptr<DORecord> FromBuffer(void const* buffer, unsigned long size, unsigned int options = 0);
 
     // The same in the caller's memory of `capacity` bytes, without a copy: the record turns it to host order and works
     // in it. `fixed`: the record never grows beyond it; otherwise growth copies the record out. Throws as FromBuffer
     // does, and 9 for a capacity below the size and for legacy arrays; the bytes are as before then. The memory must
-    // outlive the record.
+    // outlive the record. Nobody else may change it, from the call on: a change can make the record leave the memory.
     static std::unique_ptr<DORecord> Wrap(void* buffer, unsigned long size, unsigned long capacity, bool fixed,
                                           unsigned int options = 0);
 

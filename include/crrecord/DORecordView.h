@@ -22,9 +22,11 @@ public:
         using pointer = void;
         using reference = DOReference;
 
-        iterator() noexcept : at_(nullptr) {}
-        explicit iterator(unsigned char const* at) noexcept : at_(at) {}
+        iterator() noexcept : at_(nullptr), end_(nullptr) {}
+        iterator(unsigned char const* at, unsigned char const* end) noexcept : at_(at), end_(end) {}
+        // Kind and id are 0 for bytes that are no reference.
         CRRECORD_API DOReference operator*() const noexcept;
+        // Goes to the end from bytes that are no reference.
         CRRECORD_API iterator& operator++() noexcept;
         iterator operator++(int) noexcept {
             iterator const before = *this;
@@ -36,13 +38,14 @@ public:
 
     private:
         unsigned char const* at_;
+        unsigned char const* end_;
     };
     using const_iterator = iterator;
     using value_type = DOReference;
 
     DOReferenceRange(unsigned char const* from, unsigned char const* to) noexcept : from_(from), to_(to) {}
-    iterator begin() const noexcept { return iterator(from_); }
-    iterator end() const noexcept { return iterator(to_); }
+    iterator begin() const noexcept { return {from_, to_}; }
+    iterator end() const noexcept { return {to_, to_}; }
     bool empty() const noexcept { return from_ == to_; }
 
 private:
@@ -51,8 +54,11 @@ private:
 };
 
 // Read-only and non-owning, over a buffer of either order: a mapped file, a slice of a database, bytes off a wire. It
-// is made by validation and by nothing else, so everything that it gives lies in the buffer. The buffer must stay as it
-// is while the view, or a range or pointer from it, is in use. All numbers are host values.
+// is made by validation and by nothing else, so everything that it gives lies in the buffer. The buffer must outlive
+// the view and its ranges. All numbers are host values.
+//
+// The view keeps the header that it has validated. If the buffer changes later, or during validation, the ranges yield
+// wrong values, but they never leave the buffer. GetHeader gives the changing header: don't use its counts then.
 //
 // Threads: any number may read one view.
 class DORecordView {
@@ -81,10 +87,10 @@ public:
     unsigned int GetLegacyTaskIDs() const noexcept { return fields_.ntaskid; }
     unsigned int GetLegacyDSIDs() const noexcept { return fields_.nds; }
     // GetBSize() bytes; null where there are none.
-    unsigned char const* GetBloom() const noexcept { return DORecordHeaderGetBloom(record_); }
+    CRRECORD_API unsigned char const* GetBloom() const noexcept;
 
-    DOSegmentRange Segments() const noexcept { return DOSegmentRange(DOSegmentSource::Of(record_)); }
-    DOUniqueDCIDRange UniqueDCIDs() const noexcept { return DOUniqueDCIDRange(DOUniqueDCIDSource::Of(record_)); }
+    CRRECORD_API DOSegmentRange Segments() const noexcept;
+    CRRECORD_API DOUniqueDCIDRange UniqueDCIDs() const noexcept;
     CRRECORD_API DOReferenceRange References() const noexcept;
 
     // The record itself, as it stands.
