@@ -104,7 +104,6 @@ void ExpectInside(Use use, Bytes const& record, std::vector<Change> const& chang
         } while (loads == number);
         made += number - 1;
     }
-    printf("MADE %lu ESCAPES %lu\n", made, escapes);
     EXPECT_TRUE(made != 0 && escapes == 0) << escapes << " of " << made << " changes lead outside";
 }
 
@@ -158,9 +157,9 @@ TEST(ChangingMemory, DORecord) {
             }
             changes.push_back(counts);
         }
-        for (Use const use : {Diagnose, Copy, View}) {
-            ExpectInside(use, bytes, changes);
-        }
+        ExpectInside(Copy, bytes, changes);
+        ExpectInside(View, bytes, changes);
+        ExpectInside(Diagnose, bytes, {changes.end() - 4, changes.end()}); // its notes load each byte of the tail
         ExpectInside([](auto* record, auto size) { CRRecordProbe(record, size); }, bytes, changes);
     }
 }

@@ -75,8 +75,8 @@ inline unsigned long DecodeReference(unsigned char const* bytes, unsigned long a
     }
     unsigned char const* const id = bytes + kReferenceHeadSize;
     reference.kind = static_cast<cr_reftype_t>(kind);
-    reference.id = ReferenceIdSize(kind) == 4 ? Load<std::uint32_t>(id, Order::Network)
-                                              : Load<std::uint64_t>(id, Order::Network);
+    reference.id =
+        ReferenceIdSize(kind) == 4 ? Load<std::uint32_t>(id, Order::Network) : Load<std::uint64_t>(id, Order::Network);
     return ReferenceSize(kind);
 }
 
