@@ -150,9 +150,9 @@ TEST(ChangingMemory, DORecord) {
         std::vector<Change> changes{{{0, 4}},    {{0x4c, 0}}, {{0x4c, 3}}, {{0x4d, 0}},
                                     {{0x4d, 3}}, {{0x4d, 4}}, {{0x4d, 9}}, {{references, 99}}};
         changes.push_back({{list + 4, 255}, {list + 7, 255}, {references, 2}});
-        for (std::size_t const byte : {0, 3}) { // one of them is the highest
+        for (std::size_t const byte : {0ul, 3ul}) { // one of them is the highest
             Change counts;
-            for (std::size_t const word : {0x04, 0x34, 0x38, 0x3c, 0x40, 0x44, 0x48}) {
+            for (std::size_t const word : {0x04ul, 0x34ul, 0x38ul, 0x3cul, 0x40ul, 0x44ul, 0x48ul}) {
                 counts.emplace_back(word + byte, 255);
             }
             changes.push_back(counts);

@@ -28,7 +28,7 @@ struct Received {
     bool subDO;
 };
 
-// The header of a record in the order that it shows. Zeros for fewer bytes than the smallest record has.
+// The header as it is stored. Zeros for fewer bytes than the smallest record has.
 DORecordHeader HeaderOf(void const* bytes, std::uint64_t size) noexcept {
     return size >= CR_DO_RECORD_SIZE ? ReadHeader(bytes) : DORecordHeader{};
 }
