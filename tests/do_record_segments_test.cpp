@@ -136,6 +136,38 @@ std::vector<ListRow> ListRows() {
     return rows;
 }
 
+// Wider fingerprints put the last of eight segments, and the lists after them, outside of the buffer.
+TEST(DORecordSegments, AccessorsStayInTheBuffer) {
+    crfp_digest_t const digest{{0xaa}}, zeros{};
+    for (unsigned char const dotype : Bytes{2, 3, 5}) {
+        RecordValues values{.dotype = dotype, .size = 8};
+        for (unsigned int i = 0; i < 8; ++i) {
+            values.segments.push_back({Bytes(16, 0xee), 1, i, 64});
+        }
+        auto const record = Build<OpenRecord>(values);
+        record->SetFPType(CR_FP_TYPE_SHA256);
+        record->header->nudcid = 1;
+        auto const* const from = reinterpret_cast<unsigned char const*>(record->header);
+        Bytes const before(from, from + record->bufferSize);
+        EXPECT_TRUE(std::equal(zeros.bytes, zeros.bytes + 32, record->GetSegmentFP(7).bytes));
+        EXPECT_TRUE(record->GetSegmentSize(7) == kNone32 && record->GetSegmentOffset(7) == kNone64 &&
+                    record->GetSegmentObjectOffset(7) == kNone32);
+        EXPECT_TRUE(record->GetSegmentDCID(7) == 0 && record->GetSegmentUDCID(0) == 0);
+        EXPECT_EQ(Refusal([&] { record->SetSegmentFP(7, digest); }), kInvalidSize);
+        EXPECT_EQ(Refusal([&] { record->SetSegmentSize(7, 1); }), kInvalidSize);
+        EXPECT_EQ(Refusal([&] { record->SetSegmentOffset(7, 1); }), kInvalidSize);
+        EXPECT_EQ(Refusal([&] { record->SetSegmentObjectOffset(7, 1); }), kInvalidSize);
+        EXPECT_EQ(Refusal([&] { record->SetSegmentDCID(7, 64); }), kInvalidSize);
+        EXPECT_EQ(Bytes(from, from + record->bufferSize), before);
+        record->bufferSize = 80 + 32;
+        EXPECT_EQ(record->GetSegmentFP(0).bytes[0], 0xee);
+        EXPECT_EQ(Refusal([&] { record->SetSegmentFP(0, digest); }), "");
+        record->bufferSize = 80 + 31;
+        EXPECT_EQ(record->GetSegmentFP(0).bytes[0], 0);
+        EXPECT_EQ(Refusal([&] { record->SetSegmentFP(0, digest); }), kInvalidSize);
+    }
+}
+
 TEST(DORecordSegments, ListCheckSaysWhatIsWrongInEitherOrder) {
     for (ListRow const& row : ListRows()) {
         for (unsigned char const fptype : std::array<unsigned char, 2>{0, 3}) {

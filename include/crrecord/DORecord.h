@@ -15,8 +15,11 @@
 // operation that would exceed them fails the same way. After any other failure, too, the record is unchanged unless "On
 // failure" is stated.
 //
-// Preconditions: accessors that take an index assert in debug builds, and do not check in others, that it is below
-// GetNfp(), or GetNudcid(). Accessors of fields need a buffer, which a record lacks after init has failed.
+// Indexes: accessors that take an index expect one below GetNfp(), or GetNudcid(); debug builds assert it. They never
+// leave the buffer. For an element that is not inside it, as after SetFPType to another width, getters return zeros, or
+// the value for "not stored" if there is one, and setters store nothing and throw CR_STATUS_INVALID "invalid record
+// size for DO". Accessors that return a list or the start of a section return an address and check nothing. Accessors
+// of fields need a buffer, which a record lacks after init has failed.
 //
 // Modification time: an operation that is said to touch the record sets mtime to the current time.
 //
@@ -47,7 +50,7 @@ enum class Order;
 typedef std::map<unsigned long, unsigned long> cr_dcid_size_map_t;
 
 // Returns 0 if the task is inactive, any other value if it is active. `context` is the caller's. The callback must not
-// change the record that calls it.
+// change or destroy the record that calls it; debug builds assert that it adds and removes no task ids.
 typedef int (*cr_task_callback_t)(unsigned long taskId, void* context);
 
 class CRRECORD_API DORecord {
@@ -93,12 +96,12 @@ public:
              unsigned long serializedSize, bool subDO);
 
     // Builds a record from a copy of `size` stored bytes, which may be any bytes, in either order: detects the order,
-    // validates, copies, converts to host order and loads the references, legacy arrays included. The only option is
-    // CR_DO_SUB_DO.
+    // copies them, validates the copy, converts it to host order and loads the references, legacy arrays included. The
+    // only option is CR_DO_SUB_DO. The bytes may change during the call: the record is valid all the same.
     // Returns: a record, never null.
     // Throws: CR_STATUS_CORRUPT_RECORD with the message of the first error; CR_STATUS_NOT_SUPPORTED for legacy arrays
     // together with typed references; CR_STATUS_INVALID, without a text, for null or another option bit;
-    // CR_STATUS_NO_MEMORY.
+    // CR_STATUS_NO_MEMORY if the bytes are valid.
     static std::unique_ptr<DORecord> FromBuffer(void const* buffer, unsigned long size, unsigned int options = 0);
 
     // Builds a record in the caller's `capacity` bytes of memory, of which the first `size` are the record, without a
@@ -106,7 +109,8 @@ public:
     // cannot grow beyond it; otherwise growth copies it to a buffer of the record's own.
     // Throws: as FromBuffer; CR_STATUS_INVALID for a capacity below the size, and for legacy arrays.
     // On failure: the bytes are unchanged.
-    // Lifetime: the memory must outlive the record, or its first growth.
+    // Lifetime: the memory must outlive the record, or its first growth. From the call on nobody else may change it: a
+    // change can make the record leave the memory.
     static std::unique_ptr<DORecord> Wrap(void* buffer, unsigned long size, unsigned long capacity, bool fixed,
                                           unsigned int options = 0);
 
@@ -262,7 +266,7 @@ public:
 
     // --- Segments -------------------------------------------------------------------------------------------------
 
-    // 32 bytes at the place of the fingerprint, whatever its type.
+    // 32 bytes from the start of the fingerprint, whatever its type.
     crfp_digest_t const& GetSegmentFP(unsigned int i) const;
     // Copies 32 bytes, whatever the type: after a 16-byte fingerprint the second half overwrites what follows. Does not
     // touch the record.
@@ -456,6 +460,9 @@ private:
     CRRECORD_LOCAL crrecord::RecordLayout changeableLayoutUpTo(SectionEnd end) const;
     CRRECORD_LOCAL bool orderMatchesHeader() const noexcept;
     CRRECORD_LOCAL bool reaches(crrecord::RecordLayout const& layout, SectionEnd end) const noexcept;
+    // `width` bytes at `offset`. If they are not inside the buffer: null, or a refusal.
+    CRRECORD_LOCAL unsigned char* element(unsigned long offset, unsigned int width) const noexcept;
+    CRRECORD_LOCAL unsigned char* writableElement(unsigned long offset, unsigned int width);
 
     CRRECORD_LOCAL DORecord() noexcept;
     CRRECORD_LOCAL void adopt(crrecord::Order order, unsigned int options);

@@ -28,11 +28,12 @@ public:
         using pointer = void;
         using reference = DOReference;
 
-        // The first may only be assigned to; the second takes the start of a reference, or the end of the section.
-        iterator() noexcept : at_(nullptr) {}
-        explicit iterator(unsigned char const* at) noexcept : at_(at) {}
-        // Precondition: not at the end.
+        // The first may only be assigned to; the second takes the start of a reference and the end of the section.
+        iterator() noexcept : at_(nullptr), end_(nullptr) {}
+        iterator(unsigned char const* at, unsigned char const* end) noexcept : at_(at), end_(end) {}
+        // Precondition: not at the end. Kind and id are 0 for bytes that are no reference.
         CRRECORD_API DOReference operator*() const noexcept;
+        // Goes to the end from bytes that are no reference.
         CRRECORD_API iterator& operator++() noexcept;
         iterator operator++(int) noexcept {
             iterator const before = *this;
@@ -44,14 +45,15 @@ public:
 
     private:
         unsigned char const* at_;
+        unsigned char const* end_;
     };
     using const_iterator = iterator;
     using value_type = DOReference;
 
     // Precondition: the bytes are validated references.
     DOReferenceRange(unsigned char const* from, unsigned char const* to) noexcept : from_(from), to_(to) {}
-    iterator begin() const noexcept { return iterator(from_); }
-    iterator end() const noexcept { return iterator(to_); }
+    iterator begin() const noexcept { return {from_, to_}; }
+    iterator end() const noexcept { return {to_, to_}; }
     bool empty() const noexcept { return from_ == to_; }
 
 private:
@@ -60,7 +62,11 @@ private:
 };
 
 // A read-only view of a buffer that it does not own, in either order: a mapped file, a slice of a database, received
-// bytes. Its constructor validates the buffer, so everything that a view gives is inside the buffer.
+// bytes. Its constructor validates the buffer, so everything that a view returns is inside the buffer. All numbers are
+// host values.
+//
+// The view keeps the header that it has validated. If the buffer changes later, or during validation, the ranges yield
+// wrong values, but they never leave the buffer. GetHeader returns the changing header: do not use its counts then.
 //
 // Lifetime: the buffer must exist, unchanged, while the view or a range, iterator or pointer from it is in use.
 // Thread safety: any number of threads may read one view.
@@ -98,11 +104,11 @@ public:
     unsigned int GetLegacyDSIDs() const noexcept { return fields_.nds; }
     // Returns: the GetBSize() bytes of the bitmap; null without a bitmap and for other types than
     // CR_DO_TYPE_BLOOM_FILTER.
-    unsigned char const* GetBloom() const noexcept { return DORecordHeaderGetBloom(record_); }
+    CRRECORD_API unsigned char const* GetBloom() const noexcept;
 
     // The segments, the unique DCID list and the typed references (segments.h).
-    DOSegmentRange Segments() const noexcept { return DOSegmentRange(DOSegmentSource::Of(record_)); }
-    DOUniqueDCIDRange UniqueDCIDs() const noexcept { return DOUniqueDCIDRange(DOUniqueDCIDSource::Of(record_)); }
+    CRRECORD_API DOSegmentRange Segments() const noexcept;
+    CRRECORD_API DOUniqueDCIDRange UniqueDCIDs() const noexcept;
     CRRECORD_API DOReferenceRange References() const noexcept;
 
     // Returns: the start of the buffer, with its fields in the record's order.

@@ -92,6 +92,6 @@ struct cr_finding_t {
 };
 
 // Receives each finding; `context` is the caller's. It must not throw: an exception that leaves it ends the process. It
-// must not change the buffer.
+// must not change the bytes that are checked.
 // Returns: true to go on, false to end the pass.
 typedef bool (*cr_finding_callback_t)(cr_finding_t const* finding, void* context);

@@ -11,18 +11,21 @@ cr_status_t DORecord::ValidateHeader(void const* buffer, unsigned int size, unsi
 
 std::unique_ptr<DORecord> DORecord::FromBuffer(void const* buffer, unsigned long size, unsigned int options) {
     std::unique_ptr<DORecord> record;
-    CopyValid(buffer, size, options, [&] {
+    try {
         record.reset(new DORecord());
         record->allocate(size, false);
-        return record->header;
-    });
+    } catch (...) {
+        RequireValid(buffer, size, options); // the record's own errors come first
+        throw;
+    }
+    RequireValid(buffer, size, options, BytesOf(record->header));
     record->adopt(Order::Host, options);
     return record;
 }
 
 std::unique_ptr<DORecord> DORecord::Wrap(void* buffer, unsigned long size, unsigned long capacity, bool fixed,
                                          unsigned int options) {
-    Order const order = RequireValid(buffer, size, options);
+    Order const order = RequireValid(buffer, size, options).order;
     if (capacity < size) {
         Refuse(kInvalidRecordSize);
     }

@@ -4,6 +4,7 @@
 
 #include "status/trace.h"
 
+#include <cassert>
 #include <functional>
 
 using namespace crrecord;
@@ -179,7 +180,10 @@ unsigned long DORecord::removeTaskIDs(cr_task_callback_t callback, void* context
     tref_set_t& tasks = trefs[CR_REFTYPE_TASKID];
     unsigned long removed = 0;
     for (auto position = tasks.begin(); position != tasks.end();) {
-        if (callback((*position)->Get()->id, context) != 0) {
+        [[maybe_unused]] std::size_t const before = tasks.size();
+        bool const active = callback((*position)->Get()->id, context) != 0;
+        assert(tasks.size() == before);
+        if (active) {
             ++position;
             continue;
         }

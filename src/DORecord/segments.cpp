@@ -57,19 +57,37 @@ void crrecord::ThrowIfFaulty(SegmentFault const& fault, unsigned int dotype) {
     }
 }
 
+unsigned char* DORecord::element(std::uint64_t offset, unsigned int width) const noexcept {
+    return offset + width <= bufferSize ? BytesOf(header) + offset : nullptr;
+}
+
+unsigned char* DORecord::writableElement(std::uint64_t offset, unsigned int width) {
+    unsigned char* const at = element(offset, width);
+    if (!at) {
+        Refuse(kInvalidRecordSize);
+    }
+    return at;
+}
+
 crfp_digest_t const& DORecord::GetSegmentFP(unsigned int i) const {
-    assert(i < LayoutOf(header).segments);
-    return *reinterpret_cast<crfp_digest_t const*>(DORecordHeaderIndexOfSegment(header, i));
+    static constexpr crfp_digest_t kOutside{};
+    RecordLayout const layout = LayoutOf(header);
+    assert(i < layout.segments);
+    unsigned char const* const at = element(layout.Entry(i), sizeof kOutside);
+    return at ? *reinterpret_cast<crfp_digest_t const*>(at) : kOutside;
 }
 
 void DORecord::SetSegmentFP(unsigned int i, crfp_digest_t const& fingerprint) {
-    assert(i < LayoutOf(header).segments);
-    std::memmove(DORecordHeaderIndexOfSegment(header, i), fingerprint.bytes, sizeof fingerprint.bytes);
+    RecordLayout const layout = LayoutOf(header);
+    assert(i < layout.segments);
+    std::memmove(writableElement(layout.Entry(i), sizeof fingerprint), fingerprint.bytes, sizeof fingerprint);
 }
 
 unsigned long DORecord::GetSegmentDCID(unsigned int i) const {
-    assert(i < LayoutOf(header).segments);
-    return Load<std::uint64_t>(DORecordHeaderIndexOfDCID(header, i));
+    RecordLayout const layout = LayoutOf(header);
+    assert(i < layout.segments);
+    unsigned char const* const at = element(layout.Dcid(i), kDcidSize);
+    return at ? Load<std::uint64_t>(at) : 0;
 }
 
 cr_unaligned_u64 const* DORecord::GetSegmentDCIDList() const {
@@ -77,39 +95,50 @@ cr_unaligned_u64 const* DORecord::GetSegmentDCIDList() const {
 }
 
 void DORecord::SetSegmentDCID(unsigned int i, unsigned long dcid) {
-    assert(i < LayoutOf(header).segments);
-    Store(DORecordHeaderIndexOfDCID(header, i), dcid);
+    RecordLayout const layout = LayoutOf(header);
+    assert(i < layout.segments);
+    Store(writableElement(layout.Dcid(i), kDcidSize), dcid);
 }
 
 unsigned int DORecord::GetSegmentSize(unsigned int i) const {
-    return SegmentSizeOf(SegmentListOf(header, LayoutOf(header), OrderFor(networkOrder), subDO), i);
+    RecordLayout const layout = LayoutOf(header);
+    SegmentList const list = SegmentListOf(header, layout, OrderFor(networkOrder), subDO);
+    bool const stored = DOTypeOf(list.dotype).sizeWidth != 0;
+    return stored && !element(layout.Entry(i) + list.sizeAt, 4) ? kNoSize : SegmentSizeOf(list, i);
 }
 
 void DORecord::SetSegmentSize(unsigned int i, unsigned int size) {
     if (DOTypeOf(GetDOType()).sizeWidth != 0) {
-        assert(i < LayoutOf(header).segments);
-        Store(DORecordHeaderIndexOfSegmentSize(header, i), size);
+        RecordLayout const layout = LayoutOf(header);
+        assert(i < layout.segments);
+        Store(writableElement(layout.Entry(i) + layout.fingerprint, sizeof size), size);
     }
     handleUpdate();
 }
 
 unsigned long DORecord::GetSegmentOffset(unsigned int i) const {
-    return SegmentOffsetOf(SegmentListOf(header, LayoutOf(header), OrderFor(networkOrder), subDO), i);
+    RecordLayout const layout = LayoutOf(header);
+    SegmentList const list = SegmentListOf(header, layout, OrderFor(networkOrder), subDO);
+    return element(layout.Entry(i) + list.offsetAt, 8) ? SegmentOffsetOf(list, i) : kNoOffset;
 }
 
 void DORecord::SetSegmentOffset(unsigned int i, unsigned long offset) {
-    assert(i < LayoutOf(header).segments);
-    Store(DORecordHeaderIndexOfSegmentOffset(header, i), offset);
+    RecordLayout const layout = LayoutOf(header);
+    assert(i < layout.segments);
+    Store(writableElement(layout.Entry(i) + layout.offset, sizeof offset), offset);
     handleUpdate();
 }
 
 unsigned int DORecord::GetSegmentObjectOffset(unsigned int i) const {
-    return SegmentObjectOffsetOf(SegmentListOf(header, LayoutOf(header), OrderFor(networkOrder), subDO), i);
+    RecordLayout const layout = LayoutOf(header);
+    SegmentList const list = SegmentListOf(header, layout, OrderFor(networkOrder), subDO);
+    return element(layout.Entry(i) + list.offsetAt, 4) ? SegmentObjectOffsetOf(list, i) : kNoObjectOffset;
 }
 
 void DORecord::SetSegmentObjectOffset(unsigned int i, unsigned int offset) {
-    assert(i < LayoutOf(header).segments);
-    Store(DORecordHeaderIndexOfSegmentObjectOffset(header, i), offset);
+    RecordLayout const layout = LayoutOf(header);
+    assert(i < layout.segments);
+    Store(writableElement(layout.Entry(i) + layout.offset, sizeof offset), offset);
     handleUpdate();
 }
 

@@ -218,5 +218,6 @@ unsigned char const* DORecord::GetSegmentUDCIDList() const {
 
 unsigned long DORecord::GetSegmentUDCID(unsigned int i) const {
     assert(i < CountsOf(header, OrderOf(header)).nudcid);
-    return Load<std::uint64_t>(DORecordHeaderIndexOfUDCID(header, i));
+    unsigned char const* const at = element(LayoutOf(header).UniqueEntry(i), kDcidSize);
+    return at ? Load<std::uint64_t>(at) : 0;
 }

@@ -8,27 +8,40 @@
 using namespace crrecord;
 
 DORecordView::DORecordView(void const* buffer, unsigned long size, unsigned int options)
-    : record_(static_cast<DORecordHeader const*>(buffer)),
-      networkOrder_(RequireValid(buffer, size, options) == Order::Network) {
-    fields_ = *record_;
-    if (networkOrder_) {
-        SwapHeaderFields(&fields_);
-    }
+    : record_(static_cast<DORecordHeader const*>(buffer)) {
+    ValidHeader const header = RequireValid(buffer, size, options);
+    fields_ = header.fields;
+    networkOrder_ = header.order == Order::Network;
+}
+
+unsigned char const* DORecordView::GetBloom() const noexcept {
+    bool const bitmap = IsBloom(fields_.dotype) && fields_.bsize != 0;
+    return bitmap ? BytesOf(record_) + CR_DO_HEADER_SIZE + kBloomLengthSize : nullptr;
+}
+
+DOSegmentRange DORecordView::Segments() const noexcept {
+    return DOSegmentRange(SegmentSourceOf(fields_, BytesOf(record_), networkOrder_ ? Order::Network : Order::Host));
+}
+
+DOUniqueDCIDRange DORecordView::UniqueDCIDs() const noexcept {
+    return DOUniqueDCIDRange(UniqueSourceOf(fields_, BytesOf(record_)));
 }
 
 DOReferenceRange DORecordView::References() const noexcept {
-    RecordLayout const layout = LayoutOf(record_);
+    RecordLayout const layout(CountsOf(&fields_, Order::Host));
     return {BytesOf(record_) + layout.trefs, BytesOf(record_) + layout.tail};
 }
 
-// Validation has decoded every reference, so each has the size of its kind.
+// Validation has decoded every reference. One that doesn't decode any more was changed since.
 DOReference DOReferenceRange::iterator::operator*() const noexcept {
     _cr_tref_t value{};
-    DecodeReference(at_, ReferenceSize(*at_), value);
+    DecodeReference(at_, static_cast<std::uint64_t>(end_ - at_), value);
     return {value.kind, value.id};
 }
 
 DOReferenceRange::iterator& DOReferenceRange::iterator::operator++() noexcept {
-    at_ += ReferenceSize(*at_);
+    _cr_tref_t value{};
+    unsigned long const taken = DecodeReference(at_, static_cast<std::uint64_t>(end_ - at_), value);
+    at_ = taken != 0 ? at_ + taken : end_;
     return *this;
 }

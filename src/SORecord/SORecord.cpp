@@ -5,11 +5,13 @@
 #include "SOmarshall/layout.h"
 #include "SOmarshall/validate.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <new>
 
 namespace {
 
+using crrecord::FindingReporter;
 using crrecord::FirstError;
 using crrecord::Order;
 namespace segment = crrecord::segment;
@@ -72,12 +74,14 @@ std::unique_ptr<SORecord> SORecord::FromBuffer(void const* buffer, unsigned long
     if (!buffer || options != 0) {
         Refuse();
     }
-    bool const readable = size >= CR_SO_FIXED_SIZE;
-    bool const networkOrder =
-        readable && segment::OrderOf(static_cast<_SegmentDBRecord const*>(buffer)) == Order::Network;
+    // The copy is what is checked and kept: the buffer may change meanwhile.
+    unsigned char copy[CR_SO_RECORD_SIZE] = {};
+    std::memcpy(copy, buffer, std::min<unsigned long>(size, sizeof copy));
+    bool const networkOrder = segment::OrderOf(reinterpret_cast<_SegmentDBRecord const*>(copy)) == Order::Network;
     FirstError error;
-    if (SegmentRecordDiagnose(buffer, size, networkOrder ? CR_SO_NETWORK_ORDER : 0, FirstError::Listen, &error) !=
-        CR_STATUS_OK) {
+    FindingReporter report = FindingReporter::ErrorsOnly(FirstError::Listen, &error);
+    segment::Diagnose(copy, size, networkOrder ? CR_SO_NETWORK_ORDER : 0, report);
+    if (report.Status() != CR_STATUS_OK) {
         error.Throw();
     }
     if (size != CR_SO_RECORD_SIZE) {
@@ -89,7 +93,7 @@ std::unique_ptr<SORecord> SORecord::FromBuffer(void const* buffer, unsigned long
     if (!record) {
         FailWithoutMemory();
     }
-    std::memcpy(record->record_, buffer, CR_SO_RECORD_SIZE);
+    std::memcpy(record->record_, copy, sizeof copy);
     record->networkOrder_ = networkOrder;
     record->NetworkToHost(0);
     return record;

@@ -2,7 +2,6 @@
 
 #include "SOmarshall/validate.h"
 #include "SOmarshall/layout.h"
-#include "status/trace.h"
 
 namespace crrecord::segment {
 
@@ -89,25 +88,33 @@ void Diagnose(unsigned char const* bytes, std::uint64_t size, unsigned int optio
                       "Invalid SO record: invalid fp type %u", fptype)) {
         return;
     }
-    if (report.Status() == CR_STATUS_OK) {
+    if (report.WantsNotes() && report.Status() == CR_STATUS_OK) {
         NoteOddities(bytes, size, order, report);
     }
 }
 
-} // namespace crrecord::segment
+namespace {
 
-cr_status_t SegmentRecordDiagnose(void const* buffer, unsigned long size, unsigned int options,
-                                  cr_finding_callback_t callback, void* context) {
-    using namespace crrecord;
-    if (!buffer || (options & ~segment::kKnownOptions) != 0) {
+cr_status_t DiagnoseBuffer(void const* buffer, std::uint64_t size, unsigned int options,
+                           FindingReporter report) noexcept {
+    if (!buffer || (options & ~kKnownOptions) != 0) {
         return CR_STATUS_INVALID;
     }
-    FindingReporter report(callback, context);
-    segment::Diagnose(static_cast<unsigned char const*>(buffer), size, options, report);
+    Diagnose(static_cast<unsigned char const*>(buffer), size, options, report);
     return report.Status();
 }
 
+} // namespace
+
+} // namespace crrecord::segment
+
+using namespace crrecord;
+
+cr_status_t SegmentRecordDiagnose(void const* buffer, unsigned long size, unsigned int options,
+                                  cr_finding_callback_t callback, void* context) {
+    return segment::DiagnoseBuffer(buffer, size, options, FindingReporter(callback, context));
+}
+
 cr_status_t SegmentRecordValidate(_SegmentDBRecord const* record, unsigned int size, unsigned int options) {
-    return SegmentRecordDiagnose(record, size, options, crrecord::TraceOn() ? crrecord::TraceFirstError : nullptr,
-                                 nullptr);
+    return segment::DiagnoseBuffer(record, size, options, FindingReporter::ForValidator());
 }

@@ -9,7 +9,8 @@ namespace crrecord::segment {
 bool FlagsAreValid(unsigned int flags) noexcept;
 bool DcidIsValid(unsigned long dcid) noexcept;
 
-// Reports what is wrong and what is odd with `size` bytes; reads nothing else. `options` as for SegmentRecordValidate.
+// Reports the findings of a record of `size` bytes and reads nothing else; without notes, only its fixed part and each
+// field of it once. `options` as for SegmentRecordValidate.
 void Diagnose(unsigned char const* bytes, std::uint64_t size, unsigned int options, FindingReporter& report) noexcept;
 
 } // namespace crrecord::segment

@@ -1,7 +1,7 @@
 // The buffers of last messages. They are no thread_local arrays: the C library allocates the thread-local storage of a
-// library loaded by dlopen when a thread first uses it, and ends the process if that fails. Only a pointer and a flag are
-// thread-local. The initial-exec model places them in the block that each thread has from its start, of which dlopen can
-// use a few hundred bytes.
+// library loaded by dlopen when a thread first uses it, and ends the process if that fails. Only a pointer and a flag
+// are thread-local. The initial-exec model places them in the block that each thread has from its start, of which
+// dlopen can use a few hundred bytes.
 
 #include "status/last_message.h"
 

@@ -64,14 +64,20 @@ constexpr int CompareReferences(_cr_tref_t const& a, _cr_tref_t const& b) noexce
 // Decodes the reference at the front of `available` bytes. The bytes that it took, or 0 where they are not one.
 inline unsigned long DecodeReference(unsigned char const* bytes, unsigned long available,
                                      _cr_tref_t& reference) noexcept {
-    if (available < kReferenceHeadSize || !ReferenceKindIsValid(bytes[0]) || bytes[1] != ReferenceIdSize(bytes[0]) ||
-        available < ReferenceSize(bytes[0])) {
+    if (available < kReferenceHeadSize) {
+        return 0;
+    }
+    // Read once: the kind that was checked is the kind that is used, even if the memory changes.
+    unsigned char const volatile* const head = bytes;
+    int const kind = head[0];
+    if (!ReferenceKindIsValid(kind) || head[1] != ReferenceIdSize(kind) || available < ReferenceSize(kind)) {
         return 0;
     }
     unsigned char const* const id = bytes + kReferenceHeadSize;
-    reference.kind = static_cast<cr_reftype_t>(bytes[0]);
-    reference.id = bytes[1] == 4 ? Load<std::uint32_t>(id, Order::Network) : Load<std::uint64_t>(id, Order::Network);
-    return ReferenceSize(bytes[0]);
+    reference.kind = static_cast<cr_reftype_t>(kind);
+    reference.id =
+        ReferenceIdSize(kind) == 4 ? Load<std::uint32_t>(id, Order::Network) : Load<std::uint64_t>(id, Order::Network);
+    return ReferenceSize(kind);
 }
 
 // Encodes a reference at the front of `room` bytes. The bytes that it took, or 0, with nothing written, where they are

@@ -1,6 +1,5 @@
 // The walk over a received exchange form, and its two faces.
 
-#include "status/trace.h"
 #include "support/exchange/exchange_form.h"
 #include "support/validate/segment_findings.h"
 
@@ -141,25 +140,28 @@ void Diagnose(Form form, unsigned int options, FindingReporter& report) noexcept
     }
 }
 
+cr_status_t DiagnoseForm(void const* serialized, unsigned long size, unsigned int dotype, unsigned char fptype,
+                         unsigned int options, FindingReporter report) noexcept {
+    if (!serialized || !CRDOTypeIsValid(dotype) || !CRFPTypeIsValid(fptype) || (options & ~kKnownOptions) != 0) {
+        return CR_STATUS_INVALID;
+    }
+    Diagnose(Form(serialized, size, dotype, fptype), options, report);
+    return report.Status();
+}
+
 } // namespace
 
 } // namespace crrecord::exchange
 
+using namespace crrecord;
+
 cr_status_t DORecordSerializedDiagnose(void const* serialized, unsigned long size, unsigned int dotype,
                                        unsigned char fptype, unsigned int options, cr_finding_callback_t callback,
                                        void* context) {
-    using namespace crrecord;
-    if (!serialized || !CRDOTypeIsValid(dotype) || !CRFPTypeIsValid(fptype) ||
-        (options & ~exchange::kKnownOptions) != 0) {
-        return CR_STATUS_INVALID;
-    }
-    FindingReporter report(callback, context);
-    exchange::Diagnose(exchange::Form(serialized, size, dotype, fptype), options, report);
-    return report.Status();
+    return exchange::DiagnoseForm(serialized, size, dotype, fptype, options, FindingReporter(callback, context));
 }
 
 cr_status_t DORecordSerializedValidate(void const* serialized, unsigned long size, unsigned int dotype,
                                        unsigned char fptype, unsigned int options) {
-    return DORecordSerializedDiagnose(serialized, size, dotype, fptype, options,
-                                      crrecord::TraceOn() ? crrecord::TraceFirstError : nullptr, nullptr);
+    return exchange::DiagnoseForm(serialized, size, dotype, fptype, options, FindingReporter::ForValidator());
 }

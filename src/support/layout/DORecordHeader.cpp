@@ -45,15 +45,13 @@ void SwapSegments(unsigned char* entries, std::uint64_t count, RecordLayout cons
     }
 }
 
-// What turns besides the segments.
-void SwapRest(DORecordHeader* header, RecordCounts const& counts, RecordLayout const& layout) noexcept {
-    unsigned char* const bytes = BytesOf(header);
-    SwapHeaderFields(header);
+// The count word of the unique list and the length word of the bloom area.
+void SwapWords(unsigned char* record, RecordCounts const& counts, RecordLayout const& layout) noexcept {
     if (counts.nudcid != 0) {
-        SwapInPlace32(bytes + layout.udcids + kUniqueCountOffset);
+        SwapInPlace32(record + layout.udcids + kUniqueCountOffset);
     }
     if (IsBloom(counts.dotype)) {
-        SwapInPlace32(bytes + layout.entries);
+        SwapInPlace32(record + layout.entries);
     }
 }
 
@@ -62,7 +60,8 @@ void SwapRecord(DORecordHeader* header) noexcept {
     RecordCounts const counts = CountsOf(header, OrderOf(header));
     RecordLayout const layout(counts);
     SwapSegments(BytesOf(header) + layout.entries, layout.segments, layout, counts.dotype);
-    SwapRest(header, counts, layout);
+    SwapHeaderFields(header);
+    SwapWords(BytesOf(header), counts, layout);
 }
 
 // The functions take a const header and give addresses to write to, as strchr does.
@@ -82,22 +81,16 @@ void SwapHeaderFields(DORecordHeader* header) noexcept {
     });
 }
 
-void CopySegmentsToHost(DORecordHeader* to, DORecordHeader const* from, RecordLayout const& layout, Order order,
-                        std::uint64_t first, std::uint64_t count) noexcept {
-    std::uint64_t const at = layout.Entry(first);
-    std::memcpy(BytesOf(to) + at, BytesOf(from) + at, count * layout.stride);
+void SegmentsToHost(unsigned char* record, RecordLayout const& layout, unsigned int dotype, Order order,
+                    std::uint64_t first, std::uint64_t count) noexcept {
     if (order == Order::Network) {
-        SwapSegments(BytesOf(to) + at, count, layout, from->dotype);
+        SwapSegments(record + layout.Entry(first), count, layout, dotype);
     }
 }
 
-void CopyRestToHost(DORecordHeader* to, DORecordHeader const* from, std::uint64_t size, Order order) noexcept {
-    RecordCounts const counts = CountsOf(from, order);
-    RecordLayout const layout(counts);
-    std::memcpy(to, from, layout.entries);
-    std::memcpy(BytesOf(to) + layout.dcids, BytesOf(from) + layout.dcids, size - layout.dcids);
+void WordsToHost(unsigned char* record, RecordCounts const& counts, RecordLayout const& layout, Order order) noexcept {
     if (order == Order::Network) {
-        SwapRest(to, counts, layout);
+        SwapWords(record, counts, layout);
     }
 }
 

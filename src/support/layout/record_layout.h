@@ -9,6 +9,7 @@
 #include "support/layout/do_types.h"
 
 #include <algorithm>
+#include <atomic>
 #include <limits>
 
 namespace crrecord {
@@ -115,14 +116,31 @@ inline RecordCounts CountsOf(DORecordHeader const* header, Order order) noexcept
             .dotype = header->dotype};
 }
 
-// Turns the fields of the fixed header, and nothing behind it.
+// Reads the header of a record whose memory may change meanwhile: later changes don't reach the copy.
+inline DORecordHeader ReadHeader(void const* record) noexcept {
+    DORecordHeader header;
+    std::memcpy(&header, record, sizeof header);
+    std::atomic_signal_fence(std::memory_order_seq_cst); // keeps the compiler from reading the record instead
+    return header;
+}
+
+// Byte-swaps the fields of the fixed header only.
 void SwapHeaderFields(DORecordHeader* header) noexcept;
 
-// Together they copy a sound record of `size` bytes that stands in `order`, to host order: `count` of its segments from
-// the first on, and everything else.
-void CopySegmentsToHost(DORecordHeader* to, DORecordHeader const* from, RecordLayout const& layout, Order order,
-                        std::uint64_t first, std::uint64_t count) noexcept;
-void CopyRestToHost(DORecordHeader* to, DORecordHeader const* from, std::uint64_t size, Order order) noexcept;
+// Converts a copied header to host order. Returns the order that it had.
+inline Order HeaderToHost(DORecordHeader& header) noexcept {
+    Order const order = OrderOf(&header);
+    if (order == Order::Network) {
+        SwapHeaderFields(&header);
+    }
+    return order;
+}
+
+// Convert a copy of a record from `order` to host order: `count` segments from the first on, and the words that are
+// neither in the header nor in a segment.
+void SegmentsToHost(unsigned char* record, RecordLayout const& layout, unsigned int dotype, Order order,
+                    std::uint64_t first, std::uint64_t count) noexcept;
+void WordsToHost(unsigned char* record, RecordCounts const& counts, RecordLayout const& layout, Order order) noexcept;
 
 inline RecordLayout LayoutOf(DORecordHeader const* header) noexcept {
     return RecordLayout(CountsOf(header, OrderOf(header)));

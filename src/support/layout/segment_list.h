@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include <crrecord/segments.h>
+
 #include "support/layout/record_layout.h"
 
 namespace crrecord {
@@ -27,6 +29,10 @@ SegmentList SegmentListOf(DORecordHeader const* header, RecordLayout const& layo
 std::uint32_t SegmentSizeOf(SegmentList const& list, std::uint32_t i) noexcept;
 std::uint64_t SegmentOffsetOf(SegmentList const& list, std::uint32_t i) noexcept;
 std::uint32_t SegmentObjectOffsetOf(SegmentList const& list, std::uint32_t i) noexcept;
+
+// What ranges over the record at `record` read. `fields` is its header in host order, `order` that of the record.
+DOSegmentSource SegmentSourceOf(DORecordHeader const& fields, unsigned char const* record, Order order) noexcept;
+DOUniqueDCIDSource UniqueSourceOf(DORecordHeader const& fields, unsigned char const* record) noexcept;
 
 inline constexpr std::uint32_t kNoSize = 0xffffffff;
 inline constexpr std::uint32_t kNoObjectOffset = 0xffffffff;

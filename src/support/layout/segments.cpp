@@ -5,21 +5,33 @@
 #include "support/layout/segment_list.h"
 #include "support/layout/unique_list.h"
 
+namespace crrecord {
+
+DOSegmentSource SegmentSourceOf(DORecordHeader const& fields, unsigned char const* record, Order order) noexcept {
+    RecordLayout const layout(CountsOf(&fields, Order::Host));
+    return {.entries = record + layout.entries,
+            .dcids = record + layout.dcids,
+            .objectSize = fields.size,
+            .ssize = fields.ssize,
+            .count = layout.segments,
+            .stride = static_cast<unsigned char>(layout.stride),
+            .fingerprint = static_cast<unsigned char>(layout.fingerprint),
+            .dotype = fields.dotype,
+            .networkOrder = order == Order::Network};
+}
+
+DOUniqueDCIDSource UniqueSourceOf(DORecordHeader const& fields, unsigned char const* record) noexcept {
+    return {.list = record + RecordLayout(CountsOf(&fields, Order::Host)).udcids, .count = fields.nudcid};
+}
+
+} // namespace crrecord
+
 using namespace crrecord;
 
 DOSegmentSource DOSegmentSource::Of(DORecordHeader const* header) noexcept {
-    Order const order = OrderOf(header);
-    RecordLayout const layout = LayoutOf(header);
-    SegmentList const list = SegmentListOf(header, layout, order, false);
-    return {.entries = list.entries,
-            .dcids = BytesOf(header) + layout.dcids,
-            .objectSize = list.objectSize,
-            .ssize = list.ssize,
-            .count = list.count,
-            .stride = static_cast<unsigned char>(list.stride),
-            .fingerprint = static_cast<unsigned char>(layout.fingerprint),
-            .dotype = static_cast<unsigned char>(list.dotype),
-            .networkOrder = order == Order::Network};
+    DORecordHeader fields = ReadHeader(header);
+    Order const order = HeaderToHost(fields);
+    return SegmentSourceOf(fields, BytesOf(header), order);
 }
 
 DOSegment DOSegmentSource::Read(unsigned int i) const noexcept {
@@ -43,7 +55,9 @@ DOSegment DOSegmentSource::Read(unsigned int i) const noexcept {
 }
 
 DOUniqueDCIDSource DOUniqueDCIDSource::Of(DORecordHeader const* header) noexcept {
-    return {.list = BytesOf(header) + LayoutOf(header).udcids, .count = CountsOf(header, OrderOf(header)).nudcid};
+    DORecordHeader fields = ReadHeader(header);
+    HeaderToHost(fields);
+    return UniqueSourceOf(fields, BytesOf(header));
 }
 
 DOUniqueDCID DOUniqueDCIDSource::Read(unsigned int i) const noexcept {

@@ -2,6 +2,9 @@
 
 #include "support/validate/finding_reporter.h"
 
+#include "status/trace.h"
+
+#include <cassert>
 #include <cstdio>
 
 char const* CRFindingName(int code) noexcept {
@@ -58,6 +61,19 @@ char const* CRFindingName(int code) noexcept {
 
 namespace crrecord {
 
+namespace {
+
+bool TraceError(cr_finding_t const* error, void*) {
+    __TraceA("%s", error->message);
+    return false;
+}
+
+} // namespace
+
+FindingReporter FindingReporter::ForValidator() noexcept {
+    return ErrorsOnly(TraceOn() ? TraceError : nullptr, nullptr);
+}
+
 bool FindingReporter::Error(Finding const& finding, char const* format, ...) noexcept {
     failed_ = true;
     va_list arguments;
@@ -68,6 +84,7 @@ bool FindingReporter::Error(Finding const& finding, char const* format, ...) noe
 }
 
 bool FindingReporter::Note(Finding const& finding, char const* format, ...) noexcept {
+    assert(wantsNotes_);
     va_list arguments;
     va_start(arguments, format);
     bool const goOn = Emit(CR_FINDING_NOTE, finding, format, arguments);
@@ -77,7 +94,7 @@ bool FindingReporter::Note(Finding const& finding, char const* format, ...) noex
 
 bool FindingReporter::Emit(int severity, Finding const& finding, char const* format, va_list arguments) noexcept {
     if (!callback_) {
-        return severity == CR_FINDING_NOTE;
+        return false;
     }
     char message[256];
     std::vsnprintf(message, sizeof message, format, arguments);
@@ -86,21 +103,10 @@ bool FindingReporter::Emit(int severity, Finding const& finding, char const* for
     return callback_(&handed, context_);
 }
 
-bool FirstError::Listen(cr_finding_t const* finding, void* firstError) {
-    if (finding->severity != CR_FINDING_ERROR) {
-        return true;
-    }
+bool FirstError::Listen(cr_finding_t const* error, void* firstError) {
     static_cast<FirstError*>(firstError)->exception_ =
-        Cr_ErrnoException(CR_STATUS_CORRUPT_RECORD, finding->message, nullptr);
+        Cr_ErrnoException(CR_STATUS_CORRUPT_RECORD, error->message, nullptr);
     return false;
-}
-
-bool TraceFirstError(cr_finding_t const* finding, void*) {
-    if (finding->severity == CR_FINDING_ERROR) {
-        __TraceA("%s", finding->message);
-        return false;
-    }
-    return true;
 }
 
 } // namespace crrecord

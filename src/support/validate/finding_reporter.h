@@ -18,26 +18,31 @@ struct Finding {
     std::uint64_t expected;
 };
 
-// Collects the verdict of one walk and hands each finding on. The message is formatted only where somebody listens.
+// Keeps the status of one walk and passes each finding to a callback.
 class FindingReporter {
 public:
-    // `callback` may be null: nobody listens, and the walk ends at its first error.
+    // `callback` may be null: the walk ends at its first error.
     FindingReporter(cr_finding_callback_t callback, void* context) noexcept
         : FindingReporter(callback, context, callback != nullptr) {}
-    // `wantsNotes` false: for a listener who makes nothing of them.
-    FindingReporter(cr_finding_callback_t callback, void* context, bool wantsNotes) noexcept
-        : callback_(callback), context_(context), wantsNotes_(wantsNotes) {}
+    // For a callback that ignores notes.
+    static FindingReporter ErrorsOnly(cr_finding_callback_t callback, void* context) noexcept {
+        return FindingReporter(callback, context, false);
+    }
+    // Ends the walk at its first error, which is written to the trace if tracing is on.
+    static FindingReporter ForValidator() noexcept;
 
-    // Both return whether the walk goes on.
+    // Both return whether the walk goes on. Call Note only if WantsNotes().
     bool Error(Finding const& finding, char const* format, ...) noexcept __attribute__((format(printf, 3, 4)));
     bool Note(Finding const& finding, char const* format, ...) noexcept __attribute__((format(printf, 3, 4)));
 
-    // False where a note would reach nobody.
+    // False: no callback takes notes, so their checks are skipped.
     bool WantsNotes() const noexcept { return wantsNotes_; }
 
     cr_status_t Status() const noexcept { return failed_ ? CR_STATUS_CORRUPT_RECORD : CR_STATUS_OK; }
 
 private:
+    FindingReporter(cr_finding_callback_t callback, void* context, bool wantsNotes) noexcept
+        : callback_(callback), context_(context), wantsNotes_(wantsNotes) {}
     bool Emit(int severity, Finding const& finding, char const* format, va_list arguments) noexcept;
 
     cr_finding_callback_t callback_;
@@ -46,19 +51,15 @@ private:
     bool failed_ = false;
 };
 
-// Keeps the first error for an exception: the listener of those who throw what a walk found.
+// Keeps the first error for an exception. Listen is a callback for ErrorsOnly.
 class FirstError {
 public:
-    static bool Listen(cr_finding_t const* finding, void* firstError);
+    static bool Listen(cr_finding_t const* error, void* firstError);
 
     [[noreturn]] void Throw() const { throw exception_; }
 
 private:
     Cr_ErrnoException exception_{CR_STATUS_CORRUPT_RECORD};
 };
-
-// The listener that turns a walk into a validator: one trace line for the first error, and the end of the walk. Give
-// the reporter null instead while tracing is off.
-bool TraceFirstError(cr_finding_t const* finding, void* context);
 
 } // namespace crrecord

@@ -1,15 +1,13 @@
-// The one walk that says whether a DO record may be trusted, and its two faces.
+// The walk that validates a DO record, and the functions that use it.
 
 #include "support/validate/record_diagnosis.h"
 
 #include "base/prefetch.h"
-#include "status/trace.h"
 #include "support/layout/unique_list.h"
 #include "support/validate/segment_findings.h"
 #include "tref/value.h"
 
 #include <cstdio>
-#include <exception>
 
 namespace crrecord {
 
@@ -20,16 +18,30 @@ constexpr unsigned int kKnownFlags = 0x0006;
 
 #define CRRECORD_FIELD(member) #member, offsetof(DORecordHeader, member)
 
-// Each step returns whether the walk goes on.
+// What to check: a record's bytes, and its header as it was read once, in host order.
+struct Received {
+    unsigned char const* bytes;
+    std::uint64_t size;
+    DORecordHeader header;
+    Order order;
+    bool noReferences;
+    bool subDO;
+};
+
+// The header as it is stored. Zeros for fewer bytes than the smallest record has.
+DORecordHeader HeaderOf(void const* bytes, std::uint64_t size) noexcept {
+    return size >= CR_DO_RECORD_SIZE ? ReadHeader(bytes) : DORecordHeader{};
+}
+
+// Each step returns whether the walk goes on. The header and the layout are those of one reading: whatever the memory
+// becomes meanwhile, the walk stays inside the record.
 class RecordWalk {
 public:
-    // `allocate` may be empty, and doesn't throw. Where all before the segments is sound they are copied to the room
-    // that it gives, to host order.
-    RecordWalk(unsigned char const* bytes, std::uint64_t size, unsigned int options, AllocateCopy const& allocate,
-               FindingReporter& report) noexcept
-        : bytes_(bytes), header_(reinterpret_cast<DORecordHeader const*>(bytes)), size_(size), options_(options),
-          order_((options & CR_DO_NETWORK_ORDER) != 0 ? Order::Network : Order::Host), allocate_(allocate),
-          report_(report) {}
+    // With `copy`, a block of as many bytes, the record is copied there in host order and the copy is checked. It is
+    // complete if there is no error.
+    RecordWalk(Received const& received, FindingReporter& report, unsigned char* copy = nullptr) noexcept
+        : source_(received.bytes), bytes_(received.bytes), copy_(copy), header_(received.header), size_(received.size),
+          order_(received.order), noReferences_(received.noReferences), subDO_(received.subDO), report_(report) {}
 
     void Run() noexcept {
         if (size_ < CR_DO_RECORD_SIZE) {
@@ -37,13 +49,23 @@ public:
                           "Invalid DO record: size %lu, expected at least %u", size_, CR_DO_RECORD_SIZE);
             return;
         }
-        RecordCounts const counts = CountsOf(header_, order_);
+        RecordCounts const counts = CountsOf(&header_, Order::Host);
         RecordLayout const layout(counts);
-        bool const goOn = CheckHeader(counts) && CheckTotal(layout);
-        // Behind a wrong total nothing is where the counts say.
-        if (goOn && layout.total == size_ && CheckUniqueList(counts, layout) && CheckSegmentList(layout) &&
-            CheckReferences(counts, layout) && report_.Status() == CR_STATUS_OK) {
+        // After a wrong total no section is at the place that the counts give.
+        if (!CheckHeader(counts) || !CheckTotal(layout) || layout.total != size_) {
+            return;
+        }
+        if (copy_) {
+            std::memcpy(copy_, &header_, sizeof header_);
+            std::memcpy(copy_ + layout.dcids, source_ + layout.dcids, size_ - layout.dcids);
+            bytes_ = copy_;
+        }
+        if (CheckUniqueList(counts, layout) && CheckSegmentList(counts, layout) && CheckReferences(counts, layout) &&
+            report_.WantsNotes() && report_.Status() == CR_STATUS_OK) {
             NoteOddities(counts, layout);
+        }
+        if (copy_) {
+            WordsToHost(copy_, counts, layout, order_);
         }
     }
 
@@ -51,7 +73,7 @@ private:
     bool CheckHeader(RecordCounts const& counts) noexcept;
     bool CheckTotal(RecordLayout const& layout) noexcept;
     bool CheckUniqueList(RecordCounts const& counts, RecordLayout const& layout) noexcept;
-    bool CheckSegmentList(RecordLayout const& layout) noexcept;
+    bool CheckSegmentList(RecordCounts const& counts, RecordLayout const& layout) noexcept;
     bool CheckReferences(RecordCounts const& counts, RecordLayout const& layout) noexcept;
     bool NoteOddities(RecordCounts const& counts, RecordLayout const& layout) noexcept;
     bool NoteUniqueList(RecordCounts const& counts, RecordLayout const& layout) noexcept;
@@ -60,24 +82,21 @@ private:
     bool NoteBitmapSize(RecordCounts const& counts) noexcept;
     bool NoteNonZero(char const* field, std::uint64_t from, std::uint64_t to) noexcept;
 
-    template <class T>
-    T InOrder(T stored) const noexcept {
-        return order_ == Order::Host ? stored : ByteSwapped(stored);
-    }
-
-    unsigned char const* bytes_;
-    DORecordHeader const* header_;
+    unsigned char const* source_;
+    unsigned char const* bytes_; // what is checked: the source, or its copy
+    unsigned char* copy_;
+    DORecordHeader header_;
     std::uint64_t size_;
-    unsigned int options_;
-    Order order_;
-    AllocateCopy const& allocate_;
+    Order order_; // of the source
+    bool noReferences_;
+    bool subDO_;
     FindingReporter& report_;
 };
 
 bool RecordWalk::CheckHeader(RecordCounts const& counts) noexcept {
-    unsigned const type = InOrder(header_->type);
-    unsigned const recsize = InOrder(header_->recsize);
-    unsigned const flags = InOrder(header_->flags);
+    unsigned const type = header_.type;
+    unsigned const recsize = header_.recsize;
+    unsigned const flags = header_.flags;
     if (type != CR_DO_RECORD_TYPE &&
         !report_.Error({CR_FINDING_DO_TYPE, CRRECORD_FIELD(type), type, CR_DO_RECORD_TYPE},
                        "Invalid DO record: type %u, expected %u", type, CR_DO_RECORD_TYPE)) {
@@ -134,29 +153,32 @@ bool RecordWalk::CheckUniqueList(RecordCounts const& counts, RecordLayout const&
             "Invalid DO record: unique DCID list of %u entries, expected %u", count, counts.nudcid);
     }
     std::uint32_t const stored = Load<std::uint32_t>(list);
-    std::uint32_t const computed = ListChecksum(list, count, Order::Host);
+    std::uint32_t const computed = ListChecksum(list, counts.nudcid, Order::Host);
     if (stored == computed) {
         return true;
     }
-    // NoteUniqueList speaks of the other order.
-    return stored == ListChecksum(list, count, Order::Network) ||
+    // NoteUniqueList reports the other order.
+    return stored == ListChecksum(list, counts.nudcid, Order::Network) ||
            report_.Error({CR_FINDING_DO_LIST_CHECKSUM, "unique.checksum", layout.udcids, stored, computed},
                          "Invalid DO record: unique DCID list checksum %u, expected %u", stored, computed);
 }
 
-bool RecordWalk::CheckSegmentList(RecordLayout const& layout) noexcept {
-    if (!CRDOTypeIsValid(header_->dotype)) {
+bool RecordWalk::CheckSegmentList(RecordCounts const& counts, RecordLayout const& layout) noexcept {
+    if (!CRDOTypeIsValid(counts.dotype)) {
         return true;
     }
-    SegmentList const list = SegmentListOf(header_, layout, order_, (options_ & CR_DO_SUB_DO) != 0);
-    DORecordHeader* const copy = allocate_ ? allocate_() : nullptr;
+    SegmentList list = SegmentListOf(&header_, layout, Order::Host, subDO_);
+    list.entries = bytes_ + layout.entries;
+    list.order = copy_ ? Order::Host : order_;
     SegmentListCheck rules(list);
     ForEachBlock(list.count, [&](std::uint64_t first, std::uint64_t count) {
-        rules.Accumulate(first, count);
-        if (copy) {
-            Prefetch(list.entries + first * list.stride, count * list.stride, count * list.stride);
-            CopySegmentsToHost(copy, header_, layout, order_, first, count);
+        if (copy_) {
+            std::uint64_t const at = layout.Entry(first), bytes = count * layout.stride;
+            std::memcpy(copy_ + at, source_ + at, bytes);
+            Prefetch(source_ + at, bytes, bytes);
+            SegmentsToHost(copy_, layout, counts.dotype, order_, first, count);
         }
+        rules.Accumulate(first, count);
         return true;
     });
     SegmentFault const fault = rules.Fault();
@@ -166,7 +188,7 @@ bool RecordWalk::CheckSegmentList(RecordLayout const& layout) noexcept {
 
 bool RecordWalk::CheckReferences(RecordCounts const& counts, RecordLayout const& layout) noexcept {
     std::uint64_t const held = layout.tail - layout.taskIds;
-    if ((options_ & CR_DO_NO_REFERENCES) != 0 && held != 0 &&
+    if (noReferences_ && held != 0 &&
         !report_.Error({CR_FINDING_DO_REFERENCES, CRRECORD_FIELD(trefssize), held, 0},
                        "Invalid DO record: %lu bytes of references, expected 0", held)) {
         return false;
@@ -185,9 +207,6 @@ bool RecordWalk::CheckReferences(RecordCounts const& counts, RecordLayout const&
 }
 
 bool RecordWalk::NoteOddities(RecordCounts const& counts, RecordLayout const& layout) noexcept {
-    if (!report_.WantsNotes()) {
-        return true;
-    }
     if (IsBloom(counts.dotype)) {
         std::uint32_t const word = Load<std::uint32_t>(bytes_ + layout.entries, order_);
         if (word != counts.bsize &&
@@ -251,6 +270,9 @@ bool RecordWalk::NoteReferences(RecordLayout const& layout) noexcept {
     for (std::uint64_t at = layout.trefs; at < layout.tail;) {
         _cr_tref_t reference{};
         unsigned long const taken = DecodeReference(bytes_ + at, layout.tail - at, reference);
+        if (taken == 0) {
+            return true; // the memory has changed since CheckReferences
+        }
         if (!first && CompareReferences(before, reference) >= 0) {
             return report_.Note({CR_FINDING_DO_REFERENCE_ORDER, "references", at, reference.id, before.id},
                                 "typed references not ascending at offset %lu of their section", at - layout.trefs);
@@ -282,72 +304,60 @@ bool RecordWalk::NoteZeros(RecordCounts const& counts, RecordLayout const& layou
 
 // Only DO type 4 has a bitmap; in other records nothing depends on its size.
 bool RecordWalk::NoteBitmapSize(RecordCounts const& counts) noexcept {
-    return counts.dotype == CR_DO_TYPE_BLOOM_FILTER || counts.bsize == 0 ||
+    return IsBloom(counts.dotype) || counts.bsize == 0 ||
            report_.Note({CR_FINDING_DO_BSIZE, CRRECORD_FIELD(bsize), counts.bsize, 0},
                         "bsize %u in a record of DO type %u, expected 0", counts.bsize, counts.dotype);
 }
 
-Order ValidateAndCopySegments(void const* buffer, std::uint64_t size, unsigned int options,
-                              AllocateCopy const& allocate) {
-    if (!buffer || (options & ~CR_DO_SUB_DO) != 0) {
-        throw Cr_ErrnoException(CR_STATUS_INVALID);
+cr_status_t Diagnose(void const* buffer, std::uint64_t size, unsigned int options, FindingReporter report) noexcept {
+    if (!buffer || (options & ~kKnownOptions) != 0) {
+        return CR_STATUS_INVALID;
     }
-    // A buffer too short to show an order is too short in either.
-    Order const order = size >= CR_DO_HEADER_SIZE ? OrderOf(static_cast<DORecordHeader const*>(buffer)) : Order::Host;
-    FirstError error;
-    FindingReporter report(FirstError::Listen, &error, false);
-    RecordWalk(static_cast<unsigned char const*>(buffer), size,
-               options | (order == Order::Network ? CR_DO_NETWORK_ORDER : 0), allocate, report)
-        .Run();
-    if (report.Status() != CR_STATUS_OK) {
-        error.Throw();
+    Received received{.bytes = static_cast<unsigned char const*>(buffer),
+                      .size = size,
+                      .header = HeaderOf(buffer, size),
+                      .order = (options & CR_DO_NETWORK_ORDER) != 0 ? Order::Network : Order::Host,
+                      .noReferences = (options & CR_DO_NO_REFERENCES) != 0,
+                      .subDO = (options & CR_DO_SUB_DO) != 0};
+    if (received.order == Order::Network) {
+        SwapHeaderFields(&received.header);
     }
-    return order;
+    RecordWalk(received, report).Run();
+    return report.Status();
 }
 
 } // namespace
 
-Order RequireValid(void const* buffer, std::uint64_t size, unsigned int options) {
-    return ValidateAndCopySegments(buffer, size, options, AllocateCopy());
-}
-
-void CopyValid(void const* buffer, std::uint64_t size, unsigned int options, AllocateCopy const& allocate) {
-    DORecordHeader* copy = nullptr;
-    std::exception_ptr noRoom;
-    auto const tryToAllocate = [&]() noexcept {
-        try {
-            copy = allocate();
-        } catch (...) {
-            noRoom = std::current_exception(); // the record's own faults come first
-        }
-        return copy;
-    };
-    Order const order =
-        ValidateAndCopySegments(buffer, size, options, std::ref(tryToAllocate)); // which takes no memory
-    if (noRoom) {
-        std::rethrow_exception(noRoom);
+ValidHeader RequireValid(void const* buffer, std::uint64_t size, unsigned int options, unsigned char* copy) {
+    if (!buffer || (options & ~CR_DO_SUB_DO) != 0) {
+        throw Cr_ErrnoException(CR_STATUS_INVALID);
     }
-    CopyRestToHost(copy, static_cast<DORecordHeader const*>(buffer), size, order);
-}
-
-void DiagnoseRecord(unsigned char const* bytes, std::uint64_t size, unsigned int options,
-                    FindingReporter& report) noexcept {
-    AllocateCopy const noCopy;
-    RecordWalk(bytes, size, options, noCopy, report).Run();
+    DORecordHeader header = HeaderOf(buffer, size);
+    Order const order = HeaderToHost(header);
+    Received const received{.bytes = static_cast<unsigned char const*>(buffer),
+                            .size = size,
+                            .header = header,
+                            .order = order,
+                            .noReferences = false,
+                            .subDO = (options & CR_DO_SUB_DO) != 0};
+    FirstError error;
+    FindingReporter report = FindingReporter::ErrorsOnly(FirstError::Listen, &error);
+    RecordWalk(received, report, copy).Run();
+    if (report.Status() != CR_STATUS_OK) {
+        error.Throw();
+    }
+    return {header, order};
 }
 
 } // namespace crrecord
 
+using namespace crrecord;
+
 cr_status_t DORecordDiagnose(void const* buffer, unsigned long size, unsigned int options,
                              cr_finding_callback_t callback, void* context) {
-    if (!buffer || (options & ~crrecord::kKnownOptions) != 0) {
-        return CR_STATUS_INVALID;
-    }
-    crrecord::FindingReporter report(callback, context);
-    crrecord::DiagnoseRecord(static_cast<unsigned char const*>(buffer), size, options, report);
-    return report.Status();
+    return Diagnose(buffer, size, options, FindingReporter(callback, context));
 }
 
 cr_status_t DORecordHeaderValidate(void const* buffer, unsigned int size, unsigned int options) {
-    return DORecordDiagnose(buffer, size, options, crrecord::TraceOn() ? crrecord::TraceFirstError : nullptr, nullptr);
+    return Diagnose(buffer, size, options, FindingReporter::ForValidator());
 }

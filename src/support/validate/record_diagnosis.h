@@ -1,28 +1,21 @@
-// The walk over a received DO record.
+// Validation of a received DO record for those who keep or copy it.
 
 #pragma once
 
 #include "support/layout/record_layout.h"
-#include "support/validate/finding_reporter.h"
-
-#include <functional>
 
 namespace crrecord {
 
-// Reports what is wrong and what is odd with `size` bytes; reads nothing else. `options` as for DORecordHeaderValidate.
-void DiagnoseRecord(unsigned char const* bytes, std::uint64_t size, unsigned int options,
-                    FindingReporter& report) noexcept;
+// The header of a valid record, as validation has read it.
+struct ValidHeader {
+    DORecordHeader fields; // in host order
+    Order order;           // of the record
+};
 
-// The order that a buffer shows. Throws for one that does not pass in that order: 32 with the first error's message, or
-// 9 for null and for options other than CR_DO_SUB_DO.
-Order RequireValid(void const* buffer, std::uint64_t size, unsigned int options);
-
-// Gives as many bytes as a buffer has.
-using AllocateCopy = std::function<DORecordHeader*()>;
-
-// The same, and copies the record to host order in the same pass over its segments. Room is made once the header, the
-// total and the unique list are good, and what making it throws is thrown for a record without faults. What the room
-// holds after a throw means nothing.
-void CopyValid(void const* buffer, std::uint64_t size, unsigned int options, AllocateCopy const& allocate);
+// Validates `size` bytes in the order that they show. With `copy`, a block of as many bytes, the record is copied there
+// in host order, and the copy is what is validated: later changes of the buffer don't matter.
+// Throws: CR_STATUS_CORRUPT_RECORD with the first error's message; CR_STATUS_INVALID for null and for options other
+// than CR_DO_SUB_DO. On failure: the content of `copy` is unspecified.
+ValidHeader RequireValid(void const* buffer, std::uint64_t size, unsigned int options, unsigned char* copy = nullptr);
 
 } // namespace crrecord
