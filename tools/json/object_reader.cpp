@@ -193,7 +193,7 @@ void ObjectReader::PlaceTail(Value value, MemberFacts const&) {
 }
 
 void ObjectReader::PlaceContainers(Value value, MemberFacts const& member) {
-    parser_.ForEachElement(value, member.name, [this](Value& element, std::uint64_t i) {
+    parser_.ForEachCounted(value, member.name, containers_, [this](Value& element, std::uint64_t i) {
         element_ = bytes_ + layout_.UniqueEntry(i);
         parser_.ReadMembers(parser_.Object(element), kContainerMembers, *this, &element);
     });
@@ -201,7 +201,7 @@ void ObjectReader::PlaceContainers(Value value, MemberFacts const& member) {
 
 void ObjectReader::PlaceSegments(Value value, MemberFacts const& member) {
     unsigned int const dotype = header_.dotype;
-    parser_.ForEachElement(value, member.name, [&](Value& element, std::uint64_t i) {
+    parser_.ForEachCounted(value, member.name, segments_, [&](Value& element, std::uint64_t i) {
         if (IsBloom(dotype)) {
             parser_.Fail(element, "a record of DO type 4 has no segments");
         }

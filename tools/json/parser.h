@@ -100,6 +100,23 @@ public:
         list_ = {};
     }
 
+    // The same for a list whose elements were counted before, for which there is room for `count` and no more. Throws
+    // Error where the line has another number of them now.
+    template <class Use>
+    void ForEachCounted(Value& value, std::string_view list, std::uint64_t count, Use use) {
+        std::uint64_t used = 0;
+        ForEachElement(value, list, [&](Value& element, std::uint64_t i) {
+            if (i >= count) {
+                Fail(element, kChanged);
+            }
+            use(element, i);
+            ++used;
+        });
+        if (used != count) {
+            FailMember(PositionOf(value), list, kChanged);
+        }
+    }
+
     simdjson::ondemand::object Object(Value& value) {
         simdjson::ondemand::object object;
         Expect(value.get_object().get(object), value, "an object");
@@ -144,6 +161,9 @@ public:
         for (auto found : object) {
             simdjson::ondemand::field field;
             std::size_t const row = NextMember(std::move(found), field, table, next);
+            if (row == N) {
+                FailAt(key_, kChanged);
+            }
             if (table[row].place) {
                 member_ = table[row].name;
                 (reader.*table[row].place)(field.value(), table[row]);
@@ -165,6 +185,8 @@ public:
     }
 
 private:
+    static constexpr char kChanged[] = "the line changed while it was read";
+
     // The row of the member that comes next, N for an unknown one. Members mostly come in the table's order.
     template <class Found, class Table>
     std::size_t NextMember(Found&& found, simdjson::ondemand::field& field, Table const& table, std::size_t& next) {

@@ -57,7 +57,7 @@ void SegmentReader::ReadKey(Value value, MemberFacts const&) {
 }
 
 void SegmentReader::PlaceTaskIds(Value value, MemberFacts const& member) {
-    parser_.ForEachElement(value, member.name, [this](Value& element, std::uint64_t i) {
+    parser_.ForEachCounted(value, member.name, taskIds_, [this](Value& element, std::uint64_t i) {
         Store(bytes_ + CR_SO_FIXED_SIZE + i * segment::kTaskIdSize, parser_.Decimal(element));
     });
 }
@@ -65,7 +65,7 @@ void SegmentReader::PlaceTaskIds(Value value, MemberFacts const& member) {
 void SegmentReader::PlaceFingerprints(Value value, MemberFacts const& member) {
     unsigned int const width = CRFPDigestSize(fixed_.fptype);
     unsigned char* const to = bytes_ + segment::FingerprintOffset(fixed_.ntaskids);
-    parser_.ForEachElement(value, member.name,
+    parser_.ForEachCounted(value, member.name, fingerprints_,
                            [&](Value& element, std::uint64_t i) { parser_.Hex(element, width, to + i * width); });
 }
 
