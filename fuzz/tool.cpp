@@ -15,7 +15,7 @@ using crrecord::Order;
 void ReadBackFrom(Block const& text, Bytes bytes) {
     static NamedBytes const file;
     Input input(file.Holding(text.data(), text.size()));
-    OutputFile to("/dev/null");
+    OutputFile to("/dev/null", {});
     try {
         Must(ReadBack(input, to) == bytes.size(), "size that was read back");
     } catch (BadText const& bad) {
@@ -41,7 +41,7 @@ void ReadAgain(OwnRecord own) {
 
 void RedactOne(OwnRecord own) {
     static Pseudonyms pseudonyms(Block(16, 7));
-    OutputFile to("/dev/null");
+    OutputFile to("/dev/null", {});
     Order const order = own.record.kind == Kind::Form ? Order::Network : own.record.order;
     WriteRedacted(to, "redacted", own.record, pseudonyms);
     Record facts = own.record;

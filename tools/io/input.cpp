@@ -32,6 +32,9 @@ std::size_t Input::Read(std::span<unsigned char> room) {
     if (count == -1) {
         throw InputFailure(ErrnoText(name_, "read"));
     }
+    if (count == 0) {
+        ThrowIfChanged();
+    }
     return static_cast<std::size_t>(count);
 }
 
@@ -64,9 +67,13 @@ std::uint64_t Input::ExpectedSize() const {
     return S_ISREG(facts_.st_mode) ? static_cast<std::uint64_t>(facts_.st_size) : 0;
 }
 
-bool Input::IsSameFileAs(std::string const& path) const {
-    struct stat other {};
-    return ::stat(path.c_str(), &other) == 0 && other.st_dev == facts_.st_dev && other.st_ino == facts_.st_ino;
+void Input::ThrowIfChanged() const {
+    struct stat now {};
+    if (S_ISREG(facts_.st_mode) &&
+        (::fstat(file_, &now) == -1 || now.st_size != facts_.st_size || now.st_mtim.tv_sec != facts_.st_mtim.tv_sec ||
+         now.st_mtim.tv_nsec != facts_.st_mtim.tv_nsec)) {
+        throw InputFailure(name_ + ": file changed while it was read");
+    }
 }
 
 } // namespace crrecord::tool

@@ -2,8 +2,6 @@
 
 #pragma once
 
-#include "io/mapping.h"
-
 #include <cstdint>
 #include <limits>
 #include <span>
@@ -19,6 +17,9 @@ struct Extent {
     std::uint64_t data = std::numeric_limits<std::uint64_t>::max();
 };
 
+// What is read at once: it stays in a processor's cache while it is worked on.
+inline constexpr std::uint64_t kReadBlock = 256UL * 1024;
+
 class Input {
 public:
     // Opens `name`; "-" is standard input. Throws InputFailure.
@@ -27,20 +28,19 @@ public:
     Input(Input const&) = delete;
     Input& operator=(Input const&) = delete;
 
-    // Reads what is there, at least one byte and at most `room`; 0 at the end. Throws InputFailure.
+    // Reads what is there, at least one byte and at most `room`; 0 at the end.
+    // Throws: InputFailure; also at the end of a regular file whose size or time of change is not that of its opening.
     std::size_t Read(std::span<unsigned char> room);
 
     // Steps over the hole that begins here, if one does, up to `most` bytes of it. No data: the input ends there, or
     // the hole goes on. Of standard input, and where the file system knows no holes, all is data.
     Extent NextExtent(std::uint64_t most = std::numeric_limits<std::uint64_t>::max()) const;
 
-    // All of a named regular file, from its start; no bytes of anything else.
-    Mapping Map() const { return Mapping(file_, name_ == "-" ? 0 : ExpectedSize(), name_); }
-
     std::string const& Name() const { return name_; }
     // Bytes of a regular file, 0 for anything else.
     std::uint64_t ExpectedSize() const;
-    bool IsSameFileAs(std::string const& path) const;
+    // For who stops before the end. Throws: InputFailure if a regular file changed since it was opened.
+    void ThrowIfChanged() const;
 
 private:
     std::string name_;

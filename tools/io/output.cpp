@@ -1,81 +1,17 @@
 #include "io/output.h"
 
 #include "io/failure.h"
+#include "io/file_facts.h"
 #include "io/progress.h"
 
 #include <array>
-#include <climits>
 #include <csignal>
-#include <cstring>
-#include <filesystem>
 #include <span>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace crrecord::tool {
-
-namespace {
-
-// Signals that end a process and are no fault of its own, but for the real-time ones, which nobody sends unasked. Where
-// one is ignored it stays so.
-constexpr int kEnders[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGTERM,   SIGPIPE, SIGALRM, SIGUSR1,
-                           SIGUSR2, SIGXCPU, SIGPROF, SIGVTALRM, SIGPOLL, SIGPWR,  SIGSTKFLT};
-
-// The temporary file as the signal handler knows it; empty where there is none.
-char unfinished[PATH_MAX];
-
-extern "C" void RemoveUnfinished(int signal) {
-    RemoveUnfinishedOutput();
-    // Only now, or the same signal again would end the process before the file is gone. Takes effect when this returns.
-    ::signal(signal, SIG_DFL);
-    ::raise(signal);
-}
-
-// Keeps them back while it lives: none comes between a file and the name that the handler knows.
-class EndersHeldBack {
-public:
-    EndersHeldBack() {
-        sigset_t enders;
-        ::sigemptyset(&enders);
-        for (int const signal : kEnders) {
-            ::sigaddset(&enders, signal);
-        }
-        ::pthread_sigmask(SIG_BLOCK, &enders, &former_);
-    }
-    ~EndersHeldBack() { ::pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
-    EndersHeldBack(EndersHeldBack const&) = delete;
-    EndersHeldBack& operator=(EndersHeldBack const&) = delete;
-
-private:
-    sigset_t former_;
-};
-
-void RemoveWhenInterrupted(std::string const& path) {
-    unfinished[path.copy(unfinished, sizeof unfinished - 1)] = '\0';
-    for (int const signal : kEnders) {
-        struct sigaction action {};
-        if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_DFL) {
-            action.sa_handler = RemoveUnfinished;
-            ::sigaction(signal, &action, nullptr);
-        }
-    }
-}
-
-// A short name of its own: beside a file whose name is as long as names may be, too.
-std::string TemporaryBeside(std::string const& target, unsigned int attempt) {
-    auto const folder = std::filesystem::path(target).parent_path();
-    return (folder / fmt::format(".crrecord-{}-{}.tmp", ::getpid(), attempt)).string();
-}
-
-} // namespace
-
-void RemoveUnfinishedOutput() noexcept {
-    if (unfinished[0] != '\0') {
-        ::unlink(unfinished);
-    }
-}
 
 void Output::MakeReady() {
     if (terminal_ || file_ == STDERR_FILENO) {
@@ -122,69 +58,36 @@ void Output::Flush() {
     buffer_.clear();
 }
 
-OutputFile::OutputFile(std::string path)
-    : path_(std::move(path)), target_(path_), file_(path_ == "-" ? STDOUT_FILENO : Open()),
+OutputFile::OutputFile(std::string path, std::vector<std::string> const& inputs)
+    : path_(std::move(path)), file_(path_ == "-" ? STDOUT_FILENO : Open(inputs)),
       output_(file_, path_ == "-" ? "standard output" : path_) {}
 
-int OutputFile::Open() {
+int OutputFile::Open(std::vector<std::string> const& inputs) {
     // A file that meets its size limit is an error like any other.
     ::signal(SIGXFSZ, SIG_IGN);
-    struct stat former {};
-    bool const exists = ::stat(path_.c_str(), &former) == 0;
-    int file = -1;
-    if (exists && !S_ISREG(former.st_mode)) {
-        file = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
-    } else {
-        if (exists) {
-            target_ = std::filesystem::canonical(path_).string();
-        }
-        EndersHeldBack const heldBack;
-        unsigned int attempt = 0;
-        do {
-            temporary_ = TemporaryBeside(target_, attempt++);
-            file = ::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        } while (file == -1 && errno == EEXIST);
-        if (file != -1) {
-            RemoveWhenInterrupted(temporary_);
-        }
+    auto const former = FactsOf(path_, -1);
+    if (!former || S_ISREG(former->st_mode)) {
+        return replacement_.emplace(path_, inputs).File();
     }
+    int const file = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
     if (file == -1) {
         throw Failure(ErrnoText(path_, "create"));
-    }
-    if (!temporary_.empty() && exists) {
-        // Where that is not allowed the new file has the mode of a new file.
-        [[maybe_unused]] int const done = ::fchmod(file, former.st_mode & 07777);
     }
     return file;
 }
 
 OutputFile::~OutputFile() {
-    if (!temporary_.empty()) {
-        ::unlink(temporary_.c_str());
-        unfinished[0] = '\0';
-    }
-    if (file_ != STDOUT_FILENO && file_ != -1) {
+    if (!replacement_ && file_ != STDOUT_FILENO && file_ != -1) {
         ::close(file_);
     }
 }
 
 void OutputFile::Commit() {
     output_.Flush();
-    if (file_ == STDOUT_FILENO) {
-        return;
-    }
-    if (!temporary_.empty() && ::fsync(file_) == -1) {
+    if (replacement_) {
+        replacement_->Commit();
+    } else if (file_ != STDOUT_FILENO && ::close(std::exchange(file_, -1)) == -1) {
         throw Failure(ErrnoText(path_, "write"));
-    }
-    if (::close(std::exchange(file_, -1)) == -1) {
-        throw Failure(ErrnoText(path_, "write"));
-    }
-    if (!temporary_.empty()) {
-        if (::rename(temporary_.c_str(), target_.c_str()) == -1) {
-            throw Failure(ErrnoText(path_, "replace"));
-        }
-        unfinished[0] = '\0';
-        temporary_.clear();
     }
 }
 

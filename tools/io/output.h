@@ -2,13 +2,16 @@
 
 #pragma once
 
+#include "io/replacement.h"
 #include "io/text.h"
 
 #include <cstdint>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -76,15 +79,13 @@ private:
     void WriteSequence(std::string_view sequence);
 };
 
-// Removes the temporary file of an output that is not complete, where there is one. For signal handlers too.
-void RemoveUnfinishedOutput() noexcept;
-
-// The output file of a verb. Its bytes go to a temporary file beside it, which takes its place only when it is complete
-// and on disk: an error, a full disk or a signal leaves whatever was there before. "-", and what is no regular file
-// (a device, a pipe), is written directly. One at a time.
+// The output file of a verb. A regular file is replaced only when its content is complete and on disk (Replacement): an
+// error, a full disk or a signal leaves whatever was there before. "-", and what is no regular file (a device, a pipe),
+// is written directly. One at a time.
 class OutputFile {
 public:
-    explicit OutputFile(std::string path);
+    // `inputs` are the names of the files whose content it gets: those who cannot read them cannot read a new file.
+    OutputFile(std::string path, std::vector<std::string> const& inputs);
     ~OutputFile();
     OutputFile(OutputFile const&) = delete;
     OutputFile& operator=(OutputFile const&) = delete;
@@ -96,13 +97,12 @@ public:
     void Commit();
 
 private:
-    std::string path_;      // as the user named it
-    std::string target_;    // with symbolic links resolved
-    std::string temporary_; // empty where the file is written directly
+    std::string path_;
+    std::optional<Replacement> replacement_; // of a regular file
     int file_;
     Output output_;
 
-    int Open();
+    int Open(std::vector<std::string> const& inputs);
 };
 
 } // namespace crrecord::tool

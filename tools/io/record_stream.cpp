@@ -16,8 +16,7 @@ namespace crrecord::tool {
 
 namespace {
 
-// Small enough to stay in a processor's cache while its records are worked on.
-constexpr std::uint64_t kFirstBlock = 256UL * 1024;
+constexpr std::uint64_t kProgressStep = 4UL * 1024 * 1024;
 // A record's size is a 32-bit field.
 constexpr std::uint64_t kLargestSize = std::numeric_limits<std::uint32_t>::max();
 
@@ -52,13 +51,7 @@ char const* NameOfFingerprint(unsigned int fptype) noexcept {
 }
 
 RecordStream::RecordStream(std::string name, std::optional<FormFacts> form)
-    : input_(std::move(name)), progress_(input_.Name(), input_.ExpectedSize()), form_(form), mapping_(input_.Map()) {
-    if (auto const mapped = mapping_.Bytes(); !mapped.empty()) {
-        bytes_ = mapped.data();
-        end_ = mapped.size();
-        inputEnded_ = true;
-    }
-}
+    : input_(std::move(name)), progress_(input_.Name(), input_.ExpectedSize()), form_(form) {}
 
 std::uint64_t RecordStream::ChooseSize(std::uint64_t recorded, std::uint64_t counted, std::uint64_t least) {
     auto const [near, far] = std::minmax({recorded, counted});
@@ -71,7 +64,7 @@ std::uint64_t RecordStream::ChooseSize(std::uint64_t recorded, std::uint64_t cou
 
 bool RecordStream::IsJson() {
     std::uint64_t position = 0;
-    while (Fill(position + 1) > position && position < kFirstBlock) {
+    while (Fill(position + 1) > position && position < kReadBlock) {
         char const character = static_cast<char>(bytes_[begin_ + position++]);
         if (std::string_view(" \t\r\n").find(character) == std::string_view::npos) {
             return character == '{';
@@ -132,8 +125,8 @@ void RecordStream::Advance() {
     record_.offset += record_.size;
     record_.size = 0;
     if (record_.offset >= nextMark_) {
-        nextMark_ = record_.offset + Mapping::kWindow;
-        PassMark();
+        nextMark_ = record_.offset + kProgressStep;
+        progress_.At(record_.offset);
     }
 }
 
@@ -148,16 +141,9 @@ Record* RecordStream::Next() {
     return &record_;
 }
 
-void RecordStream::PassMark() {
-    progress_.At(record_.offset);
-    if (!mapping_.Bytes().empty()) {
-        mapping_.MoveTo(begin_);
-    }
-}
-
 bool RecordStream::NextBlock() {
     Advance();
-    record_.size = std::min(Fill(kFirstBlock), kFirstBlock);
+    record_.size = std::min(Fill(kReadBlock), kReadBlock);
     record_.bytes = bytes_ + begin_;
     return record_.size != 0;
 }
@@ -186,24 +172,26 @@ bool RecordStream::IsBorder(std::uint64_t position) {
 void RecordStream::ReadOn(std::uint64_t need) {
     while (end_ - begin_ < need && !inputEnded_) {
         Reserve(need);
-        std::size_t const count = input_.Read({bytes_ + end_, capacity_ - end_});
+        // No more than is needed, or the buffer of one large record would be too large a block for small ones.
+        std::uint64_t const most = std::max(kReadBlock, need - (end_ - begin_));
+        std::size_t const count = input_.Read({bytes_ + end_, std::min(capacity_ - end_, most)});
         end_ += count;
         inputEnded_ = count == 0;
     }
 }
 
 void RecordStream::Reserve(std::uint64_t need) {
+    // To the buffer's start, which is in the cache; no more bytes move than were passed.
+    if (std::uint64_t const present = end_ - begin_; begin_ != 0 && (present <= begin_ || end_ == capacity_)) {
+        std::memmove(bytes_, bytes_ + begin_, present);
+        begin_ = 0;
+        end_ = present;
+    }
     if (end_ < capacity_) {
         return;
     }
-    if (begin_ != 0) {
-        std::memmove(bytes_, bytes_ + begin_, end_ - begin_);
-        end_ -= begin_;
-        begin_ = 0;
-        return;
-    }
     // The claim bounds the growth from above only; what was read bounds it too.
-    std::uint64_t const wanted = std::max(kFirstBlock, std::min(need, 2 * capacity_));
+    std::uint64_t const wanted = std::max(kReadBlock, std::min(need, 2 * capacity_));
     void* const grown = std::realloc(buffer_.get(), wanted);
     if (!grown) {
         throw InputFailure(Name() + ": record " + std::to_string(record_.number) + " at byte " +

@@ -55,7 +55,7 @@ char const* NameOfFingerprint(unsigned int fptype) noexcept;
 // An exchange form says nothing of itself: where one is expected, it is all of the input.
 //
 // Memory: one record, and never more than twice the bytes that were really read beyond a first block, whatever a record
-// claims. A regular file is mapped, not read.
+// claims. The bytes are in memory that no other process can change: what was validated is what is used.
 class RecordStream {
 public:
     // With `form` the input is an exchange form.
@@ -68,6 +68,8 @@ public:
     // Goes on in a record of unknown kind, whose end nobody knows: the record that Next gave becomes the bytes behind
     // it, as many as a block has. False at the input's end.
     bool NextBlock();
+    // For who stops before the end. Throws: InputFailure if a regular file changed since it was opened.
+    void ThrowIfChanged() const { input_.ThrowIfChanged(); }
     // Whether the present record is the last of the input. Its bytes may move.
     bool EndsHere();
 
@@ -92,7 +94,6 @@ private:
     void Reserve(std::uint64_t need);
     // Goes to what follows the present record.
     void Advance();
-    void PassMark();
     inline void Frame();
     void FrameForm();
     std::uint64_t ChooseSize(std::uint64_t recorded, std::uint64_t counted, std::uint64_t least);
@@ -101,13 +102,12 @@ private:
     Input input_;
     Progress progress_;
     std::optional<FormFacts> form_;
-    Mapping mapping_;                             // of a regular file, and then all of it was read
-    std::unique_ptr<unsigned char, Free> buffer_; // of anything else
-    unsigned char* bytes_ = nullptr;              // of either
+    std::unique_ptr<unsigned char, Free> buffer_;
+    unsigned char* bytes_ = nullptr; // of the buffer
     std::uint64_t capacity_ = 0;
-    std::uint64_t begin_ = 0; // of the current record in the buffer
-    std::uint64_t end_ = 0;   // of what was read into the buffer
-    std::uint64_t nextMark_ = Mapping::kWindow;
+    std::uint64_t begin_ = 0;    // of the current record in the buffer
+    std::uint64_t end_ = 0;      // of what was read into the buffer
+    std::uint64_t nextMark_ = 0; // of the progress
     bool inputEnded_ = false;
     bool last_ = false;
     Record record_{};

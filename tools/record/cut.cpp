@@ -22,7 +22,7 @@ namespace crrecord::tool {
 namespace {
 
 // Hashing a batch takes far longer than handing it to a thread, and it stays in that thread's cache meanwhile.
-constexpr std::uint64_t kBatch = 256UL * 1024;
+constexpr std::uint64_t kBatch = kReadBlock;
 constexpr std::uint64_t kBatchSegments = 4096; // a segment of one byte takes dozens for what is told of it
 constexpr unsigned int kMostThreads = 32;      // more than one that reads can feed; each has its batches
 

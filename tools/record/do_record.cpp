@@ -58,6 +58,7 @@ Record const* OnlyDORecord(RecordStream& stream) {
     std::vector<Finding> findings;
     if (!Diagnose(*record, Depth::FirstError, findings)) {
         Complain(Describe(stream.Name(), *record, findings.front()));
+        stream.ThrowIfChanged();
         return nullptr;
     }
     if (record->kind == Kind::Segment) {

@@ -43,7 +43,7 @@ ExitCode AnnotateInput(RecordStream& stream, Rows rows) {
 ExitCode ReadBackFile(AnnotateOptions const& options, Output& out) {
     RefuseToReplace({options.text}, options.out, "bytes");
     Input text(options.text);
-    OutputFile to(options.out);
+    OutputFile to(options.out, {options.text});
     try {
         std::uint64_t const size = ReadBack(text, to);
         to.Commit();
@@ -51,6 +51,7 @@ ExitCode ReadBackFile(AnnotateOptions const& options, Output& out) {
         return ExitCode::AllWell;
     } catch (BadText const& bad) {
         Complain(bad.what());
+        text.ThrowIfChanged();
         return ExitCode::BadRecord;
     }
 }

@@ -115,14 +115,12 @@ std::string ClosingLine(BuildOptions const& options, CutTotals const& totals, st
 
 ExitCode Build(BuildOptions const& options, Output& out) {
     Input input(options.file);
-    if (options.out != "-" && input.IsSameFileAs(options.out)) {
-        throw Failure(options.out + ": is FILE itself, which the record would replace");
-    }
+    RefuseToReplace({options.file}, options.out, "record");
     Entries entries(options);
     std::uint64_t const expected = input.ExpectedSize();
     entries.CheckOffset(expected == 0 ? 0 : (expected - 1) / options.cut.segmentSize * options.cut.segmentSize);
     entries.Reserve(expected / options.cut.segmentSize + 1);
-    OutputFile to(options.out);
+    OutputFile to(options.out, {options.file});
     Holes const holes = options.dotype == CR_DO_TYPE_8_BYTE_OFFSET ? Holes::AreGaps : Holes::AreZeros;
     CutTotals const totals = Cut(input, options.cut, holes, [&](CutSegment const& segment) { entries.Add(segment); });
     std::unique_ptr<DORecord> const record = std::move(entries).Build(totals, options.cut.segmentSize);

@@ -95,7 +95,7 @@ void WriteLine(Output& to, std::string const& file, Record const& record, Order 
 // Writes valid records to OUT.
 class Converter {
 public:
-    explicit Converter(ConvertOptions const& options) : options_(options), to_(options.out) {}
+    explicit Converter(ConvertOptions const& options) : options_(options), to_(options.out, {options.file}) {}
 
     // Of a record from JSON, `foundIn` is the order that the line says.
     void Convert(Record const& record, std::optional<Order> foundIn = std::nullopt) {
@@ -188,6 +188,7 @@ ExitCode Convert(ConvertOptions const& options, Output& out) {
     Converter converter(options);
     bool const isJson = !options.form.serialized && stream.IsJson();
     ExitCode const result = (isJson ? ConvertLines : ConvertRecords)(stream, converter);
+    stream.ThrowIfChanged();
     if (result == ExitCode::AllWell) {
         PrintClosing(out, options.out, options.json, ClosingLine(options, converter.Commit()));
     }

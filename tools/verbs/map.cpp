@@ -73,7 +73,7 @@ ExitCode Map(MapOptions const& options, Output& out) {
         return ExitCode::BadRecord;
     }
     std::string const picture = DrawRecord(options.record, *record);
-    OutputFile to(options.out);
+    OutputFile to(options.out, {options.record});
     to.Write(picture.data(), picture.size());
     to.Commit();
     PrintClosing(out, options.out, false,

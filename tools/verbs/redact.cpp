@@ -27,9 +27,6 @@ constexpr std::size_t kLargestKey = 4096;
 
 std::vector<unsigned char> ReadKey(RedactOptions const& options) {
     Input input(options.key);
-    if (input.IsSameFileAs(options.out)) {
-        throw Failure(options.out + ": is the key itself, which the records would replace");
-    }
     std::vector<unsigned char> key(kLargestKey + 1);
     std::size_t size = 0;
     while (std::size_t const count = input.Read(std::span(key).subspan(size))) {
@@ -70,11 +67,12 @@ std::string ClosingLine(RedactOptions const& options, Tally const& tally) {
 
 ExitCode Redact(RedactOptions const& options, Output& out) {
     RefuseToReplace(options.files, options.out, "redacted records");
+    RefuseToReplace({options.key}, options.out, "redacted records");
     if (options.key == "-" && std::find(options.files.begin(), options.files.end(), "-") != options.files.end()) {
         throw Failure("standard input can be either the records or the key");
     }
     Pseudonyms pseudonyms = MakePseudonyms(options);
-    OutputFile to(options.out);
+    OutputFile to(options.out, options.files);
     Tally tally;
     ExitCode const result = ForEachInput(
         options.files, options.form, [&](RecordStream& stream) { return RedactInput(stream, to, pseudonyms, tally); });

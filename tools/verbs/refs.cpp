@@ -54,6 +54,7 @@ ExitCode ForEachDORecord(RecordStream& stream, Use use, GoOn goOn) {
         }
         use(*record);
     }
+    stream.ThrowIfChanged();
     return result;
 }
 
@@ -165,7 +166,7 @@ private:
 ExitCode ChangeAll(RefsOptions const& options, Output& out) {
     Changer changer(options);
     RecordStream stream(options.file);
-    OutputFile to(options.out);
+    OutputFile to(options.out, {options.file});
     auto const write = [&](Record const& record) {
         std::unique_ptr<DORecord> const changed = changer.Change(record);
         auto const bytes = BytesOf(*changed);

@@ -54,10 +54,8 @@ std::string ClosingLine(BuildOptions const& options, CutTotals const& totals) {
 
 ExitCode Build(BuildOptions const& options, Output& out) {
     Input input(options.file);
-    if (options.out != "-" && input.IsSameFileAs(options.out)) {
-        throw Failure(options.out + ": is FILE itself, which the records would replace");
-    }
-    OutputFile records(options.out);
+    RefuseToReplace({options.file}, options.out, "records");
+    OutputFile records(options.out, {options.file});
     auto const fptype = static_cast<unsigned char>(options.cut.fptype);
     CutTotals const totals =
         Cut(input, options.cut, Holes::AreZeros, [&](CutSegment const& cut) { WriteRecord(records, cut, fptype); });

@@ -1,7 +1,8 @@
 #include "verbs/verbs.h"
 
+#include "io/file_facts.h"
+
 #include <charconv>
-#include <filesystem>
 
 namespace crrecord::tool {
 
@@ -63,9 +64,9 @@ CLI::Validator WholeNumber(std::uint64_t most) {
 
 void RefuseToReplace(std::vector<std::string> const& files, std::string const& out, std::string_view written) {
     for (std::string const& file : files) {
-        std::error_code unknown; // of a file that is not there
-        if (file != "-" && out != "-" && std::filesystem::equivalent(file, out, unknown)) {
-            throw Failure(fmt::format("{}: is an input itself, which the {} would replace", out, written));
+        if (IsSameFile(file, out)) {
+            throw Failure(fmt::format("{}: is an input itself, which the {} would replace",
+                                      out == "-" ? "standard output" : out, written));
         }
     }
 }

@@ -64,8 +64,8 @@ CLI::Option* AddTexts(CLI::App& verb, std::string const& option, std::vector<std
 // digits are the largest number to it, and "010" is 8.
 CLI::Validator WholeNumber(std::uint64_t most);
 
-// For inputs that the output doesn't hold: throws Failure where `out` is one of the files. `written` is what would
-// replace it.
+// For inputs whose content would be lost. `written` names what would replace it; "-" is a standard file.
+// Throws: Failure if `out` is one of the files.
 void RefuseToReplace(std::vector<std::string> const& files, std::string const& out, std::string_view written);
 
 // The options of verbs that read exchange forms too.
@@ -94,6 +94,7 @@ ExitCode ForEachInput(std::vector<std::string> const& names, FormOptions const& 
         try {
             RecordStream stream(name, form.Facts());
             result = std::max(result, visit(stream));
+            stream.ThrowIfChanged();
         } catch (InputFailure const& failure) {
             Complain(failure.what());
             result = ExitCode::CouldNotWork;

@@ -97,7 +97,7 @@ class Verifier {
 public:
     Verifier(Input& input, DORecord const& record, Report& report)
         : input_(input), fptype_(record.GetFPType()), dotype_(record.GetDOType()), report_(report),
-          progress_(input.Name(), input.ExpectedSize()), block_(1024UL * 1024) {}
+          progress_(input.Name(), input.ExpectedSize()), block_(kReadBlock) {}
 
     void CheckSegment(unsigned int index, std::uint64_t position, DOSegment const& segment) {
         CheckGap(position);

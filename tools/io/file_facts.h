@@ -1,0 +1,31 @@
+// What the system knows of a file before it is opened.
+
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <sys/stat.h>
+
+namespace crrecord::tool {
+
+// The facts of the file `name`, symbolic links followed; "-" is the standard file of number `standard`.
+// Returns: nothing for a file that does not exist.
+std::optional<struct stat> FactsOf(std::string const& name, int standard);
+
+// True for two names of one regular file. In `out`, "-" is standard output, in `input` it is standard input.
+bool IsSameFile(std::string const& input, std::string const& out);
+
+// The largest mode of a new file that holds what is in these inputs: users who cannot read a regular input get no
+// access. A file with an access control list counts as readable by its owner only.
+mode_t ModeForContentOf(std::vector<std::string> const& inputs);
+
+// The mode of a file for the rights of user, group and others. With an access control list the group's bits of `facts`
+// are the list's mask, which says nothing of the group's own rights: only the owner's rights are left.
+mode_t PlainMode(struct stat const& facts, std::string const& name);
+
+// The extended attribute that holds a file's access control list.
+inline constexpr char kAccessList[] = "system.posix_acl_access";
+
+} // namespace crrecord::tool
