@@ -6,7 +6,7 @@ SETUP ?= scripts/setup
 unexport FILE
 export CRRECORD_WALK_FILE := $(value FILE)
 
-.PHONY: help setup build run test fuzz bench abi memcheck big-endian python docs deb release-check install format clean
+.PHONY: help setup build run test fuzz bench abi memcheck security big-endian python docs deb release-check install format clean
 
 help:
 	@echo 'make run [FILE=path]       write records of a file, read and check them, print the results'
@@ -15,6 +15,7 @@ help:
 	@echo 'make bench [QUICK=1]       measure the library against other ways to do the same work'
 	@echo 'make abi                   compare the interface of the shared library with the reviewed one'
 	@echo 'make memcheck              run the tests, and the command over the golden records, under valgrind'
+	@echo 'make security              run the tests that need root, two users or a second process, under AddressSanitizer'
 	@echo 'make big-endian            build for a big-endian machine, and run the tests under an emulator of it'
 	@echo 'make python                build the Python package into build/python/python, and test it'
 	@echo 'make docs                  build the reference of the headers into build/docs/html'
@@ -55,6 +56,11 @@ abi: build
 memcheck: build
 	@$(SETUP) --memcheck
 	@scripts/memcheck build/release
+
+security: setup
+	@cmake --preset asan
+	@cmake --build --preset asan --target crrecord_tool security_test
+	@ctest --preset asan --label-regex security
 
 big-endian:
 	@$(SETUP) --big-endian

@@ -52,6 +52,7 @@ protected:
         std::ofstream(folder_ / name, std::ios::binary)
             .write(reinterpret_cast<char const*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     }
+    std::string PathOf(std::string const& name) { return folder_ / name; }
     std::string String(std::string const& name) {
         std::ifstream file(folder_ / name, std::ios::binary);
         return {std::istreambuf_iterator<char>(file), {}};

@@ -180,10 +180,18 @@ TEST_F(Tool, SaysWhyItCannotWork) {
          "two: holds more than one record, and exchange forms don't say where they end"},
         {"verify two in", "two: holds more than one record, where one is needed"},
         {"verify seg in", "seg: is a segment record, where a DO record is needed"},
-        {"segments build in -o in", "in: is FILE itself, which the records would replace"},
+        {"segments build in -o in", "in: is an input itself, which the records would replace"},
         {"annotate --reverse in -o in", "in: is an input itself, which the bytes would replace"},
         {"refs do --drop-inactive in -o ./in", "./in: is an input itself, which the records would replace"},
         {"map do -o do", "do: is an input itself, which the picture would replace"},
+        {"redact - -o seg <seg", "seg: is an input itself, which the redacted records would replace"},
+        {"redact seg --key - -o in <in", "in: is an input itself, which the redacted records would replace"},
+        {"redact seg -o - >>seg", "standard output: is an input itself, which the redacted records would replace"},
+        {"map - -o do <do", "do: is an input itself, which the picture would replace"},
+        {"build - -o in <in", "in: is an input itself, which the record would replace"},
+        {"segments build - -o in <in", "in: is an input itself, which the records would replace"},
+        {"annotate --reverse - -o in <in", "in: is an input itself, which the bytes would replace"},
+        {"refs do --drop-inactive - -o in <in", "in: is an input itself, which the records would replace"},
         {"segments build in -o none/out", "none/out: cannot create: No such file or directory"},
         {"segments build in -o .", ".: cannot create: Is a directory"},
         {"stats --json none", "none: cannot open: No such file or directory"},
@@ -213,7 +221,8 @@ TEST_F(Tool, AnInterruptedBuildLeavesNothing) {
             EXPECT_EQ(Shell("ulimit -c 0; echo former >out; rm -f in; mkfifo in; exec 3<>in; "
                             "env --default-signal --ignore-signal=USR1 \"$T\" " +
                             verb +
-                            " in -o out & until ls .crrecord-*; do sleep 0.01; done; kill -USR1 $!; "
+                            " in -o out & until ls -l /proc/$!/fd | grep -E 'deleted|crrecord-[0-9a-f]*.tmp'; do sleep "
+                            "0.01; done; kill -USR1 $!; "
                             "for i in 1 2 3; do kill -" +
                             std::to_string(signal) + " $!; done; wait $!"),
                       128 + signal);

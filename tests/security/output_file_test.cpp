@@ -1,0 +1,215 @@
+// Who may read and change what the command writes: owners, modes and access control lists of output files, and what an
+// interrupted process leaves.
+
+#include "tool/tool.h"
+
+#include "io/output.h"
+
+#include <csignal>
+#include <cstdarg>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+namespace {
+
+bool refuseUnnamed = false; // as a file system without O_TMPFILE
+mode_t madeWith = 0;        // the mode of the file that was created last
+
+} // namespace
+
+// The linker gives the command's calls of open to this function.
+extern "C" int __real_open(char const* path, int flags, ...);
+extern "C" int __wrap_open(char const* path, int flags, ...) {
+    bool const unnamed = (flags & O_TMPFILE) == O_TMPFILE;
+    if ((flags & O_CREAT) == 0 && !unnamed) {
+        return __real_open(path, flags);
+    }
+    std::va_list arguments;
+    va_start(arguments, flags);
+    mode_t const mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+    if (refuseUnnamed && unnamed) {
+        errno = EOPNOTSUPP;
+        return -1;
+    }
+    int const file = __real_open(path, flags, mode);
+    struct stat facts {};
+    madeWith = file != -1 && fstat(file, &facts) == 0 ? facts.st_mode & 07777 : madeWith;
+    return file;
+}
+
+namespace {
+
+constexpr uid_t kSomebody = 65533; // neither this user nor the next one
+constexpr uid_t kOther = 65534;
+
+// An access control list in which the user kOther may read and write, and the group nothing.
+Bytes List() {
+    Bytes list{2, 0, 0, 0};
+    struct {
+        unsigned char tag, rights;
+        Bytes id;
+    } const entries[] = {{1, 6, Bytes(4, 0xff)},
+                         {2, 6, {0xfe, 0xff, 0, 0}},
+                         {4, 0, Bytes(4, 0xff)},
+                         {0x10, 6, Bytes(4, 0xff)},
+                         {0x20, 0, Bytes(4, 0xff)}};
+    for (auto const& entry : entries) {
+        list = list + Bytes{entry.tag, 0, entry.rights, 0} + entry.id;
+    }
+    return list;
+}
+
+class OutputFiles : public Tool {
+protected:
+    bool SetList(std::string const& name, char const* attribute) {
+        Bytes const list = List();
+        return setxattr(PathOf(name).c_str(), attribute, list.data(), list.size(), 0) == 0;
+    }
+
+    // Writes "out" in a process of its own, as that user, and calls `halfway` before the file is complete.
+    // Returns: what waitpid says of it; status 91 if the file was open to more users when it was made than in the end.
+    int WriteOut(
+        uid_t user, std::vector<std::string> const& inputs, std::function<void()> const& halfway = [] {}) {
+        pid_t const child = fork();
+        if (child == 0) {
+            umask(022);
+            if (user != geteuid() && (setgroups(0, nullptr) != 0 || setgid(user) != 0 || setuid(user) != 0)) {
+                _exit(90);
+            }
+            crrecord::tool::OutputFile file(PathOf("out"), inputs);
+            file.Write("new", 3);
+            file.Text().Flush();
+            halfway();
+            file.Commit();
+            struct stat made {};
+            _exit(stat(PathOf("out").c_str(), &made) == 0 && (madeWith & ~made.st_mode) == 0 ? 0 : 91);
+        }
+        int ended = 0;
+        waitpid(child, &ended, 0);
+        return ended;
+    }
+
+    // Mode and owner of "out" with its new content, and whether it has a list.
+    std::string Facts() {
+        struct stat facts {};
+        if (stat(PathOf("out").c_str(), &facts) != 0 || String("out") != "new") {
+            return "not written";
+        }
+        bool const list = getxattr(PathOf("out").c_str(), "system.posix_acl_access", nullptr, 0) > 0;
+        return fmt::format("{:o} {}:{}{}", facts.st_mode & 07777, facts.st_uid, facts.st_gid, list ? " list" : "");
+    }
+};
+
+// Set-user-id, set-group-id and sticky bits go, and rights of group and others if the owner cannot stay the same.
+TEST_F(OutputFiles, KeepAFormerFilesOwnerAndMode) {
+    struct {
+        mode_t mode;
+        uid_t owner, writer;
+        std::string expected;
+    } const rows[] = {
+        {0640, 0, 0, "640 0:0"},
+        {07755, 0, 0, "755 0:0"},
+        {0604, kSomebody, 0, "604 65533:65533"},
+        {06755, kSomebody, 0, "755 65533:65533"},
+        {0400, kSomebody, 0, "400 65533:65533"},
+        {0664, kSomebody, kOther, "600 65534:65534"},
+        {06777, kSomebody, kOther, "700 65534:65534"},
+        {0664, kOther, kOther, "664 65534:65534"},
+    };
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can write files as two users";
+    }
+    ASSERT_EQ(chmod(PathOf("").c_str(), 0777), 0);
+    for (auto const& row : rows) {
+        for (bool const named : {false, true}) {
+            refuseUnnamed = named;
+            SCOPED_TRACE(fmt::format("{:o} {} {} {}", row.mode, row.owner, row.writer, named));
+            std::filesystem::remove(PathOf("out"));
+            Write("out", Text("former"));
+            ASSERT_EQ(chown(PathOf("out").c_str(), row.owner, row.owner), 0);
+            ASSERT_EQ(chmod(PathOf("out").c_str(), row.mode), 0);
+            EXPECT_EQ(WriteOut(row.writer, {}), 0);
+            EXPECT_EQ(Facts(), row.expected);
+            EXPECT_EQ(Files(), "out ");
+        }
+    }
+}
+
+// Who cannot read an input cannot read a new file with its content.
+TEST_F(OutputFiles, AreAsPrivateAsTheirInputs) {
+    std::string const owner = fmt::format(" {}:{}", geteuid(), getegid());
+    Write("secret", {});
+    Write("ours", {});
+    Write("public", {});
+    chmod(PathOf("secret").c_str(), 0600);
+    chmod(PathOf("ours").c_str(), 0640);
+    chmod(PathOf("public").c_str(), 0444);
+    std::pair<std::vector<std::string>, std::string> const rows[] = {
+        {{}, "644"}, {{"public"}, "644"}, {{"ours", "public"}, "640"}, {{"public", "ours", "secret"}, "600"}};
+    for (auto const& [names, expected] : rows) {
+        for (bool const named : {false, true}) {
+            refuseUnnamed = named;
+            std::filesystem::remove(PathOf("out"));
+            std::vector<std::string> inputs{"/dev/null", PathOf("none")};
+            for (std::string const& name : names) {
+                inputs.push_back(PathOf(name));
+            }
+            EXPECT_EQ(WriteOut(geteuid(), inputs), 0);
+            EXPECT_EQ(Facts(), expected + owner);
+        }
+    }
+    Write("data", Text("data"));
+    chmod(PathOf("data").c_str(), 0600);
+    for (std::string const line :
+         {"build data -o made", "build - -o made <data", "segments build data -o made",
+          "convert made --to host -o made2; mv made2 made", "redact made -o made2; mv made2 made",
+          "refs made --add task:1 -o made2", "map made -o made2"}) {
+        ASSERT_EQ(Run(line + "; chmod 600 made; stat -c %a made*; rm -f made2"), 0) << err;
+        EXPECT_EQ(out.find("644"), out.npos) << line;
+    }
+}
+
+TEST_F(OutputFiles, AccessControlListsWidenNothing) {
+    std::string const owner = fmt::format(" {}:{}", geteuid(), getegid());
+    Write("out", Text("former"));
+    Write("in", {});
+    if (!SetList("out", "system.posix_acl_access") || !SetList("in", "system.posix_acl_access")) {
+        GTEST_SKIP() << "the file system has no access control lists";
+    }
+    EXPECT_EQ(WriteOut(geteuid(), {}), 0); // the mode's group was the list's mask
+    EXPECT_EQ(Facts(), "600" + owner);
+    std::filesystem::remove(PathOf("out"));
+    EXPECT_EQ(WriteOut(geteuid(), {PathOf("in")}), 0);
+    EXPECT_EQ(Facts(), "600" + owner);
+    chmod(PathOf("out").c_str(), 0640);
+    ASSERT_TRUE(SetList("", "system.posix_acl_default")); // which every new file gets
+    for (bool const named : {false, true}) {
+        refuseUnnamed = named;
+        EXPECT_EQ(WriteOut(geteuid(), {}), 0);
+        EXPECT_EQ(Facts(), "640" + owner);
+    }
+}
+
+// A signal leaves the former file and nothing else; where files need no name while they are written, SIGKILL does, too.
+TEST_F(OutputFiles, AnInterruptedProcessLeavesNothing) {
+    int const unnamed = __real_open(PathOf("").c_str(), O_TMPFILE | O_WRONLY, 0600);
+    for (bool const named : {false, true}) {
+        refuseUnnamed = named;
+        for (int const signal : {SIGHUP, SIGINT, SIGTERM, SIGPIPE, SIGXCPU, SIGKILL}) {
+            if (signal == SIGKILL && (named || unnamed == -1)) {
+                continue;
+            }
+            Write("out", Text("former"));
+            int const ended = WriteOut(geteuid(), {}, [signal] { raise(signal); });
+            EXPECT_TRUE(WIFSIGNALED(ended) && WTERMSIG(ended) == signal) << ended;
+            EXPECT_EQ(String("out") + Files(), "formerout ") << signal << named;
+        }
+    }
+    close(unnamed);
+}
+
+} // namespace
