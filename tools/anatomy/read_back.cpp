@@ -8,6 +8,7 @@
 #include <cstring>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -54,31 +55,34 @@ private:
     // The next line without its end; none at the end of the text. The line is valid until the next call.
     std::optional<std::string_view> NextLine() {
         ++number_;
-        std::size_t end = rest_.find('\n');
-        if (end == std::string_view::npos) {
+        std::string_view rest = Rest();
+        if (rest.find('\n') == std::string_view::npos) {
             Fill();
-            end = rest_.find('\n');
+            rest = Rest();
         }
-        if (end == std::string_view::npos && rest_.empty()) {
+        std::size_t const end = rest.find('\n');
+        if (end == std::string_view::npos && rest.empty()) {
             return std::nullopt;
         }
-        if (end == std::string_view::npos && rest_.size() == block_.size()) {
+        if (end == std::string_view::npos && rest.size() == block_.size()) {
             throw InputFailure(fmt::format("{}: line {} has more than {} bytes", text_.Name(), number_, kLongestLine));
         }
-        std::string_view const line = rest_.substr(0, end);
-        rest_.remove_prefix(std::min(line.size() + 1, rest_.size()));
+        std::string_view const line = rest.substr(0, end);
+        begin_ += std::min(line.size() + 1, rest.size());
         return line;
     }
 
+    // What was read and is not yet used.
+    std::string_view Rest() const { return {reinterpret_cast<char const*>(block_.data()) + begin_, end_ - begin_}; }
+
     // Moves the rest to the start of the block and reads until the block is full or the text ends.
     void Fill() {
-        std::memmove(block_.data(), rest_.data(), rest_.size());
-        std::size_t size = rest_.size();
-        while (std::size_t const count = text_.Read(std::span(block_).subspan(size))) {
-            size += count;
+        std::memmove(block_.data(), block_.data() + begin_, end_ - begin_);
+        end_ -= std::exchange(begin_, 0);
+        while (std::size_t const count = text_.Read(std::span(block_).subspan(end_))) {
+            end_ += count;
             progress_.At(read_ += count);
         }
-        rest_ = {reinterpret_cast<char const*>(block_.data()), size};
     }
 
     // What is behind the offset.
@@ -126,7 +130,8 @@ private:
     OutputFile& to_;
     Progress progress_;
     std::vector<unsigned char> block_ = std::vector<unsigned char>(kLongestLine + 1);
-    std::string_view rest_ = {reinterpret_cast<char const*>(block_.data()), 0}; // read and not yet used
+    std::size_t begin_ = 0; // of the rest in the block
+    std::size_t end_ = 0;
     std::uint64_t read_ = 0;
     std::uint64_t number_ = 0; // of the line
     std::uint64_t at_ = 0;
