@@ -98,12 +98,23 @@ py::object SegmentOf(DOSegment const& segment, DOSegmentSource const& source) {
     return py::reinterpret_steal<py::object>(made);
 }
 
+// Everything comes from the validated header that the view keeps: the bytes may change while Python uses them.
 View::View(Slice bytes, bool subDO)
-    : bytes_(std::move(bytes)), fields_(Validated(bytes_, subDO)), segments_(DOSegmentSource::Of(fields_.GetHeader())),
-      unique_(DOUniqueDCIDSource::Of(fields_.GetHeader())),
-      taskIds_(DORecordHeaderIndexOfTaskId(fields_.GetHeader(), 0)),
-      dsids_(DORecordHeaderIndexOfDataSelection(fields_.GetHeader(), 0)),
-      references_(DORecordHeaderStartTRefs(fields_.GetHeader())), bloom_(fields_.GetBloom()) {}
+    : bytes_(std::move(bytes)), fields_(Validated(bytes_, subDO)), segments_(fields_.Segments().GetSource()),
+      unique_(fields_.UniqueDCIDs().GetSource()), bloom_(fields_.GetBloom()) {
+    RecordLayout const layout({.ntaskid = fields_.GetLegacyTaskIDs(),
+                               .nfp = fields_.GetNfp(),
+                               .nudcid = fields_.GetNudcid(),
+                               .nds = fields_.GetLegacyDSIDs(),
+                               .trefssize = fields_.GetTRefsSize(),
+                               .bsize = fields_.GetBSize(),
+                               .fptype = fields_.GetFPType(),
+                               .dotype = fields_.GetDOType()});
+    unsigned char const* const record = crrecord::BytesOf(fields_.GetHeader());
+    taskIds_ = record + layout.taskIds;
+    dsids_ = record + layout.dsids;
+    references_ = record + layout.trefs;
+}
 
 Array View::entriesOf(std::vector<Field> fields) const {
     return Array(bytes_.owner, segments_.entries, segments_.count, segments_.stride, std::move(fields));

@@ -79,6 +79,8 @@ public:
     bool empty() const noexcept { return source_.count == 0; }
     // Element `i`, which is below size().
     value_type operator[](unsigned int i) const noexcept { return source_.Read(i); }
+    // Where the range reads from.
+    Source const& GetSource() const noexcept { return source_; }
 
 private:
     Source source_;
