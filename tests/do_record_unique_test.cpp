@@ -180,6 +180,7 @@ TEST(DORecordUnique, AppendBloomMergesAndTurnsTheLengthWordEachTime) {
         EXPECT_EQ(record->AppendBloom(sizes), CR_STATUS_OK);
         EXPECT_TRUE(sizes == (Sizes{{1, 1}}) && Buffer(*record) == before);
     }
+    EXPECT_STREQ(zebLogLastMessageA(), "AppendBloom: invalid record size for DO");
 }
 
 TEST(DORecordUnique, ReceivedListIsTurnedInItsPlace) {

@@ -207,7 +207,7 @@ TEST(TRefHandle, ForkedChildrenMakeHandlesAndLog) {
         for (int child = 0, status = 0; child < 100 && status == 0; ++child) {
             pid_t const id = ::fork();
             if (id == 0) {
-                ::alarm(1);
+                ::alarm(30);
                 Make(6, 2);
                 ErrorA(CR_STATUS_INVALID, "line of a child");
                 ::_exit(0);

@@ -11,9 +11,9 @@
 // may also throw std::bad_alloc. Operations that return cr_status_t return their failures. An operation that walks
 // sections of the buffer first checks that they are inside it. They are not if an unchecked setter, or a write through
 // GetHeader, made header and buffer disagree. Then the operation changes nothing and throws or returns
-// CR_STATUS_INVALID, thrown with the text "invalid record size for DO". A record has at most 4 GiB - 1 bytes; an
-// operation that would exceed them fails the same way. After any other failure, too, the record is unchanged unless "On
-// failure" is stated.
+// CR_STATUS_INVALID, thrown with the text "invalid record size for DO", unless stated otherwise. A record has at most 4
+// GiB - 1 bytes; an operation that would exceed them fails the same way. After any other failure, too, the record is
+// unchanged unless "On failure" is stated.
 //
 // Indexes: accessors that take an index expect one below GetNfp(), or GetNudcid(); debug builds assert it. They never
 // leave the buffer. For an element that is not inside it, as after SetFPType to another width, getters return zeros, or
@@ -50,7 +50,8 @@ enum class Order;
 typedef std::map<unsigned long, unsigned long> cr_dcid_size_map_t;
 
 // Returns 0 if the task is inactive, any other value if it is active. `context` is the caller's. The callback must not
-// change or destroy the record that calls it; debug builds assert that it adds and removes no task ids.
+// change or destroy the record that calls it; debug builds assert that it adds and removes no task ids. An exception
+// that it throws is passed on: tasks removed before it stay removed, and mtime is unchanged.
 typedef int (*cr_task_callback_t)(unsigned long taskId, void* context);
 
 class CRRECORD_API DORecord {
@@ -241,7 +242,7 @@ public:
     // unique list (docs/format.md). Different content may have equal digests: the digest covers neither GetSize() (a
     // hole at the object's end) nor, for a single segment, its offset (a hole at the start). The fingerprint of a
     // single segment may be the digest of other segments. A key for content needs fingerprint type, DO type, GetSize(),
-    // GetNfp() and the first offset, too.
+    // GetNfp() and the first offset, too. That of a bloom record identifies no content.
     // Returns: the digest, which the caller releases with CRTDigestDelete; null for CR_DO_TYPE_ORIGINAL with a number
     // of segments other than one.
     // Throws: CR_STATUS_INVALID in network order; the status of the fingerprint functions; CR_STATUS_NO_MEMORY.
@@ -318,10 +319,9 @@ public:
     // Merges the list of a received bloom record into `sizes`, replacing existing values, and byte-swaps its length
     // word at every call. The list must be big-endian, as received: of a list in host order it merges byte-swapped
     // entries.
-    // Returns: CR_STATUS_OK, always: also if it merges nothing and changes nothing, for another DO type or if the list
-    // is not inside the buffer.
-    // Throws: std::bad_alloc.
-    // On failure: `sizes` has part of the entries, and the length word is byte-swapped.
+    // Returns: CR_STATUS_OK, always: also if it merges nothing and changes nothing, for another DO type or, logged, if
+    // the list is not inside the buffer. Throws: std::bad_alloc. On failure: `sizes` has part of the entries, and the
+    // length word is byte-swapped.
     cr_status_t AppendBloom(cr_dcid_size_map_t& sizes);
     // Replaces the contents of `sizes` by the list and the record's own container, to which it adds GetDOSize().
     // Returns: CR_STATUS_OK; CR_STATUS_CORRUPT_RECORD for a record without a list, logged, or if the list is not inside
@@ -406,7 +406,7 @@ public:
     // If `callback` calls the task active: drops the inactive ones as RemoveInactiveTaskIDs does and adds the task.
     // Returns: 0 or 1 as AddTRef; CR_STATUS_INVALID, with nothing changed, for an inactive task or a null callback.
     // Throws: as AddTRef.
-    // On failure: the inactive ones are dropped.
+    // On failure: inactive ones may be dropped.
     int AddTaskID(unsigned long taskId, cr_task_callback_t callback, void* context);
     // Removes every task id that `callback` calls inactive, and touches the record in any case.
     // Returns: the number removed.
@@ -426,8 +426,9 @@ public:
     // Precondition: a record in host order.
     // Throws: CR_STATUS_INVALID for legacy arrays in a borrowed buffer; CR_STATUS_NOT_SUPPORTED for legacy arrays
     // together with typed references; as AddSerializedTRefs; std::bad_alloc.
-    // On failure: unchanged, but after CR_STATUS_CORRUPT_RECORD the references before the first that failed are loaded,
-    // and if the references would exceed 4 GiB - 1, those converted before are in the sets.
+    // On failure: unchanged, but after CR_STATUS_CORRUPT_RECORD the references before the first that failed are loaded
+    // and the section ends after them, and if the references would exceed 4 GiB - 1, those converted before are in the
+    // sets.
     void convertToTRefs();
 
 protected:

@@ -146,7 +146,7 @@ inline constexpr unsigned int CR_DO_SUB_DO = 4;
 // record, with exactly one trace line, "Invalid DO record: ...", if tracing is on.
 CRRECORD_API cr_status_t DORecordHeaderValidate(void const* buffer, unsigned int size, unsigned int options);
 
-// Makes the same checks to the end and reports every error, in the order of validation, to `callback`; for a record
+// Makes the same checks to the end and reports the errors, in the order of validation, to `callback`; for a record
 // without errors it then reports the notes. `callback` may be null. A record without errors and notes is canonical:
 // equal content has equal bytes. Allocates nothing.
 // Returns: as DORecordHeaderValidate. Notes do not change the result.
@@ -175,7 +175,7 @@ CRRECORD_API cr_status_t DORecordHeaderDeserialize(DORecordHeader** header, unsi
 inline constexpr unsigned int CR_DO_FORM_CHECKSUM = 1;
 
 // Validate the `size` bytes of an exchange form, which may be any bytes, and the rules of its segments, without
-// building the record. A valid form makes a record. DORecordSerializedDiagnose reports every error to `callback`, which
+// building the record. A valid form makes a record. DORecordSerializedDiagnose reports the errors to `callback`, which
 // may be null. Neither allocates.
 // Returns: CR_STATUS_OK; CR_STATUS_CORRUPT_RECORD, from DORecordSerializedValidate with one trace line, "Invalid
 // serialized DO: ...", if tracing is on; CR_STATUS_INVALID for null, an unknown DO type or fingerprint type, or other

@@ -86,7 +86,7 @@ inline constexpr unsigned int CR_SO_NO_TASKIDS = 2;
 // record, with exactly one trace line, "Invalid SO record: ...", if tracing is on.
 CRRECORD_API cr_status_t SegmentRecordValidate(_SegmentDBRecord const* record, unsigned int size, unsigned int options);
 
-// Makes the same checks to the end and reports every error, in the order of validation, to `callback`; for a record
+// Makes the same checks to the end and reports the errors, in the order of validation, to `callback`; for a record
 // without errors it then reports the notes. `callback` may be null. A record without errors and notes is canonical:
 // equal content has equal bytes. Allocates nothing.
 // Returns: as SegmentRecordValidate. Notes do not change the result.

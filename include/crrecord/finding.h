@@ -1,7 +1,8 @@
 // Findings: what a diagnosing pass (DORecordDiagnose, DORecordSerializedDiagnose, SegmentRecordDiagnose) reports of a
 // buffer. docs/findings.md has a page for each.
 //
-// A pass reports all errors in a fixed order. It reports notes only for a buffer without errors.
+// A pass reports errors in a fixed order: all but those that an earlier error hides (docs/findings.md). It reports
+// notes only for a buffer without errors.
 
 #pragma once
 

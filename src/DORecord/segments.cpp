@@ -156,11 +156,11 @@ void DORecord::checkSegmentList() const {
 }
 
 void DORecord::checkSegmentSizeEndiannes() const {
-    RecordLayout const layout = checkedLayout(&RecordLayout::dcids);
+    RecordLayout const layout = changeableLayoutUpTo(&RecordLayout::dcids);
     ThrowIfFaulty(CheckSegmentSizes(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
 }
 
 void DORecord::checkSegmentOffsetEndiannes() const {
-    RecordLayout const layout = checkedLayout(&RecordLayout::dcids);
+    RecordLayout const layout = changeableLayoutUpTo(&RecordLayout::dcids);
     ThrowIfFaulty(CheckSegmentOffsets(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
 }

@@ -17,6 +17,7 @@ using namespace crrecord;
 namespace {
 
 constexpr char kAppend[] = "AppendBloomAndUniqueDCIDList";
+constexpr char kMerge[] = "AppendBloom";
 constexpr char kGetSizes[] = "GetUDCIDSizeList";
 
 using Entries = std::vector<UniqueEntry>;
@@ -169,7 +170,11 @@ void DORecord::writeUniqueList(crrecord::UniqueEntry const* entries, unsigned in
 
 cr_status_t DORecord::AppendBloom(cr_dcid_size_map_t& sizes) {
     RecordLayout const layout = LayoutOf(header);
-    if (!IsBloom(GetDOType()) || !reaches(layout, &RecordLayout::taskIds) || !orderMatchesHeader()) {
+    if (!IsBloom(GetDOType())) {
+        return CR_STATUS_OK;
+    }
+    if (!reaches(layout, &RecordLayout::taskIds) || !orderMatchesHeader()) {
+        ErrorA(CR_STATUS_INVALID, "%s: %s", kMerge, kInvalidRecordSize);
         return CR_STATUS_OK;
     }
     // Every call turns the word, so that every other call finds it as it was.

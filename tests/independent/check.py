@@ -186,7 +186,9 @@ def digest(record):
 
 def key(record):
     value, offset = digest(record), record["entries"][0][2] if record.get("entries") else 0
-    return value and "-".join(map(str, (value, *(record[n] for n in ("fptype", "dotype", "size", "nfp")), offset)))
+    if not value or record["dotype"] == 4:
+        return None
+    return "-".join(map(str, (value, *(record[n] for n in ("fptype", "dotype", "size", "nfp")), offset)))
 
 
 def line(record):

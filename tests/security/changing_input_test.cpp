@@ -242,10 +242,11 @@ TEST_F(ChangingInput, IsReportedAsChanged) {
     while (all.size() < 2'000'000) {
         all.insert(all.end(), record.begin(), record.end());
     }
+    ASSERT_EQ(Shell("head -c 1900000 /dev/zero >zeros; $T build zeros -o zeros.do --segment-size 100"), 0) << err;
     for (std::string const change : {"truncate -s 1000000 in", "truncate -s 999 in", "echo >>in", "touch in",
                                      "printf x | dd of=in bs=1 seek=1999999 conv=notrunc status=none"}) {
         for (std::string const verb : {"convert --to network -o - in", "show in", "show --json - <in", "redact -o - in",
-                                       "annotate in", "show --json --records :9000 in"}) {
+                                       "annotate in", "show --json --records :9000 in", "verify zeros.do in"}) {
             Write("in", all);
             Shell("touch -d '1 hour ago' in; { $T " + verb + "; echo $? >.status; } | { head -c 1 >.first; " + change +
                   "; cat >.rest; }");

@@ -18,13 +18,17 @@ struct DigestOptions {
 
 struct ObjectDigest {
     std::string digest;
-    std::string key;
+    std::optional<std::string> key;
 };
 
 // Equal keys mean equal content, equal digests do not: the digest covers neither the object's size nor, for a single
 // segment, its offset. The number of segments separates the fingerprint of a single segment from a hash over many.
+// Bloom records have no key: their digest covers containers and bytes, not the content.
 // Users store keys: the form never changes.
-std::string KeyOf(DORecord const& record, std::string const& digest) {
+std::optional<std::string> KeyOf(DORecord const& record, std::string const& digest) {
+    if (IsBloom(record.GetDOType())) {
+        return std::nullopt;
+    }
     DOSegmentRange const segments = record.Segments();
     unsigned int const dotype = record.GetDOType();
     bool const hasOffset = DOTypeOf(dotype).offsetWidth != 0 && !segments.empty();
@@ -62,11 +66,11 @@ ExitCode DigestInput(RecordStream& stream, DigestOptions const& options, Output&
         if (options.json) {
             AppendJsonStart(out.Buffer(), quotedName, *record, valid);
             out.Print(R"(,"digest":{},"key":{})", object ? '"' + object->digest + '"' : "null",
-                      object ? '"' + object->key + '"' : "null");
+                      object && object->key ? '"' + *object->key + '"' : "null");
             AppendJsonFindings(out.Buffer(), findings);
             out.Write("}\n");
         } else if (valid) {
-            std::string const text = !object ? "-" : options.key ? object->key : object->digest;
+            std::string const text = !object ? "-" : options.key ? object->key.value_or("-") : object->digest;
             out.Print("{}  {}: record {}\n", text, Printable(stream.Name()), record->number);
         }
     }
@@ -84,14 +88,14 @@ void AddDigest(CLI::App& app, Action& chosen) {
     AddFormOptions(*verb, options->form);
     verb->footer(
         "Equal content cut alike has equal digests, whatever the byte order or form of the record, where validate\n"
-        "has no notes on it. Segment records, and records of DO type 0 with more than one segment, have none: -.\n\n"
+        "has no notes on it. Segment records, and records of DO type 0 unless they have one segment, have none: -.\n\n"
         "Different content may have equal digests: the digest does not cover the object's size nor, for a single\n"
         "segment, its offset, so a file with a hole added at its start or end keeps its digest. To store objects by\n"
         "content, use --key. The key is\n"
         "  DIGEST-FPTYPE-DOTYPE-SIZE-SEGMENTS-OFFSET\n"
         "with the size in bytes, the number of segments and the first segment's offset (0 for DO types without\n"
-        "offsets), in decimal.\n\n"
-        "Examples:\n  crrecord digest movie.do\n  crrecord digest --key movie.do");
+        "offsets), in decimal. Bloom records have none: their digest does not identify the content.\n\n"
+        "Example:\n  crrecord digest movie.do\n  crrecord digest --key movie.do");
     verb->callback([options, &chosen] {
         chosen = [options](Output& out) {
             return ForEachInput(options->files, options->form,

@@ -247,7 +247,9 @@ ExitCode Verify(VerifyOptions const& options, Output& out) {
         segments, record->GetDOType(), segments.size(),
         [&](auto index, auto position, DOSegment const& segment) { verifier.CheckSegment(index, position, segment); });
     verifier.CheckGap(record->GetSize());
-    return report.Close(segments.size(), record->GetSize(), verifier.Finish());
+    std::uint64_t const size = verifier.Finish();
+    input.ThrowIfChanged();
+    return report.Close(segments.size(), record->GetSize(), size);
 }
 
 } // namespace
