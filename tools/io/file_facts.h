@@ -21,9 +21,13 @@ bool IsSameFile(std::string const& input, std::string const& out);
 // access. A file with an access control list counts as readable by its owner only.
 mode_t ModeForContentOf(std::vector<std::string> const& inputs);
 
-// The mode of a file for the rights of user, group and others. With an access control list the group's bits of `facts`
-// are the list's mask, which says nothing of the group's own rights: only the owner's rights are left.
-mode_t PlainMode(struct stat const& facts, std::string const& name);
+// The mode of the open file `file`, whose facts are `facts`, for the rights of user, group and others. With an access
+// control list the group's bits of `facts` are the list's mask, which says nothing of the group's own rights: only the
+// owner's rights are left. So it is without /proc, if the file is open for its facts only.
+mode_t PlainMode(struct stat const& facts, int file);
+
+// A name of an open file, through /proc.
+std::string NameOf(int file);
 
 // The extended attribute that holds a file's access control list.
 inline constexpr char kAccessList[] = "system.posix_acl_access";
