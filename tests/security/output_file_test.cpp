@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/xattr.h>
 
 namespace {
@@ -162,11 +163,11 @@ TEST_F(OutputFiles, GiveNoFileTheAccessOfAnother) {
     ASSERT_EQ(chmod(PathOf("mine").c_str(), 0666), 0);
     ASSERT_EQ(chmod(PathOf("root/victim").c_str(), 0600), 0);
     ASSERT_EQ(chown(PathOf("").c_str(), kSomebody, kSomebody), 0);
-    std::string const out = PathOf("out");
+    std::string const link = PathOf("out");
     std::string const other = PathOf("other");
     std::jthread const exchange([&](std::stop_token const& stop) {
         while (!stop.stop_requested()) {
-            renameat2(AT_FDCWD, out.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE);
+            renameat2(AT_FDCWD, link.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE);
         }
     });
     auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
@@ -224,6 +225,22 @@ TEST_F(OutputFiles, AreAsPrivateAsTheirInputs) {
             EXPECT_EQ(Facts(), expected + owner);
         }
     }
+    // Rights of a group are for no other group, also if the folder gives the new file another one.
+    if (geteuid() == 0) {
+        std::filesystem::remove(PathOf("out"));
+        ASSERT_EQ(chown(PathOf("ours").c_str(), 0, kOther), 0);
+        EXPECT_EQ(WriteOut(0, {PathOf("ours")}), 0);
+        EXPECT_EQ(Facts(), "600 0:0");
+        std::filesystem::remove(PathOf("out"));
+        ASSERT_EQ(chown(PathOf("").c_str(), 0, kOther), 0);
+        ASSERT_EQ(chmod(PathOf("").c_str(), 02755), 0);
+        EXPECT_EQ(WriteOut(0, {PathOf("ours")}), 0);
+        EXPECT_EQ(Facts(), "640 0:65534");
+        std::filesystem::remove(PathOf("out"));
+        ASSERT_EQ(mknod(PathOf("disk").c_str(), S_IFBLK | 0600, makedev(7, 99)), 0);
+        EXPECT_EQ(WriteOut(0, {PathOf("disk")}), 0);
+        EXPECT_EQ(Facts(), "600 0:65534");
+    }
     Write("data", Text("data"));
     chmod(PathOf("data").c_str(), 0600);
     for (std::string const line :
@@ -252,6 +269,15 @@ TEST_F(OutputFiles, AccessControlListsWidenNothing) {
     for (bool const named : {false, true}) {
         refuseUnnamed = named;
         EXPECT_EQ(WriteOut(geteuid(), {}), 0);
+        EXPECT_EQ(Facts(), "640" + owner);
+    }
+    Write("ours", {});
+    ASSERT_TRUE(removexattr(PathOf("ours").c_str(), "system.posix_acl_access") == 0);
+    chmod(PathOf("ours").c_str(), 0640);
+    for (bool const named : {false, true}) {
+        refuseUnnamed = named;
+        std::filesystem::remove(PathOf("out"));
+        EXPECT_EQ(WriteOut(geteuid(), {PathOf("ours")}), 0);
         EXPECT_EQ(Facts(), "640" + owner);
     }
 }

@@ -1,5 +1,6 @@
 #include "io/file_facts.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include <fcntl.h>
@@ -21,20 +22,28 @@ bool IsSameFile(std::string const& input, std::string const& out) {
     return from && to && S_ISREG(from->st_mode) && from->st_dev == to->st_dev && from->st_ino == to->st_ino;
 }
 
-mode_t ModeForContentOf(std::vector<std::string> const& inputs) {
-    mode_t mode = 0666;
+mode_t Readers::ModeFor(gid_t group) const {
+    bool const same = std::all_of(groups.begin(), groups.end(), [group](gid_t other) { return other == group; });
+    return mode & (same ? 0666 : 0600);
+}
+
+Readers ReadersOf(std::vector<std::string> const& inputs) {
+    Readers readers;
     for (std::string const& input : inputs) {
         int const file = input == "-" ? ::dup(STDIN_FILENO) : ::open(input.c_str(), O_PATH | O_CLOEXEC);
         struct stat facts {};
-        if (file != -1 && ::fstat(file, &facts) == 0 && S_ISREG(facts.st_mode)) {
+        if (file != -1 && ::fstat(file, &facts) == 0 && (S_ISREG(facts.st_mode) || S_ISBLK(facts.st_mode))) {
             mode_t const readable = PlainMode(facts, file) & 0444;
-            mode &= 0600 | readable | readable >> 1;
+            readers.mode &= 0600 | readable | readable >> 1;
+            if (readable != 0444) {
+                readers.groups.push_back(facts.st_gid);
+            }
         }
         if (file != -1) {
             ::close(file);
         }
     }
-    return mode;
+    return readers;
 }
 
 mode_t PlainMode(struct stat const& facts, int file) {

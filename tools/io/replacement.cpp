@@ -75,7 +75,7 @@ Replacement::Replacement(std::string path, std::vector<std::string> const& input
     OpenFolder();
     former_ = ::openat(folder_, base_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
     if (former_ == -1 && errno == ENOENT) {
-        Create(ModeForContentOf(inputs));
+        CreateFor(ReadersOf(inputs));
         return;
     }
     struct stat former {};
@@ -140,6 +140,23 @@ bool Replacement::CreateUnnamed(mode_t mode) {
         ::close(std::exchange(file_, -1));
     }
     return file_ != -1;
+}
+
+// Where everybody may read the content the folder's default list holds, as for any new file. Otherwise the list could
+// let in who may not read it, and so could the group, which the folder may determine.
+void Replacement::CreateFor(Readers const& readers) {
+    if (readers.groups.empty()) {
+        Create(readers.mode);
+        return;
+    }
+    Create(0600);
+    struct stat made {};
+    if (RemoveList() && ::fstat(file_, &made) == 0) {
+        mode_t const umask = ::umask(077);
+        ::umask(umask);
+        // If this fails the mode stays narrower.
+        [[maybe_unused]] int const done = ::fchmod(file_, readers.ModeFor(made.st_gid) & ~umask);
+    }
 }
 
 // The owner first: the mode's rights are for the former file's owner and group.

@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include "io/file_facts.h"
+
 #include <string>
 #include <vector>
 
@@ -19,7 +21,7 @@ void RemoveUnfinishedOutput() noexcept;
 // and executing. Without the right to change the owner or group, or if the former file has an access control list, only
 // the owner's rights are kept. Set-user-id, set-group-id and sticky bits, the list itself and other extended attributes
 // are not kept. If there is no former file the mode is that of a new file whose content comes from `inputs`
-// (ModeForContentOf). At no time has the new file a wider mode than in the end.
+// (ReadersOf). At no time has the new file a wider mode than in the end.
 //
 // Names are resolved once: whoever moves files and links meanwhile gets no file with the access of another one.
 class Replacement {
@@ -51,6 +53,7 @@ private:
     void OpenFolder();
     void Create(mode_t mode);
     bool CreateUnnamed(mode_t mode);
+    void CreateFor(Readers const& readers);
     void CopyAccess(struct stat const& former) const;
     bool RemoveList() const;
     void Link();
