@@ -235,6 +235,15 @@ TEST_F(ChangingInput, IsUsedAsItWasValidated) {
     }
 }
 
+// The command's own output that is added to its input is not read.
+TEST_F(ChangingInput, EndsWhereItEndedWhenItWasOpened) {
+    for (std::string const line : {"annotate in >>in", "annotate - <in >>in", "show --json in >>in"}) {
+        Write("in", ManySegments(5000));
+        EXPECT_EQ(Shell("trap '' XFSZ; ulimit -f 65536; $T " + line), 2) << line;
+        EXPECT_NE(err.find(": file changed while it was read\n"), err.npos) << line << err;
+    }
+}
+
 // Whatever changes, before the end or before the command stops.
 TEST_F(ChangingInput, IsReportedAsChanged) {
     Bytes const record = Golden({true, 1});

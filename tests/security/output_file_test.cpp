@@ -3,14 +3,18 @@
 
 #include "tool/tool.h"
 
+#include "io/failure.h"
 #include "io/output.h"
 
 #include <csignal>
 #include <cstdarg>
+#include <cstdio>
+#include <thread>
 
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/xattr.h>
 
 namespace {
@@ -20,12 +24,12 @@ mode_t madeWith = 0;        // the mode of the file that was created last
 
 } // namespace
 
-// The linker gives the command's calls of open to this function.
-extern "C" int __real_open(char const* path, int flags, ...);
-extern "C" int __wrap_open(char const* path, int flags, ...) {
+// The linker gives the command's calls of openat to this function.
+extern "C" int __real_openat(int folder, char const* path, int flags, ...);
+extern "C" int __wrap_openat(int folder, char const* path, int flags, ...) {
     bool const unnamed = (flags & O_TMPFILE) == O_TMPFILE;
     if ((flags & O_CREAT) == 0 && !unnamed) {
-        return __real_open(path, flags);
+        return __real_openat(folder, path, flags);
     }
     std::va_list arguments;
     va_start(arguments, flags);
@@ -35,7 +39,7 @@ extern "C" int __wrap_open(char const* path, int flags, ...) {
         errno = EOPNOTSUPP;
         return -1;
     }
-    int const file = __real_open(path, flags, mode);
+    int const file = __real_openat(folder, path, flags, mode);
     struct stat facts {};
     madeWith = file != -1 && fstat(file, &facts) == 0 ? facts.st_mode & 07777 : madeWith;
     return file;
@@ -71,7 +75,8 @@ protected:
     }
 
     // Writes "out" in a process of its own, as that user, and calls `halfway` before the file is complete.
-    // Returns: what waitpid says of it; status 91 if the file was open to more users when it was made than in the end.
+    // Returns: what waitpid says of it; status 92 for a Failure, 91 if the file was open to more users when it was made
+    // than in the end.
     int WriteOut(
         uid_t user, std::vector<std::string> const& inputs, std::function<void()> const& halfway = [] {}) {
         pid_t const child = fork();
@@ -80,11 +85,15 @@ protected:
             if (user != geteuid() && (setgroups(0, nullptr) != 0 || setgid(user) != 0 || setuid(user) != 0)) {
                 _exit(90);
             }
-            crrecord::tool::OutputFile file(PathOf("out"), inputs);
-            file.Write("new", 3);
-            file.Text().Flush();
-            halfway();
-            file.Commit();
+            try {
+                crrecord::tool::OutputFile file(PathOf("out"), inputs);
+                file.Write("new", 3);
+                file.Text().Flush();
+                halfway();
+                file.Commit();
+            } catch (crrecord::tool::Failure const&) {
+                _exit(92);
+            }
             struct stat made {};
             _exit(stat(PathOf("out").c_str(), &made) == 0 && (madeWith & ~made.st_mode) == 0 ? 0 : 91);
         }
@@ -139,6 +148,60 @@ TEST_F(OutputFiles, KeepAFormerFilesOwnerAndMode) {
     }
 }
 
+// A user who exchanges two links meanwhile gets none of root's files: each file keeps its own owner and mode.
+TEST_F(OutputFiles, GiveNoFileTheAccessOfAnother) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can write files as two users";
+    }
+    refuseUnnamed = false;
+    std::filesystem::create_directory(PathOf("root"));
+    std::filesystem::create_symlink("mine", PathOf("out"));
+    std::filesystem::create_symlink("root/victim", PathOf("other"));
+    Write("mine", {});
+    Write("root/victim", {});
+    ASSERT_EQ(chown(PathOf("mine").c_str(), kSomebody, kSomebody), 0);
+    ASSERT_EQ(chmod(PathOf("mine").c_str(), 0666), 0);
+    ASSERT_EQ(chmod(PathOf("root/victim").c_str(), 0600), 0);
+    ASSERT_EQ(chown(PathOf("").c_str(), kSomebody, kSomebody), 0);
+    std::string const link = PathOf("out");
+    std::string const other = PathOf("other");
+    std::jthread const exchange([&](std::stop_token const& stop) {
+        while (!stop.stop_requested()) {
+            renameat2(AT_FDCWD, link.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE);
+        }
+    });
+    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    struct stat victim {};
+    while (std::chrono::steady_clock::now() < end && victim.st_uid == 0) {
+        WriteOut(0, {});
+        ASSERT_EQ(stat(PathOf("root/victim").c_str(), &victim), 0);
+        ASSERT_EQ(fmt::format("{:o} {}", victim.st_mode & 07777, victim.st_uid), "600 0");
+    }
+}
+
+// The former file's access is for its content: not for what has taken its place, and not for where a link leads later.
+TEST_F(OutputFiles, ReplaceWhatTheyFoundOrNothing) {
+    Write("out", Text("former"));
+    Write("later", Text("later"));
+    EXPECT_NE(WriteOut(geteuid(), {}, [this] { rename(PathOf("later").c_str(), PathOf("out").c_str()); }), 0);
+    EXPECT_EQ(String("out") + Files(), "laterout ");
+    std::filesystem::remove(PathOf("out"));
+    std::filesystem::create_symlink("nothing", PathOf("out"));
+    EXPECT_NE(WriteOut(geteuid(), {}), 0);
+    EXPECT_TRUE(std::filesystem::is_symlink(PathOf("out")));
+    EXPECT_EQ(Files(), "out ");
+    std::filesystem::create_directories(PathOf("folder/sub"));
+    Write("folder/sub/file", Text("former"));
+    std::filesystem::remove(PathOf("out"));
+    std::filesystem::create_symlink("folder/sub/file", PathOf("out"));
+    WriteOut(geteuid(), {}, [this] {
+        rename(PathOf("folder").c_str(), PathOf("moved").c_str());
+        std::filesystem::create_directories(PathOf("folder/sub"));
+        Write("folder/sub/file", Text("other"));
+    });
+    EXPECT_EQ(String("moved/sub/file") + String("folder/sub/file"), "newother");
+}
+
 // Who cannot read an input cannot read a new file with its content.
 TEST_F(OutputFiles, AreAsPrivateAsTheirInputs) {
     std::string const owner = fmt::format(" {}:{}", geteuid(), getegid());
@@ -161,6 +224,22 @@ TEST_F(OutputFiles, AreAsPrivateAsTheirInputs) {
             EXPECT_EQ(WriteOut(geteuid(), inputs), 0);
             EXPECT_EQ(Facts(), expected + owner);
         }
+    }
+    // Rights of a group are for no other group, also if the folder gives the new file another one.
+    if (geteuid() == 0) {
+        std::filesystem::remove(PathOf("out"));
+        ASSERT_EQ(chown(PathOf("ours").c_str(), 0, kOther), 0);
+        EXPECT_EQ(WriteOut(0, {PathOf("ours")}), 0);
+        EXPECT_EQ(Facts(), "600 0:0");
+        std::filesystem::remove(PathOf("out"));
+        ASSERT_EQ(chown(PathOf("").c_str(), 0, kOther), 0);
+        ASSERT_EQ(chmod(PathOf("").c_str(), 02755), 0);
+        EXPECT_EQ(WriteOut(0, {PathOf("ours")}), 0);
+        EXPECT_EQ(Facts(), "640 0:65534");
+        std::filesystem::remove(PathOf("out"));
+        ASSERT_EQ(mknod(PathOf("disk").c_str(), S_IFBLK | 0600, makedev(7, 99)), 0);
+        EXPECT_EQ(WriteOut(0, {PathOf("disk")}), 0);
+        EXPECT_EQ(Facts(), "600 0:65534");
     }
     Write("data", Text("data"));
     chmod(PathOf("data").c_str(), 0600);
@@ -192,11 +271,20 @@ TEST_F(OutputFiles, AccessControlListsWidenNothing) {
         EXPECT_EQ(WriteOut(geteuid(), {}), 0);
         EXPECT_EQ(Facts(), "640" + owner);
     }
+    Write("ours", {});
+    ASSERT_TRUE(removexattr(PathOf("ours").c_str(), "system.posix_acl_access") == 0);
+    chmod(PathOf("ours").c_str(), 0640);
+    for (bool const named : {false, true}) {
+        refuseUnnamed = named;
+        std::filesystem::remove(PathOf("out"));
+        EXPECT_EQ(WriteOut(geteuid(), {PathOf("ours")}), 0);
+        EXPECT_EQ(Facts(), "640" + owner);
+    }
 }
 
 // A signal leaves the former file and nothing else; where files need no name while they are written, SIGKILL does, too.
 TEST_F(OutputFiles, AnInterruptedProcessLeavesNothing) {
-    int const unnamed = __real_open(PathOf("").c_str(), O_TMPFILE | O_WRONLY, 0600);
+    int const unnamed = open(PathOf("").c_str(), O_TMPFILE | O_WRONLY, 0600);
     for (bool const named : {false, true}) {
         refuseUnnamed = named;
         for (int const signal : {SIGHUP, SIGINT, SIGTERM, SIGPIPE, SIGXCPU, SIGKILL}) {

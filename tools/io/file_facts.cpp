@@ -1,5 +1,10 @@
 #include "io/file_facts.h"
 
+#include <algorithm>
+#include <cerrno>
+
+#include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -17,22 +22,38 @@ bool IsSameFile(std::string const& input, std::string const& out) {
     return from && to && S_ISREG(from->st_mode) && from->st_dev == to->st_dev && from->st_ino == to->st_ino;
 }
 
-mode_t ModeForContentOf(std::vector<std::string> const& inputs) {
-    mode_t mode = 0666;
-    for (std::string const& input : inputs) {
-        auto const facts = FactsOf(input, STDIN_FILENO);
-        if (facts && S_ISREG(facts->st_mode)) {
-            mode_t const readable = PlainMode(*facts, input) & 0444;
-            mode &= 0600 | readable | readable >> 1;
-        }
-    }
-    return mode;
+mode_t Readers::ModeFor(gid_t group) const {
+    bool const same = std::all_of(groups.begin(), groups.end(), [group](gid_t other) { return other == group; });
+    return mode & (same ? 0666 : 0600);
 }
 
-mode_t PlainMode(struct stat const& facts, std::string const& name) {
-    ssize_t const size = name == "-" ? ::fgetxattr(STDIN_FILENO, kAccessList, nullptr, 0)
-                                     : ::getxattr(name.c_str(), kAccessList, nullptr, 0);
-    return facts.st_mode & (size > 0 ? 0700 : 0777);
+Readers ReadersOf(std::vector<std::string> const& inputs) {
+    Readers readers;
+    for (std::string const& input : inputs) {
+        int const file = input == "-" ? ::dup(STDIN_FILENO) : ::open(input.c_str(), O_PATH | O_CLOEXEC);
+        struct stat facts {};
+        if (file != -1 && ::fstat(file, &facts) == 0 && (S_ISREG(facts.st_mode) || S_ISBLK(facts.st_mode))) {
+            mode_t const readable = PlainMode(facts, file) & 0444;
+            readers.mode &= 0600 | readable | readable >> 1;
+            if (readable != 0444) {
+                readers.groups.push_back(facts.st_gid);
+            }
+        }
+        if (file != -1) {
+            ::close(file);
+        }
+    }
+    return readers;
+}
+
+mode_t PlainMode(struct stat const& facts, int file) {
+    bool const plain =
+        ::getxattr(NameOf(file).c_str(), kAccessList, nullptr, 0) == -1 && (errno == ENODATA || errno == EOPNOTSUPP);
+    return facts.st_mode & (plain ? 0777 : 0700);
+}
+
+std::string NameOf(int file) {
+    return fmt::format("/proc/self/fd/{}", file);
 }
 
 } // namespace crrecord::tool

@@ -25,6 +25,10 @@ Input::~Input() {
 }
 
 std::size_t Input::Read(std::span<unsigned char> room) {
+    // What is added meanwhile is not read: it may be this command's own output, and would never end.
+    if (off_t const here = ExpectedSize() != 0 ? ::lseek(file_, 0, SEEK_CUR) : -1; here != -1) {
+        room = room.first(std::min(room.size(), static_cast<std::size_t>(std::max<off_t>(facts_.st_size - here, 0))));
+    }
     ssize_t count = 0;
     do {
         count = ::read(file_, room.data(), room.size());

@@ -28,8 +28,9 @@ public:
     Input(Input const&) = delete;
     Input& operator=(Input const&) = delete;
 
-    // Reads what is there, at least one byte and at most `room`; 0 at the end.
-    // Throws: InputFailure; also at the end of a regular file whose size or time of change is not that of its opening.
+    // Reads what is there, at least one byte and at most `room`; 0 at the end. A regular file ends at the size that it
+    // had when it was opened, unless that was 0, which files of the kernel's own have.
+    // Throws: InputFailure; also at the end of a regular file that changed since it was opened (ThrowIfChanged).
     std::size_t Read(std::span<unsigned char> room);
 
     // Steps over the hole that begins here, if one does, up to `most` bytes of it. No data: the input ends there, or
@@ -39,7 +40,8 @@ public:
     std::string const& Name() const { return name_; }
     // Bytes of a regular file, 0 for anything else.
     std::uint64_t ExpectedSize() const;
-    // For who stops before the end. Throws: InputFailure if a regular file changed since it was opened.
+    // For who stops before the end. Throws: InputFailure if a regular file's size or time of modification is not that
+    // of its opening. A store through a shared mapping may not have moved the time yet.
     void ThrowIfChanged() const;
 
 private:

@@ -69,9 +69,15 @@ int OutputFile::Open(std::vector<std::string> const& inputs) {
     if (!former || S_ISREG(former->st_mode)) {
         return replacement_.emplace(path_, inputs).File();
     }
-    int const file = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
-    if (file == -1) {
+    int const file = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
+    struct stat facts {};
+    if (file == -1 || ::fstat(file, &facts) == -1) {
         throw Failure(ErrnoText(path_, "create"));
+    }
+    // Another program may have put a regular file there meanwhile, which is only ever replaced.
+    if (S_ISREG(facts.st_mode)) {
+        ::close(file);
+        throw Failure(path_ + ": was replaced by another program meanwhile");
     }
     return file;
 }

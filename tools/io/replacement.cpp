@@ -3,6 +3,7 @@
 #include "io/failure.h"
 #include "io/file_facts.h"
 
+#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <filesystem>
@@ -11,6 +12,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -23,8 +25,9 @@ namespace {
 constexpr int kEnders[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGTERM,   SIGPIPE, SIGALRM, SIGUSR1,
                            SIGUSR2, SIGXCPU, SIGPROF, SIGVTALRM, SIGPOLL, SIGPWR,  SIGSTKFLT};
 
-// The temporary file as the signal handler knows it; empty if there is none.
-char unfinished[PATH_MAX];
+// The temporary file as the signal handler knows it, in its folder; empty if there is none.
+char unfinished[NAME_MAX + 1];
+int unfinishedFolder = -1;
 
 extern "C" void RemoveUnfinished(int signal) {
     RemoveUnfinishedOutput();
@@ -52,39 +55,65 @@ private:
     sigset_t former_;
 };
 
-// A name for a file that has none.
-std::string PathOf(int file) {
-    return fmt::format("/proc/self/fd/{}", file);
+// A short name: the target's own name may be as long as names may be.
+std::string RandomName() {
+    std::random_device random;
+    return fmt::format(".crrecord-{:08x}{:08x}.tmp", random(), random());
 }
 
 } // namespace
 
 void RemoveUnfinishedOutput() noexcept {
     if (unfinished[0] != '\0') {
-        ::unlink(unfinished);
+        ::unlinkat(unfinishedFolder, unfinished, 0);
     }
 }
 
-Replacement::Replacement(std::string path, std::vector<std::string> const& inputs)
-    : path_(std::move(path)), target_(path_) {
-    auto const former = FactsOf(path_, -1);
-    if (former) {
-        target_ = std::filesystem::canonical(path_).string();
+Replacement::Replacement(std::string path) : path_(std::move(path)) {}
+
+Replacement::Replacement(std::string path, std::vector<std::string> const& inputs) : Replacement(std::move(path)) {
+    OpenFolder();
+    former_ = ::openat(folder_, base_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (former_ == -1 && errno == ENOENT) {
+        CreateFor(ReadersOf(inputs));
+        return;
     }
-    folder_ = std::filesystem::path(target_).parent_path().string();
-    Create(former ? former->st_mode & 0600 : ModeForContentOf(inputs));
-    if (former) {
-        CopyAccess(*former);
+    struct stat former {};
+    if (former_ == -1 || ::fstat(former_, &former) == -1) {
+        throw Failure(ErrnoText(path_, "create"));
     }
+    if (!S_ISREG(former.st_mode)) {
+        throw Failure(path_ + (S_ISLNK(former.st_mode) ? ": is a symbolic link that leads to no file"
+                                                       : ": is not a regular file"));
+    }
+    Create(former.st_mode & 0600);
+    CopyAccess(former);
 }
 
 Replacement::~Replacement() {
     if (!temporary_.empty()) {
-        ::unlink(temporary_.c_str());
+        ::unlinkat(folder_, temporary_.c_str(), 0);
         unfinished[0] = '\0';
     }
-    if (file_ != -1) {
-        ::close(file_);
+    for (int const file : {file_, former_, folder_}) {
+        if (file != -1) {
+            ::close(file);
+        }
+    }
+}
+
+// By its name only this once. A link that leads nowhere has no resolved name: the caller finds the link itself.
+void Replacement::OpenFolder() {
+    std::error_code missing;
+    std::filesystem::path target = std::filesystem::canonical(path_, missing);
+    if (missing) {
+        target = path_;
+    }
+    std::string const folder = target.parent_path().string();
+    base_ = target.filename().string();
+    folder_ = ::open(folder.empty() ? "." : folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (folder_ == -1) {
+        throw Failure(ErrnoText(path_, "create"));
     }
 }
 
@@ -96,42 +125,58 @@ void Replacement::Create(mode_t mode) {
     std::string name;
     do {
         name = RandomName();
-        file_ = ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+        file_ = ::openat(folder_, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
     } while (file_ == -1 && errno == EEXIST);
     if (file_ == -1) {
         throw Failure(ErrnoText(path_, "create"));
     }
-    RemoveWhenInterrupted(name);
+    RemoveWhenInterrupted(std::move(name));
 }
 
 bool Replacement::CreateUnnamed(mode_t mode) {
-    file_ = ::open(folder_.empty() ? "." : folder_.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, mode);
+    file_ = ::openat(folder_, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode);
     // Without /proc it could not get a name later.
-    if (file_ != -1 && ::access(PathOf(file_).c_str(), F_OK) == -1) {
+    if (file_ != -1 && ::access(NameOf(file_).c_str(), F_OK) == -1) {
         ::close(std::exchange(file_, -1));
     }
     return file_ != -1;
 }
 
-// The owner first: the mode's rights are for the former file's owner and group. The new file may have got a list from
-// its folder, with entries that the mode would bring into force.
+// Where everybody may read the content the folder's default list holds, as for any new file. Otherwise the list could
+// let in who may not read it, and so could the group, which the folder may determine.
+void Replacement::CreateFor(Readers const& readers) {
+    if (readers.groups.empty()) {
+        Create(readers.mode);
+        return;
+    }
+    Create(0600);
+    struct stat made {};
+    if (RemoveList() && ::fstat(file_, &made) == 0) {
+        mode_t const umask = ::umask(077);
+        ::umask(umask);
+        // If this fails the mode stays narrower.
+        [[maybe_unused]] int const done = ::fchmod(file_, readers.ModeFor(made.st_gid) & ~umask);
+    }
+}
+
+// The owner first: the mode's rights are for the former file's owner and group.
 void Replacement::CopyAccess(struct stat const& former) const {
     bool const sameOwner = ::fchown(file_, former.st_uid, former.st_gid) == 0;
-    bool const noList = ::fremovexattr(file_, kAccessList) == 0 || errno == ENODATA || errno == EOPNOTSUPP;
-    mode_t const kept = sameOwner && noList ? 0777 : 0700;
+    mode_t const kept = RemoveList() && sameOwner ? 0777 : 0700;
     // If this fails the mode stays narrower than the former one.
-    [[maybe_unused]] int const done = ::fchmod(file_, PlainMode(former, path_) & kept);
+    [[maybe_unused]] int const done = ::fchmod(file_, PlainMode(former, former_) & kept);
 }
 
-// A short name beside the target: the target's own name may be as long as names may be.
-std::string Replacement::RandomName() const {
-    std::random_device random;
-    return (std::filesystem::path(folder_) / fmt::format(".crrecord-{:08x}{:08x}.tmp", random(), random())).string();
+// The new file may have got a list from its folder, with entries that a wider mode would bring into force.
+// Returns: false if it still has one.
+bool Replacement::RemoveList() const {
+    return ::fremovexattr(file_, kAccessList) == 0 || errno == ENODATA || errno == EOPNOTSUPP;
 }
 
-void Replacement::RemoveWhenInterrupted(std::string const& name) {
-    temporary_ = name;
+void Replacement::RemoveWhenInterrupted(std::string&& name) {
+    unfinishedFolder = folder_;
     unfinished[name.copy(unfinished, sizeof unfinished - 1)] = '\0';
+    temporary_ = std::move(name);
     for (int const signal : kEnders) {
         struct sigaction action {};
         if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_DFL) {
@@ -147,12 +192,12 @@ void Replacement::Link() {
     int result = 0;
     do {
         name = RandomName();
-        result = ::linkat(AT_FDCWD, PathOf(file_).c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW);
+        result = ::linkat(AT_FDCWD, NameOf(file_).c_str(), folder_, name.c_str(), AT_SYMLINK_FOLLOW);
     } while (result == -1 && errno == EEXIST);
     if (result == -1) {
         throw Failure(ErrnoText(path_, "replace"));
     }
-    RemoveWhenInterrupted(name);
+    RemoveWhenInterrupted(std::move(name));
 }
 
 void Replacement::Commit() {
@@ -165,7 +210,8 @@ void Replacement::Commit() {
     if (::close(std::exchange(file_, -1)) == -1) {
         throw Failure(ErrnoText(path_, "write"));
     }
-    if (::rename(temporary_.c_str(), target_.c_str()) == -1) {
+    ThrowIfReplaced();
+    if (::renameat(folder_, temporary_.c_str(), folder_, base_.c_str()) == -1) {
         throw Failure(ErrnoText(path_, "replace"));
     }
     unfinished[0] = '\0';
@@ -173,9 +219,20 @@ void Replacement::Commit() {
     SyncFolder();
 }
 
+// The new file has the former one's access, which must not become another file's.
+void Replacement::ThrowIfReplaced() const {
+    struct stat former {};
+    struct stat now {};
+    if (former_ != -1 &&
+        (::fstat(former_, &former) == -1 || ::fstatat(folder_, base_.c_str(), &now, AT_SYMLINK_NOFOLLOW) == -1 ||
+         now.st_dev != former.st_dev || now.st_ino != former.st_ino)) {
+        throw Failure(path_ + ": was replaced or removed by another program meanwhile");
+    }
+}
+
 // Some folders cannot be read, and some file systems cannot sync them: the file is complete anyway.
 void Replacement::SyncFolder() const {
-    int const folder = ::open(folder_.empty() ? "." : folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int const folder = ::openat(folder_, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder == -1) {
         return;
     }
