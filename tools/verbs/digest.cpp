@@ -91,7 +91,7 @@ void AddDigest(CLI::App& app, Action& chosen) {
         "  DIGEST-FPTYPE-DOTYPE-SIZE-SEGMENTS-OFFSET\n"
         "with the size in bytes, the number of segments and the first segment's offset (0 for DO types without\n"
         "offsets), in decimal.\n\n"
-        "Examples:\n  crrecord digest movie.do\n  crrecord digest --key movie.do");
+        "Example:\n  crrecord digest movie.do\n  crrecord digest --key movie.do");
     verb->callback([options, &chosen] {
         chosen = [options](Output& out) {
             return ForEachInput(options->files, options->form,
