@@ -32,9 +32,9 @@ TEST(HostileBytes, CountsThatWrapAreRefusedWithoutMemory) {
                      {0, [&] { DORecord::Wrap(b.data(), b.size(), b.size(), false); }},
                      {0, [&, type = dotype] { DORecord(type, 1, nullptr, 0, form.data(), form.size(), false); }}}) {
                 auto const outcome = fault::Run(
-                    [&] {
+                    [&call = take] {
                         try {
-                            return take(), CR_STATUS_OK;
+                            return call(), CR_STATUS_OK;
                         } catch (Cr_ErrnoException const& refusal) {
                             return refusal.GetStatus();
                         }
