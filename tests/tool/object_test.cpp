@@ -204,7 +204,7 @@ TEST_F(Tool, NamesDamageInAForm) {
 TEST_F(Tool, BuildsOrReportsWithoutMemory) {
     Write("in", Bytes(3'000'000, 'x'));
     for (std::string const verb : {"build", "segments build"}) {
-        Shell("for kib in $(seq 9000 250 34000); do "
+        Shell("for kib in $(seq 9000 500 34000); do "
               "(ulimit -v $kib; \"$T\" --version >&2) || continue; "
               "(ulimit -v $kib; \"$T\" " +
               verb + " in -o out >&2); echo $?; rm -f out; done | sort -u");
