@@ -237,7 +237,7 @@ private:
              "list of containers");
         Must(std::equal(segments_.begin(), segments_.end(), view.Segments().begin(), view.Segments().end(),
                         [&](Segment const& a, DOSegment const& b) {
-                            return std::count(b.fingerprint.bytes, b.fingerprint.bytes + width, a.mark) == width &&
+                            return std::count(b.fingerprint.data, b.fingerprint.data + width, a.mark) == width &&
                                    a.size == b.size && a.offset == b.offset && a.dcid == b.dcid;
                         }),
              "segments");

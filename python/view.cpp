@@ -90,7 +90,7 @@ py::object SegmentOf(DOSegment const& segment, DOSegmentSource const& source) {
         offset = py::int_(segment.offset);
     }
     auto const values = py::make_tuple(
-        py::make_tuple(BytesOf(segment.fingerprint.bytes, source.fingerprint), segment.size, offset, segment.dcid));
+        py::make_tuple(BytesOf(segment.fingerprint.data, source.fingerprint), segment.size, offset, segment.dcid));
     PyObject* const made = PyTuple_Type.tp_new(reinterpret_cast<PyTypeObject*>(type->ptr()), values.ptr(), nullptr);
     if (!made) {
         throw py::error_already_set();

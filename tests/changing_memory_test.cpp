@@ -124,7 +124,7 @@ void View(unsigned char const* record, unsigned long size) {
     DORecordView const view(record, size);
     unsigned long sum = 0;
     for (DOSegment const segment : view.Segments()) {
-        sum += segment.fingerprint.bytes[31] + segment.size + segment.offset + segment.dcid;
+        sum += segment.fingerprint.data[15] + segment.size + segment.offset + segment.dcid;
     }
     for (DOUniqueDCID const entry : view.UniqueDCIDs()) {
         sum += entry.dcid + entry.bytes;

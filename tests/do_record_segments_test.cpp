@@ -30,7 +30,9 @@ TEST(DORecordSegments, AccessorsAndRangeGiveTheValuesInEitherOrder) {
                 auto const seen = *segment;
                 Bytes padded = fingerprint;
                 padded.resize(32);
-                EXPECT_EQ(Bytes(seen.fingerprint.bytes, seen.fingerprint.bytes + 32), padded);
+                EXPECT_EQ(Bytes(seen.fingerprint.data, seen.fingerprint.data + seen.fingerprint.size), fingerprint);
+                crfp_digest_t const copy = seen.fingerprint.Copy();
+                EXPECT_EQ(Bytes(copy.bytes, copy.bytes + sizeof copy), padded);
                 EXPECT_EQ(seen.offset, values.dotype == 3 || values.dotype == 5 ? offset : kNone64);
                 EXPECT_TRUE(seen.size == size && record->Segments()[i].dcid == dcid);
             }

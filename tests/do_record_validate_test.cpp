@@ -186,10 +186,10 @@ void ExpectView(RecordValues const& values, Bytes const& bytes, bool network) {
     RecordValues seen{v.GetDOType(), v.GetFPType(), v.GetFlags(), v.GetCheckTime(), v.GetDCID(),
                       v.GetSize(),   v.GetSsize(),  v.GetCrc(),   v.GetCTime(),     v.GetMTime()};
     for (DOSegment const& segment : v.Segments()) {
-        unsigned char const* const from = segment.fingerprint.bytes;
+        auto const [from, width] = segment.fingerprint;
         EXPECT_EQ(segment.size, values.segments[seen.segments.size()].size);
         seen.segments.push_back(
-            {Bytes(from, from + FingerprintWidth(seen.fptype)), segment.size, segment.offset, segment.dcid});
+            {Bytes(from, from + width), segment.size, segment.offset, segment.dcid});
     }
     seen.bitmap.assign(v.GetBloom(), v.GetBloom() + v.GetBSize());
     for (DOUniqueDCID const& entry : v.UniqueDCIDs()) {

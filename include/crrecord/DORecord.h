@@ -41,9 +41,7 @@
 #include <string>
 
 namespace crrecord {
-struct RecordLayout;
-struct UniqueEntry;
-enum class Order;
+struct RecordInternals;
 } // namespace crrecord
 
 // Container id -> number of the object's bytes in that container.
@@ -58,7 +56,8 @@ class CRRECORD_API DORecord {
 public:
     typedef boost::intrusive_ptr<Cr_TRef> tref_ptr_t;
     typedef std::set<tref_ptr_t, Cr_TRefComparator> tref_set_t;
-    class tref_const_iterator_t;
+    class tref_const_iterator_t; // tref_iterator.h
+    class tref_range_t;
 
     // --- Construction ---------------------------------------------------------------------------------------------
 
@@ -328,6 +327,10 @@ public:
     // the buffer; CR_STATUS_NO_MEMORY, logged and stored in this thread's last status.
     // On failure: `sizes` is unchanged, but after CR_STATUS_NO_MEMORY it has part of the entries.
     cr_status_t GetUDCIDSizeList(cr_dcid_size_map_t& sizes) const;
+    // All entries of the list.
+    // Throws: CR_STATUS_INVALID.
+    // Lifetime: valid until the record changes, grows or is destroyed.
+    DOUniqueDCIDRange UniqueDCIDs() const;
     // The list's checksum word, and the container of its entry i. Conversions keep both, so they are not converted.
     unsigned char const* GetSegmentUDCIDList() const;
     unsigned long GetSegmentUDCID(unsigned int i) const;
@@ -380,9 +383,10 @@ public:
     // removed or the record is destroyed.
     tref_set_t::const_iterator GetTRefTypeBegin(cr_reftype_t kind) const;
     tref_set_t::const_iterator GetTRefTypeEnd(cr_reftype_t kind) const;
-    // All references except those of kind 0, by kind and then by id.
+    // All references except those of kind 0, by kind and then by id: for (tref_ptr_t const& r : record.References()).
     tref_const_iterator_t GetTRefBegin() const;
     tref_const_iterator_t GetTRefEnd() const;
+    tref_range_t References() const;
 
     // Bytes of the reference section by the header. setTRefsSize changes nothing else.
     unsigned int getTRefsSize() const;
@@ -451,69 +455,8 @@ protected:
     unsigned long spare; // 0
 
 private:
-    struct NewRecord;
-    // The end of a section, as a member of the layout.
-    typedef unsigned long crrecord::RecordLayout::*SectionEnd;
-
-    // The layout of a record whose bytes up to the end of a section are inside the buffer; throws if they are not. The
-    // second is for operations that change sizes or follow them.
-    CRRECORD_LOCAL crrecord::RecordLayout checkedLayout(SectionEnd end) const;
-    CRRECORD_LOCAL crrecord::RecordLayout changeableLayoutUpTo(SectionEnd end) const;
-    CRRECORD_LOCAL bool orderMatchesHeader() const noexcept;
-    CRRECORD_LOCAL bool reaches(crrecord::RecordLayout const& layout, SectionEnd end) const noexcept;
-    // `width` bytes at `offset`. If they are not inside the buffer: null, or a refusal.
-    CRRECORD_LOCAL unsigned char* element(unsigned long offset, unsigned int width) const noexcept;
-    CRRECORD_LOCAL unsigned char* writableElement(unsigned long offset, unsigned int width);
-
+    friend struct crrecord::RecordInternals;
     CRRECORD_LOCAL DORecord() noexcept;
-    CRRECORD_LOCAL void adopt(crrecord::Order order, unsigned int options);
-    CRRECORD_LOCAL void makeBlank() noexcept;
-    CRRECORD_LOCAL void allocate(unsigned long size, bool zeroed);
-    CRRECORD_LOCAL void writeHeader(NewRecord const& values) noexcept;
-    CRRECORD_LOCAL void finish(NewRecord const& values, unsigned char const* list);
-    CRRECORD_LOCAL void writeText(std::ostream& stream) const;
-    CRRECORD_LOCAL void writeBytes(std::ostream& stream) const;
-    CRRECORD_LOCAL void turn(bool toNetworkOrder, unsigned int options);
-    CRRECORD_LOCAL void clear(unsigned long from, unsigned long to) noexcept;
-    CRRECORD_LOCAL void growReferences(crrecord::RecordLayout const& layout, unsigned long by);
-    CRRECORD_LOCAL void shrinkReferences(unsigned long by);
-    CRRECORD_LOCAL void writeReferences(crrecord::RecordLayout const& layout) const noexcept;
-    CRRECORD_LOCAL void loadReferences(char const* bytes, unsigned long length, unsigned long& loaded);
-    CRRECORD_LOCAL cr_status_t checkReference(tref_ptr_t const& reference) const;
-    CRRECORD_LOCAL unsigned long deleteReference(tref_ptr_t const& reference);
-    CRRECORD_LOCAL unsigned long removeTaskIDs(cr_task_callback_t callback, void* context);
-    CRRECORD_LOCAL cr_status_t growForList(unsigned long entries) noexcept;
-    CRRECORD_LOCAL void writeUniqueList(crrecord::UniqueEntry const* entries, unsigned int count,
-                                        crrecord::RecordLayout const& layout) noexcept;
 };
 
-// Iterates over the references of a record kind by kind, without kind 0.
-//
-// Lifetime: valid until its reference is removed or the record is destroyed.
-class CRRECORD_API DORecord::tref_const_iterator_t {
-public:
-    using iterator_category = std::forward_iterator_tag;
-    using value_type = tref_ptr_t;
-    using difference_type = std::ptrdiff_t;
-    using pointer = tref_ptr_t const*;
-    using reference = tref_ptr_t const&;
-
-    // Of no record; may only be assigned and compared.
-    tref_const_iterator_t();
-    reference operator*() const { return *position_; }
-    pointer operator->() const { return &*position_; }
-    // At the end it does nothing.
-    tref_const_iterator_t& operator++();
-    tref_const_iterator_t operator++(int);
-    bool operator==(tref_const_iterator_t const& other) const;
-    bool operator!=(tref_const_iterator_t const& other) const { return !(*this == other); }
-
-private:
-    friend class DORecord;
-    tref_const_iterator_t(DORecord const* record, cr_reftype_t kind);
-    void skipEmptySets();
-
-    DORecord const* record_;
-    cr_reftype_t kind_;
-    tref_set_t::const_iterator position_;
-};
+#include <crrecord/tref_iterator.h>

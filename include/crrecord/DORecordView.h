@@ -5,61 +5,8 @@
 
 #pragma once
 
+#include <crrecord/references.h>
 #include <crrecord/segments.h>
-#include <crrecord/tref.h>
-
-// A typed reference of a record, by value.
-struct DOReference {
-    cr_reftype_t kind;
-    unsigned long id;
-};
-
-// The typed references of a record, in stored order, which a note may report as not ascending.
-//
-// Lifetime: valid while the buffer of the view is unchanged. Iterators may outlive the range itself.
-class DOReferenceRange {
-public:
-    // Decodes one reference after the other.
-    class iterator {
-    public:
-        using iterator_category = std::input_iterator_tag; // it yields values; all else is forward
-        using value_type = DOReference;
-        using difference_type = std::ptrdiff_t;
-        using pointer = void;
-        using reference = DOReference;
-
-        // The first may only be assigned to; the second takes the start of a reference and the end of the section.
-        iterator() noexcept : at_(nullptr), end_(nullptr) {}
-        iterator(unsigned char const* at, unsigned char const* end) noexcept : at_(at), end_(end) {}
-        // Precondition: not at the end. Kind and id are 0 for bytes that are no reference.
-        CRRECORD_API DOReference operator*() const noexcept;
-        // Goes to the end from bytes that are no reference.
-        CRRECORD_API iterator& operator++() noexcept;
-        iterator operator++(int) noexcept {
-            iterator const before = *this;
-            ++*this;
-            return before;
-        }
-        friend bool operator==(iterator const& a, iterator const& b) noexcept { return a.at_ == b.at_; }
-        friend bool operator!=(iterator const& a, iterator const& b) noexcept { return a.at_ != b.at_; }
-
-    private:
-        unsigned char const* at_;
-        unsigned char const* end_;
-    };
-    using const_iterator = iterator;
-    using value_type = DOReference;
-
-    // Precondition: the bytes are validated references.
-    DOReferenceRange(unsigned char const* from, unsigned char const* to) noexcept : from_(from), to_(to) {}
-    iterator begin() const noexcept { return {from_, to_}; }
-    iterator end() const noexcept { return {to_, to_}; }
-    bool empty() const noexcept { return from_ == to_; }
-
-private:
-    unsigned char const* from_;
-    unsigned char const* to_;
-};
 
 // A read-only view of a buffer that it does not own, in either order: a mapped file, a slice of a database, received
 // bytes. Its constructor validates the buffer, so everything that a view returns is inside the buffer. All numbers are
@@ -106,7 +53,7 @@ public:
     // CR_DO_TYPE_BLOOM_FILTER.
     CRRECORD_API unsigned char const* GetBloom() const noexcept;
 
-    // The segments, the unique DCID list and the typed references (segments.h).
+    // The segments, the unique DCID list (segments.h) and the typed references (references.h).
     CRRECORD_API DOSegmentRange Segments() const noexcept;
     CRRECORD_API DOUniqueDCIDRange UniqueDCIDs() const noexcept;
     CRRECORD_API DOReferenceRange References() const noexcept;

@@ -1,12 +1,17 @@
-// The range that gives the elements of a record one after the other or by index.
+// The range over the elements of a record.
 
 #pragma once
 
 #include <cstddef>
 #include <iterator>
 
+#if __cplusplus > 201703L
+#include <ranges>
+#endif
+
 // A view of `source.count` elements. Each is made by `source.Read(i)` when it is dereferenced, so it is a value and not
-// a reference into the record. Usable in a range-for and with the standard algorithms.
+// a reference into the record. Usable in a range-for and with the standard algorithms; in C++20 it is a random-access,
+// borrowed and sized view.
 //
 // Preconditions: an iterator is dereferenced below end(), and an index is below size(); neither is checked.
 // Lifetime: valid until the record changes, grows or is destroyed. Iterators may outlive the range itself.
@@ -20,6 +25,7 @@ public:
     class iterator {
     public:
         using iterator_category = std::input_iterator_tag; // it yields values; all else is random access
+        using iterator_concept = std::random_access_iterator_tag;
         using value_type = typename Source::value_type;
         using difference_type = std::ptrdiff_t;
         using pointer = void;
@@ -79,9 +85,16 @@ public:
     bool empty() const noexcept { return source_.count == 0; }
     // Element `i`, which is below size().
     value_type operator[](unsigned int i) const noexcept { return source_.Read(i); }
-    // Where the range reads from.
+    // What the range reads.
     Source const& GetSource() const noexcept { return source_; }
 
 private:
     Source source_;
 };
+
+#if __cplusplus > 201703L
+template <class Source>
+inline constexpr bool std::ranges::enable_view<cr_record_range<Source>> = true;
+template <class Source>
+inline constexpr bool std::ranges::enable_borrowed_range<cr_record_range<Source>> = true;
+#endif

@@ -1,19 +1,42 @@
 // Segments and unique DCID list of a DO record as ranges.
 //
-// DORecordView and DORecord::Segments make them. They read either order and give host values.
+// DORecordView and DORecord::Segments make them. They read either order and give host values. Reading is inline and
+// costs what reading the bytes by hand does.
 
 #pragma once
 
 #include <crrecord/DORecordHeader.h>
+#include <crrecord/byte_order.h>
 #include <crrecord/fingerprint.h>
 #include <crrecord/record_range.h>
 
+#include <cstdint>
+
+// A fingerprint in a record's buffer.
+//
+// Lifetime: that of the record's bytes.
+struct DOFingerprint {
+    unsigned char const* data;
+    unsigned int size; // in bytes: 16 or 32
+
+    // Returns: a copy whose second half is zero for 16-byte fingerprints.
+    crfp_digest_t Copy() const noexcept {
+        crfp_digest_t copy{};
+        std::memcpy(copy.bytes, data, size);
+        return copy;
+    }
+    friend bool operator==(DOFingerprint const& a, DOFingerprint const& b) noexcept {
+        return a.size == b.size && std::memcmp(a.data, b.data, a.size) == 0;
+    }
+    friend bool operator!=(DOFingerprint const& a, DOFingerprint const& b) noexcept { return !(a == b); }
+};
+
 // One segment, as host values.
 struct DOSegment {
-    crfp_digest_t fingerprint; // the second half is zero for 16-byte fingerprints
-    unsigned int size;         // in bytes, derived ones cut to 32 bits; 0xffffffff for DO types without sizes
-    unsigned long offset;      // in bytes, of DO types 3 and 5; 2^64 - 1 for the others
-    unsigned long dcid;        // the container that holds the segment
+    DOFingerprint fingerprint;
+    unsigned int size;    // in bytes, derived ones cut to 32 bits; 0xffffffff for DO types without sizes
+    unsigned long offset; // in bytes, of DO types 3 and 5; 2^64 - 1 for the others
+    unsigned long dcid;   // the container that holds the segment
 };
 
 // One entry of the unique DCID list, as host values on the kind of machine that built the record.
@@ -22,25 +45,52 @@ struct DOUniqueDCID {
     unsigned long bytes; // number of the object's bytes in that container
 };
 
-// What a range reads from: the place and form of the elements in a record. The members are not for callers.
+// What a range of segments reads: the place and form of the elements in a record. The members are not for callers.
 //
-// Preconditions: Of takes a record in either order whose counts are known to fit its buffer, as after validation; Read
-// takes an index below count.
+// Preconditions: Of takes a record in either order whose counts are known to fit its buffer, as after validation; the
+// other functions take an index below count.
 struct DOSegmentSource {
     typedef DOSegment value_type;
 
     CRRECORD_API static DOSegmentSource Of(DORecordHeader const* header) noexcept;
-    CRRECORD_API DOSegment Read(unsigned int i) const noexcept;
+
+    DOSegment Read(unsigned int i) const noexcept {
+        return order == crrecord::Order::Host ? ReadIn<crrecord::Order::Host>(i) : ReadIn<crrecord::Order::Network>(i);
+    }
+
+    unsigned char const* Entry(unsigned int i) const noexcept { return entries + std::uint64_t{i} * stride; }
+
+    // Size of segment i if entries store none: `ssize`, and the rest for the last segment; or 0xffffffff.
+    unsigned int DerivedSize(unsigned int i) const noexcept {
+        return derivesSizes ? static_cast<unsigned int>(i == count - 1 ? objectSize - i * ssize : ssize) : 0xffffffff;
+    }
 
     unsigned char const* entries;
     unsigned char const* dcids;
     unsigned long objectSize;
     unsigned long ssize;
     unsigned int count;
-    unsigned char stride;
-    unsigned char fingerprint;
-    unsigned char dotype;
-    bool networkOrder;
+    unsigned char stride;         // bytes of an entry
+    unsigned char fingerprint;    // bytes of a fingerprint, and position of the size in an entry
+    unsigned char offsetPosition; // position of the offset in an entry
+    unsigned char sizeWidth;      // bytes of a size: 0 or 4
+    unsigned char offsetWidth;    // bytes of an offset: 0, 4 or 8
+    bool derivesSizes;            // sizes follow from objectSize and ssize
+    crrecord::Order order;        // of sizes and offsets
+
+private:
+    template <crrecord::Order order>
+    DOSegment ReadIn(unsigned int i) const noexcept {
+        unsigned char const* const entry = Entry(i);
+        DOSegment segment{{entry, fingerprint}, 0, ~0ul, crrecord::Load<std::uint64_t>(dcids + std::uint64_t{i} * 8)};
+        segment.size = sizeWidth != 0 ? crrecord::Load<std::uint32_t>(entry + fingerprint, order) : DerivedSize(i);
+        if (offsetWidth == 8) {
+            segment.offset = crrecord::Load<std::uint64_t>(entry + offsetPosition, order);
+        } else if (offsetWidth == 4) {
+            segment.offset = crrecord::Load<std::uint32_t>(entry + offsetPosition, order);
+        }
+        return segment;
+    }
 };
 
 // As DOSegmentSource, for the entries of the unique DCID list.
@@ -48,9 +98,13 @@ struct DOUniqueDCIDSource {
     typedef DOUniqueDCID value_type;
 
     CRRECORD_API static DOUniqueDCIDSource Of(DORecordHeader const* header) noexcept;
-    CRRECORD_API DOUniqueDCID Read(unsigned int i) const noexcept;
 
-    unsigned char const* list;
+    DOUniqueDCID Read(unsigned int i) const noexcept {
+        unsigned char const* const entry = entries + std::uint64_t{i} * 16;
+        return {crrecord::Load<std::uint64_t>(entry), crrecord::Load<std::uint64_t>(entry + 8)};
+    }
+
+    unsigned char const* entries;
     unsigned int count;
 };
 

@@ -27,16 +27,16 @@ unsigned int SizeWith(DORecord const& record, unsigned int references) {
 
 } // namespace
 
-bool DORecord::reaches(RecordLayout const& layout, SectionEnd end) const noexcept {
-    return layout.*end <= bufferSize;
+bool RecordInternals::Reaches(DORecord const& record, RecordLayout const& layout, SectionEnd end) noexcept {
+    return layout.*end <= record.bufferSize;
 }
 
-RecordLayout DORecord::checkedLayout(SectionEnd end) const {
-    if (!header) {
+RecordLayout RecordInternals::CheckedLayout(DORecord const& record, SectionEnd end) {
+    if (!record.header) {
         Refuse(kInvalidRecordSize);
     }
-    RecordLayout const layout = LayoutOf(header);
-    if (!reaches(layout, end)) {
+    RecordLayout const layout = LayoutOf(record.header);
+    if (!Reaches(record, layout, end)) {
         Refuse(kInvalidRecordSize);
     }
     return layout;
@@ -44,13 +44,14 @@ RecordLayout DORecord::checkedLayout(SectionEnd end) const {
 
 // The layout goes by the order that the header shows, sizes are read by the order that the record claims. Where the two
 // are not one, as after a conversion of a converted record, a size means nothing and must not be changed or followed.
-bool DORecord::orderMatchesHeader() const noexcept {
-    return std::endian::native == std::endian::big || OrderOf(header) == (networkOrder ? Order::Network : Order::Host);
+bool RecordInternals::OrderMatchesHeader(DORecord const& record) noexcept {
+    return std::endian::native == std::endian::big ||
+           OrderOf(record.header) == (record.networkOrder ? Order::Network : Order::Host);
 }
 
-RecordLayout DORecord::changeableLayoutUpTo(SectionEnd end) const {
-    RecordLayout const layout = checkedLayout(end);
-    if (!orderMatchesHeader()) {
+RecordLayout RecordInternals::ChangeableLayout(DORecord const& record, SectionEnd end) {
+    RecordLayout const layout = CheckedLayout(record, end);
+    if (!OrderMatchesHeader(record)) {
         Refuse(kInvalidRecordSize);
     }
     return layout;
@@ -61,8 +62,8 @@ void DORecord::initReferenceSets() {
     unsigned int const size = SizeWith(*this, 0);
     setTRefsSize(0);
     setRecSize(size);
-    if (orderMatchesHeader()) {
-        clear(LayoutOf(header).tail, std::max(before, size));
+    if (RecordInternals::OrderMatchesHeader(*this)) {
+        RecordInternals::Clear(*this, LayoutOf(header).tail, std::max(before, size));
     }
 }
 
@@ -110,44 +111,44 @@ void DORecord::expand(unsigned int size) {
     header = static_cast<DORecordHeader*>(grown);
     bufferSize = capacity;
     // A raw record size may take these bytes into the record later; no heap garbage goes to a disk or a wire.
-    clear(before, capacity);
+    RecordInternals::Clear(*this, before, capacity);
 }
 
 // Zeroes a range of offsets as far as it lies in the buffer.
-void DORecord::clear(std::uint64_t from, std::uint64_t to) noexcept {
-    std::uint64_t const end = std::min<std::uint64_t>(to, bufferSize);
+void RecordInternals::Clear(DORecord& record, std::uint64_t from, std::uint64_t to) noexcept {
+    std::uint64_t const end = std::min<std::uint64_t>(to, record.bufferSize);
     if (from < end) {
-        std::memset(BytesOf(header) + from, 0, end - from);
+        std::memset(BytesOf(record.header) + from, 0, end - from);
     }
 }
 
 // Everything that can fail comes first. The tail is zero again where it stands now, also in a borrowed buffer.
-void DORecord::growReferences(RecordLayout const& layout, std::uint64_t by) {
-    std::uint64_t const references = getTRefsSize() + by;
-    std::uint64_t const size = getRecSize() + by;
+void RecordInternals::GrowReferences(DORecord& record, RecordLayout const& layout, std::uint64_t by) {
+    std::uint64_t const references = record.getTRefsSize() + by;
+    std::uint64_t const size = record.getRecSize() + by;
     if (size > kLargestRecord || references > kLargestRecord || size < CR_DO_RECORD_SIZE) {
         Refuse(kInvalidRecordSize);
     }
-    expand(static_cast<unsigned int>(size));
-    setTRefsSize(static_cast<unsigned int>(references));
-    setRecSize(static_cast<unsigned int>(size));
-    clear(layout.tail + by, size);
+    record.expand(static_cast<unsigned int>(size));
+    record.setTRefsSize(static_cast<unsigned int>(references));
+    record.setRecSize(static_cast<unsigned int>(size));
+    Clear(record, layout.tail + by, size);
 }
 
 // Subtracts at most what is there. The bytes that fall out of the section are cleared where the record is sound. When
 // the record would become smaller than a bare one, the section has shrunk all the same.
-void DORecord::shrinkReferences(std::uint64_t by) {
-    std::uint64_t const before = getTRefsSize();
+void RecordInternals::ShrinkReferences(DORecord& record, std::uint64_t by) {
+    std::uint64_t const before = record.getTRefsSize();
     std::uint64_t const removed = std::min<std::uint64_t>(by, before);
-    std::uint64_t const size = getRecSize();
-    RecordLayout const layout = LayoutOf(header);
-    bool const sound = reaches(layout, &RecordLayout::tail) && orderMatchesHeader();
-    setTRefsSize(static_cast<unsigned int>(before - removed));
+    std::uint64_t const size = record.getRecSize();
+    RecordLayout const layout = LayoutOf(record.header);
+    bool const sound = Reaches(record, layout, &RecordLayout::tail) && OrderMatchesHeader(record);
+    record.setTRefsSize(static_cast<unsigned int>(before - removed));
     if (size < CR_DO_RECORD_SIZE + removed) {
         Refuse(kInvalidRecordSize);
     }
-    setRecSize(static_cast<unsigned int>(size - removed));
+    record.setRecSize(static_cast<unsigned int>(size - removed));
     if (sound) {
-        clear(layout.tail - removed, layout.tail);
+        Clear(record, layout.tail - removed, layout.tail);
     }
 }

@@ -16,26 +16,26 @@ std::uint64_t SwappedEnd(DORecordHeader const* header, RecordLayout const& layou
 
 } // namespace
 
-void DORecord::turn(bool toNetworkOrder, unsigned int options) {
-    RecordLayout const layout = checkedLayout(&RecordLayout::entries);
-    if (SwappedEnd(header, layout) > bufferSize) {
+void RecordInternals::Convert(DORecord& record, Order order, unsigned int options) {
+    RecordLayout const layout = CheckedLayout(record, &RecordLayout::entries);
+    if (SwappedEnd(record.header, layout) > record.bufferSize) {
         Refuse(kInvalidRecordSize);
     }
-    networkOrder = toNetworkOrder;
-    if (toNetworkOrder) {
-        DORecordHeaderHton(header);
+    record.networkOrder = order == Order::Network;
+    if (order == Order::Network) {
+        DORecordHeaderHton(record.header);
     } else {
-        DORecordHeaderNtoh(header);
+        DORecordHeaderNtoh(record.header);
     }
     if ((options & 1) != 0) {
-        RemoveAllTRefs();
+        record.RemoveAllTRefs();
     }
 }
 
 void DORecord::HostToNetwork(unsigned int options) {
-    turn(true, options);
+    RecordInternals::Convert(*this, Order::Network, options);
 }
 
 void DORecord::NetworkToHost(unsigned int options) {
-    turn(false, options);
+    RecordInternals::Convert(*this, Order::Host, options);
 }

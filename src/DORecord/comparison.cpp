@@ -30,8 +30,8 @@ bool DORecord::operator==(DORecord const& other) const {
             return false;
         }
     }
-    RecordLayout const layout = checkedLayout(&RecordLayout::dcids);
-    other.checkedLayout(&RecordLayout::dcids);
+    RecordLayout const layout = RecordInternals::CheckedLayout(*this, &RecordLayout::dcids);
+    RecordInternals::CheckedLayout(other, &RecordLayout::dcids);
     return std::memcmp(BytesOf(header) + layout.entries, BytesOf(other.header) + layout.entries,
                        layout.dcids - layout.entries) == 0;
 }

@@ -113,7 +113,7 @@ SegmentFault CopySegments(DORecordHeader* header, void const* segments, RecordLa
 } // namespace
 
 // What an initialiser was given, checked.
-struct DORecord::NewRecord {
+struct crrecord::NewRecord {
     unsigned long CID;
     unsigned long size;
     unsigned long ssize;
@@ -126,27 +126,27 @@ struct DORecord::NewRecord {
 };
 
 // A record without a buffer and without references. The sub-DO flag stays: callers set it for what is built.
-void DORecord::makeBlank() noexcept {
-    header = nullptr;
-    bufferSize = 0;
-    networkOrder = false;
-    ownsBuffer = true;
-    copyMode = CopyMode::Own;
-    for (tref_set_t& set : trefs) {
+void RecordInternals::MakeBlank(DORecord& record) noexcept {
+    record.header = nullptr;
+    record.bufferSize = 0;
+    record.networkOrder = false;
+    record.ownsBuffer = true;
+    record.copyMode = DORecord::CopyMode::Own;
+    for (DORecord::tref_set_t& set : record.trefs) {
         set.clear();
     }
-    spare = 0;
+    record.spare = 0;
 }
 
-void DORecord::allocate(unsigned long size, bool zeroed) {
+void RecordInternals::AllocateBuffer(DORecord& record, unsigned long size, bool zeroed) {
     if (size > kLargestRecord) {
         Refuse(kInvalidRecordSize);
     }
-    header = static_cast<DORecordHeader*>(zeroed ? AllocateZeroed(size) : Allocate(size));
-    if (!header) {
+    record.header = static_cast<DORecordHeader*>(zeroed ? AllocateZeroed(size) : Allocate(size));
+    if (!record.header) {
         throw Cr_ErrnoException(CR_STATUS_NO_MEMORY, "Not enough memory to create DORecord.", nullptr);
     }
-    bufferSize = size;
+    record.bufferSize = size;
 }
 
 DORecord::DORecord() noexcept
@@ -220,36 +220,36 @@ void DORecord::cleanupConstruction() {
     }
 }
 
-void DORecord::writeHeader(NewRecord const& values) noexcept {
-    std::memset(header, 0, sizeof *header);
-    header->type = CR_DO_RECORD_TYPE;
-    header->flags = kNewFlags;
-    header->recsize = static_cast<unsigned int>(bufferSize);
-    header->CID = values.CID;
-    header->size = values.size;
-    header->ssize = values.ssize;
-    header->CRC = values.CRC;
-    header->nfp = values.counts.nfp;
-    header->nudcid = values.counts.nudcid;
-    header->bsize = values.counts.bsize;
-    header->fptype = values.counts.fptype;
-    header->dotype = values.counts.dotype;
+void RecordInternals::WriteHeader(DORecord& record, NewRecord const& values) noexcept {
+    std::memset(record.header, 0, sizeof *record.header);
+    record.header->type = CR_DO_RECORD_TYPE;
+    record.header->flags = kNewFlags;
+    record.header->recsize = static_cast<unsigned int>(record.bufferSize);
+    record.header->CID = values.CID;
+    record.header->size = values.size;
+    record.header->ssize = values.ssize;
+    record.header->CRC = values.CRC;
+    record.header->nfp = values.counts.nfp;
+    record.header->nudcid = values.counts.nudcid;
+    record.header->bsize = values.counts.bsize;
+    record.header->fptype = values.counts.fptype;
+    record.header->dotype = values.counts.dotype;
 }
 
 // What both initialisers end with, behind their own sections.
-void DORecord::finish(NewRecord const& values, unsigned char const* list) {
+void RecordInternals::Finish(DORecord& record, NewRecord const& values, unsigned char const* list) {
     if (values.counts.nudcid != 0) {
-        FillBytes(DORecordHeaderStartUDCID(header), list, UniqueListSize(values.counts.nudcid));
+        FillBytes(DORecordHeaderStartUDCID(record.header), list, UniqueListSize(values.counts.nudcid));
     }
     // Also clears what is left of the buffer, up to the record size so far, which is the whole buffer's.
-    initReferenceSets();
+    record.initReferenceSets();
     for (std::uint64_t i = 0; i < values.ntaskIDs; ++i) {
-        AddTaskID(Load<std::uint64_t>(values.taskIDs + i));
+        record.AddTaskID(Load<std::uint64_t>(values.taskIDs + i));
     }
     auto const now = static_cast<unsigned int>(std::time(nullptr));
-    header->ctime = values.ctime != 0 ? values.ctime : now;
-    header->mtime = values.mtime != 0 ? values.mtime : now;
-    expand();
+    record.header->ctime = values.ctime != 0 ? values.ctime : now;
+    record.header->mtime = values.mtime != 0 ? values.mtime : now;
+    record.expand();
 }
 
 void DORecord::init(unsigned long CID, unsigned long size, unsigned long ssize, unsigned int CRC, unsigned int ctime,
@@ -258,7 +258,7 @@ void DORecord::init(unsigned long CID, unsigned long size, unsigned long ssize, 
                     unsigned char dotype) {
     // Freed at the end: the arguments may lie in it.
     FormerBuffer const former(ownsBuffer ? header : nullptr);
-    makeBlank();
+    RecordInternals::MakeBlank(*this);
     try {
         CheckTypes(fptype, dotype);
         CheckTaskIds(taskIDs, ntaskIDs);
@@ -281,12 +281,12 @@ void DORecord::init(unsigned long CID, unsigned long size, unsigned long ssize, 
             ntaskIDs,
             {.nfp = nsegments, .nudcid = CheckList(AsBytes(udcidList)), .fptype = fptype, .dotype = dotype}};
         RecordLayout const layout(values.counts);
-        allocate(layout.total, false);
-        writeHeader(values);
+        RecordInternals::AllocateBuffer(*this, layout.total, false);
+        RecordInternals::WriteHeader(*this, values);
         SegmentFault const fault = CopySegments(header, segments, layout, subDO);
         // Behind the entries are the DCIDs, or, in a record without segments, an empty bloom area.
         FillBytes(BytesOf(header) + layout.dcids, nsegments != 0 ? dcids : nullptr, layout.udcids - layout.dcids);
-        finish(values, AsBytes(udcidList));
+        RecordInternals::Finish(*this, values, AsBytes(udcidList));
         ThrowIfFaulty(fault, dotype);
     } catch (...) {
         cleanupConstruction();
@@ -299,7 +299,7 @@ void DORecord::initWithBloom(unsigned long CID, unsigned long size, unsigned lon
                              unsigned int ntaskIDs, unsigned int bsize, unsigned char const* bitmap,
                              char const* udcidList, unsigned char fptype, unsigned char dotype) {
     FormerBuffer const former(ownsBuffer ? header : nullptr);
-    makeBlank();
+    RecordInternals::MakeBlank(*this);
     try {
         CheckTypes(fptype, dotype);
         CheckTaskIds(taskIDs, ntaskIDs);
@@ -316,14 +316,15 @@ void DORecord::initWithBloom(unsigned long CID, unsigned long size, unsigned lon
             taskIDs,
             ntaskIDs,
             {.nudcid = CheckList(AsBytes(udcidList)), .bsize = bsize, .fptype = fptype, .dotype = dotype}};
-        allocate(DORecordHeaderSizeWithBloom(0, bsize, values.counts.nudcid, 0, dotype, 0), true);
-        writeHeader(values);
+        RecordInternals::AllocateBuffer(
+            *this, DORecordHeaderSizeWithBloom(0, bsize, values.counts.nudcid, 0, dotype, 0), true);
+        RecordInternals::WriteHeader(*this, values);
         if (bsize != 0) {
             unsigned char* const lengthWord = DORecordHeaderGetBloomStart(header);
             Store(lengthWord, bsize);
             FillBytes(lengthWord + kBloomLengthSize, bitmap, bsize);
         }
-        finish(values, AsBytes(udcidList));
+        RecordInternals::Finish(*this, values, AsBytes(udcidList));
     } catch (...) {
         cleanupConstruction();
         throw;

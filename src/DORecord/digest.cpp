@@ -55,7 +55,8 @@ crt_digest_t* DORecord::GetDigest() const {
         Refuse("GetDigest called while DO record in network order.");
     }
     bool const bloom = header && IsBloom(GetDOType());
-    RecordLayout const layout = checkedLayout(bloom ? &RecordLayout::taskIds : &RecordLayout::dcids);
+    RecordLayout const layout =
+        RecordInternals::CheckedLayout(*this, bloom ? &RecordLayout::taskIds : &RecordLayout::dcids);
     unsigned int const fptype = GetFPType();
     crfp_digest_t digest{};
     if (bloom) {

@@ -13,13 +13,13 @@ std::unique_ptr<DORecord> DORecord::FromBuffer(void const* buffer, unsigned long
     std::unique_ptr<DORecord> record;
     try {
         record.reset(new DORecord());
-        record->allocate(size, false);
+        RecordInternals::AllocateBuffer(*record, size, false);
     } catch (...) {
         RequireValid(buffer, size, options); // the record's own errors come first
         throw;
     }
     RequireValid(buffer, size, options, BytesOf(record->header));
-    record->adopt(Order::Host, options);
+    RecordInternals::Adopt(*record, Order::Host, options);
     return record;
 }
 
@@ -34,34 +34,34 @@ std::unique_ptr<DORecord> DORecord::Wrap(void* buffer, unsigned long size, unsig
     record->bufferSize = capacity;
     record->ownsBuffer = false;
     record->copyMode = fixed ? CopyMode::Fixed : CopyMode::Borrowed;
-    record->adopt(order, options);
+    RecordInternals::Adopt(*record, order, options);
     return record;
 }
 
 // Brings a validated buffer to host order with its references loaded. Of a buffer without legacy arrays nothing changes
 // before everything that can fail is done.
-void DORecord::adopt(Order order, unsigned int options) {
-    networkOrder = order == Order::Network;
-    subDO = (options & CR_DO_SUB_DO) != 0;
-    RecordLayout const layout = LayoutOf(header);
+void RecordInternals::Adopt(DORecord& record, Order order, unsigned int options) {
+    record.networkOrder = order == Order::Network;
+    record.subDO = (options & CR_DO_SUB_DO) != 0;
+    RecordLayout const layout = LayoutOf(record.header);
     if (layout.taskIds != layout.trefs) {
-        if (!ownsBuffer) {
+        if (!record.ownsBuffer) {
             RefuseLegacyArrays();
         }
-        if (networkOrder) {
-            NetworkToHost(0);
+        if (record.networkOrder) {
+            record.NetworkToHost(0);
         }
-        convertToTRefs();
+        record.convertToTRefs();
         return;
     }
     std::uint64_t const stored = layout.tail - layout.trefs;
     std::uint64_t loaded = 0;
-    loadReferences(reinterpret_cast<char const*>(BytesOf(header) + layout.trefs), stored, loaded);
-    if (networkOrder) {
-        NetworkToHost(0);
+    LoadReferences(record, reinterpret_cast<char const*>(BytesOf(record.header) + layout.trefs), stored, loaded);
+    if (record.networkOrder) {
+        record.NetworkToHost(0);
     }
     // Repeated references were dropped.
-    setTRefsSize(static_cast<unsigned int>(loaded));
-    setRecSize(static_cast<unsigned int>(layout.total - (stored - loaded)));
-    clear(LayoutOf(header).tail, layout.total);
+    record.setTRefsSize(static_cast<unsigned int>(loaded));
+    record.setRecSize(static_cast<unsigned int>(layout.total - (stored - loaded)));
+    Clear(record, LayoutOf(record.header).tail, layout.total);
 }

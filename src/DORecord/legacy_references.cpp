@@ -62,7 +62,7 @@ unsigned long DORecord::RemoveInactiveTaskIDs(cr_task_callback_t callback, void*
     if (!callback) {
         Refuse("NULL reference");
     }
-    return removeTaskIDs(callback, context);
+    return RecordInternals::RemoveTaskIDs(*this, callback, context);
 }
 
 void DORecord::RemoveAllTaskIDs() {
@@ -78,7 +78,7 @@ int DORecord::AddDSID(unsigned int dsid) {
 }
 
 unsigned long DORecord::DelDSID(unsigned int dsid) {
-    return deleteReference(LookupKey({dsid, CR_REFTYPE_DSID}).Get());
+    return RecordInternals::DeleteReference(*this, LookupKey({dsid, CR_REFTYPE_DSID}).Get());
 }
 
 bool DORecord::HasDSID(unsigned int dsid) const {
@@ -98,10 +98,11 @@ void DORecord::convertToTRefs() {
         throw Cr_ErrnoException(CR_STATUS_NOT_SUPPORTED,
                                 "Record with both old references and new typed references not supported.", nullptr);
     }
-    RecordLayout const before = changeableLayoutUpTo(&RecordLayout::tail);
+    RecordLayout const before = RecordInternals::ChangeableLayout(*this, &RecordLayout::tail);
     bool const sectionFromSets = references == calcTRefsSize();
     if (sectionFromSets) {
-        writeReferences(before); // the sets are the truth, and the section may never have been written
+        RecordInternals::WriteReferences(*this,
+                                         before); // the sets are the truth, and the section may never have been written
     }
 
     unsigned char const* const bytes = BytesOf(header);
@@ -155,5 +156,5 @@ void DORecord::convertToTRefs() {
         std::vector<unsigned char> const& left = arrays.CloseGaps();
         std::copy_n(left.begin(), std::min(left.size(), after.tail - after.trefs), BytesOf(header) + after.trefs);
     }
-    clear(after.tail, std::max(before.total, after.total));
+    RecordInternals::Clear(*this, after.tail, std::max(before.total, after.total));
 }

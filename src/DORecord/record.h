@@ -4,6 +4,7 @@
 
 #include <crrecord/DORecord.h>
 
+#include "support/layout/unique_list.h"
 #include "support/validate/segment_list_check.h"
 #include "tref/inline_compare.h"
 
@@ -34,5 +35,50 @@ void ThrowIfFaulty(SegmentFault const& fault, unsigned int dotype);
 inline std::uint64_t SizeOf(Cr_TRef const& reference) noexcept {
     return ReferenceSize(reference.Get()->kind);
 }
+
+// Checked arguments of a new record (construction.cpp).
+struct NewRecord;
+
+// The private operations of DORecord. Its header declares this friend only, so that they can change freely.
+struct RecordInternals {
+    // The end of a section, as a member of the layout.
+    typedef std::uint64_t RecordLayout::*SectionEnd;
+
+    // The layout of a record whose bytes up to the end of a section are inside the buffer. ChangeableLayout is for
+    // operations that change sizes or rely on them: it also requires the order of IsInNetworkOrder().
+    // Throws: CR_STATUS_INVALID "invalid record size for DO".
+    static RecordLayout CheckedLayout(DORecord const& record, SectionEnd end);
+    static RecordLayout ChangeableLayout(DORecord const& record, SectionEnd end);
+    static bool OrderMatchesHeader(DORecord const& record) noexcept;
+    static bool Reaches(DORecord const& record, RecordLayout const& layout, SectionEnd end) noexcept;
+    // `width` bytes at `offset`. If they are not inside the buffer, Element returns null and WritableElement throws as
+    // CheckedLayout does.
+    static unsigned char* Element(DORecord const& record, std::uint64_t offset, unsigned int width) noexcept;
+    static unsigned char* WritableElement(DORecord& record, std::uint64_t offset, unsigned int width);
+
+    static void MakeBlank(DORecord& record) noexcept;
+    static void AllocateBuffer(DORecord& record, std::uint64_t size, bool zeroed);
+    static void WriteHeader(DORecord& record, NewRecord const& values) noexcept;
+    static void Finish(DORecord& record, NewRecord const& values, unsigned char const* list);
+    static void Adopt(DORecord& record, Order order, unsigned int options);
+    static void Convert(DORecord& record, Order order, unsigned int options);
+    static void Clear(DORecord& record, std::uint64_t from, std::uint64_t to) noexcept;
+
+    static void WriteText(DORecord const& record, std::ostream& stream);
+    static void WriteBytes(DORecord const& record, std::ostream& stream);
+
+    static void GrowReferences(DORecord& record, RecordLayout const& layout, std::uint64_t by);
+    static void ShrinkReferences(DORecord& record, std::uint64_t by);
+    static void WriteReferences(DORecord const& record, RecordLayout const& layout) noexcept;
+    // Adds the bytes of new references to `loaded`, also if it throws.
+    static void LoadReferences(DORecord& record, char const* bytes, std::uint64_t length, std::uint64_t& loaded);
+    static cr_status_t CheckReference(DORecord const& record, DORecord::tref_ptr_t const& reference);
+    static unsigned long DeleteReference(DORecord& record, DORecord::tref_ptr_t const& reference);
+    static unsigned long RemoveTaskIDs(DORecord& record, cr_task_callback_t callback, void* context);
+
+    static cr_status_t GrowForList(DORecord& record, std::uint64_t entries) noexcept;
+    static void WriteUniqueList(DORecord& record, UniqueEntry const* entries, std::uint32_t count,
+                                RecordLayout const& layout) noexcept;
+};
 
 } // namespace crrecord

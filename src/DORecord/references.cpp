@@ -80,11 +80,11 @@ int DORecord::OwnTRef(tref_ptr_t reference) {
     if (!CanAdd(kind)) {
         RefuseKind(value);
     }
-    RecordLayout const layout = changeableLayoutUpTo(&RecordLayout::tail);
+    RecordLayout const layout = RecordInternals::ChangeableLayout(*this, &RecordLayout::tail);
     auto const [position, inserted] = trefs[kind].insert(std::move(reference));
     try {
         if (inserted) {
-            growReferences(layout, SizeOf(**position));
+            RecordInternals::GrowReferences(*this, layout, SizeOf(**position));
         } else {
             expand();
         }
@@ -110,7 +110,7 @@ int DORecord::AddTRef(tref_ptr_t reference) {
     return AddTRef(*NotNull(reference));
 }
 
-cr_status_t DORecord::checkReference(tref_ptr_t const& reference) const {
+cr_status_t RecordInternals::CheckReference(DORecord const& record, DORecord::tref_ptr_t const& reference) {
     _cr_tref_t const* const value = NotNull(reference);
     int const kind = value->kind;
     if (kind > CR_REFTYPE_END || kind == 7) {
@@ -121,7 +121,7 @@ cr_status_t DORecord::checkReference(tref_ptr_t const& reference) const {
                TextOf(value).Get());
         RefuseAsLogged();
     }
-    if (trefs[kind].contains(reference)) {
+    if (record.trefs[kind].contains(reference)) {
         return CR_STATUS_OK;
     }
     WarningA(CR_STATUS_NOT_FOUND, "%s: The type of reference %s is not found", "CheckTRef", TextOf(value).Get());
@@ -129,37 +129,37 @@ cr_status_t DORecord::checkReference(tref_ptr_t const& reference) const {
 }
 
 cr_status_t DORecord::CheckTRef(tref_ptr_t reference) const {
-    return checkReference(reference);
+    return RecordInternals::CheckReference(*this, reference);
 }
 
 cr_status_t DORecord::CheckTRef(_cr_tref_t const* reference) const {
     if (!reference) {
         Refuse(kNullReference);
     }
-    return checkReference(LookupKey(*reference).Get());
+    return RecordInternals::CheckReference(*this, LookupKey(*reference).Get());
 }
 
-unsigned long DORecord::deleteReference(tref_ptr_t const& reference) {
+unsigned long RecordInternals::DeleteReference(DORecord& record, DORecord::tref_ptr_t const& reference) {
     _cr_tref_t const* const value = NotNull(reference);
     int const kind = value->kind;
     if (!CanDelete(kind)) {
         RefuseKind(value);
     }
-    std::uint64_t const removed = trefs[kind].erase(reference);
+    std::uint64_t const removed = record.trefs[kind].erase(reference);
     if (removed != 0) {
-        shrinkReferences(SizeOf(*reference));
+        ShrinkReferences(record, SizeOf(*reference));
     }
-    handleUpdate();
+    record.handleUpdate();
     return removed;
 }
 
 unsigned long DORecord::DelTRef(tref_ptr_t reference) {
-    return deleteReference(reference);
+    return RecordInternals::DeleteReference(*this, reference);
 }
 
 // Unlike CheckTRef it lets a null pointer pass: nothing is there to remove.
 unsigned long DORecord::DelTRef(_cr_tref_t const* reference) {
-    return reference ? deleteReference(LookupKey(*reference).Get()) : 0;
+    return reference ? RecordInternals::DeleteReference(*this, LookupKey(*reference).Get()) : 0;
 }
 
 void DORecord::ClearTRefType(cr_reftype_t kind) {
@@ -168,16 +168,17 @@ void DORecord::ClearTRefType(cr_reftype_t kind) {
     }
     std::uint64_t const size = TotalSize(trefs[kind]);
     trefs[kind].clear();
-    shrinkReferences(size);
+    RecordInternals::ShrinkReferences(*this, size);
 }
 
 void DORecord::RemoveAllTRefs() {
-    removeTaskIDs([](unsigned long, void*) { return 0; }, nullptr);
+    RecordInternals::RemoveTaskIDs(
+        *this, [](unsigned long, void*) { return 0; }, nullptr);
 }
 
 // Drops the task ids that the callback calls inactive. The size goes first, as callers of a failing removal expect.
-unsigned long DORecord::removeTaskIDs(cr_task_callback_t callback, void* context) {
-    tref_set_t& tasks = trefs[CR_REFTYPE_TASKID];
+unsigned long RecordInternals::RemoveTaskIDs(DORecord& record, cr_task_callback_t callback, void* context) {
+    DORecord::tref_set_t& tasks = record.trefs[CR_REFTYPE_TASKID];
     unsigned long removed = 0;
     for (auto position = tasks.begin(); position != tasks.end();) {
         [[maybe_unused]] std::size_t const before = tasks.size();
@@ -187,11 +188,11 @@ unsigned long DORecord::removeTaskIDs(cr_task_callback_t callback, void* context
             ++position;
             continue;
         }
-        shrinkReferences(SizeOf(**position));
+        ShrinkReferences(record, SizeOf(**position));
         position = tasks.erase(position);
         ++removed;
     }
-    handleUpdate();
+    record.handleUpdate();
     return removed;
 }
 
@@ -239,11 +240,11 @@ unsigned long DORecord::GetSerializedTRefsSize() const {
     return getTRefsSize();
 }
 
-void DORecord::writeReferences(RecordLayout const& layout) const noexcept {
-    unsigned char* position = BytesOf(header) + layout.trefs;
+void RecordInternals::WriteReferences(DORecord const& record, RecordLayout const& layout) noexcept {
+    unsigned char* position = BytesOf(record.header) + layout.trefs;
     std::uint64_t room = layout.tail - layout.trefs;
     for (int kind = 0; kind < kReferenceKinds; ++kind) {
-        for (tref_ptr_t const& reference : trefs[kind]) {
+        for (DORecord::tref_ptr_t const& reference : record.trefs[kind]) {
             unsigned long const written =
                 EncodeReference(position, room, {reference->Get()->id, static_cast<cr_reftype_t>(kind)});
             position += written;
@@ -256,8 +257,8 @@ char* DORecord::GetSerializedTRefs() const {
     if (GetNTRefs() == 0) {
         return reinterpret_cast<char*>(DORecordHeaderStartTRefs(header));
     }
-    RecordLayout const layout = checkedLayout(&RecordLayout::tail);
-    writeReferences(layout);
+    RecordLayout const layout = RecordInternals::CheckedLayout(*this, &RecordLayout::tail);
+    RecordInternals::WriteReferences(*this, layout);
     return reinterpret_cast<char*>(BytesOf(header) + layout.trefs);
 }
 
@@ -266,7 +267,7 @@ void DORecord::AddSerializedTRefs(char const* bytes, unsigned int length) {
     if (!bytes && length != 0) {
         Refuse(kNullReference);
     }
-    changeableLayoutUpTo(&RecordLayout::tail);
+    RecordInternals::ChangeableLayout(*this, &RecordLayout::tail);
     std::uint64_t const room = std::uint64_t{getRecSize()} + length;
     if (room > kLargestRecord || std::uint64_t{getTRefsSize()} + length > kLargestRecord ||
         getRecSize() < CR_DO_RECORD_SIZE) {
@@ -280,10 +281,11 @@ void DORecord::AddSerializedTRefs(char const* bytes, unsigned int length) {
     auto const account = [&] {
         setTRefsSize(static_cast<unsigned int>(getTRefsSize() + loaded));
         setRecSize(static_cast<unsigned int>(getRecSize() + loaded));
-        clear(LayoutOf(header).tail, getRecSize());
+        RecordInternals::Clear(*this, LayoutOf(header).tail, getRecSize());
     };
     try {
-        loadReferences(isOwn ? reinterpret_cast<char const*>(header) + place : bytes, length, loaded);
+        RecordInternals::LoadReferences(*this, isOwn ? reinterpret_cast<char const*>(header) + place : bytes, length,
+                                        loaded);
     } catch (...) {
         account();
         throw;
@@ -294,14 +296,14 @@ void DORecord::AddSerializedTRefs(char const* bytes, unsigned int length) {
 
 // Adds up the bytes of those that were not there yet. The end of the set as the hint makes sorted input, which is what
 // records store, load in linear time.
-void DORecord::loadReferences(char const* bytes, unsigned long length, unsigned long& loaded) {
+void RecordInternals::LoadReferences(DORecord& record, char const* bytes, unsigned long length, unsigned long& loaded) {
     for (std::uint64_t offset = 0; offset < length;) {
         unsigned long consumed = 0;
         _cr_tref_t* const value = CRTRefNewDeserialize(bytes + offset, length - offset, CR_TREF_SERIALIZED, &consumed);
         if (!value) {
             ThrowUndecoded(offset);
         }
-        tref_set_t& set = trefs[value->kind];
+        DORecord::tref_set_t& set = record.trefs[value->kind];
         std::size_t const before = set.size();
         set.insert(set.end(), Wrapped(value));
         loaded += set.size() != before ? consumed : 0;

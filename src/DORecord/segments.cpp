@@ -57,12 +57,12 @@ void crrecord::ThrowIfFaulty(SegmentFault const& fault, unsigned int dotype) {
     }
 }
 
-unsigned char* DORecord::element(std::uint64_t offset, unsigned int width) const noexcept {
-    return offset + width <= bufferSize ? BytesOf(header) + offset : nullptr;
+unsigned char* RecordInternals::Element(DORecord const& record, std::uint64_t offset, unsigned int width) noexcept {
+    return offset + width <= record.bufferSize ? BytesOf(record.header) + offset : nullptr;
 }
 
-unsigned char* DORecord::writableElement(std::uint64_t offset, unsigned int width) {
-    unsigned char* const at = element(offset, width);
+unsigned char* RecordInternals::WritableElement(DORecord& record, std::uint64_t offset, unsigned int width) {
+    unsigned char* const at = Element(record, offset, width);
     if (!at) {
         Refuse(kInvalidRecordSize);
     }
@@ -73,20 +73,21 @@ crfp_digest_t const& DORecord::GetSegmentFP(unsigned int i) const {
     static constexpr crfp_digest_t kOutside{};
     RecordLayout const layout = LayoutOf(header);
     assert(i < layout.segments);
-    unsigned char const* const at = element(layout.Entry(i), sizeof kOutside);
+    unsigned char const* const at = RecordInternals::Element(*this, layout.Entry(i), sizeof kOutside);
     return at ? *reinterpret_cast<crfp_digest_t const*>(at) : kOutside;
 }
 
 void DORecord::SetSegmentFP(unsigned int i, crfp_digest_t const& fingerprint) {
     RecordLayout const layout = LayoutOf(header);
     assert(i < layout.segments);
-    std::memmove(writableElement(layout.Entry(i), sizeof fingerprint), fingerprint.bytes, sizeof fingerprint);
+    std::memmove(RecordInternals::WritableElement(*this, layout.Entry(i), sizeof fingerprint), fingerprint.bytes,
+                 sizeof fingerprint);
 }
 
 unsigned long DORecord::GetSegmentDCID(unsigned int i) const {
     RecordLayout const layout = LayoutOf(header);
     assert(i < layout.segments);
-    unsigned char const* const at = element(layout.Dcid(i), kDcidSize);
+    unsigned char const* const at = RecordInternals::Element(*this, layout.Dcid(i), kDcidSize);
     return at ? Load<std::uint64_t>(at) : 0;
 }
 
@@ -97,21 +98,22 @@ cr_unaligned_u64 const* DORecord::GetSegmentDCIDList() const {
 void DORecord::SetSegmentDCID(unsigned int i, unsigned long dcid) {
     RecordLayout const layout = LayoutOf(header);
     assert(i < layout.segments);
-    Store(writableElement(layout.Dcid(i), kDcidSize), dcid);
+    Store(RecordInternals::WritableElement(*this, layout.Dcid(i), kDcidSize), dcid);
 }
 
 unsigned int DORecord::GetSegmentSize(unsigned int i) const {
     RecordLayout const layout = LayoutOf(header);
     SegmentList const list = SegmentListOf(header, layout, OrderFor(networkOrder), subDO);
     bool const stored = DOTypeOf(list.dotype).sizeWidth != 0;
-    return stored && !element(layout.Entry(i) + list.sizeAt, 4) ? kNoSize : SegmentSizeOf(list, i);
+    return stored && !RecordInternals::Element(*this, layout.Entry(i) + list.sizeAt, 4) ? kNoSize
+                                                                                        : SegmentSizeOf(list, i);
 }
 
 void DORecord::SetSegmentSize(unsigned int i, unsigned int size) {
     if (DOTypeOf(GetDOType()).sizeWidth != 0) {
         RecordLayout const layout = LayoutOf(header);
         assert(i < layout.segments);
-        Store(writableElement(layout.Entry(i) + layout.fingerprint, sizeof size), size);
+        Store(RecordInternals::WritableElement(*this, layout.Entry(i) + layout.fingerprint, sizeof size), size);
     }
     handleUpdate();
 }
@@ -119,31 +121,32 @@ void DORecord::SetSegmentSize(unsigned int i, unsigned int size) {
 unsigned long DORecord::GetSegmentOffset(unsigned int i) const {
     RecordLayout const layout = LayoutOf(header);
     SegmentList const list = SegmentListOf(header, layout, OrderFor(networkOrder), subDO);
-    return element(layout.Entry(i) + list.offsetAt, 8) ? SegmentOffsetOf(list, i) : kNoOffset;
+    return RecordInternals::Element(*this, layout.Entry(i) + list.offsetAt, 8) ? SegmentOffsetOf(list, i) : kNoOffset;
 }
 
 void DORecord::SetSegmentOffset(unsigned int i, unsigned long offset) {
     RecordLayout const layout = LayoutOf(header);
     assert(i < layout.segments);
-    Store(writableElement(layout.Entry(i) + layout.offset, sizeof offset), offset);
+    Store(RecordInternals::WritableElement(*this, layout.Entry(i) + layout.offset, sizeof offset), offset);
     handleUpdate();
 }
 
 unsigned int DORecord::GetSegmentObjectOffset(unsigned int i) const {
     RecordLayout const layout = LayoutOf(header);
     SegmentList const list = SegmentListOf(header, layout, OrderFor(networkOrder), subDO);
-    return element(layout.Entry(i) + list.offsetAt, 4) ? SegmentObjectOffsetOf(list, i) : kNoObjectOffset;
+    return RecordInternals::Element(*this, layout.Entry(i) + list.offsetAt, 4) ? SegmentObjectOffsetOf(list, i)
+                                                                               : kNoObjectOffset;
 }
 
 void DORecord::SetSegmentObjectOffset(unsigned int i, unsigned int offset) {
     RecordLayout const layout = LayoutOf(header);
     assert(i < layout.segments);
-    Store(writableElement(layout.Entry(i) + layout.offset, sizeof offset), offset);
+    Store(RecordInternals::WritableElement(*this, layout.Entry(i) + layout.offset, sizeof offset), offset);
     handleUpdate();
 }
 
 DOSegmentRange DORecord::Segments() const {
-    checkedLayout(&RecordLayout::udcids);
+    RecordInternals::CheckedLayout(*this, &RecordLayout::udcids);
     return DOSegmentRange(DOSegmentSource::Of(header));
 }
 
@@ -151,16 +154,16 @@ void DORecord::checkSegmentList() const {
     if (header && GetDOType() == CR_DO_TYPE_INVALID) {
         Refuse("invalid DO type");
     }
-    RecordLayout const layout = changeableLayoutUpTo(&RecordLayout::dcids);
+    RecordLayout const layout = RecordInternals::ChangeableLayout(*this, &RecordLayout::dcids);
     ThrowIfFaulty(CheckSegments(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
 }
 
 void DORecord::checkSegmentSizeEndiannes() const {
-    RecordLayout const layout = changeableLayoutUpTo(&RecordLayout::dcids);
+    RecordLayout const layout = RecordInternals::ChangeableLayout(*this, &RecordLayout::dcids);
     ThrowIfFaulty(CheckSegmentSizes(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
 }
 
 void DORecord::checkSegmentOffsetEndiannes() const {
-    RecordLayout const layout = changeableLayoutUpTo(&RecordLayout::dcids);
+    RecordLayout const layout = RecordInternals::ChangeableLayout(*this, &RecordLayout::dcids);
     ThrowIfFaulty(CheckSegmentOffsets(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
 }

@@ -77,7 +77,8 @@ cr_status_t DORecord::Serialize(void** out, unsigned long* outLength, bool withC
         return SerializeBloomFilterDO(out, outLength, withChecksum);
     }
     RecordLayout const layout = LayoutOf(header);
-    if (networkOrder || !reaches(layout, &RecordLayout::udcids) || !orderMatchesHeader()) {
+    if (networkOrder || !RecordInternals::Reaches(*this, layout, &RecordLayout::udcids) ||
+        !RecordInternals::OrderMatchesHeader(*this)) {
         return CR_STATUS_INVALID;
     }
     if (!out || !outLength) {
@@ -105,7 +106,8 @@ cr_status_t DORecord::SerializeBloomFilterDO(void** out, unsigned long* outLengt
         return CR_STATUS_INVALID;
     }
     RecordLayout const layout = LayoutOf(header);
-    if (!reaches(layout, &RecordLayout::taskIds) || !orderMatchesHeader()) {
+    if (!RecordInternals::Reaches(*this, layout, &RecordLayout::taskIds) ||
+        !RecordInternals::OrderMatchesHeader(*this)) {
         return CR_STATUS_INVALID;
     }
     if (!out || !outLength) {

@@ -51,65 +51,66 @@ void WriteDcids(TextWriter& text, unsigned char const* record, RecordLayout cons
     text.Character(']');
 }
 
-void WriteReferences(TextWriter& text, DORecord const& record) {
+void WriteReferenceTexts(TextWriter& text, DORecord const& record) {
+    char const* separator = "";
     text.Character('[');
-    auto const begin = record.GetTRefBegin();
-    for (auto reference = begin; reference != record.GetTRefEnd(); ++reference) {
+    for (DORecord::tref_ptr_t const& reference : record.References()) {
         char buffer[kReferenceRoom];
-        unsigned long const length = CRTRefSerialize(buffer, sizeof buffer, (*reference)->Get(), CR_TREF_TEXT);
-        text.Text(reference == begin ? "" : ",").Text({buffer, length});
+        unsigned long const length = CRTRefSerialize(buffer, sizeof buffer, reference->Get(), CR_TREF_TEXT);
+        text.Text(separator).Text({buffer, length});
+        separator = ",";
     }
     text.Character(']');
 }
 
 } // namespace
 
-void DORecord::writeText(std::ostream& stream) const {
-    if (networkOrder) {
+void RecordInternals::WriteText(DORecord const& record, std::ostream& stream) {
+    if (record.networkOrder) {
         Refuse("cannot write DO record to stream in text form because it is in network order");
     }
-    if (!header) {
+    if (!record.header) {
         Refuse(kInvalidRecordSize);
     }
     // The fields that an unknown DO type does not have may lie in the tail.
-    bool const known = CRDOTypeIsValid(GetDOType()) != 0;
-    RecordLayout const layout = checkedLayout(known ? &RecordLayout::udcids : &RecordLayout::total);
+    bool const known = CRDOTypeIsValid(record.GetDOType()) != 0;
+    RecordLayout const layout = CheckedLayout(record, known ? &RecordLayout::udcids : &RecordLayout::total);
     TextWriter text(stream);
-    WriteHeaderFields(text, *header);
+    WriteHeaderFields(text, *record.header);
     text.Character('[');
-    WriteSegments(text, BytesOf(header), layout, GetDOType());
-    WriteDcids(text, BytesOf(header), layout);
+    WriteSegments(text, BytesOf(record.header), layout, record.GetDOType());
+    WriteDcids(text, BytesOf(record.header), layout);
     text.Text("],");
-    WriteReferences(text, *this);
+    WriteReferenceTexts(text, record);
     text.Flush();
 }
 
 // The bytes are written in host order. Bytes and order are as before afterwards, also if the stream throws.
-void DORecord::writeBytes(std::ostream& stream) const {
+void RecordInternals::WriteBytes(DORecord const& record, std::ostream& stream) {
     // Turning there and back walks the record by what it finds in either order.
-    SectionEnd const end = networkOrder       ? &RecordLayout::total
-                           : GetNTRefs() == 0 ? &RecordLayout::udcids
-                                              : &RecordLayout::tail;
-    RecordLayout const layout = checkedLayout(end);
-    if (!orderMatchesHeader() || getRecSize() > bufferSize) {
+    SectionEnd const end = record.networkOrder       ? &RecordLayout::total
+                           : record.GetNTRefs() == 0 ? &RecordLayout::udcids
+                                                     : &RecordLayout::tail;
+    RecordLayout const layout = CheckedLayout(record, end);
+    if (!OrderMatchesHeader(record) || record.getRecSize() > record.bufferSize) {
         Refuse(kInvalidRecordSize);
     }
-    unsigned int const size = getRecSize();
-    writeReferences(layout);
-    bool const wasInNetworkOrder = networkOrder;
+    unsigned int const size = record.getRecSize();
+    WriteReferences(record, layout);
+    bool const wasInNetworkOrder = record.networkOrder;
     auto const restore = [&]() noexcept {
         if (wasInNetworkOrder) {
-            networkOrder = true;
-            DORecordHeaderHton(header);
+            record.networkOrder = true;
+            DORecordHeaderHton(record.header);
         }
     };
     if (wasInNetworkOrder) {
         // Flag and bytes together: the stream's buffer may be code that reads the record.
-        networkOrder = false;
-        DORecordHeaderNtoh(header);
+        record.networkOrder = false;
+        DORecordHeaderNtoh(record.header);
     }
     try {
-        stream.write(reinterpret_cast<char const*>(header), size);
+        stream.write(reinterpret_cast<char const*>(record.header), size);
     } catch (...) {
         restore();
         throw;
@@ -119,9 +120,9 @@ void DORecord::writeBytes(std::ostream& stream) const {
 
 std::ostream& DORecord::ToStream(std::ostream& stream, bool binary) const {
     if (binary) {
-        writeBytes(stream);
+        RecordInternals::WriteBytes(*this, stream);
     } else {
-        writeText(stream);
+        RecordInternals::WriteText(*this, stream);
     }
     return stream;
 }

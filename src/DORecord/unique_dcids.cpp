@@ -95,7 +95,8 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
         return CR_STATUS_INVALID;
     }
     RecordLayout const layout = LayoutOf(header);
-    if (!reaches(layout, &RecordLayout::taskIds) || !orderMatchesHeader() || getRecSize() > bufferSize) {
+    if (!RecordInternals::Reaches(*this, layout, &RecordLayout::taskIds) ||
+        !RecordInternals::OrderMatchesHeader(*this) || getRecSize() > bufferSize) {
         return CR_STATUS_INVALID;
     }
     unsigned char* const lengthWord = BytesOf(header) + layout.entries;
@@ -119,9 +120,9 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
     if (entries.empty()) {
         return CR_STATUS_OK;
     }
-    cr_status_t const status = growForList(entries.size());
+    cr_status_t const status = RecordInternals::GrowForList(*this, entries.size());
     if (status == CR_STATUS_OK) {
-        writeUniqueList(entries.data(), static_cast<unsigned int>(entries.size()), layout);
+        RecordInternals::WriteUniqueList(*this, entries.data(), static_cast<unsigned int>(entries.size()), layout);
     } else if (bloom && status != CR_STATUS_NO_MEMORY) {
         CopySwapped<std::uint32_t>(lengthWord, lengthWord);
     }
@@ -129,43 +130,43 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
 }
 
 // Sets the record size for a list of so many entries, in a buffer of just that size where the present one is too small.
-cr_status_t DORecord::growForList(unsigned long entries) noexcept {
-    RecordCounts counts = CountsOf(header, OrderOf(header));
+cr_status_t RecordInternals::GrowForList(DORecord& record, unsigned long entries) noexcept {
+    RecordCounts counts = CountsOf(record.header, OrderOf(record.header));
     counts.ntaskid = counts.nds = counts.trefssize = 0;
     counts.nudcid = static_cast<std::uint32_t>(entries);
     std::uint64_t const size = RecordLayout(counts).total;
-    if (size > kLargestRecord || (size > bufferSize && copyMode == CopyMode::Fixed)) {
+    if (size > kLargestRecord || (size > record.bufferSize && record.copyMode == DORecord::CopyMode::Fixed)) {
         return CR_STATUS_INVALID;
     }
-    if (size > bufferSize) {
+    if (size > record.bufferSize) {
         void* const larger = AllocateZeroed(size);
         if (!larger) {
             return CR_STATUS_NO_MEMORY;
         }
-        std::memcpy(larger, header, getRecSize());
-        if (ownsBuffer) {
-            std::free(header);
+        std::memcpy(larger, record.header, record.getRecSize());
+        if (record.ownsBuffer) {
+            std::free(record.header);
         }
-        header = static_cast<DORecordHeader*>(larger);
-        bufferSize = size;
-        ownsBuffer = true;
-        copyMode = CopyMode::Own;
+        record.header = static_cast<DORecordHeader*>(larger);
+        record.bufferSize = size;
+        record.ownsBuffer = true;
+        record.copyMode = DORecord::CopyMode::Own;
     }
-    setRecSize(static_cast<unsigned int>(size));
+    record.setRecSize(static_cast<unsigned int>(size));
     return CR_STATUS_OK;
 }
 
 // Entries and checksum are host values in either order; the count has the record's order, and nudcid the host's.
-void DORecord::writeUniqueList(crrecord::UniqueEntry const* entries, unsigned int count,
-                               RecordLayout const& layout) noexcept {
-    unsigned char* const list = BytesOf(header) + layout.udcids;
-    header->nudcid = count;
-    Store(list + kUniqueCountOffset, count, networkOrder ? Order::Network : Order::Host);
+void RecordInternals::WriteUniqueList(DORecord& record, crrecord::UniqueEntry const* entries, unsigned int count,
+                                      RecordLayout const& layout) noexcept {
+    unsigned char* const list = BytesOf(record.header) + layout.udcids;
+    record.header->nudcid = count;
+    Store(list + kUniqueCountOffset, count, record.networkOrder ? Order::Network : Order::Host);
     for (std::uint32_t i = 0; i < count; ++i) {
         StoreUniqueEntry(list, i, entries[i], Order::Host);
     }
     Store(list, UniqueListChecksum(list, count));
-    clear(layout.udcids + UniqueListSize(count), getRecSize());
+    Clear(record, layout.udcids + UniqueListSize(count), record.getRecSize());
 }
 
 cr_status_t DORecord::AppendBloom(cr_dcid_size_map_t& sizes) {
@@ -173,7 +174,8 @@ cr_status_t DORecord::AppendBloom(cr_dcid_size_map_t& sizes) {
     if (!IsBloom(GetDOType())) {
         return CR_STATUS_OK;
     }
-    if (!reaches(layout, &RecordLayout::taskIds) || !orderMatchesHeader()) {
+    if (!RecordInternals::Reaches(*this, layout, &RecordLayout::taskIds) ||
+        !RecordInternals::OrderMatchesHeader(*this)) {
         ErrorA(CR_STATUS_INVALID, "%s: %s", kMerge, kInvalidRecordSize);
         return CR_STATUS_OK;
     }
@@ -196,7 +198,8 @@ cr_status_t DORecord::GetUDCIDSizeList(cr_dcid_size_map_t& sizes) const {
         return CR_STATUS_CORRUPT_RECORD;
     }
     RecordLayout const layout = LayoutOf(header);
-    if (!reaches(layout, &RecordLayout::taskIds) || !orderMatchesHeader()) {
+    if (!RecordInternals::Reaches(*this, layout, &RecordLayout::taskIds) ||
+        !RecordInternals::OrderMatchesHeader(*this)) {
         return CR_STATUS_CORRUPT_RECORD;
     }
     try {
@@ -217,12 +220,17 @@ cr_status_t DORecord::GetUDCIDSizeList(cr_dcid_size_map_t& sizes) const {
     return CR_STATUS_OK;
 }
 
+DOUniqueDCIDRange DORecord::UniqueDCIDs() const {
+    RecordInternals::CheckedLayout(*this, &RecordLayout::taskIds);
+    return DOUniqueDCIDRange(DOUniqueDCIDSource::Of(header));
+}
+
 unsigned char const* DORecord::GetSegmentUDCIDList() const {
     return DORecordHeaderStartUDCID(header);
 }
 
 unsigned long DORecord::GetSegmentUDCID(unsigned int i) const {
     assert(i < CountsOf(header, OrderOf(header)).nudcid);
-    unsigned char const* const at = element(LayoutOf(header).UniqueEntry(i), kDcidSize);
+    unsigned char const* const at = RecordInternals::Element(*this, LayoutOf(header).UniqueEntry(i), kDcidSize);
     return at ? Load<std::uint64_t>(at) : 0;
 }

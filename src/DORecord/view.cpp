@@ -31,17 +31,3 @@ DOReferenceRange DORecordView::References() const noexcept {
     RecordLayout const layout(CountsOf(&fields_, Order::Host));
     return {BytesOf(record_) + layout.trefs, BytesOf(record_) + layout.tail};
 }
-
-// Validation has decoded every reference. One that doesn't decode any more was changed since.
-DOReference DOReferenceRange::iterator::operator*() const noexcept {
-    _cr_tref_t value{};
-    DecodeReference(at_, static_cast<std::uint64_t>(end_ - at_), value);
-    return {value.kind, value.id};
-}
-
-DOReferenceRange::iterator& DOReferenceRange::iterator::operator++() noexcept {
-    _cr_tref_t value{};
-    unsigned long const taken = DecodeReference(at_, static_cast<std::uint64_t>(end_ - at_), value);
-    at_ = taken != 0 ? at_ + taken : end_;
-    return *this;
-}

@@ -1,37 +1,20 @@
-// One load, one store, and one way to turn a field between host and network (big-endian) order.
-//
-// Turning is its own inverse, and nothing on a big-endian machine.
+// Loads, stores and conversion between host and network (big-endian) order.
 
 #pragma once
 
-#include <boost/endian/conversion.hpp>
+#include <crrecord/byte_order.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <utility>
 
 namespace crrecord {
-
-enum class Order { Host, Network };
 
 constexpr Order Other(Order order) noexcept {
     return order == Order::Host ? Order::Network : Order::Host;
 }
 
-template <class T>
-constexpr T ByteSwapped(T value) noexcept {
-    return boost::endian::native_to_big(value);
-}
-
-// Neither needs alignment; both are the only way in which the library reads and writes integers in buffers.
-template <class T>
-T Load(void const* from, Order order = Order::Host) noexcept {
-    T value;
-    std::memcpy(&value, from, sizeof value);
-    return order == Order::Host ? value : ByteSwapped(value);
-}
-
+// Load and Store need no alignment. The library reads and writes integers in buffers with them only.
 template <class T>
 void Store(void* to, T value, Order order = Order::Host) noexcept {
     T const stored = order == Order::Host ? value : ByteSwapped(value);

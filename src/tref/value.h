@@ -2,8 +2,8 @@
 
 #pragma once
 
+#include <crrecord/references.h>
 #include <crrecord/status.h>
-#include <crrecord/tref.h>
 
 #include "base/byteorder.h"
 
@@ -61,23 +61,14 @@ constexpr int CompareReferences(_cr_tref_t const& a, _cr_tref_t const& b) noexce
     return a.id == b.id ? 0 : a.id < b.id ? -1 : 1;
 }
 
-// Decodes the reference at the front of `available` bytes. The bytes that it took, or 0 where they are not one.
+// Decodes the reference at the start of `available` bytes. Returns the bytes that it takes, or 0 for bytes that are no
+// reference.
 inline unsigned long DecodeReference(unsigned char const* bytes, unsigned long available,
                                      _cr_tref_t& reference) noexcept {
-    if (available < kReferenceHeadSize) {
-        return 0;
-    }
-    // Read once: the kind that was checked is the kind that is used, even if the memory changes.
-    unsigned char const volatile* const head = bytes;
-    int const kind = head[0];
-    if (!ReferenceKindIsValid(kind) || head[1] != ReferenceIdSize(kind) || available < ReferenceSize(kind)) {
-        return 0;
-    }
-    unsigned char const* const id = bytes + kReferenceHeadSize;
-    reference.kind = static_cast<cr_reftype_t>(kind);
-    reference.id =
-        ReferenceIdSize(kind) == 4 ? Load<std::uint32_t>(id, Order::Network) : Load<std::uint64_t>(id, Order::Network);
-    return ReferenceSize(kind);
+    DOReference decoded{};
+    unsigned long const size = DOReferenceDecode(bytes, available, decoded);
+    reference = {decoded.id, decoded.kind};
+    return size;
 }
 
 // Encodes a reference at the front of `room` bytes. The bytes that it took, or 0, with nothing written, where they are

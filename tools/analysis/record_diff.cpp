@@ -49,7 +49,7 @@ public:
             ++use.segments;
             use.bytes += segment.size; // at most the object's size
         }
-        for (DOUniqueDCID const entry : DOUniqueDCIDRange(DOUniqueDCIDSource::Of(record.GetHeader()))) {
+        for (DOUniqueDCID const entry : record.UniqueDCIDs()) {
             AddBytes((Of(entry.dcid).*side).listed, entry.bytes);
         }
     }

@@ -11,12 +11,12 @@ namespace {
 constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
 
 bool AreSame(DOSegment const& a, DOSegment const& b) noexcept {
-    return a.size == b.size && std::memcmp(&a.fingerprint, &b.fingerprint, sizeof a.fingerprint) == 0;
+    return a.size == b.size && a.fingerprint == b.fingerprint;
 }
 
 std::uint32_t HashOf(DOSegment const& segment) {
     return static_cast<std::uint32_t>(
-        HashOfSegment(segment.fingerprint.bytes, sizeof segment.fingerprint.bytes, segment.size));
+        HashOfSegment(segment.fingerprint.data, segment.fingerprint.size, segment.size));
 }
 
 class Matcher {

@@ -96,7 +96,7 @@ void WriteSegments(Output& out, DORecordView const& view, Range range) {
         auto const index = static_cast<unsigned int>(i);
         DOSegment const segment = segments[index];
         text.Put(R"({"index":)").Number(index);
-        text.Put(R"(,"fingerprint":")").Hex(segment.fingerprint.bytes, width);
+        text.Put(R"(,"fingerprint":")").Hex(segment.fingerprint.data, width);
         text.Put(R"(","size":)").Number(segment.size);
         if (hasOffset) {
             text.Put(R"(,"offset":)").Decimal(segment.offset);

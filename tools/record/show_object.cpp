@@ -93,7 +93,7 @@ void PrintSegments(Output& out, DORecordView const& view, Range range) {
     ForEachSegment(segments, view.GetDOType(), end, [&](auto index, auto position, DOSegment const& segment) {
         if (index >= range.first) {
             out.Print("{:>10}  {:>16}  {:>10}  {:>20}  {}\n", index, position, segment.size, segment.dcid,
-                      TextOf(segment.fingerprint, view.GetFPType()));
+                      TextOf(segment.fingerprint.Copy(), view.GetFPType()));
         }
     });
     if (range.first != 0 || end != segments.size()) {

@@ -84,7 +84,7 @@ private:
 
     void PrintSegment(char const* what, PlacedSegment const* a, PlacedSegment const* b) {
         DOSegment const& segment = (a ? a : b)->segment;
-        std::string const fingerprint = TextOf(segment.fingerprint, (a ? a_ : b_).GetFPType());
+        std::string const fingerprint = TextOf(segment.fingerprint.Copy(), (a ? a_ : b_).GetFPType());
         if (!options_.json) {
             auto const place = [](PlacedSegment const* in) {
                 return in ? fmt::format("byte {} in container {}", in->position, in->segment.dcid) : std::string();

@@ -114,7 +114,7 @@ public:
         ForEachRun(
             header,
             [&](DOSegment const& segment) {
-                bool const isNew = unique_.Insert(fptype, segment.fingerprint.bytes, segment.size);
+                bool const isNew = unique_.Insert(fptype, segment.fingerprint.data, segment.size);
                 (isNew ? uniqueBytes_ : repeatedBytes_) += segment.size;
             },
             count);

@@ -105,8 +105,8 @@ public:
             report_.BadOffset(index, position, segment.offset);
         }
         std::optional<crfp_digest_t> const found = DigestOf(segment.size);
-        if (!found || std::memcmp(&*found, &segment.fingerprint, sizeof *found) != 0) {
-            report_.BadSegment(index, position, segment.size, TextOf(segment.fingerprint, fptype_),
+        if (!found || std::memcmp(found->bytes, segment.fingerprint.data, segment.fingerprint.size) != 0) {
+            report_.BadSegment(index, position, segment.size, TextOf(segment.fingerprint.Copy(), fptype_),
                                found ? TextOf(*found, fptype_) : "");
         }
     }

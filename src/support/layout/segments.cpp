@@ -9,6 +9,7 @@ namespace crrecord {
 
 DOSegmentSource SegmentSourceOf(DORecordHeader const& fields, unsigned char const* record, Order order) noexcept {
     RecordLayout const layout(CountsOf(&fields, Order::Host));
+    DOType const type = DOTypeOf(fields.dotype);
     return {.entries = record + layout.entries,
             .dcids = record + layout.dcids,
             .objectSize = fields.size,
@@ -16,12 +17,16 @@ DOSegmentSource SegmentSourceOf(DORecordHeader const& fields, unsigned char cons
             .count = layout.segments,
             .stride = static_cast<unsigned char>(layout.stride),
             .fingerprint = static_cast<unsigned char>(layout.fingerprint),
-            .dotype = fields.dotype,
-            .networkOrder = order == Order::Network};
+            .offsetPosition = static_cast<unsigned char>(layout.offset),
+            .sizeWidth = type.sizeWidth,
+            .offsetWidth = type.offsetWidth,
+            .derivesSizes = type.check == ListCheck::Product,
+            .order = order};
 }
 
 DOUniqueDCIDSource UniqueSourceOf(DORecordHeader const& fields, unsigned char const* record) noexcept {
-    return {.list = record + RecordLayout(CountsOf(&fields, Order::Host)).udcids, .count = fields.nudcid};
+    RecordLayout const layout(CountsOf(&fields, Order::Host));
+    return {.entries = record + layout.UniqueEntry(0), .count = fields.nudcid};
 }
 
 } // namespace crrecord
@@ -34,33 +39,8 @@ DOSegmentSource DOSegmentSource::Of(DORecordHeader const* header) noexcept {
     return SegmentSourceOf(fields, BytesOf(header), order);
 }
 
-DOSegment DOSegmentSource::Read(unsigned int i) const noexcept {
-    SegmentList const list{.entries = entries,
-                           .count = count,
-                           .stride = stride,
-                           .sizeAt = fingerprint,
-                           .offsetAt = OffsetPosition(fingerprint),
-                           .dotype = dotype,
-                           .order = networkOrder ? Order::Network : Order::Host,
-                           .subDO = false,
-                           .objectSize = objectSize,
-                           .ssize = ssize};
-    DOSegment segment{};
-    std::memcpy(segment.fingerprint.bytes, entries + std::uint64_t{i} * stride, fingerprint);
-    segment.size = SegmentSizeOf(list, i);
-    segment.offset = DOTypeOf(dotype).offsetWidth == sizeof(std::uint32_t) ? SegmentObjectOffsetOf(list, i)
-                                                                           : SegmentOffsetOf(list, i);
-    segment.dcid = Load<std::uint64_t>(dcids + std::uint64_t{i} * kDcidSize);
-    return segment;
-}
-
 DOUniqueDCIDSource DOUniqueDCIDSource::Of(DORecordHeader const* header) noexcept {
     DORecordHeader fields = ReadHeader(header);
     HeaderToHost(fields);
     return UniqueSourceOf(fields, BytesOf(header));
-}
-
-DOUniqueDCID DOUniqueDCIDSource::Read(unsigned int i) const noexcept {
-    UniqueEntry const entry = LoadUniqueEntry(list, i, Order::Host);
-    return {entry.dcid, entry.bytes};
 }
