@@ -457,6 +457,12 @@ protected:
 private:
     friend struct crrecord::RecordInternals;
     CRRECORD_LOCAL DORecord() noexcept;
+    // `width` bytes at an offset from the start of the buffer, or null if they are not inside it.
+    unsigned char const* BytesAt(unsigned long offset, unsigned int width) const;
+    // A field of entry i, or `none` if the entry has no field of this width or is not inside the buffer.
+    template <class T>
+    T NumberInEntry(unsigned int i, unsigned int width, unsigned int position, T none) const;
 };
 
+#include <crrecord/segment_accessors.h>
 #include <crrecord/tref_iterator.h>

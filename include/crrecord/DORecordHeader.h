@@ -16,6 +16,7 @@
 #pragma once
 
 #include <crrecord/container.h>
+#include <crrecord/do_types.h>
 #include <crrecord/export.h>
 #include <crrecord/finding.h>
 #include <crrecord/status.h>
@@ -25,27 +26,6 @@
 inline constexpr unsigned int CR_DO_RECORD_TYPE = 3;
 inline constexpr unsigned int CR_DO_HEADER_SIZE = 80;
 inline constexpr unsigned int CR_DO_RECORD_SIZE = 104;
-
-// DO types: how a record describes its segments. Records store these values, so they never change.
-//
-// | type | entry of a segment                        | size of a segment                | offset          |
-// |------|-------------------------------------------|----------------------------------|-----------------|
-// | 0, 1 | fingerprint                               | ssize; of the last what remains  | none            |
-// | 2    | fingerprint, 32-bit size                  | stored                           | none            |
-// | 3    | fingerprint, 32-bit size, 64-bit offset   | stored                           | 64 bits, stored |
-// | 4    | none: a bloom bitmap instead              | none                             | none            |
-// | 5    | fingerprint, 32-bit size, 32-bit offset   | stored                           | 32 bits, stored |
-inline constexpr unsigned char CR_DO_TYPE_ORIGINAL = 0;
-inline constexpr unsigned char CR_DO_TYPE_NO_SIZE = 1;
-inline constexpr unsigned char CR_DO_TYPE_NO_OFFSET = 2;
-inline constexpr unsigned char CR_DO_TYPE_8_BYTE_OFFSET = 3;
-inline constexpr unsigned char CR_DO_TYPE_BLOOM_FILTER = 4;
-inline constexpr unsigned char CR_DO_TYPE_4_BYTE_OFFSET = 5;
-inline constexpr unsigned char CR_DO_TYPE_LAST = CR_DO_TYPE_4_BYTE_OFFSET; // the greatest DO type
-inline constexpr unsigned char CR_DO_TYPE_INVALID = 255;
-
-// Returns: non-zero for the DO types 0 to 5. The argument is not cut to 8 bits: 259 is not taken for 3.
-CRRECORD_API int CRDOTypeIsValid(unsigned int dotype) noexcept;
 
 // The fixed header. Alignment is 1, since records are read in place in mapped pages and database slices. All integers
 // are unsigned. A conversion byte-swaps all of them but ntaskid and nds, which stay in the byte order of the machine

@@ -5,9 +5,7 @@
 
 #pragma once
 
-#include <crrecord/DORecordHeader.h>
-#include <crrecord/byte_order.h>
-#include <crrecord/fingerprint.h>
+#include <crrecord/entry_layout.h>
 #include <crrecord/record_range.h>
 
 #include <cstdint>
@@ -49,7 +47,7 @@ struct DOUniqueDCID {
 //
 // Preconditions: Of takes a record in either order whose counts are known to fit its buffer, as after validation; the
 // other functions take an index below count.
-struct DOSegmentSource {
+struct DOSegmentSource : crrecord::DOEntryLayout {
     typedef DOSegment value_type;
 
     CRRECORD_API static DOSegmentSource Of(DORecordHeader const* header) noexcept;
@@ -58,36 +56,25 @@ struct DOSegmentSource {
         return order == crrecord::Order::Host ? ReadIn<crrecord::Order::Host>(i) : ReadIn<crrecord::Order::Network>(i);
     }
 
-    unsigned char const* Entry(unsigned int i) const noexcept { return entries + std::uint64_t{i} * stride; }
-
-    // Size of segment i if entries store none: `ssize`, and the rest for the last segment; or 0xffffffff.
-    unsigned int DerivedSize(unsigned int i) const noexcept {
-        return derivesSizes ? static_cast<unsigned int>(i == count - 1 ? objectSize - i * ssize : ssize) : 0xffffffff;
-    }
-
     unsigned char const* entries;
     unsigned char const* dcids;
     unsigned long objectSize;
     unsigned long ssize;
     unsigned int count;
-    unsigned char stride;         // bytes of an entry
-    unsigned char fingerprint;    // bytes of a fingerprint, and position of the size in an entry
-    unsigned char offsetPosition; // position of the offset in an entry
-    unsigned char sizeWidth;      // bytes of a size: 0 or 4
-    unsigned char offsetWidth;    // bytes of an offset: 0, 4 or 8
-    bool derivesSizes;            // sizes follow from objectSize and ssize
-    crrecord::Order order;        // of sizes and offsets
+    crrecord::Order order; // of sizes and offsets
 
 private:
     template <crrecord::Order order>
     DOSegment ReadIn(unsigned int i) const noexcept {
-        unsigned char const* const entry = Entry(i);
-        DOSegment segment{{entry, fingerprint}, 0, ~0ul, crrecord::Load<std::uint64_t>(dcids + std::uint64_t{i} * 8)};
-        segment.size = sizeWidth != 0 ? crrecord::Load<std::uint32_t>(entry + fingerprint, order) : DerivedSize(i);
+        unsigned char const* const entry = entries + std::uint64_t{i} * stride;
+        DOSegment segment{
+            {entry, fingerprint}, 0, crrecord::kNoOffset, crrecord::Load<std::uint64_t>(dcids + std::uint64_t{i} * 8)};
+        segment.size = sizeWidth != 0 ? crrecord::Load<std::uint32_t>(entry + fingerprint, order)
+                                      : DerivedSize(i, count, objectSize, ssize);
         if (offsetWidth == 8) {
-            segment.offset = crrecord::Load<std::uint64_t>(entry + offsetPosition, order);
+            segment.offset = crrecord::Load<std::uint64_t>(entry + offset, order);
         } else if (offsetWidth == 4) {
-            segment.offset = crrecord::Load<std::uint32_t>(entry + offsetPosition, order);
+            segment.offset = crrecord::Load<std::uint32_t>(entry + offset, order);
         }
         return segment;
     }

@@ -51,9 +51,7 @@ struct RecordInternals {
     static RecordLayout ChangeableLayout(DORecord const& record, SectionEnd end);
     static bool OrderMatchesHeader(DORecord const& record) noexcept;
     static bool Reaches(DORecord const& record, RecordLayout const& layout, SectionEnd end) noexcept;
-    // `width` bytes at `offset`. If they are not inside the buffer, Element returns null and WritableElement throws as
-    // CheckedLayout does.
-    static unsigned char* Element(DORecord const& record, std::uint64_t offset, unsigned int width) noexcept;
+    // `width` bytes at `offset`, or an exception as CheckedLayout's if they are not inside the buffer.
     static unsigned char* WritableElement(DORecord& record, std::uint64_t offset, unsigned int width);
 
     static void MakeBlank(DORecord& record) noexcept;

@@ -57,24 +57,11 @@ void crrecord::ThrowIfFaulty(SegmentFault const& fault, unsigned int dotype) {
     }
 }
 
-unsigned char* RecordInternals::Element(DORecord const& record, std::uint64_t offset, unsigned int width) noexcept {
-    return offset + width <= record.bufferSize ? BytesOf(record.header) + offset : nullptr;
-}
-
 unsigned char* RecordInternals::WritableElement(DORecord& record, std::uint64_t offset, unsigned int width) {
-    unsigned char* const at = Element(record, offset, width);
-    if (!at) {
+    if (!record.BytesAt(offset, width)) {
         Refuse(kInvalidRecordSize);
     }
-    return at;
-}
-
-crfp_digest_t const& DORecord::GetSegmentFP(unsigned int i) const {
-    static constexpr crfp_digest_t kOutside{};
-    RecordLayout const layout = LayoutOf(header);
-    assert(i < layout.segments);
-    unsigned char const* const at = RecordInternals::Element(*this, layout.Entry(i), sizeof kOutside);
-    return at ? *reinterpret_cast<crfp_digest_t const*>(at) : kOutside;
+    return BytesOf(record.header) + offset;
 }
 
 void DORecord::SetSegmentFP(unsigned int i, crfp_digest_t const& fingerprint) {
@@ -82,13 +69,6 @@ void DORecord::SetSegmentFP(unsigned int i, crfp_digest_t const& fingerprint) {
     assert(i < layout.segments);
     std::memmove(RecordInternals::WritableElement(*this, layout.Entry(i), sizeof fingerprint), fingerprint.bytes,
                  sizeof fingerprint);
-}
-
-unsigned long DORecord::GetSegmentDCID(unsigned int i) const {
-    RecordLayout const layout = LayoutOf(header);
-    assert(i < layout.segments);
-    unsigned char const* const at = RecordInternals::Element(*this, layout.Dcid(i), kDcidSize);
-    return at ? Load<std::uint64_t>(at) : 0;
 }
 
 cr_unaligned_u64 const* DORecord::GetSegmentDCIDList() const {
@@ -101,14 +81,6 @@ void DORecord::SetSegmentDCID(unsigned int i, unsigned long dcid) {
     Store(RecordInternals::WritableElement(*this, layout.Dcid(i), kDcidSize), dcid);
 }
 
-unsigned int DORecord::GetSegmentSize(unsigned int i) const {
-    RecordLayout const layout = LayoutOf(header);
-    SegmentList const list = SegmentListOf(header, layout, OrderFor(networkOrder), subDO);
-    bool const stored = DOTypeOf(list.dotype).sizeWidth != 0;
-    return stored && !RecordInternals::Element(*this, layout.Entry(i) + list.sizeAt, 4) ? kNoSize
-                                                                                        : SegmentSizeOf(list, i);
-}
-
 void DORecord::SetSegmentSize(unsigned int i, unsigned int size) {
     if (DOTypeOf(GetDOType()).sizeWidth != 0) {
         RecordLayout const layout = LayoutOf(header);
@@ -118,24 +90,11 @@ void DORecord::SetSegmentSize(unsigned int i, unsigned int size) {
     handleUpdate();
 }
 
-unsigned long DORecord::GetSegmentOffset(unsigned int i) const {
-    RecordLayout const layout = LayoutOf(header);
-    SegmentList const list = SegmentListOf(header, layout, OrderFor(networkOrder), subDO);
-    return RecordInternals::Element(*this, layout.Entry(i) + list.offsetAt, 8) ? SegmentOffsetOf(list, i) : kNoOffset;
-}
-
 void DORecord::SetSegmentOffset(unsigned int i, unsigned long offset) {
     RecordLayout const layout = LayoutOf(header);
     assert(i < layout.segments);
     Store(RecordInternals::WritableElement(*this, layout.Entry(i) + layout.offset, sizeof offset), offset);
     handleUpdate();
-}
-
-unsigned int DORecord::GetSegmentObjectOffset(unsigned int i) const {
-    RecordLayout const layout = LayoutOf(header);
-    SegmentList const list = SegmentListOf(header, layout, OrderFor(networkOrder), subDO);
-    return RecordInternals::Element(*this, layout.Entry(i) + list.offsetAt, 4) ? SegmentObjectOffsetOf(list, i)
-                                                                               : kNoObjectOffset;
 }
 
 void DORecord::SetSegmentObjectOffset(unsigned int i, unsigned int offset) {

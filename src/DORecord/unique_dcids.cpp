@@ -231,6 +231,6 @@ unsigned char const* DORecord::GetSegmentUDCIDList() const {
 
 unsigned long DORecord::GetSegmentUDCID(unsigned int i) const {
     assert(i < CountsOf(header, OrderOf(header)).nudcid);
-    unsigned char const* const at = RecordInternals::Element(*this, LayoutOf(header).UniqueEntry(i), kDcidSize);
+    unsigned char const* const at = BytesAt(LayoutOf(header).UniqueEntry(i), kDcidSize);
     return at ? Load<std::uint64_t>(at) : 0;
 }

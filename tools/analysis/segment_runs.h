@@ -5,7 +5,7 @@
 #include "io/record_stream.h"
 
 #include "SOmarshall/layout.h"
-#include "support/layout/do_types.h"
+#include <crrecord/do_types.h>
 
 #include <crrecord/DORecordView.h>
 

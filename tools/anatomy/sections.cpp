@@ -2,7 +2,7 @@
 
 #include "SOmarshall/layout.h"
 #include "support/exchange/exchange_form.h"
-#include "support/layout/do_types.h"
+#include <crrecord/do_types.h>
 #include "support/layout/header_fields.h"
 
 #include <algorithm>

@@ -4,7 +4,7 @@
 #include "record/do_record.h"
 #include "record/references.h"
 
-#include "support/layout/do_types.h"
+#include <crrecord/do_types.h>
 
 #include <charconv>
 #include <ctime>

@@ -2,7 +2,7 @@
 
 #include "record/do_record.h"
 #include "record/record_findings.h"
-#include "support/layout/do_types.h"
+#include <crrecord/do_types.h>
 #include "verbs/verbs.h"
 
 namespace crrecord::tool {

@@ -5,7 +5,7 @@
 #include "record/do_record.h"
 #include "verbs/verbs.h"
 
-#include "support/layout/do_types.h"
+#include <crrecord/do_types.h>
 
 namespace crrecord::tool {
 

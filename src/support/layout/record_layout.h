@@ -2,11 +2,9 @@
 
 #pragma once
 
-#include <crrecord/DORecordHeader.h>
-#include <crrecord/fingerprint.h>
+#include <crrecord/entry_layout.h>
 
 #include "base/byteorder.h"
-#include "support/layout/do_types.h"
 
 #include <algorithm>
 #include <atomic>
@@ -38,11 +36,6 @@ constexpr std::uint64_t UniqueListSize(std::uint32_t nudcid) noexcept {
     return nudcid == 0 ? 0 : kUniqueHeadSize + std::uint64_t{kUniqueEntrySize} * nudcid;
 }
 
-// Position of an entry's offset: behind the place of a size, whether there is one or not.
-constexpr unsigned int OffsetPosition(unsigned int fingerprint) noexcept {
-    return fingerprint + 4;
-}
-
 // What the layout of a record depends on, as host values.
 struct RecordCounts {
     std::uint32_t ntaskid = 0;
@@ -57,11 +50,8 @@ struct RecordCounts {
 
 // Offsets from the start of the record, and sizes, in bytes. Sections lie in the order of the members. No sum can wrap:
 // the largest is below 2^39.
-struct RecordLayout {
-    std::uint32_t segments;   // how many the record has: none in a bloom record, whatever its nfp says
-    unsigned int fingerprint; // bytes of one, and the position of the size in an entry
-    unsigned int offset;      // position of the offset in an entry, whether it has one or not
-    unsigned int stride;      // bytes of an entry
+struct RecordLayout : DOEntryLayout {
+    std::uint32_t segments; // how many the record has: none in a bloom record, whatever its nfp says
 
     std::uint64_t entries;
     std::uint64_t dcids;
@@ -72,16 +62,11 @@ struct RecordLayout {
     std::uint64_t tail;
     std::uint64_t total;
 
-    constexpr explicit RecordLayout(RecordCounts const& counts) noexcept {
+    constexpr explicit RecordLayout(RecordCounts const& counts) noexcept : DOEntryLayout(counts.dotype, counts.fptype) {
         bool const bloom = IsBloom(counts.dotype);
-        DOType const type = DOTypeOf(counts.dotype);
         segments = bloom ? 0 : counts.nfp;
-        fingerprint = CRFPDigestSize(counts.fptype);
-        offset = OffsetPosition(fingerprint);
-        stride = fingerprint + type.sizeWidth + type.offsetWidth;
-
-        entries = CR_DO_HEADER_SIZE;
-        dcids = entries + std::uint64_t{stride} * segments;
+        entries = Entry(0);
+        dcids = Entry(segments);
         udcids = bloom ? entries + kBloomLengthSize + counts.bsize + kBloomEndSize
                        : dcids + std::uint64_t{kDcidSize} * segments;
         taskIds = udcids + UniqueListSize(counts.nudcid);
@@ -91,17 +76,11 @@ struct RecordLayout {
         total = tail + (bloom ? kBloomTailSize : kTailSize);
     }
 
-    constexpr std::uint64_t Entry(std::uint64_t i) const noexcept { return entries + i * stride; }
     constexpr std::uint64_t Dcid(std::uint64_t i) const noexcept { return dcids + i * kDcidSize; }
     constexpr std::uint64_t UniqueEntry(std::uint64_t i) const noexcept {
         return udcids + kUniqueHeadSize + i * kUniqueEntrySize;
     }
 };
-
-// A header is in network order exactly when its type, read as big-endian, is that of a DO record.
-inline Order OrderOf(DORecordHeader const* header) noexcept {
-    return ByteSwapped(header->type) == CR_DO_RECORD_TYPE ? Order::Network : Order::Host;
-}
 
 // The counts of a header in the order in which it stands; the legacy counts have no order.
 inline RecordCounts CountsOf(DORecordHeader const* header, Order order) noexcept {

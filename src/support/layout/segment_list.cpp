@@ -23,12 +23,7 @@ std::uint32_t SegmentSizeOf(SegmentList const& list, std::uint32_t i) noexcept {
         assert(i < list.count);
         return Load<std::uint32_t>(list.entries + std::uint64_t{i} * list.stride + list.sizeAt, list.order);
     }
-    if (type.check != ListCheck::Product) {
-        return kNoSize;
-    }
-    // Cut to 32 bits, as a segment's size is. Without segments the last index is 2^32 - 1.
-    std::uint64_t const size = i == list.count - 1 ? list.objectSize - i * list.ssize : list.ssize;
-    return static_cast<std::uint32_t>(size);
+    return DOEntryLayout(list.dotype, 0).DerivedSize(i, list.count, list.objectSize, list.ssize);
 }
 
 std::uint64_t SegmentOffsetOf(SegmentList const& list, std::uint32_t i) noexcept {

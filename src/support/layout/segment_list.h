@@ -34,8 +34,4 @@ std::uint32_t SegmentObjectOffsetOf(SegmentList const& list, std::uint32_t i) no
 DOSegmentSource SegmentSourceOf(DORecordHeader const& fields, unsigned char const* record, Order order) noexcept;
 DOUniqueDCIDSource UniqueSourceOf(DORecordHeader const& fields, unsigned char const* record) noexcept;
 
-inline constexpr std::uint32_t kNoSize = 0xffffffff;
-inline constexpr std::uint32_t kNoObjectOffset = 0xffffffff;
-inline constexpr std::uint64_t kNoOffset = 0xffffffffffffffff;
-
 } // namespace crrecord

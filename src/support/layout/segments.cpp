@@ -9,19 +9,7 @@ namespace crrecord {
 
 DOSegmentSource SegmentSourceOf(DORecordHeader const& fields, unsigned char const* record, Order order) noexcept {
     RecordLayout const layout(CountsOf(&fields, Order::Host));
-    DOType const type = DOTypeOf(fields.dotype);
-    return {.entries = record + layout.entries,
-            .dcids = record + layout.dcids,
-            .objectSize = fields.size,
-            .ssize = fields.ssize,
-            .count = layout.segments,
-            .stride = static_cast<unsigned char>(layout.stride),
-            .fingerprint = static_cast<unsigned char>(layout.fingerprint),
-            .offsetPosition = static_cast<unsigned char>(layout.offset),
-            .sizeWidth = type.sizeWidth,
-            .offsetWidth = type.offsetWidth,
-            .derivesSizes = type.check == ListCheck::Product,
-            .order = order};
+    return {layout, record + layout.entries, record + layout.dcids, fields.size, fields.ssize, layout.segments, order};
 }
 
 DOUniqueDCIDSource UniqueSourceOf(DORecordHeader const& fields, unsigned char const* record) noexcept {
