@@ -1,6 +1,11 @@
-// One load, one store, and one way to turn a field between host and network (big-endian) order.
+// Integers in host and network (big-endian) order.
 //
-// Turning is its own inverse, and nothing on a big-endian machine.
+// Conversion is its own inverse. On a big-endian machine it changes nothing.
+//
+// A record's fixed header is a packed structure: its members are read and written as such, through InOrder if the
+// record may be in network order. If the memory may change meanwhile, the header is copied first (ReadHeader) and the
+// copy is read. Load and Store are for all integers elsewhere: after the header, in an exchange form, or at an offset
+// from a table of fields.
 
 #pragma once
 
@@ -15,6 +20,10 @@ namespace crrecord {
 
 enum class Order { Host, Network };
 
+constexpr Order OrderFromFlag(bool networkOrder) noexcept {
+    return networkOrder ? Order::Network : Order::Host;
+}
+
 constexpr Order Other(Order order) noexcept {
     return order == Order::Host ? Order::Network : Order::Host;
 }
@@ -24,17 +33,23 @@ constexpr T ByteSwapped(T value) noexcept {
     return boost::endian::native_to_big(value);
 }
 
-// Neither needs alignment; both are the only way in which the library reads and writes integers in buffers.
+// Converts a host value to `order`, or a value stored in `order` to a host value.
+template <class T>
+constexpr T InOrder(T value, Order order) noexcept {
+    return order == Order::Host ? value : ByteSwapped(value);
+}
+
+// Load and Store require no alignment.
 template <class T>
 T Load(void const* from, Order order = Order::Host) noexcept {
     T value;
     std::memcpy(&value, from, sizeof value);
-    return order == Order::Host ? value : ByteSwapped(value);
+    return InOrder(value, order);
 }
 
 template <class T>
 void Store(void* to, T value, Order order = Order::Host) noexcept {
-    T const stored = order == Order::Host ? value : ByteSwapped(value);
+    T const stored = InOrder(value, order);
     std::memcpy(to, &stored, sizeof stored);
 }
 

@@ -1,4 +1,4 @@
-// The inside of a typed reference, for the library's own eyes.
+// The value of a typed reference and its binary form, for use inside the library.
 
 #pragma once
 
@@ -17,12 +17,12 @@ struct _cr_tref_t {
 
 namespace crrecord {
 
-// A handle for looking a reference up: it is in no pool, so asking takes neither memory nor a lock. It may be held
-// while the key lives.
+// A handle to look up a reference. It is not in a pool, so a lookup neither allocates nor locks.
+// Lifetime: copies of the handle must be released before the key is destroyed.
 class LookupKey {
 public:
     explicit LookupKey(_cr_tref_t const& value) noexcept : value_(value), handle_(::new (memory_) Cr_TRef(&value_)) {}
-    // Not destroyed: that would hand the value to the pool.
+    // Detached, not released: a release would return the value to the pool.
     ~LookupKey() { static_cast<void>(handle_.detach()); }
     LookupKey(LookupKey const&) = delete;
     LookupKey& operator=(LookupKey const&) = delete;
@@ -61,13 +61,14 @@ constexpr int CompareReferences(_cr_tref_t const& a, _cr_tref_t const& b) noexce
     return a.id == b.id ? 0 : a.id < b.id ? -1 : 1;
 }
 
-// Decodes the reference at the front of `available` bytes. The bytes that it took, or 0 where they are not one.
+// Decodes the reference at the start of `available` bytes.
+// Returns: the size of its binary form in bytes, or 0 if the bytes are no reference.
 inline unsigned long DecodeReference(unsigned char const* bytes, unsigned long available,
                                      _cr_tref_t& reference) noexcept {
     if (available < kReferenceHeadSize) {
         return 0;
     }
-    // Read once: the kind that was checked is the kind that is used, even if the memory changes.
+    // The kind is read once, so that the checked kind is the one that is used even if the memory changes.
     unsigned char const volatile* const head = bytes;
     int const kind = head[0];
     if (!ReferenceKindIsValid(kind) || head[1] != ReferenceIdSize(kind) || available < ReferenceSize(kind)) {
@@ -80,11 +81,12 @@ inline unsigned long DecodeReference(unsigned char const* bytes, unsigned long a
     return ReferenceSize(kind);
 }
 
-// Encodes a reference at the front of `room` bytes. The bytes that it took, or 0, with nothing written, where they are
-// too few.
-inline unsigned long EncodeReference(unsigned char* bytes, unsigned long room, _cr_tref_t const& reference) noexcept {
+// Encodes a reference at the start of `available` bytes.
+// Returns: the size of its binary form in bytes. On failure: 0 if too few bytes are available; they are not changed.
+inline unsigned long EncodeReference(unsigned char* bytes, unsigned long available,
+                                     _cr_tref_t const& reference) noexcept {
     unsigned long const size = ReferenceSize(reference.kind);
-    if (room < size) {
+    if (available < size) {
         return 0;
     }
     bytes[0] = static_cast<unsigned char>(reference.kind);
