@@ -184,11 +184,11 @@ int main(int count, char** arguments) {
     for (auto const& entry : std::filesystem::directory_iterator(count > 1 ? arguments[1] : ".")) {
         ChangeFile(entry.path());
     }
-    std::string table = "| Told first | Prefixes | Bytes | Bits |\n|---|---:|---:|---:|\n";
+    std::string table = "| First finding | Prefixes | Bytes | Bits |\n|---|---:|---:|---:|\n";
     for (auto const& [code, of] : counts) {
         std::string const name = code == kJson        ? "read as JSON"
                                  : code == kNoJson    ? "refused as JSON"
-                                 : code == kCanonical ? "nothing: another canonical record"
+                                 : code == kCanonical ? "none: another canonical record"
                                                       : std::to_string(code) + " `" + CRFindingName(code) + "`";
         table += fmt::format("| {} | {} | {} | {} |\n", name, of[kPrefix], of[kByte], of[kBit]);
     }

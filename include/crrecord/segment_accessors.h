@@ -19,7 +19,7 @@ T DORecord::NumberInEntry(unsigned int i, unsigned int width, unsigned int posit
     }
     assert(i < crrecord::EntriesOf(header));
     unsigned char const* const at = BytesAt(crrecord::EntryLayoutOf(header).Entry(i) + position, sizeof(T));
-    return at ? crrecord::Load<T>(at, networkOrder ? crrecord::Order::Network : crrecord::Order::Host) : none;
+    return at ? crrecord::Load<T>(at, crrecord::OrderFromFlag(networkOrder)) : none;
 }
 
 inline crfp_digest_t const& DORecord::GetSegmentFP(unsigned int i) const {

@@ -8,8 +8,6 @@ using namespace crrecord;
 
 namespace {
 
-constexpr unsigned int kKnownFlags = 0x0006;
-
 // True for flags that may be set; logs the others.
 bool CheckFlags(unsigned int flags) noexcept {
     bool const known = (flags & ~kKnownFlags) == 0;

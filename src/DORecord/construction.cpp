@@ -3,7 +3,7 @@
 #include "DORecord/record.h"
 #include "base/memory.h"
 #include "base/prefetch.h"
-#include "support/exchange/exchange_form.h"
+#include "support/exchange/exchange_parser.h"
 #include "support/layout/unique_list.h"
 
 #include <cstdlib>

@@ -15,7 +15,7 @@ namespace crrecord {
 // Converts one field either way between the record's order and the host's.
 template <class T>
 T InOrder(T value, bool networkOrder) noexcept {
-    return networkOrder ? ByteSwapped(value) : value;
+    return InOrder(value, OrderFromFlag(networkOrder));
 }
 
 [[noreturn]] inline void Refuse(char const* text) {

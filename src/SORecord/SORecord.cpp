@@ -13,16 +13,12 @@ namespace {
 
 using crrecord::FindingReporter;
 using crrecord::FirstError;
+using crrecord::InOrder;
 using crrecord::Order;
+using crrecord::OrderFromFlag;
 namespace segment = crrecord::segment;
 
 constexpr char kSource[] = "SORecord/SORecord.cpp";
-
-// Converts one field either way between the record's order and the host's.
-template <class T>
-T InOrder(T value, bool networkOrder) noexcept {
-    return networkOrder ? crrecord::ByteSwapped(value) : value;
-}
 
 [[noreturn]] void Refuse() {
     throw Cr_ErrnoException(CR_STATUS_INVALID);
@@ -52,7 +48,7 @@ SORecord::SORecord(Blank) : record_(nullptr), ownsBuffer_(true), networkOrder_(f
 SORecord::SORecord(unsigned short flags, unsigned int dcid, unsigned int size, unsigned int crc, char const* key,
                    unsigned char cryptoMode, unsigned char fpType)
     : SORecord(Blank{}) {
-    // The object is complete since the blank construction, so its destructor frees the buffer when a check throws.
+    // The delegated constructor has completed the object, so the destructor frees the buffer if a check throws.
     record_->type = CR_SO_RECORD_TYPE;
     SetFlags(flags);
     SetDCID(dcid);
@@ -74,16 +70,14 @@ std::unique_ptr<SORecord> SORecord::FromBuffer(void const* buffer, unsigned long
     if (!buffer || options != 0) {
         Refuse();
     }
-    // The copy is what is checked and kept: the buffer may change meanwhile.
+    // The copy is checked and kept, because the buffer may change meanwhile.
     unsigned char copy[CR_SO_RECORD_SIZE] = {};
     std::memcpy(copy, buffer, std::min<unsigned long>(size, sizeof copy));
     bool const networkOrder = segment::OrderOf(reinterpret_cast<_SegmentDBRecord const*>(copy)) == Order::Network;
     FirstError error;
-    FindingReporter report = FindingReporter::ErrorsOnly(FirstError::Listen, &error);
-    segment::Diagnose(copy, size, networkOrder ? CR_SO_NETWORK_ORDER : 0, report);
-    if (report.Status() != CR_STATUS_OK) {
-        error.Throw();
-    }
+    FindingReporter reporter = error.Reporter();
+    segment::Diagnose(copy, size, networkOrder ? CR_SO_NETWORK_ORDER : 0, reporter);
+    error.ThrowIfAny();
     if (size != CR_SO_RECORD_SIZE) {
         std::stringstream message;
         message << "Invalid SO record: size " << size << ", expected " << +CR_SO_RECORD_SIZE;
@@ -100,14 +94,14 @@ std::unique_ptr<SORecord> SORecord::FromBuffer(void const* buffer, unsigned long
 }
 
 unsigned short SORecord::GetFlags() const {
-    return InOrder(record_->flags, networkOrder_);
+    return InOrder(record_->flags, OrderFromFlag(networkOrder_));
 }
 
 void SORecord::SetFlags(unsigned short flags) {
     if (!segment::FlagsAreValid(flags)) {
         Refuse();
     }
-    record_->flags = InOrder(flags, networkOrder_);
+    record_->flags = InOrder(flags, OrderFromFlag(networkOrder_));
 }
 
 unsigned long SORecord::GetDCID() const {
@@ -118,40 +112,40 @@ void SORecord::SetDCID(unsigned long dcid) {
     if (!segment::DcidIsValid(dcid)) {
         Refuse();
     }
-    record_->pathid = InOrder(dcid, networkOrder_);
+    record_->pathid = InOrder(dcid, OrderFromFlag(networkOrder_));
     record_->fileid = 0;
 }
 
 unsigned long SORecord::GetPathID() const {
-    return InOrder(record_->pathid, networkOrder_);
+    return InOrder(record_->pathid, OrderFromFlag(networkOrder_));
 }
 
 unsigned long SORecord::GetFileID() const {
-    return InOrder(record_->fileid, networkOrder_);
+    return InOrder(record_->fileid, OrderFromFlag(networkOrder_));
 }
 
 unsigned long SORecord::GetSize() const {
-    return InOrder(record_->size, networkOrder_);
+    return InOrder(record_->size, OrderFromFlag(networkOrder_));
 }
 
 void SORecord::SetSize(unsigned long size) {
-    record_->size = InOrder(size, networkOrder_);
+    record_->size = InOrder(size, OrderFromFlag(networkOrder_));
 }
 
 unsigned int SORecord::GetCRC() const {
-    return InOrder(record_->CRC, networkOrder_);
+    return InOrder(record_->CRC, OrderFromFlag(networkOrder_));
 }
 
 void SORecord::SetCRC(unsigned int crc) {
-    record_->CRC = InOrder(crc, networkOrder_);
+    record_->CRC = InOrder(crc, OrderFromFlag(networkOrder_));
 }
 
 unsigned int SORecord::GetCheckTime() const {
-    return InOrder(record_->checktime, networkOrder_);
+    return InOrder(record_->checktime, OrderFromFlag(networkOrder_));
 }
 
 void SORecord::SetCheckTime(unsigned int seconds) {
-    record_->checktime = InOrder(seconds, networkOrder_);
+    record_->checktime = InOrder(seconds, OrderFromFlag(networkOrder_));
 }
 
 unsigned char SORecord::GetFPType() const {
@@ -189,7 +183,7 @@ void SORecord::SetKey(char const* key) {
     if (!key) {
         Refuse();
     }
-    // A move, because the key may be the one that GetKey gave. The test can't fail; callers know its place in the log.
+    // memmove, because the key may be the record's own. The test cannot fail; it keeps a position that logs may have.
     void const* const copied = std::memmove(record_->key, key, CR_SO_KEY_SIZE);
     if (!copied) {
         throw Cr_ErrnoException(_crMapError("SetKey", kSource, 221));
@@ -208,12 +202,12 @@ bool SORecord::IsInNetworkOrder() const {
     return networkOrder_;
 }
 
-// A conversion must not leave the buffer for counts that were written through GetHeader: task ids and fingerprints have
-// the size of the spare slot, task ids that are stripped are not read, and a single fingerprint is too large.
+// A caller may have written any counts through GetHeader, and a conversion must stay inside the buffer. One task id
+// fits into the spare slot; a fingerprint does not. Task ids that are stripped are not read.
 void SORecord::requireCountsInBuffer(unsigned int options) const {
     bool const strip = (options & CR_SO_STRIP_TASKIDS) != 0;
-    std::uint32_t const taskIds = strip ? 0 : InOrder(record_->ntaskids, networkOrder_);
-    std::uint32_t const nfp = InOrder(record_->nfp, networkOrder_);
+    std::uint32_t const taskIds = strip ? 0 : InOrder(record_->ntaskids, OrderFromFlag(networkOrder_));
+    std::uint32_t const nfp = InOrder(record_->nfp, OrderFromFlag(networkOrder_));
     if (segment::RecordSize(taskIds, nfp, record_->fptype) > CR_SO_RECORD_SIZE + segment::kSpareSize) {
         Refuse();
     }

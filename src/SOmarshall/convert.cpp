@@ -1,4 +1,4 @@
-// Segment records between host and network order.
+// Conversion of segment records between host and network order.
 
 #include "SOmarshall/layout.h"
 
@@ -15,7 +15,7 @@ void SwapTaskIds(unsigned char* to, unsigned char const* from, std::uint32_t cou
 void copyDO(_SegmentDBRecord* destination, _SegmentDBRecord const* source, std::uint32_t destinationTaskIds,
             std::uint32_t sourceTaskIds, std::uint32_t nfp) noexcept {
     if (nfp == 0) {
-        return; // the task ids of an SORecord may claim to end outside its buffer
+        return; // the task ids of an SORecord may end outside of its buffer
     }
     unsigned char* const to = BytesOf(destination) + FingerprintOffset(destinationTaskIds);
     unsigned char const* const from = BytesOf(source) + FingerprintOffset(sourceTaskIds);
@@ -39,21 +39,21 @@ void ConvertFields(unsigned char* to, unsigned char const* from) noexcept {
 
 void Convert(_SegmentDBRecord* destination, _SegmentDBRecord const* source, unsigned int options,
              Order sourceOrder) noexcept {
-    std::uint32_t const taskIds = Load<std::uint32_t>(&source->ntaskids, sourceOrder);
-    std::uint32_t const nfp = Load<std::uint32_t>(&source->nfp, sourceOrder);
+    std::uint32_t const taskIds = InOrder(source->ntaskids, sourceOrder);
+    std::uint32_t const nfp = InOrder(source->nfp, sourceOrder);
     bool const strip = (options & CR_SO_STRIP_TASKIDS) != 0;
     std::uint64_t const strippedSize = RecordSize(0, nfp, source->fptype);
 
     ConvertFields(BytesOf(destination), BytesOf(source));
     if (strip) {
-        Store(&destination->ntaskids, std::uint32_t{0});
-        Store(&destination->recsize, static_cast<std::uint32_t>(strippedSize), Other(sourceOrder));
+        destination->ntaskids = 0;
+        destination->recsize = InOrder(static_cast<std::uint32_t>(strippedSize), Other(sourceOrder));
     } else {
         SwapTaskIds(BytesOf(destination) + CR_SO_FIXED_SIZE, BytesOf(source) + CR_SO_FIXED_SIZE, taskIds);
     }
     copyDO(destination, source, strip ? 0 : taskIds, taskIds, nfp);
     if (strip && taskIds != 0 && destination == source) {
-        // The slot has moved to where task ids or fingerprints were. A separate destination keeps its own.
+        // The spare slot now has old task ids or fingerprints. A separate destination keeps its slot.
         std::memset(BytesOf(destination) + strippedSize - kSpareSize, 0, kSpareSize);
     }
 }

@@ -1,4 +1,4 @@
-// The segment record's fields and sizes: the one place for where a byte is and whether it turns with the byte order.
+// The layout of a segment record: the offset of each field, and whether a conversion byte-swaps it.
 
 #pragma once
 
@@ -8,17 +8,18 @@
 #include "base/byteorder.h"
 
 #include <array>
+#include <atomic>
 #include <string_view>
 
 namespace crrecord::segment {
 
 // What a conversion does with a field.
 enum class Handling : unsigned char {
-    ByteSwapped, // turned into the other order
-    TaskIds,     // the task-id count: turned, or 0 when the task ids are stripped
-    RecSize,     // turned, or computed anew when the task ids are stripped
-    Kept,        // copied as it is
-    Left,        // not even copied: a separate destination keeps its own
+    ByteSwapped, // byte-swapped
+    TaskIds,     // the number of task ids: byte-swapped, or 0 if the task ids are stripped
+    RecSize,     // byte-swapped, or computed if the task ids are stripped
+    Kept,        // copied unchanged
+    Left,        // not copied: a separate destination keeps its value
 };
 
 struct Field {
@@ -57,7 +58,7 @@ consteval Field FieldOf(std::string_view name) {
 inline constexpr unsigned int kTaskIdSize = 8;
 inline constexpr unsigned int kSpareSize = CR_SO_RECORD_SIZE - CR_SO_FIXED_SIZE;
 
-// The fields lie one behind the other and fill the fixed part: no byte is without a name.
+// The fields fill the fixed part without a gap.
 constexpr bool FieldsAreDense() {
     unsigned int at = 0;
     for (Field const& field : kFields) {
@@ -71,19 +72,27 @@ constexpr bool FieldsAreDense() {
 static_assert(FieldsAreDense());
 static_assert(sizeof(_SegmentDBRecord::key) == CR_SO_KEY_SIZE);
 
-// Cannot wrap: at most 104 + 40 * (2^32 - 1).
+// Size of a record in bytes. Cannot wrap: at most 104 + 40 * (2^32 - 1).
 constexpr std::uint64_t RecordSize(std::uint32_t ntaskids, std::uint32_t nfp, unsigned int fptype) noexcept {
     return CR_SO_RECORD_SIZE + std::uint64_t{kTaskIdSize} * ntaskids + std::uint64_t{CRFPDigestSize(fptype)} * nfp;
 }
 
-// Offset of fingerprint 0, behind the task ids.
+// Offset of fingerprint 0, after the task ids.
 constexpr std::uint64_t FingerprintOffset(std::uint32_t ntaskids) noexcept {
     return CR_SO_FIXED_SIZE + std::uint64_t{kTaskIdSize} * ntaskids;
 }
 
-// A record is in network order exactly when its type, read as big-endian, is that of a segment record.
+// A record is in network order if its type, read as big-endian, is that of a segment record.
 inline Order OrderOf(_SegmentDBRecord const* record) noexcept {
     return ByteSwapped(record->type) == CR_SO_RECORD_TYPE ? Order::Network : Order::Host;
+}
+
+// Copies the fixed part of a record whose memory may change meanwhile: later changes don't reach the copy.
+inline _SegmentDBRecord ReadHeader(void const* record) noexcept {
+    _SegmentDBRecord header;
+    std::memcpy(&header, record, sizeof header);
+    std::atomic_signal_fence(std::memory_order_seq_cst); // keeps the compiler from reading the record instead
+    return header;
 }
 
 inline unsigned char* BytesOf(_SegmentDBRecord* record) noexcept {

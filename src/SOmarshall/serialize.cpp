@@ -30,7 +30,7 @@ void WriteHead(unsigned char* to, _SegmentDBRecord const& record) noexcept {
     Store(to + 28, record.nfp, Order::Network);
 }
 
-// The block is zeroed, so each text has its NUL and the end its zero byte.
+// The block is zeroed, so the NUL of each text and the last byte need not be written.
 void WriteFingerprints(unsigned char* to, _SegmentDBRecord const& record) noexcept {
     unsigned int const width = CRFPDigestSize(record.fptype);
     unsigned int const slot = CRFPTextSize(record.fptype);
@@ -54,7 +54,7 @@ cr_status_t SegmentRecordSerialize(_SegmentDBRecord* record, void** out, unsigne
     }
     std::uint64_t const total =
         segment::kHeadSize + std::uint64_t{CRFPTextSize(record->fptype)} * record->nfp + segment::kEndSize;
-    // The form's length is 32 bits wide for its readers; a longer one counts as an allocation that failed.
+    // Readers use a 32-bit length. A longer form is reported as an allocation failure.
     cr_status_t const status =
         AllocateOutput(segment::kSite, total, std::numeric_limits<std::uint32_t>::max(), out, &AllocateZeroed);
     if (status != CR_STATUS_OK) {

@@ -1,4 +1,4 @@
-// Segment records on output streams, and the container test.
+// Output of segment records to streams, and the container test.
 
 #include "SOmarshall/layout.h"
 #include "base/text_writer.h"
@@ -13,7 +13,7 @@ constexpr unsigned int kTextFormatVersion = 1;
 
 void WriteBytes(std::ostream& stream, _SegmentDBRecord const& networkRecord) {
     stream.write(reinterpret_cast<char const*>(&networkRecord),
-                 static_cast<std::streamsize>(Load<std::uint32_t>(&networkRecord.recsize, Order::Network)));
+                 static_cast<std::streamsize>(InOrder(networkRecord.recsize, Order::Network)));
 }
 
 void WriteTaskIds(TextWriter& text, _SegmentDBRecord const& record) {
@@ -25,7 +25,7 @@ void WriteTaskIds(TextWriter& text, _SegmentDBRecord const& record) {
     text.Character(']');
 }
 
-// Of each fingerprint the first byte, as the character that it is.
+// Writes the first byte of each fingerprint as a raw character.
 void WriteFingerprints(TextWriter& text, _SegmentDBRecord const& record) {
     unsigned char const* const fingerprints = BytesOf(&record) + FingerprintOffset(record.ntaskids);
     std::uint64_t const width = CRFPDigestSize(record.fptype);

@@ -1,6 +1,5 @@
-// The one walk that says whether a segment record may be trusted, and its two faces.
-
 #include "SOmarshall/validate.h"
+
 #include "SOmarshall/layout.h"
 
 namespace crrecord::segment {
@@ -9,35 +8,79 @@ namespace {
 
 constexpr unsigned int kKnownOptions = CR_SO_NETWORK_ORDER | CR_SO_NO_TASKIDS;
 
-constexpr Finding At(int code, Field field, std::uint64_t found, std::uint64_t expected) noexcept {
-    return {code, field.name, field.offset, found, expected};
+// Members of the fixed part as host values, read from a copy: the memory may change meanwhile.
+struct FixedPart {
+    unsigned type, flags, reserved, fptype;
+    std::uint32_t recsize, taskIds, nfp;
+    unsigned long path, file;
+};
+
+FixedPart ReadFixedPart(unsigned char const* bytes, Order order) noexcept {
+    _SegmentDBRecord const record = ReadHeader(bytes);
+    return {.type = InOrder(record.type, order),
+            .flags = InOrder(record.flags, order),
+            .reserved = record.reserved,
+            .fptype = record.fptype,
+            .recsize = InOrder(record.recsize, order),
+            .taskIds = InOrder(record.ntaskids, order),
+            .nfp = InOrder(record.nfp, order),
+            .path = InOrder(record.pathid, order),
+            .file = InOrder(record.fileid, order)};
 }
 
-// What this library would have written otherwise. Only for a record without errors, whose every byte is known.
-void NoteOddities(unsigned char const* bytes, std::uint64_t size, Order order, FindingReporter& report) noexcept {
-    unsigned const flags = Load<std::uint16_t>(bytes + FieldOf("flags").offset, order);
-    unsigned long const path = Load<std::uint64_t>(bytes + FieldOf("pathid").offset, order);
-    unsigned long const file = Load<std::uint64_t>(bytes + FieldOf("fileid").offset, order);
-    unsigned const reserved = bytes[FieldOf("reserved").offset];
-    std::uint64_t const spareOffset = size - kSpareSize;
-    unsigned long const spare = Load<std::uint64_t>(bytes + spareOffset, order);
-
-    if (!FlagsAreValid(flags) &&
-        !report.Note(At(CR_FINDING_SO_FLAGS, FieldOf("flags"), flags, 0), "flags %u, expected 0 or 2", flags)) {
-        return;
+// Notes what this library would have written in another way. The record has no errors, so it ends with the spare slot.
+void NoteOddities(FixedPart const& record, unsigned long spare, std::uint64_t spareOffset,
+                  FindingReporter& reporter) noexcept {
+    if (!FlagsAreValid(record.flags)) {
+        reporter.Report(FindingAt(CR_FINDING_SO_FLAGS, FieldOf("flags"), record.flags, 0), "flags %u, expected 0 or 2",
+                        record.flags);
     }
-    if (RecordInContainer(file) && !DcidIsValid(path) &&
-        !report.Note(At(CR_FINDING_SO_DCID, FieldOf("pathid"), path, CR_FIRST_FREE_DCID),
-                     "reserved container id %lu, expected 1 or at least %lu", path, CR_FIRST_FREE_DCID)) {
-        return;
+    if (RecordInContainer(record.file) && !DcidIsValid(record.path)) {
+        reporter.Report(FindingAt(CR_FINDING_SO_DCID, FieldOf("pathid"), record.path, CR_FIRST_FREE_DCID),
+                        "reserved container id %lu, expected 1 or at least %lu", record.path, CR_FIRST_FREE_DCID);
     }
-    if (reserved != 0 && !report.Note(At(CR_FINDING_SO_RESERVED, FieldOf("reserved"), reserved, 0),
-                                      "reserved byte %u, expected 0", reserved)) {
-        return;
+    if (record.reserved != 0) {
+        reporter.Report(FindingAt(CR_FINDING_SO_RESERVED, FieldOf("reserved"), record.reserved, 0),
+                        "reserved byte %u, expected 0", record.reserved);
     }
     if (spare != 0) {
-        report.Note({CR_FINDING_SO_SPARE, "spare", spareOffset, spare, 0}, "spare slot %lu, expected 0", spare);
+        reporter.Report({CR_FINDING_SO_SPARE, "spare", spareOffset, spare, 0}, "spare slot %lu, expected 0", spare);
     }
+}
+
+void CheckFixedPart(FixedPart const& record, std::uint64_t size, bool noTaskIds, FindingReporter& reporter) noexcept {
+    std::uint64_t const calculated = RecordSize(record.taskIds, record.nfp, record.fptype);
+    if (record.type != CR_SO_RECORD_TYPE) {
+        reporter.Report(FindingAt(CR_FINDING_SO_TYPE, FieldOf("type"), record.type, CR_SO_RECORD_TYPE),
+                        "Invalid SO record: type %u, expected %u", record.type, CR_SO_RECORD_TYPE);
+    }
+    if (record.recsize != size) {
+        reporter.Report(FindingAt(CR_FINDING_SO_RECSIZE, FieldOf("recsize"), record.recsize, size),
+                        "Invalid SO record: recsize %u, size %lu", record.recsize, size);
+    }
+    if (calculated != size) {
+        reporter.Report(FindingAt(CR_FINDING_SO_CALCULATED, FieldOf("nfp"), calculated, size),
+                        "Invalid SO record: calculated size %lu, size %lu", calculated, size);
+    }
+    if (noTaskIds && record.taskIds != 0) {
+        reporter.Report(FindingAt(CR_FINDING_SO_TASKIDS, FieldOf("ntaskids"), record.taskIds, 0),
+                        "Invalid SO record: %u taskids, expected 0", record.taskIds);
+    }
+    // Checked last on purpose, although the type gives the width of the fingerprints: an unknown one counts as 16
+    // bytes.
+    if (!CRFPTypeIsValid(record.fptype)) {
+        reporter.Report(FindingAt(CR_FINDING_SO_FPTYPE, FieldOf("fptype"), record.fptype, CR_FP_TYPE_LAST),
+                        "Invalid SO record: invalid fp type %u", record.fptype);
+    }
+}
+
+cr_status_t DiagnoseBuffer(void const* buffer, std::uint64_t size, unsigned int options,
+                           FindingReporter reporter) noexcept {
+    if (!buffer || (options & ~kKnownOptions) != 0) {
+        return CR_STATUS_INVALID;
+    }
+    Diagnose(static_cast<unsigned char const*>(buffer), size, options, reporter);
+    return reporter.Status();
 }
 
 } // namespace
@@ -50,61 +93,22 @@ bool DcidIsValid(unsigned long dcid) noexcept {
     return dcid == 1 || dcid >= CR_FIRST_FREE_DCID;
 }
 
-void Diagnose(unsigned char const* bytes, std::uint64_t size, unsigned int options, FindingReporter& report) noexcept {
+void Diagnose(unsigned char const* bytes, std::uint64_t size, unsigned int options,
+              FindingReporter& reporter) noexcept {
     if (size < CR_SO_FIXED_SIZE) {
-        report.Error({CR_FINDING_SO_LENGTH, "length", size, size, CR_SO_FIXED_SIZE},
-                     "Invalid SO record: size %lu, expected at least %u", size, CR_SO_FIXED_SIZE);
+        reporter.Report({CR_FINDING_SO_LENGTH, "length", size, size, CR_SO_FIXED_SIZE},
+                        "Invalid SO record: size %lu, expected at least %u", size, CR_SO_FIXED_SIZE);
+        reporter.Stop();
         return;
     }
-    Order const order = (options & CR_SO_NETWORK_ORDER) != 0 ? Order::Network : Order::Host;
-    unsigned const type = Load<std::uint16_t>(bytes + FieldOf("type").offset, order);
-    std::uint32_t const recsize = Load<std::uint32_t>(bytes + FieldOf("recsize").offset, order);
-    std::uint32_t const taskIds = Load<std::uint32_t>(bytes + FieldOf("ntaskids").offset, order);
-    std::uint32_t const nfp = Load<std::uint32_t>(bytes + FieldOf("nfp").offset, order);
-    unsigned const fptype = bytes[FieldOf("fptype").offset];
-    std::uint64_t const calculated = RecordSize(taskIds, nfp, fptype);
-
-    if (type != CR_SO_RECORD_TYPE &&
-        !report.Error(At(CR_FINDING_SO_TYPE, FieldOf("type"), type, CR_SO_RECORD_TYPE),
-                      "Invalid SO record: type %u, expected %u", type, CR_SO_RECORD_TYPE)) {
-        return;
-    }
-    if (recsize != size && !report.Error(At(CR_FINDING_SO_RECSIZE, FieldOf("recsize"), recsize, size),
-                                         "Invalid SO record: recsize %u, size %lu", recsize, size)) {
-        return;
-    }
-    if (calculated != size && !report.Error(At(CR_FINDING_SO_CALCULATED, FieldOf("nfp"), calculated, size),
-                                            "Invalid SO record: calculated size %lu, size %lu", calculated, size)) {
-        return;
-    }
-    if (taskIds != 0 && (options & CR_SO_NO_TASKIDS) != 0 &&
-        !report.Error(At(CR_FINDING_SO_TASKIDS, FieldOf("ntaskids"), taskIds, 0),
-                      "Invalid SO record: %u taskids, expected 0", taskIds)) {
-        return;
-    }
-    // Last, although it has chosen the width of the fingerprints before: an unknown type whose sizes add up ends here.
-    if (!CRFPTypeIsValid(fptype) &&
-        !report.Error(At(CR_FINDING_SO_FPTYPE, FieldOf("fptype"), fptype, CR_FP_TYPE_SHA256),
-                      "Invalid SO record: invalid fp type %u", fptype)) {
-        return;
-    }
-    if (report.WantsNotes() && report.Status() == CR_STATUS_OK) {
-        NoteOddities(bytes, size, order, report);
+    Order const order = OrderFromFlag((options & CR_SO_NETWORK_ORDER) != 0);
+    FixedPart const record = ReadFixedPart(bytes, order);
+    CheckFixedPart(record, size, (options & CR_SO_NO_TASKIDS) != 0, reporter);
+    if (reporter.NotesDue()) {
+        std::uint64_t const spareOffset = size - kSpareSize;
+        NoteOddities(record, Load<std::uint64_t>(bytes + spareOffset, order), spareOffset, reporter);
     }
 }
-
-namespace {
-
-cr_status_t DiagnoseBuffer(void const* buffer, std::uint64_t size, unsigned int options,
-                           FindingReporter report) noexcept {
-    if (!buffer || (options & ~kKnownOptions) != 0) {
-        return CR_STATUS_INVALID;
-    }
-    Diagnose(static_cast<unsigned char const*>(buffer), size, options, report);
-    return report.Status();
-}
-
-} // namespace
 
 } // namespace crrecord::segment
 

@@ -1,4 +1,4 @@
-// The rules of a segment record's values and the walk over a received one, as the library shares them.
+// Validation of segment records, for use inside the library.
 
 #pragma once
 
@@ -9,8 +9,8 @@ namespace crrecord::segment {
 bool FlagsAreValid(unsigned int flags) noexcept;
 bool DcidIsValid(unsigned long dcid) noexcept;
 
-// Reports the findings of a record of `size` bytes and reads nothing else; without notes, only its fixed part and each
-// field of it once. `options` as for SegmentRecordValidate.
-void Diagnose(unsigned char const* bytes, std::uint64_t size, unsigned int options, FindingReporter& report) noexcept;
+// Reports the findings of a record of `size` bytes. `options` as for SegmentRecordValidate.
+// The fixed part is read once. Only a note reads another byte.
+void Diagnose(unsigned char const* bytes, std::uint64_t size, unsigned int options, FindingReporter& reporter) noexcept;
 
 } // namespace crrecord::segment

@@ -1,4 +1,11 @@
-// Loads, stores and conversion between host and network (big-endian) order.
+// Stores and conversion of integers in host and network (big-endian) order.
+//
+// Conversion is its own inverse. On a big-endian machine it changes nothing.
+//
+// A record's fixed header is a packed structure: its members are read and written as such, through InOrder if the
+// record may be in network order. If the memory may change meanwhile, the header is copied first (ReadHeader) and the
+// copy is read. Load and Store are for all integers elsewhere: after the header, in an exchange form, or at an offset
+// from a table of fields.
 
 #pragma once
 
@@ -14,10 +21,10 @@ constexpr Order Other(Order order) noexcept {
     return order == Order::Host ? Order::Network : Order::Host;
 }
 
-// Load and Store need no alignment. The library reads and writes integers in buffers with them only.
+// Store, as Load, requires no alignment.
 template <class T>
 void Store(void* to, T value, Order order = Order::Host) noexcept {
-    T const stored = order == Order::Host ? value : ByteSwapped(value);
+    T const stored = InOrder(value, order);
     std::memcpy(to, &stored, sizeof stored);
 }
 

@@ -1,4 +1,4 @@
-// A mutex of the process that a child of fork() can lock, too.
+// A process-wide mutex that a child of fork() can lock, too.
 
 #pragma once
 
@@ -8,13 +8,13 @@
 
 namespace crrecord {
 
-// Each Tag has one mutex, whatever the number of objects. The thread that forks holds it meanwhile: otherwise the child
-// would inherit it locked if another thread held it, and that thread doesn't exist in the child to unlock it.
+// All objects with the same Tag share one mutex. A thread that calls fork() holds the mutex during the call. Otherwise
+// the child could inherit a mutex locked by another thread, which does not exist in the child to unlock it.
 template <class Tag>
 class ForkSafeMutex {
 public:
     void lock() {
-        static_cast<void>(&registered_); // instantiates it
+        static_cast<void>(&registered_); // instantiates registered_
         mutex_.lock();
     }
     void unlock() noexcept { mutex_.unlock(); }
@@ -24,7 +24,7 @@ private:
     static void Unlock() noexcept { mutex_.unlock(); }
 
     constinit static inline std::mutex mutex_;
-    // At load time; without memory for it a child is on its own.
+    // Set at load time. If the registration fails, a child may inherit a locked mutex.
     static inline int const registered_ = ::pthread_atfork(Lock, Unlock, Unlock);
 };
 

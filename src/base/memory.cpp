@@ -12,8 +12,8 @@ namespace {
 constexpr std::uintptr_t kLargePage = 2UL * 1024 * 1024;
 constexpr std::uint64_t kLargeBlock = 2 * kLargePage;
 
-// Advice on the whole large pages inside the block. It may be refused: then the pages are as small as ever.
-void* Advised(void* block, std::uint64_t size) noexcept {
+// Requests large pages for the part of the block that can have them. The system may ignore this.
+void* WithLargePages(void* block, std::uint64_t size) noexcept {
     if (block && size >= kLargeBlock) {
         int const error = errno;
         std::uintptr_t const skipped = (0 - reinterpret_cast<std::uintptr_t>(block)) & (kLargePage - 1);
@@ -26,11 +26,11 @@ void* Advised(void* block, std::uint64_t size) noexcept {
 } // namespace
 
 void* Allocate(std::uint64_t size) noexcept {
-    return Advised(std::malloc(size), size);
+    return WithLargePages(std::malloc(size), size);
 }
 
 void* AllocateZeroed(std::uint64_t size) noexcept {
-    return Advised(std::calloc(1, size), size);
+    return WithLargePages(std::calloc(1, size), size);
 }
 
 } // namespace crrecord

@@ -1,4 +1,4 @@
-// Blocks for records and outputs. They are released with free, whoever has them.
+// Buffers for records and outputs, from malloc. Release them with free().
 
 #pragma once
 
@@ -6,8 +6,8 @@
 
 namespace crrecord {
 
-// `size` bytes, or null. A large block that is fresh from the system comes in large pages where the system has them:
-// one page fault then stands for hundreds.
+// Large blocks are placed in large pages if the system allows: each page fault then maps 2 MiB.
+// Returns: a block of `size` bytes, or null if out of memory. errno is as malloc or calloc left it.
 void* Allocate(std::uint64_t size) noexcept;
 void* AllocateZeroed(std::uint64_t size) noexcept;
 

@@ -1,4 +1,4 @@
-// Memory asked for ahead of its use, where the processor does not look ahead by itself: it stops at each page's end.
+// Prefetching for loops over long arrays. The processor's own prefetcher stops at the end of each page.
 
 #pragma once
 
@@ -6,13 +6,13 @@
 
 namespace crrecord {
 
-// So many segments are beyond a core's own caches.
+// A record with at least this many segments does not fit into the caches of a core.
 inline constexpr std::uint64_t kBeyondCaches = 65536;
-// How far ahead of an entry, in bytes, another is asked for.
+// Distance in bytes from the current entry to the prefetched one.
 inline constexpr std::uint64_t kAheadOfEntry = 2048;
 
-// Asks for the cache lines of `bytes` bytes, `ahead` bytes behind `from`. They may lie behind the end of what is there:
-// asking never fails.
+// Prefetches the cache lines of `bytes` bytes that start `ahead` bytes after `from`. The addresses may be outside of
+// the buffer: a prefetch never faults.
 [[gnu::always_inline]] inline void Prefetch(void const* from, std::uint64_t ahead, std::uint64_t bytes) noexcept {
     constexpr std::uint64_t kLine = 64;
     for (std::uint64_t i = 0; i < bytes; i += kLine) {

@@ -1,4 +1,5 @@
-// Text for output streams: plain decimal numbers whatever the stream's flags, width, fill and locale, and no memory.
+// Writes text to output streams. Numbers are plain decimal and do not depend on the stream's flags, width, fill or
+// locale. Allocates no memory.
 
 #pragma once
 
@@ -10,8 +11,8 @@
 
 namespace crrecord {
 
-// Collects text in a small buffer and hands it to the stream in blocks. Call Flush at the end: the destructor can't
-// report that the stream threw.
+// Collects text in a small buffer and writes it to the stream in blocks. Call Flush at the end: the destructor does
+// not, because it could not report an exception of the stream.
 class TextWriter {
 public:
     explicit TextWriter(std::ostream& stream) noexcept : stream_(stream) {}

@@ -15,7 +15,7 @@ struct Start {
     Order order;
 };
 
-// A palindromic type would be of both orders; none is.
+// No record type is the same in both orders.
 Start StartOf(std::uint16_t type) noexcept {
     for (cr_record_kind_t const kind : {CR_RECORD_SEGMENT, CR_RECORD_DO}) {
         if (ByteSwapped(type) == kind) {
@@ -28,14 +28,14 @@ Start StartOf(std::uint16_t type) noexcept {
     return {CR_RECORD_UNKNOWN, Order::Host};
 }
 
-void TellSizes(cr_record_probe_t& probe, _SegmentDBRecord const* record, Order order) noexcept {
-    auto const read = [order](std::uint32_t stored) { return order == Order::Host ? stored : ByteSwapped(stored); };
-    probe.recorded_size = read(record->recsize);
-    probe.counted_size = segment::RecordSize(read(record->ntaskids), read(record->nfp), record->fptype);
+void SetSizes(cr_record_probe_t& probe, _SegmentDBRecord const* record, Order order) noexcept {
+    probe.recorded_size = InOrder(record->recsize, order);
+    probe.counted_size =
+        segment::RecordSize(InOrder(record->ntaskids, order), InOrder(record->nfp, order), record->fptype);
 }
 
-void TellSizes(cr_record_probe_t& probe, DORecordHeader const* record, Order order) noexcept {
-    probe.recorded_size = order == Order::Host ? record->recsize : ByteSwapped(std::uint32_t{record->recsize});
+void SetSizes(cr_record_probe_t& probe, DORecordHeader const* record, Order order) noexcept {
+    probe.recorded_size = InOrder(record->recsize, order);
     probe.counted_size = RecordLayout(CountsOf(record, order)).total;
 }
 
@@ -58,9 +58,9 @@ cr_record_probe_t CRRecordProbe(void const* bytes, unsigned long available) noex
         return probe;
     }
     if (kind == CR_RECORD_SEGMENT) {
-        TellSizes(probe, static_cast<_SegmentDBRecord const*>(bytes), order);
+        SetSizes(probe, static_cast<_SegmentDBRecord const*>(bytes), order);
     } else {
-        TellSizes(probe, static_cast<DORecordHeader const*>(bytes), order);
+        SetSizes(probe, static_cast<DORecordHeader const*>(bytes), order);
     }
     return probe;
 }

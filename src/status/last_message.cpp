@@ -1,7 +1,9 @@
-// The buffers of last messages. They are no thread_local arrays: the C library allocates the thread-local storage of a
-// library loaded by dlopen when a thread first uses it, and ends the process if that fails. Only a pointer and a flag
-// are thread-local. The initial-exec model places them in the block that each thread has from its start, of which
-// dlopen can use a few hundred bytes.
+// The buffers of last messages.
+//
+// They are no thread_local arrays. The C library allocates the thread-local storage of a library loaded by dlopen when
+// a thread first uses it, and ends the process if that fails. Only a pointer and a flag are thread-local. The
+// initial-exec model places them in the block that each thread has from its start; dlopen can use a few hundred bytes
+// of it.
 
 #include "status/last_message.h"
 
@@ -15,21 +17,21 @@ namespace crrecord {
 
 namespace {
 
-// For a thread that can't allocate a buffer.
+// For threads that cannot allocate a buffer.
 struct SpareBuffer {
     std::atomic<bool> taken{false};
     char text[kMessageSize]{};
 };
 constinit SpareBuffer spares[16];
 
-// For a thread that finds no spare buffer either.
+// The last message of a thread for which no spare buffer is free either.
 constexpr char kNotKept[] = "not enough memory to keep this thread's last message; the log has it";
 
 [[gnu::tls_model("initial-exec")]] constinit thread_local char* buffer = nullptr;
 [[gnu::tls_model("initial-exec")]] constinit thread_local bool notKept = false;
 
-// Its destructor releases the buffer of a thread that ends. Storing a value for one of the first 32 keys of the process
-// needs no memory, unlike a destructor of a thread_local object. So the key is created at load time.
+// The key's destructor releases the buffer of a thread that ends. Storing a value for one of the first 32 keys of the
+// process needs no memory, unlike a destructor of a thread_local object. So the key is created at load time.
 pthread_key_t key;
 bool haveKey = false;
 
@@ -52,22 +54,23 @@ void Release(char* released) noexcept {
     std::free(released);
 }
 
-// Keeps `made` as this thread's buffer until the thread ends; null is allowed.
-void Adopt(char* made) noexcept {
-    if (made && (!haveKey || pthread_setspecific(key, made) != 0)) {
-        Release(made);
-        made = nullptr;
+// Keeps `allocated`, which may be null, as this thread's buffer until the thread ends.
+void Adopt(char* allocated) noexcept {
+    if (allocated && (!haveKey || pthread_setspecific(key, allocated) != 0)) {
+        Release(allocated);
+        allocated = nullptr;
     }
-    buffer = made;
+    buffer = allocated;
 }
 
-// Another key's destructor may log after this one: the thread then adopts a new buffer, and this one is called again.
+// Another key's destructor may log later. The thread then adopts a new buffer, and this function is called again.
 extern "C" void ReleaseAtThreadEnd(void* ended) {
     buffer = nullptr;
     Release(static_cast<char*>(ended));
 }
 
-// Before other initialisers, which may log. The thread that loads the library, mostly the main one, never allocates.
+// Runs before other initialisers, which may log. The thread that loads the library takes a spare buffer and so never
+// allocates one.
 [[gnu::constructor(101)]] void Initialise() noexcept {
     haveKey = pthread_key_create(&key, ReleaseAtThreadEnd) == 0;
     Adopt(TakeSpare());
@@ -81,8 +84,8 @@ char const* LastMessage() noexcept {
 
 void SetLastMessage(char const* message) noexcept {
     if (!buffer) {
-        char* const made = static_cast<char*>(std::malloc(kMessageSize));
-        Adopt(made ? made : TakeSpare());
+        char* const allocated = static_cast<char*>(std::malloc(kMessageSize));
+        Adopt(allocated ? allocated : TakeSpare());
     }
     notKept = !buffer;
     if (buffer) {

@@ -11,10 +11,11 @@ namespace crrecord {
 // Longest message with its NUL, in bytes.
 inline constexpr std::size_t kMessageSize = Cr_ErrnoException::kMaxText + 1;
 
-// The text that the calling thread set last; "" before its first. Valid until the thread sets another one or ends.
+// Returns: the text that the calling thread set last, or "" if it has set none.
+// Lifetime: until the thread sets another text or ends.
 char const* LastMessage() noexcept;
 
-// Copies `message`, at most kMessageSize bytes, as the calling thread's last one.
+// Copies `message`, at most kMessageSize bytes with its NUL, as the calling thread's last message.
 void SetLastMessage(char const* message) noexcept;
 
 } // namespace crrecord

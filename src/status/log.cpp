@@ -26,11 +26,11 @@ struct Sink {
     void* context;
 };
 
-// Guards the pair, so that no line meets one sink with another's context; held for the copy only.
+// Guards the pair, so that no sink is called with another sink's context. It is locked only to copy or set the pair.
 ForkSafeMutex<Sink> sinkMutex;
 Sink sink{nullptr, nullptr};
 
-// Logging takes place in the middle of failures that are read from errno afterwards.
+// Restores errno: callers log a failure before they read errno.
 class ErrnoKeeper {
 public:
     ErrnoKeeper() noexcept : error_(errno) {}
@@ -51,7 +51,7 @@ void Format(char (&message)[kMessageSize], char const* format, va_list arguments
     }
 }
 
-// One write, so that the kernel keeps the lines of several threads apart.
+// Writes the line with one system call, so that lines of several threads do not mix.
 void WriteToStandardError(cr_log_level_t level, cr_status_t status, char const* message) noexcept {
     static constexpr char const* kLevels[] = {"trace", "warning", "error"};
     char line[kMessageSize + 64];
@@ -64,7 +64,7 @@ void WriteToStandardError(cr_log_level_t level, cr_status_t status, char const* 
         line[length++] = byte < 0x20 || byte == 0x7f ? '?' : *at;
     }
     line[length++] = '\n';
-    // There is nowhere left to report that standard error is closed.
+    // A failure to write to standard error cannot be reported.
     [[maybe_unused]] ssize_t const written = ::write(STDERR_FILENO, line, length);
 }
 
@@ -81,14 +81,14 @@ void Emit(cr_log_level_t level, cr_status_t status, char const* message) noexcep
     }
 }
 
-// The message is complete before the last message changes, because it may be made from it.
+// Formats the whole message before it sets the last message, because an argument may be the last message.
 void Log(cr_log_level_t level, cr_status_t status, char const* format, va_list arguments) noexcept {
     ErrnoKeeper const keeper;
     char message[kMessageSize];
     Format(message, format, arguments);
     SetLastMessage(message);
     Emit(level, status, message);
-    // A sink that logs itself leaves its own message behind; the caller reads back the one that it logged.
+    // The sink may have logged and so changed the last message. The caller reads back the message that it logged.
     SetLastMessage(message);
 }
 

@@ -1,4 +1,4 @@
-// Status texts, the exception, and the map from error numbers to statuses.
+// Status texts, the exception, and statuses of error numbers.
 
 #include <crrecord/status.h>
 
@@ -14,10 +14,10 @@ static_assert(std::is_nothrow_copy_constructible_v<Cr_ErrnoException>);
 
 namespace {
 
-// In the block that a thread has from its start, so that no use of it allocates; see last_message.cpp.
+// Stored in the block that a thread has from its start, so that no access allocates; see last_message.cpp.
 [[gnu::tls_model("initial-exec")]] constinit thread_local cr_status_t lastStatus = CR_STATUS_OK;
 
-// A null text counts as an empty one.
+// Copies at most N - 1 characters of a text and a NUL. A text without data is empty.
 template <std::size_t N>
 void CopyCut(char (&to)[N], std::string_view text) noexcept {
     std::size_t const kept = std::min(text.size(), N - 1);
@@ -80,8 +80,8 @@ cr_status_t* __cr_errno_location() noexcept {
     return &lastStatus;
 }
 
-// An allocator that fails without saying why leaves errno at 0 or at whatever it was before, so only the numbers that
-// an allocation function documents for something else mean something else.
+// An allocator may fail and leave errno at 0 or at an older value. So every number means that memory is exhausted,
+// except those that an allocation function documents for another failure.
 cr_status_t _crMapError(char const* function, char const* sourceFile, int line) noexcept {
     int const error = errno;
     cr_status_t const status = error == EINVAL ? CR_STATUS_INVALID : CR_STATUS_NO_MEMORY;

@@ -1,4 +1,4 @@
-// The trace switch as the library itself reads it: one load and one comparison.
+// The trace switch, for use inside the library: one load and one comparison.
 
 #pragma once
 
@@ -8,7 +8,7 @@
 
 namespace crrecord {
 
-// Behind __zeblog_trace_location, whose callers read it as the plain int that it is.
+// __zeblog_trace_location returns its address; callers access it as a plain int.
 extern int traceSwitch;
 
 inline bool TraceOn() noexcept {

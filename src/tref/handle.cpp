@@ -1,5 +1,5 @@
-// The counted handle. Only its two operators touch the pool of handles, and they are exported functions, so one pool
-// serves every library of the process.
+// The counted handle. Only operator new and operator delete use the pool of handles. Both are exported functions, so
+// all libraries of the process share one pool.
 
 #include "tref/pool.h"
 #include "tref/value.h"
@@ -15,11 +15,11 @@ struct ReferenceDeleter {
 using OwnedReference = std::unique_ptr<_cr_tref_t, ReferenceDeleter>;
 
 _cr_tref_t* NewOrThrow(cr_reftype_t kind, unsigned long id) {
-    _cr_tref_t* const made = CRTRefNew(kind, id);
-    if (!made) {
+    _cr_tref_t* const reference = CRTRefNew(kind, id);
+    if (!reference) {
         throw std::bad_alloc();
     }
-    return made;
+    return reference;
 }
 
 } // namespace

@@ -3,7 +3,7 @@
 #include "base/fork_safe_mutex.h"
 #include "tref/value.h"
 
-// The pools are given their mutex below; their default one would need another library.
+// The pools use the mutex given below; the default one needs another Boost library.
 #define BOOST_POOL_NO_MT
 #include <boost/pool/singleton_pool.hpp>
 
@@ -16,8 +16,8 @@ struct ValuePoolTag {};
 
 constexpr unsigned kFirstBlockChunks = 32;
 
-// Made before main starts, and never destroyed: handles may be released until the very end. Values have a pool of their
-// own, so that references that were made one behind the other lie one behind the other.
+// Boost creates the pools before main and never destroys them: handles may be released until the process ends. Values
+// have a separate pool, so that values created one after another are adjacent in memory.
 template <class Tag, class T>
 using PoolOf = boost::singleton_pool<Tag, sizeof(T), boost::default_user_allocator_new_delete, ForkSafeMutex<Tag>,
                                      kFirstBlockChunks, 0>;

@@ -1,12 +1,14 @@
-// The pools of the process that handles and references come from.
+// The process-wide pools of handles and of references.
 
 #pragma once
 
 namespace crrecord {
 
-// Chunks for one Cr_TRef and for one _cr_tref_t. Null without memory. Memory of a pool is used again, most recent
-// first, and never handed back. Each call locks the pool's mutex; where it can't be locked, taking a handle's chunk
-// throws std::system_error, and the others, which may not throw, end the process.
+// Chunks for one Cr_TRef (handle) and for one _cr_tref_t (value). A pool reuses the chunk that was returned last, and
+// never releases memory to the system. Each call locks the pool's mutex.
+//
+// Returns: a chunk, or null if out of memory.
+// Throws: TakeHandleChunk throws std::system_error if the mutex cannot be locked; the other functions end the process.
 void* TakeHandleChunk();
 void ReturnHandleChunk(void* chunk) noexcept;
 void* TakeValueChunk() noexcept;

@@ -1,4 +1,4 @@
-// Typed references: the value's operations.
+// Operations of typed references.
 
 #include "tref/pool.h"
 #include "tref/value.h"
@@ -23,7 +23,7 @@ _cr_tref_t* Make(_cr_tref_t const& value) noexcept {
     return chunk ? new (chunk) _cr_tref_t(value) : Fail(CR_STATUS_NO_MEMORY);
 }
 
-// The text form in a buffer of its own.
+// The text form of a reference, with its buffer.
 class ReferenceText {
 public:
     explicit ReferenceText(_cr_tref_t const& reference) noexcept {
@@ -46,7 +46,7 @@ private:
     char* end_ = text_;
 };
 
-// Reads decimal digits without leading zeros, sign or blanks, so that a value has one text.
+// Reads decimal digits without leading zeros, sign or blanks, so that each value has one text.
 bool ParseNumber(std::string_view text, unsigned long& number) noexcept {
     auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     return error == std::errc() && end == text.data() + text.size() && (text.size() == 1 || text[0] != '0');
@@ -99,11 +99,11 @@ _cr_tref_t* CRTRefNewDeserialize(void const* source, unsigned long available, in
                     ? crrecord::ParseReference(static_cast<char const*>(source), available, value)
                     : crrecord::DecodeReference(static_cast<unsigned char const*>(source), available, value);
     }
-    _cr_tref_t* const made = taken != 0 ? crrecord::Make(value) : crrecord::Fail(CR_STATUS_CORRUPT_RECORD);
+    _cr_tref_t* const reference = taken != 0 ? crrecord::Make(value) : crrecord::Fail(CR_STATUS_CORRUPT_RECORD);
     if (consumed) {
-        *consumed = made ? taken : 0;
+        *consumed = reference ? taken : 0;
     }
-    return made;
+    return reference;
 }
 
 void CRTRefDelete(_cr_tref_t** reference) noexcept {

@@ -1,4 +1,4 @@
-// The inside of a typed reference, for the library's own eyes.
+// The value of a typed reference and its binary form, for use inside the library.
 
 #pragma once
 
@@ -17,12 +17,12 @@ struct _cr_tref_t {
 
 namespace crrecord {
 
-// A handle for looking a reference up: it is in no pool, so asking takes neither memory nor a lock. It may be held
-// while the key lives.
+// A handle to look up a reference. It is not in a pool, so a lookup neither allocates nor locks.
+// Lifetime: copies of the handle must be released before the key is destroyed.
 class LookupKey {
 public:
     explicit LookupKey(_cr_tref_t const& value) noexcept : value_(value), handle_(::new (memory_) Cr_TRef(&value_)) {}
-    // Not destroyed: that would hand the value to the pool.
+    // Detached, not released: a release would return the value to the pool.
     ~LookupKey() { static_cast<void>(handle_.detach()); }
     LookupKey(LookupKey const&) = delete;
     LookupKey& operator=(LookupKey const&) = delete;
@@ -61,8 +61,8 @@ constexpr int CompareReferences(_cr_tref_t const& a, _cr_tref_t const& b) noexce
     return a.id == b.id ? 0 : a.id < b.id ? -1 : 1;
 }
 
-// Decodes the reference at the start of `available` bytes. Returns the bytes that it takes, or 0 for bytes that are no
-// reference.
+// Decodes the reference at the start of `available` bytes.
+// Returns: the size of its binary form in bytes, or 0 if the bytes are no reference.
 inline unsigned long DecodeReference(unsigned char const* bytes, unsigned long available,
                                      _cr_tref_t& reference) noexcept {
     DOReference decoded{};
@@ -71,11 +71,12 @@ inline unsigned long DecodeReference(unsigned char const* bytes, unsigned long a
     return size;
 }
 
-// Encodes a reference at the front of `room` bytes. The bytes that it took, or 0, with nothing written, where they are
-// too few.
-inline unsigned long EncodeReference(unsigned char* bytes, unsigned long room, _cr_tref_t const& reference) noexcept {
+// Encodes a reference at the start of `available` bytes.
+// Returns: the size of its binary form in bytes. On failure: 0 if too few bytes are available; they are not changed.
+inline unsigned long EncodeReference(unsigned char* bytes, unsigned long available,
+                                     _cr_tref_t const& reference) noexcept {
     unsigned long const size = ReferenceSize(reference.kind);
-    if (room < size) {
+    if (available < size) {
         return 0;
     }
     bytes[0] = static_cast<unsigned char>(reference.kind);

@@ -1,16 +1,15 @@
-// The exchange form of a DO record, as the serializers write it and the parser reads it. All integers are big-endian.
+// The exchange form of a DO record. All integers are big-endian.
 //
 //   0   8  size of the object               16  4  checksum: the record's CRC, or Adler-32 of the body (28 to the end)
 //   8   8  ssize                            20  4  number of segments; 24  4  zero
 //
-// Body for segments: of each its fingerprint as text with the NUL, its size and its offset where the DO type has them;
-// one zero byte; of each its DCID.
-// Body for DO type 4: length of the bitmap (4), the bitmap, the unique DCID list where there is one, and zeros.
+// Body of a form with segments: for each segment its fingerprint as text with the NUL, and its size and its offset if
+// the DO type stores them; one zero byte; the DCID of each segment.
+// Body for DO type 4: length of the bitmap (4), the bitmap, the unique DCID list if there is one, and zeros.
 
 #pragma once
 
 #include "support/exchange/segment_codec.h"
-#include "support/validate/segment_list_check.h"
 
 namespace crrecord::exchange {
 
@@ -22,7 +21,8 @@ inline constexpr unsigned int kZeroOffset = 24;
 inline constexpr unsigned int kHeadSize = 28;
 inline constexpr unsigned int kSeparatorSize = 1;
 inline constexpr unsigned int kBitmapOffset = kHeadSize + kBloomLengthSize;
-// A bloom form without bitmap and list; a list of n entries adds 16 * n, and its head takes from these bytes.
+// Size of a bloom form without bitmap and list. A list of n entries adds 16 * n bytes; the 8 bytes of its head replace
+// zeros.
 inline constexpr unsigned int kBloomBareSize = 56;
 
 constexpr std::uint64_t FormSize(std::uint32_t segments, unsigned int dotype, unsigned int fptype) noexcept {
@@ -33,14 +33,14 @@ constexpr std::uint64_t BloomFormSize(std::uint32_t bsize, std::uint32_t nudcid)
     return std::uint64_t{bsize} + std::uint64_t{kUniqueEntrySize} * nudcid + kBloomBareSize;
 }
 
-// The part of a unique list that the exchange form's checksum covers: the count and as many bytes behind it as half of
-// the entries have. The record's own checksum covers all entries; the two differ on purpose.
+// Number of bytes that the checksum of a form's unique list covers: the count and the first half of the entries' bytes.
+// The checksum in a record covers all entries; the two differ on purpose.
 constexpr std::uint64_t ListChecksumSize(std::uint32_t nudcid) noexcept {
     return 4 + std::uint64_t{8} * nudcid;
 }
 
-// A received form, and what it says that it holds. `counts` starts with the DO type and the fingerprint type. A type
-// beyond a byte is as unknown as the last one that fits.
+// A received form, and the counts that ReadCounts has read from it. Before that, `counts` has only the DO type and the
+// fingerprint type. A DO type above 255 becomes 255, which is unknown too.
 struct Form {
     Form(void const* form, std::uint64_t length, unsigned int dotype, unsigned char fptype) noexcept
         : bytes(static_cast<unsigned char const*>(form)),
@@ -56,24 +56,25 @@ struct Form {
         return Load<std::uint32_t>(bytes + offset, Order::Network);
     }
     bool IsBloom() const noexcept { return crrecord::IsBloom(counts.dotype); }
-    // The list of a measured bloom form.
-    unsigned char const* List() const noexcept { return bytes + kBitmapOffset + counts.bsize; }
+
+    // The size that the counts give.
+    std::uint64_t CalculatedSize() const noexcept {
+        return IsBloom() ? BloomFormSize(counts.bsize, counts.nudcid)
+                         : FormSize(counts.nfp, counts.dotype, counts.fptype);
+    }
+    // Offsets of the zero byte after the segments, and of the unique list of a bloom form. They are inside of a form
+    // that has its calculated size.
+    std::uint64_t SeparatorOffset() const noexcept {
+        return kHeadSize + std::uint64_t{SegmentFormSize(counts.fptype, counts.dotype)} * counts.nfp;
+    }
+    std::uint64_t ListOffset() const noexcept { return kBitmapOffset + std::uint64_t{counts.bsize}; }
 };
 
-// Takes the counts from the head; false where they, or the fixed zeros of the head, don't go with the form's size. The
-// counts of a form that is too short for its head stay 0.
-bool ReadCounts(Form& form) noexcept;
+// Reads the counts of a form that has at least kHeadSize bytes. They are not checked.
+void ReadCounts(Form& form) noexcept;
 
-// Makes the record of a form, in the buffer where it is given one that is large enough, or in a new one. `fault` is the
-// first rule that its segments break, if any: the record is made all the same. On failure, whose status it returns,
-// both pointers' values stay, and the content of a large enough buffer is unspecified.
-cr_status_t Parse(Form form, bool subDO, DORecordHeader** header, unsigned long* bufferSize,
-                  SegmentFault& fault) noexcept;
-
-// What the checks of a measured form look at: the checksums that it should have (of its list, where it has one), and
-// the bytes behind the last section of a bloom form.
+// The right checksums of the body, and of the unique list of a bloom form. The form must have its calculated size.
 std::uint32_t BodyChecksum(Form const& form) noexcept;
-std::uint32_t BloomListChecksum(Form const& form) noexcept;
-bool BloomEndIsZero(Form const& form) noexcept;
+std::uint32_t ListChecksum(Form const& form) noexcept;
 
 } // namespace crrecord::exchange

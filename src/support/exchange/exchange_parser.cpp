@@ -1,11 +1,8 @@
-// From the exchange form of a DO record to the record. Every byte of the form is looked at, and none behind it.
+#include "support/exchange/exchange_parser.h"
 
-#include "base/adler32.h"
 #include "base/memory.h"
-#include "support/exchange/exchange_form.h"
-#include "support/layout/unique_list.h"
+#include "support/exchange/exchange_diagnosis.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 
@@ -13,34 +10,33 @@ namespace crrecord::exchange {
 
 namespace {
 
-// Reads the entries, judging them on the way, and the DCIDs; false where a text, its NUL or the separator is not as it
-// must be.
+// Decodes the segments, checks each block of them, and converts the DCIDs.
+// Returns: false if a text or the separator is invalid.
 bool ReadSegments(Form const& form, DORecordHeader* header, RecordLayout const& layout, bool subDO,
-                  SegmentFault& fault) noexcept {
+                  FindingReporter& reporter, SegmentFault& fault) noexcept {
     SegmentCodec const& codec = SegmentCodecFor(form.counts.fptype, form.counts.dotype);
     std::uint64_t const segmentForm = SegmentFormSize(form.counts.fptype, form.counts.dotype);
     unsigned char const* const segments = form.bytes + kHeadSize;
-    unsigned char const* const separator = segments + segmentForm * layout.segments;
-    SegmentListCheck rules(SegmentListOf(header, layout, Order::Host, subDO));
-    bool const good = ForEachBlock(layout.segments, [&](std::uint64_t first, std::uint64_t count) {
+    SegmentListCheck check(SegmentListOf(header, layout, Order::Host, subDO));
+    bool const valid = ForEachBlock(layout.segments, [&](std::uint64_t first, std::uint64_t count) {
         bool const texts = codec.decode(BytesOf(header) + layout.Entry(first), segments + first * segmentForm, count);
-        rules.Accumulate(first, count);
+        check.Accumulate(first, count);
         return texts;
     });
-    if (!good || *separator != 0) {
+    CheckSeparator(form, reporter);
+    if (!valid || reporter.Stopped()) {
         return false;
     }
-    codec.swapDcids(BytesOf(header) + layout.dcids, separator + kSeparatorSize, layout.segments);
-    fault = rules.Fault();
+    unsigned char const* const dcids = form.bytes + form.SeparatorOffset() + kSeparatorSize;
+    codec.swapDcids(BytesOf(header) + layout.dcids, dcids, layout.segments);
+    fault = check.Fault();
     return true;
 }
 
-// The length word, the bitmap and the list are taken over as they are received.
+// Copies the length word, the bitmap and the list as they are received.
 void ReadBloom(Form const& form, DORecordHeader* header, RecordLayout const& layout) noexcept {
-    unsigned char const* const from = form.bytes + kHeadSize;
-    std::uint64_t const bitmapEnd = std::uint64_t{kBloomLengthSize} + form.counts.bsize;
-    std::memcpy(BytesOf(header) + layout.entries, from, bitmapEnd);
-    std::memcpy(BytesOf(header) + layout.udcids, from + bitmapEnd, UniqueListSize(form.counts.nudcid));
+    std::memcpy(BytesOf(header) + layout.entries, form.bytes + kHeadSize, form.ListOffset() - kHeadSize);
+    std::memcpy(BytesOf(header) + layout.udcids, form.bytes + form.ListOffset(), UniqueListSize(form.counts.nudcid));
 }
 
 void WriteHeader(Form const& form, DORecordHeader* header, RecordLayout const& layout) noexcept {
@@ -57,15 +53,9 @@ void WriteHeader(Form const& form, DORecordHeader* header, RecordLayout const& l
     header->dotype = form.counts.dotype;
 }
 
-bool BloomIsSound(Form const& form) noexcept {
-    bool const listIsSound =
-        form.counts.nudcid == 0 || Load<std::uint32_t>(form.List(), Order::Network) == BloomListChecksum(form);
-    return listIsSound && BloomEndIsZero(form) && form.Word(kChecksumOffset) == BodyChecksum(form);
-}
-
-bool Build(Form const& form, DORecordHeader* header, RecordLayout const& layout, bool subDO,
+bool Build(Form const& form, DORecordHeader* header, RecordLayout const& layout, bool subDO, FindingReporter& reporter,
            SegmentFault& fault) noexcept {
-    // The rest of what has segments is written over.
+    // Segments and DCIDs overwrite everything between the header and the tail.
     std::uint64_t const written = form.IsBloom() ? layout.entries : layout.udcids;
     std::memset(header, 0, layout.entries);
     std::memset(BytesOf(header) + written, 0, layout.total - written);
@@ -74,10 +64,10 @@ bool Build(Form const& form, DORecordHeader* header, RecordLayout const& layout,
         ReadBloom(form, header, layout);
         return true;
     }
-    return ReadSegments(form, header, layout, subDO, fault);
+    return ReadSegments(form, header, layout, subDO, reporter, fault);
 }
 
-// Whether two blocks, the first of which may be empty, have a byte in common.
+// Returns: whether two blocks have a byte in common. The first one may be empty.
 bool Overlap(void const* a, std::uint64_t aSize, void const* b, std::uint64_t bSize) noexcept {
     auto const from = reinterpret_cast<std::uintptr_t>(a);
     auto const to = reinterpret_cast<std::uintptr_t>(b);
@@ -94,7 +84,13 @@ cr_status_t Parse(Form form, bool subDO, DORecordHeader** header, unsigned long*
     if (!CRDOTypeIsValid(form.counts.dotype)) {
         return CR_STATUS_INVALID_DO_TYPE;
     }
-    if (!ReadCounts(form) || (form.IsBloom() && !BloomIsSound(form))) {
+    FindingReporter reporter(nullptr, nullptr); // stops at the first error and reports it to nobody
+    CheckHead(form, reporter);
+    if (form.IsBloom() && !reporter.Stopped()) {
+        CheckBloomBody(form, reporter);
+        CheckBodyChecksum(form, reporter);
+    }
+    if (reporter.Stopped()) {
         return CR_STATUS_CORRUPT_RECORD;
     }
     RecordLayout const layout(form.counts);
@@ -106,7 +102,7 @@ cr_status_t Parse(Form form, bool subDO, DORecordHeader** header, unsigned long*
     if (!target) {
         return CR_STATUS_NO_MEMORY;
     }
-    if (!Build(form, target, layout, subDO, fault)) {
+    if (!Build(form, target, layout, subDO, reporter, fault)) {
         if (!fits) {
             std::free(target);
         }

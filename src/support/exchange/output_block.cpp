@@ -6,7 +6,7 @@ namespace crrecord {
 
 cr_status_t AllocateOutput(SerializerSite const& site, std::uint64_t size, std::uint64_t limit, void** out,
                            void* (*allocate)(std::uint64_t)) noexcept {
-    // An allocator may fail without setting errno; a stale value must not be reported then.
+    // An allocator may fail without setting errno. ENOMEM replaces a stale value, which would be reported then.
     int const former = errno;
     errno = ENOMEM;
     *out = size <= limit ? allocate(size) : nullptr;

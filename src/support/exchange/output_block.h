@@ -1,4 +1,4 @@
-// What the serializers of all records share: the output block, and the report of one that could not be had.
+// Allocation of the output block of a serializer, for all record types.
 
 #pragma once
 
@@ -8,7 +8,7 @@
 
 namespace crrecord {
 
-// Where an output block is asked for, as the log and the trace name it.
+// The position of an allocation, as the log and the trace name it.
 struct SerializerSite {
     char const* record; // "SO" or "DO"
     char const* function;
@@ -16,7 +16,7 @@ struct SerializerSite {
     int line;
 };
 
-// Sets *out to `size` bytes of `allocate` (memory.h), and leaves errno alone.
+// Sets *out to a block of `size` bytes from `allocate` (memory.h). errno is unchanged.
 // On failure, or if `size` is above `limit`: sets *out to null, logs the failure and returns its status.
 cr_status_t AllocateOutput(SerializerSite const& site, std::uint64_t size, std::uint64_t limit, void** out,
                            void* (*allocate)(std::uint64_t)) noexcept;

@@ -1,4 +1,4 @@
-// The segment codec for every processor, and the choice.
+// The segment codec for every processor, and the selection.
 
 #include "support/exchange/segment_codec.h"
 

@@ -1,8 +1,7 @@
 // The segment codec for processors with AVX2.
 //
 // Only the code between the two pragmas uses AVX2, and all of it has internal linkage. Inline functions of other
-// headers that the compiler emits here are compiled for every processor, so it does not matter whose copy the linker
-// keeps.
+// headers that the compiler emits here are compiled for every processor, so the linker may keep any copy.
 
 #include "support/exchange/segment_codec.h"
 
@@ -25,14 +24,14 @@ namespace crrecord {
 
 namespace {
 
-// One nibble a byte to its character.
+// Converts nibbles, one per byte, to characters.
 [[gnu::always_inline]] inline __m256i NibblesToText(__m256i nibbles) noexcept {
     __m256i const digits = _mm256_broadcastsi128_si256(
         _mm_setr_epi8('0', '1', '2', '3', '4', '5', '6', '7', '8', '9', 'a', 'b', 'c', 'd', 'e', 'f'));
     return _mm256_shuffle_epi8(digits, nibbles);
 }
 
-// Sixteen bytes to 32 characters: the high nibble goes in front.
+// Converts sixteen bytes to 32 characters. The high nibble is first.
 [[gnu::always_inline]] inline void EncodeHalf(unsigned char const* bytes, char* text) noexcept {
     __m256i const lanes = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<__m128i const*>(bytes)));
     __m256i const nibbles = _mm256_and_si256(_mm256_or_si256(_mm256_srli_epi16(lanes, 4), _mm256_slli_epi16(lanes, 8)),
@@ -40,8 +39,8 @@ namespace {
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(text), NibblesToText(nibbles));
 }
 
-// Of a character's low nibble alone, the digit and the letter that it can be; 0xff stands for none. A shuffle looks a
-// character from 0x80 on up as 0, which isn't it either.
+// A table has, for each low nibble, the only character of its kind with that nibble, or 0xff. A shuffle maps characters
+// from 0x80 on to 0, which does not equal them.
 [[gnu::always_inline]] inline __m256i IsEntry(__m256i characters, __m128i table) noexcept {
     return _mm256_cmpeq_epi8(characters, _mm256_shuffle_epi8(_mm256_broadcastsi128_si256(table), characters));
 }
@@ -52,10 +51,10 @@ namespace {
     return IsEntry(characters, _mm_setr_epi8(-1, 'a', 'b', 'c', 'd', 'e', 'f', -1, -1, -1, -1, -1, -1, -1, -1, -1));
 }
 
-// Gathers what was seen of many texts, and says at the end whether all were good.
+// Whether all characters of many texts were valid.
 class Avx2Verdict {
 public:
-    // Written out because an implicit constructor would be compiled without AVX2.
+    // Explicit, because an implicit constructor would be compiled without AVX2.
     [[gnu::always_inline]] Avx2Verdict() noexcept : good_(_mm256_set1_epi8(-1)) {}
     [[gnu::always_inline]] void And(__m256i good) noexcept { good_ = _mm256_and_si256(good_, good); }
     [[gnu::always_inline]] bool Good() const noexcept { return _mm256_movemask_epi8(good_) == -1; }
@@ -64,7 +63,7 @@ private:
     __m256i good_;
 };
 
-// Thirty-two characters to sixteen bytes, one in each 16-bit lane.
+// Converts 32 characters to sixteen bytes, one in each 16-bit lane.
 [[gnu::always_inline]] inline __m256i DecodeLanes(char const* text, Avx2Verdict& verdict) noexcept {
     __m256i const characters = _mm256_loadu_si256(reinterpret_cast<__m256i const*>(text));
     __m256i const letters = AreLetters(characters);

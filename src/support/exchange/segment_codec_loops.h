@@ -1,5 +1,5 @@
-// The loops of the segment codec, made once for each set of instructions. Everything has internal linkage: each source
-// that includes this compiles its own.
+// The loops of the segment codec, compiled once for each instruction set. Everything has internal linkage: each source
+// that includes this file has separate functions.
 
 #pragma once
 
@@ -16,7 +16,7 @@ inline void SwapDcids(unsigned char* to, unsigned char const* from, std::uint64_
     }
 }
 
-// How far the loops look ahead: a dozen segments.
+// Distance of the prefetched text in bytes: a dozen segments.
 inline constexpr std::uint64_t kAhead = 1024;
 
 template <class Hex, unsigned int Fingerprint, unsigned int SizeWidth, unsigned int OffsetWidth>

@@ -1,4 +1,4 @@
-// Fingerprints on OpenSSL's EVP interface.
+// Fingerprints, computed with OpenSSL's EVP interface.
 
 #include <crrecord/fingerprint.h>
 #include <crrecord/status.h>
@@ -20,8 +20,9 @@ int Fail(cr_status_t status) noexcept {
     return -1;
 }
 
-// Runs a step of OpenSSL and leaves the caller's error queue as it was. A step can fail for want of memory; whatever
-// else it fails of, the algorithm is not to be had.
+// Runs a step of OpenSSL and restores the caller's error queue.
+// Returns: CR_STATUS_NO_MEMORY if OpenSSL reports an allocation failure. Any other failure means that the algorithm is
+// unavailable: CR_STATUS_NOT_SUPPORTED.
 template <class Step>
 cr_status_t RunCryptoStep(Step step) noexcept {
     ERR_set_mark();
@@ -34,9 +35,9 @@ cr_status_t RunCryptoStep(Step step) noexcept {
     return status;
 }
 
-// An algorithm that is fetched when it is first needed and kept for the life of the process: the implicit fetch that
-// every digest would otherwise make costs more than hashing a small segment. A fetch that fails is tried again, since
-// memory may come back. Trivially destructible on purpose: threads may still hash while the process exits.
+// An algorithm that is fetched on first use and kept until the process ends. Otherwise OpenSSL fetches it for every
+// digest, which takes longer than hashing a small segment. A fetch that failed is repeated on the next use, since
+// memory may be available then. Trivially destructible on purpose: threads may still hash while the process exits.
 class Algorithm {
 public:
     constexpr explicit Algorithm(char const* name) noexcept : name_(name) {}
@@ -86,7 +87,7 @@ struct FingerprintComputation {
         if (fetched != CR_STATUS_OK) {
             return fetched;
         }
-        // The algorithm is to be had, so only memory can lack; OpenSSL doesn't always say so in its error queue.
+        // The algorithm is available, so this fails only if out of memory; OpenSSL does not always report that.
         cr_status_t const started = RunCryptoStep([&] {
             if (!context.hash_) {
                 context.hash_ = EVP_MD_CTX_new();
@@ -166,7 +167,7 @@ int CRFPFinalize(crfp_context_t* context) noexcept {
 }
 
 int CRFPFinalizeDO(crfp_context_t* context) noexcept {
-    static constexpr char kObjectMark[] = "DO"; // its NUL belongs to it
+    static constexpr char kObjectMark[] = "DO"; // the digest covers its NUL
     return CRFPAppend(context, kObjectMark, sizeof kObjectMark) == 0 ? CRFPFinalize(context) : -1;
 }
 
@@ -191,7 +192,7 @@ char* CRFPDigestToString_r(crfp_digest_t const* digest, unsigned int fptype, cha
 crfp_digest_t* CRFPStringToDigest_r(char const* text, unsigned int fptype, crfp_digest_t* digest) noexcept {
     unsigned long const length = CRFPTextSize(fptype) - 1;
     crfp_digest_t value{};
-    // The length comes first, so that nothing behind the NUL of a short text is read.
+    // The length is checked first, so that no byte after the NUL of a short text is read.
     if (!text || !digest || strnlen(text, length + 1) != length ||
         !crrecord::HexDecode(text, CRFPDigestSize(fptype), value.bytes)) {
         Fail(CR_STATUS_INVALID);
@@ -206,11 +207,11 @@ crt_digest_t* CRTDigestNewFull(unsigned int kind, crfp_digest_t const* digest, u
         Fail(CR_STATUS_INVALID);
         return nullptr;
     }
-    crt_digest_t* const made = new (std::nothrow) crt_digest_t{kind, *digest, dcid};
-    if (!made) {
+    crt_digest_t* const copy = new (std::nothrow) crt_digest_t{kind, *digest, dcid};
+    if (!copy) {
         Fail(CR_STATUS_NO_MEMORY);
     }
-    return made;
+    return copy;
 }
 
 void CRTDigestDelete(crt_digest_t** digest) noexcept {

@@ -14,6 +14,8 @@ namespace crrecord {
 
 inline constexpr std::uint64_t kLargestRecord = std::numeric_limits<std::uint32_t>::max();
 
+inline constexpr unsigned int kKnownFlags = 0x0006; // the flags that a record may have
+
 inline constexpr unsigned int kDcidSize = 8;
 inline constexpr unsigned int kLegacyTaskIdSize = 8;
 inline constexpr unsigned int kLegacyDsidSize = 4;

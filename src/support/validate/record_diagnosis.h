@@ -1,4 +1,4 @@
-// Validation of a received DO record for those who keep or copy it.
+// Validation of a received DO record, for functions that keep or copy it.
 
 #pragma once
 
@@ -6,14 +6,15 @@
 
 namespace crrecord {
 
-// The header of a valid record, as validation has read it.
+// The header of a valid record, as validation read it.
 struct ValidHeader {
     DORecordHeader fields; // in host order
     Order order;           // of the record
 };
 
-// Validates `size` bytes in the order that they show. With `copy`, a block of as many bytes, the record is copied there
-// in host order, and the copy is what is validated: later changes of the buffer don't matter.
+// Detects the byte order of `size` bytes and validates them. With `copy`, a block of `size` bytes, the record is copied
+// there in host order and the copy is validated, so that later changes of the buffer have no effect.
+//
 // Throws: CR_STATUS_CORRUPT_RECORD with the first error's message; CR_STATUS_INVALID for null and for options other
 // than CR_DO_SUB_DO. On failure: the content of `copy` is unspecified.
 ValidHeader RequireValid(void const* buffer, std::uint64_t size, unsigned int options, unsigned char* copy = nullptr);

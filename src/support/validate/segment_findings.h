@@ -1,4 +1,4 @@
-// What the validators of whole records and of exchange forms say of a broken segment rule.
+// The findings for a faulty segment list, shared by the validators of records and of exchange forms.
 
 #pragma once
 
@@ -7,9 +7,9 @@
 
 namespace crrecord {
 
-// `record` names what was received; `entry` is the offset of the segment at fault, `objectSize` that of the object's
-// size. Returns whether the walk goes on.
-bool ReportSegmentFault(SegmentFault const& fault, char const* record, std::uint64_t entry, SegmentList const& list,
-                        std::uint64_t objectSize, FindingReporter& report) noexcept;
+// Reports the fault, if there is one. `record` names the kind of buffer in the message; `entry` is the offset of the
+// faulty segment, `objectSize` that of the object's size, in bytes from the start of the buffer.
+void ReportSegmentFault(SegmentFault const& fault, char const* record, std::uint64_t entry, SegmentList const& list,
+                        std::uint64_t objectSize, FindingReporter& reporter) noexcept;
 
 } // namespace crrecord

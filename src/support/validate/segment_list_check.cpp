@@ -6,11 +6,11 @@ namespace crrecord {
 
 namespace {
 
-// From here on a value is taken for one in the wrong byte order.
+// A value from here on is probably in the wrong byte order.
 constexpr std::uint32_t kImplausibleSize = 0x80000000;
 constexpr std::uint64_t kImplausibleOffset = 0x8000000000000000;
 
-// A walk along a list's sizes and offsets.
+// Iterates over the sizes and offsets of a list.
 template <Order order>
 class Entries {
 public:
@@ -30,7 +30,7 @@ private:
     unsigned int stride_;
 };
 
-// Runs a check that is compiled once for each order, so that no loop asks for the order again.
+// Runs a check that is compiled once for each order, so that no loop tests the order.
 template <class Check>
 auto WithEntries(SegmentList const& list, Check check) noexcept {
     return list.order == Order::Host ? check(Entries<Order::Host>(list)) : check(Entries<Order::Network>(list));
@@ -79,7 +79,7 @@ void SegmentListCheck::Accumulate(std::uint64_t from, std::uint64_t count) noexc
     }
 }
 
-// Sizes are summed up, and their implausible bits collected, in one pass without a branch.
+// Adds up the sizes and collects their bits in one pass without a branch.
 template <class E>
 void SegmentListCheck::AccumulateSizes(E entries, std::uint64_t from, std::uint64_t count) noexcept {
     std::uint64_t sum = sum_;
@@ -137,7 +137,7 @@ SegmentFault SegmentListCheck::SumFault() const noexcept {
     return sum_ != list_.objectSize ? SegmentFault{SegmentRule::Sum, 0, sum_, list_.objectSize} : SegmentFault{};
 }
 
-// Where something is amiss, the rules one by one, in their order, say what.
+// Tests the rules in the order in which they are reported.
 SegmentFault SegmentListCheck::OffsetFault() const noexcept {
     if (sizes_ >= kImplausibleSize && !list_.subDO) {
         return CheckSegmentSizes(list_);
@@ -152,9 +152,9 @@ SegmentFault SegmentListCheck::OffsetFault() const noexcept {
 }
 
 SegmentFault CheckSegments(SegmentList const& list) noexcept {
-    SegmentListCheck rules(list);
-    rules.Accumulate(0, list.count);
-    return rules.Fault();
+    SegmentListCheck check(list);
+    check.Accumulate(0, list.count);
+    return check.Fault();
 }
 
 } // namespace crrecord

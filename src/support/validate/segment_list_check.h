@@ -1,4 +1,4 @@
-// The rules of a record's segment list, shared by the class and the validators.
+// The rules for a segment list, shared by the class and the validators.
 
 #pragma once
 
@@ -7,31 +7,31 @@
 namespace crrecord {
 
 enum class SegmentRule {
-    None,    // every rule is kept
-    Product, // types 0 and 1: segment size times count, which wraps at 64 bits, is less than the object
-    Sum,     // types 2 and 5: the sizes do not add up to the object
-    Size,    // a size from 2 GiB on
-    Offset,  // an offset from 8192 PiB on
-    Overlap, // type 3: a segment starts before the one in front of it ends
-    End,     // type 3: the last segment ends behind the object
+    None,    // no rule is violated
+    Product, // DO types 0 and 1: segment size times count, modulo 2^64, is less than the object's size
+    Sum,     // DO types 2 and 5: the sizes do not add up to the object's size
+    Size,    // a size of 2 GiB or more
+    Offset,  // an offset of 8192 PiB or more
+    Overlap, // DO type 3: a segment starts before the end of the previous one
+    End,     // DO type 3: the last segment ends after the end of the object
 };
 
-// The first rule that is broken.
+// The first violation.
 struct SegmentFault {
     SegmentRule rule = SegmentRule::None;
-    std::uint32_t segment = 0; // the one at fault, for the rules that look at one
+    std::uint32_t segment = 0; // the faulty one, for Size, Offset and Overlap
     std::uint64_t found = 0;
-    std::uint64_t expected = 0; // a limit, or the value that would have been right
+    std::uint64_t expected = 0; // the limit or the right value
 };
 
-// Checks segments while they are read or copied, so that memory is read once.
+// Checks segments while they are copied or converted, so that they are read from memory once.
 class SegmentListCheck {
 public:
     explicit SegmentListCheck(SegmentList const& list) noexcept : list_(list) {}
 
-    // Takes in the next `count` segments; `from` is the first one not taken in yet.
+    // Adds `count` segments, starting with segment `from`. All segments must be added once, in order.
     void Accumulate(std::uint64_t from, std::uint64_t count) noexcept;
-    // After all of them: the first fault. Reads the list again if there is one.
+    // Returns: the first fault, once all segments are added. If there is one, the list is read again to find it.
     SegmentFault Fault() const noexcept;
 
 private:
@@ -46,12 +46,12 @@ private:
     SegmentList list_;
     std::uint64_t sum_ = 0;     // of the sizes
     std::uint64_t end_ = 0;     // of the last segment
-    std::uint64_t offsets_ = 0; // every bit of theirs
-    std::uint32_t sizes_ = 0;   // every bit of theirs
+    std::uint64_t offsets_ = 0; // all offsets, or-ed
+    std::uint32_t sizes_ = 0;   // all sizes, or-ed
     bool overlap_ = false;
 };
 
-// All of that at once.
+// All checks, or those of sizes or offsets only, over a whole list.
 SegmentFault CheckSegments(SegmentList const& list) noexcept;
 SegmentFault CheckSegmentSizes(SegmentList const& list) noexcept;
 SegmentFault CheckSegmentOffsets(SegmentList const& list) noexcept;
