@@ -5,6 +5,7 @@
 #include "base/adler32.h"
 
 #include <benchmark/benchmark.h>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <zlib.h>
 
@@ -29,21 +30,31 @@ struct Texts {
     std::vector<char> texts;
 };
 
-// One call per text, like the conversions.
-Side CopyEachText(std::shared_ptr<Texts const> const& from) {
+// The crypto library's conversions. Their texts are upper-case.
+Side OpenSslToText(std::shared_ptr<Texts const> const& from) {
     auto const to = std::make_shared<std::vector<char>>(from->texts.size());
     return {[from, to] {
-        for (std::size_t at = 0; at < to->size(); at += from->text) {
-            std::memcpy(to->data() + at, from->texts.data() + at, from->text);
+        char* text = to->data();
+        for (crfp_digest_t const& digest : from->digests) {
+            std::size_t length = 0;
+            Require(OPENSSL_buf2hexstr_ex(text, from->text, &length, digest.bytes, from->text / 2, '\0') == 1,
+                    "no text");
+            text += from->text;
         }
         benchmark::ClobberMemory();
     }};
 }
 
-Side CopyTexts(std::shared_ptr<Texts const> const& from) {
-    auto const to = std::make_shared<std::vector<char>>(from->texts.size());
+Side OpenSslFromText(std::shared_ptr<Texts const> const& from) {
+    auto const to = std::make_shared<std::vector<crfp_digest_t>>(from->count);
     return {[from, to] {
-        std::memcpy(to->data(), from->texts.data(), to->size());
+        char const* text = from->texts.data();
+        for (crfp_digest_t& digest : *to) {
+            std::size_t length = 0;
+            Require(OPENSSL_hexstr2buf_ex(digest.bytes, sizeof digest.bytes, &length, text, '\0') == 1,
+                    "no fingerprint");
+            text += from->text;
+        }
         benchmark::ClobberMemory();
     }};
 }
@@ -102,22 +113,12 @@ Comparison Adler32Zlib(Shape shape, unsigned int n) {
 
 Comparison FingerprintToText(Shape shape, unsigned int n) {
     auto const from = std::make_shared<Texts const>(Input(shape, n));
-    return {ToText(from), CopyTexts(from)};
-}
-
-Comparison FingerprintToTextOneByOne(Shape shape, unsigned int n) {
-    auto const from = std::make_shared<Texts const>(Input(shape, n));
-    return {ToText(from), CopyEachText(from)};
+    return {ToText(from), OpenSslToText(from)};
 }
 
 Comparison FingerprintFromText(Shape shape, unsigned int n) {
     auto const from = std::make_shared<Texts const>(Input(shape, n));
-    return {FromText(from), CopyTexts(from)};
-}
-
-Comparison FingerprintFromTextOneByOne(Shape shape, unsigned int n) {
-    auto const from = std::make_shared<Texts const>(Input(shape, n));
-    return {FromText(from), CopyEachText(from)};
+    return {FromText(from), OpenSslFromText(from)};
 }
 
 // The reference hashes prepared bytes, the same that the digest covers.

@@ -18,12 +18,14 @@ Comparison FromBuffer(Shape shape, unsigned int n);
 Comparison Convert(Shape shape, unsigned int n);
 Comparison CheckSegmentList(Shape shape, unsigned int n);
 
+Comparison ReadSegments(Shape shape, unsigned int n);
+Comparison ReadSegmentsInNetworkOrder(Shape shape, unsigned int n);
+Comparison ReadByIndex(Shape shape, unsigned int n);
+
 Comparison Adler32(Shape shape, unsigned int n);
 Comparison Adler32Zlib(Shape shape, unsigned int n);
 Comparison FingerprintToText(Shape shape, unsigned int n);
 Comparison FingerprintFromText(Shape shape, unsigned int n);
-Comparison FingerprintToTextOneByOne(Shape shape, unsigned int n);
-Comparison FingerprintFromTextOneByOne(Shape shape, unsigned int n);
 Comparison Digest(Shape shape, unsigned int n);
 
 Comparison UniqueListOfRuns(Shape shape, unsigned int n);

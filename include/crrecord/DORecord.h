@@ -191,7 +191,8 @@ public:
     void setFlags(unsigned short flags);
     void SetFlags(unsigned short flags);
 
-    // Writes the references into their section and returns the complete buffer of GetHeaderSize() bytes.
+    // Brings the section of the references up to date and returns the complete buffer of GetHeaderSize() bytes. Writes
+    // nothing if the section is up to date.
     // Throws: CR_STATUS_INVALID if there are references and their section is not inside the buffer.
     // Lifetime: the buffer belongs to the record and is valid until the record grows or is destroyed.
     DORecordHeader* GetHeader() const;

@@ -26,7 +26,7 @@ public:
 
     // Header fields (DORecordHeader.h). GetHeaderSize is the bytes of the whole record; sizes are in bytes, times in
     // seconds since the epoch.
-    bool IsInNetworkOrder() const noexcept { return networkOrder_; }
+    bool IsInNetworkOrder() const noexcept { return order_ == crrecord::Order::Network; }
     // Bits 0x0002 and 0x0004 only.
     unsigned short GetFlags() const noexcept { return fields_.flags; }
     unsigned int GetHeaderSize() const noexcept { return fields_.recsize; }
@@ -64,5 +64,5 @@ public:
 private:
     DORecordHeader const* record_;
     DORecordHeader fields_; // the header in host order
-    bool networkOrder_;
+    crrecord::Order order_;
 };

@@ -24,18 +24,16 @@ struct DOEntryLayout {
     unsigned char stride = 0;      // bytes of the entry
     unsigned char sizeWidth = 0;   // bytes of the size: 0 or 4
     unsigned char offsetWidth = 0; // bytes of the offset: 0, 4 or 8
-    bool derivesSizes = false;     // a size follows from the record's ssize and size
+    ListCheck check = ListCheck::None;
 
     constexpr DOEntryLayout() noexcept = default;
-    constexpr DOEntryLayout(unsigned int dotype, unsigned int fptype) noexcept {
-        DOType const type = DOTypeOf(dotype);
-        fingerprint = static_cast<unsigned char>(CRFPDigestSize(fptype));
-        offset = static_cast<unsigned char>(fingerprint + 4);
-        stride = static_cast<unsigned char>(fingerprint + type.sizeWidth + type.offsetWidth);
-        sizeWidth = type.sizeWidth;
-        offsetWidth = type.offsetWidth;
-        derivesSizes = type.check == ListCheck::Product;
-    }
+    // The entries of a record, and those of a DO type whose fingerprints have `width` bytes.
+    constexpr DOEntryLayout(unsigned int dotype, unsigned int fptype) noexcept
+        : DOEntryLayout(DOTypeOf(dotype), CRFPDigestSize(fptype)) {}
+    constexpr DOEntryLayout(DOType const& type, unsigned int width) noexcept
+        : fingerprint(static_cast<unsigned char>(width)), offset(static_cast<unsigned char>(width + 4)),
+          stride(static_cast<unsigned char>(width + type.sizeWidth + type.offsetWidth)), sizeWidth(type.sizeWidth),
+          offsetWidth(type.offsetWidth), check(type.check) {}
 
     // Bytes from the start of the record to entry `i`, and, for the number of entries, to their end.
     constexpr std::uint64_t Entry(std::uint64_t i) const noexcept { return CR_DO_HEADER_SIZE + i * stride; }
@@ -43,7 +41,7 @@ struct DOEntryLayout {
     // Size of segment `i` of `count` if entries store none: `ssize`, and the rest of the object for the last segment.
     constexpr std::uint32_t DerivedSize(std::uint32_t i, std::uint32_t count, std::uint64_t objectSize,
                                         std::uint64_t ssize) const noexcept {
-        if (!derivesSizes) {
+        if (check != ListCheck::Product) {
             return kNoSize;
         }
         // Cut to 32 bits, as a segment's size is. Without segments the last index is 2^32 - 1.

@@ -51,9 +51,17 @@ struct DOSegmentSource : crrecord::DOEntryLayout {
     typedef DOSegment value_type;
 
     CRRECORD_API static DOSegmentSource Of(DORecordHeader const* header) noexcept;
-
     DOSegment Read(unsigned int i) const noexcept {
         return order == crrecord::Order::Host ? ReadIn<crrecord::Order::Host>(i) : ReadIn<crrecord::Order::Network>(i);
+    }
+    unsigned char const* Entry(unsigned int i) const noexcept { return entries + std::uint64_t{i} * stride; }
+    // The members of Read that are read from the entry.
+    unsigned int Size(unsigned int i) const noexcept {
+        return order == crrecord::Order::Host ? SizeIn<crrecord::Order::Host>(i) : SizeIn<crrecord::Order::Network>(i);
+    }
+    unsigned long Offset(unsigned int i) const noexcept {
+        return order == crrecord::Order::Host ? OffsetIn<crrecord::Order::Host>(i)
+                                              : OffsetIn<crrecord::Order::Network>(i);
     }
 
     unsigned char const* entries;
@@ -66,17 +74,23 @@ struct DOSegmentSource : crrecord::DOEntryLayout {
 private:
     template <crrecord::Order order>
     DOSegment ReadIn(unsigned int i) const noexcept {
-        unsigned char const* const entry = entries + std::uint64_t{i} * stride;
-        DOSegment segment{
-            {entry, fingerprint}, 0, crrecord::kNoOffset, crrecord::Load<std::uint64_t>(dcids + std::uint64_t{i} * 8)};
-        segment.size = sizeWidth != 0 ? crrecord::Load<std::uint32_t>(entry + fingerprint, order)
-                                      : DerivedSize(i, count, objectSize, ssize);
-        if (offsetWidth == 8) {
-            segment.offset = crrecord::Load<std::uint64_t>(entry + offset, order);
-        } else if (offsetWidth == 4) {
-            segment.offset = crrecord::Load<std::uint32_t>(entry + offset, order);
+        return {{Entry(i), fingerprint},
+                SizeIn<order>(i),
+                OffsetIn<order>(i),
+                crrecord::Load<std::uint64_t>(dcids + std::uint64_t{i} * 8)};
+    }
+    template <crrecord::Order order>
+    unsigned int SizeIn(unsigned int i) const noexcept {
+        return sizeWidth != 0 ? crrecord::Load<std::uint32_t>(Entry(i) + fingerprint, order)
+                              : DerivedSize(i, count, objectSize, ssize);
+    }
+    template <crrecord::Order order>
+    unsigned long OffsetIn(unsigned int i) const noexcept {
+        switch (offsetWidth) {
+        case 8: return crrecord::Load<std::uint64_t>(Entry(i) + offset, order);
+        case 4: return crrecord::Load<std::uint32_t>(Entry(i) + offset, order);
+        default: return crrecord::kNoOffset;
         }
-        return segment;
     }
 };
 

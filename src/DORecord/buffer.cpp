@@ -45,8 +45,7 @@ RecordLayout RecordInternals::CheckedLayout(DORecord const& record, SectionEnd e
 // The layout goes by the order that the header shows, sizes are read by the order that the record claims. Where the two
 // are not one, as after a conversion of a converted record, a size means nothing and must not be changed or followed.
 bool RecordInternals::OrderMatchesHeader(DORecord const& record) noexcept {
-    return std::endian::native == std::endian::big ||
-           OrderOf(record.header) == (record.networkOrder ? Order::Network : Order::Host);
+    return std::endian::native == std::endian::big || OrderOf(record.header) == OrderFromFlag(record.networkOrder);
 }
 
 RecordLayout RecordInternals::ChangeableLayout(DORecord const& record, SectionEnd end) {
@@ -124,14 +123,17 @@ void RecordInternals::Clear(DORecord& record, std::uint64_t from, std::uint64_t 
 
 // Everything that can fail comes first. The tail is zero again where it stands now, also in a borrowed buffer.
 void RecordInternals::GrowReferences(DORecord& record, RecordLayout const& layout, std::uint64_t by) {
-    std::uint64_t const references = record.getTRefsSize() + by;
-    std::uint64_t const size = record.getRecSize() + by;
+    Order const order = OrderFromFlag(record.networkOrder);
+    std::uint64_t const references = InOrder(record.header->trefssize, order) + by;
+    std::uint64_t const size = InOrder(record.header->recsize, order) + by;
     if (size > kLargestRecord || references > kLargestRecord || size < CR_DO_RECORD_SIZE) {
         Refuse(kInvalidRecordSize);
     }
-    record.expand(static_cast<unsigned int>(size));
-    record.setTRefsSize(static_cast<unsigned int>(references));
-    record.setRecSize(static_cast<unsigned int>(size));
+    if (size > record.bufferSize) {
+        record.expand(static_cast<unsigned int>(size));
+    }
+    record.header->trefssize = InOrder(static_cast<unsigned int>(references), order);
+    record.header->recsize = InOrder(static_cast<unsigned int>(size), order);
     Clear(record, layout.tail + by, size);
 }
 

@@ -98,7 +98,7 @@ SegmentFault CopySegments(DORecordHeader* header, void const* segments, RecordLa
         FillBytes(entries, nullptr, layout.dcids - layout.entries);
         return {};
     }
-    SegmentListCheck rules(SegmentListOf(header, layout, Order::Host, subDO));
+    SegmentListCheck rules(SegmentSourceOf(*header, BytesOf(header), Order::Host), subDO);
     ForEachBlock(layout.segments, [&](std::uint64_t first, std::uint64_t count) {
         std::uint64_t const bytes = count * layout.stride;
         unsigned char const* const from = static_cast<unsigned char const*>(segments) + first * layout.stride;

@@ -45,7 +45,7 @@ private:
 } // namespace
 
 int DORecord::AddTaskID(unsigned long taskId) {
-    return OwnTRef(tref_ptr_t(new Cr_TRef(taskId)));
+    return OwnTRef(NewHandle({CR_REFTYPE_TASKID, taskId}));
 }
 
 int DORecord::AddTaskID(unsigned long taskId, cr_task_callback_t callback, void* context) {
@@ -53,7 +53,7 @@ int DORecord::AddTaskID(unsigned long taskId, cr_task_callback_t callback, void*
         return CR_STATUS_INVALID;
     }
     RemoveInactiveTaskIDs(callback, context);
-    int const result = AddTRef(tref_ptr_t(new Cr_TRef(taskId)));
+    int const result = AddTaskID(taskId);
     handleUpdate();
     return result;
 }
@@ -74,7 +74,7 @@ bool DORecord::HasTaskID(unsigned long taskId) const {
 }
 
 int DORecord::AddDSID(unsigned int dsid) {
-    return OwnTRef(tref_ptr_t(new Cr_TRef(dsid)));
+    return OwnTRef(NewHandle({CR_REFTYPE_DSID, dsid}));
 }
 
 unsigned long DORecord::DelDSID(unsigned int dsid) {

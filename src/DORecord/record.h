@@ -32,6 +32,10 @@ inline constexpr char kInvalidRecordSize[] = "invalid record size for DO";
 // Throws, with its text, where a rule is broken.
 void ThrowIfFaulty(SegmentFault const& fault, unsigned int dotype);
 
+// Makes a handle with a reference.
+// Throws: std::bad_alloc.
+DORecord::tref_ptr_t NewHandle(DOReference reference);
+
 inline std::uint64_t SizeOf(Cr_TRef const& reference) noexcept {
     return ReferenceSize(reference.Get()->kind);
 }

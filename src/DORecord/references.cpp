@@ -3,6 +3,7 @@
 #include "DORecord/record.h"
 
 #include "status/trace.h"
+#include "tref/pool.h"
 
 #include <cassert>
 #include <functional>
@@ -58,8 +59,8 @@ DORecord::tref_ptr_t Wrapped(_cr_tref_t* value) {
     }
 }
 
-[[noreturn]] void ThrowUndecoded(std::uint64_t offset) {
-    cr_status_t const status = *__cr_errno_location();
+[[noreturn]] void ThrowUndecoded(cr_status_t status, std::uint64_t offset) {
+    *__cr_errno_location() = status;
     if (TraceOn()) {
         __TraceA("Invalid DO record: invalid typed reference at offset %lu from start of typed reference section: %s",
                  offset, CRStatusToStringA(status));
@@ -73,6 +74,15 @@ std::uint64_t TotalSize(DORecord::tref_set_t const& set) noexcept {
 }
 
 } // namespace
+
+DORecord::tref_ptr_t crrecord::NewHandle(DOReference reference) {
+    HandleMaker maker;
+    DORecord::tref_ptr_t handle = maker.Make(reference);
+    if (!handle) {
+        throw std::bad_alloc();
+    }
+    return handle;
+}
 
 int DORecord::OwnTRef(tref_ptr_t reference) {
     _cr_tref_t const* const value = NotNull(reference);
@@ -103,7 +113,7 @@ int DORecord::OwnTRef(_cr_tref_t& reference) {
 }
 
 int DORecord::AddTRef(_cr_tref_t const& reference) {
-    return OwnTRef(tref_ptr_t(Cr_TRef::Factory(&reference)));
+    return OwnTRef(NewHandle({reference.kind, reference.id}));
 }
 
 int DORecord::AddTRef(tref_ptr_t reference) {
@@ -240,15 +250,20 @@ unsigned long DORecord::GetSerializedTRefsSize() const {
     return getTRefsSize();
 }
 
+// A reference that is already stored is not written again: taking the header of an unchanged record writes nothing.
 void RecordInternals::WriteReferences(DORecord const& record, RecordLayout const& layout) noexcept {
     unsigned char* position = BytesOf(record.header) + layout.trefs;
-    std::uint64_t room = layout.tail - layout.trefs;
+    std::uint64_t available = layout.tail - layout.trefs;
     for (int kind = 0; kind < kReferenceKinds; ++kind) {
         for (DORecord::tref_ptr_t const& reference : record.trefs[kind]) {
-            unsigned long const written =
-                EncodeReference(position, room, {reference->Get()->id, static_cast<cr_reftype_t>(kind)});
-            position += written;
-            room -= written;
+            _cr_tref_t const& value = *reference->Get();
+            _cr_tref_t stored{};
+            unsigned long size = DecodeReference(position, available, stored);
+            if (size == 0 || CompareReferences(stored, value) != 0) {
+                size = EncodeReference(position, available, value);
+            }
+            position += size;
+            available -= size;
         }
     }
 }
@@ -296,17 +311,23 @@ void DORecord::AddSerializedTRefs(char const* bytes, unsigned int length) {
 
 // Adds up the bytes of those that were not there yet. The end of the set as the hint makes sorted input, which is what
 // records store, load in linear time.
-void RecordInternals::LoadReferences(DORecord& record, char const* bytes, unsigned long length, unsigned long& loaded) {
+void RecordInternals::LoadReferences(DORecord& record, char const* bytes, std::uint64_t length, std::uint64_t& loaded) {
+    auto const* const section = reinterpret_cast<unsigned char const*>(bytes);
+    HandleMaker handles;
     for (std::uint64_t offset = 0; offset < length;) {
-        unsigned long consumed = 0;
-        _cr_tref_t* const value = CRTRefNewDeserialize(bytes + offset, length - offset, CR_TREF_SERIALIZED, &consumed);
-        if (!value) {
-            ThrowUndecoded(offset);
+        DOReference reference{};
+        std::uint64_t const size = DOReferenceDecode(section + offset, length - offset, reference);
+        if (size == 0) {
+            ThrowUndecoded(CR_STATUS_CORRUPT_RECORD, offset);
         }
-        DORecord::tref_set_t& set = record.trefs[value->kind];
+        DORecord::tref_ptr_t handle = handles.Make(reference, (length - offset) / size);
+        if (!handle) {
+            ThrowUndecoded(CR_STATUS_NO_MEMORY, offset);
+        }
+        DORecord::tref_set_t& set = record.trefs[reference.kind];
         std::size_t const before = set.size();
-        set.insert(set.end(), Wrapped(value));
-        loaded += set.size() != before ? consumed : 0;
-        offset += consumed;
+        set.insert(set.end(), std::move(handle));
+        loaded += set.size() != before ? size : 0;
+        offset += size;
     }
 }

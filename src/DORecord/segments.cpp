@@ -10,10 +10,6 @@ using namespace crrecord;
 
 namespace {
 
-Order OrderFor(bool networkOrder) noexcept {
-    return networkOrder ? Order::Network : Order::Host;
-}
-
 char const* ListName(unsigned int dotype) noexcept {
     switch (dotype) {
     case CR_DO_TYPE_NO_OFFSET: return "CR_DO_TYPE_NO_OFFSET";
@@ -113,16 +109,16 @@ void DORecord::checkSegmentList() const {
     if (header && GetDOType() == CR_DO_TYPE_INVALID) {
         Refuse("invalid DO type");
     }
-    RecordLayout const layout = RecordInternals::ChangeableLayout(*this, &RecordLayout::dcids);
-    ThrowIfFaulty(CheckSegments(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
+    RecordInternals::ChangeableLayout(*this, &RecordLayout::dcids);
+    ThrowIfFaulty(CheckSegments(DOSegmentSource::Of(header), subDO), GetDOType());
 }
 
 void DORecord::checkSegmentSizeEndiannes() const {
-    RecordLayout const layout = RecordInternals::ChangeableLayout(*this, &RecordLayout::dcids);
-    ThrowIfFaulty(CheckSegmentSizes(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
+    RecordInternals::ChangeableLayout(*this, &RecordLayout::dcids);
+    ThrowIfFaulty(CheckSegmentSizes(DOSegmentSource::Of(header), subDO), GetDOType());
 }
 
 void DORecord::checkSegmentOffsetEndiannes() const {
-    RecordLayout const layout = RecordInternals::ChangeableLayout(*this, &RecordLayout::dcids);
-    ThrowIfFaulty(CheckSegmentOffsets(SegmentListOf(header, layout, OrderFor(networkOrder), subDO)), GetDOType());
+    RecordInternals::ChangeableLayout(*this, &RecordLayout::dcids);
+    ThrowIfFaulty(CheckSegmentOffsets(DOSegmentSource::Of(header)), GetDOType());
 }

@@ -4,7 +4,7 @@
 #include "base/memory.h"
 #include "base/prefetch.h"
 #include "support/layout/dcid_totals.h"
-#include "support/layout/segment_list.h"
+#include "support/layout/segment_source.h"
 #include "support/layout/unique_list.h"
 
 #include <algorithm>
@@ -50,19 +50,19 @@ bool AddRuns(DORecordHeader const* header, std::uint32_t count, unsigned char co
     return true;
 }
 
-bool CollectFromSegments(DORecordHeader const* header, SegmentList const& list, unsigned char const* dcids,
-                         Entries& entries) {
+bool CollectFromSegments(DORecordHeader const* header, Entries& entries) {
+    DOSegmentSource const list = DOSegmentSource::Of(header);
     DcidTotals totals(list.count);
     auto const stored = [&list](std::uint64_t i) {
-        return Load<std::uint32_t>(list.entries + i * list.stride + list.sizeAt);
+        return Load<std::uint32_t>(list.entries + i * list.stride + list.fingerprint);
     };
     auto const far = [&list, &stored](std::uint64_t i) {
         Prefetch(list.entries + i * list.stride, kAheadOfEntry, 1);
         return stored(i);
     };
-    auto const any = [&list](std::uint32_t i) { return SegmentSizeOf(list, i); };
-    auto const add = [&](auto sizeAt) { return AddRuns(header, list.count, dcids, sizeAt, totals); };
-    bool const asStored = DOTypeOf(list.dotype).sizeWidth != 0 && list.order == Order::Host;
+    auto const any = [&list](std::uint32_t i) { return list.Size(i); };
+    auto const add = [&](auto sizeAt) { return AddRuns(header, list.count, list.dcids, sizeAt, totals); };
+    bool const asStored = list.sizeWidth != 0 && list.order == Order::Host;
     bool const inCache = list.count < kBeyondCaches;
     if (!(!asStored ? add(any) : inCache ? add(stored) : add(far))) {
         return false;
@@ -108,9 +108,7 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
             CopySwapped<std::uint32_t>(lengthWord, lengthWord);
             entries = CollectReceived(BytesOf(header) + layout.udcids, GetNudcid());
         } else {
-            Order const order = networkOrder ? Order::Network : Order::Host;
-            if (!CollectFromSegments(header, SegmentListOf(header, layout, order, subDO),
-                                     BytesOf(header) + layout.dcids, entries)) {
+            if (!CollectFromSegments(header, entries)) {
                 return CR_STATUS_INVALID;
             }
         }
@@ -161,7 +159,7 @@ void RecordInternals::WriteUniqueList(DORecord& record, crrecord::UniqueEntry co
                                       RecordLayout const& layout) noexcept {
     unsigned char* const list = BytesOf(record.header) + layout.udcids;
     record.header->nudcid = count;
-    Store(list + kUniqueCountOffset, count, record.networkOrder ? Order::Network : Order::Host);
+    Store(list + kUniqueCountOffset, count, OrderFromFlag(record.networkOrder));
     for (std::uint32_t i = 0; i < count; ++i) {
         StoreUniqueEntry(list, i, entries[i], Order::Host);
     }

@@ -11,7 +11,7 @@ DORecordView::DORecordView(void const* buffer, unsigned long size, unsigned int 
     : record_(static_cast<DORecordHeader const*>(buffer)) {
     ValidHeader const header = RequireValid(buffer, size, options);
     fields_ = header.fields;
-    networkOrder_ = header.order == Order::Network;
+    order_ = header.order;
 }
 
 unsigned char const* DORecordView::GetBloom() const noexcept {
@@ -20,7 +20,7 @@ unsigned char const* DORecordView::GetBloom() const noexcept {
 }
 
 DOSegmentRange DORecordView::Segments() const noexcept {
-    return DOSegmentRange(SegmentSourceOf(fields_, BytesOf(record_), networkOrder_ ? Order::Network : Order::Host));
+    return DOSegmentRange(SegmentSourceOf(fields_, BytesOf(record_), order_));
 }
 
 DOUniqueDCIDRange DORecordView::UniqueDCIDs() const noexcept {

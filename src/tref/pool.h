@@ -1,17 +1,47 @@
-// The process-wide pools of handles and of references.
+// Allocation of references and handles from the two pools of the process.
 
 #pragma once
 
+#include <crrecord/references.h>
+
+#include <array>
+
 namespace crrecord {
 
-// Chunks for one Cr_TRef (handle) and for one _cr_tref_t (value). A pool reuses the chunk that was returned last, and
-// never releases memory to the system. Each call locks the pool's mutex.
-//
-// Returns: a chunk, or null if out of memory.
-// Throws: TakeHandleChunk throws std::system_error if the mutex cannot be locked; the other functions end the process.
+// Chunks for one Cr_TRef and for one _cr_tref_t. A pool reuses its memory, most recent first, and never returns it to
+// the system. Each call locks the mutex of the pools; if that fails, TakeHandleChunk throws std::system_error, and the
+// others, which must not throw, end the process.
+// Returns: the chunk, or null if memory is lacking.
 void* TakeHandleChunk();
 void ReturnHandleChunk(void* chunk) noexcept;
 void* TakeValueChunk() noexcept;
 void ReturnValueChunk(void* chunk) noexcept;
+
+// Makes handles with references, many of them with one lock of the mutex.
+class HandleMaker {
+public:
+    HandleMaker() noexcept {} // leaves chunks_ uninitialised
+    ~HandleMaker();
+    HandleMaker(HandleMaker const&) = delete;
+    HandleMaker& operator=(HandleMaker const&) = delete;
+
+    // Makes a handle that owns a copy of `reference`. `expected` is the number of handles that will be made from now
+    // on, this one included.
+    // Returns: the handle, or null if memory for the reference is lacking.
+    // Throws: std::bad_alloc if memory for the handle is lacking; std::system_error as TakeHandleChunk.
+    boost::intrusive_ptr<Cr_TRef> Make(DOReference reference, unsigned long expected = 1);
+
+private:
+    struct Chunks {
+        void* handle;
+        void* value;
+    };
+
+    void Refill(unsigned long expected);
+
+    std::array<Chunks, 32> chunks_;
+    unsigned int first_ = 0; // those from here to end_ are unused
+    unsigned int end_ = 0;
+};
 
 } // namespace crrecord

@@ -21,23 +21,20 @@ void CheckRecordSize(Form const& form, FindingReporter& reporter) noexcept {
 }
 
 // The segments of the form for the check of the list: a fingerprint takes the width of its text.
-SegmentList ListOf(Form const& form, bool subDO) noexcept {
-    unsigned int const text = CRFPTextSize(form.counts.fptype);
-    unsigned int const dotype = form.counts.dotype;
-    return {.entries = form.bytes + kHeadSize,
-            .count = form.counts.nfp,
-            .stride = SegmentFormSize(form.counts.fptype, dotype),
-            .sizeAt = text,
-            .offsetAt = text + 4,
-            .dotype = dotype,
-            .order = Order::Network,
-            .subDO = subDO,
-            .objectSize = Load<std::uint64_t>(form.bytes + kSizeOffset, Order::Network),
-            .ssize = Load<std::uint64_t>(form.bytes + kSsizeOffset, Order::Network)};
+DOSegmentSource ListOf(Form const& form) noexcept {
+    DOEntryLayout const entry = FormEntryLayout(form.counts.fptype, form.counts.dotype);
+    unsigned char const* const entries = form.bytes + kHeadSize;
+    return {entry,
+            entries,
+            entries + std::uint64_t{entry.stride} * form.counts.nfp + kSeparatorSize,
+            Load<std::uint64_t>(form.bytes + kSizeOffset, Order::Network),
+            Load<std::uint64_t>(form.bytes + kSsizeOffset, Order::Network),
+            form.counts.nfp,
+            Order::Network};
 }
 
 // Reports each invalid text of `count` segments from the i-th on.
-void ReportTexts(SegmentList const& list, std::uint64_t i, std::uint64_t count, SegmentCodec const& codec,
+void ReportTexts(DOSegmentSource const& list, std::uint64_t i, std::uint64_t count, SegmentCodec const& codec,
                  FindingReporter& reporter) noexcept {
     for (std::uint64_t const end = i + count; i < end && !reporter.Stopped(); ++i) {
         unsigned char const* const text = list.entries + i * list.stride;
@@ -46,7 +43,7 @@ void ReportTexts(SegmentList const& list, std::uint64_t i, std::uint64_t count, 
             std::snprintf(field, sizeof field, "segments[%lu].fingerprint", i);
             reporter.Report({CR_FINDING_FORM_FINGERPRINT, field, kHeadSize + i * list.stride, text[0], 0},
                             "Invalid %s: the fingerprint of segment %lu is not %u lower-case digits and a NUL", kWhat,
-                            i, list.sizeAt - 1);
+                            i, list.fingerprint - 1);
         }
     }
 }
@@ -54,9 +51,9 @@ void ReportTexts(SegmentList const& list, std::uint64_t i, std::uint64_t count, 
 // Checks the texts of each block of segments and adds the block to the check of the list, so that each is read from
 // memory once. The fault of the list is reported last.
 void CheckSegmentBody(Form const& form, bool subDO, FindingReporter& reporter) noexcept {
-    SegmentList const list = ListOf(form, subDO);
+    DOSegmentSource const list = ListOf(form);
     SegmentCodec const& codec = SegmentCodecFor(form.counts.fptype, form.counts.dotype);
-    SegmentListCheck check(list);
+    SegmentListCheck check(list, subDO);
     ForEachBlock(list.count, [&](std::uint64_t first, std::uint64_t count) {
         bool const valid = codec.check(list.entries + first * list.stride, count);
         check.Accumulate(first, count);

@@ -17,7 +17,7 @@ bool ReadSegments(Form const& form, DORecordHeader* header, RecordLayout const& 
     SegmentCodec const& codec = SegmentCodecFor(form.counts.fptype, form.counts.dotype);
     std::uint64_t const segmentForm = SegmentFormSize(form.counts.fptype, form.counts.dotype);
     unsigned char const* const segments = form.bytes + kHeadSize;
-    SegmentListCheck check(SegmentListOf(header, layout, Order::Host, subDO));
+    SegmentListCheck check(SegmentSourceOf(*header, BytesOf(header), Order::Host), subDO);
     bool const valid = ForEachBlock(layout.segments, [&](std::uint64_t first, std::uint64_t count) {
         bool const texts = codec.decode(BytesOf(header) + layout.Entry(first), segments + first * segmentForm, count);
         check.Accumulate(first, count);

@@ -7,10 +7,14 @@
 
 namespace crrecord {
 
-// Size of one segment in that form, in bytes.
+// A segment in that form: the text with its NUL takes the place of the fingerprint.
+constexpr DOEntryLayout FormEntryLayout(unsigned int fptype, unsigned int dotype) noexcept {
+    return {DOTypeOf(dotype), CRFPTextSize(fptype)};
+}
+
+// Bytes of one segment in that form.
 constexpr unsigned int SegmentFormSize(unsigned int fptype, unsigned int dotype) noexcept {
-    DOType const type = DOTypeOf(dotype);
-    return CRFPTextSize(fptype) + type.sizeWidth + type.offsetWidth;
+    return FormEntryLayout(fptype, dotype).stride;
 }
 
 // The loops for one shape of entries. The loop for DCIDs is the same for all shapes.

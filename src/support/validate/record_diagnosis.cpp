@@ -158,10 +158,8 @@ void RecordDiagnosis::CheckSegmentList() noexcept {
     if (!CRDOTypeIsValid(counts_.dotype)) {
         return;
     }
-    SegmentList list = SegmentListOf(&received_.header, layout_, Order::Host, received_.subDO);
-    list.entries = bytes_ + layout_.entries;
-    list.order = copy_ ? Order::Host : received_.order;
-    SegmentListCheck check(list);
+    DOSegmentSource const list = SegmentSourceOf(received_.header, bytes_, copy_ ? Order::Host : received_.order);
+    SegmentListCheck check(list, received_.subDO);
     ForEachBlock(list.count, [&](std::uint64_t first, std::uint64_t count) {
         if (copy_) {
             std::uint64_t const at = layout_.Entry(first), bytes = count * layout_.stride;

@@ -4,14 +4,14 @@
 
 namespace crrecord {
 
-void ReportSegmentFault(SegmentFault const& fault, char const* record, std::uint64_t entry, SegmentList const& list,
+void ReportSegmentFault(SegmentFault const& fault, char const* record, std::uint64_t entry, DOSegmentSource const& list,
                         std::uint64_t objectSize, FindingReporter& reporter) noexcept {
     auto const [rule, segment, found, expected] = fault;
     char field[48];
     std::snprintf(field, sizeof field, rule == SegmentRule::Size ? "segments[%u].size" : "segments[%u].offset",
                   segment);
-    std::uint64_t const sizeAt = entry + list.sizeAt;
-    std::uint64_t const offsetAt = entry + list.offsetAt;
+    std::uint64_t const sizeAt = entry + list.fingerprint;
+    std::uint64_t const offsetAt = entry + list.offset;
     // Three rules compare the object's size, which the finding names, with a value computed from the segments.
     switch (rule) {
     case SegmentRule::None: break;

@@ -12,32 +12,29 @@ constexpr std::uint64_t kImplausibleOffset = 0x8000000000000000;
 
 // Iterates over the sizes and offsets of a list.
 template <Order order>
-class Entries {
+class EntryCursor {
 public:
-    explicit Entries(SegmentList const& list) noexcept
-        : bytes_(list.entries), sizeAt_(list.sizeAt), offsetAt_(list.offsetAt), stride_(list.stride) {}
+    explicit EntryCursor(DOSegmentSource const& list) noexcept : bytes_(list.entries), layout_(list) {}
 
     void PrefetchAhead() const noexcept { Prefetch(bytes_ + at_, kAheadOfEntry, 1); }
-    void Skip(std::uint64_t count) noexcept { at_ += count * stride_; }
-    std::uint32_t Size() const noexcept { return Load<std::uint32_t>(bytes_ + at_ + sizeAt_, order); }
-    std::uint64_t Offset() const noexcept { return Load<std::uint64_t>(bytes_ + at_ + offsetAt_, order); }
+    void Skip(std::uint64_t count) noexcept { at_ += count * layout_.stride; }
+    std::uint32_t Size() const noexcept { return Load<std::uint32_t>(bytes_ + at_ + layout_.fingerprint, order); }
+    std::uint64_t Offset() const noexcept { return Load<std::uint64_t>(bytes_ + at_ + layout_.offset, order); }
 
 private:
     unsigned char const* bytes_;
     std::uint64_t at_ = 0; // of the current entry
-    unsigned int sizeAt_;
-    unsigned int offsetAt_;
-    unsigned int stride_;
+    DOEntryLayout layout_;
 };
 
 // Runs a check that is compiled once for each order, so that no loop tests the order.
 template <class Check>
-auto WithEntries(SegmentList const& list, Check check) noexcept {
-    return list.order == Order::Host ? check(Entries<Order::Host>(list)) : check(Entries<Order::Network>(list));
+auto WithEntries(DOSegmentSource const& list, Check check) noexcept {
+    return list.order == Order::Host ? check(EntryCursor<Order::Host>(list)) : check(EntryCursor<Order::Network>(list));
 }
 
 template <class E>
-SegmentFault FindOverlap(SegmentList const& list, E entries) noexcept {
+SegmentFault FindOverlap(DOSegmentSource const& list, E entries) noexcept {
     std::uint64_t end = 0;
     for (std::uint32_t i = 0; i < list.count; ++i, entries.Skip(1)) {
         std::uint64_t const offset = entries.Offset();
@@ -51,9 +48,9 @@ SegmentFault FindOverlap(SegmentList const& list, E entries) noexcept {
 
 } // namespace
 
-SegmentFault CheckSegmentSizes(SegmentList const& list) noexcept {
-    for (std::uint32_t i = 0; i < list.count && !list.subDO; ++i) {
-        std::uint32_t const size = SegmentSizeOf(list, i);
+SegmentFault CheckSegmentSizes(DOSegmentSource const& list, bool subDO) noexcept {
+    for (std::uint32_t i = 0; i < list.count && !subDO; ++i) {
+        std::uint32_t const size = list.Size(i);
         if (size >= kImplausibleSize) {
             return {SegmentRule::Size, i, size, kImplausibleSize - 1};
         }
@@ -61,9 +58,9 @@ SegmentFault CheckSegmentSizes(SegmentList const& list) noexcept {
     return {};
 }
 
-SegmentFault CheckSegmentOffsets(SegmentList const& list) noexcept {
+SegmentFault CheckSegmentOffsets(DOSegmentSource const& list) noexcept {
     for (std::uint32_t i = 0; i < list.count; ++i) {
-        std::uint64_t const offset = SegmentOffsetOf(list, i);
+        std::uint64_t const offset = list.offsetWidth == sizeof(std::uint64_t) ? list.Offset(i) : kNoOffset;
         if (offset >= kImplausibleOffset) {
             return {SegmentRule::Offset, i, offset, kImplausibleOffset - 1};
         }
@@ -72,7 +69,7 @@ SegmentFault CheckSegmentOffsets(SegmentList const& list) noexcept {
 }
 
 void SegmentListCheck::Accumulate(std::uint64_t from, std::uint64_t count) noexcept {
-    switch (DOTypeOf(list_.dotype).check) {
+    switch (list_.check) {
     case ListCheck::Sum: WithEntries(list_, [&](auto entries) { AccumulateSizes(entries, from, count); }); break;
     case ListCheck::Offsets: WithEntries(list_, [&](auto entries) { AccumulateOffsets(entries, from, count); }); break;
     default: break;
@@ -116,7 +113,7 @@ void SegmentListCheck::AccumulateOffsets(E entries, std::uint64_t from, std::uin
 }
 
 SegmentFault SegmentListCheck::Fault() const noexcept {
-    switch (DOTypeOf(list_.dotype).check) {
+    switch (list_.check) {
     case ListCheck::Product: return ProductFault();
     case ListCheck::Sum: return SumFault();
     case ListCheck::Offsets: return OffsetFault();
@@ -131,16 +128,16 @@ SegmentFault SegmentListCheck::ProductFault() const noexcept {
 }
 
 SegmentFault SegmentListCheck::SumFault() const noexcept {
-    if (sizes_ >= kImplausibleSize && !list_.subDO) {
-        return CheckSegmentSizes(list_);
+    if (sizes_ >= kImplausibleSize && !subDO_) {
+        return CheckSegmentSizes(list_, subDO_);
     }
     return sum_ != list_.objectSize ? SegmentFault{SegmentRule::Sum, 0, sum_, list_.objectSize} : SegmentFault{};
 }
 
 // Tests the rules in the order in which they are reported.
 SegmentFault SegmentListCheck::OffsetFault() const noexcept {
-    if (sizes_ >= kImplausibleSize && !list_.subDO) {
-        return CheckSegmentSizes(list_);
+    if (sizes_ >= kImplausibleSize && !subDO_) {
+        return CheckSegmentSizes(list_, subDO_);
     }
     if (offsets_ >= kImplausibleOffset) {
         return CheckSegmentOffsets(list_);
@@ -151,8 +148,8 @@ SegmentFault SegmentListCheck::OffsetFault() const noexcept {
     return end_ > list_.objectSize ? SegmentFault{SegmentRule::End, 0, end_, list_.objectSize} : SegmentFault{};
 }
 
-SegmentFault CheckSegments(SegmentList const& list) noexcept {
-    SegmentListCheck check(list);
+SegmentFault CheckSegments(DOSegmentSource const& list, bool subDO) noexcept {
+    SegmentListCheck check(list, subDO);
     check.Accumulate(0, list.count);
     return check.Fault();
 }

@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "support/layout/segment_list.h"
+#include "support/layout/segment_source.h"
 
 namespace crrecord {
 
@@ -27,7 +27,8 @@ struct SegmentFault {
 // Checks segments while they are copied or converted, so that they are read from memory once.
 class SegmentListCheck {
 public:
-    explicit SegmentListCheck(SegmentList const& list) noexcept : list_(list) {}
+    // If `subDO`, sizes may reach 4 GiB - 1.
+    SegmentListCheck(DOSegmentSource const& list, bool subDO) noexcept : list_(list), subDO_(subDO) {}
 
     // Adds `count` segments, starting with segment `from`. All segments must be added once, in order.
     void Accumulate(std::uint64_t from, std::uint64_t count) noexcept;
@@ -43,7 +44,8 @@ private:
     SegmentFault SumFault() const noexcept;
     SegmentFault OffsetFault() const noexcept;
 
-    SegmentList list_;
+    DOSegmentSource list_;
+    bool subDO_;
     std::uint64_t sum_ = 0;     // of the sizes
     std::uint64_t end_ = 0;     // of the last segment
     std::uint64_t offsets_ = 0; // all offsets, or-ed
@@ -52,8 +54,8 @@ private:
 };
 
 // All checks, or those of sizes or offsets only, over a whole list.
-SegmentFault CheckSegments(SegmentList const& list) noexcept;
-SegmentFault CheckSegmentSizes(SegmentList const& list) noexcept;
-SegmentFault CheckSegmentOffsets(SegmentList const& list) noexcept;
+SegmentFault CheckSegments(DOSegmentSource const& list, bool subDO) noexcept;
+SegmentFault CheckSegmentSizes(DOSegmentSource const& list, bool subDO) noexcept;
+SegmentFault CheckSegmentOffsets(DOSegmentSource const& list) noexcept;
 
 } // namespace crrecord

@@ -1,9 +1,4 @@
-// What the ranges over a record's segments and unique DCIDs read.
-
-#include <crrecord/segments.h>
-
-#include "support/layout/segment_list.h"
-#include "support/layout/unique_list.h"
+#include "support/layout/segment_source.h"
 
 namespace crrecord {
 
