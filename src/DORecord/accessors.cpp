@@ -20,7 +20,7 @@ bool CheckFlags(unsigned int flags) noexcept {
 } // namespace
 
 unsigned short DORecord::GetFlags() const {
-    return InOrder(header->flags, networkOrder);
+    return InOrder(header->flags, OrderFromFlag(networkOrder));
 }
 
 unsigned int DORecord::GetHeaderSize() const {
@@ -28,43 +28,43 @@ unsigned int DORecord::GetHeaderSize() const {
 }
 
 unsigned int DORecord::GetCheckTime() const {
-    return InOrder(header->checktime, networkOrder);
+    return InOrder(header->checktime, OrderFromFlag(networkOrder));
 }
 
 unsigned long DORecord::GetDCID() const {
-    return InOrder(header->CID, networkOrder);
+    return InOrder(header->CID, OrderFromFlag(networkOrder));
 }
 
 unsigned long DORecord::GetSize() const {
-    return InOrder(header->size, networkOrder);
+    return InOrder(header->size, OrderFromFlag(networkOrder));
 }
 
 unsigned long DORecord::GetSsize() const {
-    return InOrder(header->ssize, networkOrder);
+    return InOrder(header->ssize, OrderFromFlag(networkOrder));
 }
 
 unsigned int DORecord::GetCrc() const {
-    return InOrder(header->CRC, networkOrder);
+    return InOrder(header->CRC, OrderFromFlag(networkOrder));
 }
 
 unsigned int DORecord::GetCTime() const {
-    return InOrder(header->ctime, networkOrder);
+    return InOrder(header->ctime, OrderFromFlag(networkOrder));
 }
 
 unsigned int DORecord::GetMTime() const {
-    return InOrder(header->mtime, networkOrder);
+    return InOrder(header->mtime, OrderFromFlag(networkOrder));
 }
 
 unsigned int DORecord::GetNfp() const {
-    return InOrder(header->nfp, networkOrder);
+    return InOrder(header->nfp, OrderFromFlag(networkOrder));
 }
 
 unsigned int DORecord::GetNudcid() const {
-    return InOrder(header->nudcid, networkOrder);
+    return InOrder(header->nudcid, OrderFromFlag(networkOrder));
 }
 
 unsigned int DORecord::GetBSize() const {
-    return InOrder(header->bsize, networkOrder);
+    return InOrder(header->bsize, OrderFromFlag(networkOrder));
 }
 
 unsigned char DORecord::GetFPType() const {
@@ -109,11 +109,11 @@ unsigned char const* DORecord::GetBloomStart() const {
 }
 
 void DORecord::handleUpdate() {
-    header->mtime = InOrder(static_cast<unsigned int>(std::time(nullptr)), networkOrder);
+    header->mtime = InOrder(static_cast<unsigned int>(std::time(nullptr)), OrderFromFlag(networkOrder));
 }
 
 void DORecord::setCheckTime(unsigned int seconds) {
-    header->checktime = InOrder(seconds, networkOrder);
+    header->checktime = InOrder(seconds, OrderFromFlag(networkOrder));
 }
 
 void DORecord::SetCheckTime(unsigned int seconds) {
@@ -121,7 +121,7 @@ void DORecord::SetCheckTime(unsigned int seconds) {
 }
 
 void DORecord::setDCID(unsigned long dcid) {
-    header->CID = InOrder(dcid, networkOrder);
+    header->CID = InOrder(dcid, OrderFromFlag(networkOrder));
 }
 
 void DORecord::SetDCID(unsigned long dcid) {
@@ -143,23 +143,23 @@ void DORecord::SetFPType(unsigned char fptype) {
 
 void DORecord::setFlags(unsigned short flags) {
     if (CheckFlags(flags)) {
-        header->flags = InOrder(flags, networkOrder);
+        header->flags = InOrder(flags, OrderFromFlag(networkOrder));
     }
 }
 
 // Unlike setFlags it stores what it has complained about: callers rely on either.
 void DORecord::SetFlags(unsigned short flags) {
     CheckFlags(flags);
-    header->flags = InOrder(flags, networkOrder);
+    header->flags = InOrder(flags, OrderFromFlag(networkOrder));
     handleUpdate();
 }
 
 unsigned int DORecord::getTRefsSize() const {
-    return InOrder(header->trefssize, networkOrder);
+    return InOrder(header->trefssize, OrderFromFlag(networkOrder));
 }
 
 void DORecord::setTRefsSize(unsigned int size) {
-    header->trefssize = InOrder(size, networkOrder);
+    header->trefssize = InOrder(size, OrderFromFlag(networkOrder));
 }
 
 DORecordHeader* DORecord::GetHeader() const {

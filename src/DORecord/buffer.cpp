@@ -71,14 +71,14 @@ unsigned int DORecord::calcRecSize() const {
 }
 
 unsigned int DORecord::getRecSize() const {
-    return InOrder(header->recsize, networkOrder);
+    return InOrder(header->recsize, OrderFromFlag(networkOrder));
 }
 
 void DORecord::setRecSize(unsigned int size) {
     if (size < CR_DO_RECORD_SIZE) {
         Refuse(kInvalidRecordSize);
     }
-    header->recsize = InOrder(size, networkOrder);
+    header->recsize = InOrder(size, OrderFromFlag(networkOrder));
 }
 
 void DORecord::expand() {

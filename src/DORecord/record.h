@@ -12,12 +12,6 @@
 
 namespace crrecord {
 
-// Converts one field either way between the record's order and the host's.
-template <class T>
-T InOrder(T value, bool networkOrder) noexcept {
-    return InOrder(value, OrderFromFlag(networkOrder));
-}
-
 [[noreturn]] inline void Refuse(char const* text) {
     throw Cr_ErrnoException(CR_STATUS_INVALID, text, nullptr);
 }

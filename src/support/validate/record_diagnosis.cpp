@@ -35,7 +35,7 @@ public:
     // With `copy`, a block of as many bytes, the record is copied there in host order and the copy is checked. The copy
     // is complete if there is no error.
     RecordDiagnosis(Received const& received, FindingReporter& reporter, unsigned char* copy = nullptr) noexcept
-        : received_(received), counts_(CountsOf(&received.header, Order::Host)), layout_(counts_),
+        : received_(received), header_(received.header), layout_(CountsOf(&received.header, Order::Host)),
           bytes_(copy ? copy : received.bytes), copy_(copy), reporter_(reporter) {}
 
     void Run() noexcept {
@@ -56,10 +56,10 @@ public:
             CheckReferences();
         }
         if (reporter_.NotesDue()) {
-            NoteOddities({bytes_, received_.order, counts_, layout_}, reporter_);
+            NoteOddities({bytes_, header_, received_.order, layout_}, reporter_);
         }
         if (copy_) {
-            WordsToHost(copy_, counts_, layout_, received_.order);
+            WordsToHost(copy_, CountsOf(&header_, Order::Host), layout_, received_.order);
         }
     }
 
@@ -72,8 +72,8 @@ private:
     void CheckSegmentList() noexcept;
     void CheckReferences() noexcept;
 
-    Received received_;
-    RecordCounts counts_;
+    Received const& received_;
+    DORecordHeader const& header_;
     RecordLayout layout_;
     unsigned char const* bytes_; // the checked bytes: those received, or their copy
     unsigned char* copy_;
@@ -90,7 +90,7 @@ void RecordDiagnosis::CheckLength() noexcept {
 }
 
 void RecordDiagnosis::CheckHeader() noexcept {
-    unsigned const type = received_.header.type, recsize = received_.header.recsize, flags = received_.header.flags;
+    unsigned const type = header_.type, recsize = header_.recsize, flags = header_.flags;
     if (type != CR_DO_RECORD_TYPE) {
         reporter_.Report(FindingAt(CR_FINDING_DO_TYPE, HeaderFieldOf("type"), type, CR_DO_RECORD_TYPE),
                          "Invalid DO record: type %u, expected %u", type, CR_DO_RECORD_TYPE);
@@ -103,18 +103,18 @@ void RecordDiagnosis::CheckHeader() noexcept {
         reporter_.Report(FindingAt(CR_FINDING_DO_FLAGS, HeaderFieldOf("flags"), flags, flags & kKnownFlags),
                          "Invalid DO record: flags %#x, expected only bits of %#x", flags, kKnownFlags);
     }
-    if (!CRDOTypeIsValid(counts_.dotype)) {
-        reporter_.Report(FindingAt(CR_FINDING_DO_DOTYPE, HeaderFieldOf("dotype"), counts_.dotype, CR_DO_TYPE_LAST),
-                         "Invalid DO record: DO type %u, expected at most %u", counts_.dotype, CR_DO_TYPE_LAST);
+    if (!CRDOTypeIsValid(header_.dotype)) {
+        reporter_.Report(FindingAt(CR_FINDING_DO_DOTYPE, HeaderFieldOf("dotype"), header_.dotype, CR_DO_TYPE_LAST),
+                         "Invalid DO record: DO type %u, expected at most %u", header_.dotype, CR_DO_TYPE_LAST);
     }
-    if (!CRFPTypeIsValid(counts_.fptype)) {
-        reporter_.Report(FindingAt(CR_FINDING_DO_FPTYPE, HeaderFieldOf("fptype"), counts_.fptype, CR_FP_TYPE_LAST),
-                         "Invalid DO record: fingerprint type %u, expected at most %u", counts_.fptype,
+    if (!CRFPTypeIsValid(header_.fptype)) {
+        reporter_.Report(FindingAt(CR_FINDING_DO_FPTYPE, HeaderFieldOf("fptype"), header_.fptype, CR_FP_TYPE_LAST),
+                         "Invalid DO record: fingerprint type %u, expected at most %u", header_.fptype,
                          CR_FP_TYPE_LAST);
     }
-    if (IsBloom(counts_.dotype) && counts_.nfp != 0) {
-        reporter_.Report(FindingAt(CR_FINDING_DO_BLOOM_SEGMENTS, HeaderFieldOf("nfp"), counts_.nfp, 0),
-                         "Invalid DO record: a bloom record with %u segments, expected 0", counts_.nfp);
+    if (IsBloom(header_.dotype) && header_.nfp != 0) {
+        reporter_.Report(FindingAt(CR_FINDING_DO_BLOOM_SEGMENTS, HeaderFieldOf("nfp"), header_.nfp, 0),
+                         "Invalid DO record: a bloom record with %u segments, expected 0", header_.nfp);
     }
 }
 
@@ -128,20 +128,20 @@ void RecordDiagnosis::CheckTotal() noexcept {
 }
 
 void RecordDiagnosis::CopyAllButSegments() noexcept {
-    std::memcpy(copy_, &received_.header, sizeof received_.header);
+    std::memcpy(copy_, &header_, sizeof header_);
     std::memcpy(copy_ + layout_.dcids, received_.bytes + layout_.dcids, received_.size - layout_.dcids);
 }
 
 void RecordDiagnosis::CheckUniqueList() noexcept {
-    if (counts_.nudcid == 0) {
+    if (header_.nudcid == 0) {
         return;
     }
     unsigned char const* const list = bytes_ + layout_.udcids;
     std::uint32_t const count = UniqueCount(list, received_.order);
-    if (count != counts_.nudcid) {
+    if (count != header_.nudcid) {
         reporter_.Report(
-            {CR_FINDING_DO_LIST_COUNT, "unique.count", layout_.udcids + kUniqueCountOffset, count, counts_.nudcid},
-            "Invalid DO record: unique DCID list of %u entries, expected %u", count, counts_.nudcid);
+            {CR_FINDING_DO_LIST_COUNT, "unique.count", layout_.udcids + kUniqueCountOffset, count, header_.nudcid},
+            "Invalid DO record: unique DCID list of %u entries, expected %u", count, header_.nudcid);
         return;
     }
     std::uint32_t const stored = Load<std::uint32_t>(list);
@@ -155,17 +155,17 @@ void RecordDiagnosis::CheckUniqueList() noexcept {
 
 // Copies, converts and checks one block of segments after another, so that each is read from memory once.
 void RecordDiagnosis::CheckSegmentList() noexcept {
-    if (!CRDOTypeIsValid(counts_.dotype)) {
+    if (!CRDOTypeIsValid(header_.dotype)) {
         return;
     }
-    DOSegmentSource const list = SegmentSourceOf(received_.header, bytes_, copy_ ? Order::Host : received_.order);
+    DOSegmentSource const list = SegmentSourceOf(header_, bytes_, copy_ ? Order::Host : received_.order);
     SegmentListCheck check(list, received_.subDO);
     ForEachBlock(list.count, [&](std::uint64_t first, std::uint64_t count) {
         if (copy_) {
             std::uint64_t const at = layout_.Entry(first), bytes = count * layout_.stride;
             std::memcpy(copy_ + at, received_.bytes + at, bytes);
             Prefetch(received_.bytes + at, bytes, bytes);
-            SegmentsToHost(copy_, layout_, counts_.dotype, received_.order, first, count);
+            SegmentsToHost(copy_, layout_, header_.dotype, received_.order, first, count);
         }
         check.Accumulate(first, count);
         return true;
@@ -186,7 +186,7 @@ void RecordDiagnosis::CheckReferences() noexcept {
         if (taken == 0) {
             reporter_.Report({CR_FINDING_DO_REFERENCE, "references", at, bytes_[at], 0},
                              "Invalid DO record: no typed reference at offset %lu of a section of %u bytes",
-                             at - layout_.trefs, counts_.trefssize);
+                             at - layout_.trefs, header_.trefssize);
             return;
         }
         at += taken;

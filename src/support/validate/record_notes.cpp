@@ -11,14 +11,14 @@ namespace crrecord {
 namespace {
 
 void NoteBloomLength(CheckedRecord const& record, FindingReporter& reporter) noexcept {
-    if (!IsBloom(record.counts.dotype)) {
+    if (!IsBloom(record.header.dotype)) {
         return;
     }
     std::uint64_t const at = record.layout.entries;
     std::uint32_t const word = Load<std::uint32_t>(record.bytes + at, record.order);
-    if (word != record.counts.bsize) {
-        reporter.Report({CR_FINDING_DO_BLOOM_LENGTH, "bloom.length", at, word, record.counts.bsize},
-                        "bloom length word %u, expected %u", word, record.counts.bsize);
+    if (word != record.header.bsize) {
+        reporter.Report({CR_FINDING_DO_BLOOM_LENGTH, "bloom.length", at, word, record.header.bsize},
+                        "bloom length word %u, expected %u", word, record.header.bsize);
     }
 }
 
@@ -40,19 +40,19 @@ void NoteReservedDcid(CheckedRecord const& record, FindingReporter& reporter) no
 void NoteLegacyArrays(CheckedRecord const& record, FindingReporter& reporter) noexcept {
     std::uint64_t const size = record.layout.trefs - record.layout.taskIds;
     if (size != 0) {
-        HeaderField const field = record.counts.ntaskid != 0 ? HeaderFieldOf("ntaskid") : HeaderFieldOf("nds");
+        HeaderField const field = record.header.ntaskid != 0 ? HeaderFieldOf("ntaskid") : HeaderFieldOf("nds");
         reporter.Report(FindingAt(CR_FINDING_DO_LEGACY, field, size, 0),
                         "%lu bytes of legacy references, expected typed ones", size);
     }
 }
 
 void NoteListOrder(CheckedRecord const& record, FindingReporter& reporter) noexcept {
-    if (record.counts.nudcid == 0) {
+    if (record.header.nudcid == 0) {
         return;
     }
     std::uint64_t const at = record.layout.udcids;
     std::uint32_t const stored = Load<std::uint32_t>(record.bytes + at);
-    std::uint32_t const computed = ListChecksum(record.bytes + at, record.counts.nudcid, Order::Host);
+    std::uint32_t const computed = ListChecksum(record.bytes + at, record.header.nudcid, Order::Host);
     if (stored != computed) {
         reporter.Report({CR_FINDING_DO_LIST_ORDER, "unique.checksum", at, stored, computed},
                         "unique DCID list summed in network order: %u, expected %u", stored, computed);
@@ -61,7 +61,7 @@ void NoteListOrder(CheckedRecord const& record, FindingReporter& reporter) noexc
 
 void NoteUnsortedList(CheckedRecord const& record, FindingReporter& reporter) noexcept {
     unsigned char const* const list = record.bytes + record.layout.udcids;
-    for (std::uint32_t i = 1; i < record.counts.nudcid; ++i) {
+    for (std::uint32_t i = 1; i < record.header.nudcid; ++i) {
         std::uint64_t const before = LoadUniqueEntry(list, i - 1, Order::Host).dcid;
         std::uint64_t const dcid = LoadUniqueEntry(list, i, Order::Host).dcid;
         if (dcid <= before) {
@@ -110,7 +110,7 @@ void NoteZeros(CheckedRecord const& record, FindingReporter& reporter) noexcept 
     for (HeaderField const field : {HeaderFieldOf("reserved"), HeaderFieldOf("reserved2")}) {
         NoteNonZero(record, field.name, field.offset, field.offset + field.width, reporter);
     }
-    if (IsBloom(record.counts.dotype)) {
+    if (IsBloom(record.header.dotype)) {
         NoteNonZero(record, "bloom.end", layout.udcids - kBloomEndSize, layout.udcids, reporter);
     }
     NoteNonZero(record, "tail", layout.tail, layout.total, reporter);
@@ -118,8 +118,8 @@ void NoteZeros(CheckedRecord const& record, FindingReporter& reporter) noexcept 
 
 // Only DO type 4 has a bitmap; no other record depends on its size.
 void NoteBitmapSize(CheckedRecord const& record, FindingReporter& reporter) noexcept {
-    std::uint32_t const bsize = record.counts.bsize;
-    unsigned const dotype = record.counts.dotype;
+    std::uint32_t const bsize = record.header.bsize;
+    unsigned const dotype = record.header.dotype;
     if (!IsBloom(dotype) && bsize != 0) {
         reporter.Report(FindingAt(CR_FINDING_DO_BSIZE, HeaderFieldOf("bsize"), bsize, 0),
                         "bsize %u in a record of DO type %u, expected 0", bsize, dotype);

@@ -9,9 +9,9 @@ namespace crrecord {
 
 struct CheckedRecord {
     unsigned char const* bytes;
-    Order order;
-    RecordCounts counts;
-    RecordLayout layout; // ends with the bytes
+    DORecordHeader const& header; // in host order
+    Order order;                  // of the bytes
+    RecordLayout const& layout;   // ends with the bytes
 };
 
 // Reports the notes in the order of their codes.

@@ -7,6 +7,9 @@ namespace crrecord {
 void ReportSegmentFault(SegmentFault const& fault, char const* record, std::uint64_t entry, DOSegmentSource const& list,
                         std::uint64_t objectSize, FindingReporter& reporter) noexcept {
     auto const [rule, segment, found, expected] = fault;
+    if (rule == SegmentRule::None) {
+        return;
+    }
     char field[48];
     std::snprintf(field, sizeof field, rule == SegmentRule::Size ? "segments[%u].size" : "segments[%u].offset",
                   segment);
