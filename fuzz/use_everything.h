@@ -59,6 +59,7 @@ inline void UseBytes(Given const& given) {
         Must(view.IsInNetworkOrder() == network && view.GetHeaderSize() == bytes.size(), "view");
         unsigned int i = 0;
         for (DOSegment const& segment : view.Segments()) {
+            Read(segment.fingerprint.data, segment.fingerprint.size);
             Read(DORecordHeaderIndexOfSegment(header, i), 32);
             Read(DORecordHeaderIndexOfSegmentSize(header, i), 4);
             Read(DORecordHeaderIndexOfSegmentOffset(header, i), 8);
@@ -121,9 +122,21 @@ inline void Look(DORecord const& record) {
             Read(record.GetSegmentFP(i).bytes, 32);
             DOSegment const segment = record.Segments()[i];
             Must(segment.dcid == record.GetSegmentDCID(i), "DCIDs");
+            Read(segment.fingerprint.data, segment.fingerprint.size);
             Read(&segment, sizeof segment);
         }
     });
+    Try([&] {
+        for (DOUniqueDCID const entry : record.UniqueDCIDs()) {
+            Read(&entry, sizeof entry);
+        }
+    });
+    unsigned int references = 0;
+    for (DORecord::tref_ptr_t const& reference : record.References()) {
+        Must(CRTRefGetType(reference->Get()) != 0, "kind 0 among the references");
+        ++references;
+    }
+    Must(references + record.GetNTRefs(cr_reftype_t(0)) == record.GetNTRefs(), "number of references");
     Try([&] { record.checkSegmentList(); });
     Try([&] { record.checkSegmentSizeEndiannes(); });
     Try([&] { record.checkSegmentOffsetEndiannes(); });

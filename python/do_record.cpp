@@ -155,18 +155,22 @@ void SetFlags(DORecord& record, unsigned short flags) {
 
 // Copies the fields first: creating a Python object may run other code, which may change the record.
 py::list Segments(DORecord const& record) {
-    DOSegmentSource const source = DOSegmentSource::Of(record.GetHeader());
-    DOSegmentRange const range(source);
-    std::vector<DOSegment> const copies(range.begin(), range.end());
+    DOSegmentRange const range = record.Segments();
+    std::vector<crfp_digest_t> fingerprints;
+    std::vector<DOSegment> copies(range.begin(), range.end());
+    fingerprints.reserve(copies.size());
+    for (DOSegment& segment : copies) {
+        segment.fingerprint.data = fingerprints.emplace_back(segment.fingerprint.Copy()).bytes;
+    }
     py::list segments;
     for (DOSegment const& segment : copies) {
-        segments.append(SegmentOf(segment, source));
+        segments.append(SegmentOf(segment, range.GetSource()));
     }
     return segments;
 }
 
 py::list UniqueList(DORecord const& record) {
-    DOUniqueDCIDRange const range(DOUniqueDCIDSource::Of(record.GetHeader()));
+    DOUniqueDCIDRange const range = record.UniqueDCIDs();
     std::vector<DOUniqueDCID> const copies(range.begin(), range.end());
     py::list list;
     for (DOUniqueDCID const& entry : copies) {
@@ -201,7 +205,14 @@ void BindFields(Class& type) {
         .def_property_readonly("segments", Segments, "The segments, as a list of Segment.")
         .def_property_readonly("unique_list", UniqueList, "Pairs of container and bytes of the object in it.")
         .def(
-            "append_unique_list", [](DORecord& record) { Require(record.AppendBloomAndUniqueDCIDList()); },
+            "append_unique_list",
+            [](DORecord& record) {
+                if (record.IsInNetworkOrder()) { // the list's count could not be read back
+                    throw Cr_ErrnoException(CR_STATUS_INVALID, "append_unique_list needs a record in host order",
+                                            nullptr);
+                }
+                Require(record.AppendBloomAndUniqueDCIDList());
+            },
             "Compute the list of containers and store it. The record must have no references yet.")
         .def("container_sizes", ContainerSizes,
              "Return a dict of container to bytes: the unique list, plus the record in its container.");

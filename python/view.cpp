@@ -86,7 +86,7 @@ py::object SegmentOf(DOSegment const& segment, DOSegmentSource const& source) {
     // Calls the constructor of tuple, since that of the named tuple is Python code and slow.
     static auto const* const type = new py::object(PythonType("Segment"));
     py::object offset = py::none();
-    if (DOTypeOf(source.dotype).offsetWidth != 0) {
+    if (source.offsetWidth != 0) {
         offset = py::int_(segment.offset);
     }
     auto const values = py::make_tuple(
@@ -122,13 +122,13 @@ Array View::entriesOf(std::vector<Field> fields) const {
 
 // Fingerprint, and size and offset if the DO type has them.
 std::vector<Field> View::entryFields() const {
-    Content const number = NumberIn(segments_.networkOrder);
+    Content const number = NumberIn(segments_.order == Order::Network);
     std::vector<Field> fields{{"fingerprint", 0, segments_.fingerprint, Content::Bytes}};
-    if (unsigned int const width = DOTypeOf(segments_.dotype).sizeWidth) {
-        fields.push_back({"size", segments_.fingerprint, width, number});
+    if (segments_.sizeWidth != 0) {
+        fields.push_back({"size", segments_.fingerprint, segments_.sizeWidth, number});
     }
-    if (unsigned int const width = DOTypeOf(segments_.dotype).offsetWidth) {
-        fields.push_back({"offset", OffsetPosition(segments_.fingerprint), width, number});
+    if (segments_.offsetWidth != 0) {
+        fields.push_back({"offset", segments_.offset, segments_.offsetWidth, number});
     }
     return fields;
 }
@@ -157,8 +157,7 @@ Array View::Dcids() const {
 }
 
 Array View::UniqueList() const {
-    unsigned char const* const entries = unique_.count == 0 ? unique_.list : unique_.list + kUniqueHeadSize;
-    return Array(bytes_.owner, entries, unique_.count, kUniqueEntrySize,
+    return Array(bytes_.owner, unique_.entries, unique_.count, kUniqueEntrySize,
                  {{"dcid", 0, 8, Content::HostNumber}, {"bytes", 8, 8, Content::HostNumber}});
 }
 

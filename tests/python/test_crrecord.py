@@ -132,6 +132,12 @@ class Package(unittest.TestCase):
         self.assertRaises(ValueError, DORecord.from_bloom, b"1", cid=64, size=1, fptype=0,
                           unique_list=bytes(4) + b"\2\0\0\0")
 
+    def test_refuses_unique_list_in_network_order(self):
+        record = DORecord([(bytes(16), 1, 0, 64)], cid=64, size=1, fptype=0)
+        record.to_network()
+        self.assertRaises(Error, record.append_unique_list)
+        self.assertEqual((record.unique_list, len(record.segments)), ([], 1))
+
     def test_stub_declares_what_there_is(self):
         stub = ast.parse(pathlib.Path(_crrecord.__file__).with_name("_crrecord.pyi").read_text())
         for declared in (node for node in stub.body if isinstance(node, (ast.ClassDef, ast.FunctionDef))):

@@ -9,7 +9,8 @@ DOSegmentSource SegmentSourceOf(DORecordHeader const& fields, unsigned char cons
 
 DOUniqueDCIDSource UniqueSourceOf(DORecordHeader const& fields, unsigned char const* record) noexcept {
     RecordLayout const layout(CountsOf(&fields, Order::Host));
-    return {.entries = record + layout.UniqueEntry(0), .count = fields.nudcid};
+    // Without a list not even the address of an entry may be inside the buffer.
+    return {.entries = record + (fields.nudcid != 0 ? layout.UniqueEntry(0) : layout.udcids), .count = fields.nudcid};
 }
 
 } // namespace crrecord
