@@ -56,7 +56,7 @@ crt_digest_t* DORecord::GetDigest() const {
     }
     bool const bloom = header && IsBloom(GetDOType());
     RecordLayout const layout =
-        RecordInternals::CheckedLayout(*this, bloom ? &RecordLayout::taskIds : &RecordLayout::dcids);
+        RecordInternals::ChangeableLayout(*this, bloom ? &RecordLayout::taskIds : &RecordLayout::dcids);
     unsigned int const fptype = GetFPType();
     crfp_digest_t digest{};
     if (bloom) {

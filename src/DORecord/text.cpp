@@ -74,7 +74,7 @@ void RecordInternals::WriteText(DORecord const& record, std::ostream& stream) {
     }
     // The fields that an unknown DO type does not have may lie in the tail.
     bool const known = CRDOTypeIsValid(record.GetDOType()) != 0;
-    RecordLayout const layout = CheckedLayout(record, known ? &RecordLayout::udcids : &RecordLayout::total);
+    RecordLayout const layout = ChangeableLayout(record, known ? &RecordLayout::udcids : &RecordLayout::total);
     TextWriter text(stream);
     WriteHeaderFields(text, *record.header);
     text.Character('[');
