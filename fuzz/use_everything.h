@@ -131,12 +131,6 @@ inline void Look(DORecord const& record) {
             Read(&entry, sizeof entry);
         }
     });
-    unsigned int references = 0;
-    for (DORecord::tref_ptr_t const& reference : record.References()) {
-        Must(CRTRefGetType(reference->Get()) != 0, "kind 0 among the references");
-        ++references;
-    }
-    Must(references + record.GetNTRefs(cr_reftype_t(0)) == record.GetNTRefs(), "number of references");
     Try([&] { record.checkSegmentList(); });
     Try([&] { record.checkSegmentSizeEndiannes(); });
     Try([&] { record.checkSegmentOffsetEndiannes(); });
@@ -149,7 +143,8 @@ inline void Look(DORecord const& record) {
     cr_dcid_size_map_t sizes;
     record.GetUDCIDSizeList(sizes);
     Try([&] { Must(record == record, "equality"); });
-    auto const references = std::distance(record.GetTRefBegin(), record.GetTRefEnd());
+    auto const all = record.References();
+    auto const references = std::distance(all.begin(), all.end());
     Must(references + record.GetNTRefs(static_cast<cr_reftype_t>(0)) == record.GetNTRefs(), "references");
     Try([&] { Read(record.GetHeader(), CR_DO_HEADER_SIZE); });
 }
