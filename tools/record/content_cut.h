@@ -1,0 +1,25 @@
+// Content-defined cutting: a segment ends where the last bytes say so, so that an insertion changes only the segments
+// around it.
+//
+// FastCDC with normalised cutting (level 2), two bytes a step: W. Xia et al., "The Design of Fast Content-Defined
+// Chunking for Data Deduplication Based Storage Systems", IEEE Transactions on Parallel and Distributed Systems 31(9),
+// 2020.
+
+#pragma once
+
+#include <cstdint>
+
+namespace crrecord::tool {
+
+// Bytes of a segment: the least (but for the last segment of an object), the usual, and the most.
+// Invariant: 64 <= least <= average <= most.
+struct ContentCut {
+    std::uint32_t least = 16 * 1024;
+    std::uint32_t average = 64 * 1024;
+    std::uint32_t most = 256 * 1024;
+};
+
+// Returns: bytes of the first segment of `size` bytes, which are the rest of the object or at least `cut.most`.
+std::uint64_t FirstContentCut(unsigned char const* bytes, std::uint64_t size, ContentCut const& cut) noexcept;
+
+} // namespace crrecord::tool
