@@ -29,6 +29,8 @@ constexpr unsigned int kMostThreads = 32;      // more than one that reads can f
 
 // Segments of the default size for all lanes.
 constexpr std::uint64_t kParallelBatch = ParallelSha256::kLanes * 128UL * 1024;
+// The start takes longer than is saved with smaller inputs.
+constexpr std::uint64_t kLeastParallelInput = 32UL * 1024 * 1024;
 static_assert(kBatch <= ParallelSha256::kMostBytes);
 constexpr unsigned int kMostParallelThreads = 8; // each hashes several GB/s
 
@@ -156,6 +158,7 @@ public:
     void Append(std::uint64_t count) {
         batch_->size += count;
         position_ += count;
+        progress_.At(position_); // a batch may take long to arrive through a pipe
         if (batch_->size == batch_->room.size()) {
             Submit();
         }
@@ -189,14 +192,15 @@ private:
     // Whether to hash segments at once.
     bool AtOnce(std::uint64_t expected) const {
         bool const isSha256 = options_.fptype == CR_FP_TYPE_SHA256 || options_.fptype == CR_FP_TYPE_SHA256_128;
-        bool const isSmall = expected != 0 && expected < kParallelBatch;
+        bool const isSmall = expected != 0 && expected < kLeastParallelInput;
         return IsWhole() && isSha256 && !isSmall && ParallelSha256::Create();
     }
 
     // The most segments in a batch; a multiple of the lanes, if they are hashed at once and enough fit.
     std::uint64_t SegmentsInBatch() const {
-        std::uint64_t const fitting =
-            std::min((atOnce_ ? kParallelBatch : kBatch) / options_.segmentSize, kBatchSegments);
+        std::uint64_t const most =
+            atOnce_ ? std::max(kParallelBatch, ParallelSha256::kLanes * options_.segmentSize) : kBatch;
+        std::uint64_t const fitting = std::min(most / options_.segmentSize, kBatchSegments);
         return fitting < ParallelSha256::kLanes ? fitting : fitting - fitting % ParallelSha256::kLanes;
     }
 
@@ -241,7 +245,6 @@ private:
             use_(segment);
         }
         totals_.segments += batch.segments.size();
-        progress_.At(totals_.bytes);
     }
 
     // The container for a segment of this size: the current one as long as it has room.
