@@ -6,7 +6,7 @@ SETUP ?= scripts/setup
 unexport FILE
 export CRRECORD_WALK_FILE := $(value FILE)
 
-.PHONY: help setup build run test fuzz bench abi memcheck security big-endian python docs deb release-check install format clean
+.PHONY: help setup configure build run test fuzz bench abi memcheck security big-endian python docs deb release-check install format clean
 
 help:
 	@echo 'make run [FILE=path]       write records of a file, read and check them, print the results'
@@ -19,7 +19,7 @@ help:
 	@echo 'make big-endian            build for a big-endian machine, and run the tests under an emulator of it'
 	@echo 'make python                build the Python package into build/python/python, and test it'
 	@echo 'make docs                  build the reference of the headers into build/docs/html'
-	@echo 'make build                 build the library and the command into build/release'
+	@echo 'make build                 build the library, the command and the tests into build/release'
 	@echo 'make deb                   build Debian packages into build/deb'
 	@echo 'make release-check         run all checks of a release, as root'
 	@echo 'make install [PREFIX=dir]  install library and command, by default into /usr/local'
@@ -29,11 +29,14 @@ help:
 setup:
 	@$(SETUP)
 
-build: setup
+configure: setup
 	@cmake --preset release
+
+build: configure
 	@cmake --build --preset release
 
-run: build
+run: configure
+	@cmake --build --preset release --target crrecord_tool
 	@scripts/walk build/release/tools/crrecord $${CRRECORD_WALK_FILE:+"$$CRRECORD_WALK_FILE"}
 
 test: build
@@ -49,9 +52,11 @@ bench:
 	@cmake --build --preset bench
 	@scripts/bench build/bench $(if $(QUICK),--quick,$(if $(PUBLISH),--publish))
 
-abi: build
+abi:
 	@$(SETUP) --abi
-	@tests/abi/interface.sh build/release/src/libcrrecord.so
+	@cmake --preset abi
+	@cmake --build --preset abi
+	@tests/abi/interface.sh build/abi/src/libcrrecord.so
 
 memcheck: build
 	@$(SETUP) --memcheck

@@ -51,7 +51,7 @@ constexpr Operation kOperations[] = {
     {"HasTaskID", "absl::btree_set find", LookUpTaskIdsBTree, kAny, kAny, kNone},
     {"GetHeader with references", "memcpy of the section", HeaderWithReferences, 3, 5, kNone},
     {"GetHeader with references", "memcpy of each reference", HeaderOneByOne, kAny, kAny, kNone},
-    {"crrecord build, one core", "one hash call", CommandOnOneCore, kNone, 1.15, kNone, kMainShape, kFileSegments},
+    {"crrecord build, one core", "one hash call", CommandOnOneCore, kNone, 1.05, kNone, kMainShape, kFileSegments},
     {"crrecord build, two cores", "one hash call", CommandOnTwoCores, kNone, 0.65, kNone, kMainShape, kFileSegments},
 
     {"Serialize with checksum, 16 B", kFill, Serialize, kAny, kAny, kAny, kShort},

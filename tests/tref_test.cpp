@@ -127,7 +127,7 @@ TEST(TRefHandle, OwnsACopyAndGivesItsChunkBack) {
     EXPECT_EQ(Handle(Cr_TRef::Factory(nullptr))->Get(), nullptr);
 }
 
-std::atomic<unsigned long> linesOf[2];
+std::atomic<unsigned long> linesOfSink[2];
 
 void CountLine(cr_log_level_t, cr_status_t, char const*, void* lines) {
     ++*static_cast<std::atomic<unsigned long>*>(lines);
@@ -179,22 +179,22 @@ TEST(TRefHandle, ThreadsWithRecordsOfTheirOwn) {
         record->RemoveAllTaskIDs();
         ++ended;
     };
-    CRLogSetSink(CountLine, &linesOf[0]);
+    CRLogSetSink(CountLine, &linesOfSink[0]);
     std::vector<std::jthread> threads;
     for (unsigned long i = 0; i < kThreads; ++i) {
         threads.emplace_back(work, (i + 1) << 20);
     }
     for (unsigned int turn = 0; ended < kThreads; ++turn) {
-        CRLogSetSink(CountLine, &linesOf[turn % 2]);
+        CRLogSetSink(CountLine, &linesOfSink[turn % 2]);
     }
     threads.clear();
     CRLogSetSink(nullptr, nullptr);
-    EXPECT_EQ(linesOf[0] + linesOf[1], kThreads * kRounds);
+    EXPECT_EQ(linesOfSink[0] + linesOfSink[1], kThreads * kRounds);
 }
 
 // Whatever the other threads hold while their process forks.
 TEST(TRefHandle, ForkedChildrenMakeHandlesAndLog) {
-    CRLogSetSink(CountLine, &linesOf[0]);
+    CRLogSetSink(CountLine, &linesOfSink[0]);
     std::atomic<bool> ended = false;
     auto const work = [&ended] {
         while (!ended) {

@@ -32,8 +32,8 @@ search_path() {
 
 case $check in
 paths)
-    # Programs of other projects, which these tests build, are theirs.
-    find "${paths[0]}" -path "${paths[0]}/tests/install" -prune -o -type f -print0 >files
+    # Not the object files, nor the programs of other projects that the tests of the installation build.
+    find "${paths[0]}" \( -name CMakeFiles -o -path "${paths[0]}/tests/install" \) -prune -o -type f -print0 >files
     while IFS= read -r -d '' file; do
         readelf --wide --dynamic "$file" >dynamic 2>/dev/null || continue
         grep -q '(NEEDED)' dynamic || continue

@@ -84,4 +84,14 @@ TEST_F(Tool, VerifyNamesWhatDiffers) {
     EXPECT_EQ(out.substr(0, out.find('\n')), "record: segment 1: the record's offset is 16778216, expected 1000");
 }
 
+// Input of a pipe is hashed in several segments at once, but verified in one after the other.
+TEST_F(Tool, BuildsWhatVerifies) {
+    ASSERT_EQ(Shell("seq 500000 >in"), 0);
+    for (char const* const options : {"1000", "64K", "100000 --fptype 2", "128K", "256K"}) {
+        SCOPED_TRACE(options);
+        ASSERT_EQ(Shell(std::string("cat in | \"$T\" build - -o out --segment-size ") + options), 0) << err;
+        EXPECT_EQ(Run("verify out in"), 0) << out;
+    }
+}
+
 } // namespace

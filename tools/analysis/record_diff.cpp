@@ -20,12 +20,12 @@ std::string As(std::uint64_t value) {
     return Text(static_cast<unsigned int>(value));
 }
 
-struct HeaderField {
+struct ComparedField {
     char const* name;
     std::uint64_t (*get)(DORecord const&);
     std::string (*text)(std::uint64_t) = Decimal;
 };
-constexpr HeaderField kHeaderFields[] = {
+constexpr ComparedField kComparedFields[] = {
     {"flags", [](DORecord const& record) -> std::uint64_t { return record.GetFlags(); }, As<FlagsText>},
     {"checktime", [](DORecord const& record) -> std::uint64_t { return record.GetCheckTime(); }, As<TimeText>},
     {"CID", [](DORecord const& record) -> std::uint64_t { return record.GetDCID(); }},
@@ -84,7 +84,7 @@ private:
 
 void DiffHeaders(DORecord const& a, DORecord const& b,
                  std::function<void(char const* name, HeaderValue const& a, HeaderValue const& b)> const& use) {
-    for (HeaderField const& field : kHeaderFields) {
+    for (ComparedField const& field : kComparedFields) {
         std::uint64_t const inA = field.get(a);
         std::uint64_t const inB = field.get(b);
         if (inA != inB) {

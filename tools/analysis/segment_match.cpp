@@ -8,7 +8,7 @@ namespace crrecord::tool {
 
 namespace {
 
-constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
+constexpr std::uint32_t kNoSegment = std::numeric_limits<std::uint32_t>::max();
 
 bool AreSame(DOSegment const& a, DOSegment const& b) noexcept {
     return a.size == b.size && a.fingerprint == b.fingerprint;
@@ -60,7 +60,7 @@ public:
             DOSegment const segment = a_[i].segment;
             std::uint32_t const hash = HashOf(segment);
             Queue* const found = find(segment, hash);
-            Queue& queue = found ? *found : queues.Add(hash, {i, kNone, hash});
+            Queue& queue = found ? *found : queues.Add(hash, {i, kNoSegment, hash});
             next[i] = std::exchange(queue.first, i);
         }
         for (std::uint32_t j = 0; j < b_.size(); ++j) {
@@ -69,7 +69,7 @@ public:
             }
             PlacedSegment const inB = b_[j];
             Queue* const queue = find(inB.segment, HashOf(inB.segment));
-            if (queue && queue->first != kNone) {
+            if (queue && queue->first != kNoSegment) {
                 std::uint32_t const i = std::exchange(queue->first, next[queue->first]);
                 Match(i, a_[i], j, inB);
             }

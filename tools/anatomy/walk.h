@@ -4,6 +4,7 @@
 
 #include "anatomy/sections.h"
 #include "anatomy/value.h"
+#include "io/append_formatted.h"
 #include "io/failure.h"
 
 #include <algorithm>
@@ -46,7 +47,7 @@ public:
         if (section.missing != 0) {
             path_.clear();
             value_.clear();
-            fmt::format_to(std::back_inserter(value_), "missing {} of {}", Counted(section.missing, "byte"), name_);
+            AppendFormatted(value_, "missing {} of {}", Counted(section.missing, "byte"), name_);
             Give(0);
         }
     }
@@ -81,7 +82,7 @@ private:
         }
         value_.clear();
         if (there < field.width && field.format != Format::Opaque) {
-            fmt::format_to(std::back_inserter(value_), "cut off: {} of {}", there, Counted(field.width, "byte"));
+            AppendFormatted(value_, "cut off: {} of {}", there, Counted(field.width, "byte"));
         } else {
             AppendValue(value_, field.format, bytes_.subspan(at_, there), field.turns ? order_ : Order::Host);
         }

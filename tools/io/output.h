@@ -2,18 +2,17 @@
 
 #pragma once
 
+#include "io/append_formatted.h"
 #include "io/replacement.h"
 #include "io/text.h"
 
 #include <cstdint>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-#include <fmt/format.h>
 #include <unistd.h>
 
 namespace crrecord::tool {
@@ -35,7 +34,7 @@ public:
 
     template <class... Values>
     void Print(fmt::format_string<Values...> format, Values&&... values) {
-        fmt::format_to(std::back_inserter(buffer_), format, std::forward<Values>(values)...);
+        AppendFormatted<Values...>(buffer_, format, std::forward<Values>(values)...);
         FlushWhenFull();
     }
 

@@ -191,8 +191,8 @@ void Plot::DrawRowOfShades(std::uint64_t row, std::vector<std::uint64_t> const& 
             ++column;
         } while (column < kColumns && shadeOf(column) == shade);
         if (shade != kNone) {
-            fmt::format_to(std::back_inserter(paths[shade]), "m{} 0h{}", (from - ends[shade]) * kColumnWidth,
-                           (column - from) * kColumnWidth);
+            paths[shade] +=
+                fmt::format("m{} 0h{}", (from - ends[shade]) * kColumnWidth, (column - from) * kColumnWidth);
             ends[shade] = column;
         }
     }

@@ -2,12 +2,12 @@
 
 #pragma once
 
+#include "io/append_formatted.h"
+
 #include <cstdint>
-#include <iterator>
 #include <string>
 #include <string_view>
-
-#include <fmt/format.h>
+#include <utility>
 
 namespace crrecord::tool {
 
@@ -20,7 +20,7 @@ public:
 
     template <class... Values>
     void Print(fmt::format_string<Values...> format, Values&&... values) {
-        fmt::format_to(std::back_inserter(body_), format, std::forward<Values>(values)...);
+        AppendFormatted<Values...>(body_, format, std::forward<Values>(values)...);
     }
 
     // `style` is one of the classes of the style sheet, or "". The text need not be escaped.

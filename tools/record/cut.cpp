@@ -4,6 +4,7 @@
 #include "io/pipeline.h"
 #include "io/progress.h"
 #include "record/crc32.h"
+#include "record/parallel_sha256.h"
 
 #include <crrecord/status.h>
 
@@ -26,6 +27,13 @@ constexpr std::uint64_t kBatch = kReadBlock;
 constexpr std::uint64_t kBatchSegments = 4096; // a segment of one byte takes dozens for what is told of it
 constexpr unsigned int kMostThreads = 32;      // more than one that reads can feed; each has its batches
 
+// Segments of the default size for all lanes.
+constexpr std::uint64_t kParallelBatch = ParallelSha256::kLanes * 128UL * 1024;
+// The start takes longer than is saved with smaller inputs.
+constexpr std::uint64_t kLeastParallelInput = 32UL * 1024 * 1024;
+static_assert(kBatch <= ParallelSha256::kMostBytes);
+constexpr unsigned int kMostParallelThreads = 8; // each hashes several GB/s
+
 // Consecutive bytes of the input, and the segments that end in them.
 struct Batch {
     std::vector<unsigned char> room;
@@ -33,7 +41,8 @@ struct Batch {
     std::uint64_t size = 0;
     bool endsSegment = false; // by a gap behind it, or by the input's end
     std::uint32_t crc = 0;
-    std::vector<CutSegment> segments; // without their containers
+    std::vector<CutSegment> segments;       // without their containers
+    std::unique_ptr<ParallelSha256> sha256; // if the segments are hashed at once
 };
 
 // Fingerprints and sums of segments whose bytes come in order.
@@ -66,7 +75,7 @@ private:
             Check(CRFPInitialize(&context_, options_.fptype) == 0);
         }
         Check(CRFPAppend(&context_, piece.data(), piece.size()) == 0);
-        segment_.crc = libdeflate_crc32(segment_.crc, piece.data(), piece.size());
+        segment_.crc = options_.segmentCrcs ? libdeflate_crc32(segment_.crc, piece.data(), piece.size()) : 0;
         segment_.size += piece.size();
     }
 
@@ -89,10 +98,51 @@ private:
     CutSegment segment_; // the one that is open, if it has bytes
 };
 
+// Computes the fingerprints of whole segments with batch.sha256, which is created if it is null.
+// Returns: false, without a result, if there are too few segments, or if it cannot be created.
+bool DigestAtOnce(Batch& batch, CutOptions const& options) {
+    std::span<unsigned char const> bytes = std::span(batch.room).first(batch.size);
+    if (bytes.size() <= (ParallelSha256::kLeastPieces - 1) * options.segmentSize) {
+        return false;
+    }
+    if (!batch.sha256) {
+        batch.sha256 = ParallelSha256::Create();
+    }
+    if (!batch.sha256) {
+        return false;
+    }
+    batch.crc = libdeflate_crc32(0, bytes.data(), bytes.size());
+    batch.segments.reserve(batch.size / options.segmentSize + 2); // the pieces point to them
+    std::vector<ParallelSha256::Piece> pieces;
+    for (std::uint64_t offset = batch.offset; !bytes.empty();) {
+        auto const segment =
+            bytes.first(std::min<std::uint64_t>(bytes.size(), options.segmentSize - offset % options.segmentSize));
+        CutSegment& made = batch.segments.emplace_back();
+        made.offset = offset;
+        made.size = segment.size();
+        made.crc = options.segmentCrcs ? libdeflate_crc32(0, segment.data(), segment.size()) : 0;
+        pieces.push_back({segment, made.fingerprint.bytes});
+        offset += segment.size();
+        bytes = bytes.subspan(segment.size());
+    }
+    if (!batch.sha256->Digest(pieces)) {
+        throw Failure("libipsec-mb: computed no SHA-256");
+    }
+    if (options.fptype == CR_FP_TYPE_SHA256_128) {
+        constexpr std::size_t kSize = CRFPDigestSize(CR_FP_TYPE_SHA256_128);
+        for (CutSegment& segment : batch.segments) {
+            std::fill(segment.fingerprint.bytes + kSize, std::end(segment.fingerprint.bytes), std::uint8_t{0});
+        }
+    }
+    return true;
+}
+
 class SegmentCutter {
 public:
-    SegmentCutter(CutOptions const& options, Progress& progress, std::function<void(CutSegment const&)> const& use)
-        : options_(options), progress_(progress), use_(use), digester_(options),
+    // `expected` is the size of the input, or 0 if it is unknown.
+    SegmentCutter(CutOptions const& options, std::uint64_t expected, Progress& progress,
+                  std::function<void(CutSegment const&)> const& use)
+        : options_(options), progress_(progress), use_(use), atOnce_(AtOnce(expected)), digester_(options),
           pipeline_(
               Threads(), [this](Batch& batch) { Digest(batch); }, [this](Batch& batch) { Account(batch); }) {
         totals_.firstContainer = totals_.lastContainer = options.firstContainer;
@@ -108,6 +158,7 @@ public:
     void Append(std::uint64_t count) {
         batch_->size += count;
         position_ += count;
+        progress_.At(position_); // a batch may take long to arrive through a pipe
         if (batch_->size == batch_->room.size()) {
             Submit();
         }
@@ -134,7 +185,23 @@ private:
     // a bound.
     bool IsWhole() const { return options_.segmentSize <= kBatch; }
     unsigned int Threads() const {
-        return IsWhole() ? std::clamp(std::thread::hardware_concurrency(), 1U, kMostThreads) : 1;
+        unsigned int const most = atOnce_ ? kMostParallelThreads : kMostThreads;
+        return IsWhole() ? std::clamp(std::thread::hardware_concurrency(), 1U, most) : 1;
+    }
+
+    // Whether to hash segments at once.
+    bool AtOnce(std::uint64_t expected) const {
+        bool const isSha256 = options_.fptype == CR_FP_TYPE_SHA256 || options_.fptype == CR_FP_TYPE_SHA256_128;
+        bool const isSmall = expected != 0 && expected < kLeastParallelInput;
+        return IsWhole() && isSha256 && !isSmall && ParallelSha256::Create();
+    }
+
+    // The most segments in a batch; a multiple of the lanes, if they are hashed at once and enough fit.
+    std::uint64_t SegmentsInBatch() const {
+        std::uint64_t const most =
+            atOnce_ ? std::max(kParallelBatch, ParallelSha256::kLanes * options_.segmentSize) : kBatch;
+        std::uint64_t const fitting = std::min(most / options_.segmentSize, kBatchSegments);
+        return fitting < ParallelSha256::kLanes ? fitting : fitting - fitting % ParallelSha256::kLanes;
     }
 
     Batch& Open() {
@@ -145,7 +212,7 @@ private:
             batch_->endsSegment = false;
             batch_->segments.clear();
             // Up to a multiple of the segments' size, where they fit.
-            std::uint64_t const whole = std::min(kBatch / options_.segmentSize, kBatchSegments) * options_.segmentSize;
+            std::uint64_t const whole = SegmentsInBatch() * options_.segmentSize;
             batch_->room.resize(IsWhole() ? whole - position_ % options_.segmentSize : kBatch);
         }
         return *batch_;
@@ -159,7 +226,9 @@ private:
     void Digest(Batch& batch) {
         if (IsWhole()) {
             batch.endsSegment = true;
-            Digester(options_).Append(batch);
+            if (!atOnce_ || !DigestAtOnce(batch, options_)) {
+                Digester(options_).Append(batch);
+            }
         } else {
             digester_.Append(batch);
         }
@@ -176,7 +245,6 @@ private:
             use_(segment);
         }
         totals_.segments += batch.segments.size();
-        progress_.At(totals_.bytes);
     }
 
     // The container for a segment of this size: the current one as long as it has room.
@@ -200,6 +268,7 @@ private:
     std::uint64_t position_ = 0; // in the input
     std::uint64_t used_ = 0;     // of the last container
     CutTotals totals_;
+    bool atOnce_;
     Digester digester_;
     Batch* batch_ = nullptr; // the one that is being filled
     Pipeline<Batch> pipeline_;
@@ -257,7 +326,7 @@ CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::functio
                                   options.containerSize, options.segmentSize));
     }
     Progress progress(input.Name(), input.ExpectedSize());
-    SegmentCutter cutter(options, progress, use);
+    SegmentCutter cutter(options, input.ExpectedSize(), progress, use);
     Extent extent = holes == Holes::AreGaps ? input.NextExtent() : Extent{};
     for (;;) {
         cutter.Skip(std::exchange(extent.hole, 0));

@@ -23,6 +23,7 @@ struct CutOptions {
     std::uint64_t containerSize = 64UL * 1024 * 1024;
     unsigned int fptype = CR_FP_TYPE_SHA256;
     unsigned int firstContainer = kLeastContainer;
+    bool segmentCrcs = false; // whether segments have a CRC-32
 };
 
 // The size of a segment may be up to `mostBytes`.
@@ -36,7 +37,7 @@ enum class Holes {
 struct CutSegment {
     std::uint64_t offset = 0;
     std::uint64_t size = 0;
-    std::uint32_t crc = 0; // CRC-32, as of gzip
+    std::uint32_t crc = 0; // CRC-32, as of gzip, or 0 without CutOptions::segmentCrcs
     unsigned int container = 0;
     crfp_digest_t fingerprint{};
 };

@@ -63,8 +63,8 @@ void AppendSegmentRow(fmt::memory_buffer& to, Record const& record, bool showKey
     _SegmentDBRecord const& stored = AsSegmentRecord(record);
     std::uint64_t const size = stored.size;
     std::uint32_t const crc = stored.CRC;
-    fmt::format_to(std::back_inserter(to), kRow, record.number, record.offset, NameOf(record.order), PlaceOf(stored),
-                   size, fmt::format("{:08x}", crc), NameOfFingerprint(stored.fptype));
+    AppendFormatted(to, kRow, record.number, record.offset, NameOf(record.order), PlaceOf(stored), size,
+                    fmt::format("{:08x}", crc), NameOfFingerprint(stored.fptype));
     if (showKey) {
         AppendKey(to, stored);
         to.append(std::string_view("  "));
@@ -76,7 +76,7 @@ void AppendSegmentRow(fmt::memory_buffer& to, Record const& record, bool showKey
         AppendHex(to, Fingerprints(stored).data(), CRFPDigestSize(stored.fptype));
     }
     if (count > 1) {
-        fmt::format_to(std::back_inserter(to), " and {} more", count - 1);
+        AppendFormatted(to, " and {} more", count - 1);
     }
     to.push_back('\n');
 }

@@ -9,8 +9,7 @@
 #include <charconv>
 #include <ctime>
 
-#include <CLI/CLI.hpp>
-#include <fmt/chrono.h>
+#include <CLI/Error.hpp>
 
 namespace crrecord::tool {
 
@@ -104,7 +103,14 @@ void PrintSegments(Output& out, DORecordView const& view, Range range) {
 } // namespace
 
 std::string TimeText(unsigned int seconds) {
-    return seconds == 0 ? "never" : fmt::format("{:%Y-%m-%d %H:%M:%S} UTC", fmt::gmtime(std::time_t{seconds}));
+    if (seconds == 0) {
+        return "never";
+    }
+    std::time_t const time{seconds};
+    std::tm date{};
+    ::gmtime_r(&time, &date);
+    return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02} UTC", date.tm_year + 1900, date.tm_mon + 1, date.tm_mday,
+                       date.tm_hour, date.tm_min, date.tm_sec);
 }
 
 std::string CrcText(unsigned int crc) {

@@ -22,7 +22,7 @@ struct ConvertOptions {
     bool json = false;
 };
 
-struct Tally {
+struct Converted {
     std::uint64_t records = 0;
     std::uint64_t converted = 0;
     std::uint64_t bytes = 0;
@@ -118,7 +118,7 @@ public:
         tally_.converted += changed ? 1 : 0;
     }
 
-    Tally const& Commit() {
+    Converted const& Commit() {
         to_.Commit();
         return tally_;
     }
@@ -126,10 +126,10 @@ public:
 private:
     ConvertOptions const& options_;
     OutputFile to_;
-    Tally tally_;
+    Converted tally_;
 };
 
-std::string ClosingLine(ConvertOptions const& options, Tally const& tally) {
+std::string ClosingLine(ConvertOptions const& options, Converted const& tally) {
     if (options.json) {
         return fmt::format(R"({},"file":{},"out":{},"order":"{}","records":"{}","converted":"{}","bytes":"{}"}})",
                            JsonStart(), JsonQuoted(options.file), JsonQuoted(options.out), options.to, tally.records,

@@ -16,7 +16,7 @@ struct RedactOptions {
     bool json = false;
 };
 
-struct Tally {
+struct Redacted {
     std::uint64_t records = 0;
     std::uint64_t bytes = 0;
 };
@@ -43,7 +43,7 @@ Pseudonyms MakePseudonyms(RedactOptions const& options) {
     return options.key.empty() ? Pseudonyms(RandomSecret()) : Pseudonyms(ReadKey(options));
 }
 
-ExitCode RedactInput(RecordStream& stream, OutputFile& to, Pseudonyms& pseudonyms, Tally& tally) {
+ExitCode RedactInput(RecordStream& stream, OutputFile& to, Pseudonyms& pseudonyms, Redacted& tally) {
     std::vector<Finding> findings;
     while (Record const* const record = stream.Next()) {
         if (!Diagnose(*record, Depth::FirstError, findings)) {
@@ -56,7 +56,7 @@ ExitCode RedactInput(RecordStream& stream, OutputFile& to, Pseudonyms& pseudonym
     return ExitCode::AllWell;
 }
 
-std::string ClosingLine(RedactOptions const& options, Tally const& tally) {
+std::string ClosingLine(RedactOptions const& options, Redacted const& tally) {
     if (options.json) {
         return fmt::format(R"({},"out":{},"records":"{}","bytes":"{}"}})", JsonStart(), JsonQuoted(options.out),
                            tally.records, tally.bytes);
@@ -73,7 +73,7 @@ ExitCode Redact(RedactOptions const& options, Output& out) {
     }
     Pseudonyms pseudonyms = MakePseudonyms(options);
     OutputFile to(options.out, options.files);
-    Tally tally;
+    Redacted tally;
     ExitCode const result = ForEachInput(
         options.files, options.form, [&](RecordStream& stream) { return RedactInput(stream, to, pseudonyms, tally); });
     // Of a broken record nobody can say where it holds what; and a part of the records is not what was asked for.

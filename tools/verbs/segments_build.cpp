@@ -70,6 +70,7 @@ void AddSegmentsBuild(CLI::App& segments, Action& chosen) {
     AddFile(*verb, "FILE", options->file, "Any file; - is standard input")->required();
     AddFile(*verb, "-o,--out", options->out, "The file to write; - is standard output")->required()->type_name("OUT");
     AddCutOptions(*verb, options->cut);
+    options->cut.segmentCrcs = true;
     verb->add_flag("--json", options->json, "The closing line as a JSON object");
     verb->footer(
         "Reads FILE once. Each record holds the segment's container, size, CRC-32 and fingerprint, and is in\n"
