@@ -23,14 +23,15 @@ constexpr std::array<std::uint64_t, 256> kGear = [] {
     return gear;
 }();
 
-// `bits` ones below the highest bit, which is free for the shift of FirstZero. They depend on the last 40 bytes or more.
+// `bits` ones below the highest bit, which is free for the shift of FirstZero. They depend on the last 40 bytes or
+// more.
 constexpr std::uint64_t MaskOf(int bits) noexcept {
     return ((std::uint64_t{1} << bits) - 1) << (63 - bits);
 }
 
 // Adds the bytes from `from` to `to` to the hash. Returns the position after the first byte at which all bits of the
-// mask are zero, or 0 if there is none. The hash of one more byte is 2 * hash + gear; two bytes take one shift, and the test between
-// them has a mask shifted by one.
+// mask are zero, or 0 if there is none. The hash of one more byte is 2 * hash + gear; two bytes take one shift, and the
+// test between them has a mask shifted by one.
 std::uint64_t FirstZero(unsigned char const* bytes, std::uint64_t from, std::uint64_t to, std::uint64_t mask,
                         std::uint64_t& hash) noexcept {
     std::uint64_t h = hash;

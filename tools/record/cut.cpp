@@ -128,6 +128,10 @@ bool DigestAtOnce(Batch& batch, CutOptions const& options) {
     if (!batch.sha256->Digest(pieces)) {
         throw Failure("libipsec-mb: computed no SHA-256");
     }
+    // One of each batch, another one each time: wrong fingerprints would never be found later.
+    if (!ParallelSha256::EqualsOpenSSL(pieces[batch.offset / options.segmentSize % pieces.size()])) {
+        throw Failure("libipsec-mb: computed a wrong SHA-256");
+    }
     if (options.fptype == CR_FP_TYPE_SHA256_128) {
         constexpr std::size_t kSize = CRFPDigestSize(CR_FP_TYPE_SHA256_128);
         for (CutSegment& segment : batch.segments) {

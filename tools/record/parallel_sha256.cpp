@@ -2,6 +2,7 @@
 
 #include <crrecord/fingerprint.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <vector>
@@ -30,12 +31,12 @@ std::unique_ptr<ParallelSha256> ParallelSha256::Create() {
         return nullptr;
     }
     std::unique_ptr<ParallelSha256> made(new ParallelSha256(std::move(manager)));
-    static bool const correct = made->EqualsOpenSSL(); // same processor, same code
+    static bool const correct = made->IsCorrect(); // same processor, same code
     return correct ? std::move(made) : nullptr;
 }
 
 // libipsec-mb documents a limit of 64 KiB for a piece, and checks it. Its code counts blocks of 64 bytes in 16 bits, so
-// that larger pieces are correct too; EqualsOpenSSL checks that for the largest.
+// that larger pieces are correct too; IsCorrect checks that for the largest, and users check a piece of each batch.
 bool ParallelSha256::Digest(std::span<Piece const> pieces) {
     std::size_t completed = 0;
     auto const count = [&completed](IMB_JOB const* job) {
@@ -75,8 +76,16 @@ bool ParallelSha256::Digest(std::span<Piece const>) {
 
 #endif
 
+bool ParallelSha256::EqualsOpenSSL(Piece const& piece) {
+    crfp_context_t context;
+    crfp_digest_t expected{};
+    return CRFPInitialize(&context, CR_FP_TYPE_SHA256) == 0 &&
+           CRFPAppend(&context, piece.bytes.data(), piece.bytes.size()) == 0 && CRFPFinalize(&context) == 0 &&
+           CRFPGetDigest_r(&context, &expected) && std::memcmp(&expected, piece.digest, sizeof expected) == 0;
+}
+
 // Pieces of different sizes leave their lanes at different times.
-bool ParallelSha256::EqualsOpenSSL() {
+bool ParallelSha256::IsCorrect() {
     constexpr std::size_t kPieces = kLanes + 3;
     std::vector<unsigned char> bytes(kMostBytes);
     for (std::size_t i = 0; i < bytes.size(); ++i) {
@@ -90,16 +99,7 @@ bool ParallelSha256::EqualsOpenSSL() {
     if (!Digest(pieces)) {
         return false;
     }
-    for (std::size_t i = 0; i < kPieces; ++i) {
-        crfp_context_t context;
-        crfp_digest_t expected{};
-        if (CRFPInitialize(&context, CR_FP_TYPE_SHA256) != 0 ||
-            CRFPAppend(&context, pieces[i].bytes.data(), pieces[i].bytes.size()) != 0 || CRFPFinalize(&context) != 0 ||
-            !CRFPGetDigest_r(&context, &expected) || std::memcmp(&expected, &found[i], sizeof expected) != 0) {
-            return false;
-        }
-    }
-    return true;
+    return std::all_of(pieces.begin(), pieces.end(), EqualsOpenSSL);
 }
 
 } // namespace crrecord::tool

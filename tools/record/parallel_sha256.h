@@ -29,6 +29,9 @@ public:
     // Returns: false if the library did not complete all pieces.
     [[nodiscard]] bool Digest(std::span<Piece const> pieces);
 
+    // Whether the digest of a piece is that of OpenSSL.
+    static bool EqualsOpenSSL(Piece const& piece);
+
 private:
     struct Free {
         void operator()(IMB_MGR* manager) const;
@@ -36,7 +39,7 @@ private:
     using Manager = std::unique_ptr<IMB_MGR, Free>;
 
     explicit ParallelSha256(Manager manager);
-    bool EqualsOpenSSL();
+    bool IsCorrect();
 
     Manager manager_;
 };
