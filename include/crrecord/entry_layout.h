@@ -1,4 +1,4 @@
-// The entries of a DO record's segments: what is where in an entry, and how many there are.
+// The entries of a DO record's segments: the positions of their fields, and their number.
 
 #pragma once
 

@@ -108,11 +108,11 @@ CRRECORD_API char* CRFPDigestToString_r(crfp_digest_t const* digest, unsigned in
 // On failure: `digest` is unchanged.
 CRRECORD_API crfp_digest_t* CRFPStringToDigest_r(char const* text, unsigned int fptype, crfp_digest_t* digest) noexcept;
 
-// A digest and what it stands for.
+// The digest of an object.
 struct crt_digest_t {
     unsigned int kind; // fingerprint type + 1, or 0 for a digest of no type
     crfp_digest_t digest;
-    unsigned long dcid; // container of the object that the digest stands for
+    unsigned long dcid; // container of the object
 };
 
 // Makes a digest object from copies of its arguments.

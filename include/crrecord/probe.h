@@ -11,7 +11,7 @@ enum cr_record_kind_t : int {
     CR_RECORD_DO = 3,
 };
 
-// What the first bytes of a record say about it, as host values. Nothing of it is validated.
+// Kind, order and sizes by the first bytes of a record, as host values. They are not validated.
 struct cr_record_probe_t {
     unsigned int struct_size; // sizeof(cr_record_probe_t) in the library; members are only added at the end
     cr_record_kind_t kind;
@@ -24,7 +24,7 @@ struct cr_record_probe_t {
 };
 
 // Probes `available` bytes, which may be any bytes, and reads no more than head_size of them. To read a stream: probe,
-// take as many bytes as recorded_size says, validate them, and go on after them.
+// read recorded_size bytes, validate them, and continue after them.
 // Returns: the probe; CR_RECORD_UNKNOWN if the bytes are not the start of a record. Null is allowed for 0 or 1 bytes.
 // Thread safety: no state.
 CRRECORD_API cr_record_probe_t CRRecordProbe(void const* bytes, unsigned long available) noexcept;

@@ -85,7 +85,7 @@ public:
     bool empty() const noexcept { return source_.count == 0; }
     // Element `i`, which is below size().
     value_type operator[](unsigned int i) const noexcept { return source_.Read(i); }
-    // What the range reads.
+    // The source that the range reads.
     Source const& GetSource() const noexcept { return source_; }
 
 private:

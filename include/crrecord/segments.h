@@ -1,7 +1,7 @@
 // Segments and unique DCID list of a DO record as ranges.
 //
-// DORecordView and DORecord::Segments make them. They read either order and give host values. Reading is inline and
-// costs what reading the bytes by hand does.
+// DORecordView and DORecord return them (Segments, UniqueDCIDs). They read records in either order and return host
+// values. Reading is inline; docs/performance.md has its cost.
 
 #pragma once
 
@@ -43,10 +43,10 @@ struct DOUniqueDCID {
     unsigned long bytes; // number of the object's bytes in that container
 };
 
-// What a range of segments reads: the place and form of the elements in a record. The members are not for callers.
+// The source of a range of segments: position and layout of the entries in a record. The members are not for callers.
 //
-// Preconditions: Of takes a record in either order whose counts are known to fit its buffer, as after validation; the
-// other functions take an index below count.
+// Preconditions: Of takes a record in either order whose counts fit its buffer, as after validation. The other
+// functions take an index below count.
 struct DOSegmentSource : crrecord::DOEntryLayout {
     typedef DOSegment value_type;
 
@@ -55,7 +55,7 @@ struct DOSegmentSource : crrecord::DOEntryLayout {
         return order == crrecord::Order::Host ? ReadIn<crrecord::Order::Host>(i) : ReadIn<crrecord::Order::Network>(i);
     }
     unsigned char const* Entry(unsigned int i) const noexcept { return entries + std::uint64_t{i} * stride; }
-    // The members of Read that are read from the entry.
+    // The size and the offset that Read returns, without reading the rest of the segment.
     unsigned int Size(unsigned int i) const noexcept {
         return order == crrecord::Order::Host ? SizeIn<crrecord::Order::Host>(i) : SizeIn<crrecord::Order::Network>(i);
     }

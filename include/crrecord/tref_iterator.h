@@ -64,7 +64,9 @@ private:
     tref_set_t::const_iterator position_;
 };
 
-// All references of a record.
+// All references of a record, as tref_const_iterator_t visits them.
+//
+// Lifetime: valid until the record is destroyed.
 class DORecord::tref_range_t {
 public:
     using const_iterator = tref_const_iterator_t;
