@@ -55,7 +55,7 @@ struct OwnRecord {
     OwnRecord& operator=(OwnRecord const&) = delete;
 
     void Convert(Order order) {
-        (record.kind == Kind::Segment ? ConvertSegmentRecord : ConvertDORecord)(record, order);
+        ConvertRecord(record, order);
         record.order = order;
     }
 

@@ -16,8 +16,8 @@ namespace crrecord::tool {
 
 namespace {
 
-// Where a standard file is closed, the next file that is opened would take its number and records would land there.
-// These are opened the wrong way round, so that using them fails.
+// If a standard file is closed, the next file opened would get its number and receive its output. Opens such numbers
+// for the wrong direction, so that their use fails.
 void OccupyStandardFiles() {
     for (int const file : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (::fcntl(file, F_GETFD) == -1) {
@@ -36,7 +36,7 @@ void* OrEndWithoutMemory(void* block) {
     return block;
 }
 
-// OpenSSL may crash after one of its allocations failed, mostly on a new thread. The command ends at such a failure.
+// OpenSSL may crash after a failed allocation, mostly on a new thread. The command ends at such a failure.
 void EndWhenCryptoHasNoMemory() {
     CRYPTO_set_mem_functions(
         [](std::size_t size, char const*, int) { return size == 0 ? nullptr : OrEndWithoutMemory(std::malloc(size)); },
@@ -50,20 +50,20 @@ void EndWhenCryptoHasNoMemory() {
         [](void* block, char const*, int) { std::free(block); });
 }
 
-// The verb as it was typed, as far as it was understood: "crrecord segments build".
+// Returns: the verbs that were recognised: "crrecord segments build".
 std::string Chosen(CLI::App const& app) {
     auto const verbs = app.get_subcommands();
     return app.get_name() + (verbs.empty() ? "" : " " + Chosen(*verbs.front()));
 }
 
-// What was wrong with the command line. Of an option without its value the parser's own words are hard to read.
+// Returns: the message for a wrong command line. CLI11's text for an option without its value is hard to read.
 std::string ReasonOf(CLI::ParseError const& error) {
     std::string const text = error.what();
     bool const lacksValue = error.get_name() == "ArgumentMismatch" && text.ends_with(" missing");
-    return lacksValue ? text.substr(0, text.find(':')) + ": expected a value behind it" : text;
+    return lacksValue ? text.substr(0, text.find(':')) + ": expected a value after it" : text;
 }
 
-// Help and version are no errors for the user, though they are for the parser.
+// Prints the help or the version, which are errors to CLI11. Throws: Failure for any other error.
 ExitCode EndParsing(CLI::App& app, CLI::ParseError const& error, Output& out) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
         std::ostringstream text;
@@ -72,22 +72,22 @@ ExitCode EndParsing(CLI::App& app, CLI::ParseError const& error, Output& out) {
         out.Flush();
         return ExitCode::AllWell;
     }
-    // What was not understood says more than that a verb is missing.
+    // An unknown word is a better explanation than a missing verb.
     std::vector<std::string> const unknown = app.remaining();
     bool const misspelt = app.get_subcommands().empty() && !unknown.empty();
     throw Failure((misspelt ? "no such verb or option: " + unknown.front() : ReasonOf(error)) +
                   " (try: " + Chosen(app) + " --help)");
 }
 
-// Keeps arguments as they are where the parser takes them for something else.
+// Handles arguments that CLI11 would not take literally.
 void TakeLiterally(int argc, char** argv) {
     static char sameFile[] = "./++";
     for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; ++i) {
         std::string_view const argument = argv[i];
         if (argument == "++") {
-            argv[i] = sameFile; // of a file; "++" would end the verb
+            argv[i] = sameFile; // "++" would end the verb
         }
-        // The next argument would become the value.
+        // CLI11 would use the next argument as the value.
         if (argument.starts_with("--") && argument.find('=') == argument.size() - 1) {
             throw Failure(std::string(argument) + ": expected a value after the =");
         }
@@ -122,8 +122,7 @@ int main(int argc, char** argv) {
         EndWhenCryptoHasNoMemory();
         result = Run(argc, argv);
     } catch (Cr_ErrnoException const& error) {
-        char const* const text = error.what();
-        Complain(*text != '\0' ? text : CRStatusToStringA(error.GetStatus()));
+        Complain(TextOf(error));
     } catch (std::bad_alloc const&) {
         Complain("not enough memory");
     } catch (std::exception const& error) {

@@ -96,7 +96,7 @@ TEST_F(Tool, SumsOfBytesDoNotWrap) {
     ASSERT_EQ(Run("stats --json in"), 2) << err;
     json const sums = json::parse(out);
     EXPECT_TRUE(sums["records"] == "2" && sums["bytes"] == "14" && sums["container_count"] == "1") << sums;
-    std::string const end = ": left out: with it the sum would be more than 2^64 - 1 bytes\n";
+    std::string const end = ": omitted: the sum would exceed 2^64 - 1 bytes\n";
     EXPECT_EQ(err, "crrecord: in: record 2 at byte 192" + end + "crrecord: in: record 3 at byte 384" + end);
     EXPECT_TRUE(Run("stats --uses 64 --uses 65 --uses 70 in") == 2 && out.starts_with("in: record 4 ")) << out << err;
     RecordValues computed{.dotype = 0, .size = 10, .ssize = 100}; // the last of three has 2^32 - 190 bytes

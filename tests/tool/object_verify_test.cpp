@@ -40,7 +40,7 @@ TEST_F(Tool, HolesAreGapsOfType3AndZerosOtherwise) {
     ASSERT_EQ(Shell("truncate -s 1M hole; \"$T\" build hole -o none"), 2);
     EXPECT_EQ(err, "crrecord: hole: is one hole, so it has no segments\n");
     ASSERT_EQ(Shell("truncate -s 5G hole; \"$T\" build hole -o none --dotype 5"), 2);
-    EXPECT_EQ(err, "crrecord: a segment begins beyond 4 GiB, where DO type 5 has no offsets: take DO type 3\n");
+    EXPECT_EQ(err, "crrecord: a segment starts beyond 4 GiB, which DO type 5 cannot store: choose DO type 3\n");
 }
 
 TEST_F(Tool, VerifyNamesWhatDiffers) {

@@ -1,31 +1,28 @@
-// What many records need of each container.
+// Sums by container over many records.
 
 #pragma once
 
 #include "analysis/hash_table.h"
 #include "io/failure.h"
 
+#include <algorithm>
 #include <optional>
 
 namespace crrecord::tool {
 
 struct ContainerTotals {
     std::uint64_t dcid;
-    std::uint64_t segments;
-    std::uint64_t bytes;
-    std::uint64_t fragments; // runs of neighbouring segments of an object that lie in it
+    std::uint64_t segments = 0;
+    std::uint64_t bytes = 0;
+    std::uint64_t fragments = 0; // runs of consecutive segments of an object in this container
 };
 
-struct HashOfContainer {
-    std::uint64_t operator()(auto const& entry) const { return HashOfNumber(entry.dcid); }
-};
-
-// A sum of bytes would pass 64 bits.
+// A sum of bytes would exceed 64 bits.
 struct TooManyBytes : Failure {
-    TooManyBytes() : Failure("the records tell of more than 2^64 - 1 bytes") {}
+    TooManyBytes() : Failure("the records describe more than 2^64 - 1 bytes") {}
 };
 
-// Adds to a sum of bytes, or throws TooManyBytes and leaves it as it was.
+// Adds to a sum of bytes. Throws: TooManyBytes; the sum is unchanged.
 inline void AddBytes(std::uint64_t& sum, std::uint64_t bytes) {
     std::uint64_t more = 0;
     if (__builtin_add_overflow(sum, bytes, &more)) {
@@ -37,26 +34,37 @@ inline void AddBytes(std::uint64_t& sum, std::uint64_t bytes) {
 // Memory: 43 bytes for each container.
 class Containers {
 public:
-    // Counts a container's totals in; they add up to no more bytes than fit 64 bits.
+    // Adds to a container's sums. The caller has checked that the sum of all bytes fits 64 bits.
     void Add(ContainerTotals const& more) {
-        if (!last_ || last_->dcid != more.dcid) {
-            last_ = &Of(more.dcid);
-        }
-        last_->segments += more.segments;
-        last_->bytes += more.bytes;
-        last_->fragments += more.fragments;
+        ContainerTotals& totals = table_.Of(more.dcid);
+        totals.segments += more.segments;
+        totals.bytes += more.bytes;
+        totals.fragments += more.fragments;
     }
 
     std::size_t size() const { return table_.size(); }
 
-    // By id; or, with `top`, so many of the greatest by bytes.
-    std::vector<ContainerTotals const*> Sorted(std::optional<std::uint64_t> top) const;
+    // Returns: the containers by id; with `top`, at most `top` containers with the most bytes, in descending order.
+    std::vector<ContainerTotals const*> Sorted(std::optional<std::uint64_t> top) const {
+        std::vector<ContainerTotals const*> sorted(table_.size());
+        for (std::size_t i = 0; i < sorted.size(); ++i) {
+            sorted[i] = &table_[i];
+        }
+        auto const byId = [](auto const* a, auto const* b) { return a->dcid < b->dcid; };
+        if (!top) {
+            std::sort(sorted.begin(), sorted.end(), byId);
+            return sorted;
+        }
+        auto const end = sorted.begin() + static_cast<std::ptrdiff_t>(std::min<std::uint64_t>(*top, sorted.size()));
+        std::partial_sort(sorted.begin(), end, sorted.end(), [&](auto const* a, auto const* b) {
+            return a->bytes != b->bytes ? a->bytes > b->bytes : byId(a, b);
+        });
+        sorted.erase(end, sorted.end());
+        return sorted;
+    }
 
 private:
-    ContainerTotals& Of(std::uint64_t dcid);
-
-    HashTable<ContainerTotals, HashOfContainer> table_;
-    ContainerTotals* last_ = nullptr; // neighbouring segments often lie in one container
+    ContainerTable<ContainerTotals> table_;
 };
 
 } // namespace crrecord::tool

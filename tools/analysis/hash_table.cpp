@@ -23,7 +23,7 @@ Seeds const& TheSeeds() {
     return seeds;
 }
 
-// Both halves of the product: every bit of the result depends on all bits of both numbers.
+// Every bit of the result depends on all bits of both numbers.
 std::uint64_t Mix(std::uint64_t a, std::uint64_t b) noexcept {
     __extension__ using Product = unsigned __int128;
     Product const product = Product{a} * b;

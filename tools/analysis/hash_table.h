@@ -1,4 +1,4 @@
-// One hash table for everything that a verb counts by its key, and the hashes that go with it.
+// A hash table and its hash functions.
 
 #pragma once
 
@@ -11,7 +11,7 @@
 
 namespace crrecord::tool {
 
-// Elements that stay where they are while their number grows; never more than one block is unused.
+// An array that grows without moving its elements. At most one block is unused.
 template <class T>
 class GrowingArray {
 public:
@@ -34,12 +34,12 @@ private:
     std::size_t size_ = 0;
 };
 
-// A table by linear hashing: it grows by one bucket at a time, whose entries it takes from one other bucket, so that it
-// neither stops to hash everything anew nor ever needs the memory of two tables. An entry costs its own bytes and 4 for
-// the link to the next one of its bucket, rounded up to its alignment, and 2.7 for the bucket. Entries stay where they
-// are and are numbered in the order of their coming.
+// A table with linear hashing: it grows by one bucket at a time and moves only the entries of one bucket, so it needs
+// neither a pause to rehash everything nor memory for two tables. An entry costs its size and 4 bytes for a link,
+// rounded up to its alignment, and 2.7 bytes for the bucket. Entries do not move and are numbered in the order of
+// insertion.
 //
-// HashOf()(entry) is the hash under which an entry was added.
+// HashOf()(entry) must be the hash that was passed to Add.
 template <class Entry, class HashOf>
 class HashTable {
 public:
@@ -49,7 +49,7 @@ public:
     Entry& operator[](std::size_t i) { return nodes_[i].entry; }
     Entry const& operator[](std::size_t i) const { return nodes_[i].entry; }
 
-    // The entry of this hash for which equal(entry) is true, or null.
+    // Returns: the entry of this hash for which equal(entry) is true, or null.
     template <class Equal>
     Entry* Find(std::uint64_t hash, Equal equal) {
         for (std::uint32_t i = buckets_[BucketOf(hash)]; i != kNone;) {
@@ -62,7 +62,7 @@ public:
         return nullptr;
     }
 
-    // For an entry that is not there yet.
+    // Adds an entry, which must not be in the table.
     Entry& Add(std::uint64_t hash, Entry const& entry) {
         if (nodes_.size() == kNone) {
             throw std::bad_alloc();
@@ -85,13 +85,13 @@ private:
         std::uint32_t next;
     };
 
-    // The buckets in front of split_, and those behind the first round_ ones, are told apart by one more bit.
+    // The buckets before split_ were split: their entries, and those of the buckets from round_ on, use one more bit.
     std::size_t BucketOf(std::uint64_t hash) const {
         std::size_t const bucket = hash & (round_ - 1);
         return bucket < split_ ? hash & (2 * round_ - 1) : bucket;
     }
 
-    // Shares the entries of the next bucket to be split between it and a new one.
+    // Splits the next bucket: moves some of its entries to a new one.
     void Grow() {
         buckets_.push_back(kNone);
         std::uint32_t i = std::exchange(buckets_[split_], kNone);
@@ -110,12 +110,39 @@ private:
 
     GrowingArray<Node> nodes_;
     GrowingArray<std::uint32_t> buckets_;
-    std::size_t round_ = 1; // buckets when the present round began, a power of two
-    std::size_t split_ = 0; // buckets that it has split
+    std::size_t round_ = 1; // buckets at the start of the round, a power of two
+    std::size_t split_ = 0; // buckets split in this round
 };
 
-// Hashes that nobody can prepare records against: they differ from run to run.
+// Hashes with a random seed of the process, so that crafted records cannot make all of them collide.
 std::uint64_t HashOfNumber(std::uint64_t number);
 std::uint64_t HashOfSegment(unsigned char const* fingerprint, unsigned int width, std::uint64_t size);
+
+struct HashOfContainer {
+    std::uint64_t operator()(auto const& entry) const { return HashOfNumber(entry.dcid); }
+};
+
+// An entry for each container, in the order of first use. Entry{dcid} makes a new one.
+template <class Entry>
+class ContainerTable {
+public:
+    // Returns: the entry of a container, a new one if there is none. Lifetime: that of the table.
+    Entry& Of(std::uint64_t dcid) {
+        if (!last_ || last_->dcid != dcid) {
+            std::uint64_t const hash = HashOfNumber(dcid);
+            Entry* const found = table_.Find(hash, [dcid](Entry const& entry) { return entry.dcid == dcid; });
+            last_ = found ? found : &table_.Add(hash, Entry{dcid});
+        }
+        return *last_;
+    }
+
+    std::size_t size() const { return table_.size(); }
+    Entry& operator[](std::size_t i) { return table_[i]; }
+    Entry const& operator[](std::size_t i) const { return table_[i]; }
+
+private:
+    HashTable<Entry, HashOfContainer> table_;
+    Entry* last_ = nullptr; // consecutive segments are often in one container
+};
 
 } // namespace crrecord::tool

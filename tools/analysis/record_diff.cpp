@@ -14,7 +14,7 @@ std::string Decimal(std::uint64_t value) {
     return std::to_string(value);
 }
 
-// Of a field of 32 bits.
+// For a field of 32 bits.
 template <std::string (*Text)(unsigned int)>
 std::string As(std::uint64_t value) {
     return Text(static_cast<unsigned int>(value));
@@ -41,44 +41,16 @@ constexpr ComparedField kComparedFields[] = {
     {"dotype", [](DORecord const& record) -> std::uint64_t { return record.GetDOType(); }},
 };
 
-class ContainerTable {
-public:
-    void Add(DORecord const& record, ContainerUse ContainerDiff::*side) {
-        for (DOSegment const segment : record.Segments()) {
-            ContainerUse& use = Of(segment.dcid).*side;
-            ++use.segments;
-            use.bytes += segment.size; // at most the object's size
-        }
-        for (DOUniqueDCID const entry : record.UniqueDCIDs()) {
-            AddBytes((Of(entry.dcid).*side).listed, entry.bytes);
-        }
+void AddUses(ContainerTable<ContainerDiff>& table, DORecord const& record, ContainerUse ContainerDiff::*side) {
+    for (DOSegment const segment : record.Segments()) {
+        ContainerUse& use = table.Of(segment.dcid).*side;
+        ++use.segments;
+        use.bytes += segment.size; // at most the object's size
     }
-
-    std::vector<ContainerDiff> Different() const {
-        std::vector<ContainerDiff> different;
-        for (std::size_t i = 0; i < table_.size(); ++i) {
-            if (table_[i].a != table_[i].b) {
-                different.push_back(table_[i]);
-            }
-        }
-        std::sort(different.begin(), different.end(), [](auto const& a, auto const& b) { return a.dcid < b.dcid; });
-        return different;
+    for (DOUniqueDCID const entry : record.UniqueDCIDs()) {
+        AddBytes((table.Of(entry.dcid).*side).listed, entry.bytes);
     }
-
-private:
-    ContainerDiff& Of(std::uint64_t dcid) {
-        if (!last_ || last_->dcid != dcid) {
-            std::uint64_t const hash = HashOfNumber(dcid);
-            ContainerDiff* const found =
-                table_.Find(hash, [dcid](ContainerDiff const& entry) { return entry.dcid == dcid; });
-            last_ = found ? found : &table_.Add(hash, {dcid, {}, {}});
-        }
-        return *last_;
-    }
-
-    HashTable<ContainerDiff, HashOfContainer> table_;
-    ContainerDiff* last_ = nullptr;
-};
+}
 
 } // namespace
 
@@ -122,10 +94,17 @@ bool BitmapsDiffer(DORecord const& a, DORecord const& b) {
 }
 
 std::vector<ContainerDiff> DiffContainers(DORecord const& a, DORecord const& b) {
-    ContainerTable table;
-    table.Add(a, &ContainerDiff::a);
-    table.Add(b, &ContainerDiff::b);
-    return table.Different();
+    ContainerTable<ContainerDiff> table;
+    AddUses(table, a, &ContainerDiff::a);
+    AddUses(table, b, &ContainerDiff::b);
+    std::vector<ContainerDiff> different;
+    for (std::size_t i = 0; i < table.size(); ++i) {
+        if (table[i].a != table[i].b) {
+            different.push_back(table[i]);
+        }
+    }
+    std::sort(different.begin(), different.end(), [](auto const& x, auto const& y) { return x.dcid < y.dcid; });
+    return different;
 }
 
 } // namespace crrecord::tool

@@ -1,4 +1,4 @@
-// In what two DO records differ, but for their segments.
+// Differences between two DO records, except in their segments.
 
 #pragma once
 
@@ -11,39 +11,39 @@
 
 namespace crrecord::tool {
 
-// A field's value, also as people read it.
+// A field's value and its readable form.
 struct HeaderValue {
     std::uint64_t number;
     std::string text;
 };
 
-// Calls use(name, a, b) for each field of the header that differs. Fields that follow from what else differs (type,
-// record size, size of the references, numbers of legacy references) are left out, as is what has no meaning.
+// Calls use(name, a, b) for each field of the header that differs. Fields that follow from other differences (type,
+// record size, size of the references, numbers of legacy references) and reserved fields are omitted.
 void DiffHeaders(DORecord const& a, DORecord const& b,
                  std::function<void(char const* name, HeaderValue const& a, HeaderValue const& b)> const& use);
 
-// Calls use(text, isInB) for each reference that one record has and the other has not.
+// Calls use(text, isInB) for each reference that is in only one of the records.
 void DiffReferences(DORecord const& a, DORecord const& b,
                     std::function<void(char const* reference, bool isInB)> const& use);
 
 bool BitmapsDiffer(DORecord const& a, DORecord const& b);
 
-// What one record says of a container.
+// A container's sums in one record.
 struct ContainerUse {
     std::uint64_t segments = 0;
     std::uint64_t bytes = 0;
-    std::uint64_t listed = 0; // bytes by the record's own list of containers
+    std::uint64_t listed = 0; // bytes in the record's list of containers
 
     bool operator==(ContainerUse const&) const = default;
 };
 
 struct ContainerDiff {
     std::uint64_t dcid;
-    ContainerUse a;
-    ContainerUse b;
+    ContainerUse a{};
+    ContainerUse b{};
 };
 
-// Containers of which the records say different things, by id. Memory: 67 bytes for each container.
+// Returns: the containers whose sums differ, by id. Memory: 67 bytes for each container.
 std::vector<ContainerDiff> DiffContainers(DORecord const& a, DORecord const& b);
 
 } // namespace crrecord::tool

@@ -15,8 +15,7 @@ bool AreSame(DOSegment const& a, DOSegment const& b) noexcept {
 }
 
 std::uint32_t HashOf(DOSegment const& segment) {
-    return static_cast<std::uint32_t>(
-        HashOfSegment(segment.fingerprint.data, segment.fingerprint.size, segment.size));
+    return static_cast<std::uint32_t>(HashOfSegment(segment.fingerprint.data, segment.fingerprint.size, segment.size));
 }
 
 class Matcher {
@@ -24,8 +23,8 @@ public:
     Matcher(PlacedSegments const& a, PlacedSegments const& b, UseMatch const& use)
         : a_(a), b_(b), use_(use), matchedA_(a.size()), matchedB_(b.size()) {}
 
-    // Both objects' positions ascend. At one position there is one segment that is not empty, behind any empty ones; of
-    // empty ones the first is compared with the first, and so on.
+    // The positions of both objects ascend. A position has any number of empty segments, then one that is not empty.
+    // Empty ones are compared in their order.
     void MatchInPlace() {
         for (std::uint32_t i = 0, j = 0; i < a_.size() && j < b_.size();) {
             if (a_.PositionOf(i) != b_.PositionOf(j)) {
@@ -44,7 +43,7 @@ public:
         }
     }
 
-    // What is unmatched in A is queued by what it is, and each of B takes the first of its queue.
+    // Queues the unmatched segments of A by fingerprint and size. Each one of B matches the first in its queue.
     void MatchElsewhere() {
         std::vector<std::uint32_t> next(a_.size());
         HashTable<Queue, HashOfQueue> queues;
@@ -77,26 +76,24 @@ public:
     }
 
     void UseUnmatched() {
-        for (std::uint32_t i = 0; i < a_.size(); ++i) {
-            if (!matchedA_[i]) {
-                PlacedSegment const removed = a_[i];
-                use_(Fate::Removed, &removed, nullptr);
+        auto const unmatched = [](PlacedSegments const& segments, std::vector<bool> const& matched, auto use) {
+            for (std::uint32_t i = 0; i < segments.size(); ++i) {
+                if (!matched[i]) {
+                    PlacedSegment const segment = segments[i];
+                    use(&segment);
+                }
             }
-        }
-        for (std::uint32_t j = 0; j < b_.size(); ++j) {
-            if (!matchedB_[j]) {
-                PlacedSegment const added = b_[j];
-                use_(Fate::Added, nullptr, &added);
-            }
-        }
+        };
+        unmatched(a_, matchedA_, [this](PlacedSegment const* removed) { use_(Fate::Removed, removed, nullptr); });
+        unmatched(b_, matchedB_, [this](PlacedSegment const* added) { use_(Fate::Added, nullptr, added); });
     }
 
 private:
-    // The unmatched segments of A that are the same, in their order.
+    // Equal unmatched segments of A, in their order.
     struct Queue {
-        std::uint32_t example; // one of them, for good
+        std::uint32_t example; // one of them, which never changes
         std::uint32_t first;
-        std::uint32_t hash; // spares looking at the record
+        std::uint32_t hash; // saves reading the record
     };
     struct HashOfQueue {
         std::uint64_t operator()(Queue const& queue) const { return queue.hash; }

@@ -1,4 +1,4 @@
-// Which segments two objects have in common.
+// The segments that two objects share.
 
 #pragma once
 
@@ -10,7 +10,7 @@ namespace crrecord::tool {
 
 enum class Fate { Shared, Moved, Added, Removed };
 
-// A segment and where it begins in its object.
+// A segment and its position in the object.
 struct PlacedSegment {
     DOSegment segment;
     std::uint64_t position;
@@ -35,9 +35,9 @@ private:
 // `a` is null for an added segment, `b` for a removed one.
 using UseMatch = std::function<void(Fate, PlacedSegment const* a, PlacedSegment const* b)>;
 
-// Gives every segment of two objects once. Segments are the same when their fingerprint type, fingerprint and size are.
-// Of the same segments, those at one position in both objects are shared. Of the others of their kind, the first in A
-// and the first in B are a moved one, and so on with the second; what is left over was removed or added.
+// Calls use for every segment of two objects once. Segments are equal if their fingerprint type, fingerprint and size
+// are equal. Equal segments at one position in both objects are shared. Of other equal segments, the first in A and the
+// first in B are one moved segment, and so on; those left over are removed or added.
 //
 // Linear in the segments. Memory: 31 bytes for each segment of A, 9 for each of B.
 void MatchSegments(PlacedSegments const& a, PlacedSegments const& b, UseMatch const& use);

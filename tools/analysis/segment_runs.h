@@ -1,4 +1,4 @@
-// What a valid record says of segments and of the containers that they lie in, read in place.
+// The segments of valid records and their containers, read in place.
 
 #pragma once
 
@@ -11,17 +11,17 @@
 
 namespace crrecord::tool {
 
-// Neighbouring segments of an object that lie in one container.
+// Consecutive segments of an object in one container.
 struct Run {
     std::uint64_t dcid;
     std::uint64_t segments; // 0 for an entry of a bloom record's list
     std::uint64_t bytes;
 };
 
-// Calls segment(DOSegment) for each segment and run(Run) behind each run. A bloom record has no segments; its list says
-// how many of its bytes lie in which container.
-template <class UseSegment, class UseRun>
-void ForEachRun(DORecordHeader const* header, UseSegment segment, UseRun run) {
+// Calls segment(DOSegment) for each segment and run(Run) after each run. A bloom record has no segments; the entries of
+// its list, bytes in a container, are its runs.
+template <class UseRun, class UseSegment>
+void ForEachRun(DORecordHeader const* header, UseRun run, UseSegment segment) {
     if (IsBloom(header->dotype)) {
         for (DOUniqueDCID const entry : DOUniqueDCIDRange(DOUniqueDCIDSource::Of(header))) {
             run(Run{entry.dcid, 0, entry.bytes});
@@ -44,12 +44,17 @@ void ForEachRun(DORecordHeader const* header, UseSegment segment, UseRun run) {
     }
 }
 
-// What a segment record says of its segment.
+template <class UseRun>
+void ForEachRun(DORecordHeader const* header, UseRun run) {
+    ForEachRun(header, run, [](DOSegment const&) {});
+}
+
+// The segment of a segment record.
 struct StoredSegment {
     std::uint64_t size;
     std::uint64_t dcid;
-    bool inContainer;                 // otherwise it lies in a file of its own, and there is no DCID
-    unsigned char const* fingerprint; // the first one; null where there is none
+    bool inContainer;                 // false: the segment is in a separate file and has no DCID
+    unsigned char const* fingerprint; // the first one, or null
     unsigned int fptype;
 };
 

@@ -1,4 +1,4 @@
-// Which segments were seen before.
+// The set of different segments.
 
 #pragma once
 
@@ -11,20 +11,20 @@
 
 namespace crrecord::tool {
 
-// Segments are the same when their fingerprint type, fingerprint and size are: a fingerprint that comes with two sizes
-// is two segments, whichever comes first.
+// Segments are equal if their fingerprint type, fingerprint and size are equal: a fingerprint with two sizes is two
+// segments.
 //
 // Memory: 47 bytes for each different segment with a SHA-256 fingerprint, 31 for each with a 16-byte one.
 class UniqueSegments {
 public:
-    // Whether it is a new one.
+    // Returns: true for a new segment.
     bool Insert(unsigned int fptype, unsigned char const* fingerprint, std::uint64_t size) {
         return fptype == CR_FP_TYPE_SHA256 ? InsertInto(wide_, fingerprint, size)
                                            : InsertInto(narrow_[fptype], fingerprint, size);
     }
 
 private:
-    // Bytes only: alignment would cost memory.
+    // An array of bytes, because alignment would cost memory.
     template <unsigned int Width>
     struct Key {
         unsigned char fingerprint[Width];

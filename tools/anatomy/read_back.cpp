@@ -1,14 +1,10 @@
 #include "anatomy/read_back.h"
 
 #include "io/failure.h"
-#include "io/progress.h"
+#include "io/line_reader.h"
 
 #include <array>
 #include <charconv>
-#include <cstring>
-#include <optional>
-#include <span>
-#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -34,58 +30,29 @@ constexpr std::size_t kLongestLine = 64UL * 1024;
 
 class Reader {
 public:
-    Reader(Input& text, OutputFile& to) : text_(text), to_(to), progress_(text.Name(), text.ExpectedSize()) {}
+    Reader(Input& text, OutputFile& to) : name_(text.Name()), to_(to), lines_(text, kLongestLine) {}
 
     std::uint64_t Read() {
-        while (std::optional<std::string_view> const next = NextLine()) {
+        while (std::optional<std::string_view> const next = lines_.Next()) {
             std::string_view line = *next;
+            if (line.size() > kLongestLine) {
+                throw InputFailure(
+                    fmt::format("{}: line {} has more than {} bytes", name_, lines_.Number(), kLongestLine));
+            }
             line.remove_suffix(line.ends_with('\r') ? 1 : 0);
             if (!line.empty() && std::string_view("#! ").find(line.front()) == std::string_view::npos) {
                 ReadBytes(ReadOffset(line));
             }
         }
         if (at_ == 0) {
-            throw BadText(Printable(text_.Name()) +
+            throw BadText(Printable(name_) +
                           ": has no bytes, expected lines of an offset and bytes as annotate writes them");
         }
         return at_;
     }
 
 private:
-    // The next line without its end; none at the end of the text. The line is valid until the next call.
-    std::optional<std::string_view> NextLine() {
-        ++number_;
-        std::string_view rest = Rest();
-        if (rest.find('\n') == std::string_view::npos) {
-            Fill();
-            rest = Rest();
-        }
-        std::size_t const end = rest.find('\n');
-        if (end == std::string_view::npos && rest.empty()) {
-            return std::nullopt;
-        }
-        if (end == std::string_view::npos && rest.size() == block_.size()) {
-            throw InputFailure(fmt::format("{}: line {} has more than {} bytes", text_.Name(), number_, kLongestLine));
-        }
-        std::string_view const line = rest.substr(0, end);
-        begin_ += std::min(line.size() + 1, rest.size());
-        return line;
-    }
-
-    // What was read and is not yet used.
-    std::string_view Rest() const { return {reinterpret_cast<char const*>(block_.data()) + begin_, end_ - begin_}; }
-
-    // Moves the rest to the start of the block and reads until the block is full or the text ends.
-    void Fill() {
-        std::memmove(block_.data(), block_.data() + begin_, end_ - begin_);
-        end_ -= std::exchange(begin_, 0);
-        while (std::size_t const count = text_.Read(std::span(block_).subspan(end_))) {
-            end_ += count;
-            progress_.At(read_ += count);
-        }
-    }
-
-    // What is behind the offset.
+    // Returns: the text after the offset.
     std::string_view ReadOffset(std::string_view line) const {
         std::uint64_t offset = 0;
         char const* const end = line.data() + line.size();
@@ -95,7 +62,7 @@ private:
             Refuse("expected an offset of hexadecimal digits and two blanks", line);
         }
         if (offset != at_) {
-            Refuse(fmt::format("expected the offset {:08x}, where the line in front of it ends", at_), line);
+            Refuse(fmt::format("expected the offset {:08x}, the end of the line before", at_), line);
         }
         return rest.substr(2);
     }
@@ -107,7 +74,7 @@ private:
             unsigned char const low = rest.size() < 2 ? kNoDigit : Value(rest[1]);
             bool const ends = rest.size() <= 2 || rest.substr(2).starts_with("  ");
             if (high == kNoDigit || low == kNoDigit || (!ends && rest[2] != ' ')) {
-                Refuse("expected bytes of two hexadecimal digits, with one blank between them and two behind the last",
+                Refuse("expected bytes of two hexadecimal digits, with one blank between them and two after the last",
                        rest);
             }
             bytes_.push_back(static_cast<unsigned char>(high << 4 | low));
@@ -122,18 +89,13 @@ private:
     static unsigned char Value(char digit) { return kValues[static_cast<unsigned char>(digit)]; }
 
     [[noreturn]] void Refuse(std::string_view expected, std::string_view found) const {
-        throw BadText(fmt::format("{}: line {}: {}, found \"{}\"", Printable(text_.Name()), number_, expected,
+        throw BadText(fmt::format("{}: line {}: {}, found \"{}\"", Printable(name_), lines_.Number(), expected,
                                   Printable(found.substr(0, 20))));
     }
 
-    Input& text_;
+    std::string const& name_;
     OutputFile& to_;
-    Progress progress_;
-    std::vector<unsigned char> block_ = std::vector<unsigned char>(kLongestLine + 1);
-    std::size_t begin_ = 0; // of the rest in the block
-    std::size_t end_ = 0;
-    std::uint64_t read_ = 0;
-    std::uint64_t number_ = 0; // of the line
+    LineReader lines_;
     std::uint64_t at_ = 0;
     std::vector<unsigned char> bytes_;
 };

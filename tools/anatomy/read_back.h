@@ -1,4 +1,4 @@
-// The way back from annotated text to bytes.
+// Converts annotated text back to bytes.
 
 #pragma once
 
@@ -9,14 +9,14 @@
 
 namespace crrecord::tool {
 
-// The text is not what annotate writes; what() says where, and what was expected.
+// The text is not what annotate writes. what() has the line and the expected text.
 struct BadText : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Writes the bytes of the lines that have some: an offset, two blanks, bytes of two digits with a blank between them,
-// and then two blanks or the line's end. Each line continues where the line before it ended, the first one at 0.
-// Lines that are empty or begin with '#', '!' or a blank have no bytes.
+// Writes the bytes of each line of bytes: an offset, two blanks, bytes of two digits with a blank between them, and
+// then two blanks or the line's end. The offset of a line is the end of the line before it, that of the first line is
+// 0. Lines that are empty or begin with '#', '!' or a blank have no bytes.
 //
 // Returns: the bytes written, at least one.
 // Throws: BadText; InputFailure, also for a line of more than 64 KiB; Failure.

@@ -16,12 +16,10 @@ constexpr char kMark[] = "!!";
 constexpr int kOffsetWidth = 8; // at least
 constexpr std::size_t kLineBytes = 16;
 constexpr std::size_t kBytesWidth = 3 * kLineBytes - 1; // two digits each, blanks between them
-constexpr std::size_t kSectionWidth = 14;
-constexpr std::size_t kFieldWidth = 26;
-// What JSON gets of a long row at once.
+// Bytes of a long row that JSON gets at once.
 constexpr std::size_t kBlock = 64UL * 1024;
 
-// Each byte's digits and a blank.
+// The digits of each byte and a blank.
 constexpr auto kDigits = [] {
     std::array<std::array<char, 3>, 256> table{};
     for (std::size_t i = 0; i < table.size(); ++i) {
@@ -49,12 +47,7 @@ void AppendLineBytes(fmt::memory_buffer& to, std::span<unsigned char const> byte
 }
 
 void AppendColumns(fmt::memory_buffer& to, Row const& row) {
-    to.append(std::string_view("  "));
-    AppendPadded(to, row.section, kSectionWidth);
-    to.append(std::string_view("  "));
-    AppendPadded(to, row.field, kFieldWidth);
-    to.append(std::string_view("  "));
-    to.append(row.value);
+    fmt::format_to(std::back_inserter(to), FMT_COMPILE("  {:<14}  {:<26}  {}"), row.section, row.field, row.value);
 }
 
 std::string_view WhatIs(Kind kind) {
@@ -71,7 +64,7 @@ std::string_view WhatIs(Kind kind) {
 void TextRows::Begin(Record const& record, bool, std::vector<Finding> const& findings) {
     start_ = record.offset;
     findings_ = findings;
-    out_.Print("# {}: record {} at byte {}: {}", file_, record.number, record.offset, WhatIs(record.kind));
+    out_.Print("# {}: {}", PlaceOf(file_, record), WhatIs(record.kind));
     if (record.kind == Kind::Segment || record.kind == Kind::DataObject) {
         out_.Print(" in {} order", NameOf(record.order));
     }
@@ -129,7 +122,7 @@ void TextRows::AddFinding() {
     findings_ = findings_.subspan(1);
 }
 
-// What is left is about bytes that are not there.
+// The remaining findings are about missing bytes.
 void TextRows::End(std::vector<Finding> const&) {
     while (!findings_.empty()) {
         out_.Write(kMark);
@@ -151,7 +144,7 @@ void JsonRows::Add(std::uint64_t start, Row const& row) {
                    FMT_COMPILE(R"({}{{"offset":"{}","size":"{}","section":"{}","field":"{}","value":"{}","bytes":")"),
                    separator_, start - start_ + row.offset, row.bytes.size(), row.section, row.field, row.value);
     for (auto left = row.bytes; !left.empty(); left = left.subspan(std::min(kBlock, left.size()))) {
-        AppendDigits(to, left.first(std::min(kBlock, left.size())));
+        AppendHex(to, left.first(std::min(kBlock, left.size())));
         out_.FlushWhenFull();
     }
     out_.Write("\"}");

@@ -1,4 +1,4 @@
-// Rows as text, which ReadBack turns into the same bytes again, and as JSON.
+// Rows as text, which ReadBack converts to the same bytes again, and as JSON.
 
 #pragma once
 
@@ -8,21 +8,21 @@
 
 namespace crrecord::tool {
 
-// A line of text has the offset in the input (hexadecimal), up to sixteen bytes, and, in the first one of a row, the
-// section, the field and the value. Lines without bytes begin with '#', '!' or a blank. Behind each line with a byte
-// that a finding is about follows one with a mark below the byte, and the finding.
+// A line of text has the offset in the input (hexadecimal), up to sixteen bytes, and, in the first line of a row, the
+// section, the field and the value. Lines without bytes begin with '#', '!' or a blank. A line with a finding follows
+// the line with the finding's byte and has a mark below that byte.
 class TextRows {
 public:
     TextRows(Output& out, std::string_view file) : out_(out), file_(Printable(file)) {}
 
-    // `findings` are in the order of their offsets and last until the record ends.
+    // `findings` are in the order of their offsets and must be valid until End.
     void Begin(Record const& record, bool valid, std::vector<Finding> const& findings);
-    // `start` is the offset in the input of what the row's offset counts from.
+    // The row's offset is relative to `start` in the input.
     void Add(std::uint64_t start, Row const& row);
     void End(std::vector<Finding> const& findings);
 
 private:
-    // Behind a line of bytes, which begin at a column of it.
+    // Prints the findings about a line of bytes, which start at `column`.
     void MarkLine(std::uint64_t offset, std::uint64_t size, std::size_t column);
     void AddFinding();
 
@@ -32,7 +32,7 @@ private:
     std::span<Finding const> findings_;
 };
 
-// The same as a JSON object for each record; offsets are in the record, as those of findings are.
+// One JSON object for each record. Offsets are relative to the record, as in findings.
 class JsonRows {
 public:
     JsonRows(Output& out, std::string_view file) : out_(out), quotedFile_(JsonQuoted(file)) {}

@@ -2,8 +2,8 @@
 
 #include "SOmarshall/layout.h"
 #include "support/exchange/exchange_form.h"
-#include <crrecord/do_types.h>
 #include "support/layout/header_fields.h"
+#include <crrecord/do_types.h>
 
 #include <algorithm>
 
@@ -11,12 +11,12 @@ namespace crrecord::tool {
 
 namespace {
 
-// Takes sections from the front of a record's bytes for as long as there are any.
+// Divides a record's bytes into sections, from its start to its end.
 class SectionWalk {
 public:
-    explicit SectionWalk(std::uint64_t there) : left_(there) {}
+    explicit SectionWalk(std::uint64_t size) : left_(size) {}
 
-    // `wanted` bytes, as many of them as are there.
+    // Adds a section of `wanted` bytes, or of those that are left.
     Section& Take(std::string_view name, std::uint64_t wanted, std::vector<Field> fields) {
         std::uint64_t const size = std::min(wanted, left_);
         sections_.push_back({name, at_, size, wanted - size, std::move(fields)});
@@ -32,14 +32,14 @@ public:
             section.element = std::move(element);
         }
     }
-    // One field.
+    // Adds a section of one field.
     void TakeField(std::string_view name, std::uint64_t wanted, std::string_view field, Format format) {
         if (wanted != 0) {
             Take(name, wanted, {{field, wanted, format}});
         }
     }
 
-    // What no count asks for is a section too.
+    // Adds a section of the bytes that no count requires.
     std::vector<Section> End() {
         TakeField(kBeyondSection, left_, "bytes", Format::Opaque);
         return std::move(sections_);
@@ -57,7 +57,7 @@ constexpr char kSegments[] = "segments";
 constexpr char kTaskIds[] = "task ids";
 constexpr char kZeros[] = "zeros";
 
-// How the fields of both kinds of records are shown; all others are numbers.
+// The formats of the fields of both kinds of records. All others are numbers.
 Format FormatOf(std::string_view name) {
     static constexpr std::pair<std::string_view, Format> kFormats[] = {
         {"type", Format::RecordType},
@@ -89,7 +89,7 @@ std::vector<Field> const& HeaderFields() {
     return fields;
 }
 
-// Size and offset of a segment behind its fingerprint, where the DO type has them.
+// The fingerprint of a segment, and its size and offset if the DO type stores them.
 std::vector<Field> EntryFields(Field fingerprint, unsigned int dotype) {
     std::vector<Field> fields{fingerprint};
     if (unsigned int const width = DOTypeOf(dotype).sizeWidth) {
@@ -101,15 +101,15 @@ std::vector<Field> EntryFields(Field fingerprint, unsigned int dotype) {
     return fields;
 }
 
-// In a record only the count turns, in an exchange form everything.
-void TakeUniqueList(SectionWalk& walk, std::uint32_t nudcid, bool turns) {
+// In a record only the count is byte-swapped, in an exchange form all fields.
+void TakeUniqueList(SectionWalk& walk, std::uint32_t nudcid, bool swapped) {
     if (nudcid != 0) {
         Section& list = walk.Take("unique list", UniqueListSize(nudcid),
-                                  {{"unique.checksum", kUniqueCountOffset, Format::Hexadecimal, turns},
+                                  {{"unique.checksum", kUniqueCountOffset, Format::Hexadecimal, swapped},
                                    {"unique.count", kUniqueHeadSize - kUniqueCountOffset, Format::Number}});
         list.elements = "unique.entries";
-        list.element = {{"dcid", kDcidSize, Format::Container, turns},
-                        {"bytes", kUniqueEntrySize - kDcidSize, Format::Number, turns}};
+        list.element = {{"dcid", kDcidSize, Format::Container, swapped},
+                        {"bytes", kUniqueEntrySize - kDcidSize, Format::Number, swapped}};
     }
 }
 
@@ -185,7 +185,7 @@ std::vector<Field> const& FormHeadFields() {
     return fields;
 }
 
-// Whether there is a list, and so a count of its entries, shows in the form's length alone.
+// Returns: the number of entries in the list. Only the form's length shows whether there is a list.
 std::uint32_t ListCountOf(exchange::Form const& form, std::uint32_t bsize) {
     std::uint64_t const least = exchange::BloomFormSize(bsize, 1);
     return form.size < least ? 0 : form.Word(exchange::kBitmapOffset + std::uint64_t{bsize} + kUniqueCountOffset);

@@ -1,6 +1,5 @@
 #include "anatomy/value.h"
 
-#include "base/hex.h"
 #include "io/failure.h"
 #include "record/references.h"
 #include "record/show_object.h"
@@ -18,10 +17,6 @@ namespace crrecord::tool {
 namespace {
 
 using Bytes = std::span<unsigned char const>;
-
-void Append(fmt::memory_buffer& to, std::string_view text) {
-    to.append(text);
-}
 
 std::uint64_t NumberOf(Bytes bytes, Order order) {
     switch (bytes.size()) {
@@ -42,10 +37,10 @@ void AppendNamed(fmt::memory_buffer& to, std::uint64_t number, std::string_view 
 }
 
 void AppendReferenceText(fmt::memory_buffer& to, int kind, std::uint64_t id) {
-    Append(to, ReferenceText({id, static_cast<cr_reftype_t>(kind)}).Get());
+    to.append(std::string_view(ReferenceText({id, static_cast<cr_reftype_t>(kind)}).Get()));
 }
 
-// The digits of a fingerprint, as they are stored, in front of their NUL.
+// Appends the stored digits of a fingerprint, which end with a NUL.
 void AppendText(fmt::memory_buffer& to, Bytes bytes) {
     auto const isDigit = [](unsigned char character) {
         return (character >= '0' && character <= '9') || (character >= 'a' && character <= 'f');
@@ -54,7 +49,7 @@ void AppendText(fmt::memory_buffer& to, Bytes bytes) {
         to.push_back(isDigit(character) ? static_cast<char>(character) : '?');
     }
     if (bytes.back() != 0) {
-        Append(to, " (no NUL behind it)");
+        to.append(std::string_view(" (no NUL after it)"));
     }
 }
 
@@ -63,18 +58,6 @@ std::string_view NameOfRecordType(std::uint64_t type) {
 }
 
 } // namespace
-
-void AppendDigits(fmt::memory_buffer& to, Bytes bytes) {
-    constexpr std::size_t kBlock = 16;
-    while (bytes.size() >= kBlock) {
-        to.resize(to.size() + 2 * kBlock);
-        HexEncode(bytes.data(), kBlock, to.data() + to.size() - 2 * kBlock);
-        bytes = bytes.subspan(kBlock);
-    }
-    for (unsigned char const byte : bytes) {
-        fmt::format_to(std::back_inserter(to), FMT_COMPILE("{:02x}"), byte);
-    }
-}
 
 void AppendValue(fmt::memory_buffer& to, Format format, Bytes bytes, Order order) {
     auto const number = [=] { return NumberOf(bytes, order); };
@@ -92,20 +75,20 @@ void AppendValue(fmt::memory_buffer& to, Format format, Bytes bytes, Order order
         AppendNamed(to, bytes[0], CRFPTypeIsValid(bytes[0]) != 0 ? NameOfFingerprint(bytes[0]) : "unknown");
         break;
     case Format::Container:
-        Append(to, "container ");
+        to.append(std::string_view("container "));
         AppendNumber(to, number());
         break;
     case Format::TaskId: AppendReferenceText(to, CR_REFTYPE_TASKID, number()); break;
     case Format::Dsid: AppendReferenceText(to, CR_REFTYPE_DSID, number()); break;
-    case Format::Digits: AppendDigits(to, bytes); break;
+    case Format::Digits: AppendHex(to, bytes); break;
     case Format::Text: AppendText(to, bytes); break;
     case Format::Zeros: {
         bool const zeros = std::all_of(bytes.begin(), bytes.end(), [](unsigned char byte) { return byte == 0; });
-        Append(to, zeros ? "zeros" : "not zeros");
+        to.append(std::string_view(zeros ? "zeros" : "not zeros"));
         break;
     }
-    case Format::References: // each has a row of its own
-    case Format::Opaque: Append(to, Counted(bytes.size(), "byte")); break;
+    case Format::References: // each has a separate row
+    case Format::Opaque: to.append(Counted(bytes.size(), "byte")); break;
     }
 }
 
@@ -113,7 +96,7 @@ std::uint64_t AppendReference(fmt::memory_buffer& to, Bytes bytes) {
     _cr_tref_t reference{};
     std::uint64_t const taken = DecodeReference(bytes.data(), bytes.size(), reference);
     if (taken == 0) {
-        Append(to, "no typed reference");
+        to.append(std::string_view("no typed reference"));
         return bytes.size();
     }
     AppendReferenceText(to, reference.kind, reference.id);

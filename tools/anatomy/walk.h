@@ -1,4 +1,4 @@
-// The walk over a record, row by row: each byte belongs to one row. In little memory, however large the record.
+// The rows of a record. Each byte is in one row. Memory: constant.
 
 #pragma once
 
@@ -11,7 +11,8 @@
 
 namespace crrecord::tool {
 
-// A field, or what is there of it; a row without bytes says what is missing. The texts last until the next row.
+// A field, or the part of it that is present. A row without bytes reports missing bytes. The texts are valid until the
+// next row.
 struct Row {
     std::string_view section;
     std::string_view field; // path, as in findings: segments[17].offset
@@ -84,7 +85,7 @@ private:
         if (there < field.width && field.format != Format::Opaque) {
             AppendFormatted(value_, "cut off: {} of {}", there, Counted(field.width, "byte"));
         } else {
-            AppendValue(value_, field.format, bytes_.subspan(at_, there), field.turns ? order_ : Order::Host);
+            AppendValue(value_, field.format, bytes_.subspan(at_, there), field.swapped ? order_ : Order::Host);
         }
         Give(there);
     }

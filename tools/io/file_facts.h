@@ -1,4 +1,4 @@
-// What the system knows of a file before it is opened.
+// Facts about files before they are opened.
 
 #pragma once
 
@@ -10,32 +10,32 @@
 
 namespace crrecord::tool {
 
-// The facts of the file `name`, symbolic links followed; "-" is the standard file of number `standard`.
-// Returns: nothing for a file that does not exist.
+// Returns: the status of the file `name`, after symbolic links, or std::nullopt if there is none. "-" is the standard
+// file with number `standard`.
 std::optional<struct stat> FactsOf(std::string const& name, int standard);
 
-// True for two names of one regular file. In `out`, "-" is standard output, in `input` it is standard input.
+// Returns: true for two names of one regular file. "-" is standard input in `input` and standard output in `out`.
 bool IsSameFile(std::string const& input, std::string const& out);
 
-// Who may read all of some inputs.
+// The users who may read all inputs.
 struct Readers {
-    mode_t mode = 0666;        // the largest mode of a new file with their content that has all of `groups`
-    std::vector<gid_t> groups; // of the inputs that not everybody may read
+    mode_t mode = 0666;        // the largest mode of a new file with their content if its group is the one in `groups`
+    std::vector<gid_t> groups; // of the inputs that are not readable by everyone
 
-    // The largest mode of a new file of that group: with another group its bits would be for other users.
+    // Returns: the largest mode of a new file of that group. The bits for another group would be for other users.
     mode_t ModeFor(gid_t group) const;
 };
 
-// The readers of regular files and block devices, found by name. Folders' permissions don't count, nor do pipes. A file
-// with an access control list counts as readable by its owner only.
+// Returns: the readers of the inputs that are regular files or block devices. Permissions of folders are ignored. A
+// file with an access control list counts as readable by its owner only.
 Readers ReadersOf(std::vector<std::string> const& inputs);
 
-// The mode of the open file `file`, whose facts are `facts`, for the rights of user, group and others. With an access
-// control list the group's bits of `facts` are the list's mask, which says nothing of the group's own rights: only the
-// owner's rights are left. So it is without /proc, if the file is open for its facts only.
+// Returns: the permissions of the open file `file`, whose status is `facts`. With an access control list the group's
+// bits are the list's mask and not the group's permissions, so only the owner's permissions are returned; also without
+// /proc, if the file was opened with O_PATH.
 mode_t PlainMode(struct stat const& facts, int file);
 
-// A name of an open file, through /proc.
+// Returns: a name of an open file in /proc.
 std::string NameOf(int file);
 
 // The extended attribute that holds a file's access control list.

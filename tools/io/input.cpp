@@ -24,14 +24,15 @@ Input::~Input() {
     }
 }
 
-std::size_t Input::Read(std::span<unsigned char> room) {
-    // What is added meanwhile is not read: it may be this command's own output, and would never end.
+std::size_t Input::Read(std::span<unsigned char> buffer) {
+    // Bytes appended since the opening are not read: they may be this command's output, which would never end.
     if (off_t const here = ExpectedSize() != 0 ? ::lseek(file_, 0, SEEK_CUR) : -1; here != -1) {
-        room = room.first(std::min(room.size(), static_cast<std::size_t>(std::max<off_t>(facts_.st_size - here, 0))));
+        buffer =
+            buffer.first(std::min(buffer.size(), static_cast<std::size_t>(std::max<off_t>(facts_.st_size - here, 0))));
     }
     ssize_t count = 0;
     do {
-        count = ::read(file_, room.data(), room.size());
+        count = ::read(file_, buffer.data(), buffer.size());
     } while (count == -1 && errno == EINTR);
     if (count == -1) {
         throw InputFailure(ErrnoText(name_, "read"));
@@ -43,7 +44,7 @@ std::size_t Input::Read(std::span<unsigned char> room) {
 }
 
 Extent Input::NextExtent(std::uint64_t most) const {
-    // Files of the kernel's own have no size, and yet something to read.
+    // Files in /proc have content but the size 0.
     off_t const here = ExpectedSize() != 0 && file_ != STDIN_FILENO ? ::lseek(file_, 0, SEEK_CUR) : -1;
     if (here == -1) {
         return {};

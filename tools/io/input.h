@@ -11,13 +11,13 @@
 
 namespace crrecord::tool {
 
-// What lies ahead in a file: a hole, which reads as zeros, and data behind it.
+// The next bytes of a file: a hole, which reads as zeros, and the data after it.
 struct Extent {
     std::uint64_t hole = 0;
     std::uint64_t data = std::numeric_limits<std::uint64_t>::max();
 };
 
-// What is read at once: it stays in a processor's cache while it is worked on.
+// The size of a read. A block stays in a processor's cache while it is used.
 inline constexpr std::uint64_t kReadBlock = 256UL * 1024;
 
 class Input {
@@ -28,20 +28,20 @@ public:
     Input(Input const&) = delete;
     Input& operator=(Input const&) = delete;
 
-    // Reads what is there, at least one byte and at most `room`; 0 at the end. A regular file ends at the size that it
-    // had when it was opened, unless that was 0, which files of the kernel's own have.
-    // Throws: InputFailure; also at the end of a regular file that changed since it was opened (ThrowIfChanged).
-    std::size_t Read(std::span<unsigned char> room);
+    // Returns: the bytes read, at least 1; 0 at the end. A regular file ends at its size when it was opened, unless
+    // that is 0, as for files in /proc. Throws: InputFailure; also at the end of a regular file that changed since it
+    // was opened (ThrowIfChanged).
+    std::size_t Read(std::span<unsigned char> buffer);
 
-    // Steps over the hole that begins here, if one does, up to `most` bytes of it. No data: the input ends there, or
-    // the hole goes on. Of standard input, and where the file system knows no holes, all is data.
+    // Skips up to `most` bytes of a hole at the current position. Returns: the hole and the data after it; no data if
+    // the input ends or the hole continues. Standard input, and files on a file system without holes, have only data.
     Extent NextExtent(std::uint64_t most = std::numeric_limits<std::uint64_t>::max()) const;
 
     std::string const& Name() const { return name_; }
-    // Bytes of a regular file, 0 for anything else.
+    // Returns: the size of a regular file, 0 for other files.
     std::uint64_t ExpectedSize() const;
-    // For who stops before the end. Throws: InputFailure if a regular file's size or time of modification is not that
-    // of its opening. A store through a shared mapping may not have moved the time yet.
+    // For callers that stop before the end. Throws: InputFailure if the size or modification time of a regular file
+    // changed since its opening. A store through a shared mapping may change the time later.
     void ThrowIfChanged() const;
 
 private:

@@ -13,6 +13,13 @@
 
 namespace crrecord::tool {
 
+void Complain(std::string_view text) {
+    Progress::Wipe();
+    std::string const line = "crrecord: " + Printable(text) + "\n";
+    // A failure cannot be reported: there is no output left.
+    [[maybe_unused]] ssize_t const written = ::write(STDERR_FILENO, line.data(), line.size());
+}
+
 void Output::MakeReady() {
     if (terminal_ || file_ == STDERR_FILENO) {
         MakePrintable(std::span(buffer_.data(), buffer_.size()).subspan(ready_));
@@ -63,7 +70,7 @@ OutputFile::OutputFile(std::string path, std::vector<std::string> const& inputs)
       output_(file_, path_ == "-" ? "standard output" : path_) {}
 
 int OutputFile::Open(std::vector<std::string> const& inputs) {
-    // A file that meets its size limit is an error like any other.
+    // Reaching the file size limit is an error, not a signal.
     ::signal(SIGXFSZ, SIG_IGN);
     auto const former = FactsOf(path_, -1);
     if (!former || S_ISREG(former->st_mode)) {
@@ -74,7 +81,7 @@ int OutputFile::Open(std::vector<std::string> const& inputs) {
     if (file == -1 || ::fstat(file, &facts) == -1) {
         throw Failure(ErrnoText(path_, "create"));
     }
-    // Another program may have put a regular file there meanwhile, which is only ever replaced.
+    // A regular file, which another program may have created meanwhile, must not be overwritten in place.
     if (S_ISREG(facts.st_mode)) {
         ::close(file);
         throw Failure(path_ + ": was replaced by another program meanwhile");

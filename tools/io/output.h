@@ -1,4 +1,4 @@
-// Where results go: buffered output whose every error is seen, and files that are replaced whole or not at all.
+// Buffered output that reports every error, and files that are replaced completely or not at all.
 
 #pragma once
 
@@ -17,9 +17,9 @@
 
 namespace crrecord::tool {
 
-// Collects output for a file descriptor, which stays the caller's. What is not flushed is lost: the destructor could
-// not report that writing failed. A terminal, and standard error, gets no unsafe character of what is written, whatever
-// it is and by whichever function: each of its bytes becomes '?'.
+// Collects output for a file descriptor, which belongs to the caller. Output that is not flushed is lost, because a
+// destructor cannot report an error. On a terminal and on standard error, each byte of an unsafe character becomes '?',
+// whichever function wrote it.
 class Output {
 public:
     Output(int file, std::string name)
@@ -47,7 +47,7 @@ public:
         Write("\n");
     }
 
-    // For text that is put together in place; FlushWhenFull afterwards.
+    // For text that is formatted in place. Call FlushWhenFull afterwards.
     fmt::memory_buffer& Buffer() { return buffer_; }
 
     void FlushWhenFull() {
@@ -56,10 +56,10 @@ public:
         }
     }
 
-    // Throws Failure where not everything could be written.
+    // Throws: Failure if not everything could be written.
     void Flush();
 
-    // Bytes that were given to it.
+    // Returns: all bytes written so far.
     std::uint64_t Size() const { return flushed_ + buffer_.size(); }
 
 private:
@@ -70,29 +70,29 @@ private:
     bool terminal_;
     bool coloured_;
     fmt::memory_buffer buffer_;
-    std::size_t ready_ = 0; // bytes of the buffer that are as they will be written
+    std::size_t ready_ = 0; // bytes of the buffer without unsafe characters to replace
     std::uint64_t flushed_ = 0;
 
-    // Replaces unsafe characters of what was written since the last call.
+    // Replaces unsafe characters of the output since the last call.
     void MakeReady();
     void WriteSequence(std::string_view sequence);
 };
 
 // The output file of a verb. A regular file is replaced only when its content is complete and on disk (Replacement): an
-// error, a full disk or a signal leaves whatever was there before. "-", and what is no regular file (a device, a pipe),
-// is written directly. One at a time.
+// error, a full disk or a signal leaves the former file. "-", devices and pipes are written directly. Only one may
+// exist at a time.
 class OutputFile {
 public:
-    // `inputs` are the names of the files whose content it gets: those who cannot read them cannot read a new file.
+    // `inputs` are the files whose content is written: users who cannot read them cannot read a new file.
     OutputFile(std::string path, std::vector<std::string> const& inputs);
     ~OutputFile();
     OutputFile(OutputFile const&) = delete;
     OutputFile& operator=(OutputFile const&) = delete;
 
     void Write(void const* bytes, std::size_t size) { output_.Write({static_cast<char const*>(bytes), size}); }
-    // For text that is put together in place.
+    // For text that is formatted in place.
     Output& Text() { return output_; }
-    // Everything is written: puts the file in its place.
+    // Writes the rest and replaces the former file.
     void Commit();
 
 private:

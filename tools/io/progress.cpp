@@ -17,7 +17,7 @@ namespace {
 bool enabled = true;
 bool drawn = false;
 
-// Columns of the terminal, of which the last stays free: some terminals begin a new line after it.
+// Columns of the terminal but for the last one: some terminals start a new line after it.
 std::size_t UsableColumns() {
     constexpr std::size_t kUsual = 80;
     struct winsize size {};
@@ -32,7 +32,8 @@ std::string Bar(std::uint64_t bytes, std::uint64_t total) {
     return fmt::format("[{}{}] {:3.0f} %", std::string(done, '#'), std::string(kWidth - done, '.'), part * 100);
 }
 
-// The parts that fit into `columns`, the first ones before others. A character has at least as many bytes as columns.
+// Joins the parts that fit into `columns`; earlier parts have priority. A character has at least as many bytes as
+// columns.
 std::string Joined(std::initializer_list<std::string_view> parts, std::size_t columns) {
     std::string line;
     for (std::string_view const part : parts) {

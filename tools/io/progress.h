@@ -1,4 +1,4 @@
-// A line on the terminal that shows the progress of long work.
+// A progress line on the terminal.
 
 #pragma once
 
@@ -9,11 +9,11 @@
 
 namespace crrecord::tool {
 
-// Draws the line on standard error if that is a terminal that takes control sequences, for work that lasts; wipes it
-// when the work is over.
+// Draws the line on standard error if that is a terminal that takes control sequences and the work takes long. The
+// destructor wipes the line.
 class Progress {
 public:
-    // `total` is 0 if it is not known.
+    // `total` is 0 if unknown.
     Progress(std::string_view what, std::uint64_t total);
     ~Progress() { Wipe(); }
     Progress(Progress const&) = delete;
@@ -21,10 +21,10 @@ public:
 
     void At(std::uint64_t bytes);
 
-    // No progress is drawn from now on.
+    // Disables all progress lines.
     static void Disable();
 
-    // Takes the bar that is drawn, if one is, out of the way of other lines.
+    // Removes the line, if it is drawn, before other output.
     static void Wipe();
 
 private:

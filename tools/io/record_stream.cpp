@@ -12,6 +12,8 @@
 #include <cstring>
 #include <limits>
 
+#include <fmt/format.h>
+
 namespace crrecord::tool {
 
 namespace {
@@ -20,9 +22,9 @@ constexpr std::uint64_t kProgressStep = 4UL * 1024 * 1024;
 // A record's size is a 32-bit field.
 constexpr std::uint64_t kLargestSize = std::numeric_limits<std::uint32_t>::max();
 
-// Bytes from which every known record can tell its size.
+// Bytes that are enough to compute the size of any known record.
 constexpr std::uint64_t kLargestHead = std::max<std::uint64_t>(CR_SO_FIXED_SIZE, CR_DO_HEADER_SIZE);
-// As much of an unknown record is looked at as of one that is cut short.
+// The first part of an unknown record, as of a segment record that is cut short.
 constexpr std::uint64_t kUnknownHead = CR_SO_FIXED_SIZE;
 
 constexpr Kind KindOf(cr_record_kind_t kind) noexcept {
@@ -50,13 +52,30 @@ char const* NameOfFingerprint(unsigned int fptype) noexcept {
     return kNames[fptype];
 }
 
+std::string PlaceOf(std::string_view file, Record const& record) {
+    return fmt::format("{}: record {} at byte {}", file, record.number, record.offset);
+}
+
+void ConvertRecord(Record const& record, Order order) noexcept {
+    if (record.order == order) {
+        return;
+    }
+    if (record.kind == Kind::Segment) {
+        auto* const stored = reinterpret_cast<_SegmentDBRecord*>(record.bytes);
+        (order == Order::Network ? SegmentRecordHton : SegmentRecordNtoh)(stored, stored, 0);
+    } else {
+        auto* const header = reinterpret_cast<DORecordHeader*>(record.bytes);
+        (order == Order::Network ? DORecordHeaderHton : DORecordHeaderNtoh)(header);
+    }
+}
+
 RecordStream::RecordStream(std::string name, std::optional<FormFacts> form)
     : input_(std::move(name)), progress_(input_.Name(), input_.ExpectedSize()), form_(form) {}
 
 std::uint64_t RecordStream::ChooseSize(std::uint64_t recorded, std::uint64_t counted, std::uint64_t least) {
     auto const [near, far] = std::minmax({recorded, counted});
     auto const possible = [least](std::uint64_t size) { return size >= least && size <= kLargestSize; };
-    if (possible(near) && (near == far || !possible(far) || IsBorder(near))) {
+    if (possible(near) && (near == far || !possible(far) || IsBoundary(near))) {
         return near;
     }
     return possible(far) ? far : least;
@@ -162,8 +181,8 @@ void RecordStream::FrameForm() {
     last_ = true;
 }
 
-// Whether another record begins `position` bytes behind the beginning of this one, or the input ends there.
-bool RecordStream::IsBorder(std::uint64_t position) {
+// Returns: true if a record starts, or the input ends, `position` bytes after the start of the current record.
+bool RecordStream::IsBoundary(std::uint64_t position) {
     std::uint64_t const there = Fill(position + kLargestHead);
     return there == position ||
            (there > position && CRRecordProbe(bytes_ + begin_ + position, there - position).kind != CR_RECORD_UNKNOWN);
@@ -172,7 +191,7 @@ bool RecordStream::IsBorder(std::uint64_t position) {
 void RecordStream::ReadOn(std::uint64_t need) {
     while (end_ - begin_ < need && !inputEnded_) {
         Reserve(need);
-        // No more than is needed, or the buffer of one large record would be too large a block for small ones.
+        // No more than needed: after one large record, reads for small ones would otherwise fill its large buffer.
         std::uint64_t const most = std::max(kReadBlock, need - (end_ - begin_));
         std::size_t const count = input_.Read({bytes_ + end_, std::min(capacity_ - end_, most)});
         end_ += count;
@@ -181,7 +200,7 @@ void RecordStream::ReadOn(std::uint64_t need) {
 }
 
 void RecordStream::Reserve(std::uint64_t need) {
-    // To the buffer's start, which is in the cache; no more bytes move than were passed.
+    // To the buffer's start, which is in the cache. No more bytes are moved than were used before.
     if (std::uint64_t const present = end_ - begin_; begin_ != 0 && (present <= begin_ || end_ == capacity_)) {
         std::memmove(bytes_, bytes_ + begin_, present);
         begin_ = 0;
@@ -190,15 +209,13 @@ void RecordStream::Reserve(std::uint64_t need) {
     if (end_ < capacity_) {
         return;
     }
-    // The claim bounds the growth from above only; what was read bounds it too.
+    // The buffer grows to what the record claims, but at most to twice the bytes read.
     std::uint64_t const wanted = std::max(kReadBlock, std::min(need, 2 * capacity_));
     void* const grown = std::realloc(buffer_.get(), wanted);
     if (!grown) {
-        throw InputFailure(Name() + ": record " + std::to_string(record_.number) + " at byte " +
-                           std::to_string(record_.offset) + ": not enough memory for " + std::to_string(wanted) +
-                           " bytes");
+        throw InputFailure(fmt::format("{}: not enough memory for {} bytes", PlaceOf(Name(), record_), wanted));
     }
-    // realloc has taken the former block over.
+    // realloc has freed the former block.
     [[maybe_unused]] unsigned char* const former = buffer_.release();
     buffer_.reset(static_cast<unsigned char*>(grown));
     bytes_ = buffer_.get();

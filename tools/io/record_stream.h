@@ -1,4 +1,4 @@
-// Records that stand one behind the other in a file or in standard input.
+// The records in a file or in standard input, one after the other.
 
 #pragma once
 
@@ -15,47 +15,53 @@ namespace crrecord::tool {
 
 enum class Kind { Segment, DataObject, Form, Unknown };
 
-// What must be told of an exchange form of a DO record, which carries no mark.
+// The types of an exchange form of a DO record, which does not store them.
 struct FormFacts {
     unsigned char dotype = 0;
     unsigned char fptype = 0;
-    bool checksum = false; // its head has the checksum of its body
+    bool checksum = false; // the head has the checksum of the body
 };
 
-// One record as it was found. The bytes are the stream's, may be changed in place, and last until the next record is
-// asked for.
+// One record as it was read. The bytes belong to the stream, may be changed in place, and are valid until the next
+// record.
 struct Record {
     std::uint64_t number; // from 1
     std::uint64_t offset; // in its input
     Kind kind;
-    Order order;        // as it was found; means nothing for exchange forms and unknown kinds
+    Order order;        // as it was read; undefined for exchange forms and unknown kinds
     bool endsTooEarly;  // the input ends within the record
-    std::uint64_t size; // bytes that are there
+    std::uint64_t size; // bytes present
     unsigned char* bytes;
     FormFacts form; // of an exchange form
 };
 
-// One line of an input, without its end. The text lasts until the next line is asked for.
+// One line of an input, without its end. The text is valid until the next line.
 struct Line {
     std::uint64_t number; // from 1
     std::uint64_t offset; // in its input
     std::string_view text;
-    std::uint64_t readable; // bytes that may be read: those of the text, and what happens to lie behind it
+    std::uint64_t readable; // bytes that may be read: the text and any that follow it in memory
 };
 
 char const* NameOf(Kind kind) noexcept;
 char const* NameOf(Order order) noexcept;
 char const* NameOfFingerprint(unsigned int fptype) noexcept;
 
-// Finds the records' borders and order; whether a record is any good is for its validator. A record ends where its size
-// and its counts say. Where they disagree the record is bad, but those behind it need not be lost: it ends at the
-// nearer of both ends if another record begins there or the input ends there, and otherwise at the farther one. A
-// record of unknown kind, or one that is cut short, is the last. An input without a byte has one record of no bytes.
+// Returns: "FILE: record 3 at byte 272", for messages.
+std::string PlaceOf(std::string_view file, Record const& record);
+
+// Converts the bytes of a valid record, which are in the order in which they were read, to `order`.
+void ConvertRecord(Record const& record, Order order) noexcept;
+
+// Finds the boundaries, kind and byte order of records. It does not validate them. A record ends at the end that its
+// size and its counts give. If these disagree the record is bad. So that the records after it are not lost, it ends at
+// the nearer end if another record starts there or the input ends there, and otherwise at the farther one. A record of
+// unknown kind, or one that is cut short, is the last one. An empty input has one record of no bytes.
 //
-// An exchange form says nothing of itself: where one is expected, it is all of the input.
+// An exchange form has no mark: if one is expected, it is the whole input.
 //
-// Memory: one record, and never more than twice the bytes that were really read beyond a first block, whatever a record
-// claims. The bytes are in memory that no other process can change: what was validated is what is used.
+// Memory: one record. A record that claims more bytes than the input has costs at most twice the bytes read plus one
+// block. No other process can change these bytes, so the validated bytes are those that are used.
 class RecordStream {
 public:
     // With `form` the input is an exchange form.
@@ -63,18 +69,18 @@ public:
 
     std::string const& Name() const { return input_.Name(); }
 
-    // The next record, or null behind the last. Throws InputFailure.
+    // Returns: the next record, or null after the last one. Throws: InputFailure.
     Record* Next();
-    // Goes on in a record of unknown kind, whose end nobody knows: the record that Next gave becomes the bytes behind
-    // it, as many as a block has. False at the input's end.
+    // Continues a record of unknown kind: replaces the record that Next returned by the next block of bytes.
+    // Returns: false at the end of the input.
     bool NextBlock();
-    // For who stops before the end. Throws: InputFailure if a regular file changed since it was opened.
+    // For callers that stop before the end. Throws: InputFailure if a regular file changed since it was opened.
     void ThrowIfChanged() const { input_.ThrowIfChanged(); }
-    // Whether the present record is the last of the input. Its bytes may move.
+    // Returns: true if the current record is the last of the input. Its bytes may move.
     bool EndsHere();
 
-    // Whether the input is JSON, not records: its first character that is no blank is `{`, with which no record begins.
-    // Before Next. Then NextLine gives its lines, in place of Next; null behind the last.
+    // Returns: true for an input of JSON: its first character that is not a blank is `{`, which starts no record. Must
+    // be called before Next. Read the lines of such an input with NextLine, which returns null after the last line.
     bool IsJson();
     Line const* NextLine();
 
@@ -83,7 +89,8 @@ private:
         void operator()(unsigned char* bytes) const { std::free(bytes); }
     };
 
-    // Reads until `need` bytes of the current record are there or the input ends; says how many are.
+    // Reads until `need` bytes of the current record are in the buffer or the input ends.
+    // Returns: the bytes of the record in the buffer.
     std::uint64_t Fill(std::uint64_t need) {
         if (end_ - begin_ < need && !inputEnded_) {
             ReadOn(need);
@@ -92,12 +99,12 @@ private:
     }
     void ReadOn(std::uint64_t need);
     void Reserve(std::uint64_t need);
-    // Goes to what follows the present record.
+    // Moves to the end of the current record.
     void Advance();
     inline void Frame();
     void FrameForm();
     std::uint64_t ChooseSize(std::uint64_t recorded, std::uint64_t counted, std::uint64_t least);
-    bool IsBorder(std::uint64_t position);
+    bool IsBoundary(std::uint64_t position);
 
     Input input_;
     Progress progress_;
@@ -106,7 +113,7 @@ private:
     unsigned char* bytes_ = nullptr; // of the buffer
     std::uint64_t capacity_ = 0;
     std::uint64_t begin_ = 0;    // of the current record in the buffer
-    std::uint64_t end_ = 0;      // of what was read into the buffer
+    std::uint64_t end_ = 0;      // of the bytes in the buffer
     std::uint64_t nextMark_ = 0; // of the progress
     bool inputEnded_ = false;
     bool last_ = false;

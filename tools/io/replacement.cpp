@@ -20,26 +20,25 @@ namespace crrecord::tool {
 
 namespace {
 
-// Signals that end a process and are no fault of its own, but for the real-time ones, which nobody sends unasked. One
-// that is ignored stays ignored.
+// Signals from outside that end a process, except the real-time ones. Ignored signals stay ignored.
 constexpr int kEnders[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGTERM,   SIGPIPE, SIGALRM, SIGUSR1,
                            SIGUSR2, SIGXCPU, SIGPROF, SIGVTALRM, SIGPOLL, SIGPWR,  SIGSTKFLT};
 
-// The temporary file as the signal handler knows it, in its folder; empty if there is none.
+// The temporary file for the signal handler; empty if there is none.
 char unfinished[NAME_MAX + 1];
 int unfinishedFolder = -1;
 
 extern "C" void RemoveUnfinished(int signal) {
     RemoveUnfinishedOutput();
-    // Only now, or the same signal again would end the process before the file is gone. Takes effect when this returns.
+    // After the removal: a second signal must not end the process before it. The signal is delivered when this returns.
     ::signal(signal, SIG_DFL);
     ::raise(signal);
 }
 
-// Keeps them back while it lives: none comes between a file and the name that the handler knows.
-class EndersHeldBack {
+// Blocks these signals while it lives, so that the handler knows the name of every file that exists.
+class EndersBlocked {
 public:
-    EndersHeldBack() {
+    EndersBlocked() {
         sigset_t enders;
         ::sigemptyset(&enders);
         for (int const signal : kEnders) {
@@ -47,15 +46,15 @@ public:
         }
         ::pthread_sigmask(SIG_BLOCK, &enders, &former_);
     }
-    ~EndersHeldBack() { ::pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
-    EndersHeldBack(EndersHeldBack const&) = delete;
-    EndersHeldBack& operator=(EndersHeldBack const&) = delete;
+    ~EndersBlocked() { ::pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
+    EndersBlocked(EndersBlocked const&) = delete;
+    EndersBlocked& operator=(EndersBlocked const&) = delete;
 
 private:
     sigset_t former_;
 };
 
-// A short name: the target's own name may be as long as names may be.
+// A short name: a name made from the target's could be too long.
 std::string RandomName() {
     std::random_device random;
     return fmt::format(".crrecord-{:08x}{:08x}.tmp", random(), random());
@@ -102,7 +101,7 @@ Replacement::~Replacement() {
     }
 }
 
-// By its name only this once. A link that leads nowhere has no resolved name: the caller finds the link itself.
+// Uses the folder's name only once. A link to no file has no resolved name; the caller then finds the link itself.
 void Replacement::OpenFolder() {
     std::error_code missing;
     std::filesystem::path target = std::filesystem::canonical(path_, missing);
@@ -121,7 +120,7 @@ void Replacement::Create(mode_t mode) {
     if (CreateUnnamed(mode)) {
         return;
     }
-    EndersHeldBack const heldBack;
+    EndersBlocked const blocked;
     std::string name;
     do {
         name = RandomName();
@@ -135,15 +134,15 @@ void Replacement::Create(mode_t mode) {
 
 bool Replacement::CreateUnnamed(mode_t mode) {
     file_ = ::openat(folder_, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode);
-    // Without /proc it could not get a name later.
+    // Without /proc the file could not get a name later.
     if (file_ != -1 && ::access(NameOf(file_).c_str(), F_OK) == -1) {
         ::close(std::exchange(file_, -1));
     }
     return file_ != -1;
 }
 
-// Where everybody may read the content the folder's default list holds, as for any new file. Otherwise the list could
-// let in who may not read it, and so could the group, which the folder may determine.
+// If everyone may read the content, the folder's default access control list applies, as to any new file. Otherwise the
+// list, or a group that the folder determines, could give access to users who may not read the inputs.
 void Replacement::CreateFor(Readers const& readers) {
     if (readers.groups.empty()) {
         Create(readers.mode);
@@ -159,7 +158,7 @@ void Replacement::CreateFor(Readers const& readers) {
     }
 }
 
-// The owner first: the mode's rights are for the former file's owner and group.
+// The owner first: the permissions are for the former file's owner and group.
 void Replacement::CopyAccess(struct stat const& former) const {
     bool const sameOwner = ::fchown(file_, former.st_uid, former.st_gid) == 0;
     mode_t const kept = RemoveList() && sameOwner ? 0777 : 0700;
@@ -167,8 +166,9 @@ void Replacement::CopyAccess(struct stat const& former) const {
     [[maybe_unused]] int const done = ::fchmod(file_, PlainMode(former, former_) & kept);
 }
 
-// The new file may have got a list from its folder, with entries that a wider mode would bring into force.
-// Returns: false if it still has one.
+// Removes the access control list that the folder may have given to the new file: a wider mode would activate its
+// entries.
+// Returns: false if the file still has a list.
 bool Replacement::RemoveList() const {
     return ::fremovexattr(file_, kAccessList) == 0 || errno == ENODATA || errno == EOPNOTSUPP;
 }
@@ -187,7 +187,7 @@ void Replacement::RemoveWhenInterrupted(std::string&& name) {
 }
 
 void Replacement::Link() {
-    EndersHeldBack const heldBack;
+    EndersBlocked const blocked;
     std::string name;
     int result = 0;
     do {
@@ -219,7 +219,7 @@ void Replacement::Commit() {
     SyncFolder();
 }
 
-// The new file has the former one's access, which must not become another file's.
+// The new file has the permissions of the former one and must not replace a different file.
 void Replacement::ThrowIfReplaced() const {
     struct stat former {};
     struct stat now {};
@@ -230,7 +230,7 @@ void Replacement::ThrowIfReplaced() const {
     }
 }
 
-// Some folders cannot be read, and some file systems cannot sync them: the file is complete anyway.
+// Some folders cannot be read, and some file systems cannot sync folders. The file is complete in any case.
 void Replacement::SyncFolder() const {
     int const folder = ::openat(folder_, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder == -1) {

@@ -1,10 +1,12 @@
 #include "io/text.h"
 
+#include "base/hex.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdlib>
 
-#include <fmt/format.h>
+#include <fmt/compile.h>
 #include <unistd.h>
 
 namespace crrecord::tool {
@@ -40,6 +42,17 @@ std::string JsonQuoted(std::string_view text) {
     return quoted += '"';
 }
 
+void AppendHex(fmt::memory_buffer& to, std::span<unsigned char const> bytes) {
+    constexpr std::size_t kBlock = 16;
+    for (; bytes.size() >= kBlock; bytes = bytes.subspan(kBlock)) {
+        to.resize(to.size() + 2 * kBlock);
+        HexEncode(bytes.data(), kBlock, to.data() + to.size() - 2 * kBlock);
+    }
+    for (unsigned char const byte : bytes) {
+        fmt::format_to(std::back_inserter(to), FMT_COMPILE("{:02x}"), byte);
+    }
+}
+
 std::string Counted(std::uint64_t count, std::string_view noun) {
     return std::to_string(count).append(" ").append(noun).append(count == 1 ? "" : "s");
 }
@@ -51,7 +64,7 @@ std::string InUnits(std::uint64_t bytes) {
     }
     auto value = static_cast<double>(bytes) / 1024;
     std::size_t unit = 0;
-    // What would be rounded to 1024.0 is 1.0 of the next.
+    // A value that would be rounded to 1024.0 is shown as 1.0 of the next unit.
     for (; value >= 1023.95 && unit + 1 < kUnits.size(); ++unit) {
         value /= 1024;
     }

@@ -1,4 +1,4 @@
-// Text for people and for programs.
+// Text: safe characters, JSON strings, numbers with units.
 
 #pragma once
 
@@ -8,10 +8,11 @@
 #include <string_view>
 
 #include <boost/locale/utf.hpp>
+#include <fmt/format.h>
 
 namespace crrecord::tool {
 
-// Stands for a byte that is not part of a UTF-8 character.
+// The value for a byte that is not part of a UTF-8 character.
 inline constexpr std::uint32_t kNotUtf8 = boost::locale::utf::illegal;
 
 // Calls use(character, bytes) for each character of UTF-8 text, and use(kNotUtf8, byte) for each other byte.
@@ -30,8 +31,8 @@ void ForEachCharacter(std::string_view text, Use use) {
     }
 }
 
-// Returns: true for what may change how other text is shown: control characters (C0, DEL and C1), line and paragraph
-// separators, characters that set the direction of text, and kNotUtf8.
+// Returns: true for characters that may change the display of other text: control characters (C0, DEL and C1), line and
+// paragraph separators, characters that set the direction of text, and kNotUtf8.
 constexpr bool IsUnsafe(std::uint32_t character) noexcept {
     auto const isIn = [character](std::uint32_t first, std::uint32_t last) {
         return character >= first && character <= last;
@@ -43,22 +44,25 @@ constexpr bool IsUnsafe(std::uint32_t character) noexcept {
 // Replaces each byte of an unsafe character, except for line feeds, by '?'.
 void MakePrintable(std::span<char> lines);
 
-// The same for text that stays on its line: line feeds become '?' too.
+// The same for text on one line: line feeds become '?' too.
 std::string Printable(std::string_view text);
 
-// A JSON string, quotes included. Unsafe characters are escaped; each byte that is not UTF-8 becomes U+FFFD.
+// Returns: a JSON string with its quotes. Unsafe characters are escaped; each byte that is not UTF-8 becomes U+FFFD.
 std::string JsonQuoted(std::string_view text);
+
+// Appends two lower-case hexadecimal digits for each byte.
+void AppendHex(fmt::memory_buffer& to, std::span<unsigned char const> bytes);
 
 // "1 record", "2 records".
 std::string Counted(std::uint64_t count, std::string_view noun);
 
-// A number of bytes in the largest binary unit of which there is one: "512 bytes", "1.5 MiB".
+// A number of bytes in the largest binary unit that fits: "512 bytes", "1.5 MiB".
 std::string InUnits(std::uint64_t bytes);
 
-// The number itself, and in a unit if that differs: "512 bytes", "1572864 bytes (1.5 MiB)".
+// The exact number, and the number in a unit if it differs: "512 bytes", "1572864 bytes (1.5 MiB)".
 std::string WithUnit(std::uint64_t bytes);
 
-// Colours only help the eye; every text says without them what it says.
+// Colours repeat information that is also in the text.
 enum class Colour { Good, Warning, Bad, Heading };
 
 // Returns: true if the file is a terminal that takes control sequences: TERM is set, and not "dumb".

@@ -13,20 +13,15 @@ namespace crrecord::tool::json {
 
 namespace {
 
-// As much of a value as a message shows.
+// Bytes of a value that a message shows.
 constexpr std::size_t kShown = 40;
 
-std::string_view WithoutBlanks(std::string_view text) {
-    std::size_t const last = text.find_last_not_of(" \t\r\n");
-    return text.substr(0, last == std::string_view::npos ? 0 : last + 1);
-}
-
 std::string Shortened(std::string_view token) {
-    std::string_view const text = WithoutBlanks(token);
+    std::string_view const text = token.substr(0, token.find_last_not_of(" \t\r\n") + 1);
     return Printable(text.substr(0, kShown)) + (text.size() <= kShown ? "" : "...");
 }
 
-// What the words of the parser's own mean in a line of a file.
+// The meaning of the library's errors for a line of a file.
 std::string_view Explain(simdjson::error_code error) {
     switch (error) {
     case simdjson::CAPACITY: return "the line is longer than 4 GiB - 1";
@@ -81,7 +76,7 @@ std::string Parser::Find(std::string_view name) {
         member_ = name;
         FailAt(text_.data(), "is missing");
     }
-    // Another type is told where the member is read. Behind an error of its own the parser can't begin anew.
+    // A member of another type is reported when it is read. After a syntax error the parser cannot start again.
     if (error != simdjson::SUCCESS && error != simdjson::INCORRECT_TYPE) {
         FailSyntax(error);
     }
@@ -89,9 +84,9 @@ std::string Parser::Find(std::string_view name) {
 }
 
 void Parser::End() {
-    char const* behind = nullptr;
-    if (document_.current_location().get(behind) == simdjson::SUCCESS) {
-        FailAt(behind, "expected nothing behind the object");
+    char const* rest = nullptr;
+    if (document_.current_location().get(rest) == simdjson::SUCCESS) {
+        FailAt(rest, "expected the line's end after the object");
     }
 }
 

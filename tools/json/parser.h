@@ -1,9 +1,9 @@
-// JSON values as the form has them, read from one line without a tree in memory. Whatever is wrong ends in an Error
-// that says where.
+// The JSON values of the form, read from one line without a tree in memory. Every fault is an Error with its position.
 
 #pragma once
 
 #include <array>
+#include <bitset>
 #include <cstdint>
 #include <limits>
 #include <stdexcept>
@@ -18,19 +18,18 @@ namespace crrecord::tool::json {
 
 using Value = simdjson::ondemand::value;
 
-// A line is no record in the form.
+// A line is not a record in the form.
 struct Error : std::runtime_error {
     Error(std::uint64_t at, std::string member, std::string const& what)
         : std::runtime_error(what), position(at), path(std::move(member)) {}
 
     std::uint64_t position; // in the line
-    std::string path;       // such as segments[17].dcid; empty where it is the line itself
+    std::string path;       // such as segments[17].dcid; empty for the line itself
 };
 
-// How a member is missed.
 enum class Need : unsigned char { Required, Optional };
 
-// A member of an object. Where it is a number, it has bounds and goes to `offset` of the record.
+// A member of an object. A number has bounds and is stored at `offset` of the record.
 struct MemberFacts {
     std::string_view name;
     Need need = Need::Required;
@@ -40,41 +39,28 @@ struct MemberFacts {
     std::uint64_t most = 0;
 };
 
-// And what a reader does with it.
+// And the functions of a reader that use it.
 template <class Reader>
 struct Member : MemberFacts {
     using Use = void (Reader::*)(Value, MemberFacts const&);
 
-    Use read = nullptr;  // the first time, in any order
-    Use place = nullptr; // the second time, when everything in front of it is known
-};
-
-// The members of an object that were there.
-template <std::size_t N>
-class Seen {
-public:
-    static_assert(N <= 64);
-
-    bool Has(std::size_t row) const { return (bits_ >> row & 1) != 0; }
-    void Add(std::size_t row) { bits_ |= std::uint64_t{1} << row; }
-
-private:
-    std::uint64_t bits_ = 0;
+    Use read = nullptr;  // in the first pass, in any order
+    Use place = nullptr; // in the second pass, after all members were read
 };
 
 class Parser {
 public:
-    // Finds the structure of a line. Of what follows it, up to `readable` bytes, nothing is looked at; where these are
-    // too few for a look beyond the end, the line is copied. It stays as it is while it is read.
+    // Finds the structure of a line. The bytes after it, up to `readable`, are ignored; if they are fewer than the
+    // library's padding, the line is copied. The line must not change until it is read.
     void Start(std::string_view line, std::uint64_t readable);
-    // The line's object, from its beginning, as often as it is asked for.
+    // Returns: the line's object, from its start, on each call.
     simdjson::ondemand::object Root();
-    // The text of one of its members, for whoever must know it before the others.
+    // Returns: the text of one member, which decides how to read the others; empty for a member of another type.
     std::string Find(std::string_view name);
-    // Nothing may be behind the object.
+    // Throws: Error if text follows the object.
     void End();
 
-    // Each throws Error where the value is something else, or not within the bounds.
+    // Throws: Error for a value of another type or out of bounds.
     std::uint64_t Number(Value& value, std::uint64_t least, std::uint64_t most);
     std::uint64_t Decimal(Value& value, std::uint64_t most = std::numeric_limits<std::uint64_t>::max());
     bool Bool(Value& value);
@@ -83,7 +69,7 @@ public:
     void Hex(Value& value, std::uint64_t count, unsigned char* bytes);
     std::uint64_t CountElements(Value& value);
 
-    // Calls use(element, i) for each element. Errors name the list and the index.
+    // Calls use(element, i) for each element. Errors give the list and the index.
     template <class Use>
     void ForEachElement(Value& value, std::string_view list, Use use) {
         simdjson::ondemand::array array;
@@ -100,8 +86,8 @@ public:
         list_ = {};
     }
 
-    // The same for a list whose elements were counted before, for which there is room for `count` and no more. Throws
-    // Error where the line has another number of them now.
+    // The same for a list that had `count` elements before, for which memory is allocated.
+    // Throws: Error if the line has another number of them now.
     template <class Use>
     void ForEachCounted(Value& value, std::string_view list, std::uint64_t count, Use use) {
         std::uint64_t used = 0;
@@ -123,63 +109,48 @@ public:
         return object;
     }
 
-    // Reads an object's members into `reader`: each at most once, none that isn't in the table, all that are required.
+    // Reads an object's members into `reader`. Returns: the rows of the members found.
+    // Throws: Error for an unknown or repeated member and for a missing one that is required.
     template <class Reader, std::size_t N>
-    Seen<N> ReadMembers(simdjson::ondemand::object object, std::array<Member<Reader>, N> const& table, Reader& reader,
-                        Value* whole = nullptr) {
-        Seen<N> seen;
-        std::size_t next = 0;
-        for (auto found : object) {
-            simdjson::ondemand::field field;
-            std::size_t const row = NextMember(std::move(found), field, table, next);
-            if (row == N) {
-                FailAt(key_, "an unknown member");
-            }
-            member_ = table[row].name;
-            if (seen.Has(row)) {
+    std::bitset<N> ReadMembers(simdjson::ondemand::object object, std::array<Member<Reader>, N> const& table,
+                               Reader& reader, Value* whole = nullptr) {
+        std::bitset<N> seen;
+        ForEachMember(object, table, "an unknown member", [&](std::size_t row, simdjson::ondemand::field& field) {
+            if (seen[row]) {
                 FailAt(key_, "is there twice");
             }
-            seen.Add(row);
+            seen.set(row);
             if (table[row].read) {
                 (reader.*table[row].read)(field.value(), table[row]);
             }
-        }
+        });
         for (std::size_t row = 0; row < N; ++row) {
-            if (table[row].need == Need::Required && !seen.Has(row)) {
+            if (table[row].need == Need::Required && !seen[row]) {
                 member_ = table[row].name;
                 FailAt(whole ? whole->raw_json_token().data() : text_.data(), "is missing");
             }
         }
-        member_ = {};
         return seen;
     }
 
-    // The second time, for those members that have a place by now.
+    // The second pass, over the members that have a function for it.
     template <class Reader, std::size_t N>
     void PlaceMembers(simdjson::ondemand::object object, std::array<Member<Reader>, N> const& table, Reader& reader) {
-        std::size_t next = 0;
-        for (auto found : object) {
-            simdjson::ondemand::field field;
-            std::size_t const row = NextMember(std::move(found), field, table, next);
-            if (row == N) {
-                FailAt(key_, kChanged);
-            }
+        ForEachMember(object, table, kChanged, [&](std::size_t row, simdjson::ondemand::field& field) {
             if (table[row].place) {
-                member_ = table[row].name;
                 (reader.*table[row].place)(field.value(), table[row]);
             }
-        }
-        member_ = {};
+        });
     }
 
-    // Where a value begins in the line.
+    // Returns: the offset of a value in the line.
     std::uint64_t PositionOf(Value& value) const {
         return static_cast<std::uint64_t>(value.raw_json_token().data() - text_.data());
     }
-    // Says what was found where `expected` should have been.
+    // Reports the value found and the expected one.
     [[noreturn]] void FailExpecting(Value& value, std::string const& expected);
     [[noreturn]] void Fail(Value& value, std::string const& what);
-    // About a member of the line itself.
+    // Reports a member of the line itself.
     [[noreturn]] static void FailMember(std::uint64_t position, std::string_view member, std::string const& what) {
         throw Error(position, std::string(member), what);
     }
@@ -187,19 +158,34 @@ public:
 private:
     static constexpr char kChanged[] = "the line changed while it was read";
 
-    // The row of the member that comes next, N for an unknown one. Members mostly come in the table's order.
-    template <class Found, class Table>
-    std::size_t NextMember(Found&& found, simdjson::ondemand::field& field, Table const& table, std::size_t& next) {
+    // Calls use(row, field) for each member of the object.
+    template <class Table, class Use>
+    void ForEachMember(simdjson::ondemand::object object, Table const& table, char const* ifUnknown, Use use) {
+        std::size_t next = 0;
+        for (auto found : object) {
+            simdjson::ondemand::field field;
+            member_ = {};
+            Check(std::move(found).get(field));
+            std::size_t const row = RowOf(NameOf(field), table, next);
+            if (row == table.size()) {
+                FailAt(key_, ifUnknown);
+            }
+            member_ = table[row].name;
+            use(row, field);
+        }
         member_ = {};
-        Check(std::forward<Found>(found).get(field));
-        std::string_view const name = NameOf(field); // ends where the next text is read
+    }
+
+    // The row of a member, the table's size for an unknown one. Members are mostly in the table's order.
+    template <class Table>
+    std::size_t RowOf(std::string_view name, Table const& table, std::size_t& next) {
         for (std::size_t tried = 0; tried < table.size(); ++tried, ++next) {
             next = next < table.size() ? next : 0;
             if (table[next].name == name) {
                 return next++;
             }
         }
-        unknown_ = name;
+        unknown_ = name; // the library's text is valid only until the next one is read
         member_ = unknown_;
         return table.size();
     }
@@ -210,24 +196,24 @@ private:
             FailSyntax(error);
         }
     }
-    // Of a value that may as well be of another type.
+    // For a value that may have another type.
     void Expect(simdjson::error_code error, Value& value, char const* expected) {
         if (error != simdjson::SUCCESS) {
             FailExpecting(value, expected);
         }
     }
-    // Where the parser stands.
+    // At the parser's position.
     [[noreturn]] void FailSyntax(simdjson::error_code error);
     [[noreturn]] void FailAt(void const* place, std::string const& what);
     std::string Path() const;
 
     simdjson::ondemand::parser parser_;
     simdjson::ondemand::document document_;
-    std::vector<char> copy_; // of a line that has too little behind it
+    std::vector<char> copy_; // of a line with too few bytes after it
     std::string_view text_;
-    std::string_view list_;     // the list whose element is read, if one is
+    std::string_view list_;     // the list whose element is being read
     std::uint64_t index_ = 0;   // of that element
-    std::string_view member_;   // that is read
+    std::string_view member_;   // the member being read
     char const* key_ = nullptr; // its name in the line
     std::string unknown_;
 };

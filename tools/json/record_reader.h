@@ -1,4 +1,5 @@
-// What the readers of both kinds share: the members with which every line begins, and the numbers of the fixed part.
+// The common code of the readers of both kinds of records: the members of every line, and the numbers of the fixed
+// part.
 
 #pragma once
 
@@ -6,98 +7,70 @@
 #include "json/members.h"
 #include "json/parser.h"
 
-#include <algorithm>
-
 namespace crrecord::tool::json {
 
-// Reads members into the fixed part of a record in host order. What can only be said when all of them are known is
-// for the readers of each kind.
-class RecordReader {
-public:
-    RecordReader(Parser& parser, unsigned char* fixed) : parser_(parser), fixed_(fixed) {}
+// Each makes a record in host order from the line in the parser. Returns: the order that the line names.
+Order ReadObject(Parser& parser, std::vector<unsigned char>& record);
+Order ReadSegmentRecord(Parser& parser, std::vector<unsigned char>& record);
 
-    // The order in which the record was found.
-    Order FoundIn() const { return order_; }
+// Reads members into the fixed part of a record in host order. Checks that need other members are in ReadObject and
+// ReadSegmentRecord.
+struct RecordReader {
+    RecordReader(Parser& from, unsigned char* bytes) : parser(from), fixed(bytes) {}
 
     void ReadSchema(Value value, MemberFacts const&);
     void ReadKind(Value value, MemberFacts const&);
     void ReadOrder(Value value, MemberFacts const&);
     void ReadNumber(Value value, MemberFacts const& member);
-    // Of a member that follows from others: what the line says of it is compared when these are known.
+    // A member that follows from others. CheckDerived compares it.
     void ReadDerived(Value value, MemberFacts const& member);
-    // Members that say where the record was found.
-    void PassText(Value value, MemberFacts const&) { parser_.String(value, "a string"); }
-    void PassNumber(Value value, MemberFacts const& member) { parser_.Number(value, member.least, member.most); }
-    void PassDecimal(Value value, MemberFacts const&) { parser_.Decimal(value); }
-    void PassBool(Value value, MemberFacts const&) { parser_.Bool(value); }
+    // Members that name the record's origin. They are checked and not stored.
+    void PassText(Value value, MemberFacts const&) { parser.String(value, "a string"); }
+    void PassNumber(Value value, MemberFacts const& member) { parser.Number(value, member.least, member.most); }
+    void PassDecimal(Value value, MemberFacts const&) { parser.Decimal(value); }
+    void PassBool(Value value, MemberFacts const&) { parser.Bool(value); }
 
-protected:
-    // Compares the derived members with the fixed part, where the right values are by now.
+    // Compares the derived members with the fixed part, which has the right values now.
     void CheckDerived() const;
-    void Start() { derived_.clear(); }
 
-    Parser& parser_;
-
-private:
     struct Derived {
         MemberFacts const* member;
         std::uint64_t value;
         std::uint64_t position;
     };
 
-    unsigned char* fixed_;
-    Order order_ = Order::Host;
-    std::vector<Derived> derived_;
+    Parser& parser;
+    unsigned char* fixed;
+    Order order = Order::Host;
+    std::vector<Derived> derived;
 };
 
-// Largest number of so many bytes.
+// The largest number of `width` bytes.
 constexpr std::uint64_t LargestOf(unsigned int width) noexcept {
     return std::numeric_limits<std::uint64_t>::max() >> (64 - 8 * width);
 }
 
-// The members of every line.
-template <class Reader>
-constexpr std::array<Member<Reader>, 7> CommonMembers() {
-    return {{{{"schema"}, &Reader::ReadSchema},
-             {{"file", Need::Optional}, &Reader::PassText},
-             {{"record", Need::Optional, 0, 0, 1, LargestOf(8)}, &Reader::PassNumber},
-             {{"offset", Need::Optional}, &Reader::PassDecimal},
-             {{"kind"}, &Reader::ReadKind},
-             {{"order"}, &Reader::ReadOrder},
-             {{"valid", Need::Optional}, &Reader::PassBool}}};
-}
-
-// Those that are numbers of the fixed part.
-template <class Reader, std::size_t N>
-constexpr std::array<Member<Reader>, N> NumberMembers(std::array<NumberMember, N> const& numbers) {
-    std::array<Member<Reader>, N> members{};
-    for (std::size_t i = 0; i < N; ++i) {
-        NumberMember const& number = numbers[i];
+// The members of every line, the numbers of the fixed part, and those of one kind of record.
+template <class Reader, std::size_t N, std::size_t M>
+constexpr auto MemberTable(std::array<NumberMember, N> const& numbers, Member<Reader> const (&own)[M]) {
+    std::array<Member<Reader>, 7 + N + M> members{
+        {{{"schema"}, &Reader::ReadSchema},
+         {{"file", Need::Optional}, &Reader::PassText},
+         {{"record", Need::Optional, 0, 0, 1, LargestOf(8)}, &Reader::PassNumber},
+         {{"offset", Need::Optional}, &Reader::PassDecimal},
+         {{"kind"}, &Reader::ReadKind},
+         {{"order"}, &Reader::ReadOrder},
+         {{"valid", Need::Optional}, &Reader::PassBool}}};
+    auto at = members.begin() + 7;
+    for (auto const& [name, offset, width, derived] : numbers) {
         using Use = typename Member<Reader>::Use;
-        Use const read = &Reader::ReadNumber;
-        Use const readDerived = &Reader::ReadDerived;
-        members[i] = {{number.name, number.derived ? Need::Optional : Need::Required, number.offset, number.width, 0,
-                       LargestOf(number.width)},
-                      number.derived ? readDerived : read};
+        Use const read = derived ? Use(&Reader::ReadDerived) : Use(&Reader::ReadNumber);
+        *at++ = {{name, derived ? Need::Optional : Need::Required, offset, width, 0, LargestOf(width)}, read};
     }
+    std::copy(std::begin(own), std::end(own), at);
     return members;
 }
 
-// One table out of several.
-template <class Reader, std::size_t... N>
-constexpr auto Joined(std::array<Member<Reader>, N> const&... parts) {
-    std::array<Member<Reader>, (N + ...)> all{};
-    std::size_t next = 0;
-    auto const append = [&](auto const& part) {
-        for (auto const& member : part) {
-            all[next++] = member;
-        }
-    };
-    (append(parts), ...);
-    return all;
-}
-
-// The row of a member of a table.
 template <class Reader, std::size_t N>
 constexpr std::size_t RowOf(std::array<Member<Reader>, N> const& table, std::string_view name) {
     std::size_t row = 0;

@@ -1,6 +1,7 @@
-#include "json/segment_reader.h"
+// Segment records from JSON.
 
 #include "support/layout/record_layout.h"
+#include "json/record_reader.h"
 
 #include <fmt/format.h>
 
@@ -8,15 +9,62 @@ namespace crrecord::tool::json {
 
 namespace {
 
+struct SegmentReader : RecordReader {
+    explicit SegmentReader(Parser& from) : RecordReader(from, segment::BytesOf(&header)) {}
+
+    void ReadKey(Value value, MemberFacts const&) {
+        if (value.raw_json_token().starts_with("\"masked\"")) {
+            parser.Fail(value, "the key is masked; show --show-keys and convert write it");
+        }
+        parser.Hex(value, CR_SO_KEY_SIZE, header.key);
+    }
+    void CountTaskIds(Value value, MemberFacts const&) { taskIds = parser.CountElements(value); }
+    void CountFingerprints(Value value, MemberFacts const&) { fingerprints = parser.CountElements(value); }
+    void ReadSpare(Value value, MemberFacts const&) { spare = parser.Decimal(value); }
+
+    void PlaceTaskIds(Value value, MemberFacts const& member) {
+        parser.ForEachCounted(value, member.name, taskIds, [this](Value& element, std::uint64_t i) {
+            Store(bytes + CR_SO_FIXED_SIZE + i * segment::kTaskIdSize, parser.Decimal(element));
+        });
+    }
+    void PlaceFingerprints(Value value, MemberFacts const& member) {
+        unsigned int const width = CRFPDigestSize(header.fptype);
+        unsigned char* const to = bytes + segment::FingerprintOffset(header.ntaskids);
+        parser.ForEachCounted(value, member.name, fingerprints,
+                              [&](Value& element, std::uint64_t i) { parser.Hex(element, width, to + i * width); });
+    }
+
+    // Allocates the record and writes the fixed part with its counts.
+    void Allocate(std::vector<unsigned char>& record) {
+        // No line is long enough for so many elements that the sum wraps.
+        std::uint64_t const size =
+            CR_SO_RECORD_SIZE + segment::kTaskIdSize * taskIds + CRFPDigestSize(header.fptype) * fingerprints;
+        if (size > kLargestRecord) {
+            Parser::FailMember(0, "", fmt::format("a record of {} bytes, expected at most {}", size, kLargestRecord));
+        }
+        header.recsize = static_cast<std::uint32_t>(size);
+        header.ntaskids = static_cast<std::uint32_t>(taskIds);
+        header.nfp = static_cast<std::uint32_t>(fingerprints);
+        CheckDerived();
+        record.resize(size);
+        bytes = record.data();
+        std::memcpy(bytes, &header, sizeof header);
+    }
+
+    _SegmentDBRecord header{};
+    std::uint64_t taskIds = 0;
+    std::uint64_t fingerprints = 0;
+    std::uint64_t spare = 0;
+    unsigned char* bytes = nullptr; // of the record
+};
+
 constexpr auto kMembers = [] {
-    using Row = Member<SegmentReader>;
-    auto members = Joined(
-        CommonMembers<SegmentReader>(), NumberMembers<SegmentReader>(kSegmentMembers),
-        std::array<Row, 4>{{{{"key"}, &SegmentReader::ReadKey},
-                            {{"taskids"}, &SegmentReader::CountTaskIds, &SegmentReader::PlaceTaskIds},
-                            {{"fingerprints"}, &SegmentReader::CountFingerprints, &SegmentReader::PlaceFingerprints},
-                            {{"spare"}, &SegmentReader::ReadSpare}}});
-    Row& type = members[RowOf(members, "type")];
+    auto members = MemberTable<SegmentReader>(
+        kSegmentMembers, {{{"key"}, &SegmentReader::ReadKey},
+                          {{"taskids"}, &SegmentReader::CountTaskIds, &SegmentReader::PlaceTaskIds},
+                          {{"fingerprints"}, &SegmentReader::CountFingerprints, &SegmentReader::PlaceFingerprints},
+                          {{"spare"}, &SegmentReader::ReadSpare}});
+    auto& type = members[RowOf(members, "type")];
     type.least = type.most = CR_SO_RECORD_TYPE;
     members[RowOf(members, "fptype")].most = CR_FP_TYPE_LAST;
     return members;
@@ -24,49 +72,14 @@ constexpr auto kMembers = [] {
 
 } // namespace
 
-void SegmentReader::Read(std::vector<unsigned char>& record) {
-    Start();
-    parser_.ReadMembers(parser_.Root(), kMembers, *this);
-    parser_.End();
-    Place(record);
-    parser_.PlaceMembers(parser_.Root(), kMembers, *this);
-    Store(bytes_ + record.size() - segment::kSpareSize, spare_, FoundIn());
-}
-
-void SegmentReader::Place(std::vector<unsigned char>& record) {
-    // No line has room for so many elements that this wraps.
-    std::uint64_t const size =
-        CR_SO_RECORD_SIZE + segment::kTaskIdSize * taskIds_ + CRFPDigestSize(fixed_.fptype) * fingerprints_;
-    if (size > kLargestRecord) {
-        Parser::FailMember(0, "", fmt::format("a record of {} bytes, expected at most {}", size, kLargestRecord));
-    }
-    fixed_.recsize = static_cast<std::uint32_t>(size);
-    fixed_.ntaskids = static_cast<std::uint32_t>(taskIds_);
-    fixed_.nfp = static_cast<std::uint32_t>(fingerprints_);
-    CheckDerived();
-    record.resize(size);
-    bytes_ = record.data();
-    std::memcpy(bytes_, &fixed_, sizeof fixed_);
-}
-
-void SegmentReader::ReadKey(Value value, MemberFacts const&) {
-    if (value.raw_json_token().starts_with("\"masked\"")) {
-        parser_.Fail(value, "the key is masked; show --show-keys and convert write it");
-    }
-    parser_.Hex(value, CR_SO_KEY_SIZE, fixed_.key);
-}
-
-void SegmentReader::PlaceTaskIds(Value value, MemberFacts const& member) {
-    parser_.ForEachCounted(value, member.name, taskIds_, [this](Value& element, std::uint64_t i) {
-        Store(bytes_ + CR_SO_FIXED_SIZE + i * segment::kTaskIdSize, parser_.Decimal(element));
-    });
-}
-
-void SegmentReader::PlaceFingerprints(Value value, MemberFacts const& member) {
-    unsigned int const width = CRFPDigestSize(fixed_.fptype);
-    unsigned char* const to = bytes_ + segment::FingerprintOffset(fixed_.ntaskids);
-    parser_.ForEachCounted(value, member.name, fingerprints_,
-                           [&](Value& element, std::uint64_t i) { parser_.Hex(element, width, to + i * width); });
+Order ReadSegmentRecord(Parser& parser, std::vector<unsigned char>& record) {
+    SegmentReader reader(parser);
+    parser.ReadMembers(parser.Root(), kMembers, reader);
+    parser.End();
+    reader.Allocate(record);
+    parser.PlaceMembers(parser.Root(), kMembers, reader);
+    Store(reader.bytes + record.size() - segment::kSpareSize, reader.spare, reader.order);
+    return reader.order;
 }
 
 } // namespace crrecord::tool::json

@@ -1,4 +1,4 @@
-// JSON text, put together in place.
+// JSON text, written in place.
 
 #pragma once
 
@@ -14,11 +14,11 @@
 
 namespace crrecord::tool::json {
 
-// Writes at the end of a buffer, in which room is made once for all that one Text writes.
+// Writes at the end of a buffer. The constructor allocates for everything that one Text writes.
 class Text {
 public:
-    Text(fmt::memory_buffer& to, std::size_t room) : to_(to) {
-        to.reserve(to.size() + room);
+    Text(fmt::memory_buffer& to, std::size_t size) : to_(to) {
+        to.reserve(to.size() + size);
         at_ = to.data() + to.size();
     }
     ~Text() { to_.resize(static_cast<std::size_t>(at_ - to_.data())); }
@@ -41,7 +41,7 @@ public:
     // 64-bit numbers are strings: many readers lose digits of large numbers. At most 22 characters.
     Text& Decimal(std::uint64_t number) { return Put("\"").Number(number).Put("\""); }
 
-    // Two characters for each byte, and 32 more of room.
+    // Two characters for each byte. 32 more must be allocated.
     Text& Hex(unsigned char const* bytes, std::size_t count) {
         for (; count >= kBlock; count -= kBlock, bytes += kBlock) {
             HexEncode(bytes, kBlock, at_);

@@ -12,24 +12,20 @@ namespace crrecord::tool::json {
 
 namespace {
 
-// Room for the longest member that is a number, and for its name.
-constexpr std::size_t kNumberRoom = 48;
-// Room for an element of a list: at most a fingerprint of 64 digits, four numbers and their names.
-constexpr std::size_t kElementRoom = 256;
-// Bytes that are written as hexadecimal digits between two looks at whether the output is full.
+// Characters reserved for the longest number and its name.
+constexpr std::size_t kNumberSize = 48;
+// Characters reserved for an element of a list: at most a fingerprint of 64 digits, four numbers and their names.
+constexpr std::size_t kElementSize = 256;
+// Bytes written as hexadecimal digits before the output is flushed if it is full.
 constexpr std::size_t kHexBlock = 64UL * 1024;
 
 template <auto const& Members>
 void PutNumbers(Text& text, unsigned char const* bytes) {
     ForEachIndex<Members>([&]<std::size_t I>() {
         constexpr NumberMember kMember = Members[I];
-        auto const value = LoadMember<kMember.width>(bytes + kMember.offset);
+        std::uint64_t const value = LoadNumber(bytes + kMember.offset, kMember.width);
         text.Put(",\"").Put(kMember.name).Put("\":");
-        if constexpr (kMember.width == 8) {
-            text.Decimal(value);
-        } else {
-            text.Number(value);
-        }
+        kMember.width == 8 ? text.Decimal(value) : text.Number(value);
     });
 }
 
@@ -37,7 +33,7 @@ void PutNumbers(Text& text, unsigned char const* bytes) {
 DORecordHeader HostHeader(DORecordView const& view) {
     DORecordHeader header = *view.GetHeader();
     if (view.IsInNetworkOrder()) {
-        // As that of a record with nothing behind it that has an order.
+        // The header alone is converted: the sections that also have a byte order are declared empty.
         header.nudcid = 0;
         header.dotype = CR_DO_TYPE_ORIGINAL;
         DORecordHeaderNtoh(&header);
@@ -47,25 +43,25 @@ DORecordHeader HostHeader(DORecordView const& view) {
     return header;
 }
 
-// A member of hexadecimal digits, of any length.
+// Writes a member of hexadecimal digits, of any length.
 void WriteHex(Output& out, std::string_view name, std::span<unsigned char const> bytes) {
-    Text(out.Buffer(), kNumberRoom).Put(",\"").Put(name).Put("\":\"");
+    Text(out.Buffer(), kNumberSize).Put(",\"").Put(name).Put("\":\"");
     while (!bytes.empty()) {
         auto const block = bytes.first(std::min(bytes.size(), kHexBlock));
-        Text(out.Buffer(), 2 * block.size() + kNumberRoom).Hex(block.data(), block.size());
+        Text(out.Buffer(), 2 * block.size() + kNumberSize).Hex(block.data(), block.size());
         out.FlushWhenFull();
         bytes = bytes.subspan(block.size());
     }
     out.Write("\"");
 }
 
-// A list, whose elements put(text, i) writes.
+// Writes a list. put(text, i) writes an element.
 template <class Put>
 void WriteList(Output& out, std::string_view start, std::uint64_t from, std::uint64_t end, Put put) {
     out.Write(start);
     for (std::uint64_t i = from; i < end; ++i) {
         {
-            Text text(out.Buffer(), kElementRoom);
+            Text text(out.Buffer(), kElementSize);
             if (i != from) {
                 text.Put(",");
             }
@@ -81,7 +77,7 @@ void WriteReferences(Output& out, std::string_view start, DORecordView const& vi
     out.Write(start);
     std::string_view separator = "\"";
     forEach(view, [&](char const* reference) {
-        Text(out.Buffer(), kElementRoom).Put(separator).Put(reference).Put("\"");
+        Text(out.Buffer(), kElementSize).Put(separator).Put(reference).Put("\"");
         separator = ",\"";
         out.FlushWhenFull();
     });
@@ -109,16 +105,16 @@ bool AreZero(std::span<unsigned char const> bytes) {
     return std::all_of(bytes.begin(), bytes.end(), [](unsigned char byte) { return byte == 0; });
 }
 
-// What a record has that one which the library writes would have otherwise.
+// Writes what differs from a record that the library writes.
 void WriteOddities(Output& out, DORecordView const& view) {
     RecordLayout const layout = LayoutOf(view.GetHeader());
-    unsigned char const* const bytes = BytesOf(view.GetHeader());
+    unsigned char const* const bytes = crrecord::BytesOf(view.GetHeader());
     auto const number = [&](std::string_view name, std::uint32_t value) {
-        Text(out.Buffer(), kNumberRoom).Put(",\"").Put(name).Put("\":").Number(value);
+        Text(out.Buffer(), kNumberSize).Put(",\"").Put(name).Put("\":").Number(value);
     };
     if (std::uint32_t const count = view.GetNudcid(); count != 0) {
         auto const stored = Load<std::uint32_t>(bytes + layout.udcids);
-        // The count is summed in host order, whatever the record's.
+        // The checksum covers the count in host order, in records of either order.
         std::uint32_t const ofCount = Adler32(&count, sizeof count);
         if (stored != Adler32More(ofCount, bytes + layout.UniqueEntry(0), std::uint64_t{kUniqueEntrySize} * count)) {
             number("list_checksum", stored);
@@ -146,7 +142,7 @@ void WriteOddities(Output& out, DORecordView const& view) {
 void WriteSegmentRecord(Output& out, Record const& record, bool showKey) {
     _SegmentDBRecord const& stored = AsSegmentRecord(record);
     {
-        Text text(out.Buffer(), kSegmentMembers.size() * kNumberRoom + kElementRoom);
+        Text text(out.Buffer(), kSegmentMembers.size() * kNumberSize + kElementSize);
         PutNumbers<kSegmentMembers>(text, record.bytes);
         text.Put(",\"key\":\"");
         if (showKey) {
@@ -164,17 +160,17 @@ void WriteSegmentRecord(Output& out, Record const& record, bool showKey) {
     unsigned int const width = CRFPDigestSize(stored.fptype);
     WriteList(out, R"(,"fingerprints":[)", 0, stored.nfp,
               [&](Text& text, std::uint64_t i) { text.Put("\"").Hex(fingerprints + i * width, width).Put("\""); });
-    // No conversion touches the spare slot: it stands in the order in which the record was found.
+    // Conversion leaves the spare slot as it is, in the order of the original record.
     auto const spare = Load<std::uint64_t>(record.bytes + record.size - segment::kSpareSize, record.order);
-    Text(out.Buffer(), kNumberRoom).Put(R"(,"spare":)").Decimal(spare).Put("}\n");
+    Text(out.Buffer(), kNumberSize).Put(R"(,"spare":)").Decimal(spare).Put("}\n");
     out.FlushWhenFull();
 }
 
 void WriteObject(Output& out, DORecordView const& view, Range segments) {
     DORecordHeader const header = HostHeader(view);
     {
-        Text text(out.Buffer(), (kObjectMembers.size() + 1) * kNumberRoom);
-        PutNumbers<kObjectMembers>(text, BytesOf(&header));
+        Text text(out.Buffer(), (kObjectMembers.size() + 1) * kNumberSize);
+        PutNumbers<kObjectMembers>(text, crrecord::BytesOf(&header));
         text.Put(R"(,"reserved2":[)").Number(header.reserved2[0]).Put(",").Number(header.reserved2[1]).Put("]");
     }
     if (IsBloom(view.GetDOType())) {

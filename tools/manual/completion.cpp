@@ -1,6 +1,4 @@
-#include "manual/completion.h"
-
-#include "manual/page.h"
+#include "manual/manual.h"
 
 #include <algorithm>
 
@@ -10,7 +8,7 @@ namespace crrecord::tool {
 
 namespace {
 
-// Where nothing is offered the shell offers files.
+// Without an offer of this function the shell offers file names.
 constexpr char kScript[] = R"(# Completion of the command crrecord for bash.
 _crrecord() {{
     local verb="" offered="" i
@@ -34,15 +32,15 @@ _crrecord() {{
 complete -o bashdefault -o default -F _crrecord crrecord
 )";
 
-// Behind the command's own name: "", " build", " segments build".
+// The words after "crrecord": "", " build", " segments build".
 std::string VerbPath(CLI::App const& verb) {
     return verb.get_parent() ? VerbPath(*verb.get_parent()) + " " + verb.get_name() : "";
 }
 
 struct Cases {
-    std::string verbs;  // patterns of all verbs
-    std::string values; // what is offered behind an option with few values
-    std::string words;  // what is offered behind a verb
+    std::string verbs;  // the patterns of all verbs
+    std::string values; // offered after an option with few values
+    std::string words;  // offered after a verb
 };
 
 void Collect(CLI::App const& app, Cases& cases) {

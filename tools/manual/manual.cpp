@@ -1,7 +1,6 @@
-// Writes the manual pages and the shell's completion into the folder that it is given: man1/*.1, completions/crrecord.
+// Writes the manual pages and the shell completion to a folder: man1/*.1, completions/crrecord.
 
-#include "manual/completion.h"
-#include "manual/page.h"
+#include "manual/manual.h"
 #include "verbs/verbs.h"
 
 #include <filesystem>

@@ -1,4 +1,4 @@
-#include "manual/page.h"
+#include "manual/manual.h"
 
 #include <algorithm>
 
@@ -8,7 +8,7 @@ namespace crrecord::tool {
 
 namespace {
 
-// What man(7) would take for its own: backslashes, dots and quotes where a line starts, and hyphens, of which it makes
+// Escapes what man(7) interprets: backslashes, dots and quotes at the start of a line, and hyphens, which become
 // dashes.
 std::string Escaped(std::string_view text) {
     std::string escaped;
@@ -27,6 +27,11 @@ std::string Escaped(std::string_view text) {
         lineStart = character == '\n';
     }
     return escaped;
+}
+
+// "crrecord segments build".
+std::string FullName(CLI::App const& verb) {
+    return verb.get_parent() ? FullName(*verb.get_parent()) + " " + verb.get_name() : verb.get_name();
 }
 
 std::string Placeholder(CLI::Option const& option) {
@@ -92,10 +97,6 @@ std::vector<CLI::App const*> VerbsOf(CLI::App const& app) {
     return app.get_subcommands([](CLI::App const*) { return true; });
 }
 
-std::string FullName(CLI::App const& verb) {
-    return verb.get_parent() ? FullName(*verb.get_parent()) + " " + verb.get_name() : verb.get_name();
-}
-
 std::string PageName(CLI::App const& verb) {
     std::string name = FullName(verb);
     std::replace(name.begin(), name.end(), ' ', '-');
@@ -103,7 +104,7 @@ std::string PageName(CLI::App const& verb) {
 }
 
 std::string ManualPage(CLI::App const& verb) {
-    // The help's closing words: paragraphs, and then examples; of the whole command only the exit status.
+    // The footer of the help: paragraphs, then examples. The footer of the command itself is its exit status.
     std::string const closing = verb.get_footer();
     constexpr std::string_view kExample = "Example:\n";
     std::size_t const example = std::min(closing.find(kExample), closing.size());

@@ -8,12 +8,12 @@ namespace {
 
 constexpr double kBarHeight = 34;
 constexpr double kLeadHeight = 34; // of the lines from the bar to the labels
-constexpr double kNarrowest = 2;   // below that a section gets a mark
+constexpr double kNarrowest = 2;   // a narrower section gets a mark
 constexpr double kBetween = 12;    // labels
 constexpr double kStrong = 1.2;    // how much wider bold text is
 constexpr unsigned int kColours = 8;
 
-// A section in the picture: the middle of its bytes, and that of its label.
+// The label of a section: the middle of its bytes and of its text.
 struct Label {
     double at;
     double middle;
@@ -21,8 +21,7 @@ struct Label {
     std::string size;
 };
 
-// Moves the labels apart so far that none covers another, and no further: to the right where they would overlap, and
-// back to the left where they would leave the picture.
+// Moves labels only as far as needed: to the right if they overlap, and back to the left if they leave the picture.
 void SpreadLabels(std::vector<Label>& labels) {
     double free = Picture::kMargin;
     for (Label& label : labels) {
@@ -54,8 +53,8 @@ void DrawSections(Picture& picture, std::vector<Section> const& sections, std::u
             picture.Print("<rect class=\"mark s{}\" x=\"{:.3f}\" y=\"{:.1f}\" width=\"{}\" height=\"4\"/>\n",
                           i % kColours, x + (width - kNarrowest) / 2, top + kBarHeight, kNarrowest);
         }
-        double const room = std::max(TextWidth(section.name.size()) * kStrong, TextWidth(size.size()));
-        labels.push_back({x + width / 2, 0, room, size});
+        double const labelWidth = std::max(TextWidth(section.name.size()) * kStrong, TextWidth(size.size()));
+        labels.push_back({x + width / 2, 0, labelWidth, size});
     }
     SpreadLabels(labels);
     double const bottom = top + kBarHeight + kLeadHeight;

@@ -1,4 +1,4 @@
-// A record's bytes as one bar.
+// A record's bytes, drawn as one bar.
 
 #pragma once
 
@@ -7,8 +7,8 @@
 
 namespace crrecord::tool {
 
-// Every section as wide as its share of the record, with its name and size below. One that is too narrow to be seen has
-// a mark at its place.
+// Draws each section as wide as its share of the record, with its name and size below. Sections too narrow to be seen
+// have a mark.
 void DrawSections(Picture& picture, std::vector<Section> const& sections, std::uint64_t recordSize);
 
 } // namespace crrecord::tool

@@ -6,8 +6,8 @@ namespace crrecord::tool {
 
 namespace {
 
-// Colours that stay apart for the colour-blind (after Okabe and Ito) and in print without colours: neighbouring
-// sections alternate between dark and light.
+// Colours that the colour-blind can distinguish (after Okabe and Ito). Dark and light ones alternate, so that adjacent
+// sections differ in print without colours.
 constexpr char kStyle[] = R"svg(<style>
 .paper{fill:#fff}text{fill:#1f2328;font:12px system-ui,"Segoe UI",Helvetica,Arial,sans-serif}
 .name{font-size:20px;font-weight:600}.heading{font-size:15px;font-weight:600}.strong{font-weight:600}.weak{fill:#59636e}
@@ -49,7 +49,7 @@ std::string XmlEscaped(std::string_view text) {
         case '>': escaped += "&gt;"; break;
         case '"': escaped += "&quot;"; break;
         case kNotUtf8: escaped += "\uFFFD"; break;
-        // XML does not allow these two, and no escape for them either.
+        // XML allows these two neither directly nor escaped.
         case 0xfffe:
         case 0xffff: escaped += '?'; break;
         default: escaped += IsUnsafe(character) ? "?" : bytes;

@@ -1,4 +1,4 @@
-// Text of SVG pictures.
+// SVG pictures.
 
 #pragma once
 
@@ -11,7 +11,7 @@
 
 namespace crrecord::tool {
 
-// A picture that grows downwards: whoever draws adds below what is there.
+// A picture that grows downwards: new parts are drawn below the others.
 class Picture {
 public:
     static constexpr double kWidth = 1000;
@@ -23,14 +23,14 @@ public:
         AppendFormatted<Values...>(body_, format, std::forward<Values>(values)...);
     }
 
-    // `style` is one of the classes of the style sheet, or "". The text need not be escaped.
+    // `style` is a class of the style sheet, or "". The text is escaped here.
     void Text(double x, double y, std::string_view style, std::string_view text);
 
     // The first free line.
     double Top() const { return top_; }
     void MoveDown(double by) { top_ += by; }
 
-    // The whole picture. `name` is what programs for the blind read out.
+    // Returns: the whole picture. `name` is its accessible name.
     std::string Finish(std::string_view name) const;
 
 private:
@@ -38,17 +38,17 @@ private:
     double top_ = kMargin;
 };
 
-// For character data and attributes. Unsafe characters, U+FFFE and U+FFFF become '?'; each byte that is not UTF-8
+// Escapes character data and attributes. Unsafe characters, U+FFFE and U+FFFF become '?'; each byte that is not UTF-8
 // becomes U+FFFD.
 std::string XmlEscaped(std::string_view text);
 
-// 1 234 567, with spaces that don't break.
+// "1 234 567", with no-break spaces.
 std::string Grouped(std::uint64_t number);
 
 // "1 segment", "2 000 segments".
 std::string GroupedCount(std::uint64_t number, std::string_view noun);
 
-// Room that a text takes, by and large: fonts differ.
+// Returns: the approximate width of a text. Fonts differ.
 constexpr double TextWidth(std::size_t characters) noexcept {
     return 6.2 * static_cast<double>(characters);
 }

@@ -3,10 +3,8 @@
 #include "io/failure.h"
 #include "io/pipeline.h"
 #include "io/progress.h"
-#include "record/crc32.h"
+#include "record/fingerprinter.h"
 #include "record/parallel_sha256.h"
-
-#include <crrecord/status.h>
 
 #include <algorithm>
 #include <array>
@@ -17,15 +15,16 @@
 
 #include <fmt/format.h>
 #include <libdeflate.h>
+#include <zlib.h>
 
 namespace crrecord::tool {
 
 namespace {
 
-// Hashing a batch takes far longer than handing it to a thread, and it stays in that thread's cache meanwhile.
+// Hashing a batch takes far longer than starting a thread, and the batch stays in that processor's cache.
 constexpr std::uint64_t kBatch = kReadBlock;
-constexpr std::uint64_t kBatchSegments = 4096; // a segment of one byte takes dozens for what is told of it
-constexpr unsigned int kMostThreads = 32;      // more than one that reads can feed; each has its batches
+constexpr std::uint64_t kBatchSegments = 4096; // the result for a segment of one byte has dozens
+constexpr unsigned int kMostThreads = 32;      // more than one reading thread can supply; each has a batch
 
 // Segments of the default size for all lanes.
 constexpr std::uint64_t kParallelBatch = ParallelSha256::kLanes * 128UL * 1024;
@@ -34,24 +33,35 @@ constexpr std::uint64_t kLeastParallelInput = 32UL * 1024 * 1024;
 static_assert(kBatch <= ParallelSha256::kMostBytes);
 constexpr unsigned int kMostParallelThreads = 8; // each hashes several GB/s
 
+// Returns: the CRC-32 of two parts from those of the parts. `bytes` is the size of the second one.
+std::uint32_t CombinedCrc(std::uint32_t crc, std::uint32_t next, std::uint64_t bytes) {
+    return static_cast<std::uint32_t>(crc32_combine(crc, next, static_cast<z_off_t>(bytes)));
+}
+
+// Returns: the CRC-32 after so many zeros follow. CRC-32 complements its state at both ends; in between, zeros only
+// shift it.
+std::uint32_t CrcAfterZeros(std::uint32_t crc, std::uint64_t bytes) {
+    return ~CombinedCrc(~crc, 0, bytes);
+}
+
 // Consecutive bytes of the input, and the segments that end in them.
 struct Batch {
-    std::vector<unsigned char> room;
+    std::vector<unsigned char> bytes;
     std::uint64_t offset = 0;
     std::uint64_t size = 0;
-    bool endsSegment = false; // by a gap behind it, or by the input's end
+    bool endsSegment = false; // a gap or the input's end follows
     std::uint32_t crc = 0;
     std::vector<CutSegment> segments;       // without their containers
     std::unique_ptr<ParallelSha256> sha256; // if the segments are hashed at once
 };
 
-// Fingerprints and sums of segments whose bytes come in order.
+// Computes fingerprints and checksums of segments whose bytes arrive in order.
 class Digester {
 public:
-    explicit Digester(CutOptions const& options) : options_(options) {}
+    explicit Digester(CutOptions const& options) : options_(options), fingerprinter_(options.fptype) {}
 
     void Append(Batch& batch) {
-        std::span<unsigned char const> bytes = std::span(batch.room).first(batch.size);
+        std::span<unsigned char const> bytes = std::span(batch.bytes).first(batch.size);
         batch.crc = libdeflate_crc32(0, bytes.data(), bytes.size());
         for (std::uint64_t offset = batch.offset; !bytes.empty();) {
             std::uint64_t const left = options_.segmentSize - offset % options_.segmentSize;
@@ -72,36 +82,29 @@ private:
     void AppendPiece(std::uint64_t offset, std::span<unsigned char const> piece) {
         if (segment_.size == 0) {
             segment_.offset = offset;
-            Check(CRFPInitialize(&context_, options_.fptype) == 0);
+            fingerprinter_.Start();
         }
-        Check(CRFPAppend(&context_, piece.data(), piece.size()) == 0);
+        fingerprinter_.Append(piece);
         segment_.crc = options_.segmentCrcs ? libdeflate_crc32(segment_.crc, piece.data(), piece.size()) : 0;
         segment_.size += piece.size();
     }
 
     void EndSegment(std::vector<CutSegment>& segments) {
         if (segment_.size != 0) {
-            Check(CRFPFinalize(&context_) == 0 && CRFPGetDigest_r(&context_, &segment_.fingerprint));
+            segment_.fingerprint = fingerprinter_.Finish();
             segments.push_back(std::exchange(segment_, {}));
         }
     }
 
-    void Check(bool done) const {
-        if (!done) {
-            throw Failure(
-                fmt::format("fingerprint type {}: {}", options_.fptype, CRStatusToStringA(*__cr_errno_location())));
-        }
-    }
-
     CutOptions const& options_;
-    crfp_context_t context_;
-    CutSegment segment_; // the one that is open, if it has bytes
+    Fingerprinter fingerprinter_;
+    CutSegment segment_; // the open segment, if it has bytes
 };
 
 // Computes the fingerprints of whole segments with batch.sha256, which is created if it is null.
 // Returns: false, without a result, if there are too few segments, or if it cannot be created.
 bool DigestAtOnce(Batch& batch, CutOptions const& options) {
-    std::span<unsigned char const> bytes = std::span(batch.room).first(batch.size);
+    std::span<unsigned char const> bytes = std::span(batch.bytes).first(batch.size);
     if (bytes.size() <= (ParallelSha256::kLeastPieces - 1) * options.segmentSize) {
         return false;
     }
@@ -152,23 +155,23 @@ public:
         totals_.firstContainer = totals_.lastContainer = options.firstContainer;
     }
 
-    // Where the next bytes of the input belong.
-    std::span<unsigned char> Room() {
+    // Returns: the buffer for the next bytes of the input.
+    std::span<unsigned char> Buffer() {
         Batch& batch = Open();
-        return std::span(batch.room).subspan(batch.size);
+        return std::span(batch.bytes).subspan(batch.size);
     }
 
-    // So many bytes were read there.
+    // Adds bytes that were read into the buffer.
     void Append(std::uint64_t count) {
         batch_->size += count;
         position_ += count;
         progress_.At(position_); // a batch may take long to arrive through a pipe
-        if (batch_->size == batch_->room.size()) {
+        if (batch_->size == batch_->bytes.size()) {
             Submit();
         }
     }
 
-    // So many zeros that belong to no segment.
+    // Adds zeros that are in no segment.
     void Skip(std::uint64_t count) {
         if (count != 0) {
             Open().endsSegment = true;
@@ -185,15 +188,14 @@ public:
     }
 
 private:
-    // Segments that are larger than a batch are hashed one after the other: holding several would take memory without
-    // a bound.
+    // Segments larger than a batch are hashed one after the other: memory for several of them would be unbounded.
     bool IsWhole() const { return options_.segmentSize <= kBatch; }
     unsigned int Threads() const {
         unsigned int const most = atOnce_ ? kMostParallelThreads : kMostThreads;
         return IsWhole() ? std::clamp(std::thread::hardware_concurrency(), 1U, most) : 1;
     }
 
-    // Whether to hash segments at once.
+    // Returns: true to hash segments at once.
     bool AtOnce(std::uint64_t expected) const {
         bool const isSha256 = options_.fptype == CR_FP_TYPE_SHA256 || options_.fptype == CR_FP_TYPE_SHA256_128;
         bool const isSmall = expected != 0 && expected < kLeastParallelInput;
@@ -215,9 +217,9 @@ private:
             batch_->size = 0;
             batch_->endsSegment = false;
             batch_->segments.clear();
-            // Up to a multiple of the segments' size, where they fit.
+            // Batches of whole segments end at a multiple of the segment size.
             std::uint64_t const whole = SegmentsInBatch() * options_.segmentSize;
-            batch_->room.resize(IsWhole() ? whole - position_ % options_.segmentSize : kBatch);
+            batch_->bytes.resize(IsWhole() ? whole - position_ % options_.segmentSize : kBatch);
         }
         return *batch_;
     }
@@ -238,10 +240,10 @@ private:
         }
     }
 
-    // In the input's order again.
+    // In the order of the input.
     void Account(Batch& batch) {
         std::uint64_t const gap = batch.offset - totals_.bytes;
-        totals_.crc = AppendCrc32(AppendZeros(totals_.crc, gap), batch.crc, batch.size);
+        totals_.crc = CombinedCrc(CrcAfterZeros(totals_.crc, gap), batch.crc, batch.size);
         totals_.gaps += gap;
         totals_.bytes += gap + batch.size;
         for (CutSegment& segment : batch.segments) {
@@ -251,12 +253,12 @@ private:
         totals_.segments += batch.segments.size();
     }
 
-    // The container for a segment of this size: the current one as long as it has room.
+    // Returns: the container for a segment: the current one while the segment fits into it.
     unsigned int Place(std::uint64_t size) {
         if (options_.containerSize - used_ < size) {
             if (totals_.lastContainer == CutOptions::kMost32) {
-                throw Failure(fmt::format("no container ids are left behind {}: take larger containers or an earlier "
-                                          "first one than {}",
+                throw Failure(fmt::format("no container ids are left after {}: choose larger containers or a first "
+                                          "container before {}",
                                           CutOptions::kMost32, totals_.firstContainer));
             }
             ++totals_.lastContainer;
@@ -274,12 +276,12 @@ private:
     CutTotals totals_;
     bool atOnce_;
     Digester digester_;
-    Batch* batch_ = nullptr; // the one that is being filled
+    Batch* batch_ = nullptr; // the one being filled
     Pipeline<Batch> pipeline_;
 };
 
-// Takes an option's text as a number of bytes from 1 to `most`, perhaps with a unit. Of what is none the parser's own
-// sizes tell in its terms, and "010" is 8 to them.
+// Reads an option's text as a number of bytes from 1 to `most`, with or without a unit. CLI11's AsSizeValue reads "010"
+// as 8, and its messages name no limits.
 CLI::Validator Size(std::uint64_t most) {
     auto const read = [most](std::string& text) {
         constexpr std::array<std::string_view, 7> kUnits{"", "k", "m", "g", "t", "p", "e"};
@@ -304,7 +306,7 @@ CLI::Validator Size(std::uint64_t most) {
 } // namespace
 
 void AddCutOptions(CLI::App& verb, CutOptions& options, unsigned int mostBytes) {
-    // Without their descriptions, which would stand in the help where the value's name does.
+    // Without their descriptions, which the help would show instead of the value's name.
     auto const range = [](unsigned int least, unsigned int most) { return CLI::Range(least, most).description(""); };
     verb.add_option("--segment-size", options.segmentSize, "Bytes of each segment but the last, such as 64K")
         ->transform(Size(mostBytes))
@@ -334,8 +336,8 @@ CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::functio
     Extent extent = holes == Holes::AreGaps ? input.NextExtent() : Extent{};
     for (;;) {
         cutter.Skip(std::exchange(extent.hole, 0));
-        std::span<unsigned char> const room = cutter.Room();
-        std::size_t const count = input.Read(room.first(std::min(room.size(), extent.data)));
+        std::span<unsigned char> const buffer = cutter.Buffer();
+        std::size_t const count = input.Read(buffer.first(std::min(buffer.size(), extent.data)));
         if (count == 0) {
             break;
         }

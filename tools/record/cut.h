@@ -1,4 +1,4 @@
-// Cutting a file's content into segments, and placing them in containers.
+// Cuts a file's content into segments and assigns them to containers.
 
 #pragma once
 
@@ -26,12 +26,12 @@ struct CutOptions {
     bool segmentCrcs = false; // whether segments have a CRC-32
 };
 
-// The size of a segment may be up to `mostBytes`.
+// `mostBytes` is the largest segment size.
 void AddCutOptions(CLI::App& verb, CutOptions& options, unsigned int mostBytes = CutOptions::kMost32);
 
 enum class Holes {
     AreZeros,
-    AreGaps, // between segments, where the file system tells of them
+    AreGaps, // between segments, if the file system reports them
 };
 
 struct CutSegment {
@@ -42,7 +42,7 @@ struct CutSegment {
     crfp_digest_t fingerprint{};
 };
 
-// What was cut in all.
+// Sums over the input.
 struct CutTotals {
     std::uint64_t bytes = 0; // gaps included
     std::uint64_t gaps = 0;  // bytes in no segment
@@ -54,11 +54,12 @@ struct CutTotals {
     std::uint64_t Containers() const { return std::uint64_t{lastContainer} - firstContainer + 1; }
 };
 
-// Reads all of `input` once, in little memory whatever the segments' size, with its progress on the terminal, and gives
-// each segment in turn to `use`, on this thread. Segments of up to 256 KiB are hashed on all processors. Segments end
-// at the multiples of their size and where a gap begins, so that a hole changes no segment but those that it touches.
-// Containers are filled one behind the other. Throws Failure where the input is empty or all of it a gap, where a
-// segment is larger than a container, and where container ids run past 32 bits.
+// Reads `input` to its end and calls use(segment) for each segment, in order and on this thread. Shows the progress on
+// the terminal. Segments of up to 256 KiB are hashed on all processors. Segments end at multiples of their size and
+// where a gap begins, so a hole changes only the segments that it touches. Containers are filled one after the other.
+// Throws: Failure if the input is empty or one gap, if a segment is larger than a container, and if container ids
+// exceed 32 bits.
+// Memory: some batches of up to 4 MiB, for any segment size.
 CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::function<void(CutSegment const&)> const& use);
 
 } // namespace crrecord::tool

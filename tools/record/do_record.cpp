@@ -15,7 +15,7 @@ std::unique_ptr<DORecord> Open(Record const& record) {
     if (record.kind == Kind::Form) {
         auto made = std::make_unique<DORecord>(record.form.dotype, record.form.fptype, nullptr, 0, record.bytes,
                                                record.size, false);
-        // The list of a bloom record is received in network order.
+        // In the form, the list of a bloom record is in network order.
         if (IsBloom(record.form.dotype)) {
             cr_status_t const status = made->AppendBloomAndUniqueDCIDList();
             if (status != CR_STATUS_OK) {
@@ -28,7 +28,7 @@ std::unique_ptr<DORecord> Open(Record const& record) {
     if (header->ntaskid == 0 && header->nds == 0) {
         return DORecord::Wrap(record.bytes, record.size, record.size, true);
     }
-    // Turning legacy arrays into references touches the record; whoever only reads it wants its own time.
+    // FromBuffer converts legacy references and sets the modification time. The time of the record is restored.
     auto opened = DORecord::FromBuffer(record.bytes, record.size);
     opened->GetHeader()->mtime = DORecordView(record.bytes, record.size).GetMTime();
     return opened;
@@ -36,36 +36,26 @@ std::unique_ptr<DORecord> Open(Record const& record) {
 
 } // namespace
 
-void ConvertDORecord(Record const& record, Order order) noexcept {
-    if (record.order != order) {
-        auto* const header = reinterpret_cast<DORecordHeader*>(record.bytes);
-        (order == Order::Network ? DORecordHeaderHton : DORecordHeaderNtoh)(header);
-    }
-}
-
 std::unique_ptr<DORecord> OpenDORecord(std::string_view file, Record const& record) {
     try {
         return Open(record);
     } catch (Cr_ErrnoException const& error) {
-        char const* const text = error.what();
-        throw InputFailure(fmt::format("{}: record {} at byte {}: {}", file, record.number, record.offset,
-                                       *text != '\0' ? text : CRStatusToStringA(error.GetStatus())));
+        throw InputFailure(PlaceOf(file, record) + ": " + TextOf(error));
     }
 }
 
 Record const* OnlyDORecord(RecordStream& stream) {
     Record const* const record = stream.Next();
     std::vector<Finding> findings;
-    if (!Diagnose(*record, Depth::FirstError, findings)) {
-        Complain(Describe(stream.Name(), *record, findings.front()));
+    if (!CheckRecord(stream.Name(), *record, findings)) {
         stream.ThrowIfChanged();
         return nullptr;
     }
     if (record->kind == Kind::Segment) {
-        throw Failure(stream.Name() + ": is a segment record, where a DO record is needed");
+        throw Failure(stream.Name() + ": is a segment record, expected a DO record");
     }
     if (!stream.EndsHere()) {
-        throw Failure(stream.Name() + ": holds more than one record, where one is needed");
+        throw Failure(stream.Name() + ": has more than one record, expected one");
     }
     return record;
 }

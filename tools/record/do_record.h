@@ -1,4 +1,4 @@
-// What the tool knows of DO records.
+// Opens DO records.
 
 #pragma once
 
@@ -14,11 +14,18 @@
 
 namespace crrecord::tool {
 
-// Brings the bytes of a valid record, which are still as they were found, into `order`.
-void ConvertDORecord(Record const& record, Order order) noexcept;
+// A range of records or segments. Both ends are included.
+struct Range {
+    std::uint64_t first = 0;
+    std::uint64_t last = std::numeric_limits<std::uint64_t>::max();
 
-// A valid DO record, or the one that a valid exchange form makes, in host order and with its references. It works in
-// the record's bytes where it can; they are used up. Throws InputFailure where the library refuses it.
+    // Returns: one past the last of `count` elements that is in the range.
+    constexpr std::uint64_t EndOf(std::uint64_t count) const noexcept { return last < count ? last + 1 : count; }
+};
+
+// Returns: a valid DO record, or the one made from a valid exchange form, in host order and with its references. It may
+// use and overwrite the bytes of `record`.
+// Throws: InputFailure if the library rejects the record.
 std::unique_ptr<DORecord> OpenDORecord(std::string_view file, Record const& record);
 
 // The bytes of an open record.
@@ -26,14 +33,15 @@ inline std::span<unsigned char const> BytesOf(DORecord const& record) {
     return {reinterpret_cast<unsigned char const*>(record.GetHeader()), record.GetHeaderSize()};
 }
 
-// The only record of an input, for verbs that work on one: a valid DO record or exchange form, as it was found. Null,
-// and told, where it is bad. Throws Failure where there are more, or where it is a segment record.
+// Returns: the only record of an input, a valid DO record or exchange form as it was read; null for a bad record, after
+// a message.
+// Throws: Failure for several records and for a segment record.
 Record const* OnlyDORecord(RecordStream& stream);
 
-// The same, open.
+// The same record, opened.
 std::unique_ptr<DORecord> OpenOnlyDORecord(RecordStream& stream);
 
-// The fingerprint in lower-case hexadecimal digits.
+// Returns: the fingerprint in lower-case hexadecimal digits.
 std::string TextOf(crfp_digest_t const& fingerprint, unsigned int fptype);
 
 // Calls use(index, position in the object, segment) for the first `count` segments.
@@ -42,7 +50,7 @@ void ForEachSegment(DOSegmentRange const& segments, unsigned int dotype, std::ui
     std::uint64_t position = 0;
     for (unsigned int i = 0; i < std::min<std::uint64_t>(count, segments.size()); ++i) {
         DOSegment const segment = segments[i];
-        // The others follow each other without gaps; what else may be stored says nothing of the place.
+        // Only DO type 3 has gaps. In the others each segment starts at the end of the one before it.
         position = dotype == CR_DO_TYPE_8_BYTE_OFFSET ? segment.offset : position;
         use(i, position, segment);
         position += segment.size;

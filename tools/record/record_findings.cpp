@@ -1,6 +1,6 @@
 #include "record/record_findings.h"
 
-#include "io/text.h"
+#include "io/failure.h"
 
 #include <crrecord/DORecordHeader.h>
 #include <crrecord/SOmarshall.h>
@@ -12,25 +12,24 @@ namespace crrecord::tool {
 
 namespace {
 
-// A form of a gigabyte may have as many bad fingerprints as others have segments: what is kept of them is bounded.
+// A form of a gigabyte may have millions of bad fingerprints, so the number of findings kept is bounded.
 constexpr std::uint64_t kMostFindings = 10'000;
 
 struct Keeper {
     std::vector<Finding>& findings;
-    std::uint64_t more = 0; // that were not kept
+    Depth depth;
+    std::uint64_t more = 0; // findings that were not kept
 };
 
-template <Depth depth>
 bool Keep(cr_finding_t const* finding, void* context) {
-    auto& keeper = *static_cast<Keeper*>(context);
-    bool const isError = finding->severity == CR_FINDING_ERROR;
-    if (keeper.findings.size() == kMostFindings) {
-        ++keeper.more;
-    } else if (depth == Depth::Everything || isError) {
-        keeper.findings.push_back({finding->code, finding->severity, finding->offset, finding->found, finding->expected,
-                                   finding->field, finding->message});
+    auto& [findings, depth, more] = *static_cast<Keeper*>(context);
+    if (findings.size() == kMostFindings) {
+        ++more;
+    } else {
+        findings.push_back({finding->code, finding->severity, finding->offset, finding->found, finding->expected,
+                            finding->field, finding->message});
     }
-    return depth == Depth::Everything || !isError;
+    return depth == Depth::Everything;
 }
 
 cr_status_t DiagnoseBytes(Record const& record, cr_finding_callback_t keep, void* context) {
@@ -45,7 +44,7 @@ cr_status_t DiagnoseBytes(Record const& record, cr_finding_callback_t keep, void
     }
 }
 
-// Whether an input that isn't records begins as JSON does, or with a byte order mark, as some write in front of it.
+// Returns: true if an input of no records starts like JSON, or with the byte order mark that some programs write first.
 bool LooksLikeJson(Record const& record) noexcept {
     std::string_view const text(reinterpret_cast<char const*>(record.bytes), record.size);
     std::size_t const start = text.find_first_not_of(" \t\r\n");
@@ -55,7 +54,7 @@ bool LooksLikeJson(Record const& record) noexcept {
 
 char const* RemarkOn(Record const& record) noexcept {
     if (LooksLikeJson(record)) {
-        return " (this looks like JSON: convert reads it, one record a line and nothing around them)";
+        return " (this looks like JSON: convert reads it, with one record on each line and no other text)";
     }
     if (record.endsTooEarly) {
         return record.size == 0 ? " (the input is empty)" : " (the input ends within this record)";
@@ -82,21 +81,31 @@ Colour ColourOf(Finding const& finding) noexcept {
 
 bool Diagnose(Record const& record, Depth depth, std::vector<Finding>& findings) {
     findings.clear();
-    Keeper keeper{findings};
-    // Of something unknown the first error says that; what its bytes would mean in a segment record is no news.
-    bool const everything = depth == Depth::Everything && record.kind != Kind::Unknown;
-    cr_status_t const status =
-        DiagnoseBytes(record, everything ? Keep<Depth::Everything> : Keep<Depth::FirstError>, &keeper);
+    // Without a callback the library skips the checks for notes.
+    if (depth == Depth::FirstError && DiagnoseBytes(record, nullptr, nullptr) == CR_STATUS_OK) {
+        return true;
+    }
+    // The first error of an unknown record reports its type. Further errors would be those of a segment record.
+    Keeper keeper{findings, record.kind == Kind::Unknown ? Depth::FirstError : depth};
+    cr_status_t const status = DiagnoseBytes(record, Keep, &keeper);
     if (keeper.more != 0) {
         findings.back().message += fmt::format(" (and {} more)", Counted(keeper.more, "finding"));
     }
     return status == CR_STATUS_OK;
 }
 
+bool CheckRecord(std::string_view file, Record const& record, std::vector<Finding>& findings) {
+    bool const valid = Diagnose(record, Depth::FirstError, findings);
+    if (!valid) {
+        Complain(Describe(file, record, findings.front()));
+    }
+    return valid;
+}
+
 std::string Describe(std::string_view file, Record const& record, Finding const& finding) {
-    return fmt::format("{}: record {} at byte {}: {} {} in {} at byte {}: found {}, expected {}: {}{}", file,
-                       record.number, record.offset, NameOfSeverity(finding.severity), CRFindingName(finding.code),
-                       finding.field, record.offset + finding.offset, finding.found, finding.expected, finding.message,
+    return fmt::format("{}: {} {} in {} at byte {}: found {}, expected {}: {}{}", PlaceOf(file, record),
+                       NameOfSeverity(finding.severity), CRFindingName(finding.code), finding.field,
+                       record.offset + finding.offset, finding.found, finding.expected, finding.message,
                        RemarkOn(record));
 }
 
@@ -131,11 +140,11 @@ void AppendJsonFindings(fmt::memory_buffer& to, std::vector<Finding> const& find
     to.push_back(']');
 }
 
-void AppendJsonFindingsLine(fmt::memory_buffer& to, std::string_view quotedFile, Record const& record, bool valid,
-                            std::vector<Finding> const& findings) {
-    AppendJsonStart(to, quotedFile, record, valid);
-    AppendJsonFindings(to, findings);
-    to.append(std::string_view("}\n"));
+void PrintJsonFindings(Output& out, std::string_view quotedFile, Record const& record, bool valid,
+                       std::vector<Finding> const& findings) {
+    AppendJsonStart(out.Buffer(), quotedFile, record, valid);
+    AppendJsonFindings(out.Buffer(), findings);
+    out.Write("}\n");
 }
 
 } // namespace crrecord::tool

@@ -1,9 +1,9 @@
-// What the library's validators say of a record, for people and for programs.
+// The findings of the library's validators, as text and as JSON.
 
 #pragma once
 
+#include "io/output.h"
 #include "io/record_stream.h"
-#include "io/text.h"
 
 #include <string>
 #include <vector>
@@ -12,7 +12,7 @@
 
 namespace crrecord::tool {
 
-// A finding kept beyond its callback.
+// A copy of a finding, which the library passes to its callback only.
 struct Finding {
     int code;
     int severity;
@@ -28,29 +28,33 @@ Colour ColourOf(Finding const& finding) noexcept;
 
 enum class Depth { Everything, FirstError };
 
-// Whether the record, whose bytes are still as they were found, may be used. `findings` gets what was found, and
-// nothing else; of a great many findings the first, of which the last one says how many there are more.
+// Validates a record, whose bytes are in the order in which they were read, and replaces `findings` by its findings.
+// Of very many findings the first are kept, and the last one kept has the number of the others.
+// Returns: true for a valid record.
 bool Diagnose(Record const& record, Depth depth, std::vector<Finding>& findings);
 
-// One line without its end: where, what, and why the rest of the input is not read where that is so.
+// Validates a record and reports its first error on standard error. Returns: true for a valid record.
+bool CheckRecord(std::string_view file, Record const& record, std::vector<Finding>& findings);
+
+// Returns: one line without its end: the place, the finding, and the reason if the rest of the input is not read.
 std::string Describe(std::string_view file, Record const& record, Finding const& finding);
 
-// Version of the JSON form, which every line says. docs/json.md says what may change within one.
+// The version of the JSON form, in every line. docs/json.md lists the changes allowed within one version.
 inline constexpr unsigned int kJsonSchema = 1;
 
-// How the JSON object of every line begins, whatever it is about. The object is left open.
+// Returns: the start of the JSON object of any line. The object is left open.
 std::string JsonStart();
 
-// The members with which the JSON object of every record begins, the object left open. `quotedFile` is from
-// JsonQuoted; without it nothing is said of where the record was found.
+// Appends the first members of a record's JSON object, which is left open. `quotedFile` is from JsonQuoted; without it
+// the members for the record's place are omitted.
 void AppendJsonStart(fmt::memory_buffer& to, Record const& record);
 void AppendJsonStart(fmt::memory_buffer& to, std::string_view quotedFile, Record const& record, bool valid);
 
-// The member "findings", with its comma.
+// Appends the member "findings", after a comma.
 void AppendJsonFindings(fmt::memory_buffer& to, std::vector<Finding> const& findings);
 
-// A whole line that says nothing else of a record, such as of a bad one.
-void AppendJsonFindingsLine(fmt::memory_buffer& to, std::string_view quotedFile, Record const& record, bool valid,
-                            std::vector<Finding> const& findings);
+// Prints a whole line with the record's place and findings only.
+void PrintJsonFindings(Output& out, std::string_view quotedFile, Record const& record, bool valid,
+                       std::vector<Finding> const& findings);
 
 } // namespace crrecord::tool

@@ -1,4 +1,4 @@
-// The references of a DO record in text, as people and programs read them.
+// The references of a DO record as text.
 
 #pragma once
 
@@ -29,18 +29,18 @@ struct ReleaseReference {
 };
 using Reference = std::unique_ptr<_cr_tref_t, ReleaseReference>;
 
-// What ParseReference takes.
+// Describes the texts that ParseReference accepts.
 inline constexpr char kReferenceForm[] = "a reference such as task:17 (kind 2), dsid:5 (kind 4) or ref6:9, of kinds "
                                          "0 to 10 and ids 0 to 18446744073709551615, of dsid to 4294967295";
 
-// Null where the text is no reference.
+// Returns: null for a text that is not a reference.
 inline Reference ParseReference(std::string_view text) {
     unsigned long consumed = 0;
     Reference reference(CRTRefNewDeserialize(text.data(), text.size(), CR_TREF_TEXT, &consumed));
     return consumed == text.size() ? std::move(reference) : nullptr;
 }
 
-// Calls use(text) for each one of the legacy arrays.
+// Calls use(text) for each reference of the legacy arrays.
 template <class Use>
 void ForEachLegacyReference(DORecordView const& view, Use use) {
     for (unsigned int i = 0; i < view.GetLegacyTaskIDs(); ++i) {
@@ -53,7 +53,7 @@ void ForEachLegacyReference(DORecordView const& view, Use use) {
     }
 }
 
-// Calls use(text) for each typed one.
+// Calls use(text) for each typed reference.
 template <class Use>
 void ForEachReference(DORecordView const& view, Use use) {
     for (DOReference const reference : view.References()) {
@@ -69,7 +69,7 @@ void ForEachReferenceKind(Use use) {
     }
 }
 
-// Calls use(text) for each one of an open record, by kind and id, kind 0 too.
+// Calls use(text) for each reference of an open record, by kind and id, including kind 0.
 template <class Use>
 void ForEachReference(DORecord const& record, Use use) {
     ForEachReferenceKind([&](cr_reftype_t kind) {

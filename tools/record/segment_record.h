@@ -1,4 +1,4 @@
-// What the tool knows of segment records.
+// The table of segment records.
 
 #pragma once
 
@@ -14,12 +14,9 @@
 
 namespace crrecord::tool {
 
-// Brings the bytes of a valid record, which are still as they were found, into `order`.
-void ConvertSegmentRecord(Record const& record, Order order) noexcept;
-
 _SegmentDBRecord& AsSegmentRecord(Record const& record) noexcept;
 
-// For valid records whose bytes were turned to host order: the rows of the table.
+// The table's rows, for valid records in host order.
 void PrintSegmentHeading(Output& out, bool showKey);
 void AppendSegmentRow(fmt::memory_buffer& to, Record const& record, bool showKey);
 

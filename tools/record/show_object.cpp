@@ -1,7 +1,6 @@
 #include "record/show_object.h"
 
 #include "io/failure.h"
-#include "record/do_record.h"
 #include "record/references.h"
 
 #include <crrecord/do_types.h>

@@ -1,18 +1,15 @@
-// What a DO record says, for people.
+// The content of a DO record as text.
 
 #pragma once
 
 #include "io/output.h"
-#include "io/record_stream.h"
-#include "record/range.h"
-
-#include <crrecord/DORecordView.h>
+#include "record/do_record.h"
 
 namespace crrecord::tool {
 
 constexpr Range kFirstSegments{0, 19};
 
-// Reads FROM:TO, where either may be missing, of numbers that begin with `least`. Throws CLI::ValidationError.
+// Reads FROM:TO, of which either may be missing, of numbers from `least` on. Throws: CLI::ValidationError.
 Range ParseRange(std::string const& option, std::string const& text, std::uint64_t least);
 
 // "2024-01-01 00:00:00 UTC", or "never" for 0.
@@ -22,10 +19,10 @@ std::string TimeText(unsigned int seconds);
 std::string CrcText(unsigned int crc);
 std::string FlagsText(unsigned int flags);
 
-// Of a valid DO type.
+// The name of a valid DO type.
 char const* NameOfDOType(unsigned int dotype) noexcept;
 
-// Header, containers, references and segments, or the bitmap's size. The record is as it was found.
+// Prints the header, containers, references and segments, or the bitmap's size. The record is as it was read.
 void PrintObject(Output& out, Record const& record, DORecordView const& view, Range segments);
 
 } // namespace crrecord::tool

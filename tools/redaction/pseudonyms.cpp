@@ -1,5 +1,7 @@
 #include "redaction/pseudonyms.h"
 
+#include "io/failure.h"
+
 #include <crrecord/container.h>
 
 #include "base/byteorder.h"
@@ -7,10 +9,54 @@
 #include <algorithm>
 #include <limits>
 
+#include <openssl/core_names.h>
+#include <openssl/params.h>
+#include <sys/random.h>
+
 namespace crrecord::tool {
 
+namespace {
+
+void Check(bool done) {
+    if (!done) {
+        throw Failure("HMAC-SHA-256 is not available");
+    }
+}
+
+} // namespace
+
+Pseudonyms::Pseudonyms(std::span<unsigned char const> secret) : recent_(kRecent) {
+    std::unique_ptr<EVP_MAC, decltype(&EVP_MAC_free)> const hmac(EVP_MAC_fetch(nullptr, OSSL_MAC_NAME_HMAC, nullptr),
+                                                                 &EVP_MAC_free);
+    Check(hmac != nullptr);
+    hmac_.reset(EVP_MAC_CTX_new(hmac.get()));
+    char digest[] = "SHA256";
+    OSSL_PARAM const parameters[] = {OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digest, 0),
+                                     OSSL_PARAM_construct_end()};
+    Check(hmac_ && EVP_MAC_init(hmac_.get(), secret.data(), secret.size(), parameters) == 1);
+}
+
+Pseudonyms::Hash Pseudonyms::RandomSecret() {
+    Hash secret;
+    // A request for so few bytes is never interrupted by a signal.
+    if (::getrandom(secret.data(), secret.size(), 0) != static_cast<ssize_t>(secret.size())) {
+        throw Failure(ErrnoText("random bytes", "read"));
+    }
+    return secret;
+}
+
+Pseudonyms::Hash Pseudonyms::Hmac(unsigned char domain, std::span<unsigned char const> bytes) {
+    Hash value;
+    std::size_t size = 0;
+    // EVP_MAC_init without a key restarts with the same key.
+    Check(EVP_MAC_init(hmac_.get(), nullptr, 0, nullptr) == 1 && EVP_MAC_update(hmac_.get(), &domain, 1) == 1 &&
+          EVP_MAC_update(hmac_.get(), bytes.data(), bytes.size()) == 1 &&
+          EVP_MAC_final(hmac_.get(), value.data(), &size, value.size()) == 1 && size == value.size());
+    return value;
+}
+
 void Pseudonyms::Fingerprint(unsigned char* bytes, unsigned int width) {
-    std::copy_n(hash_(kFingerprint, {bytes, width}).begin(), width, bytes);
+    std::copy_n(Hmac(kFingerprint, {bytes, width}).begin(), width, bytes);
 }
 
 std::uint64_t Pseudonyms::Container(std::uint64_t id) {
@@ -34,12 +80,12 @@ std::uint32_t Pseudonyms::Checksum(std::uint32_t crc) {
 }
 
 void Pseudonyms::Bitmap(std::span<unsigned char> bitmap) {
-    KeyedHash::Value const seed = hash_(kBitmap, bitmap);
+    Hash const seed = Hmac(kBitmap, bitmap);
     std::array<unsigned char, seed.size() + sizeof(std::uint64_t)> message{};
     std::copy(seed.begin(), seed.end(), message.begin());
     for (std::uint64_t block = 0; !bitmap.empty(); ++block) {
         Store(message.data() + seed.size(), block, Order::Network);
-        KeyedHash::Value const bytes = hash_(kBitmapBlock, message);
+        Hash const bytes = Hmac(kBitmapBlock, message);
         std::size_t const count = std::min(bitmap.size(), bytes.size());
         std::copy_n(bytes.begin(), count, bitmap.begin());
         bitmap = bitmap.subspan(count);
@@ -57,9 +103,9 @@ std::uint64_t Pseudonyms::Id(unsigned char domain, std::uint64_t id, std::uint64
     return known.pseudonym;
 }
 
-// Steps on until it is among the ids of the same width again ("cycle walking": Black and Rogaway, Ciphers with
-// Arbitrary Finite Domains, 2002). A permutation leads back there at last, and the steps are a permutation too. Nearly
-// all numbers of either width are ids, so that hardly ever a second step is needed.
+// Repeats the permutation until the result is an id of the same width again ("cycle walking": Black and Rogaway,
+// Ciphers with Arbitrary Finite Domains, 2002), which is itself a permutation of these ids. Nearly all numbers of
+// either width are ids, so a second step is rare.
 std::uint64_t Pseudonyms::Permuted(unsigned char domain, std::uint64_t id, std::uint64_t least) {
     constexpr std::uint64_t kMost32 = std::numeric_limits<std::uint32_t>::max();
     bool const wide = id > kMost32;
@@ -69,9 +115,9 @@ std::uint64_t Pseudonyms::Permuted(unsigned char domain, std::uint64_t id, std::
     return id;
 }
 
-// A keyed permutation of the numbers of 2 * halfBits bits: a balanced Feistel network of ten rounds, as FF1 of
-// NIST SP 800-38G has them, with HMAC-SHA-256 as the round function. Four rounds would do for wide numbers (Luby and
-// Rackoff, 1988), but not for those of 32 bits.
+// A keyed permutation of the numbers of 2 * halfBits bits: a balanced Feistel network of ten rounds, as in FF1 of
+// NIST SP 800-38G, with HMAC-SHA-256 as the round function. Four rounds are enough for 64 bits (Luby and Rackoff,
+// 1988), but not for 32 bits.
 std::uint64_t Pseudonyms::Feistel(unsigned char domain, std::uint64_t value, unsigned int halfBits) {
     constexpr unsigned char kRounds = 10;
     std::uint64_t const mask = (std::uint64_t{1} << halfBits) - 1;
@@ -80,7 +126,7 @@ std::uint64_t Pseudonyms::Feistel(unsigned char domain, std::uint64_t value, uns
     for (unsigned char round = 0; round < kRounds; ++round) {
         std::array<unsigned char, 2 + sizeof right> message{static_cast<unsigned char>(halfBits), round};
         Store(message.data() + 2, right, Order::Network);
-        std::uint64_t const mixed = Load<std::uint64_t>(hash_(domain, message).data(), Order::Network);
+        std::uint64_t const mixed = Load<std::uint64_t>(Hmac(domain, message).data(), Order::Network);
         left = std::exchange(right, left ^ (mixed & mask));
     }
     return left << halfBits | right;

@@ -1,37 +1,49 @@
-// Other names for what records name.
+// Pseudonyms for the values that identify data.
 //
-// Whoever has a pseudonym and not the secret learns nothing of the value but what stands here: the same value has the
-// same pseudonym for as long as the secret is the same, and trying out all values leads nowhere. Memory: constant.
+// Equal values have equal pseudonyms under the same secret. Without the secret a pseudonym reveals nothing else about
+// its value, also to a search through all values. Memory: constant.
+//
+// Ids are encrypted with a cipher and not hashed: hashes of 32-bit ids would collide from some 77,000 ids on, which
+// would merge containers and references, and remembering them would make pseudonyms depend on the order of the records.
 
 #pragma once
 
-#include "redaction/keyed_hash.h"
-
 #include <crrecord/tref.h>
 
+#include <array>
 #include <cstdint>
+#include <memory>
+#include <span>
 #include <vector>
+
+#include <openssl/evp.h>
 
 namespace crrecord::tool {
 
 class Pseudonyms {
 public:
-    explicit Pseudonyms(std::span<unsigned char const> secret) : hash_(secret), recent_(kRecent) {}
+    using Hash = std::array<unsigned char, 32>;
 
-    // In place; 16 or 32 bytes. Two values share a pseudonym with the odds of a collision of SHA-256 cut to that width.
+    // Throws: Failure if the system has no HMAC-SHA-256.
+    explicit Pseudonyms(std::span<unsigned char const> secret);
+
+    // Returns: 32 random bytes from the system. Throws: Failure if there are none.
+    static Hash RandomSecret();
+
+    // In place; 16 or 32 bytes. Collisions are as likely as those of SHA-256 cut to that width.
     void Fingerprint(unsigned char* bytes, unsigned int width);
 
-    // Different values have different pseudonyms. Values below 2^32 stay below it, larger ones above.
-    // The ids that are not free for use stay as they are.
+    // Different values have different pseudonyms. Values below 2^32 stay below 2^32, larger ones stay larger.
+    // Reserved container ids are not changed.
     std::uint64_t Container(std::uint64_t id);
-    // A file's path id and file id; 0 stays 0.
+    // The path id and file id of a file; 0 stays 0.
     std::uint64_t Path(std::uint64_t id);
     std::uint64_t File(std::uint64_t id);
     std::uint64_t Reference(cr_reftype_t kind, std::uint64_t id);
-    // 0, which stands for none, stays 0.
+    // 0, which means no checksum, stays 0.
     std::uint32_t Checksum(std::uint32_t crc);
 
-    // In place: bytes that look random, the same for the same bitmap.
+    // In place: bytes that look random, equal for equal bitmaps.
     void Bitmap(std::span<unsigned char> bitmap);
 
 private:
@@ -44,7 +56,7 @@ private:
         kChecksum,
         kBitmap,
         kBitmapBlock,
-        kReference, // and the kind of reference on top
+        kReference, // plus the kind of reference
     };
     struct Known {
         unsigned char domain = kNone;
@@ -54,13 +66,18 @@ private:
     static constexpr unsigned int kRecentBits = 12;
     static constexpr std::size_t kRecent = std::size_t{1} << kRecentBits;
 
-    // Ids below `least` stay as they are.
+    // Ids below `least` are not changed.
     std::uint64_t Id(unsigned char domain, std::uint64_t id, std::uint64_t least);
     std::uint64_t Permuted(unsigned char domain, std::uint64_t id, std::uint64_t least);
     std::uint64_t Feistel(unsigned char domain, std::uint64_t value, unsigned int halfBits);
+    // HMAC-SHA-256 of the byte `domain`, which separates the uses of the secret, and of `bytes`.
+    Hash Hmac(unsigned char domain, std::span<unsigned char const> bytes);
 
-    KeyedHash hash_;
-    std::vector<Known> recent_; // since records name the same few containers again and again
+    struct Free {
+        void operator()(EVP_MAC_CTX* context) const { EVP_MAC_CTX_free(context); }
+    };
+    std::unique_ptr<EVP_MAC_CTX, Free> hmac_;
+    std::vector<Known> recent_; // a cache: most records repeat a few containers
 };
 
 } // namespace crrecord::tool

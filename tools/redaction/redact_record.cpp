@@ -6,6 +6,7 @@
 
 #include "SOmarshall/layout.h"
 #include "support/layout/dcid_totals.h"
+#include "tref/value.h"
 
 #include <utility>
 
@@ -13,13 +14,13 @@ namespace crrecord::tool {
 
 namespace {
 
-// Changes the number at `at` into what `rename` makes of it.
+// Replaces the number at `at` by rename(number).
 template <class T, class Rename>
 void Replace(unsigned char* at, Order order, Rename rename) {
     Store<T>(at, rename(Load<T>(at, order)), order);
 }
 
-// In host order.
+// The record is in host order.
 void RedactSegmentRecord(_SegmentDBRecord& stored, Pseudonyms& pseudonyms) {
     bool const contained = RecordInContainer(stored.fileid);
     stored.pathid = contained ? pseudonyms.Container(stored.pathid) : pseudonyms.Path(stored.pathid);
@@ -41,11 +42,11 @@ void RedactSegmentRecord(_SegmentDBRecord& stored, Pseudonyms& pseudonyms) {
 }
 
 void WriteSegmentRecord(OutputFile& to, Record const& record, Pseudonyms& pseudonyms) {
-    Record turned = record;
-    ConvertSegmentRecord(turned, Order::Host);
-    turned.order = Order::Host;
-    RedactSegmentRecord(AsSegmentRecord(turned), pseudonyms);
-    ConvertSegmentRecord(turned, record.order);
+    Record host = record;
+    ConvertRecord(host, Order::Host);
+    host.order = Order::Host;
+    RedactSegmentRecord(AsSegmentRecord(host), pseudonyms);
+    ConvertRecord(host, record.order);
     to.Write(record.bytes, record.size);
 }
 
@@ -71,8 +72,8 @@ public:
         std::fill_n(area + kBloomLengthSize + size, kBloomEndSize, static_cast<unsigned char>(0));
     }
 
-    // Ascending by their new ids. Of a container that stands there twice the later entry counts, as it does when the
-    // list is read.
+    // In ascending order of the new ids. Of two entries for one container the later one is kept, as by readers of the
+    // list.
     void UniqueList() {
         std::uint32_t const count = header_->nudcid;
         if (count == 0) {
@@ -95,7 +96,7 @@ public:
         header_->nudcid = kept;
     }
 
-    // The typed references and those of the legacy arrays, all typed, ascending and each once.
+    // Returns: all references, legacy ones included, as typed ones in ascending order without duplicates.
     std::vector<unsigned char> References() {
         std::vector<std::pair<cr_reftype_t, unsigned long>> references;
         auto const add = [&](cr_reftype_t kind, std::uint64_t id) {
@@ -132,26 +133,23 @@ private:
     Serialized(std::vector<std::pair<cr_reftype_t, unsigned long>> const& references) {
         std::vector<unsigned char> bytes;
         for (auto const& [kind, id] : references) {
-            _cr_tref_t* reference = CRTRefNew(kind, id);
-            if (!reference) {
-                throw std::bad_alloc();
-            }
+            _cr_tref_t const reference{id, kind};
             std::size_t const before = bytes.size();
-            bytes.resize(before + CRTRefSerializedSize(reference, CR_TREF_SERIALIZED));
-            CRTRefSerialize(bytes.data() + before, bytes.size() - before, reference, CR_TREF_SERIALIZED);
-            CRTRefDelete(&reference);
+            bytes.resize(before + CRTRefSerializedSize(&reference, CR_TREF_SERIALIZED));
+            CRTRefSerialize(bytes.data() + before, bytes.size() - before, &reference, CR_TREF_SERIALIZED);
         }
         return bytes;
     }
 
     DORecordHeader* header_;
     unsigned char* bytes_;
-    RecordLayout layout_; // as it was found
+    RecordLayout layout_; // before redaction
     Pseudonyms& pseudonyms_;
 };
 
-// The record stands in host order and is written in `order`. Returns its size, or 0, with nothing written, where it
-// would be larger than a record may be: typed references are longer than legacy ones.
+// Writes a record in host order in `order`.
+// Returns: its size, or 0 without output if it would exceed the largest record: typed references are longer than legacy
+// ones.
 std::uint64_t WriteObject(OutputFile& to, DORecordHeader* header, Order order, Pseudonyms& pseudonyms) {
     ObjectRedaction redaction(header, pseudonyms);
     std::vector<unsigned char> const references = redaction.References();
@@ -184,12 +182,11 @@ std::uint64_t WriteRedacted(OutputFile& to, std::string_view file, Record const&
     if (record.kind == Kind::Form) {
         written = WriteObject(to, OpenDORecord(file, record)->GetHeader(), Order::Network, pseudonyms);
     } else {
-        ConvertDORecord(record, Order::Host);
+        ConvertRecord(record, Order::Host);
         written = WriteObject(to, reinterpret_cast<DORecordHeader*>(record.bytes), record.order, pseudonyms);
     }
     if (written == 0) {
-        throw InputFailure(fmt::format("{}: record {} at byte {}: would be larger than 4 GiB - 1 with typed references",
-                                       file, record.number, record.offset));
+        throw InputFailure(PlaceOf(file, record) + ": would be larger than 4 GiB - 1 with typed references");
     }
     return written;
 }

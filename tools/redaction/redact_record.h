@@ -1,4 +1,4 @@
-// Records without what identifies data.
+// Records without the values that identify data.
 
 #pragma once
 
@@ -8,9 +8,10 @@
 
 namespace crrecord::tool {
 
-// Writes a valid record, whose bytes are still as they were found and are used up, with pseudonyms in it and in
-// canonical form; docs/command.md has what stays and what goes. Returns its size. Throws InputFailure where it would be
-// larger than a record may be.
+// Writes a valid record with pseudonyms and in canonical form. docs/command.md lists the values that are kept and
+// replaced. The record is in the order in which it was read; its bytes are overwritten.
+// Returns: the bytes written.
+// Throws: InputFailure if the result would exceed the largest record.
 std::uint64_t WriteRedacted(OutputFile& to, std::string_view file, Record const& record, Pseudonyms& pseudonyms);
 
 } // namespace crrecord::tool

@@ -1,4 +1,4 @@
-// crrecord annotate: every byte of the records, and the way back.
+// crrecord annotate: every byte of the records as text, and that text as bytes again.
 
 #include "anatomy/read_back.h"
 #include "anatomy/rows.h"
@@ -13,14 +13,9 @@ struct AnnotateOptions {
     std::vector<std::string> files{"-"};
     FormOptions form;
     bool json = false;
-    std::string text; // of the way back
+    std::string text; // of --reverse
     std::string out;
 };
-
-template <class Rows>
-void AddRows(Rows& rows, Record const& record) {
-    Walk(record, [&rows, &record](Row const& row) { rows.Add(record.offset, row); });
-}
 
 template <class Rows>
 ExitCode AnnotateInput(RecordStream& stream, Rows rows) {
@@ -32,7 +27,7 @@ ExitCode AnnotateInput(RecordStream& stream, Rows rows) {
                          [](Finding const& a, Finding const& b) { return a.offset < b.offset; });
         rows.Begin(*record, valid, findings);
         do {
-            AddRows(rows, *record);
+            Walk(*record, [&](Row const& row) { rows.Add(record->offset, row); });
         } while (record->kind == Kind::Unknown && stream.NextBlock());
         rows.End(findings);
         result = valid ? result : ExitCode::BadRecord;
@@ -69,32 +64,28 @@ ExitCode Annotate(AnnotateOptions const& options, Output& out) {
 } // namespace
 
 void AddAnnotate(CLI::App& app, Action& chosen) {
-    auto const options = std::make_shared<AnnotateOptions>();
-    CLI::App* const verb = app.add_subcommand("annotate", "Say of every byte what it is, of broken records too");
-    auto* const files = AddFiles(*verb, options->files);
-    auto* const json = verb->add_flag("--json", options->json, "One JSON object a line for each record");
-    AddFormOptions(*verb, options->form);
-    auto* const reverse = AddFile(*verb, "--reverse", options->text,
-                                  "Write the bytes of what annotate printed of one file, or of it after an edit")
-                              ->type_name("TEXT");
-    auto* const written =
-        AddFile(*verb, "-o,--out", options->out, "The file that --reverse writes; - is standard output")
-            ->type_name("OUT")
-            ->needs(reverse);
-    reverse->needs(written)->excludes(files)->excludes(json)->excludes(verb->get_option("--serialized"));
-    verb->footer(
-        "A line has the offset in the file (hexadecimal), up to sixteen bytes, and the section, the field and the "
-        "value\n"
-        "that they are. A line of !! has the finding about the byte above its ^^. What the record's counts ask for "
-        "and\n"
-        "is not there is told on a line without bytes.\n\n"
-        "--reverse takes the bytes and leaves the rest: each line with bytes begins with the offset at which the one "
-        "in\n"
-        "front of it ended, and lines that are empty or begin with #, ! or a blank have none. Bytes may be changed,\n"
-        "which makes a record that is broken as you want it. A text without bytes is refused.\n\n"
-        "The text has all of the record, key bytes too. For what may leave the house: crrecord redact.\n\n"
-        "Example:\n  crrecord annotate movie.do >movie.txt\n  crrecord annotate --reverse movie.txt -o movie.do");
-    verb->callback([options, &chosen] { chosen = [options](Output& out) { return Annotate(*options, out); }; });
+    auto const [verb, options] =
+        AddVerb(app, chosen, "annotate", "Show the meaning of every byte, also of broken records", Annotate);
+    auto* const files = AddFiles(verb, options.files);
+    auto* const json = verb.add_flag("--json", options.json, "One JSON object on a line for each record");
+    AddFormOptions(verb, options.form);
+    auto* const reverse =
+        AddFile(verb, "--reverse", options.text, "Write the bytes of a text that annotate printed, which may be edited")
+            ->type_name("TEXT");
+    auto* const written = AddFile(verb, "-o,--out", options.out, "The file that --reverse writes; - is standard output")
+                              ->type_name("OUT")
+                              ->needs(reverse);
+    reverse->needs(written)->excludes(files)->excludes(json)->excludes(verb.get_option("--serialized"));
+    verb.footer(
+        "A line has the offset in the file (hexadecimal), up to sixteen bytes, and their section, field and value. A\n"
+        "line of !! has the finding about the byte above its ^^. A line without bytes reports missing bytes.\n\n"
+        "--reverse writes the bytes of such a text. Each line of bytes starts with its offset, which is the end of "
+        "the\n"
+        "line before. Lines that are empty or start with #, ! or a blank are ignored. Edit the bytes to make a record\n"
+        "that is broken in a chosen way. A text without bytes is an error.\n\n"
+        "The text has the whole record with its keys. Use crrecord redact before you send records to others.\n\n"
+        "Example:\n  crrecord annotate movie.do >movie.txt\n"
+        "  crrecord annotate --reverse movie.txt -o movie.do");
 }
 
 } // namespace crrecord::tool

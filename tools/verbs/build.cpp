@@ -1,18 +1,24 @@
-// crrecord build: the DO record of a real file.
+// crrecord build and segments build: the DO record or the segment records of a file.
 
 #include "record/cut.h"
 #include "record/do_record.h"
 #include "record/record_findings.h"
 #include "verbs/verbs.h"
 
+#include "SOmarshall/layout.h"
 #include "support/layout/record_layout.h"
+
+#include <crrecord/SORecord.h>
+
+#include <array>
 
 namespace crrecord::tool {
 
 namespace {
 
-constexpr unsigned int kLargestSegment = 0x7fffffff; // the library takes larger ones for numbers in the wrong order
+constexpr unsigned int kLargestSegment = 0x7fffffff; // the library takes larger sizes for byte-swapped numbers
 
+// segments build has no DO type, tasks and data selections.
 struct BuildOptions {
     std::string file;
     std::string out;
@@ -23,7 +29,7 @@ struct BuildOptions {
     bool json = false;
 };
 
-// The arrays that a DO record is built from; they grow with the file.
+// The arrays from which a DO record is built. They grow with the file.
 class Entries {
 public:
     explicit Entries(BuildOptions const& options)
@@ -39,11 +45,11 @@ public:
         RecordCounts const counts{
             .nfp = static_cast<std::uint32_t>(dcids_.size()), .fptype = fptype_, .dotype = Type()};
         if (RecordLayout(counts).total > kLargestRecord) {
-            throw Failure("the record would be larger than 4 GiB - 1: take larger segments");
+            throw Failure("the record would be larger than 4 GiB - 1: choose larger segments");
         }
     }
 
-    // Of what a file of so many bytes will have; more may come.
+    // Allocates for the expected segments. There may be more.
     void Reserve(std::uint64_t segments) {
         RecordLayout const layout({.nfp = static_cast<std::uint32_t>(std::min(segments, kLargestRecord)),
                                    .fptype = fptype_,
@@ -54,14 +60,14 @@ public:
         }
     }
 
-    // Told as soon as it can be known.
+    // Called as early as the offset is known.
     void CheckOffset(std::uint64_t offset) const {
         if (dotype_ == CR_DO_TYPE_4_BYTE_OFFSET && offset > std::numeric_limits<std::uint32_t>::max()) {
-            throw Failure("a segment begins beyond 4 GiB, where DO type 5 has no offsets: take DO type 3");
+            throw Failure("a segment starts beyond 4 GiB, which DO type 5 cannot store: choose DO type 3");
         }
     }
 
-    // The entries go on the way: with its list of containers the record moves to a block of its new size.
+    // Frees the entries before it adds the list of containers, which copies the record to a larger block.
     std::unique_ptr<DORecord> Build(CutTotals const& totals, std::uint64_t segmentSize) && {
         auto record = std::make_unique<DORecord>(totals.lastContainer, totals.bytes, segmentSize, totals.crc, 0, 0,
                                                  entries_.data(), static_cast<unsigned int>(dcids_.size()),
@@ -98,19 +104,21 @@ private:
     std::vector<unsigned long> dcids_;
 };
 
-std::string ClosingLine(BuildOptions const& options, CutTotals const& totals, std::uint64_t recordSize) {
+// `gaps` and `ownMembers` are the members of only one of the verbs.
+std::string ClosingLine(BuildOptions const& options, CutTotals const& totals, std::string_view gaps,
+                        std::string_view ownMembers, std::uint64_t recordBytes, std::string_view records) {
     if (options.json) {
-        return fmt::format(R"({},"file":{},"out":{},"bytes":"{}","segments":"{}","gap_bytes":"{}","containers":"{}",)"
-                           R"("first_container":"{}","last_container":"{}","crc":{},"record_bytes":"{}"}})",
+        return fmt::format(R"({},"file":{},"out":{},"bytes":"{}","segments":"{}",{}"containers":"{}",)"
+                           R"("first_container":"{}","last_container":"{}",{},"record_bytes":"{}"}})",
                            JsonStart(), JsonQuoted(options.file), JsonQuoted(options.out), totals.bytes,
-                           totals.segments, totals.gaps, totals.Containers(), totals.firstContainer,
-                           totals.lastContainer, totals.crc, recordSize);
+                           totals.segments, gaps, totals.Containers(), totals.firstContainer, totals.lastContainer,
+                           ownMembers, recordBytes);
     }
-    std::string const gaps = totals.gaps == 0 ? "" : fmt::format(" and {} of holes", Counted(totals.gaps, "byte"));
-    return fmt::format("{}: {} in {}{}, {} ({} to {}); DO record of {} to {}", Printable(options.file),
-                       Counted(totals.bytes, "byte"), Counted(totals.segments, "segment"), gaps,
-                       Counted(totals.Containers(), "container"), totals.firstContainer, totals.lastContainer,
-                       Counted(recordSize, "byte"), Printable(options.out));
+    std::string const holes = totals.gaps == 0 ? "" : fmt::format(" and {} of holes", Counted(totals.gaps, "byte"));
+    return fmt::format("{}: {} in {}{}, {} ({} to {}); {} to {}", Printable(options.file),
+                       Counted(totals.bytes, "byte"), Counted(totals.segments, "segment"), holes,
+                       Counted(totals.Containers(), "container"), totals.firstContainer, totals.lastContainer, records,
+                       Printable(options.out));
 }
 
 ExitCode Build(BuildOptions const& options, Output& out) {
@@ -134,41 +142,98 @@ ExitCode Build(BuildOptions const& options, Output& out) {
     auto const bytes = BytesOf(*record);
     to.Write(bytes.data(), bytes.size());
     to.Commit();
-    PrintClosing(out, options.out, options.json, ClosingLine(options, totals, bytes.size()));
+    PrintClosing(out, options.out, options.json,
+                 ClosingLine(options, totals, fmt::format(R"("gap_bytes":"{}",)", totals.gaps),
+                             fmt::format(R"("crc":{})", totals.crc), bytes.size(),
+                             "DO record of " + Counted(bytes.size(), "byte")));
     return ExitCode::AllWell;
+}
+
+// The fixed part comes from SORecord; the fingerprint follows it, and the spare slot stays zero.
+void WriteSegmentRecord(OutputFile& out, CutSegment const& cut, unsigned char fptype) {
+    static constexpr char kNoKey[CR_SO_KEY_SIZE] = {};
+    SORecord const fixed(0, cut.container, static_cast<unsigned int>(cut.size), cut.crc, kNoKey, 0, fptype);
+    std::array<unsigned char, segment::RecordSize(0, 1, CR_FP_TYPE_SHA256)> bytes{};
+    std::memcpy(bytes.data(), fixed.GetHeader(), CR_SO_FIXED_SIZE);
+    std::memcpy(bytes.data() + segment::FingerprintOffset(0), cut.fingerprint.bytes, CRFPDigestSize(fptype));
+    auto* const record = reinterpret_cast<_SegmentDBRecord*>(bytes.data());
+    std::uint64_t const size = segment::RecordSize(0, 1, fptype);
+    record->nfp = 1;
+    record->recsize = static_cast<unsigned int>(size);
+    SegmentRecordHton(record, record, 0);
+    out.Write(bytes.data(), size);
+}
+
+ExitCode BuildSegments(BuildOptions const& options, Output& out) {
+    Input input(options.file);
+    RefuseToReplace({options.file}, options.out, "records");
+    OutputFile records(options.out, {options.file});
+    auto const fptype = static_cast<unsigned char>(options.cut.fptype);
+    CutTotals const totals = Cut(input, options.cut, Holes::AreZeros,
+                                 [&](CutSegment const& cut) { WriteSegmentRecord(records, cut, fptype); });
+    records.Commit();
+    std::uint64_t const recordSize = segment::RecordSize(0, 1, fptype);
+    std::uint64_t const recordBytes = totals.segments * recordSize;
+    PrintClosing(out, options.out, options.json,
+                 ClosingLine(options, totals, "", fmt::format(R"("record_size":{})", recordSize), recordBytes,
+                             Counted(recordBytes, "byte") + " of records"));
+    return ExitCode::AllWell;
+}
+
+void AddFileAndOut(Verb<BuildOptions> const& verb) {
+    AddFile(verb.app, "FILE", verb.options.file, "Any file; - is standard input")->required();
+    AddOut(verb.app, verb.options.out);
+}
+
+void AddJson(Verb<BuildOptions> const& verb) {
+    verb.app.add_flag("--json", verb.options.json, "The closing line as a JSON object");
 }
 
 } // namespace
 
 void AddBuild(CLI::App& app, Action& chosen) {
-    auto const options = std::make_shared<BuildOptions>();
-    CLI::App* const verb = app.add_subcommand("build", "Write the DO record of a file");
-    AddFile(*verb, "FILE", options->file, "Any file; - is standard input")->required();
-    AddFile(*verb, "-o,--out", options->out, "The file to write; - is standard output")->required()->type_name("OUT");
-    verb->add_option(
-            "--dotype", options->dotype,
-            "What a segment has beside its fingerprint: 0 and 1 nothing, 2 its size, 3 size and 64-bit offset, "
-            "5 size and 32-bit offset")
+    auto const verb = AddVerb(app, chosen, "build", "Write the DO record of a file", Build);
+    AddFileAndOut(verb);
+    verb.app
+        .add_option(
+            "--dotype", verb.options.dotype,
+            "What is stored with each fingerprint: 0 and 1 nothing, 2 the size, 3 size and 64-bit offset, 5 size "
+            "and 32-bit offset")
         ->check(CLI::IsMember({0, 1, 2, 3, 5}).description(""))
         ->type_name("N")
         ->capture_default_str();
-    AddCutOptions(*verb, options->cut, kLargestSegment);
-    verb->add_option("--task", options->tasks, "A task that refers to the object; may be given again")
+    AddCutOptions(verb.app, verb.options.cut, kLargestSegment);
+    verb.app.add_option("--task", verb.options.tasks, "A task that refers to the object; may be repeated")
         ->type_name("ID")
         ->check(WholeNumber(std::numeric_limits<std::uint64_t>::max()))
         ->allow_extra_args(false);
-    verb->add_option("--dsid", options->dsids, "A data selection that refers to the object; may be given again")
+    verb.app.add_option("--dsid", verb.options.dsids, "A data selection that refers to the object; may be repeated")
         ->type_name("ID")
         ->check(WholeNumber(CutOptions::kMost32))
         ->allow_extra_args(false);
-    verb->add_flag("--json", options->json, "The closing line as a JSON object");
-    verb->footer(
-        "Reads FILE once, and hashes on all processors. The record is in network order and has the list of its\n"
-        "containers. Its CRC is the CRC-32 of all of FILE, its own container the last one filled. With DO type 3 the\n"
-        "holes of a sparse FILE are gaps between the segments; otherwise, and in standard input, they are zeros like\n"
-        "any others. An empty FILE, or one that is one such gap, has no segments: status 2.\n\n"
+    AddJson(verb);
+    verb.app.footer(
+        "Reads FILE once and hashes on all processors. The record is in network order and has the list of its\n"
+        "containers. Its CRC is the CRC-32 of FILE, its container is the last one filled. With DO type 3 the holes of\n"
+        "a sparse FILE are gaps between the segments; with other types, and in standard input, they are zeros. A FILE\n"
+        "that is empty or one gap has no segments: status 2.\n\n"
         "Example:\n  crrecord build movie.mkv -o movie.do --task 17");
-    verb->callback([options, &chosen] { chosen = [options](Output& out) { return Build(*options, out); }; });
+}
+
+void AddSegments(CLI::App& app, Action& chosen) {
+    CLI::App* const segments = app.add_subcommand("segments", "Segment records of a file");
+    segments->require_subcommand(1);
+    segments->footer("Example:\n  crrecord segments build movie.mkv -o movie.seg");
+    auto const verb =
+        AddVerb(*segments, chosen, "build", "Write a segment record for each segment of a file", BuildSegments);
+    AddFileAndOut(verb);
+    AddCutOptions(verb.app, verb.options.cut);
+    verb.options.cut.segmentCrcs = true;
+    AddJson(verb);
+    verb.app.footer(
+        "Reads FILE once. Each record has the segment's container, size, CRC-32 and fingerprint, and is in network\n"
+        "order. Containers are filled one after the other. An empty FILE has no segments: status 2.\n\n"
+        "Example:\n  crrecord segments build movie.mkv -o movie.seg");
 }
 
 } // namespace crrecord::tool

@@ -1,4 +1,4 @@
-// crrecord convert: the same records in the other byte order, as exchange forms or as JSON, and back.
+// crrecord convert: records in either byte order, as exchange forms or as JSON, and back.
 
 #include "record/do_record.h"
 #include "record/record_findings.h"
@@ -32,7 +32,7 @@ struct FreeForm {
     void operator()(void* form) const { DORecord::SerializedDORecordFree(&form); }
 };
 
-// Writes a valid record in one byte order and returns its size.
+// Writes a valid record in one byte order. Returns: its size.
 std::uint64_t WriteRecord(OutputFile& to, std::string const& file, Record const& record, Order order) {
     if (record.kind == Kind::Form) {
         std::unique_ptr<DORecord> const made = OpenDORecord(file, record);
@@ -43,12 +43,12 @@ std::uint64_t WriteRecord(OutputFile& to, std::string const& file, Record const&
         to.Write(bytes.data(), bytes.size());
         return bytes.size();
     }
-    (record.kind == Kind::Segment ? ConvertSegmentRecord : ConvertDORecord)(record, order);
+    ConvertRecord(record, order);
     to.Write(record.bytes, record.size);
     return record.size;
 }
 
-// Writes the exchange form of a valid record and returns its size.
+// Writes the exchange form of a valid record. Returns: its size.
 std::uint64_t WriteForm(OutputFile& to, std::string const& file, Record const& record, bool withChecksum) {
     void* form = nullptr;
     unsigned long size = 0;
@@ -57,7 +57,7 @@ std::uint64_t WriteForm(OutputFile& to, std::string const& file, Record const& r
         if (withChecksum) {
             throw Failure(file + ": is a segment record, whose exchange form has no checksum");
         }
-        ConvertSegmentRecord(record, Order::Host);
+        ConvertRecord(record, Order::Host);
         status = SegmentRecordSerialize(&AsSegmentRecord(record), &form, &size);
     } else {
         status = OpenDORecord(file, record)->Serialize(&form, &size, withChecksum);
@@ -70,12 +70,12 @@ std::uint64_t WriteForm(OutputFile& to, std::string const& file, Record const& r
     return size;
 }
 
-// Writes a valid record as a line of JSON. Its bytes may have been turned from the order in which it was found.
+// Writes a valid record as a line of JSON. `foundIn` is the order of the original record.
 void WriteLine(Output& to, std::string const& file, Record const& record, Order foundIn) {
     Record line = record;
     line.order = foundIn;
     if (record.kind == Kind::Segment) {
-        ConvertSegmentRecord(record, Order::Host);
+        ConvertRecord(record, Order::Host);
         AppendJsonStart(to.Buffer(), line);
         json::WriteSegmentRecord(to, line, true);
         return;
@@ -97,13 +97,13 @@ class Converter {
 public:
     explicit Converter(ConvertOptions const& options) : options_(options), to_(options.out, {options.file}) {}
 
-    // Of a record from JSON, `foundIn` is the order that the line says.
+    // `foundIn` is the order that a line of JSON names.
     void Convert(Record const& record, std::optional<Order> foundIn = std::nullopt) {
         bool changed = true;
         if (options_.to == kSerialized) {
             if (tally_.records != 0) {
                 throw Failure(options_.file +
-                              ": holds more than one record, and exchange forms don't say where they end");
+                              ": has more than one record, and an exchange form does not store its length");
             }
             tally_.bytes += WriteForm(to_, options_.file, record, options_.form.checksum);
         } else if (options_.to == kJson) {
@@ -145,8 +145,7 @@ std::string ClosingLine(ConvertOptions const& options, Converted const& tally) {
 ExitCode ConvertRecords(RecordStream& stream, Converter& converter) {
     std::vector<Finding> findings;
     while (Record const* const record = stream.Next()) {
-        if (!Diagnose(*record, Depth::FirstError, findings)) {
-            Complain(Describe(stream.Name(), *record, findings.front()));
+        if (!CheckRecord(stream.Name(), *record, findings)) {
             return ExitCode::BadRecord;
         }
         converter.Convert(*record);
@@ -154,7 +153,7 @@ ExitCode ConvertRecords(RecordStream& stream, Converter& converter) {
     return ExitCode::AllWell;
 }
 
-// Throws json::Error where the line is no valid record.
+// Throws: json::Error for a line that is not a valid record.
 Record ReadLine(json::Reader& reader, Line const& line) {
     Record const record = reader.Read(line.text, line.readable);
     std::vector<Finding> findings;
@@ -184,6 +183,9 @@ ExitCode ConvertLines(RecordStream& stream, Converter& converter) {
 }
 
 ExitCode Convert(ConvertOptions const& options, Output& out) {
+    if (options.form.checksum && !options.form.serialized && options.to != kSerialized) {
+        throw Failure("--checksum requires --serialized or --to serialized (try: crrecord convert --help)");
+    }
     RecordStream stream(options.file, options.form.Facts());
     Converter converter(options);
     bool const isJson = !options.form.serialized && stream.IsJson();
@@ -198,38 +200,32 @@ ExitCode Convert(ConvertOptions const& options, Output& out) {
 } // namespace
 
 void AddConvert(CLI::App& app, Action& chosen) {
-    auto const options = std::make_shared<ConvertOptions>();
-    CLI::App* const verb =
-        app.add_subcommand("convert", "Write the same records in one byte order, as an exchange form or as JSON");
-    AddFile(*verb, "FILE", options->file, "A file of records, in any order, or of their JSON; - is standard input")
-        ->required();
-    verb->add_option("--to", options->to,
-                     "The byte order: this machine's own, or network (big-endian); or the exchange form; or JSON")
+    auto const [verb, options] = AddVerb(
+        app, chosen, "convert", "Write the same records in one byte order, as an exchange form or as JSON", Convert);
+    AddFile(verb, "FILE", options.file, "A file of records or of their JSON; - is standard input")->required();
+    verb.add_option("--to", options.to,
+                    "The byte order of this machine, network order (big-endian), the exchange form, or JSON")
         ->required()
         ->check(CLI::IsMember({NameOf(Order::Host), NameOf(Order::Network), +kSerialized, +kJson}).description(""))
         ->type_name("host|network|serialized|json");
-    AddFile(*verb, "-o,--out", options->out, "The file to write; - is standard output")->required()->type_name("OUT");
-    AddFormOptions(*verb, options->form);
-    verb->get_option("--checksum")->remove_needs(verb->get_option("--serialized"));
-    verb->add_flag("--json", options->json, "The closing line as a JSON object");
-    verb->footer(
-        "An exchange form says neither where it ends nor of which types it is. So one is written of a FILE with one\n"
-        "record only, and must be told of to be read. It carries no references and no list of containers (but for a\n"
-        "bloom record's), and with --checksum the checksum of itself in place of the record's CRC. No verb reads that\n"
-        "of a segment record.\n\n"
-        "JSON is one object a line for each record, and found out by itself when it is read. Nothing is lost on the "
-        "way:\n"
-        "every valid record comes back byte for byte.\n\n"
-        "Every record is validated before it is converted. With a bad one nothing is written to OUT, which may be\n"
-        "FILE itself; standard output has the good records before it by then.\n\n"
+    AddOut(verb, options.out);
+    AddFormOptions(verb, options.form);
+    verb.get_option("--checksum")->remove_needs(verb.get_option("--serialized"));
+    verb.add_flag("--json", options.json, "The closing line as a JSON object");
+    verb.footer(
+        "An exchange form stores neither its length nor its types, so a file holds one form, and --serialized, "
+        "--dotype\n"
+        "and --fptype are needed to read it. It has no references, no list of containers except that of a bloom "
+        "record,\n"
+        "and with --checksum a checksum of itself instead of the record's CRC. No verb reads the form of a segment\n"
+        "record.\n\n"
+        "JSON is one object on a line for each record and is detected in the input. It stores every byte of a "
+        "record.\n\n"
+        "Every record is validated first. With a bad record OUT, which may be FILE, is not written; standard output "
+        "has\n"
+        "the records before the bad one.\n\n"
         "Example:\n  crrecord convert movie.do --to serialized --checksum -o movie.form\n"
         "  crrecord convert movie.form --serialized --dotype 3 --fptype 3 --checksum --to network -o movie.do");
-    verb->callback([options, &chosen] {
-        if (options->form.checksum && !options->form.serialized && options->to != kSerialized) {
-            throw CLI::RequiresError("--checksum", "--serialized or --to serialized");
-        }
-        chosen = [options](Output& out) { return Convert(*options, out); };
-    });
 }
 
 } // namespace crrecord::tool

@@ -1,4 +1,4 @@
-// crrecord diff: in what two DO records differ.
+// crrecord diff: the differences between two DO records.
 
 #include "analysis/record_diff.h"
 #include "analysis/segment_match.h"
@@ -31,7 +31,7 @@ constexpr char const* kFates[] = {"shared", "moved", "added", "removed"};
 constexpr Colour kNew = Colour::Good;
 constexpr Colour kGone = Colour::Bad;
 
-// Tells of each difference while it goes through the records.
+// Prints each difference while it compares the records.
 class Differ {
 public:
     Differ(DiffOptions const& options, DORecord const& a, DORecord const& b, Output& out)
@@ -42,9 +42,9 @@ public:
             out_.Print(R"({},"a":{},"b":{})", JsonStart(), JsonQuoted(options_.a), JsonQuoted(options_.b));
         }
         DiffSegments();
-        DiffHeader();
+        PrintList("header", true, [this] { PrintHeader(); });
         DiffReferenceLists();
-        DiffContainerLists();
+        PrintList("containers", true, [this] { PrintContainers(); });
         DiffBitmaps();
         if (options_.json) {
             out_.Print(R"(,"same":{}}})"
@@ -59,10 +59,10 @@ public:
 
 private:
     void DiffSegments() {
-        Open("segments", options_.segments);
-        MatchSegments(PlacedSegments(a_), PlacedSegments(b_),
-                      [this](Fate fate, PlacedSegment const* a, PlacedSegment const* b) { Take(fate, a, b); });
-        Close(options_.segments);
+        PrintList("segments", options_.segments, [this] {
+            MatchSegments(PlacedSegments(a_), PlacedSegments(b_),
+                          [this](Fate fate, PlacedSegment const* a, PlacedSegment const* b) { Take(fate, a, b); });
+        });
         for (Fate const fate : {Fate::Shared, Fate::Moved, Fate::Added, Fate::Removed}) {
             PrintSum(kFates[static_cast<int>(fate)], SumOf(fate));
             same_ = same_ && (fate == Fate::Shared || SumOf(fate).segments == 0);
@@ -109,7 +109,7 @@ private:
         }
     }
 
-    // What was added and removed has its colour, where it is any.
+    // Added and removed segments have a colour, unless there are none.
     void PrintLine(std::string_view what, std::string const& text, bool any = true) {
         std::string const line = fmt::format("{:<10}{}", what, text);
         bool const isNew = what == kFates[static_cast<int>(Fate::Added)];
@@ -121,17 +121,12 @@ private:
         }
     }
 
-    void DiffHeader() {
-        Open("header");
+    void PrintHeader() {
         DiffHeaders(a_, b_, [this](char const* name, HeaderValue const& a, HeaderValue const& b) {
             same_ = false;
-            if (options_.json) {
-                out_.Print(R"({}{{"field":"{}","a":"{}","b":"{}"}})", Separator(), name, a.number, b.number);
-            } else {
-                out_.Print("header    {}: {} -> {}\n", name, a.text, b.text);
-            }
+            PrintEither(fmt::format("header    {}: {} -> {}", name, a.text, b.text),
+                        fmt::format(R"("field":"{}","a":"{}","b":"{}")", name, a.number, b.number));
         });
-        Close();
     }
 
     void DiffReferenceLists() {
@@ -158,26 +153,20 @@ private:
         out_.Write("}");
     }
 
-    void DiffContainerLists() {
-        Open("containers");
-        for (ContainerDiff const& container : DiffContainers(a_, b_)) {
+    void PrintContainers() {
+        auto const object = [](ContainerUse const& use) {
+            return fmt::format(R"({{"segments":"{}","bytes":"{}","listed":"{}"}})", use.segments, use.bytes,
+                               use.listed);
+        };
+        auto const text = [](ContainerUse const& use) {
+            return fmt::format("{} of {}, {} listed", Counted(use.segments, "segment"), Counted(use.bytes, "byte"),
+                               Counted(use.listed, "byte"));
+        };
+        for (auto const& [dcid, a, b] : DiffContainers(a_, b_)) {
             same_ = false;
-            if (options_.json) {
-                auto const object = [](ContainerUse const& use) {
-                    return fmt::format(R"({{"segments":"{}","bytes":"{}","listed":"{}"}})", use.segments, use.bytes,
-                                       use.listed);
-                };
-                out_.Print(R"({}{{"dcid":"{}","a":{},"b":{}}})", Separator(), container.dcid, object(container.a),
-                           object(container.b));
-            } else {
-                auto const text = [](ContainerUse const& use) {
-                    return fmt::format("{} of {}, {} listed", Counted(use.segments, "segment"),
-                                       Counted(use.bytes, "byte"), Counted(use.listed, "byte"));
-                };
-                out_.Print("container {}: {} -> {}\n", container.dcid, text(container.a), text(container.b));
-            }
+            PrintEither(fmt::format("container {}: {} -> {}", dcid, text(a), text(b)),
+                        fmt::format(R"("dcid":"{}","a":{},"b":{})", dcid, object(a), object(b)));
         }
-        Close();
     }
 
     void DiffBitmaps() {
@@ -190,16 +179,24 @@ private:
         }
     }
 
-    // An array of the JSON object.
-    void Open(char const* name, bool wanted = true) {
+    // Calls list(), which prints the elements of an array of the JSON object.
+    template <class List>
+    void PrintList(char const* name, bool wanted, List list) {
         separator_ = "";
         if (options_.json && wanted) {
             out_.Print(R"(,"{}":[)", name);
         }
-    }
-    void Close(bool wanted = true) {
+        list();
         if (options_.json && wanted) {
             out_.Write("]");
+        }
+    }
+    // Prints a difference as a line, or as an object of the array.
+    void PrintEither(std::string const& line, std::string const& members) {
+        if (options_.json) {
+            out_.Print("{}{{{}}}", std::exchange(separator_, ","), members);
+        } else {
+            out_.Print("{}\n", line);
         }
     }
     char const* Separator() { return std::exchange(separator_, ","); }
@@ -229,17 +226,16 @@ ExitCode Diff(DiffOptions const& options, Output& out) {
 } // namespace
 
 void AddDiff(CLI::App& app, Action& chosen) {
-    auto const options = std::make_shared<DiffOptions>();
-    CLI::App* const verb = app.add_subcommand("diff", "Say in what two DO records differ");
-    AddFile(*verb, "A", options->a, "A DO record; - is standard input")->required();
-    AddFile(*verb, "B", options->b, "The DO record that it is compared with")->required();
-    verb->add_flag("--segments", options->segments, "Name each segment that differs");
-    verb->add_flag("--json", options->json, "One JSON object");
-    AddFormOptions(*verb, options->form);
-    verb->footer("Byte order, and whether references are legacy ones, make no difference; times do. Status 0 when the\n"
-                 "records are the same, 1 when they differ.\n\n"
-                 "Example:\n  crrecord diff yesterday.do today.do");
-    verb->callback([options, &chosen] { chosen = [options](Output& out) { return Diff(*options, out); }; });
+    auto const [verb, options] = AddVerb(app, chosen, "diff", "Compare two DO records", Diff);
+    AddFile(verb, "A", options.a, "A DO record; - is standard input")->required();
+    AddFile(verb, "B", options.b, "The DO record to compare it with")->required();
+    verb.add_flag("--segments", options.segments, "List each segment that differs");
+    verb.add_flag("--json", options.json, "One JSON object");
+    AddFormOptions(verb, options.form);
+    verb.footer("Times count as a difference; byte order and legacy references do not. Status 0 if the records are "
+                "equal, 1 if\n"
+                "they differ.\n\n"
+                "Example:\n  crrecord diff yesterday.do today.do");
 }
 
 } // namespace crrecord::tool

@@ -1,9 +1,9 @@
-// crrecord digest: one fingerprint for a whole object.
+// crrecord digest: one fingerprint of a whole object.
 
 #include "record/do_record.h"
 #include "record/record_findings.h"
-#include <crrecord/do_types.h>
 #include "verbs/verbs.h"
+#include <crrecord/do_types.h>
 
 namespace crrecord::tool {
 
@@ -24,7 +24,7 @@ struct ObjectDigest {
 // Equal keys mean equal content, equal digests do not: the digest covers neither the object's size nor, for a single
 // segment, its offset. The number of segments separates the fingerprint of a single segment from a hash over many.
 // Bloom records have no key: their digest covers containers and bytes, not the content.
-// Users store keys: the form never changes.
+// Users store keys, so their form never changes.
 std::optional<std::string> KeyOf(DORecord const& record, std::string const& digest) {
     if (IsBloom(record.GetDOType())) {
         return std::nullopt;
@@ -37,7 +37,7 @@ std::optional<std::string> KeyOf(DORecord const& record, std::string const& dige
                        offset);
 }
 
-// No value for a segment record, and for DO type 0 with a number of segments other than one.
+// Returns: std::nullopt for a segment record, and for DO type 0 unless the object has one segment.
 std::optional<ObjectDigest> DigestOf(std::string const& file, Record const& record) {
     if (record.kind == Kind::Segment) {
         return std::nullopt;
@@ -57,11 +57,8 @@ ExitCode DigestInput(RecordStream& stream, DigestOptions const& options, Output&
     std::string const quotedName = JsonQuoted(stream.Name());
     std::vector<Finding> findings;
     while (Record const* const record = stream.Next()) {
-        bool const valid = Diagnose(*record, Depth::FirstError, findings);
-        if (!valid) {
-            Complain(Describe(stream.Name(), *record, findings.front()));
-            result = ExitCode::BadRecord;
-        }
+        bool const valid = CheckRecord(stream.Name(), *record, findings);
+        result = valid ? result : ExitCode::BadRecord;
         std::optional<ObjectDigest> const object = valid ? DigestOf(stream.Name(), *record) : std::nullopt;
         if (options.json) {
             AppendJsonStart(out.Buffer(), quotedName, *record, valid);
@@ -77,31 +74,31 @@ ExitCode DigestInput(RecordStream& stream, DigestOptions const& options, Output&
     return result;
 }
 
+ExitCode Digest(DigestOptions const& options, Output& out) {
+    return ForEachInput(options.files, options.form,
+                        [&](RecordStream& stream) { return DigestInput(stream, options, out); });
+}
+
 } // namespace
 
 void AddDigest(CLI::App& app, Action& chosen) {
-    auto const options = std::make_shared<DigestOptions>();
-    CLI::App* const verb = app.add_subcommand("digest", "Give the digest of each object");
-    AddFiles(*verb, options->files);
-    verb->add_flag("--key", options->key, "Print a key that identifies the content instead of the digest");
-    verb->add_flag("--json", options->json, "One JSON object a line for each record");
-    AddFormOptions(*verb, options->form);
-    verb->footer(
-        "Equal content cut alike has equal digests, whatever the byte order or form of the record, where validate\n"
-        "has no notes on it. Segment records, and records of DO type 0 unless they have one segment, have none: -.\n\n"
-        "Different content may have equal digests: the digest does not cover the object's size nor, for a single\n"
-        "segment, its offset, so a file with a hole added at its start or end keeps its digest. To store objects by\n"
-        "content, use --key. The key is\n"
+    auto const [verb, options] = AddVerb(app, chosen, "digest", "Print the digest of each object", Digest);
+    AddFiles(verb, options.files);
+    verb.add_flag("--key", options.key, "Print a key that identifies the content instead of the digest");
+    verb.add_flag("--json", options.json, "One JSON object on a line for each record");
+    AddFormOptions(verb, options.form);
+    verb.footer(
+        "Equal content in equal segments has equal digests, for any byte order or form of a record without notes from\n"
+        "validate. Segment records, and records of DO type 0 with a number of segments other than one, have no digest: "
+        "-.\n\n"
+        "Different content may have equal digests: the digest covers neither the object's size nor the offset of a "
+        "single\n"
+        "segment. To store objects by content, use --key. The key is\n"
         "  DIGEST-FPTYPE-DOTYPE-SIZE-SEGMENTS-OFFSET\n"
-        "with the size in bytes, the number of segments and the first segment's offset (0 for DO types without\n"
-        "offsets), in decimal. Bloom records have none: their digest does not identify the content.\n\n"
+        "with the size in bytes, the number of segments and the first segment's offset (0 for DO types without "
+        "offsets),\n"
+        "in decimal. Bloom records have no key: their digest does not identify the content.\n\n"
         "Example:\n  crrecord digest movie.do\n  crrecord digest --key movie.do");
-    verb->callback([options, &chosen] {
-        chosen = [options](Output& out) {
-            return ForEachInput(options->files, options->form,
-                                [&](RecordStream& stream) { return DigestInput(stream, *options, out); });
-        };
-    });
 }
 
 } // namespace crrecord::tool

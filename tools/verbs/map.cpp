@@ -17,7 +17,7 @@ struct MapOptions {
     FormOptions form;
 };
 
-// A long name loses its beginning: what tells files apart is mostly at the end.
+// Long names are cut at their start: the end is mostly what differs between files.
 std::string ShownName(std::string const& name) {
     constexpr std::size_t kMost = 80;
     return name.size() <= kMost ? name : "..." + name.substr(name.size() - kMost);
@@ -26,7 +26,7 @@ std::string ShownName(std::string const& name) {
 std::string Numbers(DORecordView const& view, Lanes const& lanes) {
     std::string const object = GroupedCount(view.GetSize(), "byte");
     if (IsBloom(view.GetDOType())) {
-        return fmt::format("{}; a bloom record, which says nothing of segments", object);
+        return fmt::format("{}; a bloom record, which has no segments", object);
     }
     std::string const gaps =
         lanes.GapBytes() == 0 ? "" : fmt::format("; {} in gaps", GroupedCount(lanes.GapBytes(), "byte"));
@@ -84,17 +84,14 @@ ExitCode Map(MapOptions const& options, Output& out) {
 } // namespace
 
 void AddMap(CLI::App& app, Action& chosen) {
-    auto const options = std::make_shared<MapOptions>();
-    CLI::App* const verb = app.add_subcommand("map", "Draw a DO record, and where its object's segments lie");
-    AddFile(*verb, "RECORD", options->record, "The DO record; - is standard input")->required();
-    AddFile(*verb, "-o,--out", options->out, "The SVG file to write; - is standard output")
-        ->required()
-        ->type_name("OUT");
-    AddFormOptions(*verb, options->form);
-    verb->footer("On top the record's sections to scale; below, from left to right, the object, with a lane for each\n"
-                 "container. The same record gives the same picture, byte for byte.\n\n"
-                 "Example:\n  crrecord map movie.do -o movie.svg");
-    verb->callback([options, &chosen] { chosen = [options](Output& out) { return Map(*options, out); }; });
+    auto const [verb, options] = AddVerb(app, chosen, "map", "Draw a DO record and the containers of its object", Map);
+    AddFile(verb, "RECORD", options.record, "The DO record; - is standard input")->required();
+    AddOut(verb, options.out, "SVG file");
+    AddFormOptions(verb, options.form);
+    verb.footer(
+        "At the top are the sections of the record, to scale. Below is the object from left to right, with a lane for\n"
+        "each container. Equal records give equal pictures, byte for byte.\n\n"
+        "Example:\n  crrecord map movie.do -o movie.svg");
 }
 
 } // namespace crrecord::tool

@@ -21,7 +21,7 @@ struct Redacted {
     std::uint64_t bytes = 0;
 };
 
-// What a key may be: enough that nobody tries them all, and nothing that was named by mistake.
+// The least size resists a search through all keys. The largest one rejects files named by mistake.
 constexpr std::size_t kLeastKey = 16;
 constexpr std::size_t kLargestKey = 4096;
 
@@ -40,14 +40,13 @@ std::vector<unsigned char> ReadKey(RedactOptions const& options) {
 }
 
 Pseudonyms MakePseudonyms(RedactOptions const& options) {
-    return options.key.empty() ? Pseudonyms(RandomSecret()) : Pseudonyms(ReadKey(options));
+    return options.key.empty() ? Pseudonyms(Pseudonyms::RandomSecret()) : Pseudonyms(ReadKey(options));
 }
 
 ExitCode RedactInput(RecordStream& stream, OutputFile& to, Pseudonyms& pseudonyms, Redacted& tally) {
     std::vector<Finding> findings;
     while (Record const* const record = stream.Next()) {
-        if (!Diagnose(*record, Depth::FirstError, findings)) {
-            Complain(Describe(stream.Name(), *record, findings.front()));
+        if (!CheckRecord(stream.Name(), *record, findings)) {
             return ExitCode::BadRecord;
         }
         tally.bytes += WriteRedacted(to, stream.Name(), *record, pseudonyms);
@@ -76,7 +75,7 @@ ExitCode Redact(RedactOptions const& options, Output& out) {
     Redacted tally;
     ExitCode const result = ForEachInput(
         options.files, options.form, [&](RecordStream& stream) { return RedactInput(stream, to, pseudonyms, tally); });
-    // Of a broken record nobody can say where it holds what; and a part of the records is not what was asked for.
+    // A broken record cannot be redacted safely, and the output has all records or none.
     if (result == ExitCode::AllWell) {
         to.Commit();
         PrintClosing(out, options.out, options.json, ClosingLine(options, tally));
@@ -87,22 +86,21 @@ ExitCode Redact(RedactOptions const& options, Output& out) {
 } // namespace
 
 void AddRedact(CLI::App& app, Action& chosen) {
-    auto const options = std::make_shared<RedactOptions>();
-    CLI::App* const verb = app.add_subcommand("redact", "Replace what identifies data by pseudonyms");
-    AddFiles(*verb, options->files)->required();
-    AddFile(*verb, "-o,--out", options->out, "The file to write; - is standard output")->required()->type_name("OUT");
-    AddFile(*verb, "--key", options->key,
+    auto const [verb, options] = AddVerb(app, chosen, "redact", "Replace identifying values by pseudonyms", Redact);
+    AddFiles(verb, options.files)->required();
+    AddOut(verb, options.out);
+    AddFile(verb, "--key", options.key,
             "A file of 16 to 4096 random bytes: the same key gives the same pseudonyms, in any run")
         ->type_name("KEY");
-    AddFormOptions(*verb, options->form);
-    verb->add_flag("--json", options->json, "The closing line as a JSON object");
-    verb->footer(
-        "Fingerprints, containers, paths, references and checksums become pseudonyms, equal ones where they were\n"
-        "equal; keys and reserved bytes become zeros. Types, sizes, offsets, counts, times and byte order stay. The\n"
-        "secret behind the pseudonyms is written nowhere, unless it comes from KEY, which must not be sent along.\n\n"
-        "A broken record can't be redacted safely: status 1, and nothing is written to OUT.\n\n"
+    AddFormOptions(verb, options.form);
+    verb.add_flag("--json", options.json, "The closing line as a JSON object");
+    verb.footer(
+        "Fingerprints, containers, paths, references and checksums become pseudonyms, equal for equal values; keys "
+        "and\n"
+        "reserved bytes become zeros. Types, sizes, offsets, counts, times and byte order are kept. The secret of the\n"
+        "pseudonyms is random and not stored, unless it is in KEY. Do not send KEY along.\n\n"
+        "A broken record cannot be redacted safely: status 1, and OUT is not written.\n\n"
         "Example:\n  crrecord redact movie.do movie.seg -o case-17.records");
-    verb->callback([options, &chosen] { chosen = [options](Output& out) { return Redact(*options, out); }; });
 }
 
 } // namespace crrecord::tool

@@ -1,10 +1,12 @@
-// crrecord refs: what keeps the objects alive.
+// crrecord refs: the references that keep objects alive.
 
-#include "analysis/active_tasks.h"
+#include "io/line_reader.h"
 #include "record/do_record.h"
 #include "record/record_findings.h"
 #include "record/references.h"
 #include "verbs/verbs.h"
+
+#include <charconv>
 
 namespace crrecord::tool {
 
@@ -33,26 +35,24 @@ std::vector<Reference> ParseReferences(char const* option, std::vector<std::stri
     return references;
 }
 
-// Gives each valid record of an input, which is a DO record, to use(record), and each bad one, of which was told, to
-// goOn(record, findings), which says whether to.
-template <class Use, class GoOn>
-ExitCode ForEachDORecord(RecordStream& stream, Use use, GoOn goOn) {
+// Calls use(record) for each valid record of an input, and skip(record, findings) for each bad one. Ends
+// if skip returns false.
+// Throws: Failure for a segment record.
+template <class Use, class Skip>
+ExitCode ForEachDORecord(RecordStream& stream, Use use, Skip skip) {
     ExitCode result = ExitCode::AllWell;
     std::vector<Finding> findings;
     while (Record const* const record = stream.Next()) {
-        if (!Diagnose(*record, Depth::FirstError, findings)) {
-            Complain(Describe(stream.Name(), *record, findings.front()));
+        if (!CheckRecord(stream.Name(), *record, findings)) {
             result = ExitCode::BadRecord;
-            if (!goOn(*record, findings)) {
+            if (!skip(*record, findings)) {
                 break;
             }
-            continue;
+        } else if (record->kind != Kind::DataObject) {
+            throw Failure(PlaceOf(stream.Name(), *record) + ": is a segment record, expected a DO record");
+        } else {
+            use(*record);
         }
-        if (record->kind != Kind::DataObject) {
-            throw Failure(fmt::format("{}: record {} at byte {}: is a segment record, where a DO record is needed",
-                                      stream.Name(), record->number, record->offset));
-        }
-        use(*record);
     }
     stream.ThrowIfChanged();
     return result;
@@ -80,14 +80,46 @@ ExitCode List(RefsOptions const& options, Output& out) {
     };
     return ForEachDORecord(stream, use, [&](Record const& record, std::vector<Finding> const& findings) {
         if (options.json) {
-            AppendJsonFindingsLine(out.Buffer(), quotedName, record, false, findings);
-            out.FlushWhenFull();
+            PrintJsonFindings(out, quotedName, record, false, findings);
         }
         return true;
     });
 }
 
-// The library logs what it refuses and throws it too; here the exception tells it.
+// The tasks that are still active, from a file with one task id on each line. Memory: 8 bytes for each id.
+class ActiveTasks {
+public:
+    // Throws: InputFailure for a file that cannot be read and for a line that is not a task id.
+    explicit ActiveTasks(std::string const& name) {
+        constexpr std::size_t kLongestId = std::numeric_limits<std::uint64_t>::digits10 + 1;
+        Input input(name);
+        LineReader lines(input, kLongestId + 1); // a carriage return may end a line
+        while (auto const next = lines.Next()) {
+            std::string_view line = *next;
+            line.remove_suffix(line.ends_with('\r') ? 1 : 0);
+            std::uint64_t id = 0;
+            char const* const end = line.data() + line.size();
+            auto const [stop, error] = std::from_chars(line.data(), end, id);
+            if (stop != end || error != std::errc() || line.size() > kLongestId) {
+                throw InputFailure(fmt::format("{}: line {}: found \"{}\", expected a task id", name, lines.Number(),
+                                               Printable(line)));
+            }
+            ids_.push_back(id);
+        }
+        std::sort(ids_.begin(), ids_.end());
+    }
+
+    // A callback of the library. `context` is an ActiveTasks.
+    static int IsActive(unsigned long taskId, void* context) {
+        auto const& ids = static_cast<ActiveTasks const*>(context)->ids_;
+        return std::binary_search(ids.begin(), ids.end(), taskId) ? 1 : 0;
+    }
+
+private:
+    std::vector<std::uint64_t> ids_; // ascending
+};
+
+// Suppresses the library's log while it lives: the command reports the exception.
 class WithoutLog {
 public:
     WithoutLog() {
@@ -98,24 +130,24 @@ public:
     WithoutLog& operator=(WithoutLog const&) = delete;
 };
 
-// The same changes to many records. What is to be added is there in the end, even if it is an inactive task.
+// Makes the same changes to each record. References are added last, so an inactive task can be added.
 class Changer {
 public:
     explicit Changer(RefsOptions const& options)
         : options_(options), add_(ParseReferences("--add", options.add)),
           remove_(ParseReferences("--remove", options.remove)) {
         if (!options.active.empty()) {
-            active_.emplace(options.active);
+            active_ = std::make_unique<ActiveTasks>(options.active);
         }
     }
 
     std::unique_ptr<DORecord> Change(Record const& record) {
         try {
             WithoutLog const quiet;
-            // Not in place: it may grow.
+            // A copy, because the record may grow.
             std::unique_ptr<DORecord> changed = DORecord::FromBuffer(record.bytes, record.size);
             if (active_) {
-                dropped_ += changed->RemoveInactiveTaskIDs(IsActive, &*active_);
+                dropped_ += changed->RemoveInactiveTaskIDs(ActiveTasks::IsActive, active_.get());
             }
             for (Reference const& reference : remove_) {
                 removed_ += changed->DelTRef(reference.get());
@@ -130,9 +162,7 @@ public:
             }
             return changed;
         } catch (Cr_ErrnoException const& error) {
-            char const* const text = error.what();
-            throw Failure(fmt::format("{}: record {} at byte {}: {}", options_.file, record.number, record.offset,
-                                      *text != '\0' ? text : CRStatusToStringA(error.GetStatus())));
+            throw Failure(PlaceOf(options_.file, record) + ": " + TextOf(error));
         }
     }
 
@@ -148,19 +178,15 @@ public:
     }
 
 private:
-    static int IsActive(unsigned long taskId, void* context) {
-        return static_cast<ActiveTasks const*>(context)->Has(taskId) ? 1 : 0;
-    }
-
     RefsOptions const& options_;
     std::vector<Reference> add_;
     std::vector<Reference> remove_;
-    std::optional<ActiveTasks> active_;
+    std::unique_ptr<ActiveTasks> active_;
     std::uint64_t records_ = 0;
     std::uint64_t added_ = 0;
     std::uint64_t removed_ = 0;
     std::uint64_t dropped_ = 0;
-    std::uint64_t references_ = 0; // that the records have in the end
+    std::uint64_t references_ = 0; // of the changed records
 };
 
 ExitCode ChangeAll(RefsOptions const& options, Output& out) {
@@ -196,25 +222,21 @@ ExitCode Refs(RefsOptions const& options, Output& out) {
 } // namespace
 
 void AddRefs(CLI::App& app, Action& chosen) {
-    auto const options = std::make_shared<RefsOptions>();
-    CLI::App* const verb = app.add_subcommand("refs", "List or change the references of DO records");
-    AddFile(*verb, "FILE", options->file, "A file of DO records, one behind the other; - is standard input")
-        ->required();
-    AddTexts(*verb, "--add", options->add, "Add a reference, such as task:17, dsid:5 or ref6:9; may be given again")
+    auto const [verb, options] = AddVerb(app, chosen, "refs", "List or change the references of DO records", Refs);
+    AddFile(verb, "FILE", options.file, "A file of DO records, one after the other; - is standard input")->required();
+    AddTexts(verb, "--add", options.add, "Add a reference, such as task:17, dsid:5 or ref6:9; may be repeated")
         ->type_name("REF");
-    AddTexts(*verb, "--remove", options->remove, "Remove a reference; may be given again")->type_name("REF");
-    AddFile(*verb, "--drop-inactive", options->active,
-            "Remove every task that is not in this file, which has a task id on each line")
+    AddTexts(verb, "--remove", options.remove, "Remove a reference; may be repeated")->type_name("REF");
+    AddFile(verb, "--drop-inactive", options.active,
+            "Remove each task that is not in this file of task ids, one on each line")
         ->type_name("TASKS");
-    AddFile(*verb, "-o,--out", options->out, "The file to write the changed records to, which may be FILE itself")
-        ->type_name("OUT");
-    verb->add_flag("--json", options->json,
-                   "One JSON object a line for each record; with changes, the closing line as one");
-    verb->footer(
-        "A change is made to all records of FILE; with a bad one nothing is written. Tasks are dropped first,\n"
+    AddFile(verb, "-o,--out", options.out, "The file for the changed records, which may be FILE")->type_name("OUT");
+    verb.add_flag("--json", options.json,
+                  "One JSON object on a line for each record; with changes, the closing line as one");
+    verb.footer(
+        "A change is made to all records of FILE; with a bad record OUT is not written. Tasks are dropped first and\n"
         "references added last. The records keep their byte order; their legacy references become typed ones.\n\n"
         "Example:\n  crrecord refs movie.do --add task:18 --remove task:17 -o movie.do");
-    verb->callback([options, &chosen] { chosen = [options](Output& out) { return Refs(*options, out); }; });
 }
 
 } // namespace crrecord::tool

@@ -1,4 +1,4 @@
-// crrecord show: what the records say.
+// crrecord show: the content of records.
 
 #include "record/do_record.h"
 #include "record/record_findings.h"
@@ -7,8 +7,7 @@
 #include "verbs/verbs.h"
 #include "json/writer.h"
 
-#include <ostream>
-#include <streambuf>
+#include <boost/iostreams/stream.hpp>
 
 namespace crrecord::tool {
 
@@ -24,38 +23,24 @@ struct ShowOptions {
     bool showKeys = false;
 };
 
-// Takes what the library writes to a stream. The text form has bytes as they are, which a terminal is spared.
-class OutputBuffer : public std::streambuf {
-public:
-    explicit OutputBuffer(Output& output) : output_(output) {}
+// Receives what the library writes to a stream. The text form has unsafe bytes, which are replaced on a terminal.
+struct TextSink {
+    using char_type = char;
+    using category = boost::iostreams::sink_tag;
 
-private:
-    std::streamsize xsputn(char const* text, std::streamsize size) override {
-        Write({text, static_cast<std::size_t>(size)});
+    std::streamsize write(char const* text, std::streamsize size) const {
+        std::string_view const bytes(text, static_cast<std::size_t>(size));
+        out->IsTerminal() ? out->Write(Printable(bytes)) : out->Write(bytes);
         return size;
     }
-    int_type overflow(int_type character) override {
-        char const text = traits_type::to_char_type(character);
-        Write({&text, 1});
-        return character;
-    }
 
-    void Write(std::string_view text) {
-        if (output_.IsTerminal()) {
-            output_.Write(Printable(text));
-        } else {
-            output_.Write(text);
-        }
-    }
-
-    Output& output_;
+    Output* out;
 };
 
 class Shower {
 public:
-    Shower(ShowOptions const& options, Output& out)
-        : options_(options), out_(out), textBuffer_(out), textStream_(&textBuffer_) {
-        // Failures to write pass through the stream.
+    Shower(ShowOptions const& options, Output& out) : options_(options), out_(out), textStream_(TextSink{&out}, 0) {
+        // A stream swallows the exceptions of its buffer unless it may throw itself.
         textStream_.exceptions(std::ios::badbit);
     }
 
@@ -71,9 +56,11 @@ public:
                 ++passed;
                 continue;
             }
-            if (!Diagnose(*record, Depth::FirstError, findings_)) {
-                ShowBad(stream.Name(), *record);
+            if (!CheckRecord(stream.Name(), *record, findings_)) {
                 result = ExitCode::BadRecord;
+                if (options_.json) {
+                    PrintJsonFindings(out_, JsonQuoted(stream.Name()), *record, false, findings_);
+                }
                 continue;
             }
             if (!std::exchange(headed, true)) {
@@ -114,7 +101,7 @@ private:
             out_.Write("\n");
             return;
         }
-        ConvertSegmentRecord(record, Order::Host);
+        ConvertRecord(record, Order::Host);
         if (options_.json) {
             AppendJsonStart(out_.Buffer(), quotedName_, record, true);
             json::WriteSegmentRecord(out_, record, options_.showKeys);
@@ -136,7 +123,7 @@ private:
         }
     }
 
-    // A DO record, or an exchange form as the record that it makes.
+    // Shows a DO record, or the one made from an exchange form.
     void ShowObject(std::string const& name, Record const& record) {
         std::unique_ptr<DORecord> opened;
         if (options_.text || record.kind == Kind::Form) {
@@ -159,25 +146,16 @@ private:
         ++objects_;
     }
 
-    void ShowBad(std::string const& name, Record const& record) {
-        Complain(Describe(name, record, findings_.front()));
-        if (options_.json) {
-            AppendJsonFindingsLine(out_.Buffer(), JsonQuoted(name), record, false, findings_);
-            out_.FlushWhenFull();
-        }
-    }
-
     ShowOptions const& options_;
     Output& out_;
-    OutputBuffer textBuffer_;
-    std::ostream textStream_;
+    boost::iostreams::stream<TextSink> textStream_; // without a buffer
     std::vector<Finding> findings_;
     std::string quotedName_;
     bool inTable_ = false; // of segment records
     std::uint64_t objects_ = 0;
     std::uint64_t records_ = 0; // segment records
     std::uint64_t recordBytes_ = 0;
-    std::optional<std::uint64_t> segmentBytes_ = 0; // none: more than fit
+    std::optional<std::uint64_t> segmentBytes_ = 0; // std::nullopt after an overflow
 };
 
 ExitCode Show(ShowOptions const& options, Output& out) {
@@ -191,25 +169,24 @@ ExitCode Show(ShowOptions const& options, Output& out) {
 } // namespace
 
 void AddShow(CLI::App& app, Action& chosen) {
-    auto const options = std::make_shared<ShowOptions>();
-    CLI::App* const verb = app.add_subcommand("show", "Show what the records say");
-    AddFiles(*verb, options->files);
-    verb->add_option_function<std::string>(
-            "--records", [options](std::string const& text) { options->records = ParseRange("--records", text, 1); },
+    auto const [verb, options] = AddVerb(app, chosen, "show", "Show the content of records", Show);
+    AddFiles(verb, options.files);
+    verb.add_option_function<std::string>(
+            "--records",
+            [&options = options](std::string const& text) { options.records = ParseRange("--records", text, 1); },
             "Only these records of each file, counted from 1, such as 1:20, 21: or :20")
         ->type_name("FROM:TO");
-    verb->add_option_function<std::string>(
-            "--segments", [options](std::string const& text) { options->segments = ParseRange("--segments", text, 0); },
-            "Only these segments of DO records, counted from 0; 0:19 unless told, with --json all of them")
+    verb.add_option_function<std::string>(
+            "--segments",
+            [&options = options](std::string const& text) { options.segments = ParseRange("--segments", text, 0); },
+            "Only these segments of DO records, counted from 0; by default 0:19, with --json all")
         ->type_name("FROM:TO");
-    auto* const json = verb->add_flag("--json", options->json, "One JSON object a line for each record, every field");
-    verb->add_flag("--text", options->text, "The one-line text form of each record")->excludes(json);
-    verb->add_flag("--show-keys", options->showKeys, "Show the key bytes, which are masked otherwise");
-    AddFormOptions(*verb, options->form);
-    verb->footer(
-        "A record's kind and byte order are found out record by record. Bad records are told on standard error.\n\n"
-        "Example:\n  crrecord show --segments 100:119 movie.do");
-    verb->callback([options, &chosen] { chosen = [options](Output& out) { return Show(*options, out); }; });
+    auto* const json = verb.add_flag("--json", options.json, "One JSON object on a line for each record, every field");
+    verb.add_flag("--text", options.text, "The one-line text form of each record")->excludes(json);
+    verb.add_flag("--show-keys", options.showKeys, "Show the key bytes, which are masked otherwise");
+    AddFormOptions(verb, options.form);
+    verb.footer("The kind and byte order of each record are detected. Bad records are reported on standard error.\n\n"
+                "Example:\n  crrecord show --segments 100:119 movie.do");
 }
 
 } // namespace crrecord::tool

@@ -1,4 +1,4 @@
-// crrecord stats: what the records need of each container.
+// crrecord stats: sums over records, by container.
 
 #include "analysis/container_totals.h"
 #include "analysis/segment_runs.h"
@@ -7,6 +7,8 @@
 #include "record/record_findings.h"
 #include "support/layout/record_layout.h"
 #include "verbs/verbs.h"
+
+#include <set>
 
 namespace crrecord::tool {
 
@@ -23,20 +25,6 @@ struct StatsOptions {
     bool json = false;
 };
 
-// The cheapest way to the answer; what is wrong with a bad record is found out afterwards.
-bool IsValid(Record const& record, std::vector<Finding>& findings) {
-    bool const network = record.order == Order::Network;
-    switch (record.kind) {
-    case Kind::DataObject:
-        return DORecordDiagnose(record.bytes, record.size, network ? CR_DO_NETWORK_ORDER : 0, nullptr, nullptr) ==
-               CR_STATUS_OK;
-    case Kind::Segment:
-        return SegmentRecordDiagnose(record.bytes, record.size, network ? CR_SO_NETWORK_ORDER : 0, nullptr, nullptr) ==
-               CR_STATUS_OK;
-    default: return Diagnose(record, Depth::FirstError, findings);
-    }
-}
-
 template <class Counter>
 void CountRecord(std::string const& file, Record const& record, Counter& counter) {
     switch (record.kind) {
@@ -46,18 +34,15 @@ void CountRecord(std::string const& file, Record const& record, Counter& counter
     }
 }
 
-// Gives each valid record of an input to counter.CountSegment(record, StoredSegment) or
-// counter.CountObject(record, header), and the number of bad ones to counter.CountBad. One with which a sum would be
-// too large is told and left out.
+// Calls counter.CountSegment(record, StoredSegment) or counter.CountObject(record, header) for each valid record of an
+// input, and counter.CountBad with the number of bad ones. Reports and omits a record that makes a sum overflow.
 template <class Counter>
 ExitCode CountInput(RecordStream& stream, Counter& counter) {
     ExitCode result = ExitCode::AllWell;
     std::vector<Finding> findings;
     std::uint64_t bad = 0;
     while (Record const* const record = stream.Next()) {
-        if (!IsValid(*record, findings)) {
-            Diagnose(*record, Depth::FirstError, findings);
-            Complain(Describe(stream.Name(), *record, findings.front()));
+        if (!CheckRecord(stream.Name(), *record, findings)) {
             ++bad;
             result = std::max(result, ExitCode::BadRecord);
             continue;
@@ -65,9 +50,7 @@ ExitCode CountInput(RecordStream& stream, Counter& counter) {
         try {
             CountRecord(stream.Name(), *record, counter);
         } catch (TooManyBytes const&) {
-            Complain(
-                fmt::format("{}: record {} at byte {}: left out: with it the sum would be more than 2^64 - 1 bytes",
-                            stream.Name(), record->number, record->offset));
+            Complain(PlaceOf(stream.Name(), *record) + ": omitted: the sum would exceed 2^64 - 1 bytes");
             result = ExitCode::CouldNotWork;
         }
     }
@@ -75,7 +58,7 @@ ExitCode CountInput(RecordStream& stream, Counter& counter) {
     return result;
 }
 
-// Adds everything up.
+// The sums over all records.
 class Totals {
 public:
     explicit Totals(StatsOptions const& options) : options_(options) {}
@@ -91,14 +74,12 @@ public:
             bytesElsewhere_ += segment.size;
         }
         if (options_.unique) {
-            bool const isNew =
-                !segment.fingerprint || unique_.Insert(segment.fptype, segment.fingerprint, segment.size);
-            (isNew ? uniqueBytes_ : repeatedBytes_) += segment.size;
+            CountUnique(segment.fptype, segment.fingerprint, segment.size);
         }
     }
 
     void CountObject(Record const&, DORecordHeader const* header) {
-        CheckRoom(header);
+        CheckSum(header);
         ++records_;
         auto const count = [this](Run const& run) {
             segments_ += run.segments;
@@ -106,23 +87,17 @@ public:
             containers_.Add({run.dcid, run.segments, run.bytes, run.segments == 0 ? 0UL : 1UL});
         };
         if (!options_.unique) {
-            ForEachRun(
-                header, [](DOSegment const&) {}, count);
+            ForEachRun(header, count);
             return;
         }
         unsigned int const fptype = header->fptype;
-        ForEachRun(
-            header,
-            [&](DOSegment const& segment) {
-                bool const isNew = unique_.Insert(fptype, segment.fingerprint.data, segment.size);
-                (isNew ? uniqueBytes_ : repeatedBytes_) += segment.size;
-            },
-            count);
+        ForEachRun(header, count,
+                   [&](DOSegment const& segment) { CountUnique(fptype, segment.fingerprint.data, segment.size); });
     }
 
     void CountBad(std::uint64_t records) { bad_ += records; }
 
-    // Whether a record was counted, a bad one too.
+    // Returns: true if a record was counted, valid or not.
     bool Any() const { return records_ + bad_ != 0; }
 
     void PrintJson(Output& out) const {
@@ -165,10 +140,15 @@ public:
     }
 
 private:
-    // Throws TooManyBytes where the record's bytes would not fit beside the others.
-    void CheckRoom(DORecordHeader const* header) const {
-        // Mostly the segments need not be read for this. Their own sizes are the object's at most; where they have
-        // none, each is taken for less than 4 GiB, whatever that makes together.
+    void CountUnique(unsigned int fptype, unsigned char const* fingerprint, std::uint64_t size) {
+        bool const isNew = !fingerprint || unique_.Insert(fptype, fingerprint, size);
+        (isNew ? uniqueBytes_ : repeatedBytes_) += size;
+    }
+
+    // Throws: TooManyBytes if the sum would overflow with the record's bytes.
+    void CheckSum(DORecordHeader const* header) const {
+        // Most records pass without a look at their segments. The sum of stored sizes is at most the object's size. If
+        // the sizes are not stored, each segment has less than 4 GiB.
         constexpr std::uint64_t kLargestSegment = std::numeric_limits<std::uint32_t>::max();
         bool const isBloom = IsBloom(header->dotype);
         DOSegmentSource const segments = DOSegmentSource::Of(header);
@@ -176,8 +156,7 @@ private:
             DOTypeOf(header->dotype).sizeWidth != 0 ? segments.objectSize : segments.count * kLargestSegment;
         if (isBloom || most > kMost64 - bytes_) {
             std::uint64_t sum = bytes_;
-            ForEachRun(
-                header, [](DOSegment const&) {}, [&sum](Run const& run) { AddBytes(sum, run.bytes); });
+            ForEachRun(header, [&sum](Run const& run) { AddBytes(sum, run.bytes); });
         }
     }
 
@@ -187,40 +166,35 @@ private:
     std::uint64_t records_ = 0;
     std::uint64_t bad_ = 0;
     std::uint64_t segments_ = 0;
-    std::uint64_t bytes_ = 0; // no other sum of bytes is greater
+    std::uint64_t bytes_ = 0; // the greatest of all sums of bytes
     std::uint64_t segmentsElsewhere_ = 0;
     std::uint64_t bytesElsewhere_ = 0;
     std::uint64_t uniqueBytes_ = 0;
     std::uint64_t repeatedBytes_ = 0;
 };
 
-// Names the records that need one of some containers.
+// Lists the records that need one of the given containers.
 class Users {
 public:
     Users(StatsOptions const& options, std::string const& file, Output& out)
         : json_(options.json), file_(options.json ? JsonQuoted(file) : Printable(file)), out_(out) {
-        for (std::uint64_t const dcid : options.uses) {
-            wanted_.push_back({dcid, 0, 0, 0});
+        for (std::uint64_t const dcid : std::set(options.uses.begin(), options.uses.end())) {
+            wanted_.push_back({dcid});
         }
-        auto const byId = [](ContainerTotals const& a, ContainerTotals const& b) { return a.dcid < b.dcid; };
-        std::sort(wanted_.begin(), wanted_.end(), byId);
-        auto const same = [](ContainerTotals const& a, ContainerTotals const& b) { return a.dcid == b.dcid; };
-        wanted_.erase(std::unique(wanted_.begin(), wanted_.end(), same), wanted_.end());
     }
 
     void CountSegment(Record const& record, StoredSegment const& segment) {
         Forget();
         if (segment.inContainer) {
             Count({segment.dcid, 1, segment.size});
-            Tell(record);
+            PrintUses(record);
         }
     }
 
     void CountObject(Record const& record, DORecordHeader const* header) {
         Forget();
-        ForEachRun(
-            header, [](DOSegment const&) {}, [this](Run const& run) { Count(run); });
-        Tell(record);
+        ForEachRun(header, [this](Run const& run) { Count(run); });
+        PrintUses(record);
     }
 
     static void CountBad(std::uint64_t) {}
@@ -233,26 +207,21 @@ private:
             at->segments += run.segments;
             AddBytes(at->bytes, run.bytes);
             ++at->fragments;
-            found_ = true;
         }
     }
 
-    void Tell(Record const& record) {
-        if (found_) {
-            for (ContainerTotals const& container : wanted_) {
-                if (container.fragments != 0) {
-                    Print(record, container);
-                }
+    void PrintUses(Record const& record) {
+        for (ContainerTotals const& container : wanted_) {
+            if (container.fragments != 0) {
+                Print(record, container);
             }
         }
     }
 
-    // What the record in front needs, which may have been left out.
+    // Clears the sums of the record before, which an overflow may have left.
     void Forget() {
-        if (std::exchange(found_, false)) {
-            for (ContainerTotals& container : wanted_) {
-                container = {container.dcid, 0, 0, 0};
-            }
+        for (ContainerTotals& container : wanted_) {
+            container = {container.dcid};
         }
     }
 
@@ -264,15 +233,14 @@ private:
                        container.dcid, container.segments, container.bytes);
             return;
         }
-        out_.Print("{}: record {} at byte {}: container {}: {} of {}\n", file_, record.number, record.offset,
-                   container.dcid, Counted(container.segments, "segment"), WithUnit(container.bytes));
+        out_.Print("{}: container {}: {} of {}\n", PlaceOf(file_, record), container.dcid,
+                   Counted(container.segments, "segment"), WithUnit(container.bytes));
     }
 
     bool json_;
-    std::string file_;
+    std::string file_; // quoted for JSON
     Output& out_;
-    std::vector<ContainerTotals> wanted_; // what the present record needs of them
-    bool found_ = false;
+    std::vector<ContainerTotals> wanted_; // by id; the sums are those of one record
 };
 
 ExitCode Stats(StatsOptions const& options, Output& out) {
@@ -294,25 +262,24 @@ ExitCode Stats(StatsOptions const& options, Output& out) {
 } // namespace
 
 void AddStats(CLI::App& app, Action& chosen) {
-    auto const options = std::make_shared<StatsOptions>();
-    CLI::App* const verb = app.add_subcommand("stats", "Count what the records need of each container");
-    AddFiles(*verb, options->files);
-    auto* const unique = verb->add_flag("--unique", options->unique,
-                                        "Also count the bytes of different segments, and of those that came before");
-    auto* const top = verb->add_option_function<std::uint64_t>(
-        "--top", [options](std::uint64_t count) { options->top = count; }, "Only the N greatest containers, by bytes");
+    auto const [verb, options] = AddVerb(app, chosen, "stats", "Add up segments and bytes by container", Stats);
+    AddFiles(verb, options.files);
+    auto* const unique =
+        verb.add_flag("--unique", options.unique, "Also count the bytes of different and of repeated segments");
+    auto* const top = verb.add_option_function<std::uint64_t>(
+        "--top", [&options = options](std::uint64_t count) { options.top = count; },
+        "Only the N containers with the most bytes");
     top->check(WholeNumber(kMost64))->type_name("N");
-    verb->add_option("--uses", options->uses, "Instead, name the records that need this container; may be given again")
+    verb.add_option("--uses", options.uses, "List the records that need this container instead; may be repeated")
         ->check(WholeNumber(kMost64))
         ->type_name("DCID")
         ->allow_extra_args(false)
         ->excludes(unique)
         ->excludes(top);
-    verb->add_flag("--json", options->json, "One JSON object; with --uses one for each record and container");
-    AddFormOptions(*verb, options->form);
-    verb->footer("A fragment is a run of neighbouring segments of an object that lie in the same container.\n\n"
-                 "Example:\n  crrecord stats --top 10 --unique *.do");
-    verb->callback([options, &chosen] { chosen = [options](Output& out) { return Stats(*options, out); }; });
+    verb.add_flag("--json", options.json, "One JSON object; with --uses one for each record and container");
+    AddFormOptions(verb, options.form);
+    verb.footer("A fragment is a run of consecutive segments of an object in the same container.\n\n"
+                "Example:\n  crrecord stats --top 10 --unique *.do");
 }
 
 } // namespace crrecord::tool

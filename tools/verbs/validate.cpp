@@ -1,4 +1,4 @@
-// crrecord validate: what is wrong, and what is odd, with each record.
+// crrecord validate: the findings of each record.
 
 #include "record/record_findings.h"
 #include "verbs/verbs.h"
@@ -47,16 +47,12 @@ ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Out
         tally.bad += valid ? 0 : 1;
         tally.notes += valid ? findings.size() : 0;
         tally.bytes += record->size;
-        if (options.quiet) {
-            continue;
-        }
         if (options.json) {
-            AppendJsonFindingsLine(out.Buffer(), quotedName, *record, valid, findings);
-            out.FlushWhenFull();
-            continue;
-        }
-        for (Finding const& finding : findings) {
-            out.PaintLine(Printable(Describe(stream.Name(), *record, finding)), ColourOf(finding));
+            PrintJsonFindings(out, quotedName, *record, valid, findings);
+        } else if (!options.quiet) {
+            for (Finding const& finding : findings) {
+                out.PaintLine(Printable(Describe(stream.Name(), *record, finding)), ColourOf(finding));
+            }
         }
     }
     if (!options.json && !options.quiet) {
@@ -65,27 +61,27 @@ ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Out
     return tally.bad == 0 ? ExitCode::AllWell : ExitCode::BadRecord;
 }
 
+ExitCode Validate(ValidateOptions const& options, Output& out) {
+    return ForEachInput(options.files, options.form,
+                        [&](RecordStream& stream) { return ValidateInput(stream, options, out); });
+}
+
 } // namespace
 
 void AddValidate(CLI::App& app, Action& chosen) {
-    auto const options = std::make_shared<ValidateOptions>();
-    CLI::App* const verb = app.add_subcommand("validate", "Say what is wrong, and what is odd, with each record");
-    AddFiles(*verb, options->files);
-    verb->add_flag("--first", options->firstOnly, "Only the first error of each record, and no notes");
-    auto* const json = verb->add_flag("--json", options->json, "One JSON object a line for each record");
-    verb->add_flag("--quiet", options->quiet, "No output: the exit status says it")->excludes(json);
-    AddFormOptions(*verb, options->form);
-    verb->footer(
-        "An error says that a record may not be used; a note that it is usable, but not what the library would\n"
-        "have written. Each line gives the file, the record and where it begins, the finding's name, the field\n"
-        "and where it is, the value found and the value expected.\n\n"
+    auto const [verb, options] =
+        AddVerb(app, chosen, "validate", "Report the errors and notes of each record", Validate);
+    AddFiles(verb, options.files);
+    verb.add_flag("--first", options.firstOnly, "Only the first error of each record, and no notes");
+    auto* const json = verb.add_flag("--json", options.json, "One JSON object on a line for each record");
+    verb.add_flag("--quiet", options.quiet, "No output but the exit status")->excludes(json);
+    AddFormOptions(verb, options.form);
+    verb.footer(
+        "A record with an error must not be used. A record with a note is usable but differs from one that the "
+        "library\n"
+        "writes. Each line has the file, the record and its offset, the finding's name, the field and its offset, the\n"
+        "value found and the value expected.\n\n"
         "Example:\n  crrecord validate movie.do");
-    verb->callback([options, &chosen] {
-        chosen = [options](Output& out) {
-            return ForEachInput(options->files, options->form,
-                                [&](RecordStream& stream) { return ValidateInput(stream, *options, out); });
-        };
-    });
 }
 
 } // namespace crrecord::tool

@@ -2,16 +2,22 @@
 
 #include "io/file_facts.h"
 
+#include <crrecord/DORecordHeader.h>
+#include <crrecord/fingerprint.h>
+
 #include <charconv>
 
 namespace crrecord::tool {
+
+// The text of formats/crrecord.schema.json, in a source file that the build generates.
+extern char const kJsonSchemaText[];
 
 namespace {
 
 constexpr int kMany = CLI::detail::expected_max_vector_size;
 
 CLI::Validator NamesAFile() {
-    return {[](std::string& name) { return name.empty() ? "found an empty name, expected that of a file" : ""; }, ""};
+    return {[](std::string& name) { return name.empty() ? "found an empty name, expected a file name" : ""; }, ""};
 }
 
 void AddToEachVerb(CLI::App& app, std::string const& flag, void (*callback)(), std::string const& description) {
@@ -21,15 +27,40 @@ void AddToEachVerb(CLI::App& app, std::string const& flag, void (*callback)(), s
     }
 }
 
+struct NoOptions {};
+
+ExitCode PrintSchema(NoOptions const&, Output& out) {
+    out.Write(kJsonSchemaText);
+    return ExitCode::AllWell;
+}
+
+void AddSchema(CLI::App& app, Action& chosen) {
+    AddVerb(app, chosen, "schema", "Print the JSON Schema of the records' JSON form", PrintSchema)
+        .app.footer(
+            "It describes a line of show --json and of convert --to json. The lines of other verbs with --json have\n"
+            "definitions in its $defs, such as findingsLine, annotateLine or buildLine.\n\n"
+            "Example:\n  crrecord schema >crrecord.schema.json");
+}
+
 } // namespace
 
-// The parser's vectors would take "[a,b]" for two texts and "{}" for none.
+void PrintClosing(Output& out, std::string const& path, bool requested, std::string const& line) {
+    if (path != "-") {
+        out.Print("{}\n", line);
+    } else if (requested) {
+        Output error(STDERR_FILENO, "standard error");
+        error.Print("{}\n", line);
+        error.Flush();
+    }
+}
+
+// CLI11's vectors read "[a,b]" as two texts and "{}" as no text.
 CLI::Option* AddTexts(CLI::App& verb, std::string const& option, std::vector<std::string>& texts,
                       std::string const& description) {
     CLI::callback_t const converted = [](CLI::results_t const&) { return true; };
     auto const take = [&texts, first = true](std::string const& text) mutable {
         if (std::exchange(first, false)) {
-            texts.clear(); // of its default
+            texts.clear(); // the default
         }
         texts.push_back(text);
     };
@@ -40,8 +71,8 @@ CLI::Option* AddTexts(CLI::App& verb, std::string const& option, std::vector<std
 }
 
 CLI::Option* AddFiles(CLI::App& verb, std::vector<std::string>& files) {
-    // Without lists in brackets the parser gives a positional only as many texts as that expects at least.
-    return AddTexts(verb, "FILE", files, "Files of records, one behind the other; - is standard input")
+    // Without lists in brackets CLI11 gives a positional only the least number of texts that it expects.
+    return AddTexts(verb, "FILE", files, "Files of records, one after the other; - is standard input")
         ->expected(kMany - 1, kMany)
         ->check(NamesAFile())
         ->type_name("");
@@ -49,6 +80,10 @@ CLI::Option* AddFiles(CLI::App& verb, std::vector<std::string>& files) {
 
 CLI::Option* AddFile(CLI::App& verb, std::string const& option, std::string& file, std::string const& description) {
     return verb.add_option(option, file, description)->check(NamesAFile())->type_name("");
+}
+
+void AddOut(CLI::App& verb, std::string& out, std::string const& what) {
+    AddFile(verb, "-o,--out", out, "The " + what + " to write; - is standard output")->required()->type_name("OUT");
 }
 
 CLI::Validator WholeNumber(std::uint64_t most) {
@@ -71,28 +106,30 @@ void RefuseToReplace(std::vector<std::string> const& files, std::string const& o
     }
 }
 
+void AddFormOptions(CLI::App& verb, FormOptions& options) {
+    auto* const serialized =
+        verb.add_flag("--serialized", options.serialized, "The input is the exchange form of a DO record");
+    auto const add = [&](char const* name, unsigned int& type, unsigned int most, char const* description) {
+        auto* const option = verb.add_option(name, type, description);
+        option->check(CLI::Range(0U, most).description(""))->type_name("N")->needs(serialized);
+        serialized->needs(option);
+    };
+    add("--dotype", options.dotype, CR_DO_TYPE_LAST, "DO type of the exchange form");
+    add("--fptype", options.fptype, CR_FP_TYPE_LAST, "Fingerprint type of the exchange form");
+    verb.add_flag("--checksum", options.checksum, "The head of the exchange form has a checksum")->needs(serialized);
+}
+
 void AddVerbs(CLI::App& app, Action& chosen) {
     app.name("crrecord");
     app.description("Builds, shows, checks, changes and converts the records of a deduplicating content store.");
     app.set_version_flag("--version", "crrecord " CRRECORD_VERSION);
     app.require_subcommand(1);
-    app.footer(
-        "Exit status: 0 all well; 1 a record is bad, or something differs; 2 the command could not do its work.");
-    AddBuild(app, chosen);
-    AddShow(app, chosen);
-    AddValidate(app, chosen);
-    AddAnnotate(app, chosen);
-    AddConvert(app, chosen);
-    AddSchema(app, chosen);
-    AddDigest(app, chosen);
-    AddVerify(app, chosen);
-    AddRefs(app, chosen);
-    AddDiff(app, chosen);
-    AddStats(app, chosen);
-    AddRedact(app, chosen);
-    AddMap(app, chosen);
-    AddSegments(app, chosen);
-    AddToEachVerb(app, "--no-progress", Progress::Disable, "Draw no progress on the terminal");
+    app.footer("Exit status: 0 success; 1 a bad record or a difference; 2 the command failed.");
+    for (auto const add : {AddBuild, AddShow, AddValidate, AddAnnotate, AddConvert, AddSchema, AddDigest, AddVerify,
+                           AddRefs, AddDiff, AddStats, AddRedact, AddMap, AddSegments}) {
+        add(app, chosen);
+    }
+    AddToEachVerb(app, "--no-progress", Progress::Disable, "Do not show progress on the terminal");
 }
 
 } // namespace crrecord::tool

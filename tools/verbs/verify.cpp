@@ -1,7 +1,8 @@
-// crrecord verify: the data of a file against its DO record.
+// crrecord verify: compares the data of a file with its DO record.
 
 #include "io/progress.h"
 #include "record/do_record.h"
+#include "record/fingerprinter.h"
 #include "record/record_findings.h"
 #include "verbs/verbs.h"
 
@@ -18,49 +19,38 @@ struct VerifyOptions {
     bool json = false;
 };
 
-// Tells of each difference, as a line or as an element of the JSON object's array.
+// Prints each difference as a line or as an element of the JSON object's array.
 class Report {
 public:
-    Report(VerifyOptions const& options, Output& out) : options_(options), out_(out) {
+    Report(VerifyOptions const& options, Output& out) : options_(options), file_(Printable(options.file)), out_(out) {
         if (options_.json) {
             out_.Print(R"({},"record":{},"file":{},"differences":[)", JsonStart(), JsonQuoted(options_.record),
                        JsonQuoted(options_.file));
         }
     }
 
-    // `found` is empty where the file ends within the segment or before it.
+    // `found` is empty if the file ends before the segment's end.
     void BadSegment(unsigned int index, std::uint64_t position, std::uint32_t size, std::string const& expected,
                     std::string const& found) {
         ++badSegments_;
-        if (options_.json) {
-            out_.Print(R"({}{{"what":"segment","index":{},"offset":"{}","size":{},"expected":"{}","found":{}}})",
-                       Separator(), index, position, size, expected, found.empty() ? "null" : '"' + found + '"');
-            return;
-        }
-        out_.Print("{}: segment {} at byte {}, {}: expected {}, found {}\n", File(), index, position,
-                   Counted(size, "byte"), expected, found.empty() ? "the end of the file" : found);
+        Print(fmt::format("{}: segment {} at byte {}, {}: expected {}, found {}", file_, index, position,
+                          Counted(size, "byte"), expected, found.empty() ? "the end of the file" : found),
+              fmt::format(R"("segment","index":{},"offset":"{}","size":{},"expected":"{}","found":{})", index, position,
+                          size, expected, found.empty() ? "null" : '"' + found + '"'));
     }
 
     void BadOffset(unsigned int index, std::uint64_t position, std::uint64_t stored) {
         ++others_;
-        if (options_.json) {
-            out_.Print(R"({}{{"what":"offset","index":{},"expected":"{}","found":"{}"}})", Separator(), index, position,
-                       stored);
-            return;
-        }
-        out_.Print("{}: segment {}: the record's offset is {}, expected {}\n", Printable(options_.record), index,
-                   stored, position);
+        Print(fmt::format("{}: segment {}: the record's offset is {}, expected {}", Printable(options_.record), index,
+                          stored, position),
+              fmt::format(R"("offset","index":{},"expected":"{}","found":"{}")", index, position, stored));
     }
 
     void BadGap(std::uint64_t position, std::uint64_t size, std::uint64_t dataAt) {
         ++others_;
-        if (options_.json) {
-            out_.Print(R"({}{{"what":"gap","offset":"{}","size":"{}","data_at":"{}"}})", Separator(), position, size,
-                       dataAt);
-            return;
-        }
-        out_.Print("{}: gap at byte {}, {}: expected zeros, found data at byte {}\n", File(), position,
-                   Counted(size, "byte"), dataAt);
+        Print(fmt::format("{}: gap at byte {}, {}: expected zeros, found data at byte {}", file_, position,
+                          Counted(size, "byte"), dataAt),
+              fmt::format(R"("gap","offset":"{}","size":"{}","data_at":"{}")", position, size, dataAt));
     }
 
     ExitCode Close(std::uint64_t segments, std::uint64_t expectedSize, std::uint64_t size) {
@@ -72,32 +62,38 @@ public:
             return same ? ExitCode::AllWell : ExitCode::BadRecord;
         }
         if (size != expectedSize) {
-            out_.Print("{}: size {}, expected {}\n", File(), size, expectedSize);
+            out_.Print("{}: size {}, expected {}\n", file_, size, expectedSize);
         }
-        out_.Print("{}: {}, {}: {}\n", File(), Counted(segments, "segment"), Counted(size, "byte"),
-                   same ? "all as the record says" : fmt::format("differs, {} bad", Counted(badSegments_, "segment")));
+        out_.Print("{}: {}, {}: {}\n", file_, Counted(segments, "segment"), Counted(size, "byte"),
+                   same ? "matches the record" : fmt::format("differs, {} bad", Counted(badSegments_, "segment")));
         return same ? ExitCode::AllWell : ExitCode::BadRecord;
     }
 
 private:
-    std::string File() const { return Printable(options_.file); }
-    char const* Separator() { return std::exchange(separator_, ","); }
+    // `members` is the value of "what" and the members after it.
+    void Print(std::string const& line, std::string const& members) {
+        if (options_.json) {
+            out_.Print(R"({}{{"what":{}}})", std::exchange(separator_, ","), members);
+        } else {
+            out_.Print("{}\n", line);
+        }
+    }
 
     VerifyOptions const& options_;
+    std::string file_;
     Output& out_;
     char const* separator_ = "";
     std::uint64_t badSegments_ = 0;
     std::uint64_t others_ = 0;
 };
 
-// Goes through the file once, from its beginning to the end of what the record describes. Holes are not read. Bytes
-// that are hashed: at most those of the record's segments, and of holes that are whole segments of one size in a row
-// only those of the first.
+// Reads the file once, from its start to the end of the object. Holes are not read. Of consecutive segments of one size
+// that are holes only the first is hashed.
 class Verifier {
 public:
     Verifier(Input& input, DORecord const& record, Report& report)
         : input_(input), fptype_(record.GetFPType()), dotype_(record.GetDOType()), report_(report),
-          progress_(input.Name(), input.ExpectedSize()), block_(kReadBlock) {}
+          progress_(input.Name(), input.ExpectedSize()), block_(kReadBlock), fingerprinter_(fptype_) {}
 
     void CheckSegment(unsigned int index, std::uint64_t position, DOSegment const& segment) {
         CheckGap(position);
@@ -111,7 +107,7 @@ public:
         }
     }
 
-    // No segment has bytes from here to `end`, so that they must be zeros.
+    // Checks that the bytes up to `end`, which no segment describes, are zeros.
     void CheckGap(std::uint64_t end) {
         std::uint64_t const begin = position_;
         std::optional<std::uint64_t> data;
@@ -128,7 +124,7 @@ public:
         }
     }
 
-    // Returns: the file's size. Only what has no size of its own, such as a pipe, is read to its end for that.
+    // Returns: the file's size. Only an input of unknown size, such as a pipe, is read to its end.
     std::uint64_t Finish() {
         if (input_.Name() != "-" && !ended_ && position_ < input_.ExpectedSize()) {
             return input_.ExpectedSize();
@@ -140,13 +136,13 @@ public:
     }
 
 private:
-    // Bytes of a hole, or bytes that were read; neither at the file's end.
+    // A hole, or bytes that were read, or neither at the end of the file.
     struct Piece {
         std::uint64_t hole = 0;
         std::span<unsigned char const> bytes;
     };
 
-    // Takes the next bytes of the file, `most` of them or fewer.
+    // Reads the next bytes of the file, at most `most`.
     Piece Take(std::uint64_t most) {
         Piece piece;
         if (dataAhead_ == 0) {
@@ -155,8 +151,8 @@ private:
             dataAhead_ = extent.data;
         }
         if (piece.hole == 0 && dataAhead_ != 0) {
-            std::size_t const room = std::min<std::uint64_t>({block_.size(), most, dataAhead_});
-            piece.bytes = std::span(block_).first(input_.Read(std::span(block_).first(room)));
+            std::size_t const size = std::min<std::uint64_t>({block_.size(), most, dataAhead_});
+            piece.bytes = std::span(block_).first(input_.Read(std::span(block_).first(size)));
             dataAhead_ -= piece.bytes.size();
         }
         position_ += piece.hole + piece.bytes.size();
@@ -165,9 +161,9 @@ private:
         return piece;
     }
 
-    // The fingerprint of the next `size` bytes; none if the file ends before.
+    // Returns: the fingerprint of the next `size` bytes, or std::nullopt if the file ends before.
     std::optional<crfp_digest_t> DigestOf(std::uint32_t size) {
-        Check(CRFPInitialize(&context_, fptype_) == 0);
+        fingerprinter_.Start();
         for (std::uint64_t left = size; left != 0;) {
             Piece const piece = Take(left);
             if (ended_) {
@@ -176,40 +172,26 @@ private:
             if (piece.hole == size) {
                 return DigestOfZeros(size);
             }
-            Append(piece.bytes);
+            fingerprinter_.Append(piece.bytes);
             AppendZeros(piece.hole);
             left -= piece.hole + piece.bytes.size();
         }
-        return Finalized();
+        return fingerprinter_.Finish();
     }
 
     crfp_digest_t DigestOfZeros(std::uint32_t size) {
         if (!zeros_ || zerosSize_ != size) {
             AppendZeros(size);
-            zeros_ = Finalized();
+            zeros_ = fingerprinter_.Finish();
             zerosSize_ = size;
         }
         return *zeros_;
     }
 
-    void Append(std::span<unsigned char const> bytes) { Check(CRFPAppend(&context_, bytes.data(), bytes.size()) == 0); }
-
     void AppendZeros(std::uint64_t count) {
         static constexpr unsigned char kZeros[64UL * 1024] = {};
         for (; count != 0; count -= std::min<std::uint64_t>(count, sizeof kZeros)) {
-            Append(std::span(kZeros).first(std::min<std::uint64_t>(count, sizeof kZeros)));
-        }
-    }
-
-    crfp_digest_t Finalized() {
-        crfp_digest_t digest{};
-        Check(CRFPFinalize(&context_) == 0 && CRFPGetDigest_r(&context_, &digest));
-        return digest;
-    }
-
-    static void Check(bool done) {
-        if (!done) {
-            throw Failure(std::string("fingerprint: ") + CRStatusToStringA(*__cr_errno_location()));
+            fingerprinter_.Append(std::span(kZeros).first(std::min<std::uint64_t>(count, sizeof kZeros)));
         }
     }
 
@@ -220,10 +202,10 @@ private:
     Progress progress_;
     std::vector<unsigned char> block_;
     std::uint64_t position_ = 0;
-    std::uint64_t dataAhead_ = 0; // bytes from here on before the next hole may begin
+    std::uint64_t dataAhead_ = 0; // bytes before the next possible hole
     bool ended_ = false;
-    crfp_context_t context_;
-    std::optional<crfp_digest_t> zeros_; // of so many zeros
+    Fingerprinter fingerprinter_;
+    std::optional<crfp_digest_t> zeros_; // the fingerprint of `zerosSize_` zeros
     std::uint32_t zerosSize_ = 0;
 };
 
@@ -237,7 +219,7 @@ ExitCode Verify(VerifyOptions const& options, Output& out) {
         return ExitCode::BadRecord;
     }
     if (IsBloom(record->GetDOType())) {
-        throw Failure(options.record + ": is a bloom record, which says nothing of its object's segments");
+        throw Failure(options.record + ": is a bloom record, which has no segments");
     }
     Input input(options.file);
     Report report(options, out);
@@ -255,18 +237,18 @@ ExitCode Verify(VerifyOptions const& options, Output& out) {
 } // namespace
 
 void AddVerify(CLI::App& app, Action& chosen) {
-    auto const options = std::make_shared<VerifyOptions>();
-    CLI::App* const verb = app.add_subcommand("verify", "Compare the data of a file with its DO record");
-    AddFile(*verb, "RECORD", options->record, "The DO record; - is standard input")->required();
-    AddFile(*verb, "FILE", options->file, "The file that it should describe; - is standard input")->required();
-    verb->add_flag("--json", options->json, "One JSON object with all differences");
-    AddFormOptions(*verb, options->form);
-    verb->footer(
-        "Reads FILE once and names each segment whose data has another fingerprint than the record says, each gap\n"
-        "that is not all zeros, and another size: status 1. Holes of a sparse FILE, and what it has after the\n"
-        "record's size, are not read.\n\n"
-        "Example:\n  crrecord verify movie.do movie.mkv");
-    verb->callback([options, &chosen] { chosen = [options](Output& out) { return Verify(*options, out); }; });
+    auto const [verb, options] =
+        AddVerb(app, chosen, "verify", "Compare the data of a file with its DO record", Verify);
+    AddFile(verb, "RECORD", options.record, "The DO record; - is standard input")->required();
+    AddFile(verb, "FILE", options.file, "The file that it describes; - is standard input")->required();
+    verb.add_flag("--json", options.json, "One JSON object with all differences");
+    AddFormOptions(verb, options.form);
+    verb.footer("Reads FILE once and lists each segment whose data has a fingerprint other than the recorded one, each "
+                "gap that\n"
+                "is not all zeros, and a different size: status 1. Holes of a sparse FILE, and data after the record's "
+                "size, are\n"
+                "not read.\n\n"
+                "Example:\n  crrecord verify movie.do movie.mkv");
 }
 
 } // namespace crrecord::tool
