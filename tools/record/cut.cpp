@@ -21,10 +21,10 @@ namespace crrecord::tool {
 
 namespace {
 
-// Hashing a batch takes far longer than starting a thread, and the batch stays in that processor's cache.
+// Hashing a batch takes far longer than its transfer to a thread, and the batch stays in that processor's cache.
 constexpr std::uint64_t kBatch = kReadBlock;
 constexpr std::uint64_t kBatchSegments = 4096; // the result for a segment of one byte has dozens
-constexpr unsigned int kMostThreads = 32;      // more than one reading thread can supply; each has a batch
+constexpr unsigned int kMostThreads = 32;      // more than one reading thread can supply; each has two batches
 
 // Segments of the default size for all lanes.
 constexpr std::uint64_t kParallelBatch = ParallelSha256::kLanes * 128UL * 1024;
