@@ -87,11 +87,23 @@ TEST_F(Tool, VerifyNamesWhatDiffers) {
 // Input of a pipe is hashed in several segments at once, but verified in one after the other.
 TEST_F(Tool, BuildsWhatVerifies) {
     ASSERT_EQ(Shell("seq 500000 >in"), 0);
-    for (char const* const options : {"1000", "64K", "100000 --fptype 2", "128K", "256K"}) {
+    for (char const* const options :
+         {"--segment-size 1000", "--segment-size 64K", "--segment-size 100000 --fptype 2", "--segment-size 128K",
+          "--segment-size 256K", "--cut content", "--cut content:64:1K:4K --dotype 2", "--cut content:1M:1M:4M"}) {
         SCOPED_TRACE(options);
-        ASSERT_EQ(Shell(std::string("cat in | \"$T\" build - -o out --segment-size ") + options), 0) << err;
+        ASSERT_EQ(Shell(std::string("cat in | \"$T\" build - -o out ") + options), 0) << err;
         EXPECT_EQ(Run("verify out in"), 0) << out;
     }
+    EXPECT_EQ(Run("build in -o out --cut content --dotype 1"), 2);
+    EXPECT_EQ(Run("build in -o out --cut content:4K:1K:64K"), 2);
+}
+
+// The bytes of a hole end a segment, and those after it are cut as if the file began there.
+TEST_F(Tool, CutsByContentAroundHoles) {
+    ASSERT_EQ(Shell("seq 100000 | head -c 512K >part && cat part >in && truncate -s 4M in && cat part >>in"), 0);
+    ASSERT_EQ(Run("build in -o out --cut content:1K:4K:16K"), 0) << err;
+    EXPECT_EQ(Run("verify out in"), 0) << out;
+    EXPECT_EQ(Shell("\"$T\" stats --unique --json out | grep -c '\"repeated_bytes\":\"524288\"'"), 0) << out;
 }
 
 } // namespace

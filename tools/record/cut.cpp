@@ -3,13 +3,10 @@
 #include "io/failure.h"
 #include "io/pipeline.h"
 #include "io/progress.h"
+#include "record/cut_batch.h"
 #include "record/fingerprinter.h"
-#include "record/parallel_sha256.h"
 
 #include <algorithm>
-#include <array>
-#include <cctype>
-#include <charconv>
 #include <span>
 #include <vector>
 
@@ -44,23 +41,12 @@ std::uint32_t CrcAfterZeros(std::uint32_t crc, std::uint64_t bytes) {
     return ~CombinedCrc(~crc, 0, bytes);
 }
 
-// Consecutive bytes of the input, and the segments that end in them.
-struct Batch {
-    std::vector<unsigned char> bytes;
-    std::uint64_t offset = 0;
-    std::uint64_t size = 0;
-    bool endsSegment = false; // a gap or the input's end follows
-    std::uint32_t crc = 0;
-    std::vector<CutSegment> segments;       // without their containers
-    std::unique_ptr<ParallelSha256> sha256; // if the segments are hashed at once
-};
-
 // Computes fingerprints and checksums of segments whose bytes arrive in order.
 class Digester {
 public:
     explicit Digester(CutOptions const& options) : options_(options), fingerprinter_(options.fptype) {}
 
-    void Append(Batch& batch) {
+    void Append(CutBatch& batch) {
         std::span<unsigned char const> bytes = std::span(batch.bytes).first(batch.size);
         batch.crc = libdeflate_crc32(0, bytes.data(), bytes.size());
         for (std::uint64_t offset = batch.offset; !bytes.empty();) {
@@ -101,49 +87,6 @@ private:
     CutSegment segment_; // the open segment, if it has bytes
 };
 
-// Computes the fingerprints of whole segments with batch.sha256, which is created if it is null.
-// Returns: false, without a result, if there are too few segments, or if it cannot be created.
-bool DigestAtOnce(Batch& batch, CutOptions const& options) {
-    std::span<unsigned char const> bytes = std::span(batch.bytes).first(batch.size);
-    if (bytes.size() <= (ParallelSha256::kLeastPieces - 1) * options.segmentSize) {
-        return false;
-    }
-    if (!batch.sha256) {
-        batch.sha256 = ParallelSha256::Create();
-    }
-    if (!batch.sha256) {
-        return false;
-    }
-    batch.crc = libdeflate_crc32(0, bytes.data(), bytes.size());
-    batch.segments.reserve(batch.size / options.segmentSize + 2); // the pieces point to them
-    std::vector<ParallelSha256::Piece> pieces;
-    for (std::uint64_t offset = batch.offset; !bytes.empty();) {
-        auto const segment =
-            bytes.first(std::min<std::uint64_t>(bytes.size(), options.segmentSize - offset % options.segmentSize));
-        CutSegment& made = batch.segments.emplace_back();
-        made.offset = offset;
-        made.size = segment.size();
-        made.crc = options.segmentCrcs ? libdeflate_crc32(0, segment.data(), segment.size()) : 0;
-        pieces.push_back({segment, made.fingerprint.bytes});
-        offset += segment.size();
-        bytes = bytes.subspan(segment.size());
-    }
-    if (!batch.sha256->Digest(pieces)) {
-        throw Failure("libipsec-mb: computed no SHA-256");
-    }
-    // One of each batch, another one each time: wrong fingerprints would never be found later.
-    if (!ParallelSha256::EqualsOpenSSL(pieces[batch.offset / options.segmentSize % pieces.size()])) {
-        throw Failure("libipsec-mb: computed a wrong SHA-256");
-    }
-    if (options.fptype == CR_FP_TYPE_SHA256_128) {
-        constexpr std::size_t kSize = CRFPDigestSize(CR_FP_TYPE_SHA256_128);
-        for (CutSegment& segment : batch.segments) {
-            std::fill(segment.fingerprint.bytes + kSize, std::end(segment.fingerprint.bytes), std::uint8_t{0});
-        }
-    }
-    return true;
-}
-
 class SegmentCutter {
 public:
     // `expected` is the size of the input, or 0 if it is unknown.
@@ -151,13 +94,13 @@ public:
                   std::function<void(CutSegment const&)> const& use)
         : options_(options), progress_(progress), use_(use), atOnce_(AtOnce(expected)), digester_(options),
           pipeline_(
-              Threads(), [this](Batch& batch) { Digest(batch); }, [this](Batch& batch) { Account(batch); }) {
+              Threads(), [this](CutBatch& batch) { Digest(batch); }, [this](CutBatch& batch) { Account(batch); }) {
         totals_.firstContainer = totals_.lastContainer = options.firstContainer;
     }
 
     // Returns: the buffer for the next bytes of the input.
     std::span<unsigned char> Buffer() {
-        Batch& batch = Open();
+        CutBatch& batch = Open();
         return std::span(batch.bytes).subspan(batch.size);
     }
 
@@ -174,22 +117,20 @@ public:
     // Adds zeros that are in no segment.
     void Skip(std::uint64_t count) {
         if (count != 0) {
-            Open().endsSegment = true;
-            Submit();
+            EndSegment();
             position_ += count;
         }
     }
 
     CutTotals const& Finish() {
-        Open().endsSegment = true;
-        Submit();
+        EndSegment();
         pipeline_.Finish();
         return totals_;
     }
 
 private:
     // Segments larger than a batch are hashed one after the other: memory for several of them would be unbounded.
-    bool IsWhole() const { return options_.segmentSize <= kBatch; }
+    bool IsWhole() const { return options_.content || options_.segmentSize <= kBatch; }
     unsigned int Threads() const {
         unsigned int const most = atOnce_ ? kMostParallelThreads : kMostThreads;
         return IsWhole() ? std::clamp(std::thread::hardware_concurrency(), 1U, most) : 1;
@@ -199,7 +140,16 @@ private:
     bool AtOnce(std::uint64_t expected) const {
         bool const isSha256 = options_.fptype == CR_FP_TYPE_SHA256 || options_.fptype == CR_FP_TYPE_SHA256_128;
         bool const isSmall = expected != 0 && expected < kLeastParallelInput;
-        return IsWhole() && isSha256 && !isSmall && ParallelSha256::Create();
+        return IsWhole() && options_.LargestSegment() <= ParallelSha256::kMostBytes && isSha256 && !isSmall &&
+               ParallelSha256::Create();
+    }
+
+    // Bytes of a batch that starts at `offset`. CutBatches of whole segments of one size end at a multiple of it.
+    std::uint64_t SizeOfBatch(std::uint64_t offset) const {
+        if (options_.content) {
+            return std::max<std::uint64_t>(atOnce_ ? kParallelBatch : kBatch, 2UL * options_.content->most);
+        }
+        return IsWhole() ? SegmentsInBatch() * options_.segmentSize - offset % options_.segmentSize : kBatch;
     }
 
     // The most segments in a batch; a multiple of the lanes, if they are hashed at once and enough fit.
@@ -210,38 +160,61 @@ private:
         return fitting < ParallelSha256::kLanes ? fitting : fitting - fitting % ParallelSha256::kLanes;
     }
 
-    Batch& Open() {
+    CutBatch& Open() {
         if (!batch_) {
             batch_ = &pipeline_.Next();
-            batch_->offset = position_;
-            batch_->size = 0;
+            batch_->offset = position_ - rest_.size();
+            batch_->size = rest_.size();
             batch_->endsSegment = false;
+            batch_->sizes.clear();
             batch_->segments.clear();
-            // Batches of whole segments end at a multiple of the segment size.
-            std::uint64_t const whole = SegmentsInBatch() * options_.segmentSize;
-            batch_->bytes.resize(IsWhole() ? whole - position_ % options_.segmentSize : kBatch);
+            batch_->bytes.resize(SizeOfBatch(batch_->offset));
+            std::copy(rest_.begin(), rest_.end(), batch_->bytes.begin());
+            rest_.clear();
         }
         return *batch_;
     }
 
+    void EndSegment() {
+        Open().endsSegment = true;
+        Submit();
+    }
+
     void Submit() {
+        if (IsWhole()) {
+            Divide();
+        }
         pipeline_.Submit();
         batch_ = nullptr;
     }
 
-    void Digest(Batch& batch) {
+    // Divides the batch into whole segments. Bytes whose segment may continue become the start of the next batch.
+    void Divide() {
+        CutBatch& batch = *batch_;
+        std::uint64_t const end = batch.size;
+        std::uint64_t at = 0;
+        while (at < end && (batch.endsSegment || !options_.content || end - at >= options_.content->most)) {
+            std::uint64_t const size =
+                options_.content
+                    ? FirstContentCut(&batch.bytes[at], end - at, *options_.content)
+                    : std::min(end - at, options_.segmentSize - (batch.offset + at) % options_.segmentSize);
+            batch.sizes.push_back(static_cast<std::uint32_t>(size));
+            at += size;
+        }
+        rest_.assign(&batch.bytes[at], &batch.bytes[end]);
+        batch.size = at;
+    }
+
+    void Digest(CutBatch& batch) {
         if (IsWhole()) {
-            batch.endsSegment = true;
-            if (!atOnce_ || !DigestAtOnce(batch, options_)) {
-                Digester(options_).Append(batch);
-            }
+            DigestWhole(batch, options_, atOnce_);
         } else {
             digester_.Append(batch);
         }
     }
 
     // In the order of the input.
-    void Account(Batch& batch) {
+    void Account(CutBatch& batch) {
         std::uint64_t const gap = batch.offset - totals_.bytes;
         totals_.crc = CombinedCrc(CrcAfterZeros(totals_.crc, gap), batch.crc, batch.size);
         totals_.gaps += gap;
@@ -276,60 +249,17 @@ private:
     CutTotals totals_;
     bool atOnce_;
     Digester digester_;
-    Batch* batch_ = nullptr; // the one being filled
-    Pipeline<Batch> pipeline_;
+    CutBatch* batch_ = nullptr;       // the one being filled
+    std::vector<unsigned char> rest_; // bytes for the next one
+    Pipeline<CutBatch> pipeline_;
 };
-
-// Reads an option's text as a number of bytes from 1 to `most`, with or without a unit. CLI11's AsSizeValue reads "010"
-// as 8, and its messages name no limits.
-CLI::Validator Size(std::uint64_t most) {
-    auto const read = [most](std::string& text) {
-        constexpr std::array<std::string_view, 7> kUnits{"", "k", "m", "g", "t", "p", "e"};
-        std::uint64_t number = 0;
-        auto const digits = std::min(text.find_first_not_of("0123456789"), text.size());
-        std::from_chars(text.data(), text.data() + digits, number);
-        std::string unit = text.substr(digits);
-        std::transform(unit.begin(), unit.end(), unit.begin(),
-                       [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-        unit.resize(unit.size() - (unit.ends_with("ib") ? 2 : unit.ends_with("b") ? 1 : 0));
-        auto const power = static_cast<std::size_t>(std::find(kUnits.begin(), kUnits.end(), unit) - kUnits.begin());
-        if (power == kUnits.size() || number == 0 || number > most >> 10 * power) {
-            return fmt::format("found \"{}\", expected a number of bytes of 1 to {}, such as 65536 or 64K",
-                               Printable(text), most);
-        }
-        text = std::to_string(number << 10 * power);
-        return std::string();
-    };
-    return {read, ""};
-}
 
 } // namespace
 
-void AddCutOptions(CLI::App& verb, CutOptions& options, unsigned int mostBytes) {
-    // Without their descriptions, which the help would show instead of the value's name.
-    auto const range = [](unsigned int least, unsigned int most) { return CLI::Range(least, most).description(""); };
-    verb.add_option("--segment-size", options.segmentSize, "Bytes of each segment but the last, such as 64K")
-        ->transform(Size(mostBytes))
-        ->type_name("BYTES")
-        ->capture_default_str();
-    verb.add_option("--container-size", options.containerSize, "Bytes that a container holds, such as 64M")
-        ->transform(Size(std::numeric_limits<std::uint64_t>::max()))
-        ->type_name("BYTES")
-        ->capture_default_str();
-    verb.add_option("--fptype", options.fptype, "Fingerprint: 0 MD5, 1 SHA-1/128, 2 SHA-256/128, 3 SHA-256")
-        ->check(range(CR_FP_TYPE_MD5, CR_FP_TYPE_LAST))
-        ->type_name("N")
-        ->capture_default_str();
-    verb.add_option("--first-container", options.firstContainer, "Id of the first container, at most 4294967295")
-        ->check(range(CutOptions::kLeastContainer, CutOptions::kMost32))
-        ->type_name("ID")
-        ->capture_default_str();
-}
-
 CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::function<void(CutSegment const&)> const& use) {
-    if (options.containerSize < options.segmentSize) {
+    if (options.containerSize < options.LargestSegment()) {
         throw Failure(fmt::format("a container of {} bytes cannot hold a segment of {}: raise --container-size",
-                                  options.containerSize, options.segmentSize));
+                                  options.containerSize, options.LargestSegment()));
     }
     Progress progress(input.Name(), input.ExpectedSize());
     SegmentCutter cutter(options, input.ExpectedSize(), progress, use);

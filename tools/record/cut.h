@@ -3,6 +3,7 @@
 #pragma once
 
 #include "io/input.h"
+#include "record/content_cut.h"
 
 #include <crrecord/container.h>
 #include <crrecord/fingerprint.h>
@@ -10,8 +11,7 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
-
-#include <CLI/CLI.hpp>
+#include <optional>
 
 namespace crrecord::tool {
 
@@ -19,15 +19,16 @@ struct CutOptions {
     static constexpr unsigned int kLeastContainer = CR_FIRST_FREE_DCID;
     static constexpr unsigned int kMost32 = std::numeric_limits<std::uint32_t>::max();
 
-    std::uint64_t segmentSize = 128UL * 1024;
+    std::uint64_t segmentSize = 128UL * 1024; // unless `content` is set
+    std::optional<ContentCut> content;
     std::uint64_t containerSize = 64UL * 1024 * 1024;
     unsigned int fptype = CR_FP_TYPE_SHA256;
     unsigned int firstContainer = kLeastContainer;
     bool segmentCrcs = false; // whether segments have a CRC-32
-};
 
-// `mostBytes` is the largest segment size.
-void AddCutOptions(CLI::App& verb, CutOptions& options, unsigned int mostBytes = CutOptions::kMost32);
+    std::uint64_t LargestSegment() const { return content ? content->most : segmentSize; }
+    std::uint64_t UsualSegment() const { return content ? content->average : segmentSize; }
+};
 
 enum class Holes {
     AreZeros,
@@ -55,11 +56,12 @@ struct CutTotals {
 };
 
 // Reads `input` to its end and calls use(segment) for each segment, in order and on this thread. Shows the progress on
-// the terminal. Segments of up to 256 KiB are hashed on all processors. Segments end at multiples of their size and
-// where a gap begins, so a hole changes only the segments that it touches. Containers are filled one after the other.
+// the terminal. Segments of up to 256 KiB are hashed on all processors. Segments end where
+// their content says so, or at multiples of their size; and where a gap begins, so a hole changes only the segments
+// that it touches. Containers are filled one after the other.
 // Throws: Failure if the input is empty or one gap, if a segment is larger than a container, and if container ids
 // exceed 32 bits.
-// Memory: some batches of up to 4 MiB, for any segment size.
+// Memory: some batches of up to 4 MiB, or of twice the largest segment if the content says where they end.
 CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::function<void(CutSegment const&)> const& use);
 
 } // namespace crrecord::tool

@@ -1,6 +1,6 @@
 // crrecord build and segments build: the DO record or the segment records of a file.
 
-#include "record/cut.h"
+#include "record/cut_options.h"
 #include "record/do_record.h"
 #include "record/record_findings.h"
 #include "verbs/verbs.h"
@@ -122,16 +122,22 @@ std::string ClosingLine(BuildOptions const& options, CutTotals const& totals, st
 }
 
 ExitCode Build(BuildOptions const& options, Output& out) {
+    if (options.cut.content && DOTypeOf(options.dotype).sizeWidth == 0) {
+        throw Failure(
+            fmt::format("--cut content needs a DO type that stores sizes (2, 3 or 5), not {}", options.dotype));
+    }
     Input input(options.file);
     RefuseToReplace({options.file}, options.out, "record");
     Entries entries(options);
     std::uint64_t const expected = input.ExpectedSize();
-    entries.CheckOffset(expected == 0 ? 0 : (expected - 1) / options.cut.segmentSize * options.cut.segmentSize);
-    entries.Reserve(expected / options.cut.segmentSize + 1);
+    std::uint64_t const usual = options.cut.UsualSegment();
+    entries.CheckOffset(expected == 0 || options.cut.content ? 0 : (expected - 1) / usual * usual);
+    entries.Reserve(expected / usual + 1);
     OutputFile to(options.out, {options.file});
     Holes const holes = options.dotype == CR_DO_TYPE_8_BYTE_OFFSET ? Holes::AreGaps : Holes::AreZeros;
     CutTotals const totals = Cut(input, options.cut, holes, [&](CutSegment const& segment) { entries.Add(segment); });
-    std::unique_ptr<DORecord> const record = std::move(entries).Build(totals, options.cut.segmentSize);
+    std::unique_ptr<DORecord> const record =
+        std::move(entries).Build(totals, options.cut.content ? 0 : options.cut.segmentSize);
     for (unsigned long const task : options.tasks) {
         record->AddTaskID(task);
     }
@@ -217,6 +223,9 @@ void AddBuild(CLI::App& app, Action& chosen) {
         "containers. Its CRC is the CRC-32 of FILE, its container is the last one filled. With DO type 3 the holes of\n"
         "a sparse FILE are gaps between the segments; with other types, and in standard input, they are zeros. A FILE\n"
         "that is empty or one gap has no segments: status 2.\n\n"
+        "With --cut content an insertion into FILE changes only the segments around it, so that the others are shared\n"
+        "with earlier records; --cut fixed is faster, and enough for files that grow at their end or change in "
+        "place.\n\n"
         "Example:\n  crrecord build movie.mkv -o movie.do --task 17");
 }
 

@@ -1,0 +1,29 @@
+// A piece of work for one thread when a file is cut.
+
+#pragma once
+
+#include "record/cut.h"
+#include "record/parallel_sha256.h"
+
+#include <memory>
+#include <vector>
+
+namespace crrecord::tool {
+
+// Consecutive bytes of the input, and the segments that end in them.
+struct CutBatch {
+    std::vector<unsigned char> bytes;
+    std::uint64_t offset = 0;
+    std::uint64_t size = 0;
+    bool endsSegment = false; // a gap or the input's end follows
+    std::uint32_t crc = 0;
+    std::vector<std::uint32_t> sizes;       // of the segments, if the batch consists of whole ones
+    std::vector<CutSegment> segments;       // without their containers
+    std::unique_ptr<ParallelSha256> sha256; // if the segments are hashed at once
+};
+
+// Computes fingerprints and checksums of a batch of whole segments, of several at once if `atOnce`.
+// Throws: Failure.
+void DigestWhole(CutBatch& batch, CutOptions const& options, bool atOnce);
+
+} // namespace crrecord::tool
