@@ -1,5 +1,5 @@
-// Every public operation without memory: each allocation fails in turn, and what it works on is byte for byte as before
-// then. The reviewed list of exported symbols says which operations there are.
+// Every public operation without memory: each allocation fails once, and no byte of its operands changes. The reviewed
+// list of exported symbols names the operations.
 
 #include "support/fault.h"
 #include "support/record_memory.h"
@@ -46,14 +46,14 @@ constexpr auto kGoOn = [](cr_finding_t const*, void*) { return true; };
 
 constexpr auto kIsActive = [](unsigned long, void*) { return 1; };
 
-// What the operations work on; made anew for each attempt.
+// The operands, new for each attempt.
 struct Subject {
     Subject() {
         Hold(*legacy, Spell(Legacy()).bytes);
         unbuilt->cleanupConstruction();
         roomy->expand(9999);
         CRFPInitialize(&opened, 3);
-        record->handleUpdate(); // the clock stands still: what only touches changes nothing
+        record->handleUpdate(); // the clock is constant: another update changes nothing
     }
     ~Subject() {
         std::free(out);
@@ -80,7 +80,7 @@ struct Subject {
           segmentBytes = Golden({false}), bareSegment = Golden({true, 0, 0, 0}), form = SpellForm(Example(3, 1), true),
           entries = SpellEntries(Plain(), false), exact = stored, section = SpellReferences({{9, 1}, {9, 2}});
     unsigned long const dcids[3] = {64, 65, 64};
-    // In memory without room for more, which is copied out as the record grows.
+    // In memory of exactly its size, so that it is copied when the record grows.
     std::unique_ptr<DORecord> record = DORecord::Wrap(exact.data(), exact.size(), exact.size(), false);
     std::unique_ptr<OpenRecord> plain = Build<OpenRecord>(Plain()), bloom = Build<OpenRecord>(Example(4, 0)),
                                 legacy = Build<OpenRecord>(Plain()), roomy = Build<OpenRecord>(Plain()),
@@ -141,7 +141,7 @@ Operation const kNeedMemory[] = {
     FREE(SegmentRecordSerialize(RecordOf(s.segmentBytes), &s.out, &s.length)), FREE(CRFPInitialize(&s.context, 3)),
     NAMED("CRTDigestNewFull", static_cast<void>(s.digest = CRTDigestNewFull(1, &s.fingerprint, 64)))};
 
-// Of the pools, which keep what they took.
+// These allocate from the pools, which keep their memory.
 Operation const kNeedChunks[] = {
     NAMED("CRTRefNew", static_cast<void>(s.made = CRTRefNew(cr_reftype_t(2), 1))),
     NAMED("CRTRefNewDeserialize", static_cast<void>(s.made = CRTRefNewDeserialize(s.section.data(), 10, 1, &s.length))),
@@ -227,7 +227,7 @@ Operation const kNeedNone[] = {
 // clang-format on
 
 struct EveryOperation : testing::Test {
-    // The pools, and OpenSSL for each fingerprint type, keep what they take once.
+    // The pools, and OpenSSL for each fingerprint type, keep their first allocations.
     EveryOperation() {
         CRLogSetSink(Drop, nullptr);
         std::vector<DORecord::tref_ptr_t> chunks;
@@ -242,7 +242,7 @@ struct EveryOperation : testing::Test {
     ~EveryOperation() override { CRLogSetSink(nullptr, nullptr); }
 };
 
-TEST_F(EveryOperation, IsHere) {
+TEST_F(EveryOperation, IsInATable) {
     std::ifstream exported(CRRECORD_EXPORTED);
     std::map<std::string, int> missing; // by name; data have no parenthesis
     for (std::string symbol; std::getline(exported, symbol);) {
@@ -264,8 +264,8 @@ TEST_F(EveryOperation, IsHere) {
     }
 }
 
-// Scratch memory may be done without.
-TEST_F(EveryOperation, FailsWithoutMemoryAndChangesNothing) {
+// Scratch memory is optional.
+TEST_F(EveryOperation, ReportsNoMemoryAndChangesNothing) {
     for (Operation const& operation : kNeedMemory) {
         SCOPED_TRACE(operation.name);
         unsigned long failures = 0, number = 0;
@@ -278,8 +278,8 @@ TEST_F(EveryOperation, FailsWithoutMemoryAndChangesNothing) {
             met = outcome.attempts >= number;
             if (outcome.status != CR_STATUS_OK) {
                 ++failures;
-                EXPECT_TRUE(met && outcome.status == CR_STATUS_NO_MEMORY) << number << ": " << outcome.status;
-                EXPECT_TRUE(subject->State() == before) << number;
+                EXPECT_EQ(std::pair(met, outcome.status), std::pair(true, CR_STATUS_NO_MEMORY)) << number;
+                EXPECT_EQ(subject->State(), before) << number;
             } else if (met) {
                 EXPECT_TRUE(operation.name.starts_with("DORecord::AppendBloomAndUniqueDCIDList")) << number;
             }
@@ -290,7 +290,7 @@ TEST_F(EveryOperation, FailsWithoutMemoryAndChangesNothing) {
     }
 }
 
-// The pools take their blocks with operator new[], which sanitizers put their own in place of.
+// The pools allocate blocks with operator new[], which sanitizers replace.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST_F(EveryOperation, FailsWithoutAChunkInThePools) {
     for (auto const& table : {std::span<Operation const>(kNeedMemory), {kNeedChunks}}) {
@@ -310,25 +310,25 @@ TEST_F(EveryOperation, FailsWithoutAChunkInThePools) {
             auto const outcome = fault::Run([&] { return operation.run(subject); }, 1, true);
             EXPECT_EQ(outcome.status, CR_STATUS_NO_MEMORY) << operation.name;
             std::for_each(values.begin(), values.end(), [](_cr_tref_t* value) { CRTRefDelete(&value); });
-            EXPECT_TRUE(subject.State() == before) << operation.name;
+            EXPECT_EQ(subject.State(), before) << operation.name;
         }
     }
 }
 #endif
 
-TEST_F(EveryOperation, OthersNeedNoMemory) {
+TEST_F(EveryOperation, OthersAllocateNothing) {
     for (Operation const& operation : kNeedNone) {
         Subject subject;
         auto const outcome = fault::Run([&] { return operation.run(subject); }, 1, true);
         EXPECT_EQ(outcome.attempts, 0u) << operation.name;
-        // The validators are given good records: with a bad one they would be done too soon.
+        // The validators get valid records: with a bad one they would end too soon.
         if (operation.name.find("Validate") != operation.name.npos) {
             EXPECT_EQ(outcome.status, CR_STATUS_OK) << operation.name;
         }
     }
 }
 
-// Takes so many characters and no more.
+// Accepts `left` characters.
 struct Short : std::streambuf {
     explicit Short(std::size_t room) : left(room) {}
     std::streamsize xsputn(char const* from, std::streamsize count) override {
@@ -341,8 +341,8 @@ struct Short : std::streambuf {
     std::string text;
 };
 
-// But for the text of a segment record, which is written from host order and left so where the stream throws.
-TEST_F(EveryOperation, LeavesARecordAsItWasWhereverItsStreamFails) {
+// One exception: the text of a segment record in network order, which stays in host order if the stream throws.
+TEST_F(EveryOperation, KeepsTheRecordWhenTheStreamFails) {
     std::function<void(Subject&, std::ostream&)> const writers[] = {
         [](Subject& s, std::ostream& to) { s.record->ToStream(to, false); },
         [](Subject& s, std::ostream& to) { s.record->ToStream(to, true); },
@@ -368,10 +368,11 @@ TEST_F(EveryOperation, LeavesARecordAsItWasWhereverItsStreamFails) {
                 } catch (std::ios::failure const&) {
                     thrown = true;
                 }
-                EXPECT_TRUE(thrown == throws && stream.bad() && device.text == roomy.text.substr(0, room)) << room;
-                EXPECT_TRUE(subject.State() == whole.State()) << room;
-                bool const turned = throws && &write == std::end(writers) - 1;
-                EXPECT_TRUE(subject.bareSegment == (turned ? Golden({false, 0, 0, 0}) : whole.bareSegment)) << room;
+                EXPECT_EQ(std::tuple(thrown, stream.bad(), device.text),
+                          std::tuple(throws, true, roomy.text.substr(0, room)));
+                EXPECT_EQ(subject.State(), whole.State()) << room;
+                bool const converted = throws && &write == std::end(writers) - 1;
+                EXPECT_EQ(subject.bareSegment, converted ? Golden({false, 0, 0, 0}) : whole.bareSegment) << room;
             }
         }
     }

@@ -18,7 +18,7 @@ struct Form {
 constexpr Form kForms[] = {{crrecord::portable::Encode16, crrecord::portable::Decode16},
                            {crrecord::hex::Encode16, crrecord::hex::Decode16}};
 
-TEST(Hex, AgreesWithTheOracleAtEveryAlignment) {
+TEST(Hex, MatchesOracleAtEveryAlignment) {
     std::mt19937 random(1);
     for (std::size_t round = 0; round < 4096; ++round) {
         std::size_t const at = round % 16;
@@ -38,7 +38,7 @@ TEST(Hex, AgreesWithTheOracleAtEveryAlignment) {
     }
 }
 
-TEST(Hex, RefusesEveryOtherCharacterInEveryPlace) {
+TEST(Hex, RejectsOtherCharactersAtEveryPosition) {
     for (std::size_t at = 0; at < 64; ++at) {
         for (int value = 0; value < 256; ++value) {
             std::string text(64, '7');

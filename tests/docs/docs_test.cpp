@@ -1,4 +1,4 @@
-// What docs/ says of bytes and codes is what the library does. The documents are the expectation, written by hand.
+// Compares the library with the bytes and codes in docs/, which were written by hand.
 
 #include "support/segment_bytes.h"
 
@@ -50,7 +50,7 @@ Bytes HexBlock(std::string const& title) {
     return FromHex(digits);
 }
 
-// What stands in a buffer in host order on this machine.
+// A buffer in the host order of this machine.
 Bytes HostBlock(std::string const& title) {
     return HexBlock(title + (kBig ? " network" : " host"));
 }
@@ -72,7 +72,7 @@ bool Unexpected(cr_finding_t const* finding, void*) {
 
 } // namespace
 
-TEST(FormatDocument, ExampleOfASegmentRecord) {
+TEST(FormatDocument, SegmentRecordExampleMatchesTheLibrary) {
     Bytes record = HostBlock("segment");
     EXPECT_EQ(SegmentRecordDiagnose(record.data(), record.size(), 0, Unexpected, nullptr), CR_STATUS_OK);
 
@@ -93,9 +93,9 @@ TEST(FormatDocument, ExampleOfASegmentRecord) {
     EXPECT_EQ(record, HostBlock("segment"));
 }
 
-TEST(FormatDocument, ExampleOfADORecord) {
+TEST(FormatDocument, DORecordExampleMatchesTheLibrary) {
     if (kBig) {
-        GTEST_SKIP() << "a little-endian machine has built the example, its containers too";
+        GTEST_SKIP() << "the example is from a little-endian machine";
     }
     Bytes const host = HostBlock("object");
     EXPECT_EQ(DORecordDiagnose(host.data(), host.size(), 0, Unexpected, nullptr), CR_STATUS_OK);
@@ -117,7 +117,7 @@ TEST(FormatDocument, ExampleOfADORecord) {
     EXPECT_EQ(Bytes(bytes, bytes + record->GetHeaderSize()), HexBlock("object network"));
 }
 
-TEST(FindingsDocument, HasARowAndASectionForEveryCode) {
+TEST(FindingsDocument, HasRowAndSectionForEveryCode) {
     std::vector<std::string> expected;
     for (int code = CR_FINDING_ERROR + 1; code < 1000; ++code) { // those below are severities
         std::string const name = CRFindingName(code);
@@ -133,7 +133,7 @@ TEST(FindingsDocument, HasARowAndASectionForEveryCode) {
     }
 }
 
-TEST(Documents, ShowCppThatTheExamplesHave) {
+TEST(Documents, ShowOnlyCppFromTheExamples) {
     std::string examples;
     for (auto const& entry : std::filesystem::directory_iterator(CRRECORD_EXAMPLES_DIR)) {
         examples += Text(entry.path());
