@@ -1,10 +1,10 @@
 // Typed references: the two forms of a value, its order, and the handles of one pool for all libraries.
 
-#include <crrecord/DORecordView.h>
 #include <crrecord/SORecord.h>
 
 #include "support/do_record.h"
 #include "support/other_library.h"
+#include "use_everything.h"
 
 #include <gtest/gtest.h>
 
@@ -129,29 +129,10 @@ TEST(TRefHandle, CopiesItsValueAndReturnsItsChunk) {
 
 std::atomic<unsigned long> linesOfSink[2], strayLines;
 
-// Counts a line if it gets the context that was set with it.
+// Counts "line N", as stray if the context is not the one that was set with this sink.
 template <int I>
-void CountErrors(cr_log_level_t level, cr_status_t, char const*, void* lines) {
-    (lines == &linesOfSink[I] ? linesOfSink[I] : strayLines) += level == CR_LOG_ERROR;
-}
-
-// One record of each kind is read, written and converted in both directions.
-void ExpectExchange(RecordValues const& values, Bytes const& object, Bytes segment) {
-    void *form = nullptr, *segmentForm = nullptr;
-    unsigned long length = 0, segmentLength = 0;
-    auto const record = DORecord::FromBuffer(object.data(), object.size());
-    EXPECT_EQ(record->Serialize(&form, &length, true), CR_STATUS_OK);
-    EXPECT_EQ(SegmentRecordSerialize(RecordOf(segment), &segmentForm, &segmentLength), CR_STATUS_OK);
-    EXPECT_EQ(DORecordSerializedValidate(form, length, values.dotype, values.fptype, CR_DO_FORM_CHECKSUM), 0);
-    std::free(form);
-    std::free(segmentForm);
-    auto const so = SORecord::FromBuffer(segment.data(), segment.size());
-    so->HostToNetwork(0);
-    EXPECT_TRUE(so->IsInNetworkOrder());
-    record->HostToNetwork(0);
-    EXPECT_EQ(DORecordView(record->GetHeader(), object.size()).Segments().size(), values.segments.size());
-    record->NetworkToHost(0);
-    EXPECT_EQ(StoredBytes(*record), object);
+void CountLines(cr_log_level_t, cr_status_t, char const* message, void* lines) {
+    (lines == &linesOfSink[I] ? linesOfSink[I] : strayLines) += std::strncmp(message, "line ", 5) == 0;
 }
 
 // They share only the pool and the log, whose sink and trace switch change meanwhile.
@@ -173,7 +154,10 @@ TEST(TRefHandle, ThreadsWithOwnRecordsDoNotInterfere) {
             held.resize(i % 64 == 63 ? 0 : held.size());
             ErrorA(CR_STATUS_INVALID, "line %lu", seed + i);
             EXPECT_EQ(zebLogLastMessageA(), "line " + std::to_string(seed + i));
-            ExpectExchange(values, object, segment);
+            SORecord::FromBuffer(segment.data(), segment.size())->HostToNetwork(0);
+            if (i % 8 == 0) {
+                EXPECT_STREQ(UseEverything(object.data(), object.size(), 0), nullptr);
+            }
             SegmentRecordValidate(&kBad, 0, 0); // traces
         }
         for (std::size_t i = 0; i < held.size(); ++i) {
@@ -183,13 +167,13 @@ TEST(TRefHandle, ThreadsWithOwnRecordsDoNotInterfere) {
         record->RemoveAllTaskIDs();
         ++ended;
     };
-    CRLogSetSink(CountErrors<0>, &linesOfSink[0]);
+    CRLogSetSink(CountLines<0>, &linesOfSink[0]);
     std::vector<std::jthread> threads;
     for (unsigned long i = 0; i < kThreads; ++i) {
         threads.emplace_back(work, (i + 1) << 20);
     }
     for (int round = 0; ended < kThreads; ++round) {
-        round % 2 ? CRLogSetSink(CountErrors<0>, &linesOfSink[0]) : CRLogSetSink(CountErrors<1>, &linesOfSink[1]);
+        round % 2 ? CRLogSetSink(CountLines<0>, &linesOfSink[0]) : CRLogSetSink(CountLines<1>, &linesOfSink[1]);
         CRLogSetTrace(round % 2);
     }
     threads.clear();
@@ -200,7 +184,7 @@ TEST(TRefHandle, ThreadsWithOwnRecordsDoNotInterfere) {
 
 // Other threads may hold any mutex while the process forks.
 TEST(TRefHandle, ForkedChildrenMakeHandlesAndLog) {
-    CRLogSetSink(CountErrors<0>, &linesOfSink[0]);
+    CRLogSetSink(CountLines<0>, &linesOfSink[0]);
     std::atomic<bool> ended = false;
     auto const work = [&ended] {
         while (!ended) {

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """A second reader and writer of all records and forms, written from docs/format.md alone: it shares no code with the
 project and takes the fields of both headers from the document's tables. It reads every golden record, writes each of
-its forms again, and compares digests with those that the command prints.
+its forms again, compares digests with those that the command prints, and checks the document's two examples.
 
     check.py DOCUMENT GOLDEN COMMAND
 """
@@ -145,6 +145,20 @@ def write_form(record):
     return b"".join(values[name].to_bytes(size, "big") for name, size in FORM_HEADS[record["type"]].items()) + body
 
 
+def block(title):
+    return DOCUMENT.split(f"\n```{title}\n")[1].split("```")[0]
+
+
+def example(title):
+    """The bytes of a block: lines of an offset and bytes; a semicolon starts a remark."""
+    data = b""
+    for row in block(f"hex {title}").splitlines():
+        at, *words = row.split(";")[0].split()
+        assert int(at, 16) == len(data), row
+        data += bytes.fromhex("".join(words))
+    return data
+
+
 def digest(record):
     if record["type"] == 2 or (record["dotype"] == 0 and record["nfp"] != 1):
         return None
@@ -162,8 +176,22 @@ def same(seen, expected, what):
         failures.append(f"{what}:\n    seen     {seen!r}\n    expected {expected!r}")
 
 
+def run(*arguments, given=None):
+    return subprocess.run([COMMAND, *arguments], input=given, capture_output=True, check=True).stdout
+
+
+for kind, form in (("segment", "serialized"), ("object", "exchange")):
+    host, network = example(f"{kind} host"), example(f"{kind} network")
+    record = read(host)
+    same([write(record, HOST), write(record, "big"), write_form(record)], [host, network, example(f"{kind} {form}")],
+         f"{kind} of the document")
+    for order, data in (("host", host), ("network", network)):
+        same(json.loads(run("validate", "--json", "-", given=data).splitlines()[0])["findings"], [], f"findings of {kind}")
+        same(run("show", "--text", "-", given=data).decode(), block(f"text {kind}"), f"text of {kind}, {order}")
+        same(run("convert", "-", "--to", order, "-o", "-", given=host), data, f"{kind} to {order}")
+    same(run("convert", "-", "--to", "serialized", "-o", "-", given=host), example(f"{kind} {form}"), f"{kind} to {form}")
 hosts = sorted(GOLDEN.glob("*.host"))
-printed = subprocess.run([COMMAND, "digest", "--json", *hosts], capture_output=True, check=True).stdout.splitlines()
+printed = run("digest", "--json", *hosts).splitlines()
 assert len(hosts) == len(printed) > 40
 for path, shown in zip(hosts, map(json.loads, printed)):
     name, files = path.stem, {e: path.with_suffix("." + e).read_bytes() for e in ("host", "network", "form", "json")}
