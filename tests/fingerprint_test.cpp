@@ -99,18 +99,13 @@ TEST(Fingerprint, RejectsNullPointers) {
     CRFPInitialize(&open, 0);
     CRFPInitialize(&done, 0);
     CRFPFinalize(&done);
-    std::vector<bool> const accepted{CRFPInitialize(nullptr, 0) == 0,
-                                     CRFPAppend(nullptr, "x", 1) == 0,
-                                     CRFPAppend(&open, nullptr, 1) == 0,
-                                     CRFPFinalize(nullptr) == 0,
-                                     CRFPFinalizeDO(nullptr) == 0,
-                                     CRFPGetDigest_r(nullptr, &digest) != nullptr,
-                                     CRFPGetDigest_r(&done, nullptr) != nullptr,
-                                     CRFPDigestToString_r(nullptr, 0, text, 65) != nullptr,
-                                     CRFPDigestToString_r(&digest, 0, nullptr, 65) != nullptr,
-                                     CRFPStringToDigest_r(nullptr, 0, &digest) != nullptr,
-                                     CRFPStringToDigest_r("", 0, nullptr) != nullptr};
-    EXPECT_EQ(accepted, std::vector<bool>(accepted.size()));
+    EXPECT_EQ(std::tuple(CRFPInitialize(nullptr, 0), CRFPAppend(nullptr, "x", 1), CRFPAppend(&open, nullptr, 1),
+                         CRFPFinalize(nullptr), CRFPFinalizeDO(nullptr)),
+              std::tuple(-1, -1, -1, -1, -1));
+    EXPECT_EQ(std::tuple(CRFPGetDigest_r(nullptr, &digest), CRFPGetDigest_r(&done, nullptr),
+                         CRFPDigestToString_r(nullptr, 0, text, 65), CRFPDigestToString_r(&digest, 0, nullptr, 65),
+                         CRFPStringToDigest_r(nullptr, 0, &digest), CRFPStringToDigest_r("", 0, nullptr)),
+              std::tuple(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
     TakeStatus();
     EXPECT_EQ(CRTDigestNewFull(1, nullptr, 0), nullptr);
     EXPECT_EQ(TakeStatus(), CR_STATUS_INVALID);

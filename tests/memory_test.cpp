@@ -1,14 +1,12 @@
 // What happens without memory, and what needs none.
 
 #include <crrecord/SORecord.h>
-#include <crrecord/fingerprint.h>
 
 #include "support/fault.h"
 #include "support/log_capture.h"
 #include "support/segment_bytes.h"
 
 #include <gtest/gtest.h>
-#include <openssl/err.h>
 
 #include <cerrno>
 #include <cstring>
@@ -67,26 +65,6 @@ TEST(SORecord, LogsAllocationFailure) {
     char const key[33] = {};
     EXPECT_EQ(fault::FailEach([&] { return fault::StatusOf([&] { SORecord(0, 64, 0, 0, key, 0, 0); }); }), 1u);
     EXPECT_EQ(log.Take(), "error 22: SORecord: memory allocation of 104 bytes failed!\n");
-}
-
-// Except the fetch and the thread's error queue, which OpenSSL allocates once.
-TEST(Memory, FingerprintReportsAllocationFailureWithoutLeak) {
-    for (unsigned int fptype = 0; fptype < 4; ++fptype) {
-        crfp_context_t first;
-        ASSERT_EQ(CRFPInitialize(&first, fptype), 0);
-        ERR_raise(ERR_LIB_USER, 1);
-        auto const start = [=] {
-            crfp_context_t context;
-            *__cr_errno_location() = CR_STATUS_OK;
-            bool const opened = CRFPInitialize(&context, fptype) == 0;
-            cr_status_t const status = *__cr_errno_location();
-            EXPECT_EQ(CRFPAppend(&context, "x", 1) == 0, opened);
-            return status;
-        };
-        EXPECT_GE(fault::FailEach(start), 1u);
-        EXPECT_EQ(ERR_get_error(), ERR_PACK(ERR_LIB_USER, 0, 1));
-        EXPECT_EQ(ERR_get_error(), 0u);
-    }
 }
 
 } // namespace
