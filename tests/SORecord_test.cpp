@@ -1,8 +1,8 @@
-// SORecord: its bytes in both orders, what it refuses, and its way back from received bytes.
+// SORecord: its bytes in both orders, what it rejects, and records made from received bytes.
 
 #include <crrecord/SORecord.h>
 
-#include "support/segment_bytes.h"
+#include "support/do_record.h"
 
 #include <gtest/gtest.h>
 
@@ -28,9 +28,11 @@ Bytes BytesOf(SORecord const& record) {
     return Bytes(bytes, bytes + record.GetHeaderSize());
 }
 
+using Numbers = std::vector<unsigned long>;
+
 static_assert(!std::movable<SORecord>);
 
-TEST(SORecord, SetsAndGetsHostValuesInEitherOrder) {
+TEST(SORecord, SettersAndGettersUseHostValuesInEitherOrder) {
     // The key index has the writer's order, whatever the record's.
     Bytes const bytes = FromHex("0002000000000068000000000000000081828384000000000a1a2a3a4a5a6a7a0000000000000000"
                                 "0b1b2b3b4b5b6b7b9192939400000000" +
@@ -39,7 +41,8 @@ TEST(SORecord, SetsAndGetsHostValuesInEitherOrder) {
         SORecord record(2, 1, 0, 0, std::string(33, 'x').c_str(), 0, 0);
         record.GetHeader()->fileid = 7;
         Convert(record, network);
-        EXPECT_TRUE(record.GetFileID() == 7 && record.GetPathID() == 1 && record.GetDCID() == 0); // it lies in a file
+        // Stored in a file, the segment is in no container.
+        EXPECT_EQ(Numbers({record.GetFileID(), record.GetPathID(), record.GetDCID()}), Numbers({7, 1, 0}));
         record.SetFlags(0);
         record.SetDCID(0x0a1a2a3a4a5a6a7a);
         record.SetSize(0x0b1b2b3b4b5b6b7b);
@@ -52,55 +55,45 @@ TEST(SORecord, SetsAndGetsHostValuesInEitherOrder) {
         record.SetKey(record.GetKey());
         for (bool const order : {network, true, true, false, false, true}) { // twice is once
             Convert(record, order);
-            EXPECT_TRUE(record.IsInNetworkOrder() == order && (BytesOf(record) == bytes) == (order || kBig));
-            EXPECT_TRUE(record.GetFlags() == 0 && record.GetFileID() == 0 && record.GetPathID() == record.GetDCID());
-            EXPECT_TRUE(record.GetDCID() == 0x0a1a2a3a4a5a6a7a && record.GetSize() == 0x0b1b2b3b4b5b6b7b);
-            EXPECT_TRUE(record.GetCRC() == 0x91929394 && record.GetCheckTime() == 0x81828384);
-            EXPECT_TRUE(record.GetFPType() == 2 && record.GetCryptoMode() == 0xfe && record.GetKeyIndex() == 0xd1d2);
+            EXPECT_EQ(std::pair(record.IsInNetworkOrder(), BytesOf(record) == bytes), std::pair(order, order || kBig));
+            EXPECT_EQ(Numbers({record.GetFlags(), record.GetFileID(), record.GetPathID(), record.GetDCID(),
+                               record.GetSize(), record.GetCRC(), record.GetCheckTime(), record.GetFPType(),
+                               record.GetCryptoMode(), record.GetKeyIndex()}),
+                      Numbers({0, 0, 0x0a1a2a3a4a5a6a7a, 0x0a1a2a3a4a5a6a7a, 0x0b1b2b3b4b5b6b7b, 0x91929394, 0x81828384,
+                               2, 0xfe, 0xd1d2}));
             EXPECT_EQ(std::memcmp(record.GetKey(), kKey, CR_SO_KEY_SIZE), 0);
         }
     }
 }
 
-// The status and text that `operation` throws, or "" where it doesn't.
-template <class Operation>
-std::string Thrown(Operation operation) {
-    try {
-        operation();
-    } catch (Cr_ErrnoException const& caught) {
-        return std::to_string(caught.GetStatus()) + ":" + caught.what();
-    }
-    return "";
-}
-
-TEST(SORecord, RefusesAndStaysAsItWas) {
+TEST(SORecord, RejectsInvalidValuesUnchanged) {
     for (bool const network : {false, true}) {
         SORecord record = Made();
         Convert(record, network);
         Bytes const before = BytesOf(record);
         for (unsigned short value = 0; value < 260; ++value) {
-            EXPECT_EQ(Thrown([&] { record.SetFlags(value); }), value == 0 || value == 2 ? "" : "9:") << value;
-            EXPECT_EQ(Thrown([&] { record.SetDCID(value); }), value == 1 || value >= 64 ? "" : "9:") << value;
+            EXPECT_EQ(Refusal([&] { record.SetFlags(value); }), value == 0 || value == 2 ? "" : "9: ") << value;
+            EXPECT_EQ(Refusal([&] { record.SetDCID(value); }), value == 1 || value >= 64 ? "" : "9: ") << value;
             auto const fptype = static_cast<unsigned char>(value);
-            EXPECT_EQ(Thrown([&] { record.SetFPType(fptype); }), fptype < 4 ? "" : "9:") << value;
+            EXPECT_EQ(Refusal([&] { record.SetFPType(fptype); }), fptype < 4 ? "" : "9: ") << value;
         }
         record.SetFlags(2);
         record.SetDCID(0x4a4b4c4d);
         record.SetFPType(3);
-        EXPECT_EQ(Thrown([&] { record.SetFlags(0x0200); }), "9:");
-        EXPECT_EQ(Thrown([&] { record.SetKey(nullptr); }), "9:");
+        EXPECT_EQ(Refusal([&] { record.SetFlags(0x0200); }), "9: ");
+        EXPECT_EQ(Refusal([&] { record.SetKey(nullptr); }), "9: ");
         EXPECT_EQ(BytesOf(record), before);
     }
-    // In this order: flags, container, key, type. A key behind an earlier refusal is not read.
+    // Checked in this order: flags, container, key, type. A key after an invalid argument is not read.
     auto const* const badKey = reinterpret_cast<char const*>(1);
-    EXPECT_EQ(Thrown([&] { SORecord(1, 64, 0, 0, badKey, 0, 0); }), "9:");
-    EXPECT_EQ(Thrown([&] { SORecord(0, 63, 0, 0, badKey, 0, 0); }), "9:");
-    EXPECT_EQ(Thrown([&] { SORecord(0, 64, 0, 0, nullptr, 0, 0); }), "9:");
-    EXPECT_EQ(Thrown([&] { SORecord(0, 64, 0, 0, kKey, 0, 4); }), "9:");
+    EXPECT_EQ(Refusal([&] { SORecord(1, 64, 0, 0, badKey, 0, 0); }), "9: ");
+    EXPECT_EQ(Refusal([&] { SORecord(0, 63, 0, 0, badKey, 0, 0); }), "9: ");
+    EXPECT_EQ(Refusal([&] { SORecord(0, 64, 0, 0, nullptr, 0, 0); }), "9: ");
+    EXPECT_EQ(Refusal([&] { SORecord(0, 64, 0, 0, kKey, 0, 4); }), "9: ");
 }
 
 // Counts written through the header. The 8 bytes after the fixed part hold one task id, which is stripped to zeros.
-TEST(SORecord, FollowsCountsOnlyInsideItsBuffer) {
+TEST(SORecord, ConversionRejectsCountsBeyondItsBuffer) {
     struct {
         unsigned int ntaskids, nfp, options;
         bool inside;
@@ -119,7 +112,7 @@ TEST(SORecord, FollowsCountsOnlyInsideItsBuffer) {
             std::memset(&record.GetHeader()->word94 + 1, 0x11, 8);
             Bytes const before = BytesOf(record);
             auto const convert = [&, o = options] { network ? record.NetworkToHost(o) : record.HostToNetwork(o); };
-            EXPECT_EQ(Thrown(convert), inside ? "" : "9:") << ntaskids << " " << nfp;
+            EXPECT_EQ(Refusal(convert), inside ? "" : "9: ") << ntaskids << " " << nfp;
             Bytes expected = inside ? BytesOf(other) : before;
             if (inside && (options == 0 || ntaskids == 0)) {
                 SetLow(expected, !network, 12, 4, ntaskids);
@@ -131,9 +124,10 @@ TEST(SORecord, FollowsCountsOnlyInsideItsBuffer) {
     }
 }
 
-TEST(SORecord, ConstructsTheseBytesAndComparesThemRaw) {
+TEST(SORecord, ConstructsExactBytesAndComparesThemRaw) {
     SORecord record = Made(), other = Made();
-    EXPECT_TRUE(record == other && !(record != other) && record.GetHeader()->size == 0x5a5b5c5d);
+    EXPECT_EQ(std::pair(record == other, record != other), std::pair(true, false));
+    EXPECT_EQ(record.GetHeader()->size, 0x5a5b5c5du);
     other.HostToNetwork(0);
     EXPECT_EQ(record == other, kBig);
     record.HostToNetwork(0);
@@ -143,29 +137,30 @@ TEST(SORecord, ConstructsTheseBytesAndComparesThemRaw) {
                       kKeyHex + "03c700000000000000000000000000"));
     for (std::size_t at = 0; at < CR_SO_RECORD_SIZE; ++at) {
         reinterpret_cast<unsigned char*>(record.GetHeader())[at] ^= 0x80;
-        EXPECT_TRUE(record != other && !(record == other)) << at;
+        EXPECT_EQ(std::pair(record == other, record != other), std::pair(false, true)) << at;
         reinterpret_cast<unsigned char*>(record.GetHeader())[at] ^= 0x80;
     }
 }
 
-TEST(SORecord, ComesFromBytesInEitherOrder) {
+TEST(SORecord, FromBufferReadsEitherOrder) {
     auto const from = [](Bytes const& bytes, unsigned int options = 0) {
-        return Thrown([&] { SORecord::FromBuffer(bytes.data(), bytes.size(), options); });
+        return Refusal([&] { SORecord::FromBuffer(bytes.data(), bytes.size(), options); });
     };
     for (bool const network : {false, true}) {
         Bytes bytes = Golden({network, 2, 0, 0});
         auto const record = SORecord::FromBuffer(bytes.data(), bytes.size());
         EXPECT_EQ(BytesOf(*record), Golden({false, 2, 0, 0}));
-        EXPECT_EQ(from(bytes, 1) + from(bytes, 4), "9:9:");
-        EXPECT_EQ(from(Bytes(bytes.begin(), bytes.end() - 1)), "32:Invalid SO record: recsize 104, size 103");
-        EXPECT_EQ(from(Golden({network, 2, 1, 0})), "32:Invalid SO record: size 112, expected 104"); // good, but longer
+        EXPECT_EQ(from(bytes, 1) + from(bytes, 4), "9: 9: ");
+        EXPECT_EQ(from(Bytes(bytes.begin(), bytes.end() - 1)), "32: Invalid SO record: recsize 104, size 103");
+        EXPECT_EQ(from(Golden({network, 2, 1, 0})),
+                  "32: Invalid SO record: size 112, expected 104"); // good, but longer
         bytes[89] = 4;
-        EXPECT_EQ(from(bytes), "32:Invalid SO record: invalid fp type 4");
+        EXPECT_EQ(from(bytes), "32: Invalid SO record: invalid fp type 4");
         bytes[0] = bytes[1] = 5;
-        EXPECT_EQ(from(bytes), "32:Invalid SO record: type 1285, expected 2");
+        EXPECT_EQ(from(bytes), "32: Invalid SO record: type 1285, expected 2");
     }
-    EXPECT_EQ(from(Bytes(95)), "32:Invalid SO record: size 95, expected at least 96");
-    EXPECT_EQ(Thrown([] { SORecord::FromBuffer(nullptr, 104); }), "9:");
+    EXPECT_EQ(from(Bytes(95)), "32: Invalid SO record: size 95, expected at least 96");
+    EXPECT_EQ(Refusal([] { SORecord::FromBuffer(nullptr, 104); }), "9: ");
 }
 
 } // namespace

@@ -1,5 +1,5 @@
 // Memory that changes while the library reads it: some bytes are changed just before the n-th load, for every n. The
-// results may be wrong, but no load leaves the record, and a copied record is valid.
+// results may be wrong, but each load is inside the record, and a copied record is valid.
 //
 // The record's page is inaccessible. Each load faults, is counted, and is done in a single step (x86-64 Linux only).
 
@@ -90,7 +90,7 @@ bool StaysInside(Use use, Bytes const& record, unsigned long number, Bytes const
     return true;
 }
 
-// Makes each change before each load in turn.
+// Makes each change once before each load.
 void ExpectInside(Use use, Bytes const& record, std::vector<Change> const& changes) {
     unsigned long made = 0, escapes = 0;
     for (Change const& change : changes) {
@@ -104,7 +104,8 @@ void ExpectInside(Use use, Bytes const& record, std::vector<Change> const& chang
         } while (loads == number);
         made += number - 1;
     }
-    EXPECT_TRUE(made != 0 && escapes == 0) << escapes << " of " << made << " changes lead outside";
+    EXPECT_NE(made, 0u);
+    EXPECT_EQ(escapes, 0u) << "of " << made << " changes lead outside";
 }
 
 bool IgnoreFinding(cr_finding_t const*, void*) {
@@ -139,7 +140,7 @@ void View(unsigned char const* record, unsigned long size) {
     kept = kept + sum;
 }
 
-TEST(ChangingMemory, DORecord) {
+TEST(ChangingMemory, DORecordLoadsStayInside) {
     RecordValues referenced = Example(3, 0), legacy = Example(5, 3), bloom = Example(4, 1);
     referenced.references = bloom.references = {{4, 5}, {9, 1}};
     legacy.taskIds = {17};
@@ -173,7 +174,7 @@ void CopySegmentRecord(unsigned char const* bytes, unsigned long size) {
     EXPECT_EQ(SegmentRecordValidate(record->GetHeader(), record->GetHeaderSize(), 0), CR_STATUS_OK);
 }
 
-TEST(ChangingMemory, SegmentRecord) {
+TEST(ChangingMemory, SegmentRecordLoadsStayInside) {
     for (Shape const shape : kShapes) {
         for (Use const use : {DiagnoseSegmentRecord, CopySegmentRecord}) {
             ExpectInside(
@@ -197,7 +198,7 @@ void Parse(unsigned char const* form, unsigned long size) {
     EXPECT_EQ(DORecord::ValidateHeader(record.GetHeader(), record.GetHeaderSize(), 0), CR_STATUS_OK);
 }
 
-TEST(ChangingMemory, ExchangeForm) {
+TEST(ChangingMemory, ExchangeFormLoadsStayInside) {
     // Sizes, counts, the length word, the list's count, a text and its NUL.
     std::vector<Change> const changes{
         {{7, 0}}, {{20, 255}, {28, 255}, {41, 255}}, {{23, 255}, {31, 255}, {44, 255}}, {{29, 'z'}, {60, 'a'}}};

@@ -18,7 +18,7 @@ constexpr char kMayNotCopy[] = "9: Need to expand the buffer of DORecord but I'm
 
 auto const kPage = static_cast<unsigned int>(sysconf(_SC_PAGESIZE));
 
-TEST(DORecordBuffer, GrowsAsItsModeAllowsByWholePagesOfZeros) {
+TEST(DORecordBuffer, GrowsByZeroedPagesAsItsModeAllows) {
     Bytes const bytes = Spell(Example(3, 3)).bytes;
     auto const size = static_cast<unsigned int>(bytes.size());
     for (Mode const mode : {Mode::Fixed, Mode::Borrowed, Mode::Own}) {
@@ -27,14 +27,14 @@ TEST(DORecordBuffer, GrowsAsItsModeAllowsByWholePagesOfZeros) {
         Bytes memory = bytes;
         auto const record = Build<OpenRecord>(Example(3, 3));
         mode == Mode::Own ? Hold(*record, bytes) : Borrow(*record, memory, mode);
-        DORecordHeader const* const before = record->header;
+        DORecordHeader* const before = record->header;
         record->expand();
         record->expand(0);
         std::string text;
         auto const grow = [&] { return text = Refusal([&] { record->expand(kPage); }), CR_STATUS_OK; };
         fault::Run(grow, fixed ? 0 : 1);
         EXPECT_EQ(text, fixed ? kMayNotCopy : "22: Not enough memory to expand a DO record.");
-        EXPECT_TRUE(record->header == before && record->copyMode == mode);
+        EXPECT_EQ(std::pair(record->header, record->copyMode), std::pair(before, mode));
         EXPECT_EQ(Buffer(*record), bytes);
 
         void* volatile const dirty = std::memset(std::malloc(2 * kPage), 0xee, 2 * kPage);
@@ -47,15 +47,15 @@ TEST(DORecordBuffer, GrowsAsItsModeAllowsByWholePagesOfZeros) {
             EXPECT_EQ(record->copyMode, fixed ? Mode::Fixed : Mode::Own);
             EXPECT_EQ(record->ownsBuffer, !fixed);
         }
-        EXPECT_EQ(memory, bytes);          // and it is the caller's to free
-        record->copyMode = Mode::Borrowed; // from a block of its own, which goes
+        EXPECT_EQ(memory, bytes);          // which is still the caller's to free
+        record->copyMode = Mode::Borrowed; // from a block that the record frees
         auto const move = [&] { return record->expand(3 * kPage), CR_STATUS_OK; };
         EXPECT_EQ(fault::Run(move, 0).live, fixed);
     }
 }
 
-// A fixed record takes references as long as there is room, and is as before when there is none.
-TEST(DORecordBuffer, FixedRecordRollsTheReferenceBack) {
+// A fixed record accepts references while its memory has room. A rejected one changes nothing.
+TEST(DORecordBuffer, FixedRecordRejectsReferencesWithoutRoom) {
     RecordValues values = Example(5, 1);
     Bytes memory = Spell(values).bytes;
     memory.resize(memory.size() + 16, 0xee);
@@ -72,12 +72,12 @@ TEST(DORecordBuffer, FixedRecordRollsTheReferenceBack) {
     EXPECT_EQ(memory, Spell(values).bytes);
     EXPECT_EQ(record->GetNTRefs(), 2u);
     record->setRecSize(record->getRecSize() + 1);
-    EXPECT_EQ(Refusal([&] { record->AddTaskID(1); }), kMayNotCopy); // one that is there asks for the room too
+    EXPECT_EQ(Refusal([&] { record->AddTaskID(1); }), kMayNotCopy); // a reference that is present needs the room, too
 }
 
-TEST(DORecordBuffer, NothingGrowsBeyond32Bits) {
+TEST(DORecordBuffer, RejectsSizesBeyond32Bits) {
     auto const record = Build<OpenRecord>(Example(2, 1));
-    record->header->nfp = 153391683; // 28 bytes each, beside a list of 40 and 104 for header and tail
+    record->header->nfp = 153391683; // 28 bytes each, with a list of 40 and 104 for header and tail
     EXPECT_EQ(record->calcRecSize(), 4294967268u);
     ++record->header->nfp;
     EXPECT_EQ(Refusal([&] { record->initReferenceSets(); }), kInvalidSize);
@@ -85,11 +85,12 @@ TEST(DORecordBuffer, NothingGrowsBeyond32Bits) {
     record->setRecSize(0xffffffff - 9);
     EXPECT_EQ(Refusal([&] { record->AddTaskID(1); }), kInvalidSize);
     EXPECT_EQ(Refusal([&] { record->AddSerializedTRefs("\2\10\0\0\0\0\0\0\0\1", 10); }), kInvalidSize);
-    EXPECT_TRUE(record->getRecSize() == 0xffffffff - 9 && record->getTRefsSize() == 0 && record->GetNTRefs() == 0);
+    EXPECT_EQ(std::tuple(record->getRecSize(), record->getTRefsSize(), record->GetNTRefs()),
+              std::tuple(0xffffffff - 9, 0u, 0u));
 }
 
-// Sections that reach out of the buffer because a raw setter says so are not followed.
-TEST(DORecordBuffer, InconsistentRecordsAreRefused) {
+// Raw setters can place sections outside of the buffer.
+TEST(DORecordBuffer, RejectsSectionsOutsideItsBuffer) {
     using Break = void (*)(OpenRecord&);
     constexpr Break kBreaks[] = {
         [](OpenRecord& record) { record.header->nfp = ~0u; }, // the only one that conversions would follow too
@@ -112,7 +113,9 @@ TEST(DORecordBuffer, InconsistentRecordsAreRefused) {
         EXPECT_EQ(Refusal([&] { record->AddSerializedTRefs("\4\4\0\0\0\6", 6); }), kInvalidSize);
         EXPECT_EQ(Refusal([&] { record->GetHeader(); }), kInvalidSize);
         EXPECT_EQ(Refusal([&] { record->HostToNetwork(1); }), make == kBreaks[0] ? kInvalidSize : "");
-        EXPECT_TRUE(make != kBreaks[0] || Buffer(*record) == before);
+        if (make == kBreaks[0]) {
+            EXPECT_EQ(Buffer(*record), before);
+        }
     }
 }
 

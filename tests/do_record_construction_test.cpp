@@ -1,4 +1,4 @@
-// DORecord: what its constructors and initialisers build, and the order in which they refuse.
+// DORecord: what its constructors and initialisers build, and the order in which they check arguments.
 
 #include "support/clock.h"
 #include "support/record_memory.h"
@@ -13,16 +13,17 @@ char const* AsText(Bytes const& list) {
     return reinterpret_cast<char const*>(list.data());
 }
 
-TEST(DORecordConstruction, BuildersMakeTheSpelledBytes) {
+TEST(DORecordConstruction, BuildersProduceExactBytes) {
     for (RecordValues values : Examples()) {
         SCOPED_TRACE(NameOf(values));
         for (int round = 0; round < 2; ++round, values.list.clear()) {
             auto const record = Build<OpenRecord>(values);
             EXPECT_EQ(Buffer(*record), Spell(values).bytes);
-            EXPECT_TRUE(record->ownsBuffer && record->spare == 0 && !record->networkOrder && !record->IsSubDO() &&
-                        record->copyMode == OpenRecord::CopyMode::Own);
+            EXPECT_EQ(std::tuple(record->ownsBuffer, record->spare, record->networkOrder, record->IsSubDO()),
+                      std::tuple(true, 0, false, false));
+            EXPECT_EQ(record->copyMode, OpenRecord::CopyMode::Own);
         }
-        for (auto const [ctime, mtime] : {std::array{0u, 5u}, {5u, 0u}}) { // 0 stands for now
+        for (auto const [ctime, mtime] : {std::array{0u, 5u}, {5u, 0u}}) { // 0 means now
             values.ctime = ctime;
             values.mtime = mtime;
             EXPECT_EQ(Build(values)->GetCTime(), ctime != 0 ? ctime : test_clock::now);
@@ -31,7 +32,7 @@ TEST(DORecordConstruction, BuildersMakeTheSpelledBytes) {
     }
 }
 
-// Given everything wrong at once, and then one thing less at a time: each refusal, and what is mended then.
+// All arguments are wrong at first. Each step names the next refusal and corrects its argument.
 void ExpectInOrder(OpenRecord const& record, std::function<void()> const& init,
                    std::vector<std::pair<std::string, std::function<void()>>> const& steps) {
     for (auto const& [refusal, mend] : steps) {
@@ -52,7 +53,7 @@ std::string WrongList(RecordValues const& values, Bytes& list, std::string const
            shown + "]";
 }
 
-TEST(DORecordConstruction, RefusesInOrder) {
+TEST(DORecordConstruction, ChecksArgumentsInOrder) {
     RecordValues const values = Example(3, 1), bloom = Example(4, 1);
     Bytes const entries = SpellEntries(values, false), good = SpellList(values, false),
                 goodBloom = SpellList(bloom, false);
@@ -97,10 +98,10 @@ TEST(DORecordConstruction, RefusesInOrder) {
          {bitmap, [&] { bsize = 5; }},
          {bitmap, [&] { bits = bloom.bitmap.data(); }},
          {wrongBloom, [&] { bloomList = goodBloom; }}});
-    EXPECT_EQ(record->GetMTime(), 6u); // the task id doesn't touch the time that was asked for
+    EXPECT_EQ(record->GetMTime(), 6u); // the task id does not change the given time
 }
 
-TEST(DORecordConstruction, CornersOfTheTypes) {
+TEST(DORecordConstruction, ReportsEmptyInputByType) {
     Bytes const bytes(64, 1);
     Bytes list = SpellList({}, false);
     unsigned long const dcid = 64;
@@ -126,8 +127,8 @@ TEST(DORecordConstruction, CornersOfTheTypes) {
     EXPECT_EQ(Refusal(empty), wrong);
 }
 
-// The bitmap has no section then: nothing of it is left in the record, nor in its buffer.
-TEST(DORecordConstruction, BloomBuilderWithAnotherType) {
+// No byte of the bitmap is in the record or its buffer.
+TEST(DORecordConstruction, BloomBuilderOmitsTheBitmapOfOtherTypes) {
     Bytes const bitmap(90, 0xee);
     RecordValues const values{.dotype = 3, .fptype = 3, .size = 9, .list = {{70, 1}}};
     Bytes const list = SpellList(values, false);
@@ -142,8 +143,8 @@ TEST(DORecordConstruction, BloomBuilderWithAnotherType) {
     EXPECT_EQ(record.GetHeaderSize(), expected.size() + 10);
 }
 
-// The arguments may lie in the buffer that the new record replaces. A sub-DO, whose segments may be large, stays one.
-TEST(DORecordConstruction, InitBuildsARecordAnew) {
+// The arguments may be in the buffer that the new record replaces. A sub-DO, whose segments may be large, stays one.
+TEST(DORecordConstruction, InitRebuildsFromItsOwnBuffer) {
     RecordValues v = Example(5, 3), bloom = Example(4, 0);
     auto const record = Build<OpenRecord>(v);
     for (unsigned long* const bytes : {&v.size, &v.list[1].second}) {
@@ -160,7 +161,7 @@ TEST(DORecordConstruction, InitBuildsARecordAnew) {
                      reinterpret_cast<unsigned long const*>(old + spelled.dcids),
                      reinterpret_cast<char const*>(old + spelled.list), 3, 5);
         EXPECT_EQ(StoredBytes(*record), spelled.bytes);
-        EXPECT_TRUE(record->IsSubDO() && record->GetNTRefs() == 0);
+        EXPECT_EQ(std::pair(record->IsSubDO(), record->GetNTRefs()), std::pair(true, 0u));
     }
     record->initWithBloom(v.CID, bloom.size, bloom.ssize, v.CRC, v.ctime, v.mtime, nullptr, 0, 5, bloom.bitmap.data(),
                           AsText(SpellList(bloom, false)), 0, 4);

@@ -1,4 +1,4 @@
-// Where everything lies in a DO record, what turns with its byte order, and the header accessors.
+// The offsets of a DO record, what a conversion of its byte order swaps, and the header accessors.
 
 #include "support/clock.h"
 #include "support/log_capture.h"
@@ -35,7 +35,7 @@ protected:
 INSTANTIATE_TEST_SUITE_P(DORecord, EveryRecord,
                          testing::Combine(testing::Range(0, 6), testing::Values(1, 3), testing::Bool()));
 
-TEST_P(EveryRecord, HasItsSectionsInPlace) {
+TEST_P(EveryRecord, SectionsAreAtTheirOffsets) {
     SpelledRecord spelled = Spell(All(), network);
     auto* const header = reinterpret_cast<DORecordHeader*>(spelled.bytes.data());
     auto const at = [&](unsigned char const* p) { return static_cast<std::size_t>(p - spelled.bytes.data()); };
@@ -50,7 +50,9 @@ TEST_P(EveryRecord, HasItsSectionsInPlace) {
                   Numbers({entry, entry + width, entry + width + 4, entry + width + 4, spelled.dcids + 8 * i}));
     }
     bool const bloom = values.dotype == 4;
-    EXPECT_TRUE(!bloom || DORecordHeaderGetBloomStart(header) == &spelled.bytes[spelled.entries]);
+    if (bloom) {
+        EXPECT_EQ(DORecordHeaderGetBloomStart(header), &spelled.bytes[spelled.entries]);
+    }
     EXPECT_EQ(DORecordHeaderGetBloom(header), bloom ? &spelled.bytes[spelled.entries + 4] : nullptr);
     EXPECT_EQ(Numbers({at(DORecordHeaderStartUDCID(header)), at(DORecordHeaderIndexOfUDCID(header, 1)),
                        at(DORecordHeaderIndexOfTaskId(header, 2)), at(DORecordHeaderIndexOfDataSelection(header, 1)),
@@ -65,17 +67,17 @@ TEST_P(EveryRecord, HasItsSectionsInPlace) {
 }
 
 // Fingerprints, DCIDs, list entries and checksum, references, legacy arrays and their counts keep their bytes.
-TEST_P(EveryRecord, TurnsByteByByteAndBack) {
+TEST_P(EveryRecord, ByteSwapsAndBack) {
     Bytes bytes = Spell(All(), network).bytes;
-    for (auto* const turn : {DORecordHeaderHton, DORecordHeaderNtoh}) {
-        for (bool const turned : {true, false}) {
-            turn(reinterpret_cast<DORecordHeader*>(bytes.data()));
-            EXPECT_EQ(bytes, Spell(All(), network != turned).bytes);
+    for (auto* const swap : {DORecordHeaderHton, DORecordHeaderNtoh}) {
+        for (bool const swapped : {true, false}) {
+            swap(reinterpret_cast<DORecordHeader*>(bytes.data()));
+            EXPECT_EQ(bytes, Spell(All(), network != swapped).bytes);
         }
     }
 }
 
-TEST_P(EveryRecord, GivesHostValuesInEitherOrder) {
+TEST_P(EveryRecord, GettersReturnHostValuesInEitherOrder) {
     auto const record = Made();
     RecordValues held = values;
     held.checktime = 0x61626364;
@@ -94,8 +96,9 @@ TEST_P(EveryRecord, GivesHostValuesInEitherOrder) {
     EXPECT_EQ(r.GetUDCIDSize(), (reversed ? 0x10000000u : 16u) * held.list.size() + 8);
     record->setTRefsSize(0x01020304);
     r.header->ntaskid = r.header->nds = 7;
-    EXPECT_TRUE(r.getTRefsSize() == 0x01020304 && r.GetSerializedTRefsSize() == 0x01020304);
-    EXPECT_EQ(r.GetNtaskid() + r.GetNds(), 0u); // the sets, not the header
+    // The numbers of references are those of the sets, not of the header.
+    EXPECT_EQ(Numbers({r.getTRefsSize(), r.GetSerializedTRefsSize(), r.GetNtaskid(), r.GetNds()}),
+              Numbers({0x01020304, 0x01020304, 0, 0}));
     r.header->nudcid = 0;
     EXPECT_EQ(r.GetUDCIDSize(), 0u);
 }
@@ -123,7 +126,7 @@ constexpr struct {
     {[](OpenRecord& r) { r.handleUpdate(); }, 0, 0, 0, true, ""},
 };
 
-TEST_P(EveryRecord, SettersStoreInItsOrderAndTouchOrNot) {
+TEST_P(EveryRecord, SettersStoreInRecordOrder) {
     for (auto const& row : kSetters) {
         SCOPED_TRACE(&row - kSetters);
         LogCapture log;
@@ -137,26 +140,27 @@ TEST_P(EveryRecord, SettersStoreInItsOrderAndTouchOrNot) {
     }
 }
 
-TEST_P(EveryRecord, ConversionsDontLookAtTheOrder) {
+TEST_P(EveryRecord, ConversionsSwapInEitherOrder) {
     auto const record = Made();
     record->HostToNetwork(0);
     EXPECT_TRUE(record->IsInNetworkOrder());
     Bytes const before = Buffer(*record);
     EXPECT_EQ(before, Spell(values, !network).bytes);
-    // Where buffer and claim disagree, nothing that moves sections gets through.
+    // If the record's order is not the claimed one, operations that move sections fail.
     bool const agrees = !network || kBig;
     EXPECT_EQ(Refusal([&] { record->AddTaskID(1); }), agrees ? "" : kInvalidSize);
     EXPECT_EQ(Refusal([&] { record->convertToTRefs(); }), agrees ? "" : kInvalidSize);
     EXPECT_EQ(Buffer(*record) == before, !agrees);
 }
 
-TEST(DORecordSizes, AreTakenIn64Bits) {
+TEST(DORecordSizes, AreCalculatedIn64Bits) {
     constexpr unsigned int kMost = 0xffffffff;
     constexpr unsigned long kOthers = kMost * (8ul + 16 + 4 + 1) + 8;
     EXPECT_EQ(DORecordHeaderSizeRaw(kMost, kMost, kMost, kMost, 3, 3, kMost), 104 + kMost * (44ul + 8) + kOthers);
     EXPECT_EQ(DORecordHeaderSizeWithBloom(kMost, kMost, kMost, kMost, 0, kMost), 104ul + kMost + kOthers);
-    EXPECT_TRUE(CRDOTypeIsValid(0) && CRDOTypeIsValid(5));
-    EXPECT_FALSE(CRDOTypeIsValid(6) || CRDOTypeIsValid(255) || CRDOTypeIsValid(259));
+    for (unsigned int const dotype : {0, 5, 6, 255, 259}) {
+        EXPECT_EQ(CRDOTypeIsValid(dotype) != 0, dotype < 6) << dotype;
+    }
 }
 
 } // namespace

@@ -29,7 +29,7 @@ References Visited(DORecord const& record) {
     return visited;
 }
 
-// The record to the last byte, and zeros behind it.
+// The record to the last byte, and zeros after it.
 void ExpectWhole(OpenRecord const& record, RecordValues const& values, bool network = false) {
     Bytes bytes = Spell(values, network).bytes;
     EXPECT_EQ(StoredBytes(record), bytes);
@@ -38,23 +38,28 @@ void ExpectWhole(OpenRecord const& record, RecordValues const& values, bool netw
     EXPECT_EQ(Visited(record), values.references);
 }
 
-TEST(DORecordReferences, AreInTheRecordInOrderAndGoWithoutATrace) {
+TEST(DORecordReferences, AreStoredSortedAndRemovedWithoutTrace) {
     for (bool const network : {false, true}) {
         for (RecordValues values : Examples()) {
             SCOPED_TRACE(NameOf(values) + (network ? ", network" : ", host"));
             auto const record = Build<OpenRecord>(values);
             network ? record->HostToNetwork(0) : void();
             _cr_tref_t* const value = CRTRefNew(cr_reftype_t(6), 3);
-            EXPECT_EQ(record->OwnTRef(NewHandle(9, ~0ul)) + record->OwnTRef(*value), 0);
-            EXPECT_EQ(record->AddDSID(0xfffefdfc) + record->AddTaskID(256) + record->AddTaskID(17), 0);
-            EXPECT_EQ(record->AddTRef(NewHandle(2, 1ul << 63)) + record->AddTRef(*NewHandle(4, 0)->Get()), 0);
+            record->OwnTRef(NewHandle(9, ~0ul));
+            record->OwnTRef(*value);
+            record->AddDSID(0xfffefdfc);
+            record->AddTaskID(256);
+            record->AddTaskID(17);
+            record->AddTRef(NewHandle(2, 1ul << 63));
+            record->AddTRef(*NewHandle(4, 0)->Get());
             values.mtime = test_clock::now;
             values.references = {{2, 17}, {2, 256}, {2, 1ul << 63}, {4, 0}, {4, 0xfffefdfc}, {6, 3}, {9, ~0ul}};
             ExpectWhole(*record, values, network);
             EXPECT_EQ(record->GetSerializedTRefs(), reinterpret_cast<char*>(DORecordHeaderStartTRefs(record->header)));
-            EXPECT_TRUE(record->GetNTRefs() == 7 && record->GetNtaskid() == 3 && record->GetNds() == 2);
-            EXPECT_TRUE(record->calcTRefsSize() == 62 && record->GetTRefTypeTotalSize(CR_REFTYPE_DSID) == 12);
-            EXPECT_EQ(record->DelDSID(0) + record->DelTRef(NewHandle(9, ~0ul)), 2u);
+            EXPECT_EQ(std::tuple(record->GetNTRefs(), record->GetNtaskid(), record->GetNds(), record->calcTRefsSize(),
+                                 record->GetTRefTypeTotalSize(CR_REFTYPE_DSID)),
+                      std::tuple(7, 3, 2, 62, 12));
+            EXPECT_EQ(std::tuple(record->DelDSID(0), record->DelTRef(NewHandle(9, ~0ul))), std::tuple(1, 1));
             values.references = {{2, 17}, {2, 256}, {2, 1ul << 63}, {4, 0xfffefdfc}, {6, 3}};
             ExpectWhole(*record, values, network);
             record->RemoveAllTRefs(); // of the tasks
@@ -74,7 +79,7 @@ TEST(DORecordReferences, AreInTheRecordInOrderAndGoWithoutATrace) {
     }
 }
 
-TEST(DORecordReferences, KindsAreTakenCheckedAndDeletedEachInItsOwnWay) {
+TEST(DORecordReferences, EachKindHasItsRulesForAddCheckAndDelete) {
     for (int kind = 0; kind < CR_REFTYPE_END; ++kind) {
         auto const record = Build(Example(0, 1));
         auto const handle = NewHandle(kind, 5);
@@ -99,16 +104,20 @@ TEST(DORecordReferences, KindsAreTakenCheckedAndDeletedEachInItsOwnWay) {
         EXPECT_EQ(outcome([&] { EXPECT_EQ(record->AddTRef(handle), 0); }), isAdded ? "|" : refused);
         EXPECT_EQ(outcome([&] { EXPECT_EQ(record->OwnTRef(handle), 1); }), isAdded ? "|" : refused);
         EXPECT_EQ(record->GetNTRefs(type), isAdded);
-        EXPECT_TRUE(!isChecked || record->CheckTRef(handle->Get()) == CR_STATUS_OK);
-        Load(*record, SpellReferences({{kind, 5}})); // asks for no kind
+        if (isChecked) {
+            EXPECT_EQ(record->CheckTRef(handle->Get()), CR_STATUS_OK);
+        }
+        Load(*record, SpellReferences({{kind, 5}})); // accepts every kind
         EXPECT_EQ(std::distance(record->GetTRefTypeBegin(type), record->GetTRefTypeEnd(type)), 1);
         EXPECT_EQ(Visited(*record), kind == 0 ? References() : References({{kind, 5}}));
-        EXPECT_TRUE(!isDeleted || record->DelTRef(handle->Get()) == 1);
+        if (isDeleted) {
+            EXPECT_EQ(record->DelTRef(handle->Get()), 1u);
+        }
         EXPECT_EQ(log.Take(), "");
     }
 }
 
-TEST(DORecordReferences, NullIsRefusedButNotByTheDeletionOfAPointer) {
+TEST(DORecordReferences, RejectsNullExceptToDeleteAPointer) {
     auto const record = Build(Example(0, 1));
     _cr_tref_t* const null = nullptr;
     for (Handle const& handle : {Handle(), Handle(new Cr_TRef(null))}) {
@@ -120,7 +129,7 @@ TEST(DORecordReferences, NullIsRefusedButNotByTheDeletionOfAPointer) {
     EXPECT_EQ(Refusal([&] { record->CheckTRef(null); }), "9: NULL reference");
     EXPECT_EQ(record->DelTRef(null), 0u);
     for (cr_reftype_t const none : {cr_reftype_t(-1), CR_REFTYPE_END, cr_reftype_t(1 << 30)}) {
-        EXPECT_EQ(record->GetNTRefs(none) + record->GetTRefTypeTotalSize(none), 0u);
+        EXPECT_EQ(std::tuple(record->GetNTRefs(none), record->GetTRefTypeTotalSize(none)), std::tuple(0, 0));
         EXPECT_EQ(record->GetTRefTypeBegin(none), record->GetTRefTypeEnd(none));
         record->ClearTRefType(none);
     }
@@ -134,7 +143,7 @@ int IsOdd(unsigned long taskId, void*) {
     return taskId % 2 != 0;
 }
 
-TEST(DORecordReferences, CallbacksSayWhichTasksStayAndSomeOperationsTouch) {
+TEST(DORecordReferences, CallbacksSelectTasksAndSomeOperationsTouch) {
     auto const record = Build(Example(3, 1));
     auto const touches = [&](auto const& run) {
         ++test_clock::now;
@@ -144,7 +153,7 @@ TEST(DORecordReferences, CallbacksSayWhichTasksStayAndSomeOperationsTouch) {
     EXPECT_TRUE(touches([&] { Load(*record, SpellReferences({{2, 6}, {2, 2}, {2, 3}, {2, 4}, {2, 5}})); }));
     EXPECT_TRUE(touches([&] { EXPECT_EQ(record->AddTaskID(2), 1); }));
     EXPECT_TRUE(touches([&] { EXPECT_EQ(record->DelDSID(1), 0u); }));
-    EXPECT_FALSE(touches([&] { EXPECT_EQ(record->AddTaskID(8, IsOdd, nullptr), 9); })); // drops none of the others
+    EXPECT_FALSE(touches([&] { EXPECT_EQ(record->AddTaskID(8, IsOdd, nullptr), 9); })); // removes none of the others
     EXPECT_EQ(record->AddTaskID(8, nullptr, nullptr), 9);
     EXPECT_EQ(Refusal([&] { record->RemoveInactiveTaskIDs(nullptr, nullptr); }), "9: NULL reference");
     References asked;
@@ -159,11 +168,11 @@ TEST(DORecordReferences, CallbacksSayWhichTasksStayAndSomeOperationsTouch) {
     EXPECT_EQ(Visited(*record), References({{2, 3}, {2, 5}, {2, 7}}));
     record->setTRefsSize(5);
     EXPECT_FALSE(touches([&] { record->ClearTRefType(CR_REFTYPE_TASKID); }));
-    EXPECT_EQ(record->getTRefsSize(), 0u); // takes away at most what is there
+    EXPECT_EQ(record->getTRefsSize(), 0u); // subtracts at most the stored size
 }
 
-// A record size that a raw setter made too small ends a removal half way: that reference stays, its bytes don't.
-TEST(DORecordReferences, RemovalBelowTheBareSizeStopsThere) {
+// A record size that a raw setter made too small stops a removal: that reference stays, its bytes do not.
+TEST(DORecordReferences, RemovalStopsAtTheBareSize) {
     auto const record = Build(Example(3, 1));
     record->AddTaskID(1);
     record->AddTaskID(2);
@@ -171,10 +180,11 @@ TEST(DORecordReferences, RemovalBelowTheBareSizeStopsThere) {
     unsigned int const before = test_clock::now++;
     EXPECT_EQ(Refusal([&] { record->RemoveAllTRefs(); }), kInvalidSize);
     EXPECT_EQ(Visited(*record), References({{2, 2}}));
-    EXPECT_TRUE(record->getTRefsSize() == 0 && record->getRecSize() == 104 && record->GetMTime() == before);
+    EXPECT_EQ(std::tuple(record->getTRefsSize(), record->getRecSize(), record->GetMTime()),
+              std::tuple(0u, 104u, before));
 }
 
-TEST(DORecordReferences, ACorruptOneEndsTheLoadBehindThoseBeforeIt) {
+TEST(DORecordReferences, LoadStopsAtACorruptReference) {
     RecordValues values = Example(3, 1);
     values.references = {{2, 1}, {4, 9}};
     for (Bytes const& corrupt : {Bytes{11, 8, 0, 0, 0, 0, 0, 0, 0, 1}, {2, 4, 0, 0, 0, 1}, {4, 8}, {2}}) {
@@ -191,21 +201,21 @@ TEST(DORecordReferences, ACorruptOneEndsTheLoadBehindThoseBeforeIt) {
 }
 
 // The record grows and moves while it reads them.
-TEST(DORecordReferences, LoadFromTheRecordsOwnSection) {
+TEST(DORecordReferences, LoadReadsTheRecordsOwnSection) {
     RecordValues values = Example(2, 3);
     auto const record = Build<OpenRecord>(values);
     record->HostToNetwork(0);
     values.references = {{2, 1}, {6, 2}, {9, 3}};
     Hold(*record, Spell(values, true).bytes);
     record->AddSerializedTRefs(record->GetSerializedTRefs(), record->getTRefsSize());
-    EXPECT_EQ(record->getTRefsSize(), 60u); // that of the section and that of the loaded
+    EXPECT_EQ(record->getTRefsSize(), 60u); // of the section and of the loaded references
     record->setTRefsSize(30);
     record->setRecSize(record->getRecSize() - 30);
     values.mtime = test_clock::now;
     ExpectWhole(*record, values, true);
 }
 
-TEST(DORecordReferences, ConversionOptionallyDropsTheTasks) {
+TEST(DORecordReferences, NetworkToHostDropsTasksOnRequest) {
     RecordValues values = Example(4, 1);
     auto const record = Build<OpenRecord>(values);
     record->AddTaskID(1);
@@ -216,12 +226,12 @@ TEST(DORecordReferences, ConversionOptionallyDropsTheTasks) {
     ExpectWhole(*record, values);
 }
 
-// Both gaps are closed by the size of the task ids: DSIDs alone stay, and behind a task id two more of them go.
-TEST(DORecordLegacyReferences, BecomeTypedOnes) {
+// Both gaps are closed by the size of the task ids: DSIDs alone stay, and after a task id two more of them are removed.
+TEST(DORecordLegacyReferences, BecomeTypedReferences) {
     struct {
         std::vector<unsigned long> taskIds;
         std::vector<unsigned int> dsids;
-        unsigned int first; // word that the gaps leave
+        unsigned int first; // word after the gaps are closed
         References references;
     } const rows[] = {
         {{5, 3, ~0ul, 3}, {}, 0, {{2, 3}, {2, 5}, {2, ~0ul}}},
@@ -246,7 +256,7 @@ TEST(DORecordLegacyReferences, BecomeTypedOnes) {
     }
 }
 
-TEST(DORecordLegacyReferences, RefusalsChangeNothing) {
+TEST(DORecordLegacyReferences, RejectionsChangeNothing) {
     RecordValues values = Example(3, 1);
     values.taskIds = {1};
     for (bool const owns : {true, false}) {
@@ -266,7 +276,7 @@ TEST(DORecordLegacyReferences, RefusalsChangeNothing) {
     }
 }
 
-TEST(DORecordLegacyReferences, WithoutThemTheSectionIsLoadedInPlace) {
+TEST(DORecordLegacyReferences, RecordWithoutThemIsLoadedInPlace) {
     RecordValues values = Example(1, 3);
     auto const record = Build<OpenRecord>(values);
     values.references = {{0, 9}, {2, 3}, {4, 8}, {10, 1}};
@@ -276,7 +286,8 @@ TEST(DORecordLegacyReferences, WithoutThemTheSectionIsLoadedInPlace) {
     EXPECT_EQ(memory, Spell(values).bytes);
     record->convertToTRefs(); // the sets are filled now
     EXPECT_EQ(StoredBytes(*record), Spell(values).bytes);
-    EXPECT_TRUE(record->GetNTRefs() == 4 && record->HasTaskID(3) && record->HasDSID(8) && !record->HasDSID(3));
+    EXPECT_EQ(std::tuple(record->GetNTRefs(), record->HasTaskID(3), record->HasDSID(8), record->HasDSID(3)),
+              std::tuple(4, true, true, false));
 }
 
 } // namespace

@@ -12,8 +12,14 @@ namespace {
 
 constexpr unsigned int kNone32 = 0xffffffff;
 constexpr unsigned long kNone64 = 0xffffffffffffffff;
+constexpr std::tuple kNoNumbers(kNone32, kNone64, kNone32);
 
-TEST(DORecordSegments, AccessorsAndRangeGiveTheValuesInEitherOrder) {
+auto NumbersOf(DORecord const& record, unsigned int segment) {
+    return std::tuple(record.GetSegmentSize(segment), record.GetSegmentOffset(segment),
+                      record.GetSegmentObjectOffset(segment));
+}
+
+TEST(DORecordSegments, AccessorsReturnValuesInEitherOrder) {
     for (RecordValues const& values : Examples()) {
         auto const record = Build(values);
         for (bool const network : {false, true}) {
@@ -22,11 +28,10 @@ TEST(DORecordSegments, AccessorsAndRangeGiveTheValuesInEitherOrder) {
             for (unsigned int i = 0; i < values.segments.size(); ++i, ++segment) {
                 auto const& [fingerprint, size, offset, dcid] = values.segments[i];
                 EXPECT_TRUE(std::equal(fingerprint.begin(), fingerprint.end(), record->GetSegmentFP(i).bytes));
-                EXPECT_EQ(record->GetSegmentSize(i), size);
-                EXPECT_EQ(record->GetSegmentOffset(i), values.dotype == 3 ? offset : kNone64);
-                EXPECT_EQ(record->GetSegmentObjectOffset(i), values.dotype == 5 ? offset : kNone32);
+                EXPECT_EQ(NumbersOf(*record, i), std::tuple(size, values.dotype == 3 ? offset : kNone64,
+                                                            values.dotype == 5 ? offset : kNone32));
                 EXPECT_EQ(record->GetSegmentDCID(i), dcid);
-                EXPECT_TRUE(record->GetSegmentDCIDList()[i] == dcid);
+                EXPECT_EQ(+record->GetSegmentDCIDList()[i], dcid);
                 auto const seen = *segment;
                 Bytes padded = fingerprint;
                 padded.resize(32);
@@ -34,7 +39,7 @@ TEST(DORecordSegments, AccessorsAndRangeGiveTheValuesInEitherOrder) {
                 crfp_digest_t const copy = seen.fingerprint.Copy();
                 EXPECT_EQ(Bytes(copy.bytes, copy.bytes + sizeof copy), padded);
                 EXPECT_EQ(seen.offset, values.dotype == 3 || values.dotype == 5 ? offset : kNone64);
-                EXPECT_TRUE(seen.size == size && record->Segments()[i].dcid == dcid);
+                EXPECT_EQ(std::pair(seen.size, record->Segments()[i].dcid), std::pair(size, dcid));
             }
             EXPECT_TRUE(segment == record->Segments().end());
             EXPECT_EQ(record->Segments().size(), values.segments.size());
@@ -42,13 +47,12 @@ TEST(DORecordSegments, AccessorsAndRangeGiveTheValuesInEitherOrder) {
         }
     }
     auto const bloom = Build(Example(4, 0));
-    EXPECT_TRUE(bloom->GetSegmentSize(0) == kNone32 && bloom->GetSegmentOffset(0) == kNone64 &&
-                bloom->GetSegmentObjectOffset(0) == kNone32);
+    EXPECT_EQ(NumbersOf(*bloom, 0), kNoNumbers);
 }
 
-// Sizes and offsets are stored raw, while their getters convert; fingerprints take 32 bytes and offsets their place
-// whatever the types. In a record of one segment the last of them reach into the zeros at the record's end.
-TEST(DORecordSegments, SettersStoreRawBytesAndSomeTouch) {
+// Setters of sizes and offsets store them raw; the getters convert. Setters write 32 bytes of a fingerprint, and
+// offsets, for every type. In a record of one segment these reach into the zeros at its end.
+TEST(DORecordSegments, SettersStoreRawBytes) {
     crfp_digest_t digest;
     std::fill_n(digest.bytes, 32, static_cast<unsigned char>(0xaa));
     for (RecordValues values : Examples()) {
@@ -117,11 +121,12 @@ std::vector<ListRow> ListRows() {
         {3, 0, 0, {{9, 1ul << 63}, {9, 0}}, far, "same"},
         {3, 1ul << 40, 0, {{9, 0}, {half, 9}}, large, ""},
         {3, 1ul << 40, 0, {{9, 0}, {half - 1, 9}}, "", ""},
+        {3, 1ul << 63, 0, {{9, 0}, {1, (1ul << 63) - 1}}, "", ""},
     };
     for (unsigned char const dotype : {CR_DO_TYPE_ORIGINAL, CR_DO_TYPE_NO_SIZE}) {
         rows.push_back({dotype, 1, 4, {}, original + "1. Segm. size times segm. count:0.", "same"});
         rows.push_back({dotype, 10, 4, {{}, {}, {}}, "", ""});
-        rows.push_back({dotype, 1, 4, {{}, {}, {}}, "", ""}); // nothing checks how short the last one is
+        rows.push_back({dotype, 1, 4, {{}, {}, {}}, "", ""}); // the last one may have any size
         rows.push_back({dotype, 13, 4, {{}, {}, {}}, original + "13. Segm. size times segm. count:12.", "same"});
         rows.push_back(
             {dotype, 1, 1ul << 63, {{}, {}}, original + "1. Segm. size times segm. count:0.", "same"}); // 2^64
@@ -130,7 +135,7 @@ std::vector<ListRow> ListRows() {
     for (auto const& [dotype, name] : {std::pair{2, "CR_DO_TYPE_NO_OFFSET"}, {5, "CR_DO_TYPE_4_BYTE_OFFSET"}}) {
         auto const type = static_cast<unsigned char>(dotype);
         rows.push_back({type, 1, 0, {}, Sum(name, 1, 0), "same"});
-        rows.push_back({type, 15, 0, {{10, 77}, {5, 0}}, "", ""}); // object offsets are not looked at
+        rows.push_back({type, 15, 0, {{10, 77}, {5, 0}}, "", ""}); // object offsets are not checked
         rows.push_back({type, 14, 0, {{10, 0}, {5, 10}}, Sum(name, 14, 15), "same"});
         rows.push_back({type, 0x100000000, 0, {{half, 0}, {half, 0}}, Wrong("0 has size 2147483648 (> 2 GiB)."), ""});
         rows.push_back({type, 9, 0, {{1, 0}, {half, 0}}, large, Sum(name, 9, 0x80000001)});
@@ -149,18 +154,16 @@ TEST(DORecordSegments, AccessorsStayInTheBuffer) {
         auto const record = Build<OpenRecord>(values);
         record->SetFPType(CR_FP_TYPE_SHA256);
         record->header->nudcid = 1;
-        auto const* const from = reinterpret_cast<unsigned char const*>(record->header);
-        Bytes const before(from, from + record->bufferSize);
+        Bytes const before = Buffer(*record);
         EXPECT_TRUE(std::equal(zeros.bytes, zeros.bytes + 32, record->GetSegmentFP(7).bytes));
-        EXPECT_TRUE(record->GetSegmentSize(7) == kNone32 && record->GetSegmentOffset(7) == kNone64 &&
-                    record->GetSegmentObjectOffset(7) == kNone32);
-        EXPECT_TRUE(record->GetSegmentDCID(7) == 0 && record->GetSegmentUDCID(0) == 0);
+        EXPECT_EQ(NumbersOf(*record, 7), kNoNumbers);
+        EXPECT_EQ(std::pair(record->GetSegmentDCID(7), record->GetSegmentUDCID(0)), std::pair(0ul, 0ul));
         EXPECT_EQ(Refusal([&] { record->SetSegmentFP(7, digest); }), kInvalidSize);
         EXPECT_EQ(Refusal([&] { record->SetSegmentSize(7, 1); }), kInvalidSize);
         EXPECT_EQ(Refusal([&] { record->SetSegmentOffset(7, 1); }), kInvalidSize);
         EXPECT_EQ(Refusal([&] { record->SetSegmentObjectOffset(7, 1); }), kInvalidSize);
         EXPECT_EQ(Refusal([&] { record->SetSegmentDCID(7, 64); }), kInvalidSize);
-        EXPECT_EQ(Bytes(from, from + record->bufferSize), before);
+        EXPECT_EQ(Buffer(*record), before);
         record->bufferSize = 80 + 32;
         EXPECT_EQ(record->GetSegmentFP(0).bytes[0], 0xee);
         EXPECT_EQ(Refusal([&] { record->SetSegmentFP(0, digest); }), "");
@@ -170,20 +173,31 @@ TEST(DORecordSegments, AccessorsStayInTheBuffer) {
     }
 }
 
-TEST(DORecordSegments, ListCheckSaysWhatIsWrongInEitherOrder) {
+TEST(DORecordSegments, BuildersAndReadersApplyOneListCheck) {
     for (ListRow const& row : ListRows()) {
         for (unsigned char const fptype : std::array<unsigned char, 2>{0, 3}) {
             RecordValues values{.dotype = row.dotype, .fptype = fptype, .size = row.size, .ssize = row.ssize};
             for (auto const& [size, offset] : row.segments) {
-                values.segments.push_back({Bytes(FingerprintWidth(fptype), 1), size, offset, 0});
+                values.segments.push_back({Bytes(FingerprintWidth(fptype), 1), size, offset, 64});
             }
             for (bool const subDO : {false, true}) {
                 SCOPED_TRACE(NameOf(values) + ": " + row.refusal);
                 auto const record = Build<OpenRecord>(Example(4, 0));
-                Hold(*record, Spell(values).bytes);
+                Bytes const form = SpellForm(values, false), stored = Spell(values).bytes;
+                Hold(*record, stored);
                 record->SetSubDO(subDO);
                 std::string const expected = subDO && row.asSubDO != "same" ? row.asSubDO : row.refusal;
                 EXPECT_EQ(Refusal([&] { record->checkSegmentList(); }), expected);
+                if (!subDO && !row.segments.empty()) {
+                    EXPECT_EQ(Refusal([&] { Build(values); }), expected);
+                }
+                auto const make = [&] { DORecord(row.dotype, fptype, nullptr, 0, form.data(), form.size(), subDO); };
+                EXPECT_EQ(Refusal(make), expected);
+                unsigned int const size = static_cast<unsigned int>(stored.size()), option = subDO ? CR_DO_SUB_DO : 0;
+                EXPECT_EQ(std::pair(DORecordHeaderValidate(stored.data(), size, option) == CR_STATUS_OK,
+                                    DORecordSerializedValidate(form.data(), form.size(), row.dotype, fptype, option) ==
+                                        CR_STATUS_OK),
+                          std::pair(expected.empty(), expected.empty()));
                 record->HostToNetwork(0);
                 Bytes const before = Buffer(*record);
                 EXPECT_EQ(Refusal([&] { record->checkSegmentList(); }), expected);
@@ -195,13 +209,13 @@ TEST(DORecordSegments, ListCheckSaysWhatIsWrongInEitherOrder) {
     }
 }
 
-TEST(DORecordSegments, DerivedSizesAreCutTo32Bits) {
+TEST(DORecordSegments, DerivedSizesAreTruncatedTo32Bits) {
     SegmentValues const segment{Bytes(16), 0, 0, 64};
     auto const record = Build({.size = 0x300000005, .ssize = 0x200000003, .segments = {segment, segment}});
-    EXPECT_TRUE(record->GetSegmentSize(0) == 3 && record->GetSegmentSize(1) == 2);
+    EXPECT_EQ(std::pair(record->GetSegmentSize(0), record->GetSegmentSize(1)), std::pair(3u, 2u));
 }
 
-TEST(DORecordSegments, ChecksAlone) {
+TEST(DORecordSegments, SeparateChecksNameTheSegment) {
     auto const record = Build<OpenRecord>(Example(2, 0));
     // The offset that a record of this type does not have is taken for an implausible one.
     EXPECT_EQ(Refusal([&] { record->checkSegmentOffsetEndiannes(); }),

@@ -16,7 +16,7 @@ std::unique_ptr<OpenRecord> BuildBare(RecordValues values) {
     return Build<OpenRecord>(values);
 }
 
-TEST(DORecordUnique, ListIsAscendingAndSummedUp) {
+TEST(DORecordUnique, ListIsAscendingWithSums) {
     for (RecordValues values : Examples()) {
         if (values.dotype == 4) {
             continue;
@@ -28,7 +28,7 @@ TEST(DORecordUnique, ListIsAscendingAndSummedUp) {
             segment.dcid = segment.dcid == first ? second : first;
         }
         auto const record = BuildBare(values);
-        for (int round = 0; round < 2; ++round) { // once more changes nothing
+        for (int round = 0; round < 2; ++round) { // the second call changes nothing
             EXPECT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_OK);
             EXPECT_EQ(Buffer(*record), Spell(values).bytes);
         }
@@ -43,9 +43,9 @@ TEST(DORecordUnique, ListIsAscendingAndSummedUp) {
     }
 }
 
-// Entries, checksum and the header's count are host values, the list's own count alone has the record's order, and the
-// sum is that of the bytes as they are stored then.
-TEST(DORecordUnique, NetworkOrderRecordGetsAHostListWithItsOwnCount) {
+// Entries, checksum and the header's count are host values. Only the list's own count has the record's order. The
+// checksum covers the bytes as stored.
+TEST(DORecordUnique, NetworkOrderRecordGetsAHostListWithSwappedCount) {
     RecordValues const values = Example(3, 0);
     auto const record = BuildBare(values);
     record->HostToNetwork(0);
@@ -57,9 +57,9 @@ TEST(DORecordUnique, NetworkOrderRecordGetsAHostListWithItsOwnCount) {
     EXPECT_EQ(Buffer(*record), expected.bytes);
 }
 
-// Beyond the caches memory is asked for ahead, and of more than a few containers there is a table: neighbours,
-// multiples of a large power of two, which meet in it, and some in runs.
-TEST(DORecordUnique, LongRecordsAreListedAndTurnedLikeShortOnes) {
+// Long records are prefetched, and many containers are counted in a table: adjacent ids, multiples of a large power of
+// two, which collide in it, and some in runs.
+TEST(DORecordUnique, LongRecordsAreListedAndByteSwapped) {
     for (int const dotype : {2, 3, 5}) {
         RecordValues values{.dotype = static_cast<unsigned char>(dotype)};
         Sizes bytes;
@@ -81,7 +81,7 @@ TEST(DORecordUnique, LongRecordsAreListedAndTurnedLikeShortOnes) {
     }
 }
 
-TEST(DORecordUnique, RefusalsChangeNothing) {
+TEST(DORecordUnique, RejectionsChangeNothing) {
     LogCapture log;
     for (RecordValues const& values : {Example(0, 0), Example(5, 3)}) {
         auto const record = BuildBare(values);
@@ -99,7 +99,7 @@ TEST(DORecordUnique, RefusalsChangeNothing) {
         EXPECT_EQ(log.Take(), "error 9: AppendBloomAndUniqueDCIDList: TRef size should be zero bytes.\n");
         EXPECT_EQ(StoredBytes(*record), referenced);
     }
-    // A count that leads out of the buffer is not followed; nor is a buffer that must stay exceeded.
+    // Neither a count beyond the buffer nor a list that a fixed buffer cannot hold is accepted.
     auto const record = BuildBare(Example(2, 0));
     record->header->nfp = 100;
     EXPECT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_INVALID);
@@ -111,7 +111,8 @@ TEST(DORecordUnique, RefusalsChangeNothing) {
         EXPECT_EQ(record->AppendBloomAndUniqueDCIDList(), status);
         EXPECT_EQ(memory, before);
     }
-    EXPECT_TRUE(record->ownsBuffer && record->copyMode == OpenRecord::CopyMode::Own && record->GetNudcid() == 2);
+    EXPECT_EQ(std::tuple(record->ownsBuffer, record->copyMode, record->GetNudcid()),
+              std::tuple(true, OpenRecord::CopyMode::Own, 2u));
     Bytes room(4096, 0xee);
     Splice(room, 0, before);
     Borrow(*record, room, OpenRecord::CopyMode::Fixed);
@@ -120,7 +121,7 @@ TEST(DORecordUnique, RefusalsChangeNothing) {
     EXPECT_EQ(log.Take(), "");
 }
 
-TEST(DORecordUnique, SizeListCountsTheRecordInItsOwnContainer) {
+TEST(DORecordUnique, SizeListAddsTheRecordToItsContainer) {
     LogCapture log;
     RecordValues values = Example(3, 3);
     Sizes const listed(values.list.begin(), values.list.end());
@@ -146,7 +147,7 @@ TEST(DORecordUnique, SizeListCountsTheRecordInItsOwnContainer) {
     EXPECT_EQ(log.Take(), "");
 }
 
-// A bloom record as it is received: its list is big-endian, each container's last entry the one that holds.
+// A bloom record as it is received: its list is big-endian. A container's last entry counts.
 std::unique_ptr<OpenRecord> ReceivedBloom(unsigned int count) {
     RecordValues values = Example(4, 0);
     values.list = {{90, 5}, {80, 6}, {90, 7}};
@@ -158,14 +159,14 @@ std::unique_ptr<OpenRecord> ReceivedBloom(unsigned int count) {
     return received;
 }
 
-TEST(DORecordUnique, AppendBloomMergesAndTurnsTheLengthWordEachTime) {
+TEST(DORecordUnique, AppendBloomMergesAndSwapsTheLengthWordEachTime) {
     // However many entries the received count claims, no more are read than the record has room for.
     for (unsigned int const count : {2u, 3u, 4u, 0xffffffffu}) {
         auto const record = ReceivedBloom(count);
         Bytes const before = Buffer(*record);
-        Bytes turned = before;
-        Splice(turned, 80, Spelled(5, 4, true));
-        for (Bytes const& expected : {turned, before}) {
+        Bytes swapped = before;
+        Splice(swapped, 80, Spelled(5, 4, true));
+        for (Bytes const& expected : {swapped, before}) {
             Sizes sizes{{80, 1}, {1, 1}};
             EXPECT_EQ(record->AppendBloom(sizes), CR_STATUS_OK);
             EXPECT_EQ(sizes, (Sizes{{1, 1}, {80, 6}, {90, count == 2 ? 5ul : 7ul}}));
@@ -178,13 +179,13 @@ TEST(DORecordUnique, AppendBloomMergesAndTurnsTheLengthWordEachTime) {
         Bytes const before = Buffer(*record);
         Sizes sizes{{1, 1}};
         EXPECT_EQ(record->AppendBloom(sizes), CR_STATUS_OK);
-        EXPECT_TRUE(sizes == (Sizes{{1, 1}}) && Buffer(*record) == before);
+        EXPECT_EQ(std::pair(sizes, Buffer(*record)), std::pair(Sizes{{1, 1}}, before));
     }
     EXPECT_STREQ(zebLogLastMessageA(), "AppendBloom: invalid record size for DO");
 }
 
-TEST(DORecordUnique, ReceivedListIsTurnedInItsPlace) {
-    for (unsigned int const count : {0u, 3u, 0xffffffffu}) { // without a list only the length word turns
+TEST(DORecordUnique, ReceivedListIsSwappedInPlace) {
+    for (unsigned int const count : {0u, 3u, 0xffffffffu}) { // without a list only the length word is swapped
         RecordValues values = Example(4, 0);
         values.list.clear();
         auto const record = count == 0 ? BuildBare(values) : ReceivedBloom(count);

@@ -34,7 +34,7 @@ struct Vector {
     bool object;
     std::string md5, sha1, sha256;
 };
-// An object's digests are what `openssl dgst` says of the content followed by "DO" and a NUL.
+// An object's digests are those that `openssl dgst` prints for the content followed by "DO" and a NUL.
 Vector const kVectors[] = {
     {"", false, "d41d8cd98f00b204e9800998ecf8427e", "da39a3ee5e6b4b0d3255bfef95601890",
      "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
@@ -45,7 +45,7 @@ Vector const kVectors[] = {
     {"abc", true, "a99db864e0275bc0b6eafaa7c1dddc15", "b31239e328d9161eaec7b25dacb1a040fb3185d9",
      "bd872d0d78057a381b47d5870aaa7274d8b310f237ab98f8345289954e15835f"}};
 
-// The same context again and again; pieces grow from nothing.
+// One context for all; pieces of 0, 1, 2 and more bytes.
 TEST(Fingerprint, MatchesVectorsFedInPieces) {
     crfp_context_t context;
     TakeStatus();
@@ -68,9 +68,9 @@ TEST(Fingerprint, MatchesVectorsFedInPieces) {
     EXPECT_EQ(TakeStatus(), kUntouched);
 }
 
-// i, a, f, d, g: initialise, append, finalise content, finalise object, get. In capitals: refused as out of turn. U:
-// initialise with an unknown type, which ends what was there.
-TEST(Fingerprint, RefusesCallsOutOfTurn) {
+// i, a, f, d, g: initialise, append, finalise content, finalise object, get; in capitals: rejected in this state. U:
+// initialise with an unknown type, which ends a started digest.
+TEST(Fingerprint, RejectsCallsOutOfOrder) {
     for (std::string const steps : {"AFDGiG", "ifFDAgg", "idFDAgg", "iaGfgiGaf", "iiaafg", "iaUAFDG", "ifUGiaf"}) {
         crfp_context_t context;
         crfp_digest_t digest;
@@ -92,24 +92,28 @@ TEST(Fingerprint, RefusesCallsOutOfTurn) {
     }
 }
 
-TEST(Fingerprint, RefusesNullPointers) {
+TEST(Fingerprint, RejectsNullPointers) {
     crfp_context_t open, done;
     crfp_digest_t digest{};
     char text[65];
-    EXPECT_EQ(CRFPInitialize(&open, 0) + CRFPInitialize(&done, 0) + CRFPFinalize(&done), 0);
-    EXPECT_EQ(CRFPInitialize(nullptr, 0) + CRFPAppend(nullptr, "x", 1) + CRFPAppend(&open, nullptr, 1), -3);
-    EXPECT_EQ(CRFPFinalize(nullptr) + CRFPFinalizeDO(nullptr), -2);
-    EXPECT_TRUE(!CRFPGetDigest_r(nullptr, &digest) && !CRFPGetDigest_r(&done, nullptr));
-    EXPECT_TRUE(!CRFPDigestToString_r(nullptr, 0, text, 65) && !CRFPDigestToString_r(&digest, 0, nullptr, 65));
-    EXPECT_TRUE(!CRFPStringToDigest_r(nullptr, 0, &digest) && !CRFPStringToDigest_r("", 0, nullptr));
+    CRFPInitialize(&open, 0);
+    CRFPInitialize(&done, 0);
+    CRFPFinalize(&done);
+    EXPECT_EQ(std::tuple(CRFPInitialize(nullptr, 0), CRFPAppend(nullptr, "x", 1), CRFPAppend(&open, nullptr, 1),
+                         CRFPFinalize(nullptr), CRFPFinalizeDO(nullptr)),
+              std::tuple(-1, -1, -1, -1, -1));
+    EXPECT_EQ(std::tuple(CRFPGetDigest_r(nullptr, &digest), CRFPGetDigest_r(&done, nullptr),
+                         CRFPDigestToString_r(nullptr, 0, text, 65), CRFPDigestToString_r(&digest, 0, nullptr, 65),
+                         CRFPStringToDigest_r(nullptr, 0, &digest), CRFPStringToDigest_r("", 0, nullptr)),
+              std::tuple(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
     TakeStatus();
     EXPECT_EQ(CRTDigestNewFull(1, nullptr, 0), nullptr);
     EXPECT_EQ(TakeStatus(), CR_STATUS_INVALID);
 }
 
-TEST(Fingerprint, KnowsItsTypesByTheWholeValue) {
+TEST(Fingerprint, RejectsUnknownTypes) {
     for (unsigned int const fptype : {0u, 3u, 4u, 256u, 259u, 0xffffffffu}) {
-        crfp_context_t context; // and is abandoned
+        crfp_context_t context; // never finalised
         TakeStatus();
         EXPECT_EQ(CRFPTypeIsValid(fptype) != 0, fptype < 4) << fptype;
         EXPECT_EQ(CRFPInitialize(&context, fptype), fptype < 4 ? 0 : -1) << fptype;
@@ -118,7 +122,7 @@ TEST(Fingerprint, KnowsItsTypesByTheWholeValue) {
 }
 
 // An unknown type is 16 bytes wide.
-TEST(FingerprintText, NeedsItsRoomAndExactlyItsDigits) {
+TEST(FingerprintText, ChecksBufferSizeAndDigitCount) {
     for (unsigned int const fptype : {0u, 3u, 259u}) {
         std::string const zeros(DigitsOf(fptype), '0');
         for (unsigned int length = 0; length < 70; ++length) {
@@ -130,7 +134,7 @@ TEST(FingerprintText, NeedsItsRoomAndExactlyItsDigits) {
             EXPECT_EQ(TakeStatus(), fits ? kUntouched : CR_STATUS_INVALID);
             EXPECT_EQ(room, fits ? zeros + '\0' + room.substr(zeros.size() + 1) : std::string(70, '#')) << length;
 
-            std::vector<char> text(length + 1, '0'); // of this size exactly: nothing behind may be read
+            std::vector<char> text(length + 1, '0'); // of this size exactly: nothing after it may be read
             text.back() = '\0';
             digest = Filled();
             EXPECT_EQ(CRFPStringToDigest_r(text.data(), fptype, &digest) != nullptr, good) << length;
@@ -140,10 +144,11 @@ TEST(FingerprintText, NeedsItsRoomAndExactlyItsDigits) {
     }
 }
 
-TEST(DigestObject, KeepsWhatItWasMadeOf) {
+TEST(DigestObject, KeepsItsArguments) {
     crfp_digest_t const digest = Filled();
     crt_digest_t* made = CRTDigestNewFull(4, &digest, 0xfedcba9876543210);
-    EXPECT_TRUE(made->kind == 4 && made->dcid == 0xfedcba9876543210 && BytesOf(made->digest) == BytesOf(digest));
+    EXPECT_EQ(std::tuple(made->kind, made->dcid, BytesOf(made->digest)),
+              std::tuple(4, 0xfedcba9876543210, BytesOf(digest)));
     CRTDigestDelete(&made);
     EXPECT_EQ(made, nullptr);
     CRTDigestDelete(&made);

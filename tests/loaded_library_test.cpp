@@ -91,17 +91,17 @@ TEST(LoadedLibrary, LogsWithoutMemoryOnNewThreads) {
         threads.clear();
         int kept = 0, notKept = 0;
         for (Seen const& mine : all) {
-            EXPECT_TRUE(mine.lines == 1 && mine.status == CR_STATUS_OK);
+            EXPECT_EQ(std::pair(mine.lines, mine.status), std::pair(1, 0));
             kept += std::string_view(mine.last) == "the message 7";
             notKept +=
                 std::string_view(mine.last) == "not enough memory to keep this thread's last message; the log has it";
         }
-        EXPECT_TRUE(kept == 15 && notKept == 5) << kept << " and " << notKept;
+        EXPECT_EQ(std::pair(kept, notKept), std::pair(15, 5));
     }
     library.setSink(nullptr, nullptr);
 }
 
-TEST(LoadedLibrary, OutlivesItsClosing) {
+TEST(LoadedLibrary, StaysUsableAfterDlclose) {
     Library const library;
     ASSERT_NE(library.handle, nullptr) << dlerror();
     _cr_tref_t const* const held = library.makeReference(CR_REFTYPE_TASKID, 17);

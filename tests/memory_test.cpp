@@ -1,33 +1,19 @@
 // What happens without memory, and what needs none.
 
 #include <crrecord/SORecord.h>
-#include <crrecord/fingerprint.h>
 
 #include "support/fault.h"
 #include "support/log_capture.h"
 #include "support/segment_bytes.h"
 
 #include <gtest/gtest.h>
-#include <openssl/err.h>
 
 #include <cerrno>
 #include <cstring>
 
 namespace {
 
-// The status that `make` ends with; an exception with a text has the one that was logged.
-template <class Make>
-cr_status_t StatusOf(Make make) {
-    try {
-        make();
-        return CR_STATUS_OK;
-    } catch (Cr_ErrnoException const& caught) {
-        EXPECT_TRUE(*caught.what() == '\0' || std::strcmp(caught.what(), zebLogLastMessageA()) == 0);
-        return caught.GetStatus();
-    }
-}
-
-TEST(Memory, ExceptionNeedsItsOwnObjectOnly) {
+TEST(Memory, ExceptionAllocatesOnlyItsObject) {
     std::stringstream const stream(std::string(2000, 'x'));
     auto const outcome = fault::Run(
         [&] {
@@ -40,11 +26,12 @@ TEST(Memory, ExceptionNeedsItsOwnObjectOnly) {
             }
         },
         1, true);
-    EXPECT_TRUE(outcome.attempts == 0 && outcome.exceptions == 1);
+    EXPECT_EQ(outcome.attempts, 0u);
+    EXPECT_EQ(outcome.exceptions, 1u);
 }
 
-// The last size that fits 32 bits is asked for; the next isn't, nor one whose product would wrap to 37.
-TEST(Memory, SerializeReportsABlockThatIsNotToBeHad) {
+// The last size that fits 32 bits is allocated; the next is not, nor one whose product would wrap to 37.
+TEST(Memory, SerializeReportsAllocationFailure) {
     struct {
         unsigned char fptype;
         unsigned int nfp;
@@ -60,11 +47,12 @@ TEST(Memory, SerializeReportsABlockThatIsNotToBeHad) {
         void* out = &bytes;
         unsigned long length = 77;
         LogCapture log(1);
-        errno = EINVAL; // of an earlier call; the allocator says nothing of its own
+        errno = EINVAL; // of an earlier call; the allocator sets no errno
         auto const outcome =
             fault::Run([&] { return SegmentRecordSerialize(RecordOf(bytes), &out, &length); }, 1, true);
-        EXPECT_TRUE(outcome.status == CR_STATUS_NO_MEMORY && out == nullptr && length == 77);
-        EXPECT_EQ(outcome.attempts, row.attempts) << row.size;
+        EXPECT_EQ(std::tuple(outcome.status, outcome.attempts, out, length),
+                  std::tuple(CR_STATUS_NO_MEMORY, row.attempts, nullptr, 77))
+            << row.size;
         EXPECT_EQ(log.Take(),
                   "trace 0: SegmentRecordSerialize (SOmarshall/serialize.cpp:350): error number 12 is status "
                   "22\nerror 22: Could not serialize SO: malloc failed for " +
@@ -72,31 +60,11 @@ TEST(Memory, SerializeReportsABlockThatIsNotToBeHad) {
     }
 }
 
-TEST(Memory, SORecordLogsWhatItCouldNotHave) {
+TEST(SORecord, LogsAllocationFailure) {
     LogCapture log;
     char const key[33] = {};
-    EXPECT_EQ(fault::FailEach([&] { return StatusOf([&] { SORecord(0, 64, 0, 0, key, 0, 0); }); }), 1u);
+    EXPECT_EQ(fault::FailEach([&] { return fault::StatusOf([&] { SORecord(0, 64, 0, 0, key, 0, 0); }); }), 1u);
     EXPECT_EQ(log.Take(), "error 22: SORecord: memory allocation of 104 bytes failed!\n");
-}
-
-// All but the fetch and the thread's error queue, which OpenSSL makes once.
-TEST(Memory, FingerprintReportsEveryFailureAndAbandonsNothing) {
-    for (unsigned int fptype = 0; fptype < 4; ++fptype) {
-        crfp_context_t first;
-        ASSERT_EQ(CRFPInitialize(&first, fptype), 0);
-        ERR_raise(ERR_LIB_USER, 1);
-        auto const start = [=] {
-            crfp_context_t context;
-            *__cr_errno_location() = CR_STATUS_OK;
-            bool const opened = CRFPInitialize(&context, fptype) == 0;
-            cr_status_t const status = *__cr_errno_location();
-            EXPECT_EQ(CRFPAppend(&context, "x", 1) == 0, opened);
-            return status;
-        };
-        EXPECT_GE(fault::FailEach(start), 1u);
-        EXPECT_EQ(ERR_get_error(), ERR_PACK(ERR_LIB_USER, 0, 1));
-        EXPECT_EQ(ERR_get_error(), 0u);
-    }
 }
 
 } // namespace

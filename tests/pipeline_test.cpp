@@ -17,30 +17,30 @@ struct Piece {
     unsigned long result = 0;
 };
 
-TEST(Pipeline, UsesEachPieceOnceAndInOrderWhateverTheThreads) {
+TEST(Pipeline, ProcessesPiecesOnceInOrderForAnyThreadCount) {
     for (unsigned int const threads : {1u, 2u, 7u}) {
         for (unsigned long const pieces : {0ul, 1ul, 1000ul}) {
-            std::vector<unsigned long> used;
+            std::vector<unsigned long> used, expected;
             crrecord::tool::Pipeline<Piece> pipeline(
                 threads, [](Piece& piece) { piece.result = piece.number * piece.number; },
                 [&](Piece& piece) { used.push_back(piece.result); });
             for (unsigned long i = 0; i < pieces; ++i) {
                 pipeline.Next().number = i;
                 pipeline.Submit();
+                expected.push_back(i * i);
             }
             pipeline.Finish();
-            ASSERT_EQ(used.size(), pieces);
-            for (unsigned long i = 0; i < pieces; ++i) {
-                ASSERT_EQ(used[i], i * i);
-            }
+            EXPECT_EQ(used, expected);
         }
     }
 }
 
-TEST(Pipeline, NeedsNoThreadButItsOwn) {
+TEST(Pipeline, WorksWhenNoThreadStarts) {
     pthread_attr_t former, huge;
-    ASSERT_EQ(pthread_getattr_default_np(&former) | pthread_getattr_default_np(&huge), 0);
-    ASSERT_EQ(pthread_attr_setstacksize(&huge, 1ul << 60) | pthread_setattr_default_np(&huge), 0);
+    pthread_getattr_default_np(&former);
+    pthread_getattr_default_np(&huge);
+    pthread_attr_setstacksize(&huge, 1ul << 60);
+    pthread_setattr_default_np(&huge);
     EXPECT_THROW(std::thread([] {}).join(), std::system_error);
     unsigned long sum = 0;
     {
@@ -56,8 +56,8 @@ TEST(Pipeline, NeedsNoThreadButItsOwn) {
     pthread_setattr_default_np(&former);
 }
 
-// What one piece's work throws comes when it is that piece's turn, and the others may be anywhere then.
-TEST(Pipeline, HandsOnWhatIsThrownInItsTurn) {
+// An exception of one piece's work is thrown when that piece is due. Other pieces may be in work then.
+TEST(Pipeline, RethrowsWhenThePieceIsDue) {
     for (unsigned int const threads : {1u, 3u}) {
         unsigned long used = 0;
         auto const run = [&] {

@@ -6,35 +6,29 @@
 
 namespace {
 
-RecordValues TwoSegments() {
-    return {.dotype = 3,
-            .fptype = 1,
-            .size = 5,
-            .segments = {{Bytes(16, 1), 2, 0, 64}, {Bytes(16, 2), 3, 2, 65}},
-            .references = {{2, 17}}};
-}
-
-TEST(Probe, TellsKindOrderAndSizesFromTheHeadAlone) {
+TEST(Probe, ReadsKindOrderAndSizesFromTheHead) {
+    RecordValues values = Example(3, 1);
+    values.references = {{2, 17}};
     for (bool const network : {false, true}) {
-        Bytes const object = Spell(TwoSegments(), network).bytes;
+        Bytes const object = Spell(values, network).bytes;
         Bytes const segment = Golden({network});
         for (auto const& [bytes, kind, head] :
              {std::tuple(object, CR_RECORD_DO, 80U), std::tuple(segment, CR_RECORD_SEGMENT, 96U)}) {
             for (std::size_t available = 0; available <= bytes.size(); ++available) {
                 Bytes const part(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(available));
                 cr_record_probe_t const probe = CRRecordProbe(part.data(), part.size());
-                std::size_t const told = available < head ? 0 : bytes.size();
-                EXPECT_EQ(probe.kind, available < 2 ? CR_RECORD_UNKNOWN : kind);
-                EXPECT_EQ(probe.head_size, available < 2 ? 0 : head);
-                EXPECT_EQ(probe.recorded_size, told);
-                EXPECT_EQ(probe.counted_size, told);
-                EXPECT_EQ(probe.network_order != 0, available >= 2 && (network || kBig));
+                std::size_t const size = available < head ? 0 : bytes.size();
+                bool const known = available >= 2;
+                EXPECT_EQ(std::tuple(probe.kind, probe.head_size, probe.recorded_size, probe.counted_size,
+                                     probe.network_order != 0),
+                          std::tuple(known ? kind : CR_RECORD_UNKNOWN, known ? head : 0, size, size,
+                                     known && (network || kBig)));
             }
         }
     }
 }
 
-TEST(Probe, TellsClaimsAsTheyAre) {
+TEST(Probe, ReturnsSizesAsClaimed) {
     Bytes bytes(80, 0xff);
     EXPECT_EQ(CRRecordProbe(bytes.data(), bytes.size()).kind, CR_RECORD_UNKNOWN);
     bytes[0] = 0;
@@ -44,7 +38,7 @@ TEST(Probe, TellsClaimsAsTheyAre) {
     cr_record_probe_t const probe = CRRecordProbe(bytes.data(), bytes.size());
     unsigned long const most = 0xffffffff;
     EXPECT_EQ(probe.recorded_size, most);
-    // Entries with DCIDs, unique list, legacy arrays, references: more than 32 bits can say.
+    // Entries with DCIDs, unique list, legacy arrays, references: more than 32 bits hold.
     EXPECT_EQ(probe.counted_size, 80 + 52 * most + 8 + 16 * most + 8 * most + 4 * most + most + 24);
 }
 

@@ -1,10 +1,10 @@
-// Typed references: the value in its two forms, its order, and the handles of one pool for all libraries.
+// Typed references: the two forms of a value, its order, and the handles of one pool for all libraries.
 
-#include <crrecord/DORecordView.h>
 #include <crrecord/SORecord.h>
 
 #include "support/do_record.h"
 #include "support/other_library.h"
+#include "use_everything.h"
 
 #include <gtest/gtest.h>
 
@@ -43,14 +43,14 @@ constexpr struct {
     {10, 1ul << 63, "0a088000000000000000", "ref10:9223372036854775808"},
 };
 
-TEST(TRef, HasTwoFormsThatReadBackAndAnOrder) {
+TEST(TRef, FormsRoundTripAndValuesAreOrdered) {
     for (auto const& row : kForms) {
         std::string const text = row.text;
         SCOPED_TRACE(text);
         Handle const made = Make(row.kind, row.id);
         _cr_tref_t const* const value = made->Get();
-        EXPECT_TRUE(CRTRefGetType(value) == row.kind && CRTRefGetID(value) == row.id &&
-                    CRTRefGetTaskID(value) == row.id);
+        EXPECT_EQ(std::tuple(CRTRefGetType(value), CRTRefGetID(value), CRTRefGetTaskID(value)),
+                  std::tuple(row.kind, row.id, row.id));
         for (int const form : {CR_TREF_TEXT, CR_TREF_SERIALIZED}) {
             Bytes const whole = form == CR_TREF_TEXT ? Bytes(text.begin(), text.end()) : FromHex(row.serialized);
             Bytes bytes = whole;
@@ -72,7 +72,7 @@ TEST(TRef, HasTwoFormsThatReadBackAndAnOrder) {
                 part.shrink_to_fit();
                 consumed = 77;
                 EXPECT_EQ(Read(part, form, &consumed)->Get(), nullptr);
-                EXPECT_TRUE(consumed == 0 && *__cr_errno_location() == CR_STATUS_CORRUPT_RECORD);
+                EXPECT_EQ(std::pair(consumed, *__cr_errno_location()), std::pair(0ul, CR_STATUS_CORRUPT_RECORD));
             }
         }
         char shown[CR_TREF_TEXT_SIZE];
@@ -89,7 +89,7 @@ TEST(TRef, HasTwoFormsThatReadBackAndAnOrder) {
     }
 }
 
-TEST(TRef, RefusesWhatIsNone) {
+TEST(TRef, RejectsInvalidReferences) {
     for (auto const& [kind, id] : {std::pair{-1, 1ul}, {11, 1ul}, {256, 1ul}, {4, 1ul << 32}}) {
         *__cr_errno_location() = CR_STATUS_OK;
         EXPECT_EQ(Make(kind, id)->Get(), nullptr);
@@ -108,15 +108,15 @@ TEST(TRef, RefusesWhatIsNone) {
     CRTRefDelete(nullptr);
 }
 
-// In one pool for all libraries.
-TEST(TRefHandle, OwnsACopyAndGivesItsChunkBack) {
+// One pool serves all libraries.
+TEST(TRefHandle, CopiesItsValueAndReturnsItsChunk) {
     Handle const original = Make(6, 1);
     Handle handle(Cr_TRef::Factory(original->Get()));
     EXPECT_NE(handle->Get(), original->Get());
     EXPECT_TRUE(CRTRefEqual(handle->Get(), original->Get()));
     Handle const second = handle;
     handle.reset();
-    EXPECT_EQ(CRTRefGetID(second->Get()), 1u); // held still
+    EXPECT_EQ(CRTRefGetID(second->Get()), 1u); // still held
     Cr_TRef* const theirs = OtherLibraryMakes(1);
     Handle(theirs).reset();
     Cr_TRef* const ours = new Cr_TRef(5u);
@@ -127,34 +127,18 @@ TEST(TRefHandle, OwnsACopyAndGivesItsChunkBack) {
     EXPECT_EQ(Handle(Cr_TRef::Factory(nullptr))->Get(), nullptr);
 }
 
-std::atomic<unsigned long> linesOfSink[2];
+std::atomic<unsigned long> linesOfSink[2], strayLines;
 
-void CountLine(cr_log_level_t, cr_status_t, char const*, void* lines) {
-    ++*static_cast<std::atomic<unsigned long>*>(lines);
+// Counts "line N", as stray if the context is not the one that was set with this sink.
+template <int I>
+void CountLines(cr_log_level_t, cr_status_t, char const* message, void* lines) {
+    (lines == &linesOfSink[I] ? linesOfSink[I] : strayLines) += std::strncmp(message, "line ", 5) == 0;
 }
 
-// One record of each kind read, written and turned. Whether it is as before.
-bool Exchange(Bytes const& object, Bytes segment) {
-    void *form = nullptr, *segmentForm = nullptr;
-    unsigned long length = 0;
-    auto const record = DORecord::FromBuffer(object.data(), object.size());
-    bool good = record->Serialize(&form, &length, true) == 0 &&
-                DORecordSerializedValidate(form, length, 3, 1, CR_DO_FORM_CHECKSUM) == 0 &&
-                SegmentRecordSerialize(RecordOf(segment), &segmentForm, &length) == 0;
-    std::free(form);
-    std::free(segmentForm);
-    auto const so = SORecord::FromBuffer(segment.data(), segment.size());
-    so->HostToNetwork(0);
-    record->HostToNetwork(0);
-    DORecordView const view(record->GetHeader(), object.size());
-    good = good && view.Segments().size() == 3 && so->IsInNetworkOrder();
-    record->NetworkToHost(0);
-    return good && StoredBytes(*record) == object;
-}
-
-// They share nothing but the pool and the log, whose sink changes meanwhile.
-TEST(TRefHandle, ThreadsWithRecordsOfTheirOwn) {
+// They share only the pool and the log, whose sink and trace switch change meanwhile.
+TEST(TRefHandle, ThreadsWithOwnRecordsDoNotInterfere) {
     static constexpr unsigned long kThreads = 6, kRounds = 500;
+    static constexpr _SegmentDBRecord kBad{};
     std::atomic<unsigned long> ended = 0;
     RecordValues values = Example(3, 1);
     values.references = {{2, 17}, {4, 3}};
@@ -170,7 +154,11 @@ TEST(TRefHandle, ThreadsWithRecordsOfTheirOwn) {
             held.resize(i % 64 == 63 ? 0 : held.size());
             ErrorA(CR_STATUS_INVALID, "line %lu", seed + i);
             EXPECT_EQ(zebLogLastMessageA(), "line " + std::to_string(seed + i));
-            EXPECT_TRUE(Exchange(object, segment));
+            SORecord::FromBuffer(segment.data(), segment.size())->HostToNetwork(0);
+            if (i % 8 == 0) {
+                EXPECT_STREQ(UseEverything(object.data(), object.size(), 0), nullptr);
+            }
+            SegmentRecordValidate(&kBad, 0, 0); // traces
         }
         for (std::size_t i = 0; i < held.size(); ++i) {
             EXPECT_EQ(CRTRefGetID(held[i]->Get()), seed + kRounds - held.size() + i);
@@ -179,22 +167,24 @@ TEST(TRefHandle, ThreadsWithRecordsOfTheirOwn) {
         record->RemoveAllTaskIDs();
         ++ended;
     };
-    CRLogSetSink(CountLine, &linesOfSink[0]);
+    CRLogSetSink(CountLines<0>, &linesOfSink[0]);
     std::vector<std::jthread> threads;
     for (unsigned long i = 0; i < kThreads; ++i) {
         threads.emplace_back(work, (i + 1) << 20);
     }
-    for (unsigned int turn = 0; ended < kThreads; ++turn) {
-        CRLogSetSink(CountLine, &linesOfSink[turn % 2]);
+    for (int round = 0; ended < kThreads; ++round) {
+        round % 2 ? CRLogSetSink(CountLines<0>, &linesOfSink[0]) : CRLogSetSink(CountLines<1>, &linesOfSink[1]);
+        CRLogSetTrace(round % 2);
     }
     threads.clear();
     CRLogSetSink(nullptr, nullptr);
-    EXPECT_EQ(linesOfSink[0] + linesOfSink[1], kThreads * kRounds);
+    CRLogSetTrace(0);
+    EXPECT_EQ(std::pair(linesOfSink[0] + linesOfSink[1], strayLines.load()), std::pair(kThreads * kRounds, 0ul));
 }
 
-// Whatever the other threads hold while their process forks.
+// Other threads may hold any mutex while the process forks.
 TEST(TRefHandle, ForkedChildrenMakeHandlesAndLog) {
-    CRLogSetSink(CountLine, &linesOfSink[0]);
+    CRLogSetSink(CountLines<0>, &linesOfSink[0]);
     std::atomic<bool> ended = false;
     auto const work = [&ended] {
         while (!ended) {

@@ -1,17 +1,13 @@
-// What docs/ says of bytes and codes is what the library does. The documents are the expectation, written by hand.
+// Compares the codes in docs/ with those of the library, and its C++ with the examples.
 
-#include "support/segment_bytes.h"
-
-#include <crrecord/DORecord.h>
+#include <crrecord/finding.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <sstream>
 
 namespace {
 
@@ -25,36 +21,6 @@ std::string Document(char const* name) {
     return Text(std::filesystem::path(CRRECORD_DOCS_DIR) / name);
 }
 
-std::string Block(std::string const& title) {
-    std::string const document = Document("format.md"), from = "\n```" + title + "\n";
-    std::size_t const start = document.find(from);
-    EXPECT_NE(start, std::string::npos) << "docs/format.md has no " << title;
-    return start == std::string::npos
-               ? ""
-               : document.substr(start + from.size(), document.find("```", start + from.size()) - start - from.size());
-}
-
-// Lines of an offset and up to 16 bytes; a semicolon begins a remark.
-Bytes HexBlock(std::string const& title) {
-    std::string digits;
-    std::istringstream lines(Block("hex " + title));
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream words(line.substr(0, line.find(';')));
-        std::string word;
-        words >> word;
-        EXPECT_EQ(std::stoul(word, nullptr, 16), digits.size() / 2) << title << ": " << line;
-        while (words >> word) {
-            digits += word;
-        }
-    }
-    return FromHex(digits);
-}
-
-// What stands in a buffer in host order on this machine.
-Bytes HostBlock(std::string const& title) {
-    return HexBlock(title + (kBig ? " network" : " host"));
-}
-
 // "CODE NAME" for each match of a pattern, whose groups are the two.
 std::vector<std::string> CodesIn(std::string const& document, char const* pattern) {
     std::vector<std::string> codes;
@@ -65,59 +31,9 @@ std::vector<std::string> CodesIn(std::string const& document, char const* patter
     return codes;
 }
 
-bool Unexpected(cr_finding_t const* finding, void*) {
-    ADD_FAILURE() << finding->message;
-    return true;
-}
-
 } // namespace
 
-TEST(FormatDocument, ExampleOfASegmentRecord) {
-    Bytes record = HostBlock("segment");
-    EXPECT_EQ(SegmentRecordDiagnose(record.data(), record.size(), 0, Unexpected, nullptr), CR_STATUS_OK);
-
-    std::ostringstream text;
-    SegmentRecordToStream(text, *RecordOf(record), false);
-    EXPECT_EQ(text.str() + '\n', Block("text segment"));
-
-    void* serialized = nullptr;
-    unsigned long length = 0;
-    ASSERT_EQ(SegmentRecordSerialize(RecordOf(record), &serialized, &length), CR_STATUS_OK);
-    auto const* const bytes = static_cast<unsigned char*>(serialized);
-    EXPECT_EQ(Bytes(bytes, bytes + length), HexBlock("segment serialized"));
-    std::free(serialized);
-
-    SegmentRecordHton(RecordOf(record), RecordOf(record), 0);
-    EXPECT_EQ(record, HexBlock("segment network"));
-    SegmentRecordNtoh(RecordOf(record), RecordOf(record), 0);
-    EXPECT_EQ(record, HostBlock("segment"));
-}
-
-TEST(FormatDocument, ExampleOfADORecord) {
-    if (kBig) {
-        GTEST_SKIP() << "a little-endian machine has built the example, its containers too";
-    }
-    Bytes const host = HostBlock("object");
-    EXPECT_EQ(DORecordDiagnose(host.data(), host.size(), 0, Unexpected, nullptr), CR_STATUS_OK);
-    auto const record = DORecord::FromBuffer(host.data(), host.size());
-
-    std::ostringstream text;
-    record->ToStream(text, false);
-    EXPECT_EQ(text.str() + '\n', Block("text object"));
-
-    void* form = nullptr;
-    unsigned long length = 0;
-    ASSERT_EQ(record->Serialize(&form, &length, false), CR_STATUS_OK);
-    auto const* bytes = static_cast<unsigned char const*>(form);
-    EXPECT_EQ(Bytes(bytes, bytes + length), HexBlock("object exchange"));
-    DORecord::SerializedDORecordFree(&form);
-
-    record->HostToNetwork(0);
-    bytes = reinterpret_cast<unsigned char const*>(record->GetHeader());
-    EXPECT_EQ(Bytes(bytes, bytes + record->GetHeaderSize()), HexBlock("object network"));
-}
-
-TEST(FindingsDocument, HasARowAndASectionForEveryCode) {
+TEST(FindingsDocument, HasRowAndSectionForEveryCode) {
     std::vector<std::string> expected;
     for (int code = CR_FINDING_ERROR + 1; code < 1000; ++code) { // those below are severities
         std::string const name = CRFindingName(code);
@@ -133,7 +49,7 @@ TEST(FindingsDocument, HasARowAndASectionForEveryCode) {
     }
 }
 
-TEST(Documents, ShowCppThatTheExamplesHave) {
+TEST(Documents, ShowOnlyCppFromTheExamples) {
     std::string examples;
     for (auto const& entry : std::filesystem::directory_iterator(CRRECORD_EXAMPLES_DIR)) {
         examples += Text(entry.path());

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """A second reader and writer of all records and forms, written from docs/format.md alone: it shares no code with the
 project and takes the fields of both headers from the document's tables. It reads every golden record, writes each of
-its forms again, and compares digests, keys and texts with those that the command prints.
+its forms again, compares digests with those that the command prints, and checks the document's two examples.
 
     check.py DOCUMENT GOLDEN COMMAND
 """
@@ -47,14 +47,9 @@ class Reader:
     def pairs(self, count, order=None):
         return [tuple(self.numbers(2, 8, order)) for _ in range(count)]
 
-    def text(self, width):
-        digits, end = self.bytes(2 * width).decode(), self.bytes(1)
-        assert end == b"\0" and digits == digits.lower()
-        return bytes.fromhex(digits)
-
-    def entries(self, record, fingerprint):
+    def entries(self, record):
         sizes = [table.get(record["dotype"], 0) for table in (SIZES, OFFSETS)]
-        return [(fingerprint(width(record)), *map(self.number, sizes)) for _ in range(record["nfp"])]
+        return [(self.bytes(width(record)), *map(self.number, sizes)) for _ in range(record["nfp"])]
 
 
 def width(record):
@@ -94,7 +89,7 @@ def read_segment(source, record):
 def read_object(source, record):
     if record["dotype"] == 4:
         record["bloom"] = source.number(4), source.bytes(record["bsize"]), source.bytes(16)
-    record["entries"] = source.entries(record, source.bytes)
+    record["entries"] = source.entries(record)
     record["dcids"] = source.numbers(record["nfp"], 8, HOST)
     record["list"], record["summed"] = [], HOST
     if record["nudcid"]:
@@ -150,29 +145,18 @@ def write_form(record):
     return b"".join(values[name].to_bytes(size, "big") for name, size in FORM_HEADS[record["type"]].items()) + body
 
 
-def read_form(data, record):
-    """The record again, with all that a form holds taken from the form."""
-    source = Reader(data, "big")
-    made = {**record, **{name: source.number(size) for name, size in FORM_HEADS[record["type"]].items()}}
-    assert made.pop("zero", 0) == 0
-    if record["type"] == 2:
-        made["fingerprints"] = [source.text(width(record)) for _ in range(made["nfp"])]
-        assert source.bytes(1) == b"\0"
-    elif record["dotype"] == 4:
-        assert made["CRC"] == zlib.adler32(data[28:])
-        made["CRC"], made["bsize"] = record["CRC"], source.number(4)
-        made["bloom"] = record["bloom"][0], source.bytes(made["bsize"]), record["bloom"][2]
-        if any(data[source.at:]):
-            checksum, start, count = source.number(4), source.at, source.number(4)
-            made["list"] = source.pairs(count)
-            assert checksum == zlib.adler32(data[start:start + 4 + 8 * count])
-        assert not any(source.bytes(16 if made["list"] else 24))
-    else:
-        made["entries"] = source.entries(made, source.text)
-        assert source.bytes(1) == b"\0"
-        made["dcids"] = source.numbers(made["nfp"], 8)
-    assert source.at == len(data)
-    return made
+def block(title):
+    return DOCUMENT.split(f"\n```{title}\n")[1].split("```")[0]
+
+
+def example(title):
+    """The bytes of a block: lines of an offset and bytes; a semicolon starts a remark."""
+    data = b""
+    for row in block(f"hex {title}").splitlines():
+        at, *words = row.split(";")[0].split()
+        assert int(at, 16) == len(data), row
+        data += bytes.fromhex("".join(words))
+    return data
 
 
 def digest(record):
@@ -184,34 +168,6 @@ def digest(record):
     return HASHES[record["fptype"]](hashed + b"\x44\x4f\0").digest()[:width(record)].hex()
 
 
-def key(record):
-    value, offset = digest(record), record["entries"][0][2] if record.get("entries") else 0
-    if not value or record["dotype"] == 4:
-        return None
-    return "-".join(map(str, (value, *(record[n] for n in ("fptype", "dotype", "size", "nfp")), offset)))
-
-
-def line(record):
-    """The text form."""
-    if record["type"] == 2:
-        numbers = [record[n] for n in ("flags", "pathid", "fileid", "size", "CRC", "fptype")]
-        start = ",".join(map(str, [2, 1, *numbers, "", record["ntaskids"], record["nfp"], record["taskids"]]))
-        return start.replace(" ", "").encode() + b",[" + b",".join(f[:1] for f in record["fingerprints"]) + b"]"
-    host, parts, at = write(record, HOST), [], 0x50
-    for fingerprint, size, _ in record["entries"]:
-        at += len(fingerprint) + SIZES.get(record["dotype"], 0)
-        numbers = [size] * (record["dotype"] in SIZES)
-        numbers += [int.from_bytes(host[at:at + 8], HOST)] * (record["dotype"] in OFFSETS)
-        parts.append("[" + ",".join([fingerprint.hex(), *map(str, numbers)]) + "]")
-        at += OFFSETS.get(record["dotype"], 0)
-    # Loading sorts references, drops repeated ones and makes typed ones of the legacy arrays.
-    held = {*record["references"], *((2, i) for i in record["legacy"][0]), *((4, i) for i in record["legacy"][1])}
-    references = [f"{ {2: 'task', 4: 'dsid'}.get(kind, f'ref{kind}') }:{i}" for kind, i in sorted(held) if kind != 0]
-    names = ("flags", "CID", "size", "ssize", "CRC", "ctime", "mtime", "fptype", "dotype", "nfp")
-    return (",".join(map(str, [3, 1, *(record[n] for n in names)])) + f",[{','.join(parts)}"
-            f"[{','.join(map(str, record['dcids']))}]],[{','.join(references)}]").encode()
-
-
 failures = []
 
 
@@ -220,19 +176,30 @@ def same(seen, expected, what):
         failures.append(f"{what}:\n    seen     {seen!r}\n    expected {expected!r}")
 
 
+def run(*arguments, given=None):
+    return subprocess.run([COMMAND, *arguments], input=given, capture_output=True, check=True).stdout
+
+
+for kind, form in (("segment", "serialized"), ("object", "exchange")):
+    host, network = example(f"{kind} host"), example(f"{kind} network")
+    record = read(host)
+    same([write(record, HOST), write(record, "big"), write_form(record)], [host, network, example(f"{kind} {form}")],
+         f"{kind} of the document")
+    for order, data in (("host", host), ("network", network)):
+        same(json.loads(run("validate", "--json", "-", given=data).splitlines()[0])["findings"], [], f"findings of {kind}")
+        same(run("show", "--text", "-", given=data).decode(), block(f"text {kind}"), f"text of {kind}, {order}")
+        same(run("convert", "-", "--to", order, "-o", "-", given=host), data, f"{kind} to {order}")
+    same(run("convert", "-", "--to", "serialized", "-o", "-", given=host), example(f"{kind} {form}"), f"{kind} to {form}")
 hosts = sorted(GOLDEN.glob("*.host"))
-printed = subprocess.run([COMMAND, "digest", "--json", *hosts], capture_output=True, check=True).stdout.splitlines()
+printed = run("digest", "--json", *hosts).splitlines()
 assert len(hosts) == len(printed) > 40
-for path, told in zip(hosts, map(json.loads, printed)):
+for path, shown in zip(hosts, map(json.loads, printed)):
     name, files = path.stem, {e: path.with_suffix("." + e).read_bytes() for e in ("host", "network", "form", "json")}
-    record, said = read(files["host"]), json.loads(files["json"])
+    record, members = read(files["host"]), json.loads(files["json"])
     same(read(files["network"]), record, f"{name}.network, read")
-    same(read_form(files["form"], record), record, f"{name}.form, read")
     numbers = {n: v for n, v in record.items() if isinstance(v, int) and n != "reserved2"}
-    same({n: int(said[n]) for n in numbers}, numbers, f"{name}.json")
+    same({n: int(members[n]) for n in numbers}, numbers, f"{name}.json")
     for ending, written in (("host", write(record, HOST)), ("network", write(record, "big")), ("form", write_form(record))):
         same(written, files[ending], f"{name}.{ending}, written")
-    same((told["digest"], told["key"]), (digest(record), key(record)), f"{name}: digest and key")
-    seen = subprocess.run([COMMAND, "show", "--text", path], capture_output=True, check=True).stdout
-    same(seen, line(record) + b"\n", f"{name}: text form")
+    same(shown["digest"], digest(record), f"{name}: digest")
 sys.exit("\n".join(failures) or 0)

@@ -1,5 +1,4 @@
-// Who may read and change what the command writes: owners, modes and access control lists of output files, and what an
-// interrupted process leaves.
+// Who may read and change the output files: owners, modes and access control lists. Files after an interruption.
 
 #include "tool/tool.h"
 
@@ -52,30 +51,27 @@ constexpr uid_t kOther = 65534;
 
 // An access control list in which the user kOther may read and write, and the group nothing.
 Bytes List() {
-    Bytes list{2, 0, 0, 0};
-    struct {
-        unsigned char tag, rights;
-        Bytes id;
-    } const entries[] = {{1, 6, Bytes(4, 0xff)},
-                         {2, 6, {0xfe, 0xff, 0, 0}},
-                         {4, 0, Bytes(4, 0xff)},
-                         {0x10, 6, Bytes(4, 0xff)},
-                         {0x20, 0, Bytes(4, 0xff)}};
-    for (auto const& entry : entries) {
-        list = list + Bytes{entry.tag, 0, entry.rights, 0} + entry.id;
-    }
-    return list;
+    // Version; then tag, rights and id of owner, kOther, group, mask and others.
+    return FromHex("02000000"
+                   "01000600ffffffff"
+                   "02000600feff0000"
+                   "04000000ffffffff"
+                   "10000600ffffffff"
+                   "20000000ffffffff");
 }
 
-class OutputFiles : public Tool {
+// With files that have no name while they are written, and as on file systems that lack them.
+class OutputFiles : public Tool, public testing::WithParamInterface<bool> {
 protected:
+    OutputFiles() { refuseUnnamed = GetParam(); }
+
     bool SetList(std::string const& name, char const* attribute) {
         Bytes const list = List();
         return setxattr(PathOf(name).c_str(), attribute, list.data(), list.size(), 0) == 0;
     }
 
     // Writes "out" in a process of its own, as that user, and calls `halfway` before the file is complete.
-    // Returns: what waitpid says of it; status 92 for a Failure, 91 if the file was open to more users when it was made
+    // Returns: the status from waitpid: exit 92 for a Failure, 91 if the file was open to more users when it was made
     // than in the end.
     int WriteOut(
         uid_t user, std::vector<std::string> const& inputs, std::function<void()> const& halfway = [] {}) {
@@ -113,8 +109,10 @@ protected:
     }
 };
 
-// Set-user-id, set-group-id and sticky bits go, and rights of group and others if the owner cannot stay the same.
-TEST_F(OutputFiles, KeepAFormerFilesOwnerAndMode) {
+INSTANTIATE_TEST_SUITE_P(Named, OutputFiles, testing::Bool());
+
+// Set-user-id, set-group-id and sticky bits are cleared, and the rights of group and others if the owner changes.
+TEST_P(OutputFiles, KeepAFormerFilesOwnerAndMode) {
     struct {
         mode_t mode;
         uid_t owner, writer;
@@ -134,22 +132,19 @@ TEST_F(OutputFiles, KeepAFormerFilesOwnerAndMode) {
     }
     ASSERT_EQ(chmod(PathOf("").c_str(), 0777), 0);
     for (auto const& row : rows) {
-        for (bool const named : {false, true}) {
-            refuseUnnamed = named;
-            SCOPED_TRACE(fmt::format("{:o} {} {} {}", row.mode, row.owner, row.writer, named));
-            std::filesystem::remove(PathOf("out"));
-            Write("out", Text("former"));
-            ASSERT_EQ(chown(PathOf("out").c_str(), row.owner, row.owner), 0);
-            ASSERT_EQ(chmod(PathOf("out").c_str(), row.mode), 0);
-            EXPECT_EQ(WriteOut(row.writer, {}), 0);
-            EXPECT_EQ(Facts(), row.expected);
-            EXPECT_EQ(Files(), "out ");
-        }
+        SCOPED_TRACE(fmt::format("{:o} {} {}", row.mode, row.owner, row.writer));
+        std::filesystem::remove(PathOf("out"));
+        Write("out", Text("former"));
+        ASSERT_EQ(chown(PathOf("out").c_str(), row.owner, row.owner), 0);
+        ASSERT_EQ(chmod(PathOf("out").c_str(), row.mode), 0);
+        EXPECT_EQ(WriteOut(row.writer, {}), 0);
+        EXPECT_EQ(Facts(), row.expected);
+        EXPECT_EQ(Files(), "out ");
     }
 }
 
 // A user who exchanges two links meanwhile gets none of root's files: each file keeps its own owner and mode.
-TEST_F(OutputFiles, GiveNoFileTheAccessOfAnother) {
+TEST_P(OutputFiles, GiveNoFileTheAccessOfAnother) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "only root can write files as two users";
     }
@@ -179,8 +174,8 @@ TEST_F(OutputFiles, GiveNoFileTheAccessOfAnother) {
     }
 }
 
-// The former file's access is for its content: not for what has taken its place, and not for where a link leads later.
-TEST_F(OutputFiles, ReplaceWhatTheyFoundOrNothing) {
+// The former file's access does not apply to a file that replaced it, or to the later target of a link.
+TEST_P(OutputFiles, ReplaceOnlyTheFileTheyFound) {
     Write("out", Text("former"));
     Write("later", Text("later"));
     EXPECT_NE(WriteOut(geteuid(), {}, [this] { rename(PathOf("later").c_str(), PathOf("out").c_str()); }), 0);
@@ -202,8 +197,8 @@ TEST_F(OutputFiles, ReplaceWhatTheyFoundOrNothing) {
     EXPECT_EQ(String("moved/sub/file") + String("folder/sub/file"), "newother");
 }
 
-// Who cannot read an input cannot read a new file with its content.
-TEST_F(OutputFiles, AreAsPrivateAsTheirInputs) {
+// Users who cannot read an input cannot read a new file with its content.
+TEST_P(OutputFiles, AreAsPrivateAsTheirInputs) {
     std::string const owner = fmt::format(" {}:{}", geteuid(), getegid());
     Write("secret", {});
     Write("ours", {});
@@ -214,16 +209,13 @@ TEST_F(OutputFiles, AreAsPrivateAsTheirInputs) {
     std::pair<std::vector<std::string>, std::string> const rows[] = {
         {{}, "644"}, {{"public"}, "644"}, {{"ours", "public"}, "640"}, {{"public", "ours", "secret"}, "600"}};
     for (auto const& [names, expected] : rows) {
-        for (bool const named : {false, true}) {
-            refuseUnnamed = named;
-            std::filesystem::remove(PathOf("out"));
-            std::vector<std::string> inputs{"/dev/null", PathOf("none")};
-            for (std::string const& name : names) {
-                inputs.push_back(PathOf(name));
-            }
-            EXPECT_EQ(WriteOut(geteuid(), inputs), 0);
-            EXPECT_EQ(Facts(), expected + owner);
+        std::filesystem::remove(PathOf("out"));
+        std::vector<std::string> inputs{"/dev/null", PathOf("none")};
+        for (std::string const& name : names) {
+            inputs.push_back(PathOf(name));
         }
+        EXPECT_EQ(WriteOut(geteuid(), inputs), 0);
+        EXPECT_EQ(Facts(), expected + owner);
     }
     // Rights of a group are for no other group, also if the folder gives the new file another one.
     if (geteuid() == 0) {
@@ -252,7 +244,7 @@ TEST_F(OutputFiles, AreAsPrivateAsTheirInputs) {
     }
 }
 
-TEST_F(OutputFiles, AccessControlListsWidenNothing) {
+TEST_P(OutputFiles, AccessControlListsWidenNothing) {
     std::string const owner = fmt::format(" {}:{}", geteuid(), getegid());
     Write("out", Text("former"));
     Write("in", {});
@@ -266,36 +258,27 @@ TEST_F(OutputFiles, AccessControlListsWidenNothing) {
     EXPECT_EQ(Facts(), "600" + owner);
     chmod(PathOf("out").c_str(), 0640);
     ASSERT_TRUE(SetList("", "system.posix_acl_default")); // which every new file gets
-    for (bool const named : {false, true}) {
-        refuseUnnamed = named;
-        EXPECT_EQ(WriteOut(geteuid(), {}), 0);
-        EXPECT_EQ(Facts(), "640" + owner);
-    }
+    EXPECT_EQ(WriteOut(geteuid(), {}), 0);
+    EXPECT_EQ(Facts(), "640" + owner);
     Write("ours", {});
     ASSERT_TRUE(removexattr(PathOf("ours").c_str(), "system.posix_acl_access") == 0);
     chmod(PathOf("ours").c_str(), 0640);
-    for (bool const named : {false, true}) {
-        refuseUnnamed = named;
-        std::filesystem::remove(PathOf("out"));
-        EXPECT_EQ(WriteOut(geteuid(), {PathOf("ours")}), 0);
-        EXPECT_EQ(Facts(), "640" + owner);
-    }
+    std::filesystem::remove(PathOf("out"));
+    EXPECT_EQ(WriteOut(geteuid(), {PathOf("ours")}), 0);
+    EXPECT_EQ(Facts(), "640" + owner);
 }
 
-// A signal leaves the former file and nothing else; where files need no name while they are written, SIGKILL does, too.
-TEST_F(OutputFiles, AnInterruptedProcessLeavesNothing) {
+// A signal leaves only the former file. So does SIGKILL if files have no name while they are written.
+TEST_P(OutputFiles, InterruptedProcessLeavesOnlyTheFormerFile) {
     int const unnamed = open(PathOf("").c_str(), O_TMPFILE | O_WRONLY, 0600);
-    for (bool const named : {false, true}) {
-        refuseUnnamed = named;
-        for (int const signal : {SIGHUP, SIGINT, SIGTERM, SIGPIPE, SIGXCPU, SIGKILL}) {
-            if (signal == SIGKILL && (named || unnamed == -1)) {
-                continue;
-            }
-            Write("out", Text("former"));
-            int const ended = WriteOut(geteuid(), {}, [signal] { raise(signal); });
-            EXPECT_TRUE(WIFSIGNALED(ended) && WTERMSIG(ended) == signal) << ended;
-            EXPECT_EQ(String("out") + Files(), "formerout ") << signal << named;
+    for (int const signal : {SIGHUP, SIGINT, SIGTERM, SIGPIPE, SIGXCPU, SIGKILL}) {
+        if (signal == SIGKILL && (GetParam() || unnamed == -1)) {
+            continue;
         }
+        Write("out", Text("former"));
+        int const ended = WriteOut(geteuid(), {}, [signal] { raise(signal); });
+        EXPECT_EQ(WIFSIGNALED(ended) ? WTERMSIG(ended) : 0, signal) << ended;
+        EXPECT_EQ(String("out") + Files(), "formerout ") << signal;
     }
     close(unnamed);
 }

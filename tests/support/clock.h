@@ -1,4 +1,4 @@
-// The clock of the whole test process, as time() tells it. It stands still unless a test sets it.
+// The clock of the whole test process: the result of time(). It is constant unless a test sets it.
 
 #pragma once
 

@@ -1,4 +1,4 @@
-// Findings, kept as a diagnosing pass gives them.
+// Collects the findings of a diagnosing function.
 
 #pragma once
 
@@ -22,15 +22,13 @@ inline bool Collect(cr_finding_t const* f, void* findings) {
     return true;
 }
 
-// A single finding, its severity by its code, its message opened as errors of `record` are.
+// A single finding. Its code determines its severity; the message of an error names the kind of record.
 inline void ExpectOne(std::vector<Finding> const& findings, Finding const& expected, char const* record) {
     ASSERT_EQ(findings.size(), 1u);
     Finding const& seen = findings[0];
     bool const note = expected.code % 100 > 50;
-    EXPECT_TRUE(seen.code == expected.code && seen.severity == (note ? CR_FINDING_NOTE : CR_FINDING_ERROR))
-        << seen.code;
-    EXPECT_TRUE(seen.field == expected.field && seen.offset == expected.offset) << seen.field << " " << seen.offset;
-    EXPECT_TRUE(seen.found == expected.found && seen.expected == expected.expected)
-        << seen.found << " " << seen.expected;
+    EXPECT_EQ(std::tuple(seen.code, seen.severity, seen.field, seen.offset, seen.found, seen.expected),
+              std::tuple(expected.code, note ? CR_FINDING_NOTE : CR_FINDING_ERROR, expected.field, expected.offset,
+                         expected.found, expected.expected));
     EXPECT_EQ(seen.message.starts_with(std::string("Invalid ") + record + ": "), !note) << seen.message;
 }

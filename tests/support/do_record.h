@@ -1,4 +1,4 @@
-// What the tests of DORecord share: every shape of a record, its inside, how it refuses, and single values in bytes.
+// Shared by the tests of DORecord: records of every type, access to members, refusals, and values in bytes.
 
 #pragma once
 
@@ -34,7 +34,7 @@ struct OpenRecord : DORecord {
     using DORecord::subDO;
 };
 
-// "9: text", or "" where nothing is thrown.
+// "9: text" of the exception, or "".
 inline std::string Refusal(std::function<void()> const& action) {
     try {
         action();

@@ -14,7 +14,7 @@ inline std::string HexOf(Bytes const& bytes) {
     return text;
 }
 
-// Its own checksum covers the count and the first half of the entries' bytes.
+// Its checksum covers the count and the first half of the entries' bytes.
 inline Bytes SpellFormList(RecordValues const& values) {
     Bytes const body = SpellListBody(values, true);
     Bytes bytes = Spelled(PlainAdler32(body.data(), body.data() + 4 + 8 * values.list.size()), 4, true);

@@ -52,7 +52,7 @@ unsigned long fault::FailEach(std::function<cr_status_t()> const& attempt) {
     }
 }
 
-// What the linker's --wrap turns references into.
+// The functions that the linker's --wrap calls.
 extern "C" {
 void* __real_malloc(std::size_t);
 void* __real_calloc(std::size_t, std::size_t);

@@ -13,7 +13,7 @@ namespace fault {
 
 struct Outcome {
     cr_status_t status;
-    unsigned long attempts;   // allocations asked for
+    unsigned long attempts;   // attempted allocations
     unsigned long exceptions; // exception objects made for a throw
     long live;                // blocks allocated less blocks released
 };
@@ -22,11 +22,11 @@ struct Outcome {
 // that follow. Compare outside of it: comparing allocates.
 Outcome Run(std::function<cr_status_t()> const& attempt, unsigned long first, bool andRest = false);
 
-// Runs `attempt` with its first allocation failing, then its second, until it gets through. Expects 22 from each run
-// that met a failure, 0 from the last, and no block left behind by any. Returns the number of failures.
+// Runs `attempt` with its first allocation failing, then its second, until none fails. Expects 22 from each run with a
+// failure, 0 from the last, and no leaked block. Returns: the number of failures.
 unsigned long FailEach(std::function<cr_status_t()> const& attempt);
 
-// How a call ended: the status that it returned, threw, or left as the thread's last one.
+// Returns: the status that the call returned, threw, or set as the thread's last one.
 template <class Call>
 cr_status_t StatusOf(Call const& call) {
     *__cr_errno_location() = CR_STATUS_OK;

@@ -1,4 +1,4 @@
-// Collects the lines of the log while it lives. Needs no memory.
+// Collects the lines of the log during its lifetime. Allocates nothing.
 
 #pragma once
 

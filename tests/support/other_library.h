@@ -1,4 +1,4 @@
-// A shared library of its own that makes handles of typed references and releases them.
+// A second shared library that makes handles of typed references and releases them.
 
 #pragma once
 

@@ -1,5 +1,5 @@
-// DO records, spelled byte by byte from plain values: what the library is expected to build, take and leave behind.
-// It knows the format by itself. Only Build and StoredBytes call the library.
+// DO records, spelled byte by byte from plain values: the bytes that the library must build and accept. Independent of
+// the library, which only Build and StoredBytes call.
 
 #pragma once
 
@@ -71,7 +71,7 @@ inline unsigned int PlainAdler32(unsigned char const* from, unsigned char const*
     return b << 16 | a;
 }
 
-// Entries as they stand in a record, and as a builder is given them.
+// Entries as stored in a record and as a builder receives them.
 inline Bytes SpellEntries(RecordValues const& values, bool network) {
     Bytes bytes;
     for (SegmentValues const& segment : values.segments) {
@@ -92,7 +92,7 @@ inline Bytes SpellListBody(RecordValues const& values, bool network) {
     return body;
 }
 
-// Only the count turns; the checksum is that of the host form.
+// Only the count is byte-swapped; the checksum is that of the host form.
 inline Bytes SpellList(RecordValues const& values, bool network) {
     Bytes const body = SpellListBody(values, false);
     Bytes bytes = Spelled(PlainAdler32(body.data(), body.data() + body.size()), 4, false);
@@ -159,8 +159,8 @@ inline SpelledRecord Spell(RecordValues const& values, bool network = false) {
     return record;
 }
 
-// A sound record with a unique list and, but for DO type 4, three segments in two containers. Every field has a value
-// of its own, so that none passes for another.
+// A valid record with a unique list and, except DO type 4, three segments in two containers. All fields have different
+// values.
 inline RecordValues Example(unsigned char dotype, unsigned char fptype) {
     RecordValues values{.dotype = dotype, .fptype = fptype, .ssize = 0x41424344};
     if (dotype == 4) {

@@ -1,4 +1,4 @@
-// Records in memory that a test gives them.
+// Records in memory of the test.
 
 #pragma once
 
@@ -6,7 +6,7 @@
 
 #include <cstdlib>
 
-// The whole buffer as it stands, with the references as they were written last.
+// The whole buffer, with the references as last written.
 inline Bytes Buffer(OpenRecord const& record) {
     auto const* const from = reinterpret_cast<unsigned char const*>(record.header);
     return Bytes(from, from + record.bufferSize);

@@ -10,7 +10,7 @@
 
 using Bytes = std::vector<unsigned char>;
 
-// The two orders of a record are one there.
+// On such a machine both orders of a record are the same.
 inline constexpr bool kBig = std::endian::native == std::endian::big;
 
 inline Bytes FromHex(std::string const& text) {
@@ -40,7 +40,7 @@ inline void SetLow(Bytes& bytes, bool network, std::size_t offset, std::size_t w
     bytes[offset + (big ? width - 1 : 0)] = static_cast<unsigned char>(value);
 }
 
-// Every field has bytes of its own, so that none passes for another. The record stays below 256 bytes.
+// All fields have different bytes. The record has less than 256 bytes.
 inline Bytes Golden(Shape shape) {
     bool const big = shape.network || kBig;
     std::string text = big ? "00020002000000001112131400000000"
