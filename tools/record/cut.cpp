@@ -280,10 +280,10 @@ private:
     Pipeline<Batch> pipeline_;
 };
 
-// Reads an option's text as a number of bytes from 1 to `most`, with or without a unit. CLI11's AsSizeValue reads "010"
-// as 8, and its messages name no limits.
-CLI::Validator Size(std::uint64_t most) {
-    auto const read = [most](std::string& text) {
+} // namespace
+
+CLI::Validator NumberOfBytes(std::uint64_t least, std::uint64_t most) {
+    auto const read = [least, most](std::string& text) {
         constexpr std::array<std::string_view, 7> kUnits{"", "k", "m", "g", "t", "p", "e"};
         std::uint64_t number = 0;
         auto const digits = std::min(text.find_first_not_of("0123456789"), text.size());
@@ -293,9 +293,9 @@ CLI::Validator Size(std::uint64_t most) {
                        [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
         unit.resize(unit.size() - (unit.ends_with("ib") ? 2 : unit.ends_with("b") ? 1 : 0));
         auto const power = static_cast<std::size_t>(std::find(kUnits.begin(), kUnits.end(), unit) - kUnits.begin());
-        if (power == kUnits.size() || number == 0 || number > most >> 10 * power) {
-            return fmt::format("found \"{}\", expected a number of bytes of 1 to {}, such as 65536 or 64K",
-                               Printable(text), most);
+        if (power == kUnits.size() || number > most >> 10 * power || number << 10 * power < least) {
+            return fmt::format("found \"{}\", expected a number of bytes of {} to {}, such as 65536 or 64K",
+                               Printable(text), least, most);
         }
         text = std::to_string(number << 10 * power);
         return std::string();
@@ -303,17 +303,15 @@ CLI::Validator Size(std::uint64_t most) {
     return {read, ""};
 }
 
-} // namespace
-
 void AddCutOptions(CLI::App& verb, CutOptions& options, unsigned int mostBytes) {
     // Without their descriptions, which the help would show instead of the value's name.
     auto const range = [](unsigned int least, unsigned int most) { return CLI::Range(least, most).description(""); };
     verb.add_option("--segment-size", options.segmentSize, "Bytes of each segment but the last, such as 64K")
-        ->transform(Size(mostBytes))
+        ->transform(NumberOfBytes(1, mostBytes))
         ->type_name("BYTES")
         ->capture_default_str();
     verb.add_option("--container-size", options.containerSize, "Bytes that a container holds, such as 64M")
-        ->transform(Size(std::numeric_limits<std::uint64_t>::max()))
+        ->transform(NumberOfBytes(1, std::numeric_limits<std::uint64_t>::max()))
         ->type_name("BYTES")
         ->capture_default_str();
     verb.add_option("--fptype", options.fptype, "Fingerprint: 0 MD5, 1 SHA-1/128, 2 SHA-256/128, 3 SHA-256")

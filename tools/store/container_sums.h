@@ -23,9 +23,9 @@ struct ContainerSums {
     std::uint64_t bloomBytes = 0;
     std::uint64_t ownBytes = 0;
     // Distinct segments of each set, and those of the first set that are not in the second one.
-    SegmentSums first;
-    SegmentSums second;
-    SegmentSums onlyFirst;
+    SegmentSums first{};
+    SegmentSums second{};
+    SegmentSums onlyFirst{};
 };
 
 // Memory: at most 95 bytes for each container.

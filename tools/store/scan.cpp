@@ -2,7 +2,7 @@
 
 #include "analysis/segment_runs.h"
 #include "io/signals.h"
-#include "record/record_findings.h"
+#include "store/segment_shape.h"
 
 #include <crrecord/status.h>
 
@@ -16,15 +16,8 @@ namespace {
 constexpr std::uint64_t kLeastEntry = 16 + 8;
 constexpr std::size_t kMostRecords = 1024; // of a batch
 
-std::string DescribeFirstError(std::string const& file, Record const& record) {
-    std::vector<Finding> findings;
-    Diagnose(record, Depth::FirstError, findings);
-    return findings.empty() ? PlaceOf(file, record) + ": not valid"
-                            : Describe(file, record, findings.front());
-}
-
 std::uint64_t PayloadSize(DORecordView const& view) {
-    return view.GetHeaderSize() - DORecordHeaderSizeRaw(0, 0, 0, 0, 0, 0, 0);
+    return view.GetHeaderSize() - CR_DO_RECORD_SIZE;
 }
 
 } // namespace
@@ -190,7 +183,7 @@ void StoreScan::Work(Batch& batch) {
         }
         scanned.endOfRuns = batch.runs.size();
         if (scanned.result == Scanned::Result::Bad && scanned.error.empty()) {
-            scanned.error = DescribeFirstError(*scanned.file, scanned.record);
+            scanned.error = FirstErrorOf(*scanned.file, scanned.record);
         }
     }
     std::lock_guard const lock(mutex_);
@@ -251,19 +244,11 @@ void StoreScan::AddEntries(Batch& batch, Scanned const& scanned, DORecordView co
 }
 
 void StoreScan::WorkOnSegment(Scanned& scanned, Partitions::Writer& writer) const {
-    Record const& record = scanned.record;
-    unsigned int const options = record.order == Order::Network ? CR_SO_NETWORK_ORDER : 0;
-    if (SegmentRecordDiagnose(record.bytes, record.size, options, nullptr, nullptr) != CR_STATUS_OK) {
+    scanned.error = SegmentRecordError(*scanned.file, scanned.record);
+    if (!scanned.error.empty()) {
         return;
     }
-    StoredSegment const segment = SegmentOf(record);
-    if (!segment.inContainer || segment.fingerprints != 1) {
-        scanned.error = fmt::format("{}: found a segment record with file id {} and {}, expected file id 0 and 1 "
-                                    "fingerprint",
-                                    PlaceOf(*scanned.file, record), segment.fileId,
-                                    Counted(segment.fingerprints, "fingerprint"));
-        return;
-    }
+    StoredSegment const segment = SegmentOf(scanned.record);
     scanned.result = Scanned::Result::Segment;
     scanned.dcid = segment.dcid;
     if (question_.stored) {
