@@ -43,9 +43,10 @@ def json_line(kind, text, values, arrays):
     return (json.dumps({**members, **arrays}, separators=(",", ":")) + "\n").encode()
 
 
-def segment(fptype=0, taskids=(), count=1, spare=0, **changes):
-    """The files of a record with `count` fingerprints: ending -> bytes."""
-    prints = [fingerprint(fptype, b"%d" % i * 80) for i in range(count)]
+def segment(fptype=0, taskids=(), count=1, spare=0, prints=None, **changes):
+    """The files of a record with `count` fingerprints, or those given: ending -> bytes."""
+    prints = prints or [fingerprint(fptype, b"%d" % i * 80) for i in range(count)]
+    count = len(prints)
     end = b"".join(prints) + struct.pack(HOST + "Q", spare)
     values = dict(type=2, flags=0, recsize=96 + 8 * len(taskids) + len(end), word8=0, ntaskids=len(taskids),
                   checktime=TIME, word20=0, pathid=64, fileid=0, size=80, CRC=zlib.crc32(b"0" * 80), nfp=count,
@@ -63,11 +64,11 @@ def segment(fptype=0, taskids=(), count=1, spare=0, **changes):
 
 
 def do_record(dotype, fptype, pieces=(), listed=(), references=(), bitmap=b"", legacy=((), ()), summed=HOST,
-              length=None, zeros=bytes(16), tail=None, hole=0, **changes):
+              length=None, zeros=bytes(16), tail=None, hole=0, prints=None, **changes):
     """The files of a record: `pieces` are (size, container, gap in front), `listed` the list's (container, bytes)."""
     count, tail = len(pieces), tail or bytes(4 if dotype == 4 else 24)
     length = len(bitmap) if length is None else length
-    prints = [fingerprint(fptype, bytes([0x41 + i]) * min(piece[0], 99)) for i, piece in enumerate(pieces)]
+    prints = prints or [fingerprint(fptype, bytes([0x41 + i]) * min(piece[0], 99)) for i, piece in enumerate(pieces)]
     ends = list(itertools.accumulate(size + gap for size, _, gap in pieces))
     offsets = [end - size for end, (size, _, _) in zip(ends, pieces)]
     stored = {2: "I", 3: "IQ", 5: "II"}.get(dotype, "")

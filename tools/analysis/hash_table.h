@@ -35,9 +35,8 @@ private:
 };
 
 // A table with linear hashing: it grows by one bucket at a time and moves only the entries of one bucket, so it needs
-// neither a pause to rehash everything nor memory for two tables. An entry costs its size and 4 bytes for a link,
-// rounded up to its alignment, and 2.7 bytes for the bucket. Entries do not move and are numbered in the order of
-// insertion.
+// neither a pause to rehash everything nor memory for two tables. An entry costs its size, 4 bytes for a link and 2.7
+// bytes for the bucket. Entries do not move and are numbered in the order of insertion.
 //
 // HashOf()(entry) must be the hash that was passed to Add.
 template <class Entry, class HashOf>
@@ -45,45 +44,46 @@ class HashTable {
 public:
     HashTable() { buckets_.push_back(kNone); }
 
-    std::size_t size() const { return nodes_.size(); }
-    Entry& operator[](std::size_t i) { return nodes_[i].entry; }
-    Entry const& operator[](std::size_t i) const { return nodes_[i].entry; }
+    std::size_t size() const { return entries_.size(); }
+    Entry& operator[](std::size_t i) { return entries_[i]; }
+    Entry const& operator[](std::size_t i) const { return entries_[i]; }
 
     // Returns: the entry of this hash for which equal(entry) is true, or null.
     template <class Equal>
     Entry* Find(std::uint64_t hash, Equal equal) {
         for (std::uint32_t i = buckets_[BucketOf(hash)]; i != kNone;) {
-            Node& node = nodes_[i];
-            if (equal(node.entry)) {
-                return &node.entry;
+            if (equal(entries_[i])) {
+                return &entries_[i];
             }
-            i = node.next;
+            i = next_[i];
         }
         return nullptr;
     }
 
     // Adds an entry, which must not be in the table.
     Entry& Add(std::uint64_t hash, Entry const& entry) {
-        if (nodes_.size() == kNone) {
+        if (entries_.size() == kNone) {
             throw std::bad_alloc();
         }
-        auto const added = static_cast<std::uint32_t>(nodes_.size());
+        auto const added = static_cast<std::uint32_t>(entries_.size());
         std::uint32_t& first = buckets_[BucketOf(hash)];
-        nodes_.push_back({entry, first});
+        entries_.push_back(entry);
+        next_.push_back(first);
         first = added;
-        if (2 * nodes_.size() > 3 * buckets_.size()) {
+        if (2 * entries_.size() > 3 * buckets_.size()) {
             Grow();
         }
-        return nodes_[added].entry;
+        return entries_[added];
+    }
+
+    // Frees the memory of buckets and links. The entries remain. Find and Add must not be called afterwards.
+    void FreeLinks() {
+        buckets_ = {};
+        next_ = {};
     }
 
 private:
     static constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
-
-    struct Node {
-        Entry entry;
-        std::uint32_t next;
-    };
 
     // The buckets before split_ were split: their entries, and those of the buckets from round_ on, use one more bit.
     std::size_t BucketOf(std::uint64_t hash) const {
@@ -100,15 +100,15 @@ private:
             split_ = 0;
         }
         while (i != kNone) {
-            Node& node = nodes_[i];
-            std::uint32_t& first = buckets_[BucketOf(HashOf()(node.entry))];
-            std::uint32_t const next = std::exchange(node.next, first);
+            std::uint32_t& first = buckets_[BucketOf(HashOf()(entries_[i]))];
+            std::uint32_t const next = std::exchange(next_[i], first);
             first = i;
             i = next;
         }
     }
 
-    GrowingArray<Node> nodes_;
+    GrowingArray<Entry> entries_;
+    GrowingArray<std::uint32_t> next_; // of each entry in its bucket
     GrowingArray<std::uint32_t> buckets_;
     std::size_t round_ = 1; // buckets at the start of the round, a power of two
     std::size_t split_ = 0; // buckets split in this round
@@ -129,12 +129,19 @@ public:
     // Returns: the entry of a container, a new one if there is none. Lifetime: that of the table.
     Entry& Of(std::uint64_t dcid) {
         if (!last_ || last_->dcid != dcid) {
-            std::uint64_t const hash = HashOfNumber(dcid);
-            Entry* const found = table_.Find(hash, [dcid](Entry const& entry) { return entry.dcid == dcid; });
-            last_ = found ? found : &table_.Add(hash, Entry{dcid});
+            Entry* const found = Find(dcid);
+            last_ = found ? found : &table_.Add(HashOfNumber(dcid), Entry{dcid});
         }
         return *last_;
     }
+
+    // Returns: the entry of a container, or null. Thread safety: several threads may call it if none calls Of.
+    Entry* Find(std::uint64_t dcid) {
+        return table_.Find(HashOfNumber(dcid), [dcid](Entry const& entry) { return entry.dcid == dcid; });
+    }
+
+    // Frees the memory that only Of and Find need. They must not be called afterwards.
+    void FreeLinks() { table_.FreeLinks(); }
 
     std::size_t size() const { return table_.size(); }
     Entry& operator[](std::size_t i) { return table_[i]; }

@@ -43,7 +43,7 @@ struct ContainerDiff {
     ContainerUse b{};
 };
 
-// Returns: the containers whose sums differ, by id. Memory: 67 bytes for each container.
+// Returns: the containers whose sums differ, by id. Memory: 63 bytes for each container.
 std::vector<ContainerDiff> DiffContainers(DORecord const& a, DORecord const& b);
 
 } // namespace crrecord::tool

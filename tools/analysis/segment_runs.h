@@ -53,7 +53,9 @@ void ForEachRun(DORecordHeader const* header, UseRun run) {
 struct StoredSegment {
     std::uint64_t size;
     std::uint64_t dcid;
-    bool inContainer;                 // false: the segment is in a separate file and has no DCID
+    std::uint64_t fileId;
+    bool inContainer; // false: the segment is in a separate file and has no DCID
+    std::uint32_t fingerprints;
     unsigned char const* fingerprint; // the first one, or null
     unsigned int fptype;
 };
@@ -65,12 +67,16 @@ inline StoredSegment SegmentOf(Record const& record) noexcept {
     };
     constexpr std::uint64_t k64{};
     constexpr std::uint32_t k32{};
+    std::uint64_t const fileId = number(FieldOf("fileid"), k64);
+    std::uint32_t const fingerprints = number(FieldOf("nfp"), k32);
     unsigned char const* const fingerprint =
         record.bytes + segment::FingerprintOffset(number(FieldOf("ntaskids"), k32));
     return {.size = number(FieldOf("size"), k64),
             .dcid = number(FieldOf("pathid"), k64),
-            .inContainer = RecordInContainer(number(FieldOf("fileid"), k64)),
-            .fingerprint = number(FieldOf("nfp"), k32) == 0 ? nullptr : fingerprint,
+            .fileId = fileId,
+            .inContainer = RecordInContainer(fileId),
+            .fingerprints = fingerprints,
+            .fingerprint = fingerprints == 0 ? nullptr : fingerprint,
             .fptype = record.bytes[FieldOf("fptype").offset]};
 }
 

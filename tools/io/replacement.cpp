@@ -2,6 +2,7 @@
 
 #include "io/failure.h"
 #include "io/file_facts.h"
+#include "io/signals.h"
 
 #include <cerrno>
 #include <climits>
@@ -20,10 +21,6 @@ namespace crrecord::tool {
 
 namespace {
 
-// Signals from outside that end a process, except the real-time ones. Ignored signals stay ignored.
-constexpr int kEnders[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGTERM,   SIGPIPE, SIGALRM, SIGUSR1,
-                           SIGUSR2, SIGXCPU, SIGPROF, SIGVTALRM, SIGPOLL, SIGPWR,  SIGSTKFLT};
-
 // The temporary file for the signal handler; empty if there is none.
 char unfinished[NAME_MAX + 1];
 int unfinishedFolder = -1;
@@ -34,25 +31,6 @@ extern "C" void RemoveUnfinished(int signal) {
     ::signal(signal, SIG_DFL);
     ::raise(signal);
 }
-
-// Blocks these signals while it lives, so that the handler knows the name of every file that exists.
-class EndersBlocked {
-public:
-    EndersBlocked() {
-        sigset_t enders;
-        ::sigemptyset(&enders);
-        for (int const signal : kEnders) {
-            ::sigaddset(&enders, signal);
-        }
-        ::pthread_sigmask(SIG_BLOCK, &enders, &former_);
-    }
-    ~EndersBlocked() { ::pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
-    EndersBlocked(EndersBlocked const&) = delete;
-    EndersBlocked& operator=(EndersBlocked const&) = delete;
-
-private:
-    sigset_t former_;
-};
 
 // A short name: a name made from the target's could be too long.
 std::string RandomName() {

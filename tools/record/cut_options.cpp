@@ -13,9 +13,8 @@ namespace crrecord::tool {
 
 namespace {
 
-// Reads an option's text as a number of bytes from 1 to `most`, with or without a unit. CLI11's AsSizeValue reads "010"
-// as 8, and its messages name no limits.
-std::string ReadSize(std::string& text, std::uint64_t most) {
+// Replaces the text by the number. Returns: the message if it is none.
+std::string ReadSize(std::string& text, std::uint64_t least, std::uint64_t most) {
     constexpr std::array<std::string_view, 7> kUnits{"", "k", "m", "g", "t", "p", "e"};
     std::uint64_t number = 0;
     auto const digits = std::min(text.find_first_not_of("0123456789"), text.size());
@@ -25,16 +24,12 @@ std::string ReadSize(std::string& text, std::uint64_t most) {
                    [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
     unit.resize(unit.size() - (unit.ends_with("ib") ? 2 : unit.ends_with("b") ? 1 : 0));
     auto const power = static_cast<std::size_t>(std::find(kUnits.begin(), kUnits.end(), unit) - kUnits.begin());
-    if (power == kUnits.size() || number == 0 || number > most >> 10 * power) {
+    if (power == kUnits.size() || number > most >> 10 * power || number << 10 * power < least) {
         return fmt::format("found \"{}\", expected a number of bytes of 1 to {}, such as 65536 or 64K", Printable(text),
                            most);
     }
     text = std::to_string(number << 10 * power);
     return std::string();
-}
-
-CLI::Validator Size(std::uint64_t most) {
-    return {[most](std::string& text) { return ReadSize(text, most); }, ""};
 }
 
 constexpr std::uint32_t kLargestContentCut = 4 * 1024 * 1024; // several are in memory
@@ -50,7 +45,7 @@ std::string ReadCut(std::string const& text, std::optional<ContentCut>& content)
     std::array<std::uint32_t, 3> sizes{ContentCut().least, ContentCut().average, ContentCut().most};
     bool good = parts[0] == "content" && (parts.size() == 1 || parts.size() == 4);
     for (std::size_t i = 1; good && i < parts.size(); ++i) {
-        good = ReadSize(parts[i], kLargestContentCut).empty();
+        good = ReadSize(parts[i], 1, kLargestContentCut).empty();
         sizes[i - 1] = good ? static_cast<std::uint32_t>(std::stoul(parts[i])) : 0;
     }
     auto const [least, average, most] = sizes;
@@ -63,11 +58,15 @@ std::string ReadCut(std::string const& text, std::optional<ContentCut>& content)
 
 } // namespace
 
+CLI::Validator NumberOfBytes(std::uint64_t least, std::uint64_t most) {
+    return {[least, most](std::string& text) { return ReadSize(text, least, most); }, ""};
+}
+
 void AddCutOptions(CLI::App& verb, CutOptions& options, unsigned int mostBytes) {
     // Without their descriptions, which the help would show instead of the value's name.
     auto const range = [](unsigned int least, unsigned int most) { return CLI::Range(least, most).description(""); };
     verb.add_option("--segment-size", options.segmentSize, "Bytes of each segment but the last, such as 64K")
-        ->transform(Size(mostBytes))
+        ->transform(NumberOfBytes(1, mostBytes))
         ->type_name("BYTES")
         ->capture_default_str();
     verb.add_option_function<std::string>(
@@ -79,7 +78,7 @@ void AddCutOptions(CLI::App& verb, CutOptions& options, unsigned int mostBytes) 
         ->type_name("RULE")
         ->default_str("fixed");
     verb.add_option("--container-size", options.containerSize, "Bytes that a container holds, such as 64M")
-        ->transform(Size(std::numeric_limits<std::uint64_t>::max()))
+        ->transform(NumberOfBytes(1, std::numeric_limits<std::uint64_t>::max()))
         ->type_name("BYTES")
         ->capture_default_str();
     verb.add_option("--fptype", options.fptype, "Fingerprint: 0 MD5, 1 SHA-1/128, 2 SHA-256/128, 3 SHA-256")

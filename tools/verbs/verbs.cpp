@@ -125,8 +125,9 @@ void AddVerbs(CLI::App& app, Action& chosen) {
     app.set_version_flag("--version", "crrecord " CRRECORD_VERSION);
     app.require_subcommand(1);
     app.footer("Exit status: 0 success; 1 a bad record or a difference; 2 the command failed.");
-    for (auto const add : {AddBuild, AddShow, AddValidate, AddAnnotate, AddConvert, AddSchema, AddDigest, AddVerify,
-                           AddRefs, AddDiff, AddStats, AddRedact, AddMap, AddSegments}) {
+    for (auto const add :
+         {AddBuild, AddShow, AddValidate, AddAnnotate, AddConvert, AddSchema, AddDigest, AddVerify, AddRefs, AddDiff,
+          AddStats, AddLive, AddFreed, AddLost, AddRecall, AddRedact, AddMap, AddSegments}) {
         add(app, chosen);
     }
     AddToEachVerb(app, "--no-progress", Progress::Disable, "Do not show progress on the terminal");

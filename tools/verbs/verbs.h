@@ -36,6 +36,10 @@ void AddRedact(CLI::App& app, Action& chosen);
 void AddMap(CLI::App& app, Action& chosen);
 void AddDiff(CLI::App& app, Action& chosen);
 void AddRefs(CLI::App& app, Action& chosen);
+void AddLive(CLI::App& app, Action& chosen);
+void AddFreed(CLI::App& app, Action& chosen);
+void AddLost(CLI::App& app, Action& chosen);
+void AddRecall(CLI::App& app, Action& chosen);
 
 // A verb's parser and its options. Lifetime: that of the whole command.
 template <class Options>

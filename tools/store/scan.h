@@ -1,0 +1,84 @@
+// The scan of a whole store: records to segments in partitions and sums per container.
+
+#pragma once
+
+#include "io/pipeline.h"
+#include "io/record_stream.h"
+#include "store/container_sums.h"
+#include "store/question.h"
+
+#include <functional>
+#include <memory>
+
+namespace crrecord::tool {
+
+struct StoreTotals {
+    std::uint64_t records = 0; // valid DO records
+    std::uint64_t held = 0;
+    std::uint64_t inFirst = 0;
+    std::uint64_t inSecond = 0;
+    std::uint64_t bad = 0;            // records of both kinds
+    std::uint64_t segmentRecords = 0; // good ones
+    // Objects of the first set with 1 container, 2 to 3, 4 to 7 and so on.
+    std::array<std::uint64_t, 33> objectsByContainers{};
+};
+
+// Scan reads inputs and Total counts: then Containers has the sums. They do not depend on the memory or the number of
+// threads, and only the containers' numbers depend on the order of the records.
+//
+// Memory: that of the partitions, at most 32 MiB for batches, 95 bytes for each container, and the largest record.
+class StoreScan {
+public:
+    // `complain` gets a line for each bad record, in the records' order.
+    StoreScan(Question question, PartitionOptions const& options, std::function<void(std::string const&)> complain);
+    ~StoreScan();
+
+    // Called for each run of neighbouring entries in one container, in order. May be empty.
+    std::function<void(std::uint64_t dcid)> useFragment;
+
+    // Reads all records of an input. Throws: InputFailure, and then what was read counts; Failure.
+    void Scan(RecordStream& stream);
+    // After the last Scan.
+    void Total();
+
+    StoreTotals const& Totals() const { return totals_; }
+    StoreContainers& Containers() { return containers_; }
+
+private:
+    struct Batch;
+    struct Scanned;
+    struct Run;
+
+    Question question_;
+    std::function<void(std::string const&)> complain_;
+    Partitions partitions_;
+    StoreContainers containers_;
+    StoreTotals totals_;
+    std::mutex mutex_; // of freeWriters_
+    std::vector<unsigned int> freeWriters_;
+    std::uint64_t reserved_ = 0;    // tuples of the batches that are not used yet
+    std::uint64_t objectContainers_ = 0; // of the present object
+    std::shared_ptr<std::string const> file_; // of the input
+    Batch* batch_ = nullptr;                  // the one that is being filled
+    std::unique_ptr<Pipeline<Batch>> pipeline_; // the last member: its threads use the others
+
+    // Gives the batch to the threads, if it has records.
+    void Submit();
+    void Append(Record const& record);
+    // A record too large for a batch: its parts go to the threads, which read the stream's bytes.
+    void ScanLarge(Record const& record);
+    void ScanParts(DORecordView const* view, Scanned scanned);
+    void Work(Batch& batch);
+    void WorkOnObject(Batch& batch, Scanned& scanned, Partitions::Writer& writer);
+    void WorkOnSegment(Scanned& scanned, Partitions::Writer& writer) const;
+    void AddEntries(Batch& batch, Scanned const& scanned, DORecordView const& view, Partitions::Writer& writer);
+    void UseBatch(Batch& batch);
+    void UseObject(Batch const& batch, Scanned const& scanned);
+    void UseRun(Run const& run, Membership const& membership);
+    void UseOwn(Scanned const& scanned);
+    // Whether a container's own and bloom bytes count the record, and whether its number of records does.
+    bool IsCounted(Membership const& membership) const;
+    bool NeedsAfterwards(Membership const& membership) const;
+};
+
+} // namespace crrecord::tool

@@ -1,0 +1,67 @@
+// What is known of one segment: what partitions keep in memory and write to temporary files.
+
+#pragma once
+
+#include "analysis/hash_table.h"
+
+#include <crrecord/fingerprint.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+namespace crrecord::tool {
+
+// A segment is its container, fingerprint type and fingerprint. Each question counts segments in up to two sets: needed
+// and stored, or needed now and needed afterwards. A segment has a size in each set that it is in.
+struct SegmentTuple {
+    enum Flags : std::uint8_t {
+        kInFirst = 1,
+        kInSecond = 2,
+        kFirstDiffers = 4, // the first set has it with several sizes; the greatest counts
+        kSecondDiffers = 8,
+        kAllFlags = 15,
+    };
+
+    std::uint64_t dcid;
+    unsigned char fingerprint[sizeof(crfp_digest_t)]; // zeros after a 16-byte one
+    std::uint64_t secondSize;                     // 0 without kInSecond
+    std::uint32_t firstSize;                      // 0 without kInFirst
+    std::uint8_t fptype;
+    std::uint8_t flags;
+    std::uint16_t zero;
+
+    // What was read from a file may be any bytes.
+    bool IsWellFormed() const noexcept {
+        return fptype <= CR_FP_TYPE_LAST && (flags & (kInFirst | kInSecond)) != 0 && flags <= kAllFlags && zero == 0;
+    }
+};
+static_assert(sizeof(SegmentTuple) == 56);
+
+inline bool IsSameSegment(SegmentTuple const& a, SegmentTuple const& b) noexcept {
+    return a.dcid == b.dcid && a.fptype == b.fptype &&
+           std::memcmp(a.fingerprint, b.fingerprint, sizeof a.fingerprint) == 0;
+}
+
+// The same for the same segment, and different from run to run.
+inline std::uint64_t HashOf(SegmentTuple const& tuple) {
+    constexpr unsigned int kWidest = sizeof tuple.fingerprint;
+    unsigned int const width = tuple.fptype == CR_FP_TYPE_SHA256 ? kWidest : kWidest / 2;
+    return HashOfSegment(tuple.fingerprint, width, tuple.dcid ^ std::uint64_t{tuple.fptype} << 62);
+}
+
+// Adds what `more` says of the same segment. The order of additions does not matter.
+inline void Merge(SegmentTuple& into, SegmentTuple const& more) noexcept {
+    std::uint8_t const common = into.flags & more.flags;
+    into.flags |= more.flags;
+    if ((common & SegmentTuple::kInFirst) != 0 && into.firstSize != more.firstSize) {
+        into.flags |= SegmentTuple::kFirstDiffers;
+    }
+    if ((common & SegmentTuple::kInSecond) != 0 && into.secondSize != more.secondSize) {
+        into.flags |= SegmentTuple::kSecondDiffers;
+    }
+    into.firstSize = std::max(into.firstSize, more.firstSize);
+    into.secondSize = std::max(into.secondSize, more.secondSize);
+}
+
+} // namespace crrecord::tool

@@ -1,0 +1,121 @@
+// crrecord lost: which records of a store some containers damage if they are lost.
+
+#include "record/record_findings.h"
+#include "store/damage.h"
+#include "store/segment_shape.h"
+#include "verbs/verbs.h"
+
+namespace crrecord::tool {
+
+namespace {
+
+struct LostOptions {
+    std::vector<std::string> files{"-"};
+    std::vector<std::uint64_t> containers;
+    bool json = false;
+};
+
+class LostRecords {
+public:
+    LostRecords(LostOptions const& options, Output& out) : json_(options.json), lost_(options.containers), out_(out) {}
+
+    void Visit(RecordStream& stream) {
+        std::string const name = json_ ? JsonQuoted(stream.Name()) : Printable(stream.Name());
+        while (Record const* const record = stream.Next()) {
+            any_ = true;
+            if (record->kind != Kind::DataObject) {
+                CheckSegmentRecord(stream.Name(), *record);
+                continue;
+            }
+            try {
+                DORecordView const view(record->bytes, record->size);
+                Damage const damage = DamageOf(view, lost_);
+                if (damage.needed) {
+                    Print(name, *record, view, damage);
+                }
+            } catch (Cr_ErrnoException const&) {
+                ++bad_;
+                CheckRecord(stream.Name(), *record, findings_);
+            }
+        }
+    }
+
+    ExitCode PrintTotal() {
+        if (any_ && json_) {
+            out_.Print(R"({},"total":{{"records":"{}","segments":"{}","bytes":"{}","bloom_bytes":"{}",)"
+                       R"("bad_records":"{}"}}}})"
+                       "\n",
+                       JsonStart(), records_, segments_, bytes_, bloomBytes_, bad_);
+        } else if (any_) {
+            out_.Print("{} damaged: {} of {}\n", Counted(records_, "record"), Counted(segments_, "segment"),
+                       WithUnit(bytes_));
+        }
+        return bad_ == 0 ? ExitCode::AllWell : ExitCode::BadRecord;
+    }
+
+private:
+    void CheckSegmentRecord(std::string const& name, Record const& record) {
+        std::string const error = SegmentRecordError(name, record);
+        if (!error.empty()) {
+            Complain(error);
+            ++bad_;
+        }
+    }
+
+    void Print(std::string const& name, Record const& record, DORecordView const& view, Damage const& damage) {
+        ++records_;
+        segments_ += damage.segments;
+        AddBytes(bytes_, damage.bytes);
+        AddBytes(bloomBytes_, damage.bloomBytes);
+        if (json_) {
+            out_.Print(R"({},"file":{},"record":{},"offset":"{}","segments":"{}","bytes":"{}","bloom_bytes":"{}",)"
+                       R"("object_bytes":"{}","own":{}}})"
+                       "\n",
+                       JsonStart(), name, record.number, record.offset, damage.segments, damage.bytes,
+                       damage.bloomBytes, view.GetSize(), damage.own);
+            return;
+        }
+        out_.Print("{}: {} of {} lost of an object of {}{}{}\n", PlaceOf(name, record),
+                   Counted(damage.segments, "segment"), WithUnit(damage.bytes), WithUnit(view.GetSize()),
+                   damage.bloomBytes == 0 ? "" : "; by its list " + WithUnit(damage.bloomBytes),
+                   damage.own ? "; the record itself is lost" : "");
+    }
+
+    bool json_;
+    ContainerSet lost_;
+    Output& out_;
+    std::vector<Finding> findings_;
+    bool any_ = false; // a record was read
+    std::uint64_t bad_ = 0;
+    std::uint64_t records_ = 0;
+    std::uint64_t segments_ = 0;
+    std::uint64_t bytes_ = 0;
+    std::uint64_t bloomBytes_ = 0;
+};
+
+ExitCode Lost(LostOptions const& options, Output& out) {
+    LostRecords lost(options, out);
+    ExitCode const result = ForEachInput(options.files, {}, [&](RecordStream& stream) {
+        lost.Visit(stream);
+        return ExitCode::AllWell;
+    });
+    return std::max(result, lost.PrintTotal());
+}
+
+} // namespace
+
+void AddLost(CLI::App& app, Action& chosen) {
+    auto const [verb, options] =
+        AddVerb(app, chosen, "lost", "List the records that are damaged if some containers are lost", Lost);
+    AddFiles(verb, options.files);
+    verb.add_option("--container", options.containers, "A lost container; may be repeated")
+        ->check(WholeNumber(std::numeric_limits<std::uint64_t>::max()))
+        ->required()
+        ->type_name("DCID")
+        ->allow_extra_args(false);
+    verb.add_flag("--json", options.json, "One JSON object on a line for each record, and one for the total");
+    verb.footer("Entries count as often as an object has them. A record whose own container is lost is lost, too.\n\n"
+                "Example:\n  crrecord lost --container 1042 objects.do");
+}
+
+} // namespace crrecord::tool

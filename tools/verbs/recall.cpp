@@ -1,0 +1,76 @@
+// crrecord recall: the containers that a restore of some records fetches.
+
+#include "record/record_findings.h"
+#include "store/container_cache.h"
+#include "verbs/store_options.h"
+
+namespace crrecord::tool {
+
+namespace {
+
+struct RecallOptions : StoreOptions {
+    std::uint64_t cache = 0; // containers; 0 if the number of fetches was not requested
+};
+
+ExitCode Recall(RecallOptions const& options, Output& out) {
+    // The records are at hand, so their own containers are not fetched.
+    StoreScan scan({.dropped = {}, .ownContainers = false}, options.ForPartitions(), Complain);
+    ContainerCache cache(options.cache);
+    if (options.cache != 0) {
+        scan.useFragment = [&cache](std::uint64_t dcid) { cache.Use(dcid); };
+    }
+    ExitCode const result = ScanStore(scan, options);
+    if (!AnyRecord(scan)) {
+        return result;
+    }
+    SegmentSums total;
+    static constexpr char kRow[] = "{:>20}  {:>12}  {:>20}  {:>9}\n";
+    StoreContainers const& containers = scan.Containers();
+    if (!options.json && containers.size() != 0) {
+        out.Print(kRow, "container", "segments", "bytes", "records");
+    }
+    for (std::uint64_t i = 0; i < containers.size(); ++i) {
+        ContainerSums const& sums = containers[i];
+        if (options.json) {
+            out.Print(R"({},"dcid":"{}","segments":"{}","bytes":"{}","bloom_bytes":"{}","records":"{}"}})"
+                      "\n",
+                      JsonStart(), sums.dcid, sums.first.segments, sums.first.bytes, sums.bloomBytes, sums.records);
+        } else {
+            out.Print(kRow, sums.dcid, sums.first.segments, sums.first.bytes, sums.records);
+        }
+        total.segments += sums.first.segments;
+        AddBytes(total.bytes, sums.first.bytes);
+    }
+    StoreTotals const& records = scan.Totals();
+    if (options.json) {
+        out.Print(R"({},"total":{{"containers":"{}","segments":"{}","bytes":"{}","records":"{}")", JsonStart(),
+                  containers.size(), total.segments, total.bytes, records.records);
+        if (options.cache != 0) {
+            out.Print(R"(,"fetches":"{}")", cache.Fetches());
+        }
+        PrintJsonFaults(out, scan);
+    } else {
+        out.Print("{}: {} of {} in {}\n", Counted(records.records, "record"), Counted(total.segments, "segment"),
+                  WithUnit(total.bytes), Counted(containers.size(), "container"));
+        if (options.cache != 0) {
+            out.Print("{} with a cache of {}\n", Counted(cache.Fetches(), "fetch"),
+                      Counted(options.cache, "container"));
+        }
+        PrintFaults(out, containers.Conflicts(), records.bad);
+    }
+    return result;
+}
+
+} // namespace
+
+void AddRecall(CLI::App& app, Action& chosen) {
+    auto const [verb, options] =
+        AddVerb(app, chosen, "recall", "List the containers that some records need, in the order of a restore", Recall);
+    AddStoreOptions(verb, options);
+    verb.add_option("--cache", options.cache, "Also count the fetches of a restore that keeps the last N containers")
+        ->check(WholeNumber(std::numeric_limits<std::uint32_t>::max()))
+        ->type_name("N");
+    verb.footer("Each segment counts once.\n\nExample:\n  crrecord recall --cache 8 movie.do");
+}
+
+} // namespace crrecord::tool

@@ -1,0 +1,61 @@
+#include "verbs/store_options.h"
+
+#include "record/cut_options.h"
+
+#include <cstdlib>
+#include <thread>
+
+namespace crrecord::tool {
+
+PartitionOptions StoreOptions::ForPartitions() const {
+    std::string folder = temporaryFolder;
+    if (folder.empty()) {
+        char const* const named = std::getenv("TMPDIR");
+        folder = named && *named != '\0' ? named : "/tmp";
+    }
+    return {memory, std::max(std::thread::hardware_concurrency(), 1U), folder};
+}
+
+void AddStoreOptions(CLI::App& verb, StoreOptions& options) {
+    AddFiles(verb, options.files);
+    constexpr std::uint64_t kMost = std::uint64_t{1} << 46; // of the addresses of a process
+    verb.add_option("--memory", options.memory, "Bytes of memory for segments, such as 1G; more go to a temporary file")
+        ->transform(NumberOfBytes(Partitions::kLeastMemory, kMost))
+        ->type_name("BYTES")
+        ->default_str("256M");
+    AddFile(verb, "--temp", options.temporaryFolder, "The folder for the temporary file [$TMPDIR or /tmp]")
+        ->type_name("DIR");
+    verb.add_flag("--json", options.json, "One JSON object on a line for each result, and one for the total");
+}
+
+ExitCode ScanStore(StoreScan& scan, StoreOptions const& options) {
+    ExitCode result = ForEachInput(options.files, {}, [&](RecordStream& stream) {
+        scan.Scan(stream);
+        return ExitCode::AllWell;
+    });
+    scan.Total();
+    bool const faulty = scan.Totals().bad != 0 || scan.Containers().Conflicts() != 0;
+    return std::max(result, faulty ? ExitCode::BadRecord : ExitCode::AllWell);
+}
+
+bool AnyRecord(StoreScan const& scan) {
+    StoreTotals const& totals = scan.Totals();
+    return totals.records + totals.segmentRecords + totals.bad != 0;
+}
+
+void PrintFaults(Output& out, std::uint64_t conflicts, std::uint64_t bad) {
+    if (conflicts != 0) {
+        out.PaintLine(fmt::format("conflicts: {} with several sizes", Counted(conflicts, "segment")), Colour::Bad);
+    }
+    if (bad != 0) {
+        out.PaintLine(fmt::format("bad: {}, not counted", Counted(bad, "record")), Colour::Bad);
+    }
+}
+
+void PrintJsonFaults(Output& out, StoreScan& scan) {
+    out.Print(R"(,"conflicts":"{}","bad_records":"{}"}}}})"
+              "\n",
+              scan.Containers().Conflicts(), scan.Totals().bad);
+}
+
+} // namespace crrecord::tool
