@@ -25,8 +25,8 @@ std::string ReadSize(std::string& text, std::uint64_t least, std::uint64_t most)
     unit.resize(unit.size() - (unit.ends_with("ib") ? 2 : unit.ends_with("b") ? 1 : 0));
     auto const power = static_cast<std::size_t>(std::find(kUnits.begin(), kUnits.end(), unit) - kUnits.begin());
     if (power == kUnits.size() || number > most >> 10 * power || number << 10 * power < least) {
-        return fmt::format("found \"{}\", expected a number of bytes of 1 to {}, such as 65536 or 64K", Printable(text),
-                           most);
+        return fmt::format("found \"{}\", expected a number of bytes of {} to {}, such as 65536 or 64K",
+                           Printable(text), least, most);
     }
     text = std::to_string(number << 10 * power);
     return std::string();
