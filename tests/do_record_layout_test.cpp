@@ -158,7 +158,7 @@ TEST(DORecordSizes, AreCalculatedIn64Bits) {
     constexpr unsigned long kOthers = kMost * (8ul + 16 + 4 + 1) + 8;
     EXPECT_EQ(DORecordHeaderSizeRaw(kMost, kMost, kMost, kMost, 3, 3, kMost), 104 + kMost * (44ul + 8) + kOthers);
     EXPECT_EQ(DORecordHeaderSizeWithBloom(kMost, kMost, kMost, kMost, 0, kMost), 104ul + kMost + kOthers);
-    for (unsigned int const dotype : {0, 5, 6, 255, 259}) {
+    for (unsigned int const dotype : {0u, 5u, 6u, 255u, 259u}) {
         EXPECT_EQ(CRDOTypeIsValid(dotype) != 0, dotype < 6) << dotype;
     }
 }

@@ -3,12 +3,21 @@
 #include "support/clock.h"
 #include "support/record_memory.h"
 
+#include <crrecord/DORecordView.h>
+
 #include <gtest/gtest.h>
 
 #include <array>
+#include <iterator>
+#include <ranges>
 #include <tuple>
 
 namespace {
+
+static_assert(std::random_access_iterator<DOSegmentRange::iterator>);
+static_assert(std::ranges::view<DOSegmentRange> && std::ranges::borrowed_range<DOSegmentRange>);
+static_assert(std::forward_iterator<DOReferenceRange::iterator>);
+static_assert(std::forward_iterator<DORecord::tref_const_iterator_t>);
 
 constexpr unsigned int kNone32 = 0xffffffff;
 constexpr unsigned long kNone64 = 0xffffffffffffffff;
@@ -31,7 +40,7 @@ TEST(DORecordSegments, AccessorsReturnValuesInEitherOrder) {
                 EXPECT_EQ(NumbersOf(*record, i), std::tuple(size, values.dotype == 3 ? offset : kNone64,
                                                             values.dotype == 5 ? offset : kNone32));
                 EXPECT_EQ(record->GetSegmentDCID(i), dcid);
-                EXPECT_EQ(+record->GetSegmentDCIDList()[i], dcid);
+                EXPECT_EQ(static_cast<unsigned long>(record->GetSegmentDCIDList()[i]), dcid);
                 auto const seen = *segment;
                 Bytes padded = fingerprint;
                 padded.resize(32);

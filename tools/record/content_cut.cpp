@@ -63,7 +63,7 @@ std::uint64_t FirstContentCut(unsigned char const* bytes, std::uint64_t size, Co
         return size;
     }
     // Rarer ends before the average, and more frequent ones after it, bring the sizes closer to the average.
-    int const bits = std::bit_width(cut.average) - 1;
+    int const bits = static_cast<int>(std::bit_width(cut.average)) - 1;
     std::uint64_t const end = std::min<std::uint64_t>(size, cut.most);
     std::uint64_t const middle = std::min<std::uint64_t>(end, cut.average);
     std::uint64_t hash = 0;
