@@ -75,7 +75,7 @@ unsigned char DORecord::GetDOType() const {
     return header->dotype;
 }
 
-// By the count as it is stored, in 32 bits: callers in network order see what stands there.
+// Uses the stored count without conversion, whatever the order, and cuts the result to 32 bits.
 unsigned int DORecord::GetUDCIDSize() const {
     return static_cast<unsigned int>(UniqueListSize(header->nudcid));
 }

@@ -109,11 +109,11 @@ void DORecord::expand(unsigned int size) {
     std::uint64_t const before = bufferSize;
     header = static_cast<DORecordHeader*>(grown);
     bufferSize = capacity;
-    // A raw record size may take these bytes into the record later; no heap garbage goes to a disk or a wire.
+    // setRecSize may make these bytes part of the record later, so they must not be left uninitialised.
     RecordInternals::Clear(*this, before, capacity);
 }
 
-// Zeroes a range of offsets as far as it lies in the buffer.
+// Zeroes the part of a range of offsets that is inside the buffer.
 void RecordInternals::Clear(DORecord& record, std::uint64_t from, std::uint64_t to) noexcept {
     std::uint64_t const end = std::min<std::uint64_t>(to, record.bufferSize);
     if (from < end) {
@@ -121,7 +121,8 @@ void RecordInternals::Clear(DORecord& record, std::uint64_t from, std::uint64_t 
     }
 }
 
-// Everything that can fail comes first. The tail is zero again where it stands now, also in a borrowed buffer.
+// Everything that can fail comes first. Then the tail at its new offset is cleared: a borrowed buffer may hold other
+// bytes there.
 void RecordInternals::GrowReferences(DORecord& record, RecordLayout const& layout, std::uint64_t by) {
     Order const order = OrderFromFlag(record.networkOrder);
     std::uint64_t const references = InOrder(record.header->trefssize, order) + by;
@@ -137,8 +138,8 @@ void RecordInternals::GrowReferences(DORecord& record, RecordLayout const& layou
     Clear(record, layout.tail + by, size);
 }
 
-// Subtracts at most what is there. The bytes that fall out of the section are cleared where the record is sound. When
-// the record would become smaller than a bare one, the section has shrunk all the same.
+// Subtracts at most the section's size. Clears the bytes that leave the section if header and buffer agree. If the
+// record would become smaller than CR_DO_RECORD_SIZE, the section's size is reduced before the exception.
 void RecordInternals::ShrinkReferences(DORecord& record, std::uint64_t by) {
     std::uint64_t const before = record.getTRefsSize();
     std::uint64_t const removed = std::min<std::uint64_t>(by, before);

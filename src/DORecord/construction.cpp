@@ -1,4 +1,4 @@
-// The three constructors, what stands behind them, and the end of a record.
+// The three constructors, init and initWithBloom, and the destructor.
 
 #include "DORecord/record.h"
 #include "base/memory.h"
@@ -46,7 +46,7 @@ void CheckDcids(unsigned long const* dcids, unsigned int count) {
     }
 }
 
-// Shows as many 64-bit words as the list has entries, from the first on: containers and byte counts in turn.
+// Prints the first `count` 64-bit words of the entries, which is half of them: containers and byte counts in turn.
 [[noreturn]] void RefuseList(unsigned char const* list, std::uint32_t count, std::uint32_t computed) {
     std::stringstream text;
     text.imbue(std::locale::classic());
@@ -125,7 +125,7 @@ struct crrecord::NewRecord {
     RecordCounts counts;
 };
 
-// A record without a buffer and without references. The sub-DO flag stays: callers set it for what is built.
+// Makes a record without buffer and references. Keeps the sub-DO flag, which callers set before they build the record.
 void RecordInternals::MakeBlank(DORecord& record) noexcept {
     record.header = nullptr;
     record.bufferSize = 0;
@@ -236,12 +236,12 @@ void RecordInternals::WriteHeader(DORecord& record, NewRecord const& values) noe
     record.header->dotype = values.counts.dotype;
 }
 
-// What both initialisers end with, behind their own sections.
+// The last steps of init and initWithBloom: unique list, references and times.
 void RecordInternals::Finish(DORecord& record, NewRecord const& values, unsigned char const* list) {
     if (values.counts.nudcid != 0) {
         FillBytes(DORecordHeaderStartUDCID(record.header), list, UniqueListSize(values.counts.nudcid));
     }
-    // Also clears what is left of the buffer, up to the record size so far, which is the whole buffer's.
+    // Also clears the rest of the buffer, because the record size is still that of the whole buffer.
     record.initReferenceSets();
     for (std::uint64_t i = 0; i < values.ntaskIDs; ++i) {
         record.AddTaskID(Load<std::uint64_t>(values.taskIDs + i));
@@ -284,7 +284,7 @@ void DORecord::init(unsigned long CID, unsigned long size, unsigned long ssize, 
         RecordInternals::AllocateBuffer(*this, layout.total, false);
         RecordInternals::WriteHeader(*this, values);
         SegmentFault const fault = CopySegments(header, segments, layout, subDO);
-        // Behind the entries are the DCIDs, or, in a record without segments, an empty bloom area.
+        // After the entries are the DCIDs or, in a bloom record, which has no segments, an empty bloom area.
         FillBytes(BytesOf(header) + layout.dcids, nsegments != 0 ? dcids : nullptr, layout.udcids - layout.dcids);
         RecordInternals::Finish(*this, values, AsBytes(udcidList));
         ThrowIfFaulty(fault, dotype);

@@ -1,4 +1,4 @@
-// The digest that stands for a whole object.
+// The digest of an object.
 
 #include "DORecord/record.h"
 #include "support/exchange/segment_codec.h"

@@ -25,7 +25,8 @@ public:
     }
 
     std::vector<unsigned char> const& Bytes() const noexcept { return bytes_; }
-    // Moves up what is behind the task ids, and then what is behind the DSIDs: by the size of the task ids both times.
+    // Moves the bytes after the task ids to the start, and does so again if there are DSIDs. Both moves are by the size
+    // of the task ids.
     std::vector<unsigned char> const& CloseGaps() noexcept {
         for (std::uint64_t const count : {taskIds_, dsids_}) {
             if (count != 0) {
@@ -112,7 +113,7 @@ void DORecord::convertToTRefs() {
     // A section that was written from the sets adds nothing to them.
     std::vector<tref_set_t> formerSets(std::begin(trefs),
                                        legacy || !sectionFromSets ? std::end(trefs) : std::begin(trefs));
-    // Where memory is wanting halfway, an id that stands in neither place would be lost.
+    // If memory runs out halfway, this restores the ids that are neither in the arrays nor in the sets any more.
     auto const restore = [&]() noexcept {
         *header = formerHeader;
         std::copy(arrays.Bytes().begin(), arrays.Bytes().end(), BytesOf(header) + before.taskIds);

@@ -19,7 +19,7 @@ char const* ListName(unsigned int dotype) noexcept {
     }
 }
 
-// Every text ends in a dot but the implausible ones', which have none; the one for End has a blank behind it, alone.
+// The texts for Size and Offset end without a dot, the text for End with a dot and a blank, all others with a dot.
 [[noreturn]] void Throw(SegmentFault const& fault, unsigned int dotype) {
     static constexpr char kWrongOrder[] = "Data is probably in wrong byte order (host vs. network order)";
     std::stringstream text;

@@ -6,7 +6,7 @@
 
 using namespace crrecord;
 
-// What callers are told of the text form. The list of DCIDs behind the segments is not in it, and stays so.
+// The text form as documented for callers. It leaves out the list of DCIDs after the segments on purpose.
 std::string const DORecord::TEXT_STREAM_FORMAT_DESCRIPTION =
     "type,formatversion,flags,CID,size,ssize,CRC,ctime,mtime,fptype,dotype,nfp,"
     "[[segmentFP,{segmentSize{,segmentOffset}?}?]*],[TRefs*]";
@@ -87,7 +87,8 @@ void RecordInternals::WriteText(DORecord const& record, std::ostream& stream) {
 
 // The bytes are written in host order. Bytes and order are as before afterwards, also if the stream throws.
 void RecordInternals::WriteBytes(DORecord const& record, std::ostream& stream) {
-    // Turning there and back walks the record by what it finds in either order.
+    // The record is converted to host order and back, so the sections that a conversion walks must be inside the
+    // buffer.
     SectionEnd const end = record.networkOrder       ? &RecordLayout::total
                            : record.GetNTRefs() == 0 ? &RecordLayout::udcids
                                                      : &RecordLayout::tail;

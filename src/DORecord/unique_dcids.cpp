@@ -154,7 +154,7 @@ cr_status_t RecordInternals::GrowForList(DORecord& record, unsigned long entries
     return CR_STATUS_OK;
 }
 
-// Entries and checksum are host values in either order; the count has the record's order, and nudcid the host's.
+// Stores entries, checksum and nudcid as host values in either order of the record, the list's count in that order.
 void RecordInternals::WriteUniqueList(DORecord& record, crrecord::UniqueEntry const* entries, unsigned int count,
                                       RecordLayout const& layout) noexcept {
     unsigned char* const list = BytesOf(record.header) + layout.udcids;
@@ -177,7 +177,7 @@ cr_status_t DORecord::AppendBloom(cr_dcid_size_map_t& sizes) {
         ErrorA(CR_STATUS_INVALID, "%s: %s", kMerge, kInvalidRecordSize);
         return CR_STATUS_OK;
     }
-    // Every call turns the word, so that every other call finds it as it was.
+    // Every call byte-swaps the word, so every second call restores it.
     unsigned char* const lengthWord = BytesOf(header) + layout.entries;
     CopySwapped<std::uint32_t>(lengthWord, lengthWord);
     unsigned char const* const list = BytesOf(header) + layout.udcids;

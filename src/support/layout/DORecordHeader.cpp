@@ -55,7 +55,7 @@ void SwapWords(unsigned char* record, RecordCounts const& counts, RecordLayout c
     }
 }
 
-// One routine for both directions: it finds the counts in the order in which they stand before it turns them.
+// One routine for both directions: it reads the counts in the current order before it byte-swaps them.
 void SwapRecord(DORecordHeader* header) noexcept {
     RecordCounts const counts = CountsOf(header, OrderOf(header));
     RecordLayout const layout(counts);

@@ -26,10 +26,10 @@ void SortAndMerge(std::vector<UniqueEntry>& entries, Merge merge) {
     entries.resize(entries.empty() ? 0 : kept + 1);
 }
 
-// Neighbours of one container are added up at once. What is left goes through a small table of recent containers, and
-// what finds no place in it, or has to make room, to a list that is sorted in the end. So the usual record costs next
-// to nothing a segment, a record of thousands of containers at random a look at the table, and one that was made to
-// fill the table's rows no more than sorting.
+// Adds adjacent segments of one container at once. The sums go to a small table of recent containers. Sums that do not
+// fit, and those that they replace, go to a list, which is sorted at the end. The cost of a segment is an addition in a
+// usual record, a look-up in the table for thousands of containers at random, and a share of the sort for containers
+// that were chosen to fill one row of the table.
 class DcidTotals {
 public:
     explicit DcidTotals(std::uint64_t segments) : segments_(segments) {}

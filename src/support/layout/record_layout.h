@@ -29,8 +29,8 @@ inline constexpr unsigned int kUniqueEntrySize = 16;
 inline constexpr unsigned int kBloomLengthSize = 4;
 inline constexpr unsigned int kBloomEndSize = 16;
 
-// Every record ends in zeros. Behind segments they keep the last of them safe from whoever reads or writes 32 bytes of
-// a 16-byte fingerprint, or a size or offset that its entry doesn't have.
+// Every record ends in zeros. In a record with segments, they keep accesses to the last entry inside the record if a
+// caller reads or writes 32 bytes of a 16-byte fingerprint, or a size or offset that the entry does not have.
 inline constexpr unsigned int kTailSize = 24;
 inline constexpr unsigned int kBloomTailSize = 4;
 
@@ -38,7 +38,7 @@ constexpr std::uint64_t UniqueListSize(std::uint32_t nudcid) noexcept {
     return nudcid == 0 ? 0 : kUniqueHeadSize + std::uint64_t{kUniqueEntrySize} * nudcid;
 }
 
-// What the layout of a record depends on, as host values.
+// The header fields that determine the layout of a record, as host values.
 struct RecordCounts {
     std::uint32_t ntaskid = 0;
     std::uint32_t nfp = 0;
@@ -50,14 +50,14 @@ struct RecordCounts {
     unsigned char dotype = 0;
 };
 
-// Offsets from the start of the record, and sizes, in bytes. Sections lie in the order of the members. No sum can wrap:
+// Offsets from the start of the record, and sizes, in bytes. Sections are in the order of the members. No sum can wrap:
 // the largest is below 2^39.
 struct RecordLayout : DOEntryLayout {
-    std::uint32_t segments; // how many the record has: none in a bloom record, whatever its nfp says
+    std::uint32_t segments; // their number: 0 in a bloom record, whatever its nfp is
 
     std::uint64_t entries;
     std::uint64_t dcids;
-    std::uint64_t udcids; // behind the DCIDs, or behind the bloom area, which starts where entries do
+    std::uint64_t udcids; // after the DCIDs, or after the bloom area, which starts at `entries`
     std::uint64_t taskIds;
     std::uint64_t dsids;
     std::uint64_t trefs;
@@ -84,7 +84,7 @@ struct RecordLayout : DOEntryLayout {
     }
 };
 
-// The counts of a header in the order in which it stands; the legacy counts have no order.
+// The counts of a header in `order`. The legacy counts are not converted in either order.
 inline RecordCounts CountsOf(DORecordHeader const* header, Order order) noexcept {
     auto const read = [order](std::uint32_t stored) { return order == Order::Host ? stored : ByteSwapped(stored); };
     return {.ntaskid = header->ntaskid,
