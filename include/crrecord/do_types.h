@@ -54,6 +54,8 @@ inline constexpr std::array<DOType, CR_DO_TYPE_LAST + 1> kDOTypes{{
     {"CR_DO_TYPE_4_BYTE_OFFSET", 4, 4, ListCheck::Sum},
 }};
 
+static_assert(kDOTypes.back().name != nullptr, "a DO type without a row");
+
 // A value that is no DO type stores neither size nor offset and is not checked.
 constexpr DOType DOTypeOf(unsigned int dotype) noexcept {
     return dotype < kDOTypes.size() ? kDOTypes[dotype] : DOType{"unknown", 0, 0, ListCheck::None};
