@@ -15,10 +15,11 @@
 // changes nothing if a section is not inside the buffer, as after an unchecked setter or a write through GetHeader, or
 // if the record would exceed 4 GiB - 1 bytes. If thrown, the text is "invalid record size for DO", unless stated.
 //
-// Indexes: accessors that take an index expect one below GetNfp(), or GetNudcid(); debug builds assert it. They never
-// leave the buffer. For an element outside of it, as after SetFPType to another width, getters return zeros, or the
-// value for "not stored" if there is one; setters store nothing and throw as above. Accessors that return a list or the
-// start of a section check nothing. Accessors of fields need a buffer, which a record lacks after init has failed.
+// Indexes: accessors that take an index expect one below GetNfp(), or GetNudcid(); debug builds of the library assert
+// it for setters. They never leave the buffer. For an element outside of it, as after SetFPType to another width,
+// getters return zeros, or the value for "not stored" if there is one; setters store nothing and throw as above.
+// Accessors that return a list or the start of a section check nothing. Accessors of fields need a buffer, which a
+// record lacks after init has failed.
 //
 // Lifetime: addresses in the buffer are valid until the record grows, is built anew or is destroyed; a range also until
 // the record changes. The buffer belongs to the record unless it was borrowed.

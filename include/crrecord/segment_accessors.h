@@ -5,8 +5,6 @@
 #include <crrecord/DORecord.h>
 #include <crrecord/entry_layout.h>
 
-#include <cassert>
-
 // Precondition: `offset` is below 2^40.
 inline unsigned char const* DORecord::BytesAt(unsigned long offset, unsigned int width) const {
     return offset + width <= bufferSize ? reinterpret_cast<unsigned char const*>(header) + offset : nullptr;
@@ -17,14 +15,12 @@ T DORecord::NumberInEntry(unsigned int i, unsigned int width, unsigned int posit
     if (width != sizeof(T)) {
         return none;
     }
-    assert(i < crrecord::EntriesOf(header));
     unsigned char const* const at = BytesAt(crrecord::EntryLayoutOf(header).Entry(i) + position, sizeof(T));
     return at ? crrecord::Load<T>(at, crrecord::OrderFromFlag(networkOrder)) : none;
 }
 
 inline crfp_digest_t const& DORecord::GetSegmentFP(unsigned int i) const {
     static constexpr crfp_digest_t kOutside{};
-    assert(i < crrecord::EntriesOf(header));
     crrecord::DOEntryLayout const& entry = crrecord::EntryLayoutOf(header);
     unsigned char const* const at = BytesAt(entry.Entry(i), sizeof kOutside);
     return at ? *reinterpret_cast<crfp_digest_t const*>(at) : kOutside;
@@ -32,7 +28,6 @@ inline crfp_digest_t const& DORecord::GetSegmentFP(unsigned int i) const {
 
 inline unsigned long DORecord::GetSegmentDCID(unsigned int i) const {
     std::uint32_t const count = crrecord::EntriesOf(header);
-    assert(i < count);
     crrecord::DOEntryLayout const& entry = crrecord::EntryLayoutOf(header);
     unsigned char const* const at = BytesAt(entry.Entry(count) + std::uint64_t{i} * 8, 8);
     return at ? crrecord::Load<std::uint64_t>(at) : 0;

@@ -11,7 +11,8 @@
 // for later use and never returns it to the system. dlclose leaves the shared library loaded, since handles that are
 // still held are in its pool.
 //
-// Thread safety: each allocation and each release locks the mutex of its pool. The count of a handle is a plain
+// Thread safety: one mutex guards both pools. Each allocation and each release locks it; a record that loads references
+// locks it once for up to 32 of them. The count of a handle is a plain
 // integer: one thread at a time uses a handle. A child of fork() may make and release handles, whatever the other
 // threads of its parent did.
 

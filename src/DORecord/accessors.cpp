@@ -161,8 +161,3 @@ unsigned int DORecord::getTRefsSize() const {
 void DORecord::setTRefsSize(unsigned int size) {
     header->trefssize = InOrder(size, OrderFromFlag(networkOrder));
 }
-
-DORecordHeader* DORecord::GetHeader() const {
-    GetSerializedTRefs();
-    return header;
-}

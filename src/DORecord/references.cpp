@@ -277,6 +277,11 @@ char* DORecord::GetSerializedTRefs() const {
     return reinterpret_cast<char*>(BytesOf(header) + layout.trefs);
 }
 
+DORecordHeader* DORecord::GetHeader() const {
+    GetSerializedTRefs();
+    return header;
+}
+
 // The source may be the record's own section: it moves with the buffer, and nothing is cleared before all is read.
 void DORecord::AddSerializedTRefs(char const* bytes, unsigned int length) {
     if (!bytes && length != 0) {

@@ -29,7 +29,8 @@ constexpr std::uint64_t kParallelBatch = ParallelSha256::kLanes * 128UL * 1024;
 // The start takes longer than is saved with smaller inputs.
 constexpr std::uint64_t kLeastParallelInput = 32UL * 1024 * 1024;
 static_assert(kBatch <= ParallelSha256::kMostBytes);
-constexpr unsigned int kMostParallelThreads = 8; // each hashes several GB/s
+constexpr std::uint64_t kMostMemory = 128UL * 1024 * 1024; // of all batches, two for each thread
+constexpr unsigned int kMostParallelThreads = 8;           // each hashes several GB/s
 
 // Returns: the CRC-32 of two parts from those of the parts. `bytes` is the size of the second one.
 std::uint32_t CombinedCrc(std::uint32_t crc, std::uint32_t next, std::uint64_t bytes) {
@@ -134,7 +135,8 @@ private:
     bool IsWhole() const { return options_.content || options_.segmentSize <= kBatch; }
     unsigned int Threads() const {
         unsigned int const most = atOnce_ ? kMostParallelThreads : kMostThreads;
-        return IsWhole() ? std::clamp(std::thread::hardware_concurrency(), 1U, most) : 1;
+        auto const fitting = static_cast<unsigned int>(kMostMemory / (2 * SizeOfBatch(0)));
+        return IsWhole() ? std::clamp(std::thread::hardware_concurrency(), 1U, std::min(most, fitting)) : 1;
     }
 
     // Returns: true to hash segments at once.
@@ -164,6 +166,7 @@ private:
     CutBatch& Open() {
         if (!batch_) {
             batch_ = &pipeline_.Next();
+            batch_->number = batches_++;
             batch_->offset = position_ - rest_.size();
             batch_->size = rest_.size();
             batch_->endsSegment = false;
@@ -202,7 +205,7 @@ private:
             batch.sizes.push_back(static_cast<std::uint32_t>(size));
             at += size;
         }
-        rest_.assign(&batch.bytes[at], &batch.bytes[end]);
+        rest_.assign(batch.bytes.data() + at, batch.bytes.data() + end);
         batch.size = at;
     }
 
@@ -250,7 +253,8 @@ private:
     CutTotals totals_;
     bool atOnce_;
     Digester digester_;
-    CutBatch* batch_ = nullptr;       // the one being filled
+    CutBatch* batch_ = nullptr; // the one being filled
+    std::uint64_t batches_ = 0;
     std::vector<unsigned char> rest_; // bytes for the next one
     Pipeline<CutBatch> pipeline_;
 };

@@ -56,12 +56,13 @@ struct CutTotals {
 };
 
 // Reads `input` to its end and calls use(segment) for each segment, in order and on this thread. Shows the progress on
-// the terminal. Segments of up to 256 KiB are hashed on all processors. Segments end where
+// the terminal. Segments of up to 256 KiB, and those cut by
+// content, are hashed on all processors. Segments end where
 // their content says so, or at multiples of their size; and where a gap begins, so a hole changes only the segments
 // that it touches. Containers are filled one after the other.
 // Throws: Failure if the input is empty or one gap, if a segment is larger than a container, and if container ids
 // exceed 32 bits.
-// Memory: some batches of up to 4 MiB, or of twice the largest segment if the content says where they end.
+// Memory: at most 136 MiB for the batches, for any number of processors.
 CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::function<void(CutSegment const&)> const& use);
 
 } // namespace crrecord::tool

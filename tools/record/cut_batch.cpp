@@ -29,7 +29,7 @@ bool DigestAtOnce(CutBatch& batch, Pieces const& pieces, unsigned int fptype) {
         throw Failure("libipsec-mb: computed no SHA-256");
     }
     // One of each batch, another one each time: wrong fingerprints would never be found later.
-    if (!ParallelSha256::EqualsOpenSSL(pieces[batch.offset / kReadBlock % pieces.size()])) {
+    if (!ParallelSha256::EqualsOpenSSL(pieces[batch.number % pieces.size()])) {
         throw Failure("libipsec-mb: computed a wrong SHA-256");
     }
     for (CutSegment& segment : batch.segments) {

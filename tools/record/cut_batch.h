@@ -13,6 +13,7 @@ namespace crrecord::tool {
 // Consecutive bytes of the input, and the segments that end in them.
 struct CutBatch {
     std::vector<unsigned char> bytes;
+    std::uint64_t number = 0; // from 0
     std::uint64_t offset = 0;
     std::uint64_t size = 0;
     bool endsSegment = false; // a gap or the input's end follows

@@ -19,7 +19,8 @@ public:
     }
 
     bool Has(std::uint64_t dcid) const {
-        return dcid >= dcids_.front() && dcid <= dcids_.back() && std::binary_search(dcids_.begin(), dcids_.end(), dcid);
+        return dcid >= dcids_.front() && dcid <= dcids_.back() &&
+               std::binary_search(dcids_.begin(), dcids_.end(), dcid);
     }
 
 private:

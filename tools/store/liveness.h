@@ -13,7 +13,8 @@ inline ContainerState StateOf(ContainerSums const& sums, unsigned int sparsePerc
         return ContainerState::Dead;
     }
     __extension__ using Product = unsigned __int128;
-    bool const isSparse = sums.bloomBytes == 0 && Product{sums.first.bytes} * 100 < Product{sums.second.bytes} * sparsePercent;
+    bool const isSparse =
+        sums.bloomBytes == 0 && Product{sums.first.bytes} * 100 < Product{sums.second.bytes} * sparsePercent;
     return isSparse ? ContainerState::Sparse : ContainerState::Live;
 }
 

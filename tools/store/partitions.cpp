@@ -121,11 +121,11 @@ Partitions::Partitions(PartitionOptions const& options, unsigned int level, std:
     // Each writer has a block that is not full for each partition: an eighth of the memory at most, or a quarter if the
     // memory is small. A pipeline of several threads may work on one batch more than it has threads.
     std::uint64_t const mostWriters = tuples / (4 * kPartitions * kLeastBlock);
-    options_.threads = static_cast<unsigned int>(
-        std::clamp<std::uint64_t>(options_.threads, 1, std::clamp<std::uint64_t>(mostWriters, 2, kMostThreads + 1) - 1));
+    options_.threads = static_cast<unsigned int>(std::clamp<std::uint64_t>(
+        options_.threads, 1, std::clamp<std::uint64_t>(mostWriters, 2, kMostThreads + 1) - 1));
     std::uint64_t const writers = options_.threads == 1 ? 1 : options_.threads + 1;
-    auto const inBlock = static_cast<std::uint32_t>(
-        std::clamp(tuples / (8 * kPartitions * writers), kLeastBlock, kLargestBlock));
+    auto const inBlock =
+        static_cast<std::uint32_t>(std::clamp(tuples / (8 * kPartitions * writers), kLeastBlock, kLargestBlock));
     pool_ = std::make_unique<BlockPool>(tuples / inBlock, inBlock);
     for (unsigned int i = 0; i < writers; ++i) {
         writers_.push_back(std::make_unique<Writer>(*pool_, level));

@@ -32,7 +32,7 @@ private:
     SegmentTuple* memory_;
     std::mutex mutex_;
     std::uint64_t used_ = 0;
-    std::uint64_t fresh_ = 0;         // blocks that were never taken are after these
+    std::uint64_t fresh_ = 0;          // blocks that were never taken are after these
     SegmentTuple* returned_ = nullptr; // the first of a list, whose links are in the blocks
 };
 

@@ -57,9 +57,8 @@ inline Membership MembershipOf(DORecordView const& view, Question const& questio
     Membership result;
     result.held = AnyReference(view, [](DOReference const&) { return true; });
     result.inFirst = result.held || !question.heldOnly;
-    result.inSecond = question.IsDrop() && AnyReference(view, [&](DOReference const& reference) {
-                          return !IsDropped(question, reference);
-                      });
+    result.inSecond = question.IsDrop() &&
+                      AnyReference(view, [&](DOReference const& reference) { return !IsDropped(question, reference); });
     return result;
 }
 

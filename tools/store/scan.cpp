@@ -210,8 +210,7 @@ void StoreScan::WorkOnObject(Batch& batch, Scanned& scanned, Partitions::Writer&
     }
 }
 
-void StoreScan::AddEntries(Batch& batch, Scanned const& scanned, DORecordView const& view,
-                           Partitions::Writer& writer) {
+void StoreScan::AddEntries(Batch& batch, Scanned const& scanned, DORecordView const& view, Partitions::Writer& writer) {
     if (IsBloom(view.GetDOType())) {
         DOUniqueDCIDRange const list = view.UniqueDCIDs();
         for (unsigned int i = scanned.from; i < std::min(scanned.to, list.size()); ++i) {
@@ -273,9 +272,7 @@ void StoreScan::UseBatch(Batch& batch) {
                 containers_.Of(scanned.dcid);
             }
             break;
-        case Scanned::Result::Bad:
-            ++totals_.bad;
-            complain_(scanned.error);
+        case Scanned::Result::Bad: ++totals_.bad; complain_(scanned.error);
         }
     }
     batch.bytes.clear();

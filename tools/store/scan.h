@@ -56,10 +56,10 @@ private:
     StoreTotals totals_;
     std::mutex mutex_; // of freeWriters_
     std::vector<unsigned int> freeWriters_;
-    std::uint64_t reserved_ = 0;    // tuples of the batches that are not used yet
-    std::uint64_t objectContainers_ = 0; // of the present object
-    std::shared_ptr<std::string const> file_; // of the input
-    Batch* batch_ = nullptr;                  // the one that is being filled
+    std::uint64_t reserved_ = 0;                // tuples of the batches that are not used yet
+    std::uint64_t objectContainers_ = 0;        // of the present object
+    std::shared_ptr<std::string const> file_;   // of the input
+    Batch* batch_ = nullptr;                    // the one that is being filled
     std::unique_ptr<Pipeline<Batch>> pipeline_; // the last member: its threads use the others
 
     // Gives the batch to the threads, if it has records.

@@ -8,8 +8,8 @@
 
 namespace crrecord::tool {
 
-// Returns: the first error of a segment record, or of a record of no known kind, with its place; empty if there is none.
-// A valid segment record must have file id 0 and one fingerprint.
+// Returns: the first error of a segment record, or of a record of no known kind, with its place; empty if there is
+// none. A valid segment record must have file id 0 and one fingerprint.
 std::string SegmentRecordError(std::string const& file, Record const& record);
 
 // The first error of a record that is not valid, with its place.

@@ -25,8 +25,8 @@ struct SegmentTuple {
 
     std::uint64_t dcid;
     unsigned char fingerprint[sizeof(crfp_digest_t)]; // zeros after a 16-byte one
-    std::uint64_t secondSize;                     // 0 without kInSecond
-    std::uint32_t firstSize;                      // 0 without kInFirst
+    std::uint64_t secondSize;                         // 0 without kInSecond
+    std::uint32_t firstSize;                          // 0 without kInFirst
     std::uint8_t fptype;
     std::uint8_t flags;
     std::uint16_t zero;
