@@ -89,6 +89,11 @@ def other_verbs(of):
                              ("convertLine", "convert", do3, "--to", "host", *out),
                              ("changesLine", "refs", do3, "--add", "task:1", *out),
                              ("redactLine", "redact", do3, *out),
+                             ("liveLine", "live", "--json", do3),
+                             ("liveLine", "live", "--json", do3, GOLDEN / "so-fptype3-tasks1-fingerprints1.host"),
+                             ("freedLine", "freed", "--json", do3, "--reference", "task:17"),
+                             ("lostLine", "lost", "--json", do3, "--container", "70"),
+                             ("recallLine", "recall", "--json", do3, "--cache", "1"),
                              ("verifyLine", "verify", "--json", gaps, __file__),
                              ("diffLine", "diff", "--json", "--segments", do3, gaps),
                              ("findingsLine", "refs", "--json", __file__)):

@@ -12,7 +12,7 @@ fail() {
 }
 
 verbs=$("$command" --help | sed -n '/^Subcommands:/,/^$/s/^  \([a-z]*\) .*/\1/p')
-[ "$(wc -l <<<"$verbs")" -ge 12 ] || fail "the help names too few verbs: $verbs"
+[ "$(wc -l <<<"$verbs")" -ge 16 ] || fail "the help names too few verbs: $verbs"
 for verb in ${verbs/segments/segments-build}; do
     page=man1/crrecord-$verb.1
     for section in NAME SYNOPSIS DESCRIPTION OPTIONS EXAMPLES 'EXIT STATUS'; do

@@ -47,7 +47,8 @@ ExitCode Freed(FreedOptions const& options, Output& out) {
     }
     SegmentSums total;
     std::uint64_t dead = 0;
-    static constexpr char kRow[] = "{:>20}  {:>12}  {:>20}  {}\n";
+    bool hasHeading = options.json;
+    static constexpr char kRow[] = "{:>20}  {:>12}  {:>20}{}\n";
     scan.Containers().ForEach([&](ContainerSums const& sums) {
         Loss const loss(sums);
         if (!loss.Any()) {
@@ -58,10 +59,10 @@ ExitCode Freed(FreedOptions const& options, Output& out) {
                       "\n",
                       JsonStart(), sums.dcid, loss.segments, loss.bytes, loss.bloomBytes, loss.ownBytes, loss.dead);
         } else {
-            if (total.segments == 0 && dead == 0) {
+            if (!std::exchange(hasHeading, true)) {
                 out.Print(kRow, "container", "segments", "bytes", "");
             }
-            out.Print(kRow, sums.dcid, loss.segments, loss.bytes, loss.dead ? "dead" : "");
+            out.Print(kRow, sums.dcid, loss.segments, loss.bytes, loss.dead ? "  dead" : "");
         }
         total.segments += loss.segments;
         AddBytes(total.bytes, loss.bytes);

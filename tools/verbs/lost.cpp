@@ -19,7 +19,8 @@ class LostRecords {
 public:
     LostRecords(LostOptions const& options, Output& out) : json_(options.json), lost_(options.containers), out_(out) {}
 
-    void Visit(RecordStream& stream) {
+    ExitCode Visit(RecordStream& stream) {
+        ExitCode result = ExitCode::AllWell;
         std::string const name = json_ ? JsonQuoted(stream.Name()) : Printable(stream.Name());
         while (Record const* const record = stream.Next()) {
             any_ = true;
@@ -36,8 +37,12 @@ public:
             } catch (Cr_ErrnoException const&) {
                 ++bad_;
                 CheckRecord(stream.Name(), *record, findings_);
+            } catch (TooManyBytes const&) {
+                Complain(PlaceOf(stream.Name(), *record) + ": omitted: the sum would exceed 2^64 - 1 bytes");
+                result = ExitCode::CouldNotWork;
             }
         }
+        return result;
     }
 
     ExitCode PrintTotal() {
@@ -63,10 +68,10 @@ private:
     }
 
     void Print(std::string const& name, Record const& record, DORecordView const& view, Damage const& damage) {
-        ++records_;
-        segments_ += damage.segments;
-        AddBytes(bytes_, damage.bytes);
         AddBytes(bloomBytes_, damage.bloomBytes);
+        AddBytes(bytes_, damage.bytes);
+        segments_ += damage.segments;
+        ++records_;
         if (json_) {
             out_.Print(R"({},"file":{},"record":{},"offset":"{}","segments":"{}","bytes":"{}","bloom_bytes":"{}",)"
                        R"("object_bytes":"{}","own":{}}})"
@@ -85,7 +90,7 @@ private:
     ContainerSet lost_;
     Output& out_;
     std::vector<Finding> findings_;
-    bool any_ = false; // a record was read
+    bool any_ = false; // true: a record was read
     std::uint64_t bad_ = 0;
     std::uint64_t records_ = 0;
     std::uint64_t segments_ = 0;
@@ -95,10 +100,7 @@ private:
 
 ExitCode Lost(LostOptions const& options, Output& out) {
     LostRecords lost(options, out);
-    ExitCode const result = ForEachInput(options.files, {}, [&](RecordStream& stream) {
-        lost.Visit(stream);
-        return ExitCode::AllWell;
-    });
+    ExitCode const result = ForEachInput(options.files, {}, [&](RecordStream& stream) { return lost.Visit(stream); });
     return std::max(result, lost.PrintTotal());
 }
 

@@ -53,8 +53,7 @@ ExitCode Recall(RecallOptions const& options, Output& out) {
         out.Print("{}: {} of {} in {}\n", Counted(records.records, "record"), Counted(total.segments, "segment"),
                   WithUnit(total.bytes), Counted(containers.size(), "container"));
         if (options.cache != 0) {
-            out.Print("{} with a cache of {}\n", Counted(cache.Fetches(), "fetch"),
-                      Counted(options.cache, "container"));
+            out.Print("fetches with a cache of {}: {}\n", Counted(options.cache, "container"), cache.Fetches());
         }
         PrintFaults(out, containers.Conflicts(), records.bad);
     }

@@ -8,8 +8,6 @@
 #include "support/layout/record_layout.h"
 #include "verbs/verbs.h"
 
-#include <set>
-
 namespace crrecord::tool {
 
 namespace {
@@ -19,83 +17,25 @@ constexpr std::uint64_t kMost64 = std::numeric_limits<std::uint64_t>::max();
 struct StatsOptions {
     std::vector<std::string> files{"-"};
     FormOptions form;
-    std::vector<std::uint64_t> uses;
     std::optional<std::uint64_t> top;
     bool unique = false;
     bool json = false;
 };
-
-template <class Counter>
-void CountRecord(std::string const& file, Record const& record, Counter& counter) {
-    switch (record.kind) {
-    case Kind::Segment: counter.CountSegment(record, SegmentOf(record)); break;
-    case Kind::Form: counter.CountObject(record, OpenDORecord(file, record)->GetHeader()); break;
-    default: counter.CountObject(record, reinterpret_cast<DORecordHeader const*>(record.bytes));
-    }
-}
-
-// Calls counter.CountSegment(record, StoredSegment) or counter.CountObject(record, header) for each valid record of an
-// input, and counter.CountBad with the number of bad ones. Reports and omits a record that makes a sum overflow.
-template <class Counter>
-ExitCode CountInput(RecordStream& stream, Counter& counter) {
-    ExitCode result = ExitCode::AllWell;
-    std::vector<Finding> findings;
-    std::uint64_t bad = 0;
-    while (Record const* const record = stream.Next()) {
-        if (!CheckRecord(stream.Name(), *record, findings)) {
-            ++bad;
-            result = std::max(result, ExitCode::BadRecord);
-            continue;
-        }
-        try {
-            CountRecord(stream.Name(), *record, counter);
-        } catch (TooManyBytes const&) {
-            Complain(PlaceOf(stream.Name(), *record) + ": omitted: the sum would exceed 2^64 - 1 bytes");
-            result = ExitCode::CouldNotWork;
-        }
-    }
-    counter.CountBad(bad);
-    return result;
-}
 
 // The sums over all records.
 class Totals {
 public:
     explicit Totals(StatsOptions const& options) : options_(options) {}
 
-    void CountSegment(Record const&, StoredSegment const& segment) {
-        AddBytes(bytes_, segment.size);
-        ++records_;
-        ++segments_;
-        if (segment.inContainer) {
-            containers_.Add({segment.dcid, 1, segment.size, 1});
-        } else {
-            ++segmentsElsewhere_;
-            bytesElsewhere_ += segment.size;
-        }
-        if (options_.unique) {
-            CountUnique(segment.fptype, segment.fingerprint, segment.size);
+    void Count(std::string const& file, Record const& record) {
+        switch (record.kind) {
+        case Kind::Segment: CountSegment(SegmentOf(record)); break;
+        case Kind::Form: CountObject(OpenDORecord(file, record)->GetHeader()); break;
+        default: CountObject(reinterpret_cast<DORecordHeader const*>(record.bytes));
         }
     }
 
-    void CountObject(Record const&, DORecordHeader const* header) {
-        CheckSum(header);
-        ++records_;
-        auto const count = [this](Run const& run) {
-            segments_ += run.segments;
-            bytes_ += run.bytes;
-            containers_.Add({run.dcid, run.segments, run.bytes, run.segments == 0 ? 0UL : 1UL});
-        };
-        if (!options_.unique) {
-            ForEachRun(header, count);
-            return;
-        }
-        unsigned int const fptype = header->fptype;
-        ForEachRun(header, count,
-                   [&](DOSegment const& segment) { CountUnique(fptype, segment.fingerprint.data, segment.size); });
-    }
-
-    void CountBad(std::uint64_t records) { bad_ += records; }
+    void CountBad() { ++bad_; }
 
     // Returns: true if a record was counted, valid or not.
     bool Any() const { return records_ + bad_ != 0; }
@@ -140,6 +80,38 @@ public:
     }
 
 private:
+    void CountSegment(StoredSegment const& segment) {
+        AddBytes(bytes_, segment.size);
+        ++records_;
+        ++segments_;
+        if (segment.inContainer) {
+            containers_.Add({segment.dcid, 1, segment.size, 1});
+        } else {
+            ++segmentsElsewhere_;
+            bytesElsewhere_ += segment.size;
+        }
+        if (options_.unique) {
+            CountUnique(segment.fptype, segment.fingerprint, segment.size);
+        }
+    }
+
+    void CountObject(DORecordHeader const* header) {
+        CheckSum(header);
+        ++records_;
+        auto const count = [this](Run const& run) {
+            segments_ += run.segments;
+            bytes_ += run.bytes;
+            containers_.Add({run.dcid, run.segments, run.bytes, run.segments == 0 ? 0UL : 1UL});
+        };
+        if (!options_.unique) {
+            ForEachRun(header, count);
+            return;
+        }
+        unsigned int const fptype = header->fptype;
+        ForEachRun(header, count,
+                   [&](DOSegment const& segment) { CountUnique(fptype, segment.fingerprint.data, segment.size); });
+    }
+
     void CountUnique(unsigned int fptype, unsigned char const* fingerprint, std::uint64_t size) {
         bool const isNew = !fingerprint || unique_.Insert(fptype, fingerprint, size);
         (isNew ? uniqueBytes_ : repeatedBytes_) += size;
@@ -173,83 +145,27 @@ private:
     std::uint64_t repeatedBytes_ = 0;
 };
 
-// Lists the records that need one of the given containers.
-class Users {
-public:
-    Users(StatsOptions const& options, std::string const& file, Output& out)
-        : json_(options.json), file_(options.json ? JsonQuoted(file) : Printable(file)), out_(out) {
-        for (std::uint64_t const dcid : std::set(options.uses.begin(), options.uses.end())) {
-            wanted_.push_back({dcid});
+// Counts each valid record of an input. Reports and omits a record that makes a sum overflow.
+ExitCode CountInput(RecordStream& stream, Totals& totals) {
+    ExitCode result = ExitCode::AllWell;
+    std::vector<Finding> findings;
+    while (Record const* const record = stream.Next()) {
+        if (!CheckRecord(stream.Name(), *record, findings)) {
+            totals.CountBad();
+            result = std::max(result, ExitCode::BadRecord);
+            continue;
+        }
+        try {
+            totals.Count(stream.Name(), *record);
+        } catch (TooManyBytes const&) {
+            Complain(PlaceOf(stream.Name(), *record) + ": omitted: the sum would exceed 2^64 - 1 bytes");
+            result = ExitCode::CouldNotWork;
         }
     }
-
-    void CountSegment(Record const& record, StoredSegment const& segment) {
-        Forget();
-        if (segment.inContainer) {
-            Count({segment.dcid, 1, segment.size});
-            PrintUses(record);
-        }
-    }
-
-    void CountObject(Record const& record, DORecordHeader const* header) {
-        Forget();
-        ForEachRun(header, [this](Run const& run) { Count(run); });
-        PrintUses(record);
-    }
-
-    static void CountBad(std::uint64_t) {}
-
-private:
-    void Count(Run const& run) {
-        auto const at = std::lower_bound(wanted_.begin(), wanted_.end(), run.dcid,
-                                         [](ContainerTotals const& a, std::uint64_t dcid) { return a.dcid < dcid; });
-        if (at != wanted_.end() && at->dcid == run.dcid) {
-            at->segments += run.segments;
-            AddBytes(at->bytes, run.bytes);
-            ++at->fragments;
-        }
-    }
-
-    void PrintUses(Record const& record) {
-        for (ContainerTotals const& container : wanted_) {
-            if (container.fragments != 0) {
-                Print(record, container);
-            }
-        }
-    }
-
-    // Clears the sums of the record before, which an overflow may have left.
-    void Forget() {
-        for (ContainerTotals& container : wanted_) {
-            container = {container.dcid};
-        }
-    }
-
-    void Print(Record const& record, ContainerTotals const& container) {
-        if (json_) {
-            AppendJsonStart(out_.Buffer(), file_, record, true);
-            out_.Print(R"(,"dcid":"{}","segments":"{}","bytes":"{}"}})"
-                       "\n",
-                       container.dcid, container.segments, container.bytes);
-            return;
-        }
-        out_.Print("{}: container {}: {} of {}\n", PlaceOf(file_, record), container.dcid,
-                   Counted(container.segments, "segment"), WithUnit(container.bytes));
-    }
-
-    bool json_;
-    std::string file_; // quoted for JSON
-    Output& out_;
-    std::vector<ContainerTotals> wanted_; // by id; the sums are those of one record
-};
+    return result;
+}
 
 ExitCode Stats(StatsOptions const& options, Output& out) {
-    if (!options.uses.empty()) {
-        return ForEachInput(options.files, options.form, [&](RecordStream& stream) {
-            Users users(options, stream.Name(), out);
-            return CountInput(stream, users);
-        });
-    }
     Totals totals(options);
     ExitCode const result =
         ForEachInput(options.files, options.form, [&](RecordStream& stream) { return CountInput(stream, totals); });
@@ -264,19 +180,13 @@ ExitCode Stats(StatsOptions const& options, Output& out) {
 void AddStats(CLI::App& app, Action& chosen) {
     auto const [verb, options] = AddVerb(app, chosen, "stats", "Add up segments and bytes by container", Stats);
     AddFiles(verb, options.files);
-    auto* const unique =
-        verb.add_flag("--unique", options.unique, "Also count the bytes of different and of repeated segments");
-    auto* const top = verb.add_option_function<std::uint64_t>(
-        "--top", [&options = options](std::uint64_t count) { options.top = count; },
-        "Only the N containers with the most bytes");
-    top->check(WholeNumber(kMost64))->type_name("N");
-    verb.add_option("--uses", options.uses, "List the records that need this container instead; may be repeated")
+    verb.add_flag("--unique", options.unique, "Also count the bytes of different and of repeated segments");
+    verb.add_option_function<std::uint64_t>(
+            "--top", [&options = options](std::uint64_t count) { options.top = count; },
+            "Only the N containers with the most bytes")
         ->check(WholeNumber(kMost64))
-        ->type_name("DCID")
-        ->allow_extra_args(false)
-        ->excludes(unique)
-        ->excludes(top);
-    verb.add_flag("--json", options.json, "One JSON object; with --uses one for each record and container");
+        ->type_name("N");
+    verb.add_flag("--json", options.json, "One JSON object");
     AddFormOptions(verb, options.form);
     verb.footer("A fragment is a run of consecutive segments of an object in the same container.\n\n"
                 "Example:\n  crrecord stats --top 10 --unique *.do");
