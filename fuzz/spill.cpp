@@ -1,0 +1,39 @@
+// Any bytes as a temporary file of tuples. Reading ends, and yields well-formed tuples only, or fails.
+
+#include "target.h"
+
+#include "io/failure.h"
+#include "store/spill_file.h"
+
+namespace crrecord::tool {
+
+struct SpillFileOf {
+    SpillFile file{"/tmp"};
+    explicit SpillFileOf(fuzz::Bytes bytes) {
+        file.file_.Write(bytes, 0);
+        file.end_ = bytes.size();
+    }
+};
+
+} // namespace crrecord::tool
+
+using namespace fuzz;
+
+FUZZ_TARGET(spill, bytes) {
+    using namespace crrecord::tool;
+    std::uint64_t const last = TakeNumber(bytes, 2);
+    SpillFileOf const any(bytes);
+    std::uint64_t tuples = 0;
+    try {
+        any.file.Read(last, [&](std::span<SegmentTuple const> some) {
+            for (SegmentTuple const& tuple : some) {
+                Must(tuple.IsWellFormed(), "tuples are well-formed");
+            }
+            tuples += some.size();
+        });
+    } catch (Failure const&) {
+        return;
+    }
+    // Extents may overlap, but each is before the one that names it.
+    Must(tuples <= bytes.size() * (bytes.size() / sizeof(SegmentTuple)), "tuples are from the file");
+}
