@@ -38,6 +38,35 @@ TEST_F(Tool, DiffMatchesEachSegmentOnce) {
     }
 }
 
+TEST_F(Tool, DiffJoinsSegmentsToRuns) {
+    struct {
+        char const *a, *b, *runs;
+    } const cases[] = {
+        {"a4@0/64 b4@4/64 c4@8/64 d4@12/64", "x4@0/64 a4@4/64 b4@8/64 c4@12/65 d4@16/65",
+         "moved by +1: 4 segments, 16 bytes (0 to 3), offsets by +4\nadded: 1 segment, 4 bytes (0 to 0)\n"},
+        {"a4@0/64 b4@4/64 c4@8/64 d4@12/64", "d4@0/64 b4@4/65 c4@8/65",
+         "relocated from container 64 to 65: 2 segments, 8 bytes (1 to 2)\n"
+         "moved by -3: 1 segment, 4 bytes (3 to 3), offsets by -12\nremoved: 1 segment, 4 bytes (0 to 0)\n"},
+        {"a4@0/64 b4@4/64 c4@8/64", "a4@0/65 b4@4/66 c4@9/64", // another container, another distance
+         "relocated from container 64 to 65: 1 segment, 4 bytes (0 to 0)\n"
+         "relocated from container 64 to 66: 1 segment, 4 bytes (1 to 1)\n"
+         "moved by +0: 1 segment, 4 bytes (2 to 2), offsets by +1\n"},
+        {"a4@0/64 b4@4/64 c4@8/64", "a4@1/64 b4@5/64 c4@10/64",
+         "moved by +0: 2 segments, 8 bytes (0 to 1), offsets by +1\n"
+         "moved by +0: 1 segment, 4 bytes (2 to 2), offsets by +2\n"},
+    };
+    for (auto const& row : cases) {
+        Write("a", Spell(Object(row.a)).bytes);
+        Write("b", Spell(Object(row.b)).bytes);
+        ASSERT_EQ(Run("diff a b"), 1) << err;
+        EXPECT_EQ(out.substr(0, out.find("shared ")), row.runs);
+    }
+    ASSERT_EQ(Run("diff a b --json"), 1) << err;
+    EXPECT_EQ(json::parse(out)["runs"][1], json::parse(R"({"what": "moved", "segments": "1", "bytes": "4",
+        "a": {"index": 2, "offset": "8", "dcid": "64"}, "b": {"index": 2, "offset": "10", "dcid": "64"}})"));
+    EXPECT_TRUE(Run("diff a b --json --summary") == 1 && !json::parse(out).contains("runs")) << out;
+}
+
 TEST_F(Tool, DiffTellsWhatElseDiffers) {
     RecordValues values = Object(kObject), bloom = Example(4, 0);
     values.references = {{0, 1}, {2, 3}, {4, 5}};
@@ -57,7 +86,11 @@ TEST_F(Tool, DiffTellsWhatElseDiffers) {
     found.merge_patch(expected);
     EXPECT_EQ(json::parse(out), found);
     Run("diff a b | grep -A 9 'mtime: 1996-02-26 22:24:52 UTC ->'");
-    EXPECT_NE(out.find("container 65: 1 segment of 5 bytes, 0 bytes listed -> 1 "), out.npos) << out;
+    EXPECT_NE(out.find("\ncontainer 65: listed 0 bytes -> 5 bytes\n"), out.npos) << out;
+    EXPECT_EQ(Run("diff --summary a b"), 1);
+    EXPECT_TRUE(out.starts_with("shared    5 segments") &&
+                out.ends_with("relocated 0 segments of 0 bytes\na and b: different\n"))
+        << out;
     Write("a", Spell(bloom, true).bytes);
     bloom.bitmap[4] ^= 1;
     Write("b", Spell(bloom, true).bytes);
@@ -134,6 +167,34 @@ TEST_F(Tool, RefsChangesAllRecordsInTheirOrder) {
     legacy.flags = 1;
     Write("bad", Spell(legacy).bytes + Spell(values).bytes);
     EXPECT_TRUE(Run("refs bad") == 1 && out == "record 2: task:3\nrecord 2: task:7\nrecord 2: ref6:9\n") << out;
+}
+
+TEST_F(Tool, RefsDropsEveryTaskOnlyIfAllowed) {
+    RecordValues values = Object(kObject);
+    values.references = {{2, 3}, {2, 7}, {6, 9}};
+    Write("in", Spell(values).bytes);
+    EXPECT_EQ(Run("refs in --drop-inactive /dev/null -o out"), 2) << out;
+    EXPECT_EQ(err + Files(), "crrecord: /dev/null: has no task ids, so every task would be dropped: --allow-empty "
+                             "permits it\nin ");
+    EXPECT_EQ(Shell("$T refs in --drop-inactive /dev/null --allow-empty -o out >&2 && $T refs out"), 0) << err;
+    EXPECT_EQ(out, "ref6:9\n");
+}
+
+TEST_F(Tool, RefsDryRunPrintsTheChangesAndWritesNothing) {
+    RecordValues values = Object(kObject), legacy = values;
+    values.references = {{2, 3}, {2, 7}, {6, 9}};
+    legacy.taskIds = {7};
+    Bytes const both = Spell(values, true).bytes + Spell(legacy).bytes;
+    Write("in", both);
+    Write("active", Text("7\n"));
+    std::string const change = "refs in --add task:7 --add dsid:1 --remove ref6:9 --drop-inactive active --dry-run";
+    ASSERT_EQ(Run(change + " -o in"), 0) << err;
+    EXPECT_EQ(out, "record 1: would remove task:3\nrecord 1: would add dsid:1\nrecord 1: would remove ref6:9\n"
+                   "record 2: would add dsid:1\nin: 2 records: 2 would be added, 1 removed, 1 dropped; 4 references\n");
+    ASSERT_EQ(Run(change + " --json"), 0) << err;
+    EXPECT_EQ(Lines().at(0)["references"], json::parse(R"({"added": ["dsid:1"], "removed": ["task:3", "ref6:9"]})"));
+    EXPECT_TRUE(Lines().at(2)["dry_run"] == true && Lines()[2]["dropped"] == "1") << out;
+    EXPECT_TRUE(Read("in") == both && Files() == "active in ");
 }
 
 } // namespace

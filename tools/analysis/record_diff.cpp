@@ -10,7 +10,7 @@ namespace crrecord::tool {
 
 namespace {
 
-std::string Decimal(std::uint64_t value) {
+std::string DecimalText(std::uint64_t value) {
     return std::to_string(value);
 }
 
@@ -23,7 +23,7 @@ std::string As(std::uint64_t value) {
 struct ComparedField {
     char const* name;
     std::uint64_t (*get)(DORecord const&);
-    std::string (*text)(std::uint64_t) = Decimal;
+    std::string (*text)(std::uint64_t) = DecimalText;
 };
 constexpr ComparedField kComparedFields[] = {
     {"flags", [](DORecord const& record) -> std::uint64_t { return record.GetFlags(); }, As<FlagsText>},
@@ -50,6 +50,19 @@ void AddUses(ContainerTable<ContainerDiff>& table, DORecord const& record, Conta
     for (DOUniqueDCID const entry : record.UniqueDCIDs()) {
         AddBytes((table.Of(entry.dcid).*side).listed, entry.bytes);
     }
+}
+
+// Returns: the entries for which wanted(entry) is true, by id.
+template <class Wanted>
+std::vector<ContainerDiff> Select(ContainerTable<ContainerDiff> const& table, Wanted wanted) {
+    std::vector<ContainerDiff> selected;
+    for (std::size_t i = 0; i < table.size(); ++i) {
+        if (wanted(table[i])) {
+            selected.push_back(table[i]);
+        }
+    }
+    std::sort(selected.begin(), selected.end(), [](auto const& x, auto const& y) { return x.dcid < y.dcid; });
+    return selected;
 }
 
 } // namespace
@@ -87,6 +100,24 @@ void DiffReferences(DORecord const& a, DORecord const& b,
     });
 }
 
+bool PrintJsonReferenceDiff(Output& out, DORecord const& a, DORecord const& b) {
+    bool any = false;
+    out.Write(R"(,"references":{)");
+    for (bool const added : {true, false}) {
+        out.Print(R"({}"{}":[)", added ? "" : ",", added ? "added" : "removed");
+        char const* separator = "";
+        DiffReferences(a, b, [&](char const* reference, bool isInB) {
+            any = true;
+            if (isInB == added) {
+                out.Print(R"({}"{}")", std::exchange(separator, ","), reference);
+            }
+        });
+        out.Write("]");
+    }
+    out.Write("}");
+    return any;
+}
+
 bool BitmapsDiffer(DORecord const& a, DORecord const& b) {
     unsigned char const* const inA = a.GetBloom();
     unsigned char const* const inB = b.GetBloom();
@@ -97,14 +128,13 @@ std::vector<ContainerDiff> DiffContainers(DORecord const& a, DORecord const& b) 
     ContainerTable<ContainerDiff> table;
     AddUses(table, a, &ContainerDiff::a);
     AddUses(table, b, &ContainerDiff::b);
-    std::vector<ContainerDiff> different;
-    for (std::size_t i = 0; i < table.size(); ++i) {
-        if (table[i].a != table[i].b) {
-            different.push_back(table[i]);
-        }
-    }
-    std::sort(different.begin(), different.end(), [](auto const& x, auto const& y) { return x.dcid < y.dcid; });
-    return different;
+    return Select(table, [](ContainerDiff const& container) { return container.a != container.b; });
+}
+
+std::vector<ContainerDiff> WronglyListed(DORecord const& record) {
+    ContainerTable<ContainerDiff> table;
+    AddUses(table, record, &ContainerDiff::a);
+    return Select(table, [](ContainerDiff const& container) { return container.a.listed != container.a.bytes; });
 }
 
 } // namespace crrecord::tool

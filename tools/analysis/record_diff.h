@@ -3,6 +3,7 @@
 #pragma once
 
 #include "analysis/container_totals.h"
+#include "io/output.h"
 
 #include <crrecord/DORecord.h>
 
@@ -26,6 +27,10 @@ void DiffHeaders(DORecord const& a, DORecord const& b,
 void DiffReferences(DORecord const& a, DORecord const& b,
                     std::function<void(char const* reference, bool isInB)> const& use);
 
+// Prints the member "references" of a JSON object, after a comma: the references that are only in `b` (added) and only
+// in `a` (removed). Returns: true if there are any.
+bool PrintJsonReferenceDiff(Output& out, DORecord const& a, DORecord const& b);
+
 bool BitmapsDiffer(DORecord const& a, DORecord const& b);
 
 // A container's sums in one record.
@@ -45,5 +50,8 @@ struct ContainerDiff {
 
 // Returns: the containers whose sums differ, by id. Memory: 63 bytes for each container.
 std::vector<ContainerDiff> DiffContainers(DORecord const& a, DORecord const& b);
+
+// Returns: the containers of one record, as `a`, whose bytes in the list are not those of its segments, by id.
+std::vector<ContainerDiff> WronglyListed(DORecord const& record);
 
 } // namespace crrecord::tool
