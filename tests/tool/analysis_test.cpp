@@ -136,4 +136,32 @@ TEST_F(Tool, RefsChangesAllRecordsInTheirOrder) {
     EXPECT_TRUE(Run("refs bad") == 1 && out == "record 2: task:3\nrecord 2: task:7\nrecord 2: ref6:9\n") << out;
 }
 
+TEST_F(Tool, RefsDropsEveryTaskOnlyIfAllowed) {
+    RecordValues values = Object(kObject);
+    values.references = {{2, 3}, {2, 7}, {6, 9}};
+    Write("in", Spell(values).bytes);
+    EXPECT_EQ(Run("refs in --drop-inactive /dev/null -o out"), 2) << out;
+    EXPECT_EQ(err + Files(), "crrecord: /dev/null: has no task ids, so every task would be dropped: --allow-empty "
+                             "permits it\nin ");
+    EXPECT_EQ(Shell("$T refs in --drop-inactive /dev/null --allow-empty -o out >&2 && $T refs out"), 0) << err;
+    EXPECT_EQ(out, "ref6:9\n");
+}
+
+TEST_F(Tool, RefsDryRunPrintsTheChangesAndWritesNothing) {
+    RecordValues values = Object(kObject), legacy = values;
+    values.references = {{2, 3}, {2, 7}, {6, 9}};
+    legacy.taskIds = {7};
+    Bytes const both = Spell(values, true).bytes + Spell(legacy).bytes;
+    Write("in", both);
+    Write("active", Text("7\n"));
+    std::string const change = "refs in --add task:7 --add dsid:1 --remove ref6:9 --drop-inactive active --dry-run";
+    ASSERT_EQ(Run(change + " -o in"), 0) << err;
+    EXPECT_EQ(out, "record 1: would remove task:3\nrecord 1: would add dsid:1\nrecord 1: would remove ref6:9\n"
+                   "record 2: would add dsid:1\nin: 2 records: 2 would be added, 1 removed, 1 dropped; 4 references\n");
+    ASSERT_EQ(Run(change + " --json"), 0) << err;
+    EXPECT_EQ(Lines().at(0)["references"], json::parse(R"({"added": ["dsid:1"], "removed": ["task:3", "ref6:9"]})"));
+    EXPECT_TRUE(Lines().at(2)["dry_run"] == true && Lines()[2]["dropped"] == "1") << out;
+    EXPECT_TRUE(Read("in") == both && Files() == "active in ");
+}
+
 } // namespace

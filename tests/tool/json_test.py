@@ -88,6 +88,8 @@ def other_verbs(of):
                              ("segmentsBuildLine", "segments", "build", __file__, *out),
                              ("convertLine", "convert", do3, "--to", "host", *out),
                              ("changesLine", "refs", do3, "--add", "task:1", *out),
+                             ("changesLine", "refs", do3, "--add", "task:1", "--dry-run", "--json"),
+                             ("refsChangeLine", "refs", do3, "--add", "task:1", "--dry-run", "--json"),
                              ("redactLine", "redact", do3, *out),
                              ("liveLine", "live", "--json", do3),
                              ("liveLine", "live", "--json", do3, GOLDEN / "so-fptype3-tasks1-fingerprints1.host"),
@@ -97,7 +99,10 @@ def other_verbs(of):
                              ("verifyLine", "verify", "--json", gaps, __file__),
                              ("diffLine", "diff", "--json", "--segments", do3, gaps),
                              ("findingsLine", "refs", "--json", __file__)):
-        for line in lines_of(*arguments) or ["no line"]:
+        lines = lines_of(*arguments)
+        if "--dry-run" in arguments:  # the last line is the closing line
+            lines = lines[-1:] if name == "changesLine" else lines[:-1]
+        for line in lines or ["no line"]:
             failures.extend(f"{arguments}: {error.message}" for error in of(name).iter_errors(line))
             failures.extend(f"{name}: valid with an odd {member}" for member in (*line, "more")
                             if of(name).is_valid({**line, member: {}}))

@@ -87,6 +87,24 @@ void DiffReferences(DORecord const& a, DORecord const& b,
     });
 }
 
+bool PrintJsonReferenceDiff(Output& out, DORecord const& a, DORecord const& b) {
+    bool any = false;
+    out.Write(R"(,"references":{)");
+    for (bool const added : {true, false}) {
+        out.Print(R"({}"{}":[)", added ? "" : ",", added ? "added" : "removed");
+        char const* separator = "";
+        DiffReferences(a, b, [&](char const* reference, bool isInB) {
+            any = true;
+            if (isInB == added) {
+                out.Print(R"({}"{}")", std::exchange(separator, ","), reference);
+            }
+        });
+        out.Write("]");
+    }
+    out.Write("}");
+    return any;
+}
+
 bool BitmapsDiffer(DORecord const& a, DORecord const& b) {
     unsigned char const* const inA = a.GetBloom();
     unsigned char const* const inB = b.GetBloom();

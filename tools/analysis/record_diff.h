@@ -3,6 +3,7 @@
 #pragma once
 
 #include "analysis/container_totals.h"
+#include "io/output.h"
 
 #include <crrecord/DORecord.h>
 
@@ -25,6 +26,10 @@ void DiffHeaders(DORecord const& a, DORecord const& b,
 // Calls use(text, isInB) for each reference that is in only one of the records.
 void DiffReferences(DORecord const& a, DORecord const& b,
                     std::function<void(char const* reference, bool isInB)> const& use);
+
+// Prints the member "references" of a JSON object, after a comma: the references that are only in `b` (added) and only
+// in `a` (removed). Returns: true if there are any.
+bool PrintJsonReferenceDiff(Output& out, DORecord const& a, DORecord const& b);
 
 bool BitmapsDiffer(DORecord const& a, DORecord const& b);
 

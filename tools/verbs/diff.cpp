@@ -138,19 +138,7 @@ private:
             });
             return;
         }
-        out_.Write(R"(,"references":{)");
-        for (bool const added : {true, false}) {
-            out_.Print(R"({}"{}":[)", added ? "" : ",", added ? "added" : "removed");
-            separator_ = "";
-            DiffReferences(a_, b_, [&](char const* reference, bool isInB) {
-                same_ = false;
-                if (isInB == added) {
-                    out_.Print(R"({}"{}")", Separator(), reference);
-                }
-            });
-            out_.Write("]");
-        }
-        out_.Write("}");
+        same_ = !PrintJsonReferenceDiff(out_, a_, b_) && same_;
     }
 
     void PrintContainers() {

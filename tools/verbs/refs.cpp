@@ -1,5 +1,6 @@
 // crrecord refs: the references that keep objects alive.
 
+#include "analysis/record_diff.h"
 #include "io/line_reader.h"
 #include "record/do_record.h"
 #include "record/record_findings.h"
@@ -18,6 +19,8 @@ struct RefsOptions {
     std::vector<std::string> add;
     std::vector<std::string> remove;
     std::string active;
+    bool allowEmpty = false;
+    bool dryRun = false;
     bool json = false;
 
     bool Changes() const { return !add.empty() || !remove.empty() || !active.empty(); }
@@ -109,6 +112,8 @@ public:
         std::sort(ids_.begin(), ids_.end());
     }
 
+    bool IsEmpty() const { return ids_.empty(); }
+
     // A callback of the library. `context` is an ActiveTasks.
     static int IsActive(unsigned long taskId, void* context) {
         auto const& ids = static_cast<ActiveTasks const*>(context)->ids_;
@@ -138,9 +143,14 @@ public:
           remove_(ParseReferences("--remove", options.remove)) {
         if (!options.active.empty()) {
             active_ = std::make_unique<ActiveTasks>(options.active);
+            if (active_->IsEmpty() && !options.allowEmpty) {
+                throw Failure(options.active + ": has no task ids, so every task would be dropped: --allow-empty "
+                                               "permits it");
+            }
         }
     }
 
+    // Returns: the changed record in host order.
     std::unique_ptr<DORecord> Change(Record const& record) {
         try {
             WithoutLog const quiet;
@@ -157,9 +167,6 @@ public:
             }
             ++records_;
             references_ += changed->GetNTRefs();
-            if (record.order == Order::Network) {
-                changed->HostToNetwork(0);
-            }
             return changed;
         } catch (Cr_ErrnoException const& error) {
             throw Failure(PlaceOf(options_.file, record) + ": " + TextOf(error));
@@ -168,13 +175,16 @@ public:
 
     std::string ClosingLine() const {
         if (options_.json) {
-            return fmt::format(R"({},"file":{},"out":{},"records":"{}","added":"{}","removed":"{}","dropped":"{}",)"
+            std::string const target = options_.dryRun ? R"("dry_run":true)" : R"("out":)" + JsonQuoted(options_.out);
+            return fmt::format(R"({},"file":{},{},"records":"{}","added":"{}","removed":"{}","dropped":"{}",)"
                                R"("references":"{}"}})",
-                               JsonStart(), JsonQuoted(options_.file), JsonQuoted(options_.out), records_, added_,
-                               removed_, dropped_, references_);
+                               JsonStart(), JsonQuoted(options_.file), target, records_, added_, removed_, dropped_,
+                               references_);
         }
-        return fmt::format("{}: {}: {} added, {} removed, {} dropped; {}", Printable(options_.out),
-                           Counted(records_, "record"), added_, removed_, dropped_, Counted(references_, "reference"));
+        return fmt::format("{}: {}: {} {}added, {} removed, {} dropped; {}",
+                           Printable(options_.dryRun ? options_.file : options_.out), Counted(records_, "record"),
+                           added_, options_.dryRun ? "would be " : "", removed_, dropped_,
+                           Counted(references_, "reference"));
     }
 
 private:
@@ -195,6 +205,9 @@ ExitCode ChangeAll(RefsOptions const& options, Output& out) {
     OutputFile to(options.out, {options.file});
     auto const write = [&](Record const& record) {
         std::unique_ptr<DORecord> const changed = changer.Change(record);
+        if (record.order == Order::Network) {
+            changed->HostToNetwork(0);
+        }
         auto const bytes = BytesOf(*changed);
         to.Write(bytes.data(), bytes.size());
     };
@@ -207,16 +220,47 @@ ExitCode ChangeAll(RefsOptions const& options, Output& out) {
     return result;
 }
 
+// Prints the references that each record would gain and lose, and writes no file.
+ExitCode ShowChanges(RefsOptions const& options, Output& out) {
+    Changer changer(options);
+    RecordStream stream(options.file);
+    std::string const quotedName = JsonQuoted(options.file);
+    auto const show = [&](Record const& record) {
+        bool const several = record.number != 1 || !stream.EndsHere();
+        std::unique_ptr<DORecord> const after = changer.Change(record);
+        std::unique_ptr<DORecord> const before = OpenDORecord(options.file, record);
+        if (options.json) {
+            AppendJsonStart(out.Buffer(), quotedName, record, true);
+            PrintJsonReferenceDiff(out, *before, *after);
+            out.Write("}\n");
+            return;
+        }
+        std::string const prefix = several ? fmt::format("record {}: ", record.number) : "";
+        DiffReferences(*before, *after, [&](char const* reference, bool isAdded) {
+            out.Print("{}would {} {}\n", prefix, isAdded ? "add" : "remove", reference);
+        });
+    };
+    ExitCode const result =
+        ForEachDORecord(stream, show, [](Record const&, std::vector<Finding> const&) { return false; });
+    if (result == ExitCode::AllWell) {
+        out.Print("{}\n", changer.ClosingLine());
+    }
+    return result;
+}
+
 ExitCode Refs(RefsOptions const& options, Output& out) {
-    if (options.Changes() == options.out.empty()) {
-        throw Failure(options.out.empty() ? "--add, --remove and --drop-inactive need --out"
-                                          : "--out needs --add, --remove or --drop-inactive");
+    if (options.Changes() == (options.out.empty() && !options.dryRun)) {
+        throw Failure(options.Changes() ? "--add, --remove and --drop-inactive need --out or --dry-run"
+                                        : "--out and --dry-run need --add, --remove or --drop-inactive");
     }
     if (options.file == "-" && options.active == "-") {
         throw Failure("standard input can be either the records or the active tasks");
     }
     RefuseToReplace({options.active}, options.out, "records");
-    return options.Changes() ? ChangeAll(options, out) : List(options, out);
+    if (!options.Changes()) {
+        return List(options, out);
+    }
+    return options.dryRun ? ShowChanges(options, out) : ChangeAll(options, out);
 }
 
 } // namespace
@@ -227,9 +271,12 @@ void AddRefs(CLI::App& app, Action& chosen) {
     AddTexts(verb, "--add", options.add, "Add a reference, such as task:17, dsid:5 or ref6:9; may be repeated")
         ->type_name("REF");
     AddTexts(verb, "--remove", options.remove, "Remove a reference; may be repeated")->type_name("REF");
-    AddFile(verb, "--drop-inactive", options.active,
-            "Remove each task that is not in this file of task ids, one on each line")
-        ->type_name("TASKS");
+    auto* const dropInactive = AddFile(verb, "--drop-inactive", options.active,
+                                       "Remove each task that is not in this file of task ids, one on each line")
+                                   ->type_name("TASKS");
+    verb.add_flag("--allow-empty", options.allowEmpty, "Accept TASKS without ids: remove every task")
+        ->needs(dropInactive);
+    verb.add_flag("--dry-run", options.dryRun, "Print what would change, and write no file");
     AddFile(verb, "-o,--out", options.out, "The file for the changed records, which may be FILE")->type_name("OUT");
     verb.add_flag("--json", options.json,
                   "One JSON object on a line for each record; with changes, the closing line as one");
