@@ -31,7 +31,9 @@ TEST_F(Tool, HolesAreGapsOfType3AndZerosOtherwise) {
     ASSERT_EQ(Shell("printf x | dd of=sparse bs=1 seek=1500000 conv=notrunc status=none; \"$T\" verify record sparse"),
               1);
     EXPECT_EQ(out, "sparse: gap at byte 1056768, 1040384 bytes: expected zeros, found data at byte 1500000\n"
-                   "sparse: 5 segments, 2097152 bytes: differs, 0 segments bad\n");
+                   "record: the record's CRC is 49a74fef, expected 1113adc1, the CRC-32 of the data\n"
+                   "sparse: 5 segments, 2097152 bytes: differs, 0 segments bad\n"
+                   "sparse: checked: fingerprints, gaps, size, CRC, containers\n");
     for (std::string const type : {"0", "1", "2", "5"}) {
         ASSERT_EQ(Run("build sparse -o zeros --segment-size 64kiB --json --dotype " + type), 0) << err;
         EXPECT_EQ(json::parse(out)["segments"], "32");
@@ -63,12 +65,17 @@ TEST_F(Tool, VerifyNamesWhatDiffers) {
                       same ? 0 : 1);
             json const verdict = json::parse(String("verdict"));
             std::string bad;
+            std::string others;
             for (json const& difference : verdict["differences"]) {
-                EXPECT_EQ(difference["what"], "segment");
+                if (difference["what"] != "segment") {
+                    others += difference["what"];
+                    continue;
+                }
                 EXPECT_NE(difference["expected"], difference["found"]);
                 bad += std::to_string(difference["index"].get<int>()) + " ";
             }
             EXPECT_EQ(bad, row.bad);
+            EXPECT_EQ(others, row.size >= 10000 && !bad.empty() ? "CRC" : "");
             EXPECT_EQ(verdict["size"], std::to_string(row.size));
             EXPECT_TRUE(verdict["expected_size"] == "10000" && verdict["same"] == same);
         }
@@ -76,12 +83,62 @@ TEST_F(Tool, VerifyNamesWhatDiffers) {
     ASSERT_EQ(
         Shell("printf 12 >12; printf 34 | \"$T\" build - -o record --fptype 0 >/dev/null; \"$T\" verify record 12"), 1);
     EXPECT_EQ(out, "12: segment 0 at byte 0, 2 bytes: expected e369853df766fa44e1ed0ff613f563bd, found "
-                   "c20ad4d76fe97759aa27a0c99bff6710\n12: 1 segment, 2 bytes: differs, 1 segment bad\n");
+                   "c20ad4d76fe97759aa27a0c99bff6710\nrecord: the record's CRC is 9406837a, expected 4f5344cd, the "
+                   "CRC-32 of the data\n12: 1 segment, 2 bytes: differs, 1 segment bad\n"
+                   "12: checked: fingerprints, gaps, size, CRC, containers\n");
     ASSERT_EQ(Shell("seq 1 3000 >in; \"$T\" build in -o record --segment-size 1000 --dotype 5 >/dev/null; "
                     "printf '\\1' | dd of=record bs=1 seek=$((80 + 40 + 36)) conv=notrunc status=none; "
                     "\"$T\" verify record in"),
               1);
     EXPECT_EQ(out.substr(0, out.find('\n')), "record: segment 1: the record's offset is 16778216, expected 1000");
+}
+
+// The data is right and the record is not: its CRC at 0x28, and the bytes of container 65 in its list.
+TEST_F(Tool, VerifyChecksTheCrcAndTheList) {
+    Bytes const abc = FromHex(kAbcAnd12[0][0]), rest = FromHex(kAbcAnd12[0][1]);
+    RecordValues const good{.dotype = 3,
+                            .fptype = 0,
+                            .size = 10,
+                            .CRC = 0x3987d294, // of "abc", 4 zeros, "12" and a zero
+                            .segments = {{abc, 3, 0, 64}, {rest, 2, 7, 65}},
+                            .list = {{64, 3}, {65, 2}}};
+    RecordValues crc = good, none = good, list = good, missing = good, without = good;
+    crc.CRC ^= 1;
+    none.CRC = 0;
+    list.list = {{64, 3}, {65, 3}};
+    missing.list = {{64, 3}, {66, 2}};
+    without.list.clear();
+    struct {
+        RecordValues const& values;
+        std::string options, lines, checked;
+    } const rows[] = {
+        {good, "", "", "CRC, containers"},
+        {crc, "", "record: the record's CRC is 3987d295, expected 3987d294, the CRC-32 of the data\n",
+         "CRC, containers"},
+        {crc, " --no-crc", "", "containers; not checked: CRC (--no-crc)"},
+        {none, "", "", "containers; not checked: CRC (the record has none)"},
+        {without, "", "", "CRC; not checked: containers (the record has no list of them)"},
+        {list, "", "record: container 65: 3 bytes in the record's list, expected 2, those of its segments\n",
+         "CRC, containers"},
+        {missing, "",
+         "record: container 65: 0 bytes in the record's list, expected 2, those of its segments\n"
+         "record: container 66: 2 bytes in the record's list, expected 0, those of its segments\n",
+         "CRC, containers"},
+    };
+    Write("in", Text("abc") + Bytes(4) + Text("12") + Bytes(1));
+    for (bool const network : {true, false}) {
+        for (auto const& row : rows) {
+            Write("record", Spell(row.values, network).bytes);
+            EXPECT_EQ(Run("verify record in" + row.options), row.lines.empty() ? 0 : 1) << err;
+            EXPECT_EQ(out, row.lines + "in: 2 segments, 10 bytes: " +
+                               (row.lines.empty() ? "matches the record" : "differs, 0 segments bad") +
+                               "\nin: checked: fingerprints, gaps, size, " + row.checked + "\n");
+        }
+    }
+    Write("record", Spell(crc).bytes);
+    EXPECT_EQ(Run("verify --json record - <in"), 1);
+    EXPECT_EQ(json::parse(out)["differences"],
+              json::parse(R"([{"what": "CRC", "expected": 965202580, "found": 965202581}])"));
 }
 
 // Input of a pipe is hashed in several segments at once, but verified in one after the other.

@@ -52,6 +52,19 @@ void AddUses(ContainerTable<ContainerDiff>& table, DORecord const& record, Conta
     }
 }
 
+// Returns: the entries for which wanted(entry) is true, by id.
+template <class Wanted>
+std::vector<ContainerDiff> Select(ContainerTable<ContainerDiff> const& table, Wanted wanted) {
+    std::vector<ContainerDiff> selected;
+    for (std::size_t i = 0; i < table.size(); ++i) {
+        if (wanted(table[i])) {
+            selected.push_back(table[i]);
+        }
+    }
+    std::sort(selected.begin(), selected.end(), [](auto const& x, auto const& y) { return x.dcid < y.dcid; });
+    return selected;
+}
+
 } // namespace
 
 void DiffHeaders(DORecord const& a, DORecord const& b,
@@ -115,14 +128,13 @@ std::vector<ContainerDiff> DiffContainers(DORecord const& a, DORecord const& b) 
     ContainerTable<ContainerDiff> table;
     AddUses(table, a, &ContainerDiff::a);
     AddUses(table, b, &ContainerDiff::b);
-    std::vector<ContainerDiff> different;
-    for (std::size_t i = 0; i < table.size(); ++i) {
-        if (table[i].a != table[i].b) {
-            different.push_back(table[i]);
-        }
-    }
-    std::sort(different.begin(), different.end(), [](auto const& x, auto const& y) { return x.dcid < y.dcid; });
-    return different;
+    return Select(table, [](ContainerDiff const& container) { return container.a != container.b; });
+}
+
+std::vector<ContainerDiff> WronglyListed(DORecord const& record) {
+    ContainerTable<ContainerDiff> table;
+    AddUses(table, record, &ContainerDiff::a);
+    return Select(table, [](ContainerDiff const& container) { return container.a.listed != container.a.bytes; });
 }
 
 } // namespace crrecord::tool

@@ -51,4 +51,7 @@ struct ContainerDiff {
 // Returns: the containers whose sums differ, by id. Memory: 63 bytes for each container.
 std::vector<ContainerDiff> DiffContainers(DORecord const& a, DORecord const& b);
 
+// Returns: the containers of one record, as `a`, whose bytes in the list are not those of its segments, by id.
+std::vector<ContainerDiff> WronglyListed(DORecord const& record);
+
 } // namespace crrecord::tool

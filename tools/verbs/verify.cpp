@@ -1,12 +1,17 @@
 // crrecord verify: compares the data of a file with its DO record.
 
+#include "analysis/record_diff.h"
 #include "io/progress.h"
+#include "record/crc32.h"
 #include "record/do_record.h"
 #include "record/fingerprinter.h"
 #include "record/record_findings.h"
+#include "record/show_object.h"
 #include "verbs/verbs.h"
 
 #include <crrecord/do_types.h>
+
+#include <libdeflate.h>
 
 namespace crrecord::tool {
 
@@ -16,13 +21,25 @@ struct VerifyOptions {
     std::string record;
     std::string file;
     FormOptions form;
+    bool noCrc = false;
     bool json = false;
+};
+
+// What was compared, as words of the text and of the JSON array "checked".
+struct Checks {
+    std::vector<std::string_view> done{"fingerprints", "gaps", "size"};
+    std::string notDone; // with the reasons, for the text
+
+    void Skip(std::string_view what, std::string_view reason) {
+        notDone += fmt::format("{}{} ({})", notDone.empty() ? "" : ", ", what, reason);
+    }
 };
 
 // Prints each difference as a line or as an element of the JSON object's array.
 class Report {
 public:
-    Report(VerifyOptions const& options, Output& out) : options_(options), file_(Printable(options.file)), out_(out) {
+    Report(VerifyOptions const& options, Output& out)
+        : options_(options), record_(Printable(options.record)), file_(Printable(options.file)), out_(out) {
         if (options_.json) {
             out_.Print(R"({},"record":{},"file":{},"differences":[)", JsonStart(), JsonQuoted(options_.record),
                        JsonQuoted(options_.file));
@@ -41,8 +58,7 @@ public:
 
     void BadOffset(unsigned int index, std::uint64_t position, std::uint64_t stored) {
         ++others_;
-        Print(fmt::format("{}: segment {}: the record's offset is {}, expected {}", Printable(options_.record), index,
-                          stored, position),
+        Print(fmt::format("{}: segment {}: the record's offset is {}, expected {}", record_, index, stored, position),
               fmt::format(R"("offset","index":{},"expected":"{}","found":"{}")", index, position, stored));
     }
 
@@ -53,12 +69,28 @@ public:
               fmt::format(R"("gap","offset":"{}","size":"{}","data_at":"{}")", position, size, dataAt));
     }
 
-    ExitCode Close(std::uint64_t segments, std::uint64_t expectedSize, std::uint64_t size) {
+    void BadCrc(std::uint32_t stored, std::uint32_t computed) {
+        ++others_;
+        Print(fmt::format("{}: the record's CRC is {}, expected {}, the CRC-32 of the data", record_, CrcText(stored),
+                          CrcText(computed)),
+              fmt::format(R"("CRC","expected":{},"found":{})", computed, stored));
+    }
+
+    void BadContainer(ContainerDiff const& container) {
+        ++others_;
+        Print(fmt::format("{}: container {}: {} in the record's list, expected {}, those of its segments", record_,
+                          container.dcid, Counted(container.a.listed, "byte"), container.a.bytes),
+              fmt::format(R"("container","dcid":"{}","expected":"{}","found":"{}")", container.dcid, container.a.bytes,
+                          container.a.listed));
+    }
+
+    ExitCode Close(std::uint64_t segments, std::uint64_t expectedSize, std::uint64_t size, Checks const& checks) {
         bool const same = badSegments_ == 0 && others_ == 0 && size == expectedSize;
         if (options_.json) {
-            out_.Print(R"(],"segments":"{}","bad_segments":"{}","size":"{}","expected_size":"{}","same":{}}})"
+            out_.Print(R"(],"segments":"{}","bad_segments":"{}","size":"{}","expected_size":"{}",)"
+                       R"("checked":["{}"],"same":{}}})"
                        "\n",
-                       segments, badSegments_, size, expectedSize, same);
+                       segments, badSegments_, size, expectedSize, fmt::join(checks.done, "\",\""), same);
             return same ? ExitCode::AllWell : ExitCode::BadRecord;
         }
         if (size != expectedSize) {
@@ -66,6 +98,8 @@ public:
         }
         out_.Print("{}: {}, {}: {}\n", file_, Counted(segments, "segment"), Counted(size, "byte"),
                    same ? "matches the record" : fmt::format("differs, {} bad", Counted(badSegments_, "segment")));
+        out_.Print("{}: checked: {}{}{}\n", file_, fmt::join(checks.done, ", "),
+                   checks.notDone.empty() ? "" : "; not checked: ", checks.notDone);
         return same ? ExitCode::AllWell : ExitCode::BadRecord;
     }
 
@@ -80,6 +114,7 @@ private:
     }
 
     VerifyOptions const& options_;
+    std::string record_;
     std::string file_;
     Output& out_;
     char const* separator_ = "";
@@ -124,6 +159,10 @@ public:
         }
     }
 
+    // Returns: the CRC-32 of the bytes read so far.
+    std::uint32_t Crc() const { return CrcAfterZeros(crc_, zerosAfterCrc_); }
+    std::uint64_t Position() const { return position_; }
+
     // Returns: the file's size. Only an input of unknown size, such as a pipe, is read to its end.
     std::uint64_t Finish() {
         if (input_.Name() != "-" && !ended_ && position_ < input_.ExpectedSize()) {
@@ -154,6 +193,11 @@ private:
             std::size_t const size = std::min<std::uint64_t>({block_.size(), most, dataAhead_});
             piece.bytes = std::span(block_).first(input_.Read(std::span(block_).first(size)));
             dataAhead_ -= piece.bytes.size();
+        }
+        zerosAfterCrc_ += piece.hole;
+        if (!piece.bytes.empty()) {
+            crc_ = CrcAfterZeros(crc_, std::exchange(zerosAfterCrc_, 0));
+            crc_ = libdeflate_crc32(crc_, piece.bytes.data(), piece.bytes.size());
         }
         position_ += piece.hole + piece.bytes.size();
         ended_ = piece.hole == 0 && piece.bytes.empty();
@@ -204,10 +248,44 @@ private:
     std::uint64_t position_ = 0;
     std::uint64_t dataAhead_ = 0; // bytes before the next possible hole
     bool ended_ = false;
+    std::uint32_t crc_ = 0;           // of the bytes read but the last ones, a hole
+    std::uint64_t zerosAfterCrc_ = 0; // bytes of that hole
     Fingerprinter fingerprinter_;
     std::optional<crfp_digest_t> zeros_; // the fingerprint of `zerosSize_` zeros
     std::uint32_t zerosSize_ = 0;
 };
+
+// Compares the record's CRC with that of the whole object, which was read.
+void CheckCrc(VerifyOptions const& options, DORecord const& record, Verifier const& verifier, Report& report,
+              Checks& checks) {
+    std::uint32_t const stored = record.GetCrc();
+    if (options.noCrc) {
+        checks.Skip("CRC", "--no-crc");
+    } else if (options.form.checksum) {
+        checks.Skip("CRC", "the form has a checksum of its body instead");
+    } else if (verifier.Position() < record.GetSize()) {
+        checks.Skip("CRC", "the file is too short");
+    } else if (stored == 0 && verifier.Crc() != 0) {
+        checks.Skip("CRC", "the record has none");
+    } else {
+        checks.done.push_back("CRC");
+        if (verifier.Crc() != stored) {
+            report.BadCrc(stored, verifier.Crc());
+        }
+    }
+}
+
+// Compares the record's list of containers with its segments.
+void CheckList(DORecord const& record, Report& report, Checks& checks) {
+    if (record.GetNudcid() == 0) {
+        checks.Skip("containers", "the record has no list of them");
+        return;
+    }
+    checks.done.push_back("containers");
+    for (ContainerDiff const& container : WronglyListed(record)) {
+        report.BadContainer(container);
+    }
+}
 
 ExitCode Verify(VerifyOptions const& options, Output& out) {
     if (options.record == "-" && options.file == "-") {
@@ -229,9 +307,12 @@ ExitCode Verify(VerifyOptions const& options, Output& out) {
         segments, record->GetDOType(), segments.size(),
         [&](auto index, auto position, DOSegment const& segment) { verifier.CheckSegment(index, position, segment); });
     verifier.CheckGap(record->GetSize());
+    Checks checks;
+    CheckCrc(options, *record, verifier, report, checks);
+    CheckList(*record, report, checks);
     std::uint64_t const size = verifier.Finish();
     input.ThrowIfChanged();
-    return report.Close(segments.size(), record->GetSize(), size);
+    return report.Close(segments.size(), record->GetSize(), size, checks);
 }
 
 } // namespace
@@ -241,13 +322,16 @@ void AddVerify(CLI::App& app, Action& chosen) {
         AddVerb(app, chosen, "verify", "Compare the data of a file with its DO record", Verify);
     AddFile(verb, "RECORD", options.record, "The DO record; - is standard input")->required();
     AddFile(verb, "FILE", options.file, "The file that it describes; - is standard input")->required();
+    verb.add_flag("--no-crc", options.noCrc, "Do not check the record's CRC, which may be another checksum");
     verb.add_flag("--json", options.json, "One JSON object with all differences");
     AddFormOptions(verb, options.form);
     verb.footer("Reads FILE once and lists each segment whose data has a fingerprint other than the recorded one, each "
                 "gap that\n"
-                "is not all zeros, and a different size: status 1. Holes of a sparse FILE, and data after the record's "
-                "size, are\n"
-                "not read.\n\n"
+                "is not all zeros, a different size, a CRC of the record other than the CRC-32 of the data, and each "
+                "container\n"
+                "with other bytes in the record's list than in its segments: status 1. A CRC of 0 is none. The last "
+                "line names\n"
+                "what was checked. Holes of a sparse FILE, and data after the record's size, are not read.\n\n"
                 "Example:\n  crrecord verify movie.do movie.mkv");
 }
 
