@@ -38,6 +38,35 @@ TEST_F(Tool, DiffMatchesEachSegmentOnce) {
     }
 }
 
+TEST_F(Tool, DiffJoinsSegmentsToRuns) {
+    struct {
+        char const *a, *b, *runs;
+    } const cases[] = {
+        {"a4@0/64 b4@4/64 c4@8/64 d4@12/64", "x4@0/64 a4@4/64 b4@8/64 c4@12/65 d4@16/65",
+         "moved by +1: 4 segments, 16 bytes (0 to 3), offsets by +4\nadded: 1 segment, 4 bytes (0 to 0)\n"},
+        {"a4@0/64 b4@4/64 c4@8/64 d4@12/64", "d4@0/64 b4@4/65 c4@8/65",
+         "relocated from container 64 to 65: 2 segments, 8 bytes (1 to 2)\n"
+         "moved by -3: 1 segment, 4 bytes (3 to 3), offsets by -12\nremoved: 1 segment, 4 bytes (0 to 0)\n"},
+        {"a4@0/64 b4@4/64 c4@8/64", "a4@0/65 b4@4/66 c4@9/64", // another container, another distance
+         "relocated from container 64 to 65: 1 segment, 4 bytes (0 to 0)\n"
+         "relocated from container 64 to 66: 1 segment, 4 bytes (1 to 1)\n"
+         "moved by +0: 1 segment, 4 bytes (2 to 2), offsets by +1\n"},
+        {"a4@0/64 b4@4/64 c4@8/64", "a4@1/64 b4@5/64 c4@10/64",
+         "moved by +0: 2 segments, 8 bytes (0 to 1), offsets by +1\n"
+         "moved by +0: 1 segment, 4 bytes (2 to 2), offsets by +2\n"},
+    };
+    for (auto const& row : cases) {
+        Write("a", Spell(Object(row.a)).bytes);
+        Write("b", Spell(Object(row.b)).bytes);
+        ASSERT_EQ(Run("diff a b"), 1) << err;
+        EXPECT_EQ(out.substr(0, out.find("shared ")), row.runs);
+    }
+    ASSERT_EQ(Run("diff a b --json"), 1) << err;
+    EXPECT_EQ(json::parse(out)["runs"][1], json::parse(R"({"what": "moved", "segments": "1", "bytes": "4",
+        "a": {"index": 2, "offset": "8", "dcid": "64"}, "b": {"index": 2, "offset": "10", "dcid": "64"}})"));
+    EXPECT_TRUE(Run("diff a b --json --summary") == 1 && !json::parse(out).contains("runs")) << out;
+}
+
 TEST_F(Tool, DiffTellsWhatElseDiffers) {
     RecordValues values = Object(kObject), bloom = Example(4, 0);
     values.references = {{0, 1}, {2, 3}, {4, 5}};
@@ -57,7 +86,11 @@ TEST_F(Tool, DiffTellsWhatElseDiffers) {
     found.merge_patch(expected);
     EXPECT_EQ(json::parse(out), found);
     Run("diff a b | grep -A 9 'mtime: 1996-02-26 22:24:52 UTC ->'");
-    EXPECT_NE(out.find("container 65: 1 segment of 5 bytes, 0 bytes listed -> 1 "), out.npos) << out;
+    EXPECT_NE(out.find("\ncontainer 65: listed 0 bytes -> 5 bytes\n"), out.npos) << out;
+    EXPECT_EQ(Run("diff --summary a b"), 1);
+    EXPECT_TRUE(out.starts_with("shared    5 segments") &&
+                out.ends_with("relocated 0 segments of 0 bytes\na and b: different\n"))
+        << out;
     Write("a", Spell(bloom, true).bytes);
     bloom.bitmap[4] ^= 1;
     Write("b", Spell(bloom, true).bytes);

@@ -61,7 +61,8 @@ def schema():
             failures.append(f"{arguments}: JSON of JSON is different")
         pairs = [(record, shown + lines_of("show", "--json", *arguments)),
                  (record, [json.loads(line) for line in converted.splitlines()]),
-                 (findings, told + lines_of("validate", "--json", *arguments[:-1], __file__)),
+                 (findings, told[:-1] + lines_of("validate", "--json", *arguments[:-1], __file__)[:-1]),
+                 (of("validateLine"), told[-1:]),
                  (of("digestLine"), lines_of("digest", "--json", *arguments)),
                  (of("annotateLine"), lines_of("annotate", "--json", *arguments[:-1], __file__, arguments[-1]))]
         if shown[0]["kind"] == "do":
@@ -81,7 +82,44 @@ def schema():
         failures.append(f"not every kind and DO type was seen: {seen}")
 
 
+# Members that are texts even if they have decimal digits only.
+TEXTS = {"file", "out", "record_file", "fingerprint", "fingerprints", "digest", "key", "bitmap", "tail", "value"}
+
+
+def as_numbers(value):
+    """The same JSON with numbers for strings of decimal digits."""
+    if isinstance(value, dict):
+        texts = TEXTS | ({"bytes"} if "section" in value else set())
+        return {key: part if key in texts else as_numbers(part) for key, part in value.items()}
+    if isinstance(value, list):
+        return [as_numbers(part) for part in value]
+    return int(value) if isinstance(value, str) and value.isdecimal() else value
+
+
+def numbers(of):
+    do5, so = GOLDEN / "do5-sha256.host", GOLDEN / f"{SO}.host"
+    do3, gaps = GOLDEN / "do3-sha256.host", GOLDEN / "do3-md5-gaps.host"
+    for name, *arguments in ((None, "show", do5, so), ("digestLine", "digest", do5), ("annotateLine", "annotate", so),
+                             ("refsLine", "refs", do5), ("statsLine", "stats", "--unique", do5),
+                             ("liveLine", "live", do3, so), ("lostLine", "lost", "--container", 64, do3), ("diffLine", "diff", do3, gaps),
+                             ("diffLine", "diff", "--segments", do3, gaps), ("verifyLine", "verify", gaps, __file__),
+                             ("changesLine", "refs", do5, "--add", "task:1", "-o", "/dev/null"),
+                             ("redactLine", "redact", do5, "-o", "/dev/null"),
+                             ("buildLine", "build", __file__, "-o", "/dev/null"),
+                             ("segmentsBuildLine", "segments", "build", __file__, "-o", "/dev/null")):
+        strings, found = lines_of(*arguments, "--json"), lines_of(*arguments, "--json", "--numbers")
+        if not found or as_numbers(strings) != found:
+            failures.append(f"--numbers: {arguments}: {found}")
+        failures.extend(f"--numbers: {arguments}: {error.message}" for line in found
+                        for error in of(name).iter_errors(line))
+    line = run("show", "--json", "--numbers", "--show-keys", so).stdout
+    if run("convert", "-", "--to", "host", "-o", "/dev/null", given=line).returncode != 1 or \
+            b"--numbers" not in run("convert", so, "--to", "json", "--json", "--numbers", "-o", "-").stderr:
+        failures.append("convert takes numbers that may have lost digits")
+
+
 def other_verbs(of):
+    numbers(of)
     out = ("--json", "-o", "/dev/null")
     do3, gaps = GOLDEN / "do3-sha256.host", GOLDEN / "do3-md5-gaps.host"
     for name, *arguments in (("buildLine", "build", __file__, *out),
@@ -98,6 +136,7 @@ def other_verbs(of):
                              ("recallLine", "recall", "--json", do3, "--cache", "1"),
                              ("verifyLine", "verify", "--json", gaps, __file__),
                              ("diffLine", "diff", "--json", "--segments", do3, gaps),
+                             ("validateLine", "validate", "--json", "--bad-only", do3),
                              ("findingsLine", "refs", "--json", __file__)):
         lines = lines_of(*arguments)
         if "--dry-run" in arguments:  # the last line is the closing line

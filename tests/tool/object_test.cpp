@@ -58,7 +58,7 @@ TEST_F(Tool, BuildsAndDigestsTheseDORecords) {
         Bytes const bytes = Spell(expected, true).bytes;
         EXPECT_EQ(Read("out"), bytes);
         json closing = json::parse(R"({"schema": 1, "file": "in", "out": "out", "bytes": "8", "segments": "3",
-            "gap_bytes": "0", "containers": "2", "first_container": "64", "last_container": "65", "crc": 2588679498})");
+            "gap_bytes": "0", "containers": "2", "first_container": "64", "last_container": "65", "CRC": 2588679498})");
         closing["record_bytes"] = std::to_string(bytes.size());
         EXPECT_EQ(json::parse(out), closing);
         ASSERT_EQ(Shell("\"$T\" verify out in && \"$T\" build - -o -" + sizes + " <in | \"$T\" verify - in"), 0);
@@ -149,7 +149,14 @@ TEST_F(Tool, ShowsEveryFieldOfADORecord) {
     ASSERT_EQ(Run("show in --json --segments 2:"), 0);
     EXPECT_EQ(Lines()[0], expected);
     ASSERT_EQ(Shell("$T show in --segments 3: | tail -n 1; $T show in --records 2:3"), 0);
-    EXPECT_EQ(out, "No segments in this range: the last one is 2\nin: no records in this range: the last one is 1\n");
+    EXPECT_EQ(out, "No segments in this range: the last one is 2, counted from 0\n"
+                   "in: no records in this range: the last one is 1, counted from 1\n");
+    ASSERT_EQ(
+        Shell("$T show in --segments 2 | grep -c '^ .*  [0-9a-f]\\{32\\}$'; $T show in --segments none | tail -n 2"),
+        0);
+    EXPECT_EQ(out, "1\nreferences\n  task:99 (legacy)\n");
+    ASSERT_EQ(Run("show in --json --segments none"), 0);
+    EXPECT_TRUE(Lines()[0]["nfp"] == 3 && Lines()[0]["segments"] == json::array()) << out;
     ASSERT_EQ(Run("show in --text"), 0);
     EXPECT_EQ(out.substr(0, 55), "3,1,2,65,8,3,2588679498,555885348,825373492,0,3,3,[[900");
     EXPECT_EQ(out.substr(out.size() - 31), "6710,2,6][64,64,65]],[task:99]\n");
@@ -157,6 +164,24 @@ TEST_F(Tool, ShowsEveryFieldOfADORecord) {
     ASSERT_EQ(Run("show in --json --serialized --dotype 4 --fptype 3"), 0) << err;
     EXPECT_EQ(Lines()[0]["bitmap"], "b1b2b3b4b5");
     EXPECT_EQ(Lines()[0]["containers"][0]["dcid"], "7017280452245743464");
+}
+
+// DO type 1 has no offsets, so they are positions; DO type 3 has a gap; a segment record has one row.
+TEST_F(Tool, ShowsSegmentsAsCsv) {
+    RecordValues gap = Abcabc12(3, 0);
+    gap.size += 10;
+    gap.segments[2].offset += 10;
+    Bytes stored = Golden({true, 1}), elsewhere = stored;
+    Splice(stored, 24, Spelled(99, 8, true) + Spelled(0, 8, true) + Spelled(5, 8, true));
+    Splice(elsewhere, 40, Spelled(5, 8, true));
+    Write("in", Spell(gap, true).bytes + stored + Spell(Abcabc12(1, 0)).bytes + elsewhere + Spell(Example(4, 0)).bytes);
+    std::string const abc = kAbcAnd12[0][0], rest = kAbcAnd12[0][1], own = "2c0102030405060708090a0b0c0d0e0f";
+    ASSERT_EQ(Run("show --csv in"), 0) << err;
+    EXPECT_EQ(out, "record,segment,fingerprint,size,offset,dcid\n1,0," + abc + ",3,0,64\n1,1," + abc + ",3,3,64\n1,2," +
+                       rest + ",2,16,65\n2,," + own + ",5,,99\n3,0," + abc + ",3,0,64\n3,1," + abc + ",3,3,64\n3,2," +
+                       rest + ",2,6,65\n4,," + own + ",5,,\n");
+    ASSERT_EQ(Run("show --csv in --records 3 --segments 1"), 0) << err;
+    EXPECT_EQ(out, "record,segment,fingerprint,size,offset,dcid\n3,1," + abc + ",3,3,64\n");
 }
 
 // A stream of both kinds in both orders, cut anywhere, ends in a bad record unless it ends between two.
@@ -175,7 +200,7 @@ TEST_F(Tool, StreamsOfBothKinds) {
             SCOPED_TRACE(testing::Message() << record << ": " << part);
             Write("in", {&whole[0], &whole[from] + part});
             ASSERT_EQ(Run("validate --json in"), part == size ? 0 : 1) << err;
-            json const last = Lines().back();
+            json const last = Lines().at(record - 1);
             EXPECT_TRUE(last["record"] == record && last["offset"] == std::to_string(from)) << last;
             EXPECT_EQ(last["valid"], part == size);
             for (char const* const verb : {"show in", "digest in", "convert in --to host -o out"}) {

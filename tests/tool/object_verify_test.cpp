@@ -12,7 +12,7 @@ TEST_F(Tool, HolesAreGapsOfType3AndZerosOtherwise) {
     ASSERT_EQ(Shell(std::string(kSparse) + "\"$T\" build sparse -o record --segment-size 64K --json"), 0) << err;
     json const closing = json::parse(out);
     EXPECT_EQ(closing["bytes"], "2097152");
-    EXPECT_EQ(closing["crc"], 1235701743);
+    EXPECT_EQ(closing["CRC"], 1235701743);
     ASSERT_EQ(Run("show --json record"), 0) << err;
     json const record = Lines()[0];
     if (closing["gap_bytes"] == "0") {

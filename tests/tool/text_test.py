@@ -98,7 +98,8 @@ def terminal():
         done = run(*named)
         check(not unsafe(done.stderr), "messages", named, done.stderr)
         check("--json" not in named or not unsafe(done.stdout), "JSON", named, done.stdout)
-    check(json.loads(run("validate", "--json", do).stdout)["file"] == do.decode(errors="replace"), "name in JSON")
+    line = json.loads(run("show", "--json", do).stdout)
+    check((line["file"], line["file_hex"]) == (do.decode(errors="replace"), do.hex()), "name in JSON", line)
     held = [["schema"], ["refs", do], ["convert", do, "--to", "host", "-o", "-"]]
     for name, record, at in (("objects", OBJECT, 80), ("segments", SEGMENT, 96 + 8)):
         records = b"".join(record[:at] + bytes([byte]) + record[at + 1:] for byte in b"\0" + RAW)
@@ -141,7 +142,7 @@ def names():
         ways = [["--", name], ["--", "good", name], ["good", "--", name]]
         for way in ways + ([] if name[0] == "-" else [[name], [name, "good"]]):
             done = run("validate", "--json", *way)
-            told = {line["file"]: line["valid"] for line in map(json.loads, done.stdout.splitlines())}
+            told = {line["file"]: line["valid"] for line in map(json.loads, done.stdout.splitlines()[:-1])}
             expected = {name if "--" in way else shown: False} | ({"good": True} if "good" in way else {})
             check(done.returncode == 1 and told == expected, way, told, done.stderr)
         for arguments in (["convert", "good", "--to", "host"], ["redact", "good", "a"], ["map", "good"],

@@ -107,11 +107,12 @@ TEST_F(Tool, NamesDamage) {
         bool const bad = row.finding.find(" note ") == std::string::npos && !row.finding.empty();
         ASSERT_EQ(Run("validate --json in"), bad ? 1 : 0) << err;
         auto const lines = Lines();
-        ASSERT_EQ(lines.size(), row.records);
+        ASSERT_EQ(lines.size(), row.records + 1);
         EXPECT_EQ(FindingsOf(lines[1]).substr(0, row.finding.size()), row.finding);
         EXPECT_EQ(lines[1]["findings"].empty(), row.finding.empty());
         EXPECT_TRUE(lines[1]["valid"] == !bad && lines[0]["findings"].empty());
-        EXPECT_EQ(lines.back()["valid"], row.records == 3);
+        EXPECT_EQ(lines[row.records - 1]["valid"], row.records == 3);
+        EXPECT_TRUE(lines.back()["records"] == std::to_string(row.records) && lines.back()["files"] == "1");
         EXPECT_EQ(Run("validate --json --first in"), bad ? 1 : 0);
         EXPECT_EQ(Lines()[1]["findings"].size(), bad ? 1u : 0u);
         for (char const* const verb : {"show in", "digest in", "convert in --to host -o out", "validate --quiet in"}) {
@@ -152,7 +153,9 @@ TEST_F(Tool, SaysWhyItCannotWork) {
         {"shw in", "no such verb or option: shw (try: crrecord --help)"},
         {"convert in -o out", "--to is required (try: crrecord convert --help)"},
         {"show --records 3:1 in",
-         "--records: \"3:1\" is not FROM:TO, such as 1:20, 21: or :20 (try: crrecord show --help)"},
+         "--records: \"3:1\" is not N or FROM:TO, counted from 1, such as 3, 1:20, 21: or :20 (try: crrecord show "
+         "--help)"},
+        {"show --csv in in", "--csv reads one FILE, because its rows do not name the file"},
         {"segments build in -o out --container-size 1K",
          "a container of 1024 bytes cannot hold a segment of 131072: raise --container-size"},
         {"segments build seg -o out --first-container 4294967295 --segment-size 100 --container-size 100",
@@ -174,7 +177,8 @@ TEST_F(Tool, SaysWhyItCannotWork) {
         {"convert seg --to serialized --checksum -o out",
          "seg: is a segment record, whose exchange form has no checksum"},
         {"show --segments 2:1 in",
-         "--segments: \"2:1\" is not FROM:TO, such as 0:19, 20: or :19 (try: crrecord show --help)"},
+         "--segments: \"2:1\" is not N or FROM:TO, counted from 0, such as 2, 0:19, 20: or :19 (try: crrecord show "
+         "--help)"},
         {"verify - -", "standard input can be either the record or the file"},
         {"convert two --to serialized -o out",
          "two: has more than one record, and an exchange form does not store its length"},
@@ -296,6 +300,7 @@ TEST_F(Tool, FileNamesOfAnyBytes) {
     Write(name, {});
     ASSERT_EQ(Run("validate --json *"), 1);
     EXPECT_EQ(Lines()[0]["file"], "a\"\\\n\x01\xc3\xa4\xef\xbf\xbd");
+    EXPECT_EQ(Lines()[0]["file_hex"], "61225c0a01c3a4ff");
     ASSERT_EQ(Run("show *"), 1);
     EXPECT_EQ(err, "crrecord: a\"\\??\xc3\xa4?: record 1 at byte 0: error so-length in length at byte 0: found 0, "
                    "expected 96: Invalid SO record: size 0, expected at least 96 (the input is empty)\n");

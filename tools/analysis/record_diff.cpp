@@ -10,7 +10,7 @@ namespace crrecord::tool {
 
 namespace {
 
-std::string Decimal(std::uint64_t value) {
+std::string DecimalText(std::uint64_t value) {
     return std::to_string(value);
 }
 
@@ -23,7 +23,7 @@ std::string As(std::uint64_t value) {
 struct ComparedField {
     char const* name;
     std::uint64_t (*get)(DORecord const&);
-    std::string (*text)(std::uint64_t) = Decimal;
+    std::string (*text)(std::uint64_t) = DecimalText;
 };
 constexpr ComparedField kComparedFields[] = {
     {"flags", [](DORecord const& record) -> std::uint64_t { return record.GetFlags(); }, As<FlagsText>},

@@ -129,4 +129,22 @@ void MatchSegments(PlacedSegments const& a, PlacedSegments const& b, UseMatch co
     matcher.UseUnmatched();
 }
 
+bool MatchRun::Extend(Fate with, PlacedSegment const* inA, PlacedSegment const* inB) {
+    auto const follows = [this](std::optional<PlacedSegment> const& first, PlacedSegment const* next) {
+        return first.has_value() == (next != nullptr) && (!next || next->index == first->index + segments);
+    };
+    if (segments == 0 || with != fate || !follows(a, inA) || !follows(b, inB)) {
+        return false;
+    }
+    bool const isOneShift = with != Fate::Moved || inB->position - inA->position == b->position - a->position;
+    bool const isOneMove =
+        with != Fate::Shared || (inA->segment.dcid == a->segment.dcid && inB->segment.dcid == b->segment.dcid);
+    if (!isOneShift || !isOneMove) {
+        return false;
+    }
+    ++segments;
+    bytes += (inA ? inA : inB)->segment.size;
+    return true;
+}
+
 } // namespace crrecord::tool

@@ -5,6 +5,7 @@
 #include "record/do_record.h"
 
 #include <functional>
+#include <optional>
 
 namespace crrecord::tool {
 
@@ -14,6 +15,7 @@ enum class Fate { Shared, Moved, Added, Removed };
 struct PlacedSegment {
     DOSegment segment;
     std::uint64_t position;
+    std::uint32_t index;
 };
 
 // The segments of an open record with their positions. Memory: 8 bytes for each.
@@ -23,7 +25,7 @@ public:
 
     std::uint32_t size() const { return segments_.size(); }
     std::uint64_t PositionOf(std::uint32_t i) const { return positions_[i]; }
-    PlacedSegment operator[](std::uint32_t i) const { return {segments_[i], positions_[i]}; }
+    PlacedSegment operator[](std::uint32_t i) const { return {segments_[i], positions_[i], i}; }
     unsigned int FPType() const { return fptype_; }
 
 private:
@@ -41,5 +43,18 @@ using UseMatch = std::function<void(Fate, PlacedSegment const* a, PlacedSegment 
 //
 // Linear in the segments. Memory: 31 bytes for each segment of A, 9 for each of B.
 void MatchSegments(PlacedSegments const& a, PlacedSegments const& b, UseMatch const& use);
+
+// Segments that follow one another in both objects and have one fate: moved by the same number of bytes, or shared and
+// relocated from one container to one other.
+struct MatchRun {
+    Fate fate{};
+    std::uint64_t segments = 0;
+    std::uint64_t bytes = 0;
+    std::optional<PlacedSegment> a{}; // the first one; none for added segments
+    std::optional<PlacedSegment> b{}; // none for removed ones
+
+    // Returns: true for a segment that continues the run, which it then has.
+    bool Extend(Fate with, PlacedSegment const* inA, PlacedSegment const* inB);
+};
 
 } // namespace crrecord::tool

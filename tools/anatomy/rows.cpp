@@ -141,8 +141,9 @@ void JsonRows::Begin(Record const& record, bool valid, std::vector<Finding> cons
 void JsonRows::Add(std::uint64_t start, Row const& row) {
     fmt::memory_buffer& to = out_.Buffer();
     fmt::format_to(std::back_inserter(to),
-                   FMT_COMPILE(R"({}{{"offset":"{}","size":"{}","section":"{}","field":"{}","value":"{}","bytes":")"),
-                   separator_, start - start_ + row.offset, row.bytes.size(), row.section, row.field, row.value);
+                   FMT_COMPILE(R"({}{{"offset":{},"size":{},"section":"{}","field":"{}","value":"{}","bytes":")"),
+                   separator_, Decimal{start - start_ + row.offset}, Decimal{row.bytes.size()}, row.section, row.field,
+                   row.value);
     for (auto left = row.bytes; !left.empty(); left = left.subspan(std::min(kBlock, left.size()))) {
         AppendHex(to, left.first(std::min(kBlock, left.size())));
         out_.FlushWhenFull();
@@ -155,7 +156,7 @@ void JsonRows::Add(std::uint64_t start, Row const& row) {
 void JsonRows::End(std::vector<Finding> const& findings) {
     out_.Write("]");
     AppendJsonFindings(out_.Buffer(), findings);
-    out_.Print(",\"size\":\"{}\"}}\n", size_);
+    out_.Print(",\"size\":{}}}\n", Decimal{size_});
 }
 
 } // namespace crrecord::tool

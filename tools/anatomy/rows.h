@@ -35,7 +35,7 @@ private:
 // One JSON object for each record. Offsets are relative to the record, as in findings.
 class JsonRows {
 public:
-    JsonRows(Output& out, std::string_view file) : out_(out), quotedFile_(JsonQuoted(file)) {}
+    JsonRows(Output& out, std::string_view file) : out_(out), quotedFile_(JsonName("file", file)) {}
 
     void Begin(Record const& record, bool valid, std::vector<Finding> const& findings);
     void Add(std::uint64_t start, Row const& row);

@@ -42,6 +42,18 @@ std::string JsonQuoted(std::string_view text) {
     return quoted += '"';
 }
 
+std::string JsonName(std::string_view member, std::string_view name) {
+    std::string value = JsonQuoted(name);
+    bool isUtf8 = true;
+    ForEachCharacter(name, [&](std::uint32_t character, std::string_view) { isUtf8 &= character != kNotUtf8; });
+    if (!isUtf8) {
+        fmt::memory_buffer hex;
+        AppendHex(hex, {reinterpret_cast<unsigned char const*>(name.data()), name.size()});
+        value += fmt::format(R"(,"{}_hex":"{}")", member, fmt::to_string(hex));
+    }
+    return value;
+}
+
 void AppendHex(fmt::memory_buffer& to, std::span<unsigned char const> bytes) {
     constexpr std::size_t kBlock = 16;
     for (; bytes.size() >= kBlock; bytes = bytes.subspan(kBlock)) {

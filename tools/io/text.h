@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -50,6 +51,20 @@ std::string Printable(std::string_view text);
 // Returns: a JSON string with its quotes. Unsafe characters are escaped; each byte that is not UTF-8 becomes U+FFFD.
 std::string JsonQuoted(std::string_view text);
 
+// Returns: the value of a JSON member with a file name, and, if the name is not UTF-8, the member `member`_hex with its
+// bytes as hexadecimal digits.
+std::string JsonName(std::string_view member, std::string_view name);
+
+// A 64-bit number in JSON, a string of decimal digits: many readers lose digits of large numbers. Without quotes after
+// UseNumbers().
+struct Decimal {
+    std::uint64_t value;
+
+    static void UseNumbers() { quote = ""; }
+
+    inline static std::string_view quote = "\"";
+};
+
 // Appends two lower-case hexadecimal digits for each byte.
 void AppendHex(fmt::memory_buffer& to, std::span<unsigned char const> bytes);
 
@@ -72,3 +87,16 @@ bool TakesSequences(int file);
 bool TakesColours(int file);
 
 } // namespace crrecord::tool
+
+template <>
+struct fmt::formatter<crrecord::tool::Decimal> {
+    constexpr auto parse(fmt::format_parse_context& context) { return context.begin(); }
+
+    template <class Context>
+    auto format(crrecord::tool::Decimal decimal, Context& context) const {
+        fmt::format_int const digits(decimal.value);
+        auto to = std::copy(decimal.quote.begin(), decimal.quote.end(), context.out());
+        to = std::copy_n(digits.data(), digits.size(), to);
+        return std::copy(decimal.quote.begin(), decimal.quote.end(), to);
+    }
+};

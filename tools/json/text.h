@@ -3,6 +3,7 @@
 #pragma once
 
 #include "base/hex.h"
+#include "io/text.h"
 
 #include <charconv>
 #include <cstring>
@@ -38,8 +39,8 @@ public:
         return *this;
     }
 
-    // 64-bit numbers are strings: many readers lose digits of large numbers. At most 22 characters.
-    Text& Decimal(std::uint64_t number) { return Put("\"").Number(number).Put("\""); }
+    // At most 22 characters.
+    Text& Decimal(std::uint64_t number) { return Put(tool::Decimal::quote).Number(number).Put(tool::Decimal::quote); }
 
     // Two characters for each byte. 32 more must be allocated.
     Text& Hex(unsigned char const* bytes, std::size_t count) {

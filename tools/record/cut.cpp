@@ -3,6 +3,7 @@
 #include "io/failure.h"
 #include "io/pipeline.h"
 #include "io/progress.h"
+#include "record/crc32.h"
 #include "record/cut_batch.h"
 #include "record/fingerprinter.h"
 
@@ -13,7 +14,6 @@
 
 #include <fmt/format.h>
 #include <libdeflate.h>
-#include <zlib.h>
 
 namespace crrecord::tool {
 
@@ -31,17 +31,6 @@ constexpr std::uint64_t kLeastParallelInput = 32UL * 1024 * 1024;
 static_assert(kBatch <= ParallelSha256::kMostBytes);
 constexpr std::uint64_t kMostMemory = 128UL * 1024 * 1024; // of all batches, two for each thread
 constexpr unsigned int kMostParallelThreads = 8;           // each hashes several GB/s
-
-// Returns: the CRC-32 of two parts from those of the parts. `bytes` is the size of the second one.
-std::uint32_t CombinedCrc(std::uint32_t crc, std::uint32_t next, std::uint64_t bytes) {
-    return static_cast<std::uint32_t>(crc32_combine(crc, next, static_cast<z_off_t>(bytes)));
-}
-
-// Returns: the CRC-32 after so many zeros follow. CRC-32 complements its state at both ends; in between, zeros only
-// shift it.
-std::uint32_t CrcAfterZeros(std::uint32_t crc, std::uint64_t bytes) {
-    return ~CombinedCrc(~crc, 0, bytes);
-}
 
 // Computes fingerprints and checksums of segments whose bytes arrive in order.
 class Digester {

@@ -19,6 +19,8 @@ struct Range {
     std::uint64_t first = 0;
     std::uint64_t last = std::numeric_limits<std::uint64_t>::max();
 
+    constexpr bool operator==(Range const&) const noexcept = default;
+
     // Returns: one past the last of `count` elements that is in the range.
     constexpr std::uint64_t EndOf(std::uint64_t count) const noexcept { return last < count ? last + 1 : count; }
 };

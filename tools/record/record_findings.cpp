@@ -119,8 +119,8 @@ void AppendJsonStart(fmt::memory_buffer& to, Record const& record) {
 }
 
 void AppendJsonStart(fmt::memory_buffer& to, std::string_view quotedFile, Record const& record, bool valid) {
-    fmt::format_to(std::back_inserter(to), FMT_COMPILE(R"({},"file":{},"record":{},"offset":"{}")"), JsonStart(),
-                   quotedFile, record.number, record.offset);
+    fmt::format_to(std::back_inserter(to), FMT_COMPILE(R"({},"file":{},"record":{},"offset":{})"), JsonStart(),
+                   quotedFile, record.number, Decimal{record.offset});
     AppendJsonKind(to, record);
     fmt::format_to(std::back_inserter(to), FMT_COMPILE(R"(,"valid":{})"), valid);
 }
@@ -132,9 +132,10 @@ void AppendJsonFindings(fmt::memory_buffer& to, std::vector<Finding> const& find
         fmt::format_to(
             std::back_inserter(to),
             FMT_COMPILE(
-                R"({}{{"code":{},"name":"{}","severity":"{}","offset":"{}","found":"{}","expected":"{}","field":{},"message":{}}})"),
-            separator, finding.code, CRFindingName(finding.code), NameOfSeverity(finding.severity), finding.offset,
-            finding.found, finding.expected, JsonQuoted(finding.field), JsonQuoted(finding.message));
+                R"({}{{"code":{},"name":"{}","severity":"{}","offset":{},"found":{},"expected":{},"field":{},"message":{}}})"),
+            separator, finding.code, CRFindingName(finding.code), NameOfSeverity(finding.severity),
+            Decimal{finding.offset}, Decimal{finding.found}, Decimal{finding.expected}, JsonQuoted(finding.field),
+            JsonQuoted(finding.message));
         separator = ",";
     }
     to.push_back(']');

@@ -45,8 +45,8 @@ inline constexpr unsigned int kJsonSchema = 1;
 // Returns: the start of the JSON object of any line. The object is left open.
 std::string JsonStart();
 
-// Appends the first members of a record's JSON object, which is left open. `quotedFile` is from JsonQuoted; without it
-// the members for the record's place are omitted.
+// Appends the first members of a record's JSON object, which is left open. `quotedFile` is from JsonName("file", ...);
+// without it the members for the record's place are omitted.
 void AppendJsonStart(fmt::memory_buffer& to, Record const& record);
 void AppendJsonStart(fmt::memory_buffer& to, std::string_view quotedFile, Record const& record, bool valid);
 

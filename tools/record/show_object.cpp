@@ -80,8 +80,8 @@ void PrintSegments(Output& out, DORecordView const& view, Range range) {
     DOSegmentRange const segments = view.Segments();
     std::uint64_t const end = range.EndOf(segments.size());
     if (range.first >= end) {
-        if (!segments.empty()) {
-            out.Print("\nNo segments in this range: the last one is {}\n", segments.size() - 1);
+        if (!segments.empty() && range != kNoSegments) {
+            out.Print("\nNo segments in this range: the last one is {}, counted from 0\n", segments.size() - 1);
         }
         return;
     }
@@ -95,7 +95,8 @@ void PrintSegments(Output& out, DORecordView const& view, Range range) {
         }
     });
     if (range.first != 0 || end != segments.size()) {
-        out.Print("Segments {} to {} of {}; --segments FROM:TO shows others\n", range.first, end - 1, segments.size());
+        out.Print("Segments {} to {}, counted from 0, of {}; --segments FROM:TO shows others\n", range.first, end - 1,
+                  segments.size());
     }
 }
 
@@ -132,10 +133,13 @@ Range ParseRange(std::string const& option, std::string const& text, std::uint64
         auto const [stop, error] = std::from_chars(from, to, number);
         return from == to || (error == std::errc() && stop == to);
     };
-    if (colon == end || !read(text.data(), colon, range.first) || !read(colon + 1, end, range.last) ||
-        range.first < least || range.last < range.first) {
-        throw CLI::ValidationError(option, fmt::format("\"{}\" is not FROM:TO, such as {}:{}, {}: or :{}", text, least,
-                                                       least + 19, least + 20, least + 19));
+    bool const isRange = colon != end && read(text.data(), colon, range.first) && read(colon + 1, end, range.last);
+    bool const isNumber = colon == end && !text.empty() && read(text.data(), end, range.first);
+    range.last = isNumber ? range.first : range.last;
+    if ((!isRange && !isNumber) || range.first < least || range.last < range.first) {
+        throw CLI::ValidationError(
+            option, fmt::format("\"{}\" is not N or FROM:TO, counted from {}, such as {}, {}:{}, {}: or :{}", text,
+                                least, least + 2, least, least + 19, least + 20, least + 19));
     }
     return range;
 }

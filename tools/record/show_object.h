@@ -8,8 +8,9 @@
 namespace crrecord::tool {
 
 constexpr Range kFirstSegments{0, 19};
+constexpr Range kNoSegments{1, 0};
 
-// Reads FROM:TO, of which either may be missing, of numbers from `least` on. Throws: CLI::ValidationError.
+// Reads N, or FROM:TO, of which either may be missing, of numbers counted from `least`. Throws: CLI::ValidationError.
 Range ParseRange(std::string const& option, std::string const& text, std::uint64_t least);
 
 // "2024-01-01 00:00:00 UTC", or "never" for 0.

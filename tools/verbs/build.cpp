@@ -108,11 +108,12 @@ private:
 std::string ClosingLine(BuildOptions const& options, CutTotals const& totals, std::string_view gaps,
                         std::string_view ownMembers, std::uint64_t recordBytes, std::string_view records) {
     if (options.json) {
-        return fmt::format(R"({},"file":{},"out":{},"bytes":"{}","segments":"{}",{}"containers":"{}",)"
-                           R"("first_container":"{}","last_container":"{}",{},"record_bytes":"{}"}})",
-                           JsonStart(), JsonQuoted(options.file), JsonQuoted(options.out), totals.bytes,
-                           totals.segments, gaps, totals.Containers(), totals.firstContainer, totals.lastContainer,
-                           ownMembers, recordBytes);
+        return fmt::format(R"({},"file":{},"out":{},"bytes":{},"segments":{},{}"containers":{},)"
+                           R"("first_container":{},"last_container":{},{},"record_bytes":{}}})",
+                           JsonStart(), JsonName("file", options.file), JsonName("out", options.out),
+                           Decimal{totals.bytes}, Decimal{totals.segments}, gaps, Decimal{totals.Containers()},
+                           Decimal{totals.firstContainer}, Decimal{totals.lastContainer}, ownMembers,
+                           Decimal{recordBytes});
     }
     std::string const holes = totals.gaps == 0 ? "" : fmt::format(" and {} of holes", Counted(totals.gaps, "byte"));
     return fmt::format("{}: {} in {}{}, {} ({} to {}); {} to {}", Printable(options.file),
@@ -149,8 +150,8 @@ ExitCode Build(BuildOptions const& options, Output& out) {
     to.Write(bytes.data(), bytes.size());
     to.Commit();
     PrintClosing(out, options.out, options.json,
-                 ClosingLine(options, totals, fmt::format(R"("gap_bytes":"{}",)", totals.gaps),
-                             fmt::format(R"("crc":{})", totals.crc), bytes.size(),
+                 ClosingLine(options, totals, fmt::format(R"("gap_bytes":{},)", Decimal{totals.gaps}),
+                             fmt::format(R"("CRC":{})", totals.crc), bytes.size(),
                              "DO record of " + Counted(bytes.size(), "byte")));
     return ExitCode::AllWell;
 }

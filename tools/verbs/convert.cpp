@@ -132,8 +132,8 @@ private:
 std::string ClosingLine(ConvertOptions const& options, Converted const& tally) {
     if (options.json) {
         return fmt::format(R"({},"file":{},"out":{},"order":"{}","records":"{}","converted":"{}","bytes":"{}"}})",
-                           JsonStart(), JsonQuoted(options.file), JsonQuoted(options.out), options.to, tally.records,
-                           tally.converted, tally.bytes);
+                           JsonStart(), JsonName("file", options.file), JsonName("out", options.out), options.to,
+                           tally.records, tally.converted, tally.bytes);
     }
     std::string const form = options.to == kSerialized ? "as its exchange form"
                              : options.to == kJson     ? "as JSON"

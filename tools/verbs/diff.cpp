@@ -14,6 +14,7 @@ struct DiffOptions {
     std::string b;
     FormOptions form;
     bool segments = false;
+    bool summary = false;
     bool json = false;
 };
 
@@ -39,12 +40,12 @@ public:
 
     ExitCode Run() {
         if (options_.json) {
-            out_.Print(R"({},"a":{},"b":{})", JsonStart(), JsonQuoted(options_.a), JsonQuoted(options_.b));
+            out_.Print(R"({},"a":{},"b":{})", JsonStart(), JsonName("a", options_.a), JsonName("b", options_.b));
         }
         DiffSegments();
-        PrintList("header", true, [this] { PrintHeader(); });
+        PrintList("header", true, [this] { DiffHeader(); });
         DiffReferenceLists();
-        PrintList("containers", true, [this] { PrintContainers(); });
+        PrintList("containers", true, [this] { DiffContainerLists(); });
         DiffBitmaps();
         if (options_.json) {
             out_.Print(R"(,"same":{}}})"
@@ -59,9 +60,10 @@ public:
 
 private:
     void DiffSegments() {
-        PrintList("segments", options_.segments, [this] {
+        PrintList(options_.segments ? "segments" : "runs", !options_.summary, [this] {
             MatchSegments(PlacedSegments(a_), PlacedSegments(b_),
                           [this](Fate fate, PlacedSegment const* a, PlacedSegment const* b) { Take(fate, a, b); });
+            EndRun();
         });
         for (Fate const fate : {Fate::Shared, Fate::Moved, Fate::Added, Fate::Removed}) {
             PrintSum(kFates[static_cast<int>(fate)], SumOf(fate));
@@ -77,9 +79,56 @@ private:
         if (relocated) {
             relocated_.Add(a->segment);
         }
-        if (options_.segments && (relocated || fate != Fate::Shared)) {
-            PrintSegment(relocated ? "relocated" : kFates[static_cast<int>(fate)], a, b);
+        if (options_.summary || (fate == Fate::Shared && !relocated)) {
+            return;
         }
+        if (options_.segments) {
+            PrintSegment(NameOf(fate), a, b);
+        } else if (!run_.Extend(fate, a, b)) {
+            EndRun();
+            run_ = {fate, 1, (a ? a : b)->segment.size, a ? std::optional(*a) : std::nullopt,
+                    b ? std::optional(*b) : std::nullopt};
+        }
+    }
+
+    // The name of the fate of a listed segment, of which the shared ones are relocated.
+    static char const* NameOf(Fate fate) { return fate == Fate::Shared ? "relocated" : kFates[static_cast<int>(fate)]; }
+
+    // Prints the run that ends here, if there is one.
+    void EndRun() {
+        MatchRun const run = std::exchange(run_, {});
+        if (run.segments == 0) {
+            return;
+        }
+        if (options_.json) {
+            auto const place = [](std::optional<PlacedSegment> const& first) {
+                return first ? fmt::format(R"({{"index":{},"offset":{},"dcid":{}}})", first->index,
+                                           Decimal{first->position}, Decimal{first->segment.dcid})
+                             : "null";
+            };
+            out_.Print(R"({}{{"what":"{}","segments":{},"bytes":{},"a":{},"b":{}}})", Separator(), NameOf(run.fate),
+                       Decimal{run.segments}, Decimal{run.bytes}, place(run.a), place(run.b));
+            return;
+        }
+        PlacedSegment const& first = run.a ? *run.a : *run.b;
+        std::string const range = fmt::format("{}, {} ({} to {})", Counted(run.segments, "segment"),
+                                              Counted(run.bytes, "byte"), first.index, first.index + run.segments - 1);
+        switch (run.fate) {
+        case Fate::Shared:
+            out_.Print("relocated from container {} to {}: {}\n", run.a->segment.dcid, run.b->segment.dcid, range);
+            break;
+        case Fate::Moved:
+            out_.Print("moved by {}: {}, offsets by {}\n", Shift(run.a->index, run.b->index), range,
+                       Shift(run.a->position, run.b->position));
+            break;
+        case Fate::Added: out_.PaintLine(fmt::format("added: {}", range), kNew); break;
+        case Fate::Removed: out_.PaintLine(fmt::format("removed: {}", range), kGone); break;
+        }
+    }
+
+    // "+1", "-1".
+    static std::string Shift(std::uint64_t from, std::uint64_t to) {
+        return to < from ? fmt::format("-{}", from - to) : fmt::format("+{}", to - from);
     }
 
     void PrintSegment(char const* what, PlacedSegment const* a, PlacedSegment const* b) {
@@ -94,7 +143,8 @@ private:
             return;
         }
         auto const place = [](PlacedSegment const* in) {
-            return in ? fmt::format(R"({{"offset":"{}","dcid":"{}"}})", in->position, in->segment.dcid) : "null";
+            return in ? fmt::format(R"({{"offset":{},"dcid":{}}})", Decimal{in->position}, Decimal{in->segment.dcid})
+                      : "null";
         };
         out_.Print(R"({}{{"what":"{}","fingerprint":"{}","size":{},"a":{},"b":{}}})", Separator(), what, fingerprint,
                    segment.size, place(a), place(b));
@@ -102,7 +152,7 @@ private:
 
     void PrintSum(char const* what, Sum const& sum) {
         if (options_.json) {
-            out_.Print(R"(,"{}":{{"segments":"{}","bytes":"{}"}})", what, sum.segments, sum.bytes);
+            out_.Print(R"(,"{}":{{"segments":{},"bytes":{}}})", what, Decimal{sum.segments}, Decimal{sum.bytes});
         } else {
             PrintLine(what, fmt::format("{} of {}", Counted(sum.segments, "segment"), WithUnit(sum.bytes)),
                       sum.segments != 0);
@@ -121,11 +171,11 @@ private:
         }
     }
 
-    void PrintHeader() {
+    void DiffHeader() {
         DiffHeaders(a_, b_, [this](char const* name, HeaderValue const& a, HeaderValue const& b) {
             same_ = false;
             PrintEither(fmt::format("header    {}: {} -> {}", name, a.text, b.text),
-                        fmt::format(R"("field":"{}","a":"{}","b":"{}")", name, a.number, b.number));
+                        fmt::format(R"("field":"{}","a":{},"b":{})", name, Decimal{a.number}, Decimal{b.number}));
         });
     }
 
@@ -133,6 +183,9 @@ private:
         if (!options_.json) {
             DiffReferences(a_, b_, [this](char const* reference, bool isInB) {
                 same_ = false;
+                if (options_.summary) {
+                    return;
+                }
                 out_.PaintLine(fmt::format("reference {} {}", isInB ? "added" : "removed", reference),
                                isInB ? kNew : kGone);
             });
@@ -141,19 +194,25 @@ private:
         same_ = !PrintJsonReferenceDiff(out_, a_, b_) && same_;
     }
 
-    void PrintContainers() {
+    void DiffContainerLists() {
         auto const object = [](ContainerUse const& use) {
-            return fmt::format(R"({{"segments":"{}","bytes":"{}","listed":"{}"}})", use.segments, use.bytes,
-                               use.listed);
+            return fmt::format(R"({{"segments":{},"bytes":{},"listed":{}}})", Decimal{use.segments}, Decimal{use.bytes},
+                               Decimal{use.listed});
         };
-        auto const text = [](ContainerUse const& use) {
-            return fmt::format("{} of {}, {} listed", Counted(use.segments, "segment"), Counted(use.bytes, "byte"),
-                               Counted(use.listed, "byte"));
+        auto const held = [](ContainerUse const& use) {
+            return fmt::format("{} of {}", Counted(use.segments, "segment"), Counted(use.bytes, "byte"));
+        };
+        auto const listed = [](ContainerUse const& use) { return Counted(use.listed, "byte"); };
+        // Only the values that differ.
+        auto const text = [&](ContainerUse const& a, ContainerUse const& b) {
+            std::string const segments = held(a) == held(b) ? "" : fmt::format("{} -> {}", held(a), held(b));
+            std::string const list = a.listed == b.listed ? "" : fmt::format("listed {} -> {}", listed(a), listed(b));
+            return segments + (segments.empty() || list.empty() ? "" : "; ") + list;
         };
         for (auto const& [dcid, a, b] : DiffContainers(a_, b_)) {
             same_ = false;
-            PrintEither(fmt::format("container {}: {} -> {}", dcid, text(a), text(b)),
-                        fmt::format(R"("dcid":"{}","a":{},"b":{})", dcid, object(a), object(b)));
+            PrintEither(fmt::format("container {}: {}", dcid, text(a, b)),
+                        fmt::format(R"("dcid":{},"a":{},"b":{})", Decimal{dcid}, object(a), object(b)));
         }
     }
 
@@ -162,7 +221,7 @@ private:
         same_ = same_ && !differ;
         if (options_.json) {
             out_.Print(R"(,"bitmaps_differ":{})", differ);
-        } else if (differ) {
+        } else if (differ && !options_.summary) {
             out_.Write("bitmap    differs\n");
         }
     }
@@ -183,7 +242,7 @@ private:
     void PrintEither(std::string const& line, std::string const& members) {
         if (options_.json) {
             out_.Print("{}{{{}}}", std::exchange(separator_, ","), members);
-        } else {
+        } else if (!options_.summary) {
             out_.Print("{}\n", line);
         }
     }
@@ -197,6 +256,7 @@ private:
     char const* separator_ = "";
     Sum sums_[std::size(kFates)];
     Sum relocated_;
+    MatchRun run_; // the current one
     bool same_ = true;
 };
 
@@ -217,7 +277,10 @@ void AddDiff(CLI::App& app, Action& chosen) {
     auto const [verb, options] = AddVerb(app, chosen, "diff", "Compare two DO records", Diff);
     AddFile(verb, "A", options.a, "A DO record; - is standard input")->required();
     AddFile(verb, "B", options.b, "The DO record to compare it with")->required();
-    verb.add_flag("--segments", options.segments, "List each segment that differs");
+    auto* const segments =
+        verb.add_flag("--segments", options.segments, "List each segment that differs, not runs of them");
+    verb.add_flag("--summary", options.summary, "Only the sums and the result; with --json all but the runs")
+        ->excludes(segments);
     verb.add_flag("--json", options.json, "One JSON object");
     AddFormOptions(verb, options.form);
     verb.footer("Times count as a difference; byte order and legacy references do not. Status 0 if the records are "

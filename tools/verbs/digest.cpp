@@ -54,7 +54,7 @@ std::optional<ObjectDigest> DigestOf(std::string const& file, Record const& reco
 
 ExitCode DigestInput(RecordStream& stream, DigestOptions const& options, Output& out) {
     ExitCode result = ExitCode::AllWell;
-    std::string const quotedName = JsonQuoted(stream.Name());
+    std::string const quotedName = JsonName("file", stream.Name());
     std::vector<Finding> findings;
     while (Record const* const record = stream.Next()) {
         bool const valid = CheckRecord(stream.Name(), *record, findings);

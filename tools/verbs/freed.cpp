@@ -55,9 +55,10 @@ ExitCode Freed(FreedOptions const& options, Output& out) {
             return;
         }
         if (options.json) {
-            out.Print(R"({},"dcid":"{}","segments":"{}","bytes":"{}","bloom_bytes":"{}","own_bytes":"{}","dead":{}}})"
+            out.Print(R"({},"dcid":{},"segments":{},"bytes":{},"bloom_bytes":{},"own_bytes":{},"dead":{}}})"
                       "\n",
-                      JsonStart(), sums.dcid, loss.segments, loss.bytes, loss.bloomBytes, loss.ownBytes, loss.dead);
+                      JsonStart(), Decimal{sums.dcid}, Decimal{loss.segments}, Decimal{loss.bytes},
+                      Decimal{loss.bloomBytes}, Decimal{loss.ownBytes}, loss.dead);
         } else {
             if (!std::exchange(hasHeading, true)) {
                 out.Print(kRow, "container", "segments", "bytes", "");
@@ -70,8 +71,8 @@ ExitCode Freed(FreedOptions const& options, Output& out) {
     });
     std::uint64_t const records = scan.Totals().inFirst - scan.Totals().inSecond;
     if (options.json) {
-        out.Print(R"({},"total":{{"records":"{}","segments":"{}","bytes":"{}","containers":"{}")", JsonStart(), records,
-                  total.segments, total.bytes, dead);
+        out.Print(R"({},"total":{{"records":{},"segments":{},"bytes":{},"containers":{})", JsonStart(),
+                  Decimal{records}, Decimal{total.segments}, Decimal{total.bytes}, Decimal{dead});
         PrintJsonFaults(out, scan);
     } else {
         out.Print("{} would lose the last reference: {} of {} freed, {} dead\n", Counted(records, "record"),

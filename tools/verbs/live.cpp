@@ -46,15 +46,16 @@ public:
     void PrintJson() {
         scan_.Containers().ForEach([this](ContainerSums const& sums) { PrintLine(sums); });
         StoreTotals const& records = scan_.Totals();
-        out_.Print(R"({},"total":{{"records":"{}","held":"{}","segments":"{}","bytes":"{}","uses":"{}",)"
-                   R"("containers":"{}")",
-                   JsonStart(), records.records, records.held, totals_.needed.segments, totals_.needed.bytes,
-                   totals_.uses, scan_.Containers().size());
+        out_.Print(R"({},"total":{{"records":{},"held":{},"segments":{},"bytes":{},"uses":{},)"
+                   R"("containers":{})",
+                   JsonStart(), Decimal{records.records}, Decimal{records.held}, Decimal{totals_.needed.segments},
+                   Decimal{totals_.needed.bytes}, Decimal{totals_.uses}, Decimal{scan_.Containers().size()});
         if (hasStored_) {
-            out_.Print(R"(,"dead":"{}","sparse":"{}","stored_segments":"{}","stored_bytes":"{}",)"
-                       R"("missing_segments":"{}","missing_bytes":"{}")",
-                       totals_.dead, totals_.sparse, totals_.stored.segments, totals_.stored.bytes,
-                       totals_.missing.segments, totals_.missing.bytes);
+            out_.Print(R"(,"dead":{},"sparse":{},"stored_segments":{},"stored_bytes":{},)"
+                       R"("missing_segments":{},"missing_bytes":{})",
+                       Decimal{totals_.dead}, Decimal{totals_.sparse}, Decimal{totals_.stored.segments},
+                       Decimal{totals_.stored.bytes}, Decimal{totals_.missing.segments},
+                       Decimal{totals_.missing.bytes});
         }
         PrintJsonFaults(out_, scan_);
     }
@@ -92,15 +93,15 @@ private:
     }
 
     void PrintLine(ContainerSums const& sums) {
-        out_.Print(R"({},"dcid":"{}","segments":"{}","bytes":"{}","uses":"{}","records":"{}","bloom_bytes":"{}",)"
-                   R"("own_bytes":"{}")",
-                   JsonStart(), sums.dcid, sums.first.segments, sums.first.bytes, sums.uses, sums.records,
-                   sums.bloomBytes, sums.ownBytes);
+        out_.Print(R"({},"dcid":{},"segments":{},"bytes":{},"uses":{},"records":{},"bloom_bytes":{},)"
+                   R"("own_bytes":{})",
+                   JsonStart(), Decimal{sums.dcid}, Decimal{sums.first.segments}, Decimal{sums.first.bytes},
+                   Decimal{sums.uses}, Decimal{sums.records}, Decimal{sums.bloomBytes}, Decimal{sums.ownBytes});
         if (hasStored_) {
-            out_.Print(R"(,"stored_segments":"{}","stored_bytes":"{}","missing_segments":"{}","missing_bytes":"{}",)"
+            out_.Print(R"(,"stored_segments":{},"stored_bytes":{},"missing_segments":{},"missing_bytes":{},)"
                        R"("state":"{}")",
-                       sums.second.segments, sums.second.bytes, sums.onlyFirst.segments, sums.onlyFirst.bytes,
-                       NameOf(StateOf(sums, options_.sparsePercent)));
+                       Decimal{sums.second.segments}, Decimal{sums.second.bytes}, Decimal{sums.onlyFirst.segments},
+                       Decimal{sums.onlyFirst.bytes}, NameOf(StateOf(sums, options_.sparsePercent)));
         }
         out_.Write("}\n");
     }

@@ -21,7 +21,7 @@ public:
 
     ExitCode Visit(RecordStream& stream) {
         ExitCode result = ExitCode::AllWell;
-        std::string const name = json_ ? JsonQuoted(stream.Name()) : Printable(stream.Name());
+        std::string const name = json_ ? JsonName("file", stream.Name()) : Printable(stream.Name());
         while (Record const* const record = stream.Next()) {
             any_ = true;
             if (record->kind != Kind::DataObject) {
@@ -47,10 +47,11 @@ public:
 
     ExitCode PrintTotal() {
         if (any_ && json_) {
-            out_.Print(R"({},"total":{{"records":"{}","segments":"{}","bytes":"{}","bloom_bytes":"{}",)"
-                       R"("bad_records":"{}"}}}})"
+            out_.Print(R"({},"total":{{"records":{},"segments":{},"bytes":{},"bloom_bytes":{},)"
+                       R"("bad_records":{}}}}})"
                        "\n",
-                       JsonStart(), records_, segments_, bytes_, bloomBytes_, bad_);
+                       JsonStart(), Decimal{records_}, Decimal{segments_}, Decimal{bytes_}, Decimal{bloomBytes_},
+                       Decimal{bad_});
         } else if (any_) {
             out_.Print("{} damaged: {} of {}\n", Counted(records_, "record"), Counted(segments_, "segment"),
                        WithUnit(bytes_));
@@ -73,11 +74,11 @@ private:
         segments_ += damage.segments;
         ++records_;
         if (json_) {
-            out_.Print(R"({},"file":{},"record":{},"offset":"{}","segments":"{}","bytes":"{}","bloom_bytes":"{}",)"
-                       R"("object_bytes":"{}","own":{}}})"
+            out_.Print(R"({},"file":{},"record":{},"offset":{},"segments":{},"bytes":{},"bloom_bytes":{},)"
+                       R"("object_bytes":{},"own":{}}})"
                        "\n",
-                       JsonStart(), name, record.number, record.offset, damage.segments, damage.bytes,
-                       damage.bloomBytes, view.GetSize(), damage.own);
+                       JsonStart(), name, record.number, Decimal{record.offset}, Decimal{damage.segments},
+                       Decimal{damage.bytes}, Decimal{damage.bloomBytes}, Decimal{view.GetSize()}, damage.own);
             return;
         }
         out_.Print("{}: {} of {} lost of an object of {}{}{}\n", PlaceOf(name, record),

@@ -32,9 +32,10 @@ ExitCode Recall(RecallOptions const& options, Output& out) {
     for (std::uint64_t i = 0; i < containers.size(); ++i) {
         ContainerSums const& sums = containers[i];
         if (options.json) {
-            out.Print(R"({},"dcid":"{}","segments":"{}","bytes":"{}","bloom_bytes":"{}","records":"{}"}})"
+            out.Print(R"({},"dcid":{},"segments":{},"bytes":{},"bloom_bytes":{},"records":{}}})"
                       "\n",
-                      JsonStart(), sums.dcid, sums.first.segments, sums.first.bytes, sums.bloomBytes, sums.records);
+                      JsonStart(), Decimal{sums.dcid}, Decimal{sums.first.segments}, Decimal{sums.first.bytes},
+                      Decimal{sums.bloomBytes}, Decimal{sums.records});
         } else {
             out.Print(kRow, sums.dcid, sums.first.segments, sums.first.bytes, sums.records);
         }
@@ -43,10 +44,10 @@ ExitCode Recall(RecallOptions const& options, Output& out) {
     }
     StoreTotals const& records = scan.Totals();
     if (options.json) {
-        out.Print(R"({},"total":{{"containers":"{}","segments":"{}","bytes":"{}","records":"{}")", JsonStart(),
-                  containers.size(), total.segments, total.bytes, records.records);
+        out.Print(R"({},"total":{{"containers":{},"segments":{},"bytes":{},"records":{})", JsonStart(),
+                  Decimal{containers.size()}, Decimal{total.segments}, Decimal{total.bytes}, Decimal{records.records});
         if (options.cache != 0) {
-            out.Print(R"(,"fetches":"{}")", cache.Fetches());
+            out.Print(R"(,"fetches":{})", Decimal{cache.Fetches()});
         }
         PrintJsonFaults(out, scan);
     } else {

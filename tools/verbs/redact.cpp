@@ -57,8 +57,8 @@ ExitCode RedactInput(RecordStream& stream, OutputFile& to, Pseudonyms& pseudonym
 
 std::string ClosingLine(RedactOptions const& options, Redacted const& tally) {
     if (options.json) {
-        return fmt::format(R"({},"out":{},"records":"{}","bytes":"{}"}})", JsonStart(), JsonQuoted(options.out),
-                           tally.records, tally.bytes);
+        return fmt::format(R"({},"out":{},"records":{},"bytes":{}}})", JsonStart(), JsonName("out", options.out),
+                           Decimal{tally.records}, Decimal{tally.bytes});
     }
     return fmt::format("{}: {} redacted, {}", Printable(options.out), Counted(tally.records, "record"),
                        Counted(tally.bytes, "byte"));

@@ -63,7 +63,7 @@ ExitCode ForEachDORecord(RecordStream& stream, Use use, Skip skip) {
 
 ExitCode List(RefsOptions const& options, Output& out) {
     RecordStream stream(options.file);
-    std::string const quotedName = JsonQuoted(options.file);
+    std::string const quotedName = JsonName("file", options.file);
     auto const use = [&](Record const& record) {
         bool const several = record.number != 1 || !stream.EndsHere();
         std::unique_ptr<DORecord> const opened = OpenDORecord(options.file, record);
@@ -175,11 +175,12 @@ public:
 
     std::string ClosingLine() const {
         if (options_.json) {
-            std::string const target = options_.dryRun ? R"("dry_run":true)" : R"("out":)" + JsonQuoted(options_.out);
-            return fmt::format(R"({},"file":{},{},"records":"{}","added":"{}","removed":"{}","dropped":"{}",)"
-                               R"("references":"{}"}})",
-                               JsonStart(), JsonQuoted(options_.file), target, records_, added_, removed_, dropped_,
-                               references_);
+            std::string const target =
+                options_.dryRun ? R"("dry_run":true)" : R"("out":)" + JsonName("out", options_.out);
+            return fmt::format(R"({},"file":{},{},"records":{},"added":{},"removed":{},"dropped":{},)"
+                               R"("references":{}}})",
+                               JsonStart(), JsonName("file", options_.file), target, Decimal{records_}, Decimal{added_},
+                               Decimal{removed_}, Decimal{dropped_}, Decimal{references_});
         }
         return fmt::format("{}: {}: {} {}added, {} removed, {} dropped; {}",
                            Printable(options_.dryRun ? options_.file : options_.out), Counted(records_, "record"),
@@ -224,7 +225,7 @@ ExitCode ChangeAll(RefsOptions const& options, Output& out) {
 ExitCode ShowChanges(RefsOptions const& options, Output& out) {
     Changer changer(options);
     RecordStream stream(options.file);
-    std::string const quotedName = JsonQuoted(options.file);
+    std::string const quotedName = JsonName("file", options.file);
     auto const show = [&](Record const& record) {
         bool const several = record.number != 1 || !stream.EndsHere();
         std::unique_ptr<DORecord> const after = changer.Change(record);

@@ -2,6 +2,7 @@
 
 #include "record/do_record.h"
 #include "record/record_findings.h"
+#include "record/segment_csv.h"
 #include "record/segment_record.h"
 #include "record/show_object.h"
 #include "verbs/verbs.h"
@@ -20,7 +21,11 @@ struct ShowOptions {
     std::optional<Range> segments;
     bool text = false;
     bool json = false;
+    bool csv = false;
     bool showKeys = false;
+
+    // The tables and sums for people.
+    bool IsTable() const { return !text && !json && !csv; }
 };
 
 // Receives what the library writes to a stream. The text form has unsafe bytes, which are replaced on a terminal.
@@ -59,12 +64,12 @@ public:
             if (!CheckRecord(stream.Name(), *record, findings_)) {
                 result = ExitCode::BadRecord;
                 if (options_.json) {
-                    PrintJsonFindings(out_, JsonQuoted(stream.Name()), *record, false, findings_);
+                    PrintJsonFindings(out_, JsonName("file", stream.Name()), *record, false, findings_);
                 }
                 continue;
             }
             if (!std::exchange(headed, true)) {
-                quotedName_ = JsonQuoted(stream.Name());
+                quotedName_ = JsonName("file", stream.Name());
                 HeadInput(stream.Name());
             }
             if (record->kind == Kind::Segment) {
@@ -73,14 +78,15 @@ public:
                 ShowObject(stream.Name(), *record);
             }
         }
-        if (!headed && result == ExitCode::AllWell && !options_.json && !options_.text) {
-            out_.Print("{}: no records in this range: the last one is {}\n", Printable(stream.Name()), passed);
+        if (!headed && result == ExitCode::AllWell && options_.IsTable()) {
+            out_.Print("{}: no records in this range: the last one is {}, counted from 1\n", Printable(stream.Name()),
+                       passed);
         }
         return result;
     }
 
     void ShowTotals() {
-        if (!options_.json && !options_.text && records_ != 0) {
+        if (options_.IsTable() && records_ != 0) {
             out_.Print("\n{} in {}, describing {} of segments\n",
                        Counted(records_, objects_ == 0 ? "record" : "segment record"), Counted(recordBytes_, "byte"),
                        segmentBytes_ ? Counted(*segmentBytes_, "byte") : "more than 2^64 - 1 bytes");
@@ -90,7 +96,7 @@ public:
 private:
     void HeadInput(std::string const& name) {
         inTable_ = false;
-        if (!options_.json && !options_.text && options_.files.size() > 1) {
+        if (options_.IsTable() && options_.files.size() > 1) {
             out_.Print("{}{}:\n", records_ + objects_ == 0 ? "" : "\n", Printable(name));
         }
     }
@@ -99,6 +105,10 @@ private:
         if (options_.text) {
             SegmentRecordToStream(textStream_, AsSegmentRecord(record), false);
             out_.Write("\n");
+            return;
+        }
+        if (options_.csv) {
+            PrintSegmentCsv(out_, record);
             return;
         }
         ConvertRecord(record, Order::Host);
@@ -141,6 +151,10 @@ private:
             json::WriteObject(out_, view, options_.segments.value_or(Range{}));
             return;
         }
+        if (options_.csv) {
+            PrintObjectCsv(out_, record, view, options_.segments.value_or(Range{}));
+            return;
+        }
         PrintObject(out_, record, view, options_.segments.value_or(kFirstSegments));
         inTable_ = false;
         ++objects_;
@@ -159,6 +173,12 @@ private:
 };
 
 ExitCode Show(ShowOptions const& options, Output& out) {
+    if (options.csv) {
+        if (options.files.size() > 1) {
+            throw Failure("--csv reads one FILE, because its rows do not name the file");
+        }
+        out.Write(kSegmentCsvHead);
+    }
     Shower shower(options, out);
     ExitCode const result =
         ForEachInput(options.files, options.form, [&](RecordStream& stream) { return shower.ShowInput(stream); });
@@ -174,15 +194,21 @@ void AddShow(CLI::App& app, Action& chosen) {
     verb.add_option_function<std::string>(
             "--records",
             [&options = options](std::string const& text) { options.records = ParseRange("--records", text, 1); },
-            "Only these records of each file, counted from 1, such as 1:20, 21: or :20")
-        ->type_name("FROM:TO");
+            "Only these records of each file, counted from 1, such as 3, 1:20, 21: or :20")
+        ->type_name("N|FROM:TO");
     verb.add_option_function<std::string>(
             "--segments",
-            [&options = options](std::string const& text) { options.segments = ParseRange("--segments", text, 0); },
-            "Only these segments of DO records, counted from 0; by default 0:19, with --json all")
-        ->type_name("FROM:TO");
+            [&options = options](std::string const& text) {
+                options.segments = text == "none" ? kNoSegments : ParseRange("--segments", text, 0);
+            },
+            "Only these segments of DO records, counted from 0, such as 0:19, or none; by default 0:19, with --json "
+            "and --csv all")
+        ->type_name("N|FROM:TO|none");
     auto* const json = verb.add_flag("--json", options.json, "One JSON object on a line for each record, every field");
-    verb.add_flag("--text", options.text, "The one-line text form of each record")->excludes(json);
+    auto* const text = verb.add_flag("--text", options.text, "The one-line text form of each record")->excludes(json);
+    verb.add_flag("--csv", options.csv, "A line for each segment: record, segment, fingerprint, size, offset, dcid")
+        ->excludes(json)
+        ->excludes(text);
     verb.add_flag("--show-keys", options.showKeys, "Show the key bytes, which are masked otherwise");
     AddFormOptions(verb, options.form);
     verb.footer("The kind and byte order of each record are detected. Bad records are reported on standard error.\n\n"

@@ -41,17 +41,18 @@ public:
     bool Any() const { return records_ + bad_ != 0; }
 
     void PrintJson(Output& out) const {
-        out.Print(R"({},"records":"{}","bad_records":"{}","segments":"{}","bytes":"{}",)"
-                  R"("elsewhere":{{"segments":"{}","bytes":"{}"}},)",
-                  JsonStart(), records_, bad_, segments_, bytes_, segmentsElsewhere_, bytesElsewhere_);
+        out.Print(R"({},"records":{},"bad_records":{},"segments":{},"bytes":{},)"
+                  R"("elsewhere":{{"segments":{},"bytes":{}}},)",
+                  JsonStart(), Decimal{records_}, Decimal{bad_}, Decimal{segments_}, Decimal{bytes_},
+                  Decimal{segmentsElsewhere_}, Decimal{bytesElsewhere_});
         if (options_.unique) {
-            out.Print(R"("unique_bytes":"{}","repeated_bytes":"{}",)", uniqueBytes_, repeatedBytes_);
+            out.Print(R"("unique_bytes":{},"repeated_bytes":{},)", Decimal{uniqueBytes_}, Decimal{repeatedBytes_});
         }
-        out.Print(R"("container_count":"{}","containers":[)", containers_.size());
+        out.Print(R"("container_count":{},"containers":[)", Decimal{containers_.size()});
         char const* separator = "";
         for (ContainerTotals const* const container : containers_.Sorted(options_.top)) {
-            out.Print(R"({}{{"dcid":"{}","segments":"{}","bytes":"{}","fragments":"{}"}})", separator, container->dcid,
-                      container->segments, container->bytes, container->fragments);
+            out.Print(R"({}{{"dcid":{},"segments":{},"bytes":{},"fragments":{}}})", separator, Decimal{container->dcid},
+                      Decimal{container->segments}, Decimal{container->bytes}, Decimal{container->fragments});
             separator = ",";
         }
         out.Write("]}\n");

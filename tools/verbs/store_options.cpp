@@ -53,9 +53,9 @@ void PrintFaults(Output& out, std::uint64_t conflicts, std::uint64_t bad) {
 }
 
 void PrintJsonFaults(Output& out, StoreScan& scan) {
-    out.Print(R"(,"conflicts":"{}","bad_records":"{}"}}}})"
+    out.Print(R"(,"conflicts":{},"bad_records":{}}}}})"
               "\n",
-              scan.Containers().Conflicts(), scan.Totals().bad);
+              Decimal{scan.Containers().Conflicts()}, Decimal{scan.Totals().bad});
 }
 
 } // namespace crrecord::tool

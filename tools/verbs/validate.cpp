@@ -11,6 +11,7 @@ struct ValidateOptions {
     std::vector<std::string> files{"-"};
     FormOptions form;
     bool firstOnly = false;
+    bool badOnly = false;
     bool json = false;
     bool quiet = false;
 };
@@ -20,6 +21,13 @@ struct Tally {
     std::uint64_t bad = 0;
     std::uint64_t notes = 0;
     std::uint64_t bytes = 0;
+
+    void Add(Record const& record, bool valid, std::size_t findings) {
+        ++records;
+        bad += valid ? 0 : 1;
+        notes += valid ? findings : 0;
+        bytes += record.size;
+    }
 };
 
 void PrintSummary(Output& out, std::string const& name, Tally const& tally) {
@@ -36,17 +44,18 @@ void PrintSummary(Output& out, std::string const& name, Tally const& tally) {
     out.Write("\n");
 }
 
-ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Output& out) {
+ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Tally& total, Output& out) {
     Depth const depth = options.firstOnly ? Depth::FirstError : Depth::Everything;
-    std::string const quotedName = JsonQuoted(stream.Name());
+    std::string const quotedName = JsonName("file", stream.Name());
     std::vector<Finding> findings;
     Tally tally;
     while (Record const* const record = stream.Next()) {
         bool const valid = Diagnose(*record, depth, findings);
-        ++tally.records;
-        tally.bad += valid ? 0 : 1;
-        tally.notes += valid ? findings.size() : 0;
-        tally.bytes += record->size;
+        tally.Add(*record, valid, findings.size());
+        total.Add(*record, valid, findings.size());
+        if (options.badOnly && valid) {
+            continue;
+        }
         if (options.json) {
             PrintJsonFindings(out, quotedName, *record, valid, findings);
         } else if (!options.quiet) {
@@ -62,8 +71,19 @@ ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Out
 }
 
 ExitCode Validate(ValidateOptions const& options, Output& out) {
-    return ForEachInput(options.files, options.form,
-                        [&](RecordStream& stream) { return ValidateInput(stream, options, out); });
+    Tally total;
+    std::uint64_t files = 0;
+    ExitCode const result = ForEachInput(options.files, options.form, [&](RecordStream& stream) {
+        ++files;
+        return ValidateInput(stream, options, total, out);
+    });
+    if (options.json) {
+        out.Print(R"({},"files":{},"records":{},"bad_records":{},"notes":{},"bytes":{}}})"
+                  "\n",
+                  JsonStart(), Decimal{files}, Decimal{total.records}, Decimal{total.bad}, Decimal{total.notes},
+                  Decimal{total.bytes});
+    }
+    return result;
 }
 
 } // namespace
@@ -73,7 +93,9 @@ void AddValidate(CLI::App& app, Action& chosen) {
         AddVerb(app, chosen, "validate", "Report the errors and notes of each record", Validate);
     AddFiles(verb, options.files);
     verb.add_flag("--first", options.firstOnly, "Only the first error of each record, and no notes");
-    auto* const json = verb.add_flag("--json", options.json, "One JSON object on a line for each record");
+    verb.add_flag("--bad-only", options.badOnly, "Only the findings of bad records");
+    auto* const json =
+        verb.add_flag("--json", options.json, "One JSON object on a line for each record, and one with the total");
     verb.add_flag("--quiet", options.quiet, "No output but the exit status")->excludes(json);
     AddFormOptions(verb, options.form);
     verb.footer(

@@ -27,6 +27,18 @@ void AddToEachVerb(CLI::App& app, std::string const& flag, void (*callback)(), s
     }
 }
 
+// convert has no such flag: its records keep all digits in every reader.
+void AddNumbers(CLI::App& app) {
+    auto* const json = app.get_option_no_throw("--json");
+    if (json && app.get_name() != "convert") {
+        app.add_flag_callback("--numbers", Decimal::UseNumbers, "64-bit numbers in JSON are numbers, not strings")
+            ->needs(json);
+    }
+    for (CLI::App* const verb : app.get_subcommands([](CLI::App const*) { return true; })) {
+        AddNumbers(*verb);
+    }
+}
+
 struct NoOptions {};
 
 ExitCode PrintSchema(NoOptions const&, Output& out) {
@@ -130,6 +142,7 @@ void AddVerbs(CLI::App& app, Action& chosen) {
           AddStats, AddLive, AddFreed, AddLost, AddRecall, AddRedact, AddMap, AddSegments}) {
         add(app, chosen);
     }
+    AddNumbers(app);
     AddToEachVerb(app, "--no-progress", Progress::Disable, "Do not show progress on the terminal");
 }
 

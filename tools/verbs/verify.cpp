@@ -41,8 +41,8 @@ public:
     Report(VerifyOptions const& options, Output& out)
         : options_(options), record_(Printable(options.record)), file_(Printable(options.file)), out_(out) {
         if (options_.json) {
-            out_.Print(R"({},"record":{},"file":{},"differences":[)", JsonStart(), JsonQuoted(options_.record),
-                       JsonQuoted(options_.file));
+            out_.Print(R"({},"record_file":{},"file":{},"differences":[)", JsonStart(),
+                       JsonName("record_file", options_.record), JsonName("file", options_.file));
         }
     }
 
@@ -52,21 +52,23 @@ public:
         ++badSegments_;
         Print(fmt::format("{}: segment {} at byte {}, {}: expected {}, found {}", file_, index, position,
                           Counted(size, "byte"), expected, found.empty() ? "the end of the file" : found),
-              fmt::format(R"("segment","index":{},"offset":"{}","size":{},"expected":"{}","found":{})", index, position,
-                          size, expected, found.empty() ? "null" : '"' + found + '"'));
+              fmt::format(R"("segment","index":{},"offset":{},"size":{},"expected":"{}","found":{})", index,
+                          Decimal{position}, size, expected, found.empty() ? "null" : '"' + found + '"'));
     }
 
     void BadOffset(unsigned int index, std::uint64_t position, std::uint64_t stored) {
         ++others_;
-        Print(fmt::format("{}: segment {}: the record's offset is {}, expected {}", record_, index, stored, position),
-              fmt::format(R"("offset","index":{},"expected":"{}","found":"{}")", index, position, stored));
+        Print(
+            fmt::format("{}: segment {}: the record's offset is {}, expected {}", record_, index, stored, position),
+            fmt::format(R"("offset","index":{},"expected":{},"found":{})", index, Decimal{position}, Decimal{stored}));
     }
 
     void BadGap(std::uint64_t position, std::uint64_t size, std::uint64_t dataAt) {
         ++others_;
         Print(fmt::format("{}: gap at byte {}, {}: expected zeros, found data at byte {}", file_, position,
                           Counted(size, "byte"), dataAt),
-              fmt::format(R"("gap","offset":"{}","size":"{}","data_at":"{}")", position, size, dataAt));
+              fmt::format(R"("gap","offset":{},"size":{},"data_at":{})", Decimal{position}, Decimal{size},
+                          Decimal{dataAt}));
     }
 
     void BadCrc(std::uint32_t stored, std::uint32_t computed) {
@@ -80,17 +82,18 @@ public:
         ++others_;
         Print(fmt::format("{}: container {}: {} in the record's list, expected {}, those of its segments", record_,
                           container.dcid, Counted(container.a.listed, "byte"), container.a.bytes),
-              fmt::format(R"("container","dcid":"{}","expected":"{}","found":"{}")", container.dcid, container.a.bytes,
-                          container.a.listed));
+              fmt::format(R"("container","dcid":{},"expected":{},"found":{})", Decimal{container.dcid},
+                          Decimal{container.a.bytes}, Decimal{container.a.listed}));
     }
 
     ExitCode Close(std::uint64_t segments, std::uint64_t expectedSize, std::uint64_t size, Checks const& checks) {
         bool const same = badSegments_ == 0 && others_ == 0 && size == expectedSize;
         if (options_.json) {
-            out_.Print(R"(],"segments":"{}","bad_segments":"{}","size":"{}","expected_size":"{}",)"
+            out_.Print(R"(],"segments":{},"bad_segments":{},"size":{},"expected_size":{},)"
                        R"("checked":["{}"],"same":{}}})"
                        "\n",
-                       segments, badSegments_, size, expectedSize, fmt::join(checks.done, "\",\""), same);
+                       Decimal{segments}, Decimal{badSegments_}, Decimal{size}, Decimal{expectedSize},
+                       fmt::join(checks.done, "\",\""), same);
             return same ? ExitCode::AllWell : ExitCode::BadRecord;
         }
         if (size != expectedSize) {
