@@ -1,8 +1,8 @@
 // crrecord show: the content of records.
 
+#include "analysis/segment_csv.h"
 #include "record/do_record.h"
 #include "record/record_findings.h"
-#include "record/segment_csv.h"
 #include "record/segment_record.h"
 #include "record/show_object.h"
 #include "verbs/verbs.h"

@@ -1,4 +1,4 @@
-#include "record/segment_csv.h"
+#include "analysis/segment_csv.h"
 
 #include "analysis/segment_runs.h"
 
