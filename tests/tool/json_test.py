@@ -101,7 +101,8 @@ def numbers(of):
     do3, gaps = GOLDEN / "do3-sha256.host", GOLDEN / "do3-md5-gaps.host"
     for name, *arguments in ((None, "show", do5, so), ("digestLine", "digest", do5), ("annotateLine", "annotate", so),
                              ("refsLine", "refs", do5), ("statsLine", "stats", "--unique", do5),
-                             ("usesLine", "stats", "--uses", 64, "--uses", 70, do3), ("diffLine", "diff", do3, gaps),
+                             ("liveLine", "live", do3, so), ("lostLine", "lost", do3, "--container", 64),
+                             ("diffLine", "diff", do3, gaps),
                              ("diffLine", "diff", "--segments", do3, gaps), ("verifyLine", "verify", gaps, __file__),
                              ("changesLine", "refs", do5, "--add", "task:1", "-o", "/dev/null"),
                              ("redactLine", "redact", do5, "-o", "/dev/null"),
