@@ -1,4 +1,4 @@
-// Header fields.
+// Accessors of the header fields.
 
 #include "DORecord/record.h"
 
@@ -8,7 +8,7 @@ using namespace crrecord;
 
 namespace {
 
-// True for flags that may be set; logs the others.
+// Returns: true if all flags are known; logs an error otherwise.
 bool CheckFlags(unsigned int flags) noexcept {
     bool const known = (flags & ~kKnownFlags) == 0;
     if (!known) {
@@ -75,7 +75,7 @@ unsigned char DORecord::GetDOType() const {
     return header->dotype;
 }
 
-// Uses the stored count without conversion, whatever the order, and cuts the result to 32 bits.
+// Uses the stored count without conversion in either byte order, and truncates the result to 32 bits.
 unsigned int DORecord::GetUDCIDSize() const {
     return static_cast<unsigned int>(UniqueListSize(header->nudcid));
 }
@@ -147,7 +147,7 @@ void DORecord::setFlags(unsigned short flags) {
     }
 }
 
-// Unlike setFlags it stores what it has complained about: callers rely on either.
+// Unlike setFlags, stores invalid flags after logging them. Callers rely on both functions.
 void DORecord::SetFlags(unsigned short flags) {
     CheckFlags(flags);
     header->flags = InOrder(flags, OrderFromFlag(networkOrder));

@@ -1,4 +1,4 @@
-// The record's buffer: its size, its growth, and the door that every walk through its sections goes through.
+// The record's buffer: its size, its growth, and the layout check before every access to its sections.
 
 #include "DORecord/record.h"
 
@@ -13,7 +13,8 @@ using namespace crrecord;
 
 namespace {
 
-// Bytes of a record with so many bytes of references and without legacy arrays, or a refusal.
+// Returns: the size in bytes of the record with `references` bytes of references and without legacy arrays.
+// Throws: CR_STATUS_INVALID if the size exceeds kLargestRecord.
 unsigned int SizeWith(DORecord const& record, unsigned int references) {
     unsigned char const dotype = record.GetDOType();
     unsigned int const counted = IsBloom(dotype) ? record.GetBSize() : record.GetNfp();
@@ -42,8 +43,9 @@ RecordLayout RecordInternals::CheckedLayout(DORecord const& record, SectionEnd e
     return layout;
 }
 
-// The layout goes by the order that the header shows, sizes are read by the order that the record claims. Where the two
-// are not one, as after a conversion of a converted record, a size means nothing and must not be changed or followed.
+// The layout uses the byte order that the header shows. Sizes are read in the order of IsInNetworkOrder(). The two
+// differ, for example, if a converted record is converted again. Sizes are then invalid and must not be changed or
+// used.
 bool RecordInternals::OrderMatchesHeader(DORecord const& record) noexcept {
     return std::endian::native == std::endian::big || OrderOf(record.header) == OrderFromFlag(record.networkOrder);
 }
@@ -109,11 +111,11 @@ void DORecord::expand(unsigned int size) {
     std::uint64_t const before = bufferSize;
     header = static_cast<DORecordHeader*>(grown);
     bufferSize = capacity;
-    // setRecSize may make these bytes part of the record later, so they must not be left uninitialised.
+    // setRecSize may make these bytes part of the record later, so they must be initialised.
     RecordInternals::Clear(*this, before, capacity);
 }
 
-// Zeroes the part of a range of offsets that is inside the buffer.
+// Zeroes the bytes at offsets from `from` to `to` - 1. Offsets beyond the buffer are ignored.
 void RecordInternals::Clear(DORecord& record, std::uint64_t from, std::uint64_t to) noexcept {
     std::uint64_t const end = std::min<std::uint64_t>(to, record.bufferSize);
     if (from < end) {
@@ -121,8 +123,8 @@ void RecordInternals::Clear(DORecord& record, std::uint64_t from, std::uint64_t 
     }
 }
 
-// Everything that can fail comes first. Then the tail at its new offset is cleared: a borrowed buffer may hold other
-// bytes there.
+// Every step that can fail precedes the first change. The tail is cleared at its new offset, because a borrowed buffer
+// may contain other bytes there.
 void RecordInternals::GrowReferences(DORecord& record, RecordLayout const& layout, std::uint64_t by) {
     Order const order = OrderFromFlag(record.networkOrder);
     std::uint64_t const references = InOrder(record.header->trefssize, order) + by;
@@ -138,8 +140,9 @@ void RecordInternals::GrowReferences(DORecord& record, RecordLayout const& layou
     Clear(record, layout.tail + by, size);
 }
 
-// Subtracts at most the section's size. Clears the bytes that leave the section if header and buffer agree. If the
-// record would become smaller than CR_DO_RECORD_SIZE, the section's size is reduced before the exception.
+// Subtracts at most the section's size. Clears the removed bytes if header and buffer agree.
+// Throws: CR_STATUS_INVALID if the record would become smaller than CR_DO_RECORD_SIZE.
+// On failure: the section's size is already reduced.
 void RecordInternals::ShrinkReferences(DORecord& record, std::uint64_t by) {
     std::uint64_t const before = record.getTRefsSize();
     std::uint64_t const removed = std::min<std::uint64_t>(by, before);

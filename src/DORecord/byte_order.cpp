@@ -1,4 +1,4 @@
-// A record between host and network order.
+// Conversion of a record between host and network order.
 
 #include "DORecord/record.h"
 
@@ -6,7 +6,7 @@ using namespace crrecord;
 
 namespace {
 
-// What turning touches last.
+// Returns: the end offset of the last bytes that a conversion byte-swaps.
 std::uint64_t SwappedEnd(DORecordHeader const* header, RecordLayout const& layout) noexcept {
     if (header->nudcid != 0) {
         return layout.udcids + kUniqueHeadSize;

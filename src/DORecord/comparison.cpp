@@ -11,7 +11,7 @@ bool FieldsAreEqual(DORecordHeader const& a, DORecordHeader const& b) noexcept {
            a.ssize == b.ssize && a.CRC == b.CRC && a.nfp == b.nfp && a.fptype == b.fptype && a.dotype == b.dotype;
 }
 
-// Only the number and the first members count; callers rely on it.
+// Compares only the sizes and the first members; callers rely on it.
 bool FirstReferencesAreEqual(DORecord::tref_set_t const& a, DORecord::tref_set_t const& b) noexcept {
     return a.size() == b.size() && (a.empty() || CRTRefEqual((*a.begin())->Get(), (*b.begin())->Get()) != 0);
 }

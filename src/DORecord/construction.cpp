@@ -1,4 +1,4 @@
-// The three constructors, init and initWithBloom, and the destructor.
+// Construction of a DORecord: constructors, init, initWithBloom, and the destructor.
 
 #include "DORecord/record.h"
 #include "base/memory.h"
@@ -46,7 +46,8 @@ void CheckDcids(unsigned long const* dcids, unsigned int count) {
     }
 }
 
-// Prints the first `count` 64-bit words of the entries, which is half of them: containers and byte counts in turn.
+// Throws: CR_STATUS_INVALID with the first `count` 64-bit words of the list in its message. An entry has two words, the
+// container and the byte count, so the message shows the first half of the entries.
 [[noreturn]] void RefuseList(unsigned char const* list, std::uint32_t count, std::uint32_t computed) {
     std::stringstream text;
     text.imbue(std::locale::classic());
@@ -59,7 +60,8 @@ void CheckDcids(unsigned long const* dcids, unsigned int count) {
     throw Cr_ErrnoException(CR_STATUS_INVALID, text, nullptr);
 }
 
-// The number of entries of a caller's list, 0 for none.
+// Returns: the number of entries of a caller's list, or 0 for null.
+// Throws: CR_STATUS_INVALID if the checksum does not match.
 std::uint32_t CheckList(unsigned char const* list) {
     if (!list) {
         return 0;
@@ -81,7 +83,7 @@ struct FreeBlock {
 };
 using FormerBuffer = std::unique_ptr<void, FreeBlock>;
 
-// Fills a section with a copy, or with zeros where there is nothing to copy.
+// Copies `count` bytes, or writes `count` zeros if `from` is null.
 void FillBytes(void* to, void const* from, std::uint64_t count) noexcept {
     if (from && count != 0) {
         std::memcpy(to, from, count);
@@ -90,7 +92,8 @@ void FillBytes(void* to, void const* from, std::uint64_t count) noexcept {
     }
 }
 
-// Judges the segments on the way. Without any the section is cleared, and nothing is wrong with it.
+// Copies and checks the segments block by block. If `segments` is null, clears the section.
+// Returns: the first fault of the segment list; no fault if `segments` is null.
 SegmentFault CopySegments(DORecordHeader* header, void const* segments, RecordLayout const& layout,
                           bool subDO) noexcept {
     unsigned char* const entries = BytesOf(header) + layout.entries;
@@ -112,7 +115,7 @@ SegmentFault CopySegments(DORecordHeader* header, void const* segments, RecordLa
 
 } // namespace
 
-// What an initialiser was given, checked.
+// The checked arguments of init or initWithBloom.
 struct crrecord::NewRecord {
     unsigned long CID;
     unsigned long size;
@@ -163,7 +166,7 @@ DORecord::DORecord(unsigned long CID, unsigned long size, unsigned long ssize, u
     init(CID, size, ssize, CRC, ctime, mtime, nullptr, 0, segments, nsegments, dcids, udcidList, fptype, dotype);
 }
 
-// The text speaks of segments here too: callers match it.
+// The message mentions segments for a bitmap too, because callers match it.
 DORecord::DORecord(unsigned long CID, unsigned long size, unsigned long ssize, unsigned int CRC, unsigned int ctime,
                    unsigned int mtime, unsigned int bsize, unsigned char const* bitmap, char const* udcidList,
                    unsigned char fptype, unsigned char dotype)
@@ -236,12 +239,12 @@ void RecordInternals::WriteHeader(DORecord& record, NewRecord const& values) noe
     record.header->dotype = values.counts.dotype;
 }
 
-// The last steps of init and initWithBloom: unique list, references and times.
+// Performs the last steps of init and initWithBloom: writes the unique list, the references and the times.
 void RecordInternals::Finish(DORecord& record, NewRecord const& values, unsigned char const* list) {
     if (values.counts.nudcid != 0) {
         FillBytes(DORecordHeaderStartUDCID(record.header), list, UniqueListSize(values.counts.nudcid));
     }
-    // Also clears the rest of the buffer, because the record size is still that of the whole buffer.
+    // Clears the rest of the buffer too, because the record size is still the size of the whole buffer.
     record.initReferenceSets();
     for (std::uint64_t i = 0; i < values.ntaskIDs; ++i) {
         record.AddTaskID(Load<std::uint64_t>(values.taskIDs + i));
@@ -256,13 +259,13 @@ void DORecord::init(unsigned long CID, unsigned long size, unsigned long ssize, 
                     unsigned int mtime, unsigned long const* taskIDs, unsigned int ntaskIDs, void const* segments,
                     unsigned int nsegments, unsigned long const* dcids, char const* udcidList, unsigned char fptype,
                     unsigned char dotype) {
-    // Freed at the end: the arguments may lie in it.
+    // Freed when the function returns, because the arguments may point into it.
     FormerBuffer const former(ownsBuffer ? header : nullptr);
     RecordInternals::MakeBlank(*this);
     try {
         CheckTypes(fptype, dotype);
         CheckTaskIds(taskIDs, ntaskIDs);
-        // A bloom record has no segments, and every other record has some.
+        // A bloom record has no segments; every other record has at least one.
         if ((nsegments == 0) != IsBloom(dotype)) {
             Refuse(kEmptySegments);
         }
@@ -284,7 +287,7 @@ void DORecord::init(unsigned long CID, unsigned long size, unsigned long ssize, 
         RecordInternals::AllocateBuffer(*this, layout.total, false);
         RecordInternals::WriteHeader(*this, values);
         SegmentFault const fault = CopySegments(header, segments, layout, subDO);
-        // After the entries are the DCIDs or, in a bloom record, which has no segments, an empty bloom area.
+        // The DCIDs follow the entries. A bloom record has no segments, and gets an empty bloom area here.
         FillBytes(BytesOf(header) + layout.dcids, nsegments != 0 ? dcids : nullptr, layout.udcids - layout.dcids);
         RecordInternals::Finish(*this, values, AsBytes(udcidList));
         ThrowIfFaulty(fault, dotype);

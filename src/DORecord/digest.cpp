@@ -1,4 +1,4 @@
-// The digest of an object.
+// DORecord::GetDigest: computes the digest of an object.
 
 #include "DORecord/record.h"
 #include "support/exchange/segment_codec.h"
@@ -30,8 +30,8 @@ crfp_digest_t DigestOfBytes(unsigned int fptype, unsigned char const* bytes, std
     return Finish(context);
 }
 
-// Of each segment the text of its fingerprint with the NUL, its size and its offset, as the exchange form has them.
-// They are collected on a stage, so that the hash sees a few large blocks and not three small ones a segment.
+// Hashes the segments as the exchange form encodes them: fingerprint text with its NUL, size and offset of each one.
+// The stage collects them, so that the hash function gets a few large blocks instead of three small ones per segment.
 crfp_digest_t DigestOfSegments(unsigned char const* record, RecordLayout const& layout, unsigned int dotype,
                                unsigned int fptype) {
     std::array<unsigned char, 16384> stage;

@@ -1,4 +1,4 @@
-// Records from stored bytes: a copy of them, or the bytes themselves.
+// Construction from stored bytes: FromBuffer copies them, Wrap uses them in place.
 
 #include "DORecord/record.h"
 #include "support/validate/record_diagnosis.h"
@@ -15,7 +15,7 @@ std::unique_ptr<DORecord> DORecord::FromBuffer(void const* buffer, unsigned long
         record.reset(new DORecord());
         RecordInternals::AllocateBuffer(*record, size, false);
     } catch (...) {
-        RequireValid(buffer, size, options); // the record's own errors come first
+        RequireValid(buffer, size, options); // an invalid record is reported first
         throw;
     }
     RequireValid(buffer, size, options, BytesOf(record->header));
@@ -38,8 +38,8 @@ std::unique_ptr<DORecord> DORecord::Wrap(void* buffer, unsigned long size, unsig
     return record;
 }
 
-// Brings a validated buffer to host order with its references loaded. Of a buffer without legacy arrays nothing changes
-// before everything that can fail is done.
+// Converts a validated buffer to host order and loads its references.
+// On failure: a buffer without legacy arrays is unchanged.
 void RecordInternals::Adopt(DORecord& record, Order order, unsigned int options) {
     record.networkOrder = order == Order::Network;
     record.subDO = (options & CR_DO_SUB_DO) != 0;
@@ -60,7 +60,7 @@ void RecordInternals::Adopt(DORecord& record, Order order, unsigned int options)
     if (record.networkOrder) {
         record.NetworkToHost(0);
     }
-    // Repeated references were dropped.
+    // Repeated references are stored once, so the sizes may be smaller.
     record.setTRefsSize(static_cast<unsigned int>(loaded));
     record.setRecSize(static_cast<unsigned int>(layout.total - (stored - loaded)));
     Clear(record, LayoutOf(record.header).tail, layout.total);

@@ -1,4 +1,4 @@
-// Task ids and data selections, and the conversion of the arrays in which older records carry them.
+// Task ids and DSIDs, and the conversion of the legacy arrays that store them in older records.
 
 #include "DORecord/record.h"
 
@@ -11,7 +11,7 @@ using namespace crrecord;
 
 namespace {
 
-// A copy of a record's legacy arrays, which may be empty, and of what follows them.
+// A copy of a record's legacy arrays, which may be empty, and of the bytes after them.
 class LegacyArrays {
 public:
     LegacyArrays(unsigned char const* from, unsigned char const* to, std::uint64_t taskIds, std::uint64_t dsids)
@@ -25,8 +25,8 @@ public:
     }
 
     std::vector<unsigned char> const& Bytes() const noexcept { return bytes_; }
-    // Moves the bytes after the task ids to the start, and does so again if there are DSIDs. Both moves are by the size
-    // of the task ids.
+    // Moves the bytes towards the start by the size of the task ids: once if there are task ids, and once more if there
+    // are DSIDs.
     std::vector<unsigned char> const& CloseGaps() noexcept {
         for (std::uint64_t const count : {taskIds_, dsids_}) {
             if (count != 0) {
@@ -86,7 +86,7 @@ bool DORecord::HasDSID(unsigned int dsid) const {
     return trefs[CR_REFTYPE_DSID].contains(LookupKey({dsid, CR_REFTYPE_DSID}).Get());
 }
 
-// All ids are read before the first byte of theirs changes.
+// Copies all ids before it changes their bytes.
 void DORecord::convertToTRefs() {
     std::uint64_t const taskIds = header->ntaskid;
     std::uint64_t const dsids = header->nds;
@@ -103,17 +103,17 @@ void DORecord::convertToTRefs() {
     bool const sectionFromSets = references == calcTRefsSize();
     if (sectionFromSets) {
         RecordInternals::WriteReferences(*this,
-                                         before); // the sets are the truth, and the section may never have been written
+                                         before); // the sets are current; the section may never have been written
     }
 
     unsigned char const* const bytes = BytesOf(header);
     DORecordHeader const formerHeader = *header;
     LegacyArrays arrays(bytes + before.taskIds, bytes + std::min<std::uint64_t>(before.total, bufferSize), taskIds,
                         dsids);
-    // A section that was written from the sets adds nothing to them.
+    // Without legacy arrays, a section that was written from the sets does not change them: no copy is needed.
     std::vector<tref_set_t> formerSets(std::begin(trefs),
                                        legacy || !sectionFromSets ? std::end(trefs) : std::begin(trefs));
-    // If memory runs out halfway, this restores the ids that are neither in the arrays nor in the sets any more.
+    // If memory runs out during the conversion, some ids are in neither the arrays nor the sets. This restores both.
     auto const restore = [&]() noexcept {
         *header = formerHeader;
         std::copy(arrays.Bytes().begin(), arrays.Bytes().end(), BytesOf(header) + before.taskIds);
@@ -122,7 +122,7 @@ void DORecord::convertToTRefs() {
     try {
         header->ntaskid = 0;
         header->nds = 0;
-        // Unlike initReferenceSets, this keeps the section, which is loaded next.
+        // initReferenceSets would clear the section, which is loaded next.
         setTRefsSize(0);
         setRecSize(calcRecSize());
         unsigned int const mtime = header->mtime;
@@ -137,7 +137,7 @@ void DORecord::convertToTRefs() {
         if (legacy) {
             handleUpdate();
         }
-        // The sets may have held references before.
+        // The sets may have contained references before the conversion.
         setTRefsSize(static_cast<unsigned int>(calcTRefsSize()));
         setRecSize(calcRecSize());
         expand();
@@ -153,7 +153,7 @@ void DORecord::convertToTRefs() {
 
     RecordLayout const after = LayoutOf(header);
     if (legacy) {
-        // What the gaps leave in the section is no references: those are written when they are asked for.
+        // The section gets the moved bytes, which are not references. GetSerializedTRefs and GetHeader write those.
         std::vector<unsigned char> const& left = arrays.CloseGaps();
         std::copy_n(left.begin(), std::min(left.size(), after.tail - after.trefs), BytesOf(header) + after.trefs);
     }

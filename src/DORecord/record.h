@@ -1,4 +1,4 @@
-// What the sources of DORecord share.
+// Declarations shared by the sources of DORecord.
 
 #pragma once
 
@@ -23,10 +23,10 @@ inline constexpr char kInvalidRecordSize[] = "invalid record size for DO";
            "references.");
 }
 
-// Throws, with its text, where a rule is broken.
+// Throws: CR_STATUS_CORRUPT_DATA with the message of `fault`, unless its rule is SegmentRule::None.
 void ThrowIfFaulty(SegmentFault const& fault, unsigned int dotype);
 
-// Makes a handle with a reference.
+// Returns: a new handle that owns a copy of `reference`.
 // Throws: std::bad_alloc.
 DORecord::tref_ptr_t NewHandle(DOReference reference);
 
@@ -42,14 +42,15 @@ struct RecordInternals {
     // The end of a section, as a member of the layout.
     typedef std::uint64_t RecordLayout::*SectionEnd;
 
-    // The layout of a record whose bytes up to the end of a section are inside the buffer. ChangeableLayout is for
-    // operations that change sizes or rely on them: it also requires the order of IsInNetworkOrder().
+    // ChangeableLayout is for operations that change or use sizes: it also requires the order of IsInNetworkOrder().
+    // Returns: the layout of a record whose sections up to `end` are inside the buffer.
     // Throws: CR_STATUS_INVALID "invalid record size for DO".
     static RecordLayout CheckedLayout(DORecord const& record, SectionEnd end);
     static RecordLayout ChangeableLayout(DORecord const& record, SectionEnd end);
     static bool OrderMatchesHeader(DORecord const& record) noexcept;
     static bool Reaches(DORecord const& record, RecordLayout const& layout, SectionEnd end) noexcept;
-    // `width` bytes at `offset`, or an exception as CheckedLayout's if they are not inside the buffer.
+    // Returns: the address of `width` bytes at `offset`.
+    // Throws: as CheckedLayout if they are not inside the buffer.
     static unsigned char* WritableElement(DORecord& record, std::uint64_t offset, unsigned int width);
 
     static void MakeBlank(DORecord& record) noexcept;
@@ -66,7 +67,7 @@ struct RecordInternals {
     static void GrowReferences(DORecord& record, RecordLayout const& layout, std::uint64_t by);
     static void ShrinkReferences(DORecord& record, std::uint64_t by);
     static void WriteReferences(DORecord const& record, RecordLayout const& layout) noexcept;
-    // Adds the bytes of new references to `loaded`, also if it throws.
+    // Adds the sizes of new references to `loaded`, even if it throws.
     static void LoadReferences(DORecord& record, char const* bytes, std::uint64_t length, std::uint64_t& loaded);
     static cr_status_t CheckReference(DORecord const& record, DORecord::tref_ptr_t const& reference);
     static unsigned long DeleteReference(DORecord& record, DORecord::tref_ptr_t const& reference);

@@ -30,7 +30,7 @@ _cr_tref_t const* NotNull(DORecord::tref_ptr_t const& reference) {
     return reference->Get();
 }
 
-// Throws the message that was logged last.
+// Throws: CR_STATUS_INVALID with the last logged message.
 [[noreturn]] void RefuseAsLogged() {
     Refuse(zebLogLastMessageA());
 }
@@ -49,7 +49,8 @@ constexpr bool CanDelete(int kind) noexcept {
     return CanAdd(kind) || kind == 8;
 }
 
-// A handle that owns the value, which is released when there is no handle for it.
+// Takes ownership of `value`, also on failure.
+// Returns: a handle; the last handle releases the value.
 DORecord::tref_ptr_t Wrapped(_cr_tref_t* value) {
     try {
         return new Cr_TRef(value);
@@ -167,7 +168,7 @@ unsigned long DORecord::DelTRef(tref_ptr_t reference) {
     return RecordInternals::DeleteReference(*this, reference);
 }
 
-// Unlike CheckTRef it lets a null pointer pass: nothing is there to remove.
+// Unlike CheckTRef, accepts a null pointer: it removes no reference and returns 0.
 unsigned long DORecord::DelTRef(_cr_tref_t const* reference) {
     return reference ? RecordInternals::DeleteReference(*this, LookupKey(*reference).Get()) : 0;
 }
@@ -186,7 +187,8 @@ void DORecord::RemoveAllTRefs() {
         *this, [](unsigned long, void*) { return 0; }, nullptr);
 }
 
-// Drops the task ids that the callback calls inactive. The size goes first, as callers of a failing removal expect.
+// Removes the task ids for which the callback returns 0. The size is reduced before the id is removed: callers rely on
+// this if reducing the size fails.
 unsigned long RecordInternals::RemoveTaskIDs(DORecord& record, cr_task_callback_t callback, void* context) {
     DORecord::tref_set_t& tasks = record.trefs[CR_REFTYPE_TASKID];
     unsigned long removed = 0;
@@ -250,7 +252,7 @@ unsigned long DORecord::GetSerializedTRefsSize() const {
     return getTRefsSize();
 }
 
-// A reference that is already stored is not written again: taking the header of an unchanged record writes nothing.
+// Skips references that are already stored, so that GetHeader of an unchanged record does not write to the buffer.
 void RecordInternals::WriteReferences(DORecord const& record, RecordLayout const& layout) noexcept {
     unsigned char* position = BytesOf(record.header) + layout.trefs;
     std::uint64_t available = layout.tail - layout.trefs;
@@ -282,7 +284,8 @@ DORecordHeader* DORecord::GetHeader() const {
     return header;
 }
 
-// The source may be the record's own section: it moves with the buffer, and nothing is cleared before all is read.
+// `bytes` may point into the record's own buffer. It is then adjusted if expand() moves the buffer, and no byte is
+// cleared before all references are read.
 void DORecord::AddSerializedTRefs(char const* bytes, unsigned int length) {
     if (!bytes && length != 0) {
         Refuse(kNullReference);
@@ -314,8 +317,7 @@ void DORecord::AddSerializedTRefs(char const* bytes, unsigned int length) {
     handleUpdate();
 }
 
-// Adds up the bytes of those that were not there yet. The end of the set as the hint makes sorted input, which is what
-// records store, load in linear time.
+// Inserts at the end of the set as a hint. Records store references in order, so a section is loaded in linear time.
 void RecordInternals::LoadReferences(DORecord& record, char const* bytes, std::uint64_t length, std::uint64_t& loaded) {
     auto const* const section = reinterpret_cast<unsigned char const*>(bytes);
     HandleMaker handles;

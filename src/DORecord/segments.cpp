@@ -1,4 +1,4 @@
-// Segments: the accessors, and the list check with its texts.
+// Segments: accessors, and the segment list check with its messages.
 
 #include "DORecord/record.h"
 
@@ -19,7 +19,7 @@ char const* ListName(unsigned int dotype) noexcept {
     }
 }
 
-// The texts for Size and Offset end without a dot, the text for End with a dot and a blank, all others with a dot.
+// Messages end with a dot, with two exceptions: Size and Offset have no dot, and End has a dot and a blank.
 [[noreturn]] void Throw(SegmentFault const& fault, unsigned int dotype) {
     static constexpr char kWrongOrder[] = "Data is probably in wrong byte order (host vs. network order)";
     std::stringstream text;

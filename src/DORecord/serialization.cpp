@@ -1,4 +1,4 @@
-// The exchange forms of a record, written.
+// Serialization of a record to its exchange forms.
 
 #include "DORecord/record.h"
 #include "base/adler32.h"
@@ -33,8 +33,8 @@ void StoreBodyChecksum(unsigned char* form, std::uint64_t length) noexcept {
           Order::Network);
 }
 
-// Writes the body block by block and sums up each block while it is in the cache. Returns the body's Adler-32 where it
-// is asked for.
+// Writes the body block by block and adds each block to the checksum while it is in the cache.
+// Returns: the body's Adler-32 if `withChecksum`, otherwise kAdler32Start.
 std::uint32_t WriteBody(unsigned char* to, unsigned char const* record, RecordLayout const& layout,
                         SegmentCodec const& codec, unsigned int segmentForm, bool withChecksum) noexcept {
     std::uint32_t sum = kAdler32Start;
@@ -58,7 +58,7 @@ std::uint32_t WriteBody(unsigned char* to, unsigned char const* record, RecordLa
     return sum;
 }
 
-// The form's own checksum covers less of the list than the record's does; readers expect it so.
+// The checksum in the form covers fewer bytes of the list than the checksum in the record. Readers require this.
 void WriteList(unsigned char* to, unsigned char const* list, std::uint32_t count) noexcept {
     Store(to + kUniqueCountOffset, count, Order::Network);
     for (std::uint32_t i = 0; i < count; ++i) {

@@ -1,4 +1,4 @@
-// A record on an output stream: one line of text, or its bytes.
+// Output of a record to a stream: one line of text, or its bytes.
 
 #include "DORecord/record.h"
 #include "base/hex.h"
@@ -6,7 +6,7 @@
 
 using namespace crrecord;
 
-// The text form as documented for callers. It leaves out the list of DCIDs after the segments on purpose.
+// The text form as documented for callers. It intentionally omits the list of DCIDs after the segments.
 std::string const DORecord::TEXT_STREAM_FORMAT_DESCRIPTION =
     "type,formatversion,flags,CID,size,ssize,CRC,ctime,mtime,fptype,dotype,nfp,"
     "[[segmentFP,{segmentSize{,segmentOffset}?}?]*],[TRefs*]";
@@ -26,7 +26,8 @@ void WriteHeaderFields(TextWriter& text, DORecordHeader const& header) {
     }
 }
 
-// Above type 2 the 64 bits at an offset's place are written, also for the types that don't have so many.
+// For DO types above CR_DO_TYPE_NO_OFFSET, writes the 64 bits at the position of the offset, even if the type stores
+// fewer or none.
 void WriteSegments(TextWriter& text, unsigned char const* record, RecordLayout const& layout, unsigned int dotype) {
     char fingerprint[CRFPTextSize(CR_FP_TYPE_SHA256)];
     for (std::uint64_t i = 0; i < layout.segments; ++i) {
@@ -72,7 +73,7 @@ void RecordInternals::WriteText(DORecord const& record, std::ostream& stream) {
     if (!record.header) {
         Refuse(kInvalidRecordSize);
     }
-    // The fields that an unknown DO type does not have may lie in the tail.
+    // An unknown DO type may store no size or offset. The bytes at their positions may then be in the tail.
     bool const known = CRDOTypeIsValid(record.GetDOType()) != 0;
     RecordLayout const layout = ChangeableLayout(record, known ? &RecordLayout::udcids : &RecordLayout::total);
     TextWriter text(stream);
@@ -85,9 +86,9 @@ void RecordInternals::WriteText(DORecord const& record, std::ostream& stream) {
     text.Flush();
 }
 
-// The bytes are written in host order. Bytes and order are as before afterwards, also if the stream throws.
+// Writes the bytes in host order. The record is unchanged afterwards, even if the stream throws.
 void RecordInternals::WriteBytes(DORecord const& record, std::ostream& stream) {
-    // The record is converted to host order and back, so the sections that a conversion walks must be inside the
+    // The record is converted to host order and back, so all sections that a conversion accesses must be inside the
     // buffer.
     SectionEnd const end = record.networkOrder       ? &RecordLayout::total
                            : record.GetNTRefs() == 0 ? &RecordLayout::udcids
@@ -106,7 +107,7 @@ void RecordInternals::WriteBytes(DORecord const& record, std::ostream& stream) {
         }
     };
     if (wasInNetworkOrder) {
-        // Flag and bytes together: the stream's buffer may be code that reads the record.
+        // Flag and bytes change together, because the stream may call user code that reads the record.
         record.networkOrder = false;
         DORecordHeaderNtoh(record.header);
     }

@@ -29,7 +29,8 @@ void LogInvalidDcid(DORecordHeader const* header, unsigned long dcid, std::uint3
     ErrorA(CR_STATUS_INVALID, "%s: Invalid DCID %lu for SO %s at index %u.", kAppend, dcid, text, i);
 }
 
-// Adds up one run of a container after the other. False, logged, for a container that is reserved.
+// Adds up the bytes of each run of segments in one container.
+// Returns: false for a reserved container, which it logs.
 template <class SizeAt>
 bool AddRuns(DORecordHeader const* header, std::uint32_t count, unsigned char const* dcids, SizeAt sizeAt,
              DcidTotals& totals) {
@@ -71,7 +72,7 @@ bool CollectFromSegments(DORecordHeader const* header, Entries& entries) {
     return true;
 }
 
-// At most as many entries as the record has room for are read, whatever the received count says.
+// Returns: the number of entries to read: the received count, but not more than `nudcid`, the capacity of the list.
 std::uint32_t ReceivedCount(unsigned char const* list, std::uint32_t nudcid) noexcept {
     return nudcid == 0 ? 0 : std::min(UniqueCount(list, Order::Network), nudcid);
 }
@@ -104,7 +105,7 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
     Entries entries;
     try {
         if (bloom) {
-            // Swapped even if there is no list or no memory for it.
+            // The word is byte-swapped even if there is no list, or not enough memory for it.
             CopySwapped<std::uint32_t>(lengthWord, lengthWord);
             entries = CollectReceived(BytesOf(header) + layout.udcids, GetNudcid());
         } else {
@@ -127,7 +128,7 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
     return status;
 }
 
-// Sets the record size for a list of so many entries, in a buffer of just that size where the present one is too small.
+// Sets the record size for a list of `entries` entries. If the buffer is too small, allocates one of exactly that size.
 cr_status_t RecordInternals::GrowForList(DORecord& record, unsigned long entries) noexcept {
     RecordCounts counts = CountsOf(record.header, OrderOf(record.header));
     counts.ntaskid = counts.nds = counts.trefssize = 0;
@@ -154,7 +155,7 @@ cr_status_t RecordInternals::GrowForList(DORecord& record, unsigned long entries
     return CR_STATUS_OK;
 }
 
-// Stores entries, checksum and nudcid as host values in either order of the record, the list's count in that order.
+// Stores entries, checksum and nudcid in host order, and the list's count in the record's order.
 void RecordInternals::WriteUniqueList(DORecord& record, crrecord::UniqueEntry const* entries, unsigned int count,
                                       RecordLayout const& layout) noexcept {
     unsigned char* const list = BytesOf(record.header) + layout.udcids;
@@ -177,7 +178,7 @@ cr_status_t DORecord::AppendBloom(cr_dcid_size_map_t& sizes) {
         ErrorA(CR_STATUS_INVALID, "%s: %s", kMerge, kInvalidRecordSize);
         return CR_STATUS_OK;
     }
-    // Every call byte-swaps the word, so every second call restores it.
+    // Each call byte-swaps the length word, so a second call restores it.
     unsigned char* const lengthWord = BytesOf(header) + layout.entries;
     CopySwapped<std::uint32_t>(lengthWord, lengthWord);
     unsigned char const* const list = BytesOf(header) + layout.udcids;
@@ -210,7 +211,7 @@ cr_status_t DORecord::GetUDCIDSizeList(cr_dcid_size_map_t& sizes) const {
         }
         sizes.try_emplace(own, GetDOSize());
     } catch (...) {
-        // Stored before the log call and again after it, because a sink may read the last status and may change it.
+        // Set before and after the log call, because a sink may read errno and may change it.
         *__cr_errno_location() = CR_STATUS_NO_MEMORY;
         ErrorA(CR_STATUS_NO_MEMORY, "%s: failed to construct SO info vector, out of memory.", kGetSizes);
         return *__cr_errno_location() = CR_STATUS_NO_MEMORY;

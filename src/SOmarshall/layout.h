@@ -13,7 +13,7 @@
 
 namespace crrecord::segment {
 
-// What a conversion does with a field.
+// The treatment of a field in a conversion.
 enum class Handling : unsigned char {
     ByteSwapped, // byte-swapped
     TaskIds,     // the number of task ids: byte-swapped, or 0 if the task ids are stripped

@@ -1,5 +1,5 @@
-// Content-defined cutting: a segment ends where the last bytes say so, so that an insertion changes only the segments
-// around it.
+// Content-defined cutting: the content before a cut determines its position, so that an insertion changes only the
+// segments around it.
 //
 // FastCDC with normalised cutting (level 2), two bytes a step: W. Xia et al., "The Design of Fast Content-Defined
 // Chunking for Data Deduplication Based Storage Systems", IEEE Transactions on Parallel and Distributed Systems 31(9),
@@ -19,7 +19,7 @@ struct ContentCut {
     std::uint32_t most = 256 * 1024;
 };
 
-// Returns: bytes of the first segment of `size` bytes, which are the rest of the object or at least `cut.most`.
+// `size` is the rest of the object, or at least `cut.most`. Returns: the size of the first segment in bytes.
 std::uint64_t FirstContentCut(unsigned char const* bytes, std::uint64_t size, ContentCut const& cut) noexcept;
 
 } // namespace crrecord::tool

@@ -21,7 +21,7 @@ void Count(SegmentSums& sums, std::uint64_t bytes) {
     AddBytes(sums.bytes, bytes);
 }
 
-// The sizes of a set differ, or those of the two sets.
+// Returns: whether the sizes within a set differ, or those of the two sets.
 bool IsConflict(SegmentTuple const& segment) {
     constexpr std::uint8_t kBoth = SegmentTuple::kInFirst | SegmentTuple::kInSecond;
     return (segment.flags & (SegmentTuple::kFirstDiffers | SegmentTuple::kSecondDiffers)) != 0 ||

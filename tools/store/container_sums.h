@@ -1,4 +1,4 @@
-// What all records of a store say of each container.
+// Sums over all records of a store, for each container.
 
 #pragma once
 
@@ -31,27 +31,27 @@ struct ContainerSums {
 // Memory: at most 95 bytes for each container.
 class StoreContainers {
 public:
-    // The container's sums, which are 0 when it is new.
+    // Returns: the container's sums, which are 0 for a new container.
     ContainerSums& Of(std::uint64_t dcid) { return table_.Of(dcid); }
 
-    // For a record of this number: whether the container was not given before for the same record. Before AddSegments.
+    // Returns: whether this is the first call for `container` with this record number. Call it before AddSegments only.
     static bool IsNewFor(ContainerSums& container, std::uint64_t record) {
         // The sums of segments are not used yet: a member for this would cost memory for each container.
         return std::exchange(container.onlyFirst.segments, record) != record;
     }
-    // After the last IsNewFor.
+    // Call it after the last IsNewFor.
     void ForgetRecords();
 
-    // Adds distinct segments, of containers that Of has been called with. Any number of threads may call it.
-    // Throws: TooManyBytes; Failure for a container that is not there.
+    // Adds distinct segments of containers that Of was called with. Thread safety: any number of threads.
+    // Throws: TooManyBytes; Failure for a container that Of was not called with.
     void AddSegments(std::span<SegmentTuple const> segments);
-    // Segments, so far, whose sizes are not all the same.
+    // Returns: the number of segments so far with different sizes.
     std::uint64_t Conflicts() const { return conflicts_; }
 
     std::uint64_t size() const { return table_.size(); }
-    // By number: in the order in which Of was first called with them.
+    // Containers are numbered in the order of the first calls of Of.
     ContainerSums const& operator[](std::uint64_t i) const { return table_[i]; }
-    // Calls use(ContainerSums) for all in an order. After the last call of the functions above.
+    // Calls use(ContainerSums) for all containers in the order `before`. No function above may be called afterwards.
     template <class Before, class Use>
     void ForEachSorted(Before before, Use use) {
         table_.FreeLinks();

@@ -1,4 +1,4 @@
-// What a record loses with some containers.
+// The damage to a record if some containers are lost.
 
 #pragma once
 

@@ -1,4 +1,4 @@
-// What the sums of a container mean if the first set is that of needed segments and the second that of stored ones.
+// Liveness of a container. The first set of its sums has the needed segments, the second the stored ones.
 
 #pragma once
 
@@ -22,13 +22,13 @@ inline char const* NameOf(ContainerState state) {
     return state == ContainerState::Dead ? "dead" : state == ContainerState::Sparse ? "sparse" : "live";
 }
 
-// The stored bytes that nothing needs. A bloom record does not name its segments, so any may be needed.
+// Returns: the stored bytes that no record needs. A bloom record does not name its segments, so any may be needed.
 inline std::uint64_t GainOf(ContainerSums const& sums) {
     std::uint64_t const present = sums.first.bytes - sums.onlyFirst.bytes;
     return sums.bloomBytes != 0 || present > sums.second.bytes ? 0 : sums.second.bytes - present;
 }
 
-// The order of compaction: by needed bytes per stored byte, and containers with nothing to gain at the end.
+// The order of compaction: by needed bytes per stored byte. Containers without gain come last.
 inline bool IsSparser(ContainerSums const& a, ContainerSums const& b) {
     __extension__ using Product = unsigned __int128;
     bool const gainsA = GainOf(a) != 0;

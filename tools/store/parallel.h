@@ -1,4 +1,4 @@
-// The same work on many items by several threads.
+// Work on many items in several threads.
 
 #pragma once
 
@@ -13,8 +13,8 @@
 
 namespace crrecord::tool {
 
-// Calls work(item) for each item below `count`, from up to `threads` threads. Throws: what a call of `work` threw; the
-// items that no thread has begun are left out then.
+// Calls work(item) for each item below `count`, from up to `threads` threads.
+// Throws: the exception of a call of `work`. On failure: items that no thread has begun are skipped.
 template <class Work>
 void ForEachInParallel(unsigned int threads, unsigned int count, Work work) {
     std::atomic<unsigned int> next{0};
@@ -40,7 +40,7 @@ void ForEachInParallel(unsigned int threads, unsigned int count, Work work) {
                 helpers.emplace_back(run);
             }
         } catch (std::exception const&) {
-            // The system has no more threads: those that were started do the work.
+            // The system has no more threads. The started ones do the work.
         }
         run();
     }

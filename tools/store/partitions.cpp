@@ -9,10 +9,10 @@ namespace crrecord::tool {
 
 namespace {
 
-// Finds equal tuples among those that it was given, by their numbers.
+// An index of tuples by segment. It stores the numbers of the tuples.
 class TupleIndex {
 public:
-    // The number of the same segment; kNone if it is new, and then `number` is its number.
+    // Returns: the number of the tuple of the same segment; kNone if there is none, and `number` is added.
     static constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
 
     template <class TupleAt>
@@ -37,7 +37,7 @@ private:
     static constexpr std::uint64_t kFree = std::numeric_limits<std::uint64_t>::max();
     static constexpr std::uint64_t kTagMask = ~std::uint64_t{0} << 32;
 
-    // Other bits than those of the partition and of the tag decide.
+    // Uses bits of the hash that select neither the partition nor the tag.
     std::size_t Start(std::uint64_t hash) const {
         constexpr std::uint64_t kOdd = 0x9e3779b97f4a7c15;
         return (hash * kOdd >> 20) & (slots_.size() - 1);
@@ -61,7 +61,7 @@ private:
     std::vector<std::uint64_t> slots_; // the high half is of the hash, the low half a tuple's number
 };
 
-// Bytes for blocks: an eighth of the memory is for indexes.
+// Returns: the bytes for blocks. An eighth of the memory is for indexes.
 constexpr std::uint64_t ForBlocks(std::uint64_t memory) {
     return memory - memory / 8;
 }
@@ -71,7 +71,7 @@ constexpr std::uint64_t ForBlocks(std::uint64_t memory) {
 BlockPool::BlockPool(std::uint64_t blocks, std::uint32_t tuplesInBlock)
     : blocks_(blocks), tuplesInBlock_(tuplesInBlock) {
     std::size_t const size = blocks * tuplesInBlock * sizeof(SegmentTuple);
-    // Pages take memory when they are first used.
+    // Pages are allocated when they are first used.
     void* const memory =
         ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (memory == MAP_FAILED) {
@@ -160,7 +160,7 @@ void Partitions::ForEachBlock(List const& list, UseBlock use) const {
     }
 }
 
-// Merges the tuples of all writers into the first one's list, in the memory that they have.
+// Merges the tuples of all writers in place, into the list of the first writer.
 void Partitions::Compact(unsigned int partition) {
     std::uint32_t const inBlock = pool_->TuplesInBlock();
     std::vector<SegmentTuple*> blocks;
@@ -170,7 +170,7 @@ void Partitions::Compact(unsigned int partition) {
     for (auto const& writer : writers_) {
         blocks.insert(blocks.end(), writer->lists_[partition].blocks.begin(), writer->lists_[partition].blocks.end());
     }
-    // What is written is never ahead of what is read: a block has as many tuples as it can hold, or fewer.
+    // Writing never overtakes reading, because a block has at most `inBlock` tuples.
     for (auto const& writer : writers_) {
         ForEachBlock(writer->lists_[partition], [&](std::span<SegmentTuple> tuples) {
             for (SegmentTuple const& tuple : tuples) {
@@ -193,7 +193,7 @@ void Partitions::Compact(unsigned int partition) {
     writers_.front()->lists_[partition] = {std::move(blocks), count == 0 ? 0 : (count - 1) % inBlock + 1};
 }
 
-// After Compact of all partitions.
+// Call it after Compact of all partitions.
 void Partitions::Spill() {
     if (!file_) {
         file_ = std::make_shared<SpillFile>(options_.temporaryFolder);
@@ -220,7 +220,7 @@ void Partitions::Total(Use const& use) {
         ForEachInParallel(options_.threads, kPartitions, [this](unsigned int partition) { Compact(partition); });
         Spill();
         writers_.clear();
-        pool_.reset(); // the partitions' own partitions get its memory
+        pool_.reset(); // its memory is used to partition the spilled partitions
         ForEachInParallel(options_.threads, kPartitions, [&](unsigned int partition) { TotalOf(partition, use); });
         return;
     }
@@ -231,7 +231,7 @@ void Partitions::Total(Use const& use) {
 }
 
 void Partitions::TotalOf(unsigned int partition, Use const& use) {
-    // With each level the parts become 64 times smaller: no memory is so small that this happens to good files.
+    // Each level makes the parts 64 times smaller, so valid files do not reach this with any allowed memory.
     if (kBits * (level_ + 2) > std::numeric_limits<std::uint64_t>::digits) {
         throw Failure("the temporary files do not get smaller");
     }

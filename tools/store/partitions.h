@@ -22,7 +22,7 @@ public:
     std::uint64_t Blocks() const { return blocks_; }
     std::uint32_t TuplesInBlock() const { return tuplesInBlock_; }
     std::uint64_t Used();
-    // Any thread. Throws: std::bad_alloc if all blocks are used.
+    // Thread safety: any number of threads. Throws: std::bad_alloc if all blocks are used.
     SegmentTuple* Take();
     void Return(SegmentTuple* block);
 
@@ -49,7 +49,7 @@ struct PartitionOptions {
 class Partitions {
 public:
     static constexpr std::uint64_t kLeastMemory = 1024UL * 1024;
-    // More threads would only wait for the one that reads.
+    // More threads would only wait for the reading thread.
     static constexpr unsigned int kMostThreads = 16;
 
     explicit Partitions(PartitionOptions const& options);
@@ -62,15 +62,15 @@ public:
     unsigned int Writers() const { return static_cast<unsigned int>(writers_.size()); }
     unsigned int Threads() const { return options_.threads; }
 
-    // The most tuples of one batch, of which so many fit that all threads have work.
+    // Returns: the largest number of tuples of one batch, so that enough batches fit for all threads.
     std::uint64_t BatchTuples() const;
-    // Whether this number of tuples, of which threads may have added some, fits.
+    // Returns: whether `tuples` tuples fit. Threads may have added some of them already.
     bool HasRoom(std::uint64_t tuples);
-    // Frees memory for at least one batch for each thread. No writer is in use. Throws: Failure if the temporary file
-    // cannot be created or written.
+    // Frees memory for at least one batch for each thread. No writer may be in use.
+    // Throws: Failure if the temporary file cannot be created or written.
     void MakeRoom();
 
-    // Calls use(tuples) for all segments, each once, from all threads. The last call of an object.
+    // Calls use(tuples) for all segments, each once, from all threads. No function may be called afterwards.
     using Use = std::function<void(std::span<SegmentTuple const>)>;
     void Total(Use const& use);
 

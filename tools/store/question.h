@@ -1,4 +1,4 @@
-// What a question about a whole store counts.
+// A question about a whole store: the records and segments that it counts.
 
 #pragma once
 
@@ -9,13 +9,13 @@
 
 namespace crrecord::tool {
 
-// Each record is in the first set, in both, or in none. The sets of segments are those that the records need; or, with
-// `stored`, the second one is that of the segment records.
+// A record is in the first set, in both sets, or in neither. A set of segments has those that its records need. With
+// `stored`, the second set of segments has those of the segment records.
 struct Question {
     bool heldOnly = false; // the first set has held records only
     bool stored = false;
-    // The second set is that of records which are held without these references, and the sums of containers' records
-    // and their own bytes are of the records that are lost.
+    // The second set has the records that are still held without these references. The sums of a container's records
+    // and own bytes cover the lost records.
     std::vector<DOReference> dropped;
     bool ownContainers = true; // a record needs the container that it is in itself
 
@@ -34,7 +34,7 @@ inline bool IsDropped(Question const& question, DOReference const& reference) {
     });
 }
 
-// Calls use(reference) until it returns true. Returns: whether it did.
+// Calls use(reference) until it returns true. Returns: whether a call returned true.
 template <class Use>
 bool AnyReference(DORecordView const& view, Use use) {
     for (unsigned int i = 0; i < view.GetLegacyTaskIDs(); ++i) {

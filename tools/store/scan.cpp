@@ -81,7 +81,7 @@ void StoreScan::Scan(RecordStream& stream) {
         }
     } catch (InputFailure const&) {
         Submit();
-        pipeline_->Finish(); // complaints come before that of the caller
+        pipeline_->Finish(); // its complaints precede the one of the caller
         throw;
     }
 }
@@ -137,7 +137,7 @@ void StoreScan::ScanLarge(Record const& record) {
             view.emplace(record.bytes, record.size);
         }
     } catch (Cr_ErrnoException const&) {
-        // The part below finds the same.
+        // The code below reports the same error.
     }
     try {
         ScanParts(view ? &*view : nullptr, std::move(scanned));

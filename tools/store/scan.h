@@ -29,16 +29,16 @@ struct StoreTotals {
 // Memory: that of the partitions, at most 32 MiB for batches, 95 bytes for each container, and the largest record.
 class StoreScan {
 public:
-    // `complain` gets a line for each bad record, in the records' order.
+    // Calls complain(line) for each bad record, in the order of the records.
     StoreScan(Question question, PartitionOptions const& options, std::function<void(std::string const&)> complain);
     ~StoreScan();
 
-    // Called for each run of neighbouring entries in one container, in order. May be empty.
+    // Called for each run of adjacent entries in one container, in order. May be empty.
     std::function<void(std::uint64_t dcid)> useFragment;
 
-    // Reads all records of an input. Throws: InputFailure, and then what was read counts; Failure.
+    // Reads all records of an input. Throws: InputFailure, and the records read so far are counted; Failure.
     void Scan(RecordStream& stream);
-    // After the last Scan.
+    // Call it after the last Scan.
     void Total();
 
     StoreTotals const& Totals() const { return totals_; }
@@ -62,10 +62,10 @@ private:
     Batch* batch_ = nullptr;                    // the one that is being filled
     std::unique_ptr<Pipeline<Batch>> pipeline_; // the last member: its threads use the others
 
-    // Gives the batch to the threads, if it has records.
+    // Passes the batch to the threads, if it has records.
     void Submit();
     void Append(Record const& record);
-    // A record too large for a batch: its parts go to the threads, which read the stream's bytes.
+    // Passes a record that is too large for a batch in parts to the threads, which read the stream's bytes.
     void ScanLarge(Record const& record);
     void ScanParts(DORecordView const* view, Scanned scanned);
     void Work(Batch& batch);

@@ -1,4 +1,4 @@
-// What is known of one segment: what partitions keep in memory and write to temporary files.
+// The counted properties of one segment, as partitions keep them in memory and in temporary files.
 
 #pragma once
 
@@ -31,7 +31,7 @@ struct SegmentTuple {
     std::uint8_t flags;
     std::uint16_t zero;
 
-    // What was read from a file may be any bytes.
+    // Returns: false for invalid bytes, which a file may contain.
     bool IsWellFormed() const noexcept {
         return fptype <= CR_FP_TYPE_LAST && (flags & (kInFirst | kInSecond)) != 0 && flags <= kAllFlags && zero == 0;
     }
@@ -43,14 +43,14 @@ inline bool IsSameSegment(SegmentTuple const& a, SegmentTuple const& b) noexcept
            std::memcmp(a.fingerprint, b.fingerprint, sizeof a.fingerprint) == 0;
 }
 
-// The same for the same segment, and different from run to run.
+// Returns: a hash of the segment, which differs from run to run.
 inline std::uint64_t HashOf(SegmentTuple const& tuple) {
     constexpr unsigned int kWidest = sizeof tuple.fingerprint;
     unsigned int const width = tuple.fptype == CR_FP_TYPE_SHA256 ? kWidest : kWidest / 2;
     return HashOfSegment(tuple.fingerprint, width, tuple.dcid ^ std::uint64_t{tuple.fptype} << 62);
 }
 
-// Adds what `more` says of the same segment. The order of additions does not matter.
+// Merges `more`, a tuple of the same segment, into `into`. The result does not depend on the order of calls.
 inline void Merge(SegmentTuple& into, SegmentTuple const& more) noexcept {
     std::uint8_t const common = into.flags & more.flags;
     into.flags |= more.flags;

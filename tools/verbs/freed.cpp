@@ -1,4 +1,4 @@
-// crrecord freed: what a store would no longer need without some references.
+// crrecord freed: the records, segments and containers that a store no longer needs without some references.
 
 #include "record/record_findings.h"
 #include "record/references.h"
@@ -12,7 +12,7 @@ struct FreedOptions : StoreOptions {
     std::vector<std::string> references;
 };
 
-// What a container loses.
+// The loss of a container.
 struct Loss {
     explicit Loss(ContainerSums const& sums)
         : segments(sums.first.segments - sums.second.segments), bytes(sums.first.bytes - sums.second.bytes),

@@ -1,4 +1,4 @@
-// crrecord live: which containers of a store are needed, and how much of each.
+// crrecord live: the needed containers of a store, and the needed bytes of each one.
 
 #include "record/record_findings.h"
 #include "store/liveness.h"

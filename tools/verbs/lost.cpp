@@ -1,4 +1,4 @@
-// crrecord lost: which records of a store some containers damage if they are lost.
+// crrecord lost: the records of a store that are damaged if some containers are lost.
 
 #include "record/record_findings.h"
 #include "store/damage.h"

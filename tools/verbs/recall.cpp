@@ -13,7 +13,7 @@ struct RecallOptions : StoreOptions {
 };
 
 ExitCode Recall(RecallOptions const& options, Output& out) {
-    // The records are at hand, so their own containers are not fetched.
+    // The records are already read, so their own containers are not fetched.
     StoreScan scan({.dropped = {}, .ownContainers = false}, options.ForPartitions(), Complain);
     ContainerCache cache(options.cache);
     if (options.cache != 0) {

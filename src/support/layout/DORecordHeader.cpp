@@ -1,4 +1,4 @@
-// The DORecordHeader functions: the layout for callers who have a bare buffer, and the order of the bytes in it.
+// The DORecordHeader functions: layout and byte order conversion of a record in a bare buffer.
 
 #include "base/prefetch.h"
 #include "support/layout/header_fields.h"
@@ -45,7 +45,7 @@ void SwapSegments(unsigned char* entries, std::uint64_t count, RecordLayout cons
     }
 }
 
-// The count word of the unique list and the length word of the bloom area.
+// Byte-swaps the count word of the unique list and the length word of the bloom area.
 void SwapWords(unsigned char* record, RecordCounts const& counts, RecordLayout const& layout) noexcept {
     if (counts.nudcid != 0) {
         SwapInPlace32(record + layout.udcids + kUniqueCountOffset);
@@ -55,7 +55,7 @@ void SwapWords(unsigned char* record, RecordCounts const& counts, RecordLayout c
     }
 }
 
-// One routine for both directions: it reads the counts in the current order before it byte-swaps them.
+// Converts in both directions. Reads the counts in the current order before it byte-swaps them.
 void SwapRecord(DORecordHeader* header) noexcept {
     RecordCounts const counts = CountsOf(header, OrderOf(header));
     RecordLayout const layout(counts);
@@ -64,7 +64,7 @@ void SwapRecord(DORecordHeader* header) noexcept {
     SwapWords(BytesOf(header), counts, layout);
 }
 
-// The functions take a const header and give addresses to write to, as strchr does.
+// Returns: a writable address in a record passed as const, as strchr does.
 unsigned char* At(DORecordHeader const* header, std::uint64_t offset) noexcept {
     return const_cast<unsigned char*>(BytesOf(header)) + offset;
 }

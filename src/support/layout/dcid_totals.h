@@ -1,4 +1,4 @@
-// Adds up bytes by container, for containers in any order.
+// Sums of bytes by container, for containers in any order.
 
 #pragma once
 
@@ -10,7 +10,7 @@
 
 namespace crrecord {
 
-// Sorts by container and merges equal ones, the later into the earlier.
+// Sorts by container. Calls merge(earlier, later) for entries of the same container and keeps the earlier one.
 template <class Merge>
 void SortAndMerge(std::vector<UniqueEntry>& entries, Merge merge) {
     std::stable_sort(entries.begin(), entries.end(),
@@ -26,15 +26,15 @@ void SortAndMerge(std::vector<UniqueEntry>& entries, Merge merge) {
     entries.resize(entries.empty() ? 0 : kept + 1);
 }
 
-// Adds adjacent segments of one container at once. The sums go to a small table of recent containers. Sums that do not
-// fit, and those that they replace, go to a list, which is sorted at the end. The cost of a segment is an addition in a
-// usual record, a look-up in the table for thousands of containers at random, and a share of the sort for containers
-// that were chosen to fill one row of the table.
+// Adds up the bytes of adjacent segments in one container. The first kRunsBeforeTable sums go to a list, later ones to
+// a small hash table. A sum goes to the list too if its row of the table is full. Take() sorts the list. A segment
+// costs an addition in a usual record, a table look-up if containers are at random, and a share of the sort if
+// containers were chosen to fill one row.
 class DcidTotals {
 public:
     explicit DcidTotals(std::uint64_t segments) : segments_(segments) {}
 
-    // `dcid` is not 0. Throws std::bad_alloc.
+    // `dcid` must not be 0. Throws: std::bad_alloc.
     void Add(std::uint64_t dcid, std::uint64_t bytes) {
         if (dcid == run_.dcid) {
             run_.bytes += bytes;
@@ -44,7 +44,7 @@ public:
         run_ = {dcid, bytes};
     }
 
-    // All of them, ascending by container, each once.
+    // Returns: one entry for each container, in ascending order.
     std::vector<UniqueEntry> Take() {
         EndRun();
         std::copy_if(table_.begin(), table_.end(), std::back_inserter(list_),
@@ -56,7 +56,7 @@ public:
 private:
     static constexpr std::size_t kRunsBeforeTable = 256;
     static constexpr std::size_t kLargestTable = 65536;
-    static constexpr std::size_t kRow = 8; // places that a container may have: a power of two
+    static constexpr std::size_t kRow = 8; // entries in a row, a power of two
 
     void EndRun() {
         if (run_.dcid == 0) {
@@ -74,11 +74,11 @@ private:
             table_.resize(std::clamp(std::bit_ceil(segments_ / 4), std::size_t{1024}, kLargestTable));
             unusedBits_ = std::countl_zero(table_.size() - 1);
         }
-        // 2^64 by the golden ratio: the highest bits of the product depend on all bits of the container, and those of
-        // neighbouring containers lie far apart.
+        // The factor is 2^64 divided by the golden ratio. The highest bits of the product depend on all bits of the
+        // container, and consecutive containers get distant rows.
         std::size_t const first = (run_.dcid * 0x9e3779b97f4a7c15) >> unusedBits_;
         for (std::size_t i = 0; i < kRow; ++i) {
-            UniqueEntry& place = table_[first ^ i]; // its own, and then the others of its row
+            UniqueEntry& place = table_[first ^ i]; // the hashed entry first, then the others of its row
             if (place.dcid == run_.dcid || place.dcid == 0) {
                 place.dcid = run_.dcid;
                 place.bytes += run_.bytes;
@@ -89,9 +89,9 @@ private:
     }
 
     std::uint64_t segments_;
-    int unusedBits_ = 0; // of a hash: all but those of a place in the table
+    int unusedBits_ = 0; // low bits of the product that are not used as an index
     UniqueEntry run_{0, 0};
-    std::vector<UniqueEntry> table_; // rows of places; container 0 marks a free one
+    std::vector<UniqueEntry> table_; // container 0 marks a free entry
     std::vector<UniqueEntry> list_;
 };
 

@@ -21,7 +21,7 @@ struct HeaderField {
 #member, offsetof(DORecordHeader, member), sizeof(DORecordHeader::member), swapped                             \
     }
 
-// The legacy counts keep their bytes, as the legacy arrays do.
+// The legacy counts and arrays are never byte-swapped.
 inline constexpr std::array kHeaderFields{
     CRRECORD_FIELD(type, true),      CRRECORD_FIELD(flags, true),      CRRECORD_FIELD(recsize, true),
     CRRECORD_FIELD(reserved, false), CRRECORD_FIELD(checktime, true),  CRRECORD_FIELD(CID, true),
@@ -46,7 +46,7 @@ static_assert([] {
     return end == CR_DO_HEADER_SIZE;
 }());
 
-// The field of a name that is known at compile time.
+// Returns: the field named `name`.
 consteval HeaderField HeaderFieldOf(std::string_view name) {
     for (HeaderField const& field : kHeaderFields) {
         if (field.name == name) {

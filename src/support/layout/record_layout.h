@@ -1,4 +1,4 @@
-// Where everything is in a DO record: the one place that knows.
+// The layout of a DO record: the offset and size of each section.
 
 #pragma once
 
@@ -29,8 +29,8 @@ inline constexpr unsigned int kUniqueEntrySize = 16;
 inline constexpr unsigned int kBloomLengthSize = 4;
 inline constexpr unsigned int kBloomEndSize = 16;
 
-// Every record ends in zeros. In a record with segments, they keep accesses to the last entry inside the record if a
-// caller reads or writes 32 bytes of a 16-byte fingerprint, or a size or offset that the entry does not have.
+// Every record ends with zeros. Callers may access 32 bytes of a 16-byte fingerprint, or a size or offset that the
+// entry does not have. In a record with segments, the zeros keep such an access to the last entry inside the record.
 inline constexpr unsigned int kTailSize = 24;
 inline constexpr unsigned int kBloomTailSize = 4;
 
@@ -50,14 +50,14 @@ struct RecordCounts {
     unsigned char dotype = 0;
 };
 
-// Offsets from the start of the record, and sizes, in bytes. Sections are in the order of the members. No sum can wrap:
-// the largest is below 2^39.
+// Offsets are from the start of the record, in bytes; sizes are in bytes. The sections are in the order of the members.
+// No sum can overflow, because the largest is below 2^39.
 struct RecordLayout : DOEntryLayout {
-    std::uint32_t segments; // their number: 0 in a bloom record, whatever its nfp is
+    std::uint32_t segments; // number of segments; 0 in a bloom record, even if its nfp is not 0
 
     std::uint64_t entries;
     std::uint64_t dcids;
-    std::uint64_t udcids; // after the DCIDs, or after the bloom area, which starts at `entries`
+    std::uint64_t udcids; // after the DCIDs; in a bloom record, after the bloom area at `entries`
     std::uint64_t taskIds;
     std::uint64_t dsids;
     std::uint64_t trefs;
@@ -84,7 +84,7 @@ struct RecordLayout : DOEntryLayout {
     }
 };
 
-// The counts of a header in `order`. The legacy counts are not converted in either order.
+// Reads the counts of a header that is in `order`. The legacy counts are never byte-swapped.
 inline RecordCounts CountsOf(DORecordHeader const* header, Order order) noexcept {
     auto const read = [order](std::uint32_t stored) { return order == Order::Host ? stored : ByteSwapped(stored); };
     return {.ntaskid = header->ntaskid,
@@ -97,7 +97,7 @@ inline RecordCounts CountsOf(DORecordHeader const* header, Order order) noexcept
             .dotype = header->dotype};
 }
 
-// Reads the header of a record whose memory may change meanwhile: later changes don't reach the copy.
+// Copies the header of a record whose memory may change at any time. Later changes do not affect the copy.
 inline DORecordHeader ReadHeader(void const* record) noexcept {
     DORecordHeader header;
     std::memcpy(&header, record, sizeof header);
@@ -108,7 +108,7 @@ inline DORecordHeader ReadHeader(void const* record) noexcept {
 // Byte-swaps the fields of the fixed header only.
 void SwapHeaderFields(DORecordHeader* header) noexcept;
 
-// Converts a copied header to host order. Returns the order that it had.
+// Converts a copied header to host order. Returns: its order before the conversion.
 inline Order HeaderToHost(DORecordHeader& header) noexcept {
     Order const order = OrderOf(&header);
     if (order == Order::Network) {
@@ -117,8 +117,8 @@ inline Order HeaderToHost(DORecordHeader& header) noexcept {
     return order;
 }
 
-// Convert a copy of a record from `order` to host order: `count` segments from the first on, and the words that are
-// neither in the header nor in a segment.
+// Convert parts of a copied record from `order` to host order: SegmentsToHost `count` segments starting at `first`,
+// WordsToHost the words that are neither in the header nor in a segment.
 void SegmentsToHost(unsigned char* record, RecordLayout const& layout, unsigned int dotype, Order order,
                     std::uint64_t first, std::uint64_t count) noexcept;
 void WordsToHost(unsigned char* record, RecordCounts const& counts, RecordLayout const& layout, Order order) noexcept;
@@ -135,8 +135,10 @@ inline unsigned char const* BytesOf(DORecordHeader const* header) noexcept {
     return reinterpret_cast<unsigned char const*>(header);
 }
 
-// Calls work(first, count) for one block of segments after the other, while each is in the nearest caches: a few dozen
-// KB in whatever form. Stops, and returns false, where it does.
+// Calls work(first, count) for each block of segments, in order. A block has at most a few dozen KB in any form, so
+// that it stays in the nearest caches.
+//
+// Returns: false if a call returned false, which ends the loop; otherwise true.
 template <class Work>
 bool ForEachBlock(std::uint64_t segments, Work work) noexcept {
     constexpr std::uint64_t kBlock = 256;

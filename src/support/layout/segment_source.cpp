@@ -9,7 +9,7 @@ DOSegmentSource SegmentSourceOf(DORecordHeader const& fields, unsigned char cons
 
 DOUniqueDCIDSource UniqueSourceOf(DORecordHeader const& fields, unsigned char const* record) noexcept {
     RecordLayout const layout(CountsOf(&fields, Order::Host));
-    // Without a list not even the address of an entry may be inside the buffer.
+    // If there is no list, the address of its first entry may be outside of the buffer.
     return {.entries = record + (fields.nudcid != 0 ? layout.UniqueEntry(0) : layout.udcids), .count = fields.nudcid};
 }
 

@@ -1,4 +1,4 @@
-// The sources of the public ranges, for a header whose byte order is known.
+// Sources of the public ranges, from a header of known byte order.
 
 #pragma once
 
@@ -8,7 +8,8 @@
 
 namespace crrecord {
 
-// What ranges over the record at `record` read. `fields` is its header in host order, `order` that of the record.
+// Returns: the source of a range over the record at `record`. `fields` is its header in host order, `order` the order
+// of the record.
 DOSegmentSource SegmentSourceOf(DORecordHeader const& fields, unsigned char const* record, Order order) noexcept;
 DOUniqueDCIDSource UniqueSourceOf(DORecordHeader const& fields, unsigned char const* record) noexcept;
 

@@ -27,7 +27,7 @@ inline void StoreUniqueEntry(unsigned char* list, std::uint64_t i, UniqueEntry c
     Store(entry + 8, value.bytes, order);
 }
 
-// A record's own checksum covers the count and all entries.
+// Returns: the checksum that a record stores, which covers the count and all entries.
 inline std::uint32_t UniqueListChecksum(unsigned char const* list, std::uint32_t count) noexcept {
     return Adler32(list + kUniqueCountOffset,
                    kUniqueHeadSize - kUniqueCountOffset + std::uint64_t{kUniqueEntrySize} * count);
