@@ -8,6 +8,7 @@ import json
 import os
 import pathlib
 import random
+import re
 import resource
 import signal
 import subprocess
@@ -190,9 +191,24 @@ def check_live(store, records, path, objects_only, held, percent):
         check(total == sums_of_all, "live", total, sums_of_all)
         check(status == int(bool(stored) or total["conflicts"] != 0), "live: status", status)
         if stored:
-            complaints = run("live", file, *options).stderr.decode().splitlines()
+            page = file.with_name("page.html")
+            complaints = run("live", file, *options, "--html", page).stderr.decode().splitlines()
+            check_page(page.read_text(), expected)
             check(len(complaints) == 3 and all(f"{file}: record " in line and " at byte " in line
                                                for line in complaints), complaints)
+
+
+def check_page(page, lines):
+    """It loads nothing, and its rows have the numbers of the lines."""
+    check(not re.search("<script|<link|<img|http:|url[(]|@import| on[a-z]+=", page), "the page loads something")
+    rows = dict(re.findall(r'<th scope="row">([^<]*)</th>.*?<td>([^<]*)</td></tr>', page))
+    parts = collections.Counter("dead" if line["state"] == "dead" else
+                                f"{(part := min(10 * line['bytes'] // line['stored_bytes'], 9) * 10)} to {part + 10} %"
+                                for line in lines if line["state"] == "dead" or
+                                (line["stored_bytes"] and not line["bloom_bytes"]))
+    seen = {name: int(text.split()[0]) for name, text in rows.items() if name == "dead" or name.endswith("%")}
+    check({name: n for name, n in seen.items() if n} == dict(parts), "page", seen, parts)
+    check(rows["missing"].split()[0] != "0", "page: missing", rows)
 
 
 def check_freed(records, path):

@@ -1,5 +1,6 @@
 // crrecord live: the needed containers of a store, and the needed bytes of each one.
 
+#include "picture/store_page.h"
 #include "record/record_findings.h"
 #include "store/liveness.h"
 #include "verbs/store_options.h"
@@ -10,6 +11,7 @@ namespace {
 
 struct LiveOptions : StoreOptions {
     bool heldOnly = false;
+    std::string page;
     unsigned int sparsePercent = 50;
     std::optional<std::uint64_t> top;
 };
@@ -151,6 +153,11 @@ private:
 
 ExitCode Live(LiveOptions const& options, Output& out) {
     Question const question{.heldOnly = options.heldOnly, .stored = true, .dropped = {}};
+    RefuseToReplace(options.files, options.page, "page");
+    std::optional<OutputFile> page;
+    if (!options.page.empty()) {
+        page.emplace(options.page, options.files);
+    }
     StoreScan scan(question, options.ForPartitions(), Complain);
     ExitCode const result = ScanStore(scan, options);
     if (!AnyRecord(scan)) {
@@ -158,6 +165,10 @@ ExitCode Live(LiveOptions const& options, Output& out) {
     }
     Report report(scan, options, out);
     options.json ? report.PrintJson() : report.PrintTable();
+    if (page) {
+        WriteStorePage(page->Text(), scan, options.sparsePercent);
+        page->Commit();
+    }
     return std::max(result, report.IsMissing() ? ExitCode::BadRecord : ExitCode::AllWell);
 }
 
@@ -177,6 +188,7 @@ void AddLive(CLI::App& app, Action& chosen) {
             "Only the N containers to compact first, without --json")
         ->check(WholeNumber(std::numeric_limits<std::uint64_t>::max()))
         ->type_name("N");
+    AddFile(verb, "--html", options.page, "Also write a page with charts for browsers")->type_name("OUT");
     verb.footer(
         "DO records say which segments are needed, segment records which are stored. Each segment counts once.\n"
         "Status 1: a segment is needed and not stored, a segment has several sizes, or a record is bad.\n\n"
