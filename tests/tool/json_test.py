@@ -32,7 +32,7 @@ def spoiled(line):
                         ("order", "big"), ("references", ["task:x"]), ("legacy_references", ["ref6:1"])):
         if name in line:
             yield f"with {name} {value}", {**line, name: value}
-    for element in ({"fingerprint": "00"}, {"dcid": 64}, {"more": 1}):
+    for element in ({"fingerprint": "00"}, {"dcid": -64}, {"more": 1}):
         if line.get("segments"):
             worse = json.loads(json.dumps(line))
             worse["segments"][-1].update(element)

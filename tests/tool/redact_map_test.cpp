@@ -40,7 +40,7 @@ TEST_F(Tool, RedactsAllThatIdentifiesData) {
         std::map<json, json> names, originals;
         for (std::size_t i = 0; i < 5; ++i) {
             EXPECT_EQ(FindingsOf(lines.at(i)), "");
-            json before = lines.at(5 + i).flatten(), after = lines.at(10 + i).flatten();
+            json before = lines.at(6 + i).flatten(), after = lines.at(11 + i).flatten();
             EXPECT_EQ(after["/recsize"], before["/recsize"].get<int>() - (i < 2 ? 2 * 8 + 4 + 26 - 36 : 0));
             for (auto const& [path, from] : before.items()) {
                 bool const name = std::regex_match(path, renamed);
@@ -49,7 +49,7 @@ TEST_F(Tool, RedactsAllThatIdentifiesData) {
                 EXPECT_TRUE(name || std::regex_match(path, replaced) || after[path] == from) << path;
             }
         }
-        std::string const task = lines[13]["taskids"][2], references = lines[10]["references"].dump();
+        std::string const task = lines[14]["taskids"][2], references = lines[11]["references"].dump();
         EXPECT_NE(references.find("task:" + task), std::string::npos);
     }
     Write("key", Bytes(32, 7));
