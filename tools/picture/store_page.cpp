@@ -72,7 +72,7 @@ PageSums SumsOf(StoreContainers const& containers, unsigned int sparsePercent) {
         AddBytes(sums.missing, container.onlyFirst.bytes);
         if (StateOf(container, sparsePercent) == ContainerState::Dead) {
             ++sums.dead;
-        } else if (container.second.bytes != 0 && container.bloomBytes == 0) {
+        } else if (container.second.bytes != 0 && container.isInBloom == 0) {
             double const part =
                 static_cast<double>(container.first.bytes) / static_cast<double>(container.second.bytes);
             ++sums.byPart[static_cast<std::size_t>(std::min(part * 10, 9.0))];

@@ -18,8 +18,11 @@ struct SegmentSums {
 
 struct ContainerSums {
     std::uint64_t dcid = 0;
-    std::uint64_t uses = 0;    // entries of records
-    std::uint64_t records = 0; // that need it
+    std::uint64_t uses = 0;         // entries of records
+    std::uint64_t records : 63 = 0; // that need it
+    // A bloom record needs it, perhaps with 0 bytes. Shares the word of `records`, since memory for each container
+    // counts.
+    std::uint64_t isInBloom : 1 = 0;
     std::uint64_t bloomBytes = 0;
     std::uint64_t ownBytes = 0;
     // Distinct segments of each set, and those of the first set that are not in the second one.

@@ -14,7 +14,7 @@ inline ContainerState StateOf(ContainerSums const& sums, unsigned int sparsePerc
     }
     __extension__ using Product = unsigned __int128;
     bool const isSparse =
-        sums.bloomBytes == 0 && Product{sums.first.bytes} * 100 < Product{sums.second.bytes} * sparsePercent;
+        sums.isInBloom == 0 && Product{sums.first.bytes} * 100 < Product{sums.second.bytes} * sparsePercent;
     return isSparse ? ContainerState::Sparse : ContainerState::Live;
 }
 
@@ -25,7 +25,7 @@ inline char const* NameOf(ContainerState state) {
 // Returns: the stored bytes that no record needs. A bloom record does not name its segments, so any may be needed.
 inline std::uint64_t GainOf(ContainerSums const& sums) {
     std::uint64_t const present = sums.first.bytes - sums.onlyFirst.bytes;
-    return sums.bloomBytes != 0 || present > sums.second.bytes ? 0 : sums.second.bytes - present;
+    return sums.isInBloom != 0 || present > sums.second.bytes ? 0 : sums.second.bytes - present;
 }
 
 // The order of compaction: by needed bytes per stored byte. Containers without gain come last.

@@ -63,6 +63,8 @@ StoreScan::StoreScan(Question question, PartitionOptions const& options,
     for (unsigned int i = 0; i < partitions_.Writers(); ++i) {
         freeWriters_.push_back(i);
     }
+    // Its threads get no signals: a signal must not end the process while this thread has blocked them.
+    EndersBlocked const blocked;
     pipeline_ = std::make_unique<Pipeline<Batch>>(
         partitions_.Threads(), [this](Batch& batch) { Work(batch); }, [this](Batch& batch) { UseBatch(batch); });
 }
@@ -121,8 +123,6 @@ void StoreScan::Submit() {
     }
     reserved_ += batch_->tuples;
     batch_ = nullptr;
-    // Its threads get no signals: a signal must not end the process while this thread has blocked them.
-    EndersBlocked const blocked;
     pipeline_->Submit();
 }
 
@@ -312,10 +312,15 @@ void StoreScan::UseRun(Run const& run, Membership const& membership) {
     container.uses += run.uses;
     if (IsCounted(membership)) {
         AddBytes(container.bloomBytes, run.bloomBytes);
+        if (run.uses == 0) { // an entry of a bloom record's list
+            container.isInBloom = 1;
+        }
     }
     if (StoreContainers::IsNewFor(container, totals_.inFirst)) {
         ++objectContainers_;
-        container.records += NeedsAfterwards(membership) ? 1 : 0;
+        if (NeedsAfterwards(membership)) {
+            ++container.records;
+        }
     }
     if (useFragment) {
         useFragment(run.dcid);
@@ -328,7 +333,9 @@ void StoreScan::UseOwn(Scanned const& scanned) {
         AddBytes(container.ownBytes, scanned.ownBytes);
     }
     if (StoreContainers::IsNewFor(container, totals_.inFirst)) {
-        container.records += NeedsAfterwards(scanned.membership) ? 1 : 0;
+        if (NeedsAfterwards(scanned.membership)) {
+            ++container.records;
+        }
     }
 }
 

@@ -19,6 +19,7 @@ struct StoreTotals {
     std::uint64_t inSecond = 0;
     std::uint64_t bad = 0;            // records of both kinds
     std::uint64_t segmentRecords = 0; // good ones
+    bool isComplete = true;           // every input was read, and no record is bad
     // Objects of the first set with 1 container, 2 to 3, 4 to 7 and so on.
     std::array<std::uint64_t, 33> objectsByContainers{};
 };
@@ -42,6 +43,8 @@ public:
     void Total();
 
     StoreTotals const& Totals() const { return totals_; }
+    // An input could not be read: records in it are not counted.
+    void MarkIncomplete() { totals_.isComplete = false; }
     StoreContainers& Containers() { return containers_; }
 
 private:

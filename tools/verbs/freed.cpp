@@ -42,7 +42,7 @@ std::vector<DOReference> Parse(std::vector<std::string> const& texts) {
 ExitCode Freed(FreedOptions const& options, Output& out) {
     StoreScan scan({.heldOnly = true, .dropped = Parse(options.references)}, options.ForPartitions(), Complain);
     ExitCode const result = ScanStore(scan, options);
-    if (!AnyRecord(scan)) {
+    if (!AnyRecord(scan) && !options.json) {
         return result;
     }
     SegmentSums total;

@@ -142,6 +142,10 @@ private:
                            Colour::Bad);
         }
         PrintFaults(out_, scan_.Containers().Conflicts(), records.bad);
+        if (!records.isComplete) {
+            out_.PaintLine("incomplete: a record that was not read may need a container that is dead or sparse here",
+                           Colour::Bad);
+        }
     }
 
     StoreScan& scan_;
@@ -160,7 +164,7 @@ ExitCode Live(LiveOptions const& options, Output& out) {
     }
     StoreScan scan(question, options.ForPartitions(), Complain);
     ExitCode const result = ScanStore(scan, options);
-    if (!AnyRecord(scan)) {
+    if (!AnyRecord(scan) && !options.json) {
         return result;
     }
     Report report(scan, options, out);

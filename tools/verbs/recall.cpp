@@ -20,7 +20,7 @@ ExitCode Recall(RecallOptions const& options, Output& out) {
         scan.useFragment = [&cache](std::uint64_t dcid) { cache.Use(dcid); };
     }
     ExitCode const result = ScanStore(scan, options);
-    if (!AnyRecord(scan)) {
+    if (!AnyRecord(scan) && !options.json) {
         return result;
     }
     SegmentSums total;

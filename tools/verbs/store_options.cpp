@@ -34,6 +34,9 @@ ExitCode ScanStore(StoreScan& scan, StoreOptions const& options) {
         return ExitCode::AllWell;
     });
     scan.Total();
+    if (result != ExitCode::AllWell || scan.Totals().bad != 0) {
+        scan.MarkIncomplete();
+    }
     bool const faulty = scan.Totals().bad != 0 || scan.Containers().Conflicts() != 0;
     return std::max(result, faulty ? ExitCode::BadRecord : ExitCode::AllWell);
 }
@@ -53,9 +56,9 @@ void PrintFaults(Output& out, std::uint64_t conflicts, std::uint64_t bad) {
 }
 
 void PrintJsonFaults(Output& out, StoreScan& scan) {
-    out.Print(R"(,"conflicts":{},"bad_records":{}}}}})"
+    out.Print(R"(,"conflicts":{},"bad_records":{},"complete":{}}}}})"
               "\n",
-              Decimal{scan.Containers().Conflicts()}, Decimal{scan.Totals().bad});
+              Decimal{scan.Containers().Conflicts()}, Decimal{scan.Totals().bad}, scan.Totals().isComplete);
 }
 
 } // namespace crrecord::tool
