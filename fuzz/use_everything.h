@@ -22,7 +22,7 @@ inline void Must(bool holds, char const* what) {
 }
 
 inline void Read(void const* from, std::size_t size) {
-    static unsigned char volatile sum;
+    static thread_local unsigned char volatile sum;
     auto const* const bytes = static_cast<unsigned char const*>(from);
     std::for_each(bytes, bytes + size, [](unsigned char byte) { sum = static_cast<unsigned char>(sum + byte); });
 }
