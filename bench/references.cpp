@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <map>
+#include <numeric>
 #include <random>
 #include <set>
 
@@ -59,16 +60,24 @@ void AddAll(DORecord& record, Ids const& ids) {
 
 constexpr std::size_t kSerialized = 10; // bytes of a task id
 
-// Sorted, as GetSerializedTRefs returns them.
-std::shared_ptr<std::vector<char>> SerializedTaskIds(unsigned int n) {
-    auto const bytes = std::make_shared<std::vector<char>>(std::size_t{n} * kSerialized);
-    char* to = bytes->data();
-    for (std::uint64_t id = 1; id <= n; ++id, to += kSerialized) {
+template <class Ids>
+void SerializeTaskIds(Ids const& ids, char* to) {
+    for (std::uint64_t const id : ids) {
         std::uint64_t const payload = __builtin_bswap64(id);
         to[0] = CR_REFTYPE_TASKID;
         to[1] = sizeof payload;
         std::memcpy(to + 2, &payload, sizeof payload);
+        to += kSerialized;
     }
+    benchmark::ClobberMemory();
+}
+
+// Sorted, as GetSerializedTRefs returns them.
+std::shared_ptr<std::vector<char>> SerializedTaskIds(unsigned int n) {
+    auto const bytes = std::make_shared<std::vector<char>>(std::size_t{n} * kSerialized);
+    Ids ids(n);
+    std::iota(ids.begin(), ids.end(), 1);
+    SerializeTaskIds(ids, bytes->data());
     return bytes;
 }
 
@@ -126,27 +135,6 @@ Comparison LookUpAgainst(Shape shape, unsigned int n) {
     };
     return {findAll([record](unsigned long id) { return record->HasTaskID(id); }),
             findAll([set](unsigned long id) { return set->find(id) != set->end(); })};
-}
-
-// The reference copies the section, `atOnce` references per call.
-Comparison HeaderAgainst(Shape shape, unsigned int n, unsigned int atOnce) {
-    auto const section = SerializedTaskIds(n);
-    auto const record = RecordForReferences(shape);
-    record->AddSerializedTRefs(section->data(), static_cast<unsigned int>(section->size()));
-    Require(record->GetSerializedTRefsSize() == section->size() &&
-                std::memcmp(record->GetSerializedTRefs(), section->data(), section->size()) == 0,
-            "another section");
-    auto const copy = std::make_shared<std::vector<char>>(section->size());
-    return {{[record] {
-                benchmark::DoNotOptimize(record->GetHeader());
-                benchmark::ClobberMemory();
-            }},
-            {[section, copy, bytes = atOnce * kSerialized] {
-                for (std::size_t at = 0; at < section->size(); at += bytes) {
-                    std::memcpy(copy->data() + at, section->data() + at, bytes);
-                }
-                benchmark::ClobberMemory();
-            }}};
 }
 
 } // namespace
@@ -210,12 +198,26 @@ Comparison AddSerialized(Shape shape, unsigned int n) {
             })};
 }
 
+// The reference writes the section from a set of numbers.
 Comparison HeaderWithReferences(Shape shape, unsigned int n) {
-    return HeaderAgainst(shape, n, n);
-}
-
-Comparison HeaderOneByOne(Shape shape, unsigned int n) {
-    return HeaderAgainst(shape, n, 1);
+    auto const section = SerializedTaskIds(n);
+    auto const record = RecordForReferences(shape);
+    record->AddSerializedTRefs(section->data(), static_cast<unsigned int>(section->size()));
+    auto const ids = std::make_shared<std::set<std::uint64_t>>();
+    for (std::uint64_t id = 1; id <= n; ++id) {
+        ids->emplace_hint(ids->end(), id);
+    }
+    auto const written = std::make_shared<std::vector<char>>(section->size());
+    Side const fromNumbers{[ids, written] { SerializeTaskIds(*ids, written->data()); }};
+    fromNumbers.run();
+    Require(*written == *section && record->GetSerializedTRefsSize() == section->size() &&
+                std::memcmp(record->GetSerializedTRefs(), section->data(), section->size()) == 0,
+            "another section");
+    return {{[record] {
+                benchmark::DoNotOptimize(record->GetHeader());
+                benchmark::ClobberMemory();
+            }},
+            fromNumbers};
 }
 
 } // namespace bench

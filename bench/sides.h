@@ -38,7 +38,6 @@ Comparison AddSerialized(Shape shape, unsigned int n);
 Comparison LookUpTaskIds(Shape shape, unsigned int n);
 Comparison LookUpTaskIdsBTree(Shape shape, unsigned int n);
 Comparison HeaderWithReferences(Shape shape, unsigned int n);
-Comparison HeaderOneByOne(Shape shape, unsigned int n);
 
 // Comparisons with peers: other formats that encode or parse the same object of kMainShape.
 Comparison SerializeFlatBuffers(Shape shape, unsigned int n);

@@ -105,8 +105,23 @@ TEST(DORecordMemory, ReloadDoesNotCopyTheReferenceSets) {
     EXPECT_EQ(record->GetNtaskid(), 300u);
 }
 
-// The pools allocate blocks of a few dozen chunks: chunks that are not returned make them allocate more.
-TEST(DORecordMemory, ReturnsEveryChunkToItsPool) {
+TEST(DORecordMemory, NodesOfReferencesComeInBlocksAndAreFreedWithTheLast) {
+    auto const record = Build(Example(1, 0));
+    auto const work = [&] {
+        for (unsigned long id = 0; id < 1000; ++id) {
+            record->AddTaskID(id);
+        }
+        record->RemoveAllTRefs();
+        return CR_STATUS_OK;
+    };
+    work(); // the buffer and the pool keep what they take
+    auto const outcome = fault::Run(work, 0);
+    EXPECT_LT(outcome.attempts, 20u);
+    EXPECT_EQ(outcome.live, 0);
+}
+
+// The pool allocates blocks of a few dozen chunks: chunks that are not returned make it allocate more.
+TEST(DORecordMemory, ReturnsEveryChunkToThePool) {
     RecordValues values = Example(5, 1);
     values.references = {{9, 1}, {2, 17}, {2, 17}, {4, 3}}; // of which one is dropped
     Bytes const stored = Spell(values, true).bytes;

@@ -140,7 +140,7 @@ Operation const kNeedMemory[] = {
     FREE(SegmentRecordSerialize(RecordOf(s.segmentBytes), &s.out, &s.length)), FREE(CRFPInitialize(&s.context, 3)),
     NAMED("CRTDigestNewFull", static_cast<void>(s.digest = CRTDigestNewFull(1, &s.fingerprint, 64)))};
 
-// These allocate from the pools, which keep their memory.
+// These allocate from the pool, which keeps its memory.
 Operation const kNeedChunks[] = {
     NAMED("CRTRefNew", static_cast<void>(s.made = CRTRefNew(cr_reftype_t(2), 1))),
     NAMED("CRTRefNewDeserialize", static_cast<void>(s.made = CRTRefNewDeserialize(s.section.data(), 10, 1, &s.length))),
@@ -223,7 +223,7 @@ Operation const kNeedNone[] = {
 // clang-format on
 
 struct EveryOperation : testing::Test {
-    // The pools, and OpenSSL for each fingerprint type, keep their first allocations.
+    // The pool, and OpenSSL for each fingerprint type, keep their first allocations.
     EveryOperation() {
         CRLogSetSink(Drop, nullptr);
         std::vector<DORecord::tref_ptr_t> chunks;
@@ -286,7 +286,7 @@ TEST_F(EveryOperation, ReportsNoMemoryAndChangesNothing) {
     }
 }
 
-// The pools allocate blocks with operator new[], which sanitizers replace.
+// The pool allocates blocks with operator new[], which sanitizers replace.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST_F(EveryOperation, FailsWithoutAChunkInThePools) {
     for (auto const& table : {std::span<Operation const>(kNeedMemory), {kNeedChunks}}) {

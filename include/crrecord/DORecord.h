@@ -31,6 +31,7 @@
 
 #include <crrecord/DORecordHeader.h>
 #include <crrecord/fingerprint.h>
+#include <crrecord/reference_nodes.h>
 #include <crrecord/segments.h>
 #include <crrecord/status.h>
 #include <crrecord/tref.h>
@@ -56,7 +57,7 @@ typedef int (*cr_task_callback_t)(unsigned long taskId, void* context);
 class CRRECORD_API DORecord {
 public:
     typedef boost::intrusive_ptr<Cr_TRef> tref_ptr_t;
-    typedef std::set<tref_ptr_t, Cr_TRefComparator> tref_set_t;
+    typedef std::set<tref_ptr_t, Cr_TRefComparator, DOReferenceAllocator<tref_ptr_t>> tref_set_t;
     class tref_const_iterator_t; // tref_iterator.h
     class tref_range_t;
 
@@ -314,14 +315,12 @@ public:
     // Bytes of the references in serialized form, of one kind and of all, computed from the sets.
     unsigned long GetTRefTypeTotalSize(cr_reftype_t kind) const;
     unsigned long calcTRefsSize() const;
-    // Number of references in the sets: of all kinds, of one (0 for a number that is no kind), of task ids and of
-    // DSIDs. The header's counts are those of legacy arrays.
+    // Number of references in the sets: of all kinds, of one (0 for a number that is no kind), of task ids, of DSIDs.
     unsigned int GetNTRefs() const;
     unsigned int GetNTRefs(cr_reftype_t kind) const;
     unsigned int GetNtaskid() const;
     unsigned int GetNds() const;
-    // The set of one kind; empty for a number that is no kind. An iterator is valid until its reference is removed or
-    // the record is destroyed.
+    // The set of one kind, empty for a number that is no kind. Iterators: valid until their reference is removed.
     tref_set_t::const_iterator GetTRefTypeBegin(cr_reftype_t kind) const;
     tref_set_t::const_iterator GetTRefTypeEnd(cr_reftype_t kind) const;
     // All references except those of kind 0, by kind and then by id: for (tref_ptr_t const& r : record.References()).
@@ -334,8 +333,7 @@ public:
     unsigned long GetSerializedTRefsSize() const;
     // As GetHeader. Returns: the start of the section.
     char* GetSerializedTRefs() const;
-    // Loads `length` bytes of serialized references of any kind, drops those that the record has, and touches the
-    // record. The bytes may be the record's own section.
+    // Loads `length` bytes of serialized references of any kind, maybe of the record's own section. Touches the record.
     // Throws: the decoder's status (CR_STATUS_CORRUPT_RECORD, CR_STATUS_NO_MEMORY) with the text "Received a buffer
     // with corrupt typed references."; CR_STATUS_INVALID for null bytes or if the record must not grow; std::bad_alloc.
     // On failure: the references before the first that failed are loaded.
@@ -383,6 +381,7 @@ protected:
     bool ownsBuffer;
     bool subDO;
     CopyMode copyMode;
+    DOReferenceNodes nodes; // of all trefs
     tref_set_t trefs[kKinds];
     unsigned long spare; // 0
 

@@ -7,14 +7,13 @@
 //
 // Errors: functions that fail return null and store the reason in this thread's last status (status.h).
 //
-// Memory: references and handles come from two pools that all libraries of the process share. A pool keeps its memory
-// for later use and never returns it to the system. dlclose leaves the shared library loaded, since handles that are
-// still held are in its pool.
+// Memory: references and handles come from one pool that all libraries of the process share. It keeps its memory for
+// later use and never returns it to the system. The sets of a record take their nodes from the record
+// (reference_nodes.h). dlclose leaves the shared library loaded, since handles that are still held are in its pool.
 //
-// Thread safety: one mutex guards both pools. Each allocation and each release locks it; a record that loads references
-// locks it once for up to 32 of them. The count of a handle is a plain
-// integer: one thread at a time uses a handle. A child of fork() may make and release handles, whatever the other
-// threads of its parent did.
+// Thread safety: one mutex guards the pool. Each allocation and each release locks it; a record that loads references
+// locks it once for up to 32 of them. The count of a handle is a plain integer: one thread at a time uses a handle. A
+// child of fork() may make and release handles, whatever the other threads of its parent did.
 
 #pragma once
 
@@ -84,7 +83,7 @@ CRRECORD_API unsigned long CRTRefSerialize(void* destination, unsigned long room
 CRRECORD_API char* CRTRefToString(char* text, unsigned long size, _cr_tref_t const* reference) noexcept;
 
 // A counted handle that owns one reference. Allocate it with new or Factory and hold it in a boost::intrusive_ptr: the
-// last holder deletes it. A handle takes a 16-byte chunk of the pool of handles, so no class may derive from it.
+// last holder deletes it. A handle takes a 16-byte chunk of the pool, so no class may derive from it.
 class Cr_TRef final {
 public:
     // Takes ownership of `reference`, which may be null for an empty handle.
@@ -106,7 +105,7 @@ public:
     // Lifetime: until the handle is deleted.
     _cr_tref_t const* Get() const noexcept { return reference_; }
 
-    // Takes a chunk of the pool of handles.
+    // Takes a chunk of the pool.
     // Throws: std::bad_alloc; std::system_error if its mutex cannot be locked.
     CRRECORD_API static void* operator new(std::size_t size);
     // Returns the chunk to the pool. `chunk` is not null.

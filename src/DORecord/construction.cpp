@@ -154,7 +154,11 @@ void RecordInternals::AllocateBuffer(DORecord& record, unsigned long size, bool 
 
 DORecord::DORecord() noexcept
     : header(nullptr), bufferSize(0), networkOrder(false), ownsBuffer(true), subDO(false), copyMode(CopyMode::Own),
-      spare(0) {}
+      spare(0) {
+    for (tref_set_t& set : trefs) {
+        set = tref_set_t(DOReferenceAllocator<tref_ptr_t>(nodes));
+    }
+}
 
 DORecord::DORecord(unsigned long CID, unsigned long size, unsigned long ssize, unsigned int CRC, unsigned int ctime,
                    unsigned int mtime, void const* segments, unsigned int nsegments, unsigned long const* dcids,

@@ -1,4 +1,4 @@
-// The counted handle. Only operator new and operator delete use the pool of handles. Both are exported functions, so
+// The counted handle. Only operator new and operator delete use the pool. Both are exported functions, so
 // all libraries of the process share one pool.
 
 #include "tref/pool.h"
@@ -36,7 +36,7 @@ Cr_TRef* Cr_TRef::Factory(_cr_tref_t const* reference) {
 }
 
 void* Cr_TRef::operator new(std::size_t) {
-    void* const chunk = crrecord::TakeHandleChunk();
+    void* const chunk = crrecord::TakeChunk();
     if (!chunk) {
         throw std::bad_alloc();
     }
@@ -44,5 +44,5 @@ void* Cr_TRef::operator new(std::size_t) {
 }
 
 void Cr_TRef::operator delete(void* chunk) noexcept {
-    crrecord::ReturnHandleChunk(chunk);
+    crrecord::ReturnChunk(chunk);
 }

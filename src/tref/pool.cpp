@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <mutex>
 
-// The functions below lock the mutex; the pools' own default one would need another library.
+// The functions below lock the mutex; the pool's own default one would need another library.
 #define BOOST_POOL_NO_MT
 #include <boost/pool/singleton_pool.hpp>
 
@@ -15,46 +15,32 @@ namespace crrecord {
 namespace {
 
 struct Cr_TRef_Pool_Tag {};
-struct ValuePoolTag {};
 
 constexpr unsigned kFirstBlockChunks = 32;
 
-// Made before main starts, and never destroyed: handles may be released until the very end. Values have a pool of their
-// own, so that consecutive references are consecutive in memory.
-template <class Tag, class T>
-using PoolOf = boost::singleton_pool<Tag, sizeof(T), boost::default_user_allocator_new_delete,
-                                     boost::details::pool::null_mutex, kFirstBlockChunks, 0>;
-using HandlePool = PoolOf<Cr_TRef_Pool_Tag, Cr_TRef>;
-using ValuePool = PoolOf<ValuePoolTag, _cr_tref_t>;
+// Made before main starts, and never destroyed: handles may be released until the very end. A handle and its value are
+// taken one after the other, so that they are neighbours: a search in a set reads both at each step.
+using Pool = boost::singleton_pool<Cr_TRef_Pool_Tag, sizeof(Cr_TRef), boost::default_user_allocator_new_delete,
+                                   boost::details::pool::null_mutex, kFirstBlockChunks, 0>;
+static_assert(sizeof(_cr_tref_t) == sizeof(Cr_TRef) && alignof(_cr_tref_t) <= alignof(Cr_TRef));
 
-// Guards both pools.
 using PoolMutex = ForkSafeMutex<Cr_TRef_Pool_Tag>;
 constinit PoolMutex poolMutex;
 using Lock = std::lock_guard<PoolMutex>;
 
 } // namespace
 
-void* TakeHandleChunk() {
+void* TakeChunk() {
     Lock const lock(poolMutex);
-    return HandlePool::malloc();
+    return Pool::malloc();
 }
 
-void ReturnHandleChunk(void* chunk) noexcept {
+void ReturnChunk(void* chunk) noexcept {
     Lock const lock(poolMutex);
-    HandlePool::free(chunk);
+    Pool::free(chunk);
 }
 
-void* TakeValueChunk() noexcept {
-    Lock const lock(poolMutex);
-    return ValuePool::malloc();
-}
-
-void ReturnValueChunk(void* chunk) noexcept {
-    Lock const lock(poolMutex);
-    ValuePool::free(chunk);
-}
-
-// Returned in the reverse order, so that the pools lend them in the same order again.
+// Returned in the reverse order, so that the pool lends them in the same order again.
 HandleMaker::~HandleMaker() {
     if (first_ == end_) {
         return;
@@ -62,8 +48,8 @@ HandleMaker::~HandleMaker() {
     Lock const lock(poolMutex);
     while (end_ != first_) {
         --end_;
-        HandlePool::free(chunks_[end_].handle);
-        ValuePool::free(chunks_[end_].value);
+        Pool::free(chunks_[end_].handle);
+        Pool::free(chunks_[end_].value);
     }
 }
 
@@ -83,13 +69,13 @@ void HandleMaker::Refill(unsigned long expected) {
     unsigned long const wanted = std::clamp(expected, 1ul, chunks_.size());
     Lock const lock(poolMutex);
     for (; end_ < wanted; ++end_) {
-        void* const value = ValuePool::malloc();
+        void* const value = Pool::malloc();
         if (!value) {
             return;
         }
-        void* const handle = HandlePool::malloc();
+        void* const handle = Pool::malloc();
         if (!handle) {
-            ValuePool::free(value);
+            Pool::free(value);
             if (end_ == 0) {
                 throw std::bad_alloc();
             }

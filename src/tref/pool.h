@@ -1,4 +1,4 @@
-// Allocation of references and handles from the two pools of the process.
+// Allocation of references and handles from the pool of the process.
 
 #pragma once
 
@@ -8,14 +8,11 @@
 
 namespace crrecord {
 
-// Chunks for one Cr_TRef and for one _cr_tref_t. A pool reuses its memory, most recent first, and never returns it to
-// the system. Each call locks the mutex of the pools; if that fails, TakeHandleChunk throws std::system_error, and the
-// others, which must not throw, end the process.
-// Returns: the chunk, or null if memory is lacking.
-void* TakeHandleChunk();
-void ReturnHandleChunk(void* chunk) noexcept;
-void* TakeValueChunk() noexcept;
-void ReturnValueChunk(void* chunk) noexcept;
+// A chunk for one Cr_TRef or one _cr_tref_t. The pool reuses its memory, most recent first, and never returns it to the
+// system. Each call locks the mutex of the pool; if that fails, TakeChunk throws std::system_error, and ReturnChunk,
+// which must not throw, ends the process. Returns: the chunk, or null if memory is lacking.
+void* TakeChunk();
+void ReturnChunk(void* chunk) noexcept;
 
 // Makes handles with references, many of them with one lock of the mutex.
 class HandleMaker {
@@ -28,7 +25,7 @@ public:
     // Makes a handle that owns a copy of `reference`. `expected` is the number of handles that will be made from now
     // on, this one included.
     // Returns: the handle, or null if memory for the reference is lacking.
-    // Throws: std::bad_alloc if memory for the handle is lacking; std::system_error as TakeHandleChunk.
+    // Throws: std::bad_alloc if memory for the handle is lacking; std::system_error as TakeChunk.
     boost::intrusive_ptr<Cr_TRef> Make(DOReference reference, unsigned long expected = 1);
 
 private:

@@ -19,7 +19,7 @@ _cr_tref_t* Fail(cr_status_t status) noexcept {
 }
 
 _cr_tref_t* Make(_cr_tref_t const& value) noexcept {
-    void* const chunk = TakeValueChunk();
+    void* const chunk = TakeChunk();
     return chunk ? new (chunk) _cr_tref_t(value) : Fail(CR_STATUS_NO_MEMORY);
 }
 
@@ -108,7 +108,7 @@ _cr_tref_t* CRTRefNewDeserialize(void const* source, unsigned long available, in
 
 void CRTRefDelete(_cr_tref_t** reference) noexcept {
     if (reference && *reference) {
-        crrecord::ReturnValueChunk(*reference);
+        crrecord::ReturnChunk(*reference);
         *reference = nullptr;
     }
 }
