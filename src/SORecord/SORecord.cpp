@@ -18,8 +18,6 @@ using crrecord::Order;
 using crrecord::OrderFromFlag;
 namespace segment = crrecord::segment;
 
-constexpr char kSource[] = "SORecord/SORecord.cpp";
-
 [[noreturn]] void Refuse() {
     throw Cr_ErrnoException(CR_STATUS_INVALID);
 }
@@ -186,7 +184,7 @@ void SORecord::SetKey(char const* key) {
     // memmove, because the key may be the record's own. The test cannot fail; it keeps a position that logs may have.
     void const* const copied = std::memmove(record_->key, key, CR_SO_KEY_SIZE);
     if (!copied) {
-        throw Cr_ErrnoException(_crMapError("SetKey", kSource, 221));
+        throw Cr_ErrnoException(_crMapError("SetKey", "SORecord/SORecord.cpp", 221));
     }
 }
 
