@@ -76,7 +76,7 @@ void UseRecords(Bytes bytes, std::optional<FormFacts> const& form) {
                 rows.Add(record->offset, row);
                 jsonRows.Add(record->offset, row);
             });
-        } while (record->kind == Kind::Unknown && stream.NextBlock());
+        } while (stream.NextBlock());
         rows.End(findings);
         jsonRows.End(findings);
         if (valid) {

@@ -5,6 +5,8 @@
 
 #include <crrecord/probe.h>
 
+#include <algorithm>
+
 namespace crrecord::python {
 
 namespace {
@@ -21,6 +23,26 @@ struct RecordIterator {
         Raise(CR_STATUS_CORRUPT_RECORD, text.c_str());
     }
 
+    // Raises crrecord.Error for a record whose size and counts disagree. The iterator continues at the nearer end if a
+    // record starts there or the buffer ends there, otherwise at the farther one if the buffer has it.
+    [[noreturn]] void PassDoubtful(cr_record_probe_t const& probe, unsigned long available) {
+        auto const possible = [&](unsigned long size) { return size >= probe.head_size && size <= available; };
+        auto const startsRecord = [&](unsigned long size) {
+            return size == available ||
+                   CRRecordProbe(owner->Data() + position + size, available - size).kind != CR_RECORD_UNKNOWN;
+        };
+        std::string const reason = "size " + std::to_string(probe.recorded_size) + ", but its counts give " +
+                                   std::to_string(probe.counted_size);
+        auto const [near, far] = std::minmax({probe.recorded_size, probe.counted_size});
+        unsigned long const end = possible(near) && (!possible(far) || startsRecord(near)) ? near : far;
+        if (!possible(end)) {
+            stop(reason);
+        }
+        std::string const text = "record at byte " + std::to_string(position) + ": " + reason;
+        position += end;
+        Raise(CR_STATUS_CORRUPT_RECORD, text.c_str());
+    }
+
     py::object Next() {
         if (position == owner->Size()) {
             throw py::stop_iteration();
@@ -30,7 +52,13 @@ struct RecordIterator {
         if (probe.kind == CR_RECORD_UNKNOWN) {
             stop("unknown kind");
         }
-        if (available < probe.head_size || available < probe.recorded_size) {
+        if (available < probe.head_size) {
+            stop("the buffer ends within it");
+        }
+        if (probe.recorded_size != probe.counted_size) {
+            PassDoubtful(probe, available);
+        }
+        if (available < probe.recorded_size) {
             stop("the buffer ends within it");
         }
         if (probe.recorded_size < probe.head_size) {

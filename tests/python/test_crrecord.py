@@ -125,6 +125,12 @@ class Package(unittest.TestCase):
         stream = records(golden + broken + so)
         self.assertEqual((next(stream).position, self.assertRaises(Error, next, stream), next(stream).position),
                          (0, None, 576))
+        for size in (2**32 - 2, 100):  # its counts are right
+            claim = golden[:4] + size.to_bytes(4, "little") + golden[8:]
+            for stream in (records(claim + so), records(claim)):
+                self.assertRaisesRegex(Error, f"size {size}, but its counts give 288", next, stream)
+            stream = records(claim + so)
+            self.assertEqual((self.assertRaises(Error, next, stream), next(stream).position), (None, 288))
         for make, *arguments in ((DORecord, [(b"short", 1, 0, 64)]), (DORecord, [(bytes(16), 1 << 32, 0, 64)]),
                                  (DORecord.from_entries, bytes(28), bytes(16)),
                                  (DORecord.from_entries, bytes(27), bytes(8))):

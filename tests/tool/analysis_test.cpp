@@ -107,7 +107,10 @@ TEST_F(Tool, StatsAddsUpByContainer) {
           Spell(Object(kObject), true).bytes + segment + Spell(Object(kObject), false).bytes + Spell(bloom).bytes);
     Write("more", elsewhere + segment + Text("x"));
     EXPECT_EQ(Run("stats in more --unique --json"), 1);
-    EXPECT_EQ(json::parse(out), json::parse(R"({"schema": 1, "records": "6", "bad_records": "1", "segments": "13",
+    EXPECT_EQ(
+        json::parse(out),
+        json::parse(
+            R"({"schema": 1, "records": "6", "bad_records": "1", "segments": "13", "skipped_bytes": "0", "unread_bytes": "0",
         "bytes": "1057", "elsewhere": {"segments": "1", "bytes": "9"}, "unique_bytes": "25", "repeated_bytes": "32",
         "container_count": "3", "containers": [{"dcid": "64", "segments": "6", "bytes": "24", "fragments": "4"},
         {"dcid": "65", "segments": "4", "bytes": "1024", "fragments": "4"},
@@ -148,7 +151,7 @@ TEST_F(Tool, RefsChangesAllRecordsInTheirOrder) {
     Write("active", Text("18446744073709551615\r\n7"));
     ASSERT_EQ(Run("refs in --add task:5 --add dsid:1 --remove ref6:9 --drop-inactive active -o in --json"), 0) << err;
     EXPECT_EQ(json::parse(out), json::parse(R"({"schema": 1, "file": "in", "out": "in", "records": "2", "added": "4",
-        "removed": "1", "dropped": "2", "references": "6"})"));
+        "removed": "1", "dropped": "2", "references": "6", "segment_records": "0"})"));
     Bytes const written = Read("in"), expected = Spell(changed, true).bytes + Spell(changed, false).bytes;
     Bytes timeless = written;
     Splice(timeless, 0x30, Spelled(values.mtime, 4, true));

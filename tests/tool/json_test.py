@@ -20,6 +20,10 @@ def lines_of(*arguments):
     return [json.loads(line) for line in run(*arguments).stdout.splitlines()]
 
 
+def is_gap(line):
+    return isinstance(line, dict) and not {"schema", "file", "offset"} ^ ({*line} - {"skipped_bytes", "unread_bytes"})
+
+
 def spoiled(line):
     """The same line with one fault, in each of many ways."""
     for name in line:
@@ -70,7 +74,8 @@ def schema():
                       (of("statsLine"), lines_of("stats", "--json", *arguments)),
                       (of("diffLine"), lines_of("diff", "--json", *arguments, *arguments))]
         for validator, lines in pairs:
-            errors = (error for line in lines or ["no line"] for error in validator.iter_errors(line))
+            errors = (error for line in lines or ["no line"]
+                      for error in (of("gapLine") if is_gap(line) else validator).iter_errors(line))
             failures.extend(f"{arguments}: {error.message}" for error in errors)
         kind = (shown[0]["kind"], shown[0].get("dotype"))
         for validator, line in ((record, shown[0]), (findings, told[0])) if kind not in seen else ():
@@ -121,6 +126,7 @@ def numbers(of):
 
 def other_verbs(of):
     numbers(of)
+    empty = GOLDEN / "do0-empty.host"
     out = ("--json", "-o", "/dev/null")
     do3, gaps = GOLDEN / "do3-sha256.host", GOLDEN / "do3-md5-gaps.host"
     for name, *arguments in (("buildLine", "build", __file__, *out),
@@ -135,7 +141,9 @@ def other_verbs(of):
                              ("freedLine", "freed", "--json", do3, "--reference", "task:17"),
                              ("lostLine", "lost", "--json", do3, "--container", "70"),
                              ("recallLine", "recall", "--json", do3, "--cache", "1"),
+                             ("extractLine", "extract", do3, *out),
                              ("verifyLine", "verify", "--json", gaps, __file__),
+                             ("verifyLine", "verify", "--no-crc", empty, "/dev/null", "--stamp", *out),
                              ("diffLine", "diff", "--json", "--segments", do3, gaps),
                              ("validateLine", "validate", "--json", "--bad-only", do3),
                              ("findingsLine", "refs", "--json", __file__)):
@@ -143,6 +151,7 @@ def other_verbs(of):
         if "--dry-run" in arguments:  # the last line is the closing line
             lines = lines[-1:] if name == "changesLine" else lines[:-1]
         for line in lines or ["no line"]:
+            name = "gapLine" if is_gap(line) else name
             failures.extend(f"{arguments}: {error.message}" for error in of(name).iter_errors(line))
             failures.extend(f"{name}: valid with an odd {member}" for member in (*line, "more")
                             if of(name).is_valid({**line, member: {}}))

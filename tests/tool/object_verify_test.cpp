@@ -141,6 +141,36 @@ TEST_F(Tool, VerifyChecksTheCrcAndTheList) {
               json::parse(R"([{"what": "CRC", "expected": 965202580, "found": 965202581}])"));
 }
 
+// The record is written with a new check time at 0x0c, and unchanged otherwise: a conversion would set its mtime.
+TEST_F(Tool, VerifyStampsARecordThatMatches) {
+    RecordValues const good{.dotype = 3,
+                            .fptype = 0,
+                            .size = 3,
+                            .CRC = 0,
+                            .segments = {{FromHex(kAbcAnd12[0][0]), 3, 0, 64}},
+                            .taskIds = {17}};
+    for (bool const network : {true, false}) {
+        Bytes const record = Spell(good, network).bytes;
+        Write("record", record);
+        Write("in", Text("abc"));
+        auto const before = static_cast<std::uint64_t>(std::time(nullptr));
+        ASSERT_EQ(Run("verify --stamp record in -o stamped --json"), 0) << err;
+        auto const time = Lines().at(0)["checktime"].get<std::uint64_t>();
+        EXPECT_TRUE(before <= time && time <= before + 60) << time;
+        Bytes expected = record;
+        Splice(expected, 0x0c, Spelled(time, 4, network));
+        EXPECT_EQ(Read("stamped"), expected);
+        EXPECT_EQ(Run("verify --stamp record in -o - >piped"), 0) << err;
+        Bytes piped = Read("piped");
+        Splice(piped, 0x0c, Bytes(4));
+        EXPECT_EQ(piped, record);
+        Write("in", Text("abd"));
+        EXPECT_EQ(Run("verify --stamp record in -o none"), 1);
+        EXPECT_EQ(Run("verify --stamp record in -o in") + Run("verify record in -o none"), 4) << out;
+        EXPECT_EQ(Files(), "in piped record stamped ");
+    }
+}
+
 // Input of a pipe is hashed in several segments at once, but verified in one after the other.
 TEST_F(Tool, BuildsWhatVerifies) {
     ASSERT_EQ(Shell("seq 500000 >in"), 0);

@@ -186,7 +186,8 @@ def check_live(store, records, path, objects_only, held, percent):
         status, lines, total = answer("live", file, *options)
         expected, sums_of_all = live(counted, stored, percent)
         sums_of_all |= {"records": len(records), "held": sum(bool(r.references) for r in records),
-                        "bad_records": 3 if stored else 0, "complete": not stored}
+                        "bad_records": 3 if stored else 0, "skipped_bytes": 0, "unread_bytes": 0,
+                        "complete": not stored}
         check(lines == expected, "live", next((pair for pair in zip(lines, expected) if pair[0] != pair[1]), ""))
         check(total == sums_of_all, "live", total, sums_of_all)
         check(status == int(bool(stored) or total["conflicts"] != 0), "live: status", status)

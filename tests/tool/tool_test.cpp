@@ -106,13 +106,20 @@ TEST_F(Tool, NamesDamage) {
         Write("in", Golden(kHost) + middle + Golden(kHost));
         bool const bad = row.finding.find(" note ") == std::string::npos && !row.finding.empty();
         ASSERT_EQ(Run("validate --json in"), bad ? 1 : 0) << err;
-        auto const lines = Lines();
-        ASSERT_EQ(lines.size(), row.records + 1);
+        auto lines = Lines();
+        json const total = lines.back();
+        lines.pop_back();
+        if (row.records == 2) { // the last line of the file is about the rest
+            EXPECT_EQ(lines.back()["unread_bytes"], "288");
+            EXPECT_EQ(total["unread_bytes"], "288");
+            lines.pop_back();
+        }
+        ASSERT_EQ(lines.size(), row.records);
         EXPECT_EQ(FindingsOf(lines[1]).substr(0, row.finding.size()), row.finding);
         EXPECT_EQ(lines[1]["findings"].empty(), row.finding.empty());
         EXPECT_TRUE(lines[1]["valid"] == !bad && lines[0]["findings"].empty());
         EXPECT_EQ(lines[row.records - 1]["valid"], row.records == 3);
-        EXPECT_TRUE(lines.back()["records"] == std::to_string(row.records) && lines.back()["files"] == "1");
+        EXPECT_TRUE(total["records"] == std::to_string(row.records) && total["files"] == "1");
         EXPECT_EQ(Run("validate --json --first in"), bad ? 1 : 0);
         EXPECT_EQ(Lines()[1]["findings"].size(), bad ? 1u : 0u);
         for (char const* const verb : {"show in", "digest in", "convert in --to host -o out", "validate --quiet in"}) {

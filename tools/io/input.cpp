@@ -26,9 +26,8 @@ Input::~Input() {
 
 std::size_t Input::Read(std::span<unsigned char> buffer) {
     // Bytes appended since the opening are not read: they may be this command's output, which would never end.
-    if (off_t const here = ExpectedSize() != 0 ? ::lseek(file_, 0, SEEK_CUR) : -1; here != -1) {
-        buffer =
-            buffer.first(std::min(buffer.size(), static_cast<std::size_t>(std::max<off_t>(facts_.st_size - here, 0))));
+    if (auto const left = BytesLeft()) {
+        buffer = buffer.first(std::min<std::uint64_t>(buffer.size(), *left));
     }
     ssize_t count = 0;
     do {
@@ -70,6 +69,11 @@ Extent Input::NextExtent(std::uint64_t most) const {
 
 std::uint64_t Input::ExpectedSize() const {
     return S_ISREG(facts_.st_mode) ? static_cast<std::uint64_t>(facts_.st_size) : 0;
+}
+
+std::optional<std::uint64_t> Input::BytesLeft() const {
+    off_t const here = ExpectedSize() != 0 ? ::lseek(file_, 0, SEEK_CUR) : -1;
+    return here == -1 ? std::nullopt : std::optional<std::uint64_t>(std::max<off_t>(facts_.st_size - here, 0));
 }
 
 void Input::ThrowIfChanged() const {

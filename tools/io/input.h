@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -40,6 +41,8 @@ public:
     std::string const& Name() const { return name_; }
     // Returns: the size of a regular file, 0 for other files.
     std::uint64_t ExpectedSize() const;
+    // Returns: the bytes of a regular file that Read has not returned yet; std::nullopt for other files.
+    std::optional<std::uint64_t> BytesLeft() const;
     // For callers that stop before the end. Throws: InputFailure if the size or modification time of a regular file
     // changed since its opening. A store through a shared mapping may change the time later.
     void ThrowIfChanged() const;

@@ -61,4 +61,8 @@ private:
     std::uint64_t number_ = 0; // of the last line, from 1
 };
 
+// Returns: the numbers of a text with one on each line. `what` is what a line should be, for the message.
+// Throws: InputFailure for a file that cannot be read and for another line.
+std::vector<std::uint64_t> ReadNumbers(std::string const& name, std::string_view what);
+
 } // namespace crrecord::tool

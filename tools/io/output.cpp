@@ -95,6 +95,12 @@ OutputFile::~OutputFile() {
     }
 }
 
+void OutputFile::Abandon() {
+    if (!replacement_) {
+        output_.Flush();
+    }
+}
+
 void OutputFile::Commit() {
     output_.Flush();
     if (replacement_) {

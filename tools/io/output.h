@@ -94,6 +94,8 @@ public:
     Output& Text() { return output_; }
     // Writes the rest and replaces the former file.
     void Commit();
+    // Ends an output that is not complete: the former file is kept. A direct output receives everything so far.
+    void Abandon();
 
 private:
     std::string path_;

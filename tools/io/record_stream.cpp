@@ -1,6 +1,7 @@
 #include "io/record_stream.h"
 
 #include "io/failure.h"
+#include "io/record_heads.h"
 
 #include <crrecord/DORecordHeader.h>
 #include <crrecord/SOmarshall.h>
@@ -19,16 +20,15 @@ namespace crrecord::tool {
 namespace {
 
 constexpr std::uint64_t kProgressStep = 4UL * 1024 * 1024;
-// A record's size is a 32-bit field.
-constexpr std::uint64_t kLargestSize = std::numeric_limits<std::uint32_t>::max();
+// The parser rejects longer lines.
+constexpr std::uint64_t kLargestLine = std::numeric_limits<std::uint32_t>::max();
 
-// Bytes that are enough to compute the size of any known record.
-constexpr std::uint64_t kLargestHead = std::max<std::uint64_t>(CR_SO_FIXED_SIZE, CR_DO_HEADER_SIZE);
-// The first part of an unknown record, as of a segment record that is cut short.
-constexpr std::uint64_t kUnknownHead = CR_SO_FIXED_SIZE;
-
-constexpr Kind KindOf(cr_record_kind_t kind) noexcept {
-    return kind == CR_RECORD_SEGMENT ? Kind::Segment : kind == CR_RECORD_DO ? Kind::DataObject : Kind::Unknown;
+// JSON has no NUL, so a line ends after one: a hole of a sparse file must not fill the memory. Sets `size` to the end.
+// Returns: true if there is one.
+bool EndAtNul(unsigned char const* text, std::uint64_t& size) {
+    auto const* const nul = static_cast<unsigned char const*>(std::memchr(text, '\0', size));
+    size = nul ? static_cast<std::uint64_t>(nul - text) + 1 : size;
+    return nul != nullptr;
 }
 
 } // namespace
@@ -72,15 +72,6 @@ void ConvertRecord(Record const& record, Order order) noexcept {
 RecordStream::RecordStream(std::string name, std::optional<FormFacts> form)
     : input_(std::move(name)), progress_(input_.Name(), input_.ExpectedSize()), form_(form) {}
 
-std::uint64_t RecordStream::ChooseSize(std::uint64_t recorded, std::uint64_t counted, std::uint64_t least) {
-    auto const [near, far] = std::minmax({recorded, counted});
-    auto const possible = [least](std::uint64_t size) { return size >= least && size <= kLargestSize; };
-    if (possible(near) && (near == far || !possible(far) || IsBoundary(near))) {
-        return near;
-    }
-    return possible(far) ? far : least;
-}
-
 bool RecordStream::IsJson() {
     std::uint64_t position = 0;
     while (Fill(position + 1) > position && position < kReadBlock) {
@@ -100,6 +91,9 @@ Line const* RecordStream::NextLine() {
         unsigned char const* const text = bytes_ + begin_;
         end = std::memchr(text + size, '\n', there - size);
         size = end ? static_cast<std::uint64_t>(static_cast<unsigned char const*>(end) - text) : there;
+        if (!end && !inputEnded_ && (size > kLargestLine || EndAtNul(text, size))) {
+            break;
+        }
         if (!end && !inputEnded_) {
             Reserve(2 * size);
         }
@@ -116,24 +110,26 @@ Line const* RecordStream::NextLine() {
 }
 
 void RecordStream::Frame() {
+    start_ = record_.offset;
+    record_.open = false;
     if (form_) {
         FrameForm();
         return;
     }
     std::uint64_t const there = Fill(kLargestHead);
     cr_record_probe_t const probe = CRRecordProbe(bytes_ + begin_, there);
-    std::uint64_t const headSize = probe.kind == CR_RECORD_UNKNOWN ? kUnknownHead : probe.head_size;
     record_.kind = KindOf(probe.kind);
     record_.order = probe.network_order != 0 ? Order::Network : Order::Host;
-    if (there < headSize || record_.kind == Kind::Unknown) {
-        record_.size = std::min(there, headSize);
-        record_.endsTooEarly = there < headSize;
-        last_ = true;
-        return;
+    if (record_.kind == Kind::Unknown || there < probe.head_size) {
+        FrameUnknown(there, record_.kind == Kind::Unknown ? kUnknownHead : probe.head_size);
+    } else if (probe.recorded_size != probe.counted_size || probe.recorded_size < probe.head_size || isValid_) {
+        FrameDoubtful(probe.recorded_size, probe.counted_size, probe.head_size);
+    } else {
+        FrameWhole(probe.recorded_size);
     }
-    bool const agree = probe.recorded_size == probe.counted_size && probe.recorded_size >= headSize;
-    std::uint64_t const size =
-        agree ? probe.recorded_size : ChooseSize(probe.recorded_size, probe.counted_size, headSize);
+}
+
+void RecordStream::FrameWhole(std::uint64_t size) {
     record_.size = std::min(size, Fill(size));
     record_.endsTooEarly = record_.size < size;
     last_ = record_.endsTooEarly;
@@ -151,6 +147,9 @@ void RecordStream::Advance() {
 
 Record* RecordStream::Next() {
     Advance();
+    if (unfinished_) {
+        FinishOpen();
+    }
     if (last_ || (Fill(1) == 0 && record_.number != 0)) {
         return nullptr;
     }
@@ -160,32 +159,10 @@ Record* RecordStream::Next() {
     return &record_;
 }
 
-bool RecordStream::NextBlock() {
-    Advance();
-    record_.size = std::min(Fill(kReadBlock), kReadBlock);
-    record_.bytes = bytes_ + begin_;
-    return record_.size != 0;
-}
-
 bool RecordStream::EndsHere() {
     bool const ends = Fill(record_.size + 1) == record_.size;
     record_.bytes = bytes_ + begin_;
     return ends;
-}
-
-void RecordStream::FrameForm() {
-    record_.kind = Kind::Form;
-    record_.form = *form_;
-    record_.size = Fill(std::numeric_limits<std::uint64_t>::max());
-    record_.endsTooEarly = record_.size == 0;
-    last_ = true;
-}
-
-// Returns: true if a record starts, or the input ends, `position` bytes after the start of the current record.
-bool RecordStream::IsBoundary(std::uint64_t position) {
-    std::uint64_t const there = Fill(position + kLargestHead);
-    return there == position ||
-           (there > position && CRRecordProbe(bytes_ + begin_ + position, there - position).kind != CR_RECORD_UNKNOWN);
 }
 
 void RecordStream::ReadOn(std::uint64_t need) {

@@ -7,6 +7,7 @@
 #include "io/progress.h"
 
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -30,9 +31,31 @@ struct Record {
     Kind kind;
     Order order;        // as it was read; undefined for exchange forms and unknown kinds
     bool endsTooEarly;  // the input ends within the record
+    bool open;          // these are its first bytes, and NextBlock continues it
     std::uint64_t size; // bytes present
     unsigned char* bytes;
     FormFacts form; // of an exchange form
+};
+
+// Bytes of an input that are in no checked record.
+struct Gap {
+    std::uint64_t offset;
+    std::optional<std::uint64_t> size; // std::nullopt if it is unknown
+    bool isRest;                       // the rest of the input, which is not read
+};
+
+// Returns: "skipped bytes 6340 to 6763 (424)", or the message for the rest of the input.
+std::string Describe(Gap const& gap);
+
+class RecordStream;
+
+// The gaps of some inputs.
+struct GapSums {
+    std::uint64_t skipped = 0;
+    std::optional<std::uint64_t> unread = 0; // std::nullopt for an unknown number
+
+    // Call it after the last record of the input.
+    void Add(RecordStream const& stream);
 };
 
 // One line of an input, without its end. The text is valid until the next line.
@@ -54,16 +77,25 @@ std::string PlaceOf(std::string_view file, Record const& record);
 void ConvertRecord(Record const& record, Order order) noexcept;
 
 // Finds the boundaries, kind and byte order of records. It does not validate them. A record ends at the end that its
-// size and its counts give. If these disagree the record is bad. So that the records after it are not lost, it ends at
-// the nearer end if another record starts there or the input ends there, and otherwise at the farther one. A record of
-// unknown kind, or one that is cut short, is the last one. An empty input has one record of no bytes.
+// size and its counts give.
 //
-// An exchange form has no mark: if one is expected, it is the whole input.
+// If these disagree the record is bad. So that the records after it are not lost, it ends at the nearer end if another
+// record starts there or the input ends there, and otherwise at the farther one. If the farther end is more than
+// kReadBlock bytes away, the record is open: it has the bytes to the nearer end, or its fixed part if that is too far
+// away as well, and the others are passed in blocks.
 //
-// Memory: one record. A record that claims more bytes than the input has costs at most twice the bytes read plus one
-// block. No other process can change these bytes, so the validated bytes are those that are used.
+// A record of unknown kind, or one that is cut short, is the last one, unless the stream scans (ScanWith).
+//
+// An exchange form has no mark: if one is expected, it is the whole input. It is open if it exceeds the size that its
+// counts give by more than kReadBlock bytes.
+//
+// Memory: one record whose size and counts agree. A record that claims more bytes than the input has costs at most
+// twice the bytes read plus one block. No other process can change these bytes, so the validated bytes are those that
+// are used.
 class RecordStream {
 public:
+    static constexpr std::uint64_t kScanWork = 64;
+
     // With `form` the input is an exchange form.
     explicit RecordStream(std::string name, std::optional<FormFacts> form = std::nullopt);
 
@@ -71,9 +103,28 @@ public:
 
     // Returns: the next record, or null after the last one. Throws: InputFailure.
     Record* Next();
-    // Continues a record of unknown kind: replaces the record that Next returned by the next block of bytes.
-    // Returns: false at the end of the input.
+    // Continues an open record: replaces the record that Next returned by its next block, which is of unknown kind.
+    // Returns: false at the end of the record.
     bool NextBlock();
+
+    // Searches for the next record after bytes that are no record, instead of ending there. Must be called before Next.
+    //
+    // Such bytes are a record of unknown kind, one that exceeds the input, one whose size and counts disagree and after
+    // whose nearer end no record starts, and one that `isValid` rejects and after which no record starts. This record
+    // is open. It ends before the first bytes with a known type whose size and counts agree and which `isValid`
+    // accepts, or at the end of the input.
+    //
+    // Work: each byte is compared once. The bytes passed to `isValid`, or moved for it, are at most kScanWork times
+    // those read: candidates beyond that are ignored.
+    void ScanWith(bool (*isValid)(Record const& candidate)) { isValid_ = isValid; }
+
+    // Calls `report` for each gap, instead of printing a message.
+    void ReportGapsTo(std::function<void(Gap const&)> report) { reportGap_ = std::move(report); }
+    // After the last record, the sum of these three is the size of the input.
+    std::uint64_t BytesInRecords() const { return record_.offset - skipped_; }
+    std::uint64_t SkippedBytes() const { return skipped_; }
+    // Returns: the bytes not read; std::nullopt for an unknown number.
+    std::optional<std::uint64_t> UnreadBytes() const { return unread_; }
     // For callers that stop before the end. Throws: InputFailure if a regular file changed since it was opened.
     void ThrowIfChanged() const { input_.ThrowIfChanged(); }
     // Returns: true if the current record is the last of the input. Its bytes may move.
@@ -103,8 +154,18 @@ private:
     void Advance();
     inline void Frame();
     void FrameForm();
-    std::uint64_t ChooseSize(std::uint64_t recorded, std::uint64_t counted, std::uint64_t least);
+    void FrameUnknown(std::uint64_t there, std::uint64_t headSize);
+    void FrameDoubtful(std::uint64_t recorded, std::uint64_t counted, std::uint64_t headSize);
+    void FrameWhole(std::uint64_t size);
+    void Open(std::uint64_t size, std::uint64_t nearEnd, std::uint64_t farEnd);
+    void OpenToNextRecord(std::uint64_t size);
+    void FinishOpen();
+    void ReportGap(Gap const& gap);
     bool IsBoundary(std::uint64_t position);
+    std::uint64_t RestOfOpen();
+    std::uint64_t Scan(std::uint64_t from, std::uint64_t to);
+    bool IsValidAt(std::uint64_t position);
+    bool Reach(std::uint64_t position, std::uint64_t size);
 
     Input input_;
     Progress progress_;
@@ -119,6 +180,19 @@ private:
     bool last_ = false;
     Record record_{};
     Line line_{};
+
+    bool (*isValid_)(Record const& candidate) = nullptr; // if the stream scans
+    std::function<void(Gap const&)> reportGap_;
+    // Of the open record, and of one that a scan has ended.
+    bool unfinished_ = false;
+    bool scanning_ = false; // it ends before the next record
+    std::uint64_t start_ = 0;
+    std::uint64_t nearEnd_ = 0;  // the offset at which it ends if a record starts there
+    std::uint64_t farEnd_ = 0;   // the offset at which it ends otherwise
+    std::uint64_t scanWork_ = 0; // bytes that candidates have cost
+    std::uint64_t foundAt_ = 0;  // the offset of the last record that a scan found; 0 for none
+    std::uint64_t skipped_ = 0;
+    std::optional<std::uint64_t> unread_ = 0;
 };
 
 } // namespace crrecord::tool

@@ -59,7 +59,9 @@ char const* RemarkOn(Record const& record) noexcept {
     if (record.endsTooEarly) {
         return record.size == 0 ? " (the input is empty)" : " (the input ends within this record)";
     }
-    return record.kind == Kind::Unknown ? " (no record of a known kind: the rest of the input is not read)" : "";
+    return record.kind == Kind::Unknown ? " (no record of a known kind)"
+           : record.open                ? " (its end is in doubt: only these bytes are checked)"
+                                        : "";
 }
 
 void AppendJsonKind(fmt::memory_buffer& to, Record const& record) {
@@ -82,7 +84,7 @@ Colour ColourOf(Finding const& finding) noexcept {
 bool Diagnose(Record const& record, Depth depth, std::vector<Finding>& findings) {
     findings.clear();
     // Without a callback the library skips the checks for notes.
-    if (depth == Depth::FirstError && DiagnoseBytes(record, nullptr, nullptr) == CR_STATUS_OK) {
+    if (depth == Depth::FirstError && IsValid(record)) {
         return true;
     }
     // The first error of an unknown record reports its type. Further errors would be those of a segment record.
@@ -92,6 +94,10 @@ bool Diagnose(Record const& record, Depth depth, std::vector<Finding>& findings)
         findings.back().message += fmt::format(" (and {} more)", Counted(keeper.more, "finding"));
     }
     return status == CR_STATUS_OK;
+}
+
+bool IsValid(Record const& record) {
+    return DiagnoseBytes(record, nullptr, nullptr) == CR_STATUS_OK;
 }
 
 bool CheckRecord(std::string_view file, Record const& record, std::vector<Finding>& findings) {
@@ -123,6 +129,26 @@ void AppendJsonStart(fmt::memory_buffer& to, std::string_view quotedFile, Record
                    quotedFile, record.number, Decimal{record.offset});
     AppendJsonKind(to, record);
     fmt::format_to(std::back_inserter(to), FMT_COMPILE(R"(,"valid":{})"), valid);
+}
+
+void PrintJsonGap(Output& out, std::string_view quotedFile, Gap const& gap) {
+    out.Print(R"({},"file":{},"offset":{},"{}":{}}})"
+              "\n",
+              JsonStart(), quotedFile, Decimal{gap.offset}, gap.isRest ? "unread_bytes" : "skipped_bytes",
+              JsonNumber(gap.size));
+}
+
+void PrintGaps(Output& out, GapSums const& gaps) {
+    if (gaps.skipped != 0) {
+        out.Print("skipped: {}\n", WithUnit(gaps.skipped));
+    }
+    if (gaps.unread != 0U) {
+        out.Print("not read: {}\n", gaps.unread ? WithUnit(*gaps.unread) : "the rest of an input");
+    }
+}
+
+std::string JsonNumber(std::optional<std::uint64_t> const& number) {
+    return number ? fmt::format("{}", Decimal{*number}) : "null";
 }
 
 void AppendJsonFindings(fmt::memory_buffer& to, std::vector<Finding> const& findings) {

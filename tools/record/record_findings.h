@@ -33,10 +33,13 @@ enum class Depth { Everything, FirstError };
 // Returns: true for a valid record.
 bool Diagnose(Record const& record, Depth depth, std::vector<Finding>& findings);
 
+// Returns: true for a valid record.
+bool IsValid(Record const& record);
+
 // Validates a record and reports its first error on standard error. Returns: true for a valid record.
 bool CheckRecord(std::string_view file, Record const& record, std::vector<Finding>& findings);
 
-// Returns: one line without its end: the place, the finding, and the reason if the rest of the input is not read.
+// Returns: one line without its end: the place, the finding, and a remark about a record that is not complete.
 std::string Describe(std::string_view file, Record const& record, Finding const& finding);
 
 // The version of the JSON form, in every line. docs/json.md lists the changes allowed within one version.
@@ -52,6 +55,15 @@ void AppendJsonStart(fmt::memory_buffer& to, std::string_view quotedFile, Record
 
 // Appends the member "findings", after a comma.
 void AppendJsonFindings(fmt::memory_buffer& to, std::vector<Finding> const& findings);
+
+// Prints a whole line for bytes that are in no checked record.
+void PrintJsonGap(Output& out, std::string_view quotedFile, Gap const& gap);
+
+// Prints a line for skipped bytes and one for bytes that were not read, if there are any.
+void PrintGaps(Output& out, GapSums const& gaps);
+
+// Returns: a 64-bit number as a string, or null.
+std::string JsonNumber(std::optional<std::uint64_t> const& number);
 
 // Prints a whole line with the record's place and findings only.
 void PrintJsonFindings(Output& out, std::string_view quotedFile, Record const& record, bool valid,

@@ -30,7 +30,7 @@ struct StoreScan::Run {
 };
 
 struct StoreScan::Scanned {
-    enum class Result { Bad, Segment, Object };
+    enum class Result { Bad, Segment, Object, Gap };
 
     std::shared_ptr<std::string const> file;
     Record record{};
@@ -73,6 +73,7 @@ StoreScan::~StoreScan() = default;
 
 void StoreScan::Scan(RecordStream& stream) {
     file_ = std::make_shared<std::string const>(stream.Name());
+    stream.ReportGapsTo([this, &stream](Gap const& gap) { AppendGap(stream, gap); });
     try {
         while (Record const* const record = stream.Next()) {
             if (record->size > partitions_.BatchTuples() * kLeastEntry) {
@@ -81,6 +82,7 @@ void StoreScan::Scan(RecordStream& stream) {
                 Append(*record);
             }
         }
+        totals_.gaps.Add(stream);
     } catch (InputFailure const&) {
         Submit();
         pipeline_->Finish(); // its complaints precede the one of the caller
@@ -108,6 +110,15 @@ void StoreScan::Append(Record const& record) {
     scanned.begin = batch_->bytes.size();
     batch_->bytes.insert(batch_->bytes.end(), record.bytes, record.bytes + record.size);
     batch_->tuples += record.size / kLeastEntry;
+    batch_->records.push_back(std::move(scanned));
+}
+
+// The message about a gap follows those about the records before it, which the threads may not have checked yet.
+void StoreScan::AppendGap(RecordStream const& stream, Gap const& gap) {
+    batch_ = batch_ ? batch_ : &pipeline_->Next();
+    Scanned scanned;
+    scanned.result = Scanned::Result::Gap;
+    scanned.error = stream.Name() + ": " + Describe(gap);
     batch_->records.push_back(std::move(scanned));
 }
 
@@ -172,6 +183,9 @@ void StoreScan::Work(Batch& batch) {
         freeWriters_.pop_back();
     }
     for (Scanned& scanned : batch.records) {
+        if (scanned.result == Scanned::Result::Gap) {
+            continue;
+        }
         if (!batch.bytes.empty()) {
             scanned.record.bytes = batch.bytes.data() + scanned.begin;
         }
@@ -272,6 +286,7 @@ void StoreScan::UseBatch(Batch& batch) {
                 containers_.Of(scanned.dcid);
             }
             break;
+        case Scanned::Result::Gap: complain_(scanned.error); break;
         case Scanned::Result::Bad: ++totals_.bad; complain_(scanned.error);
         }
     }

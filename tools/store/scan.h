@@ -17,7 +17,8 @@ struct StoreTotals {
     std::uint64_t held = 0;
     std::uint64_t inFirst = 0;
     std::uint64_t inSecond = 0;
-    std::uint64_t bad = 0;            // records of both kinds
+    std::uint64_t bad = 0; // records of both kinds
+    GapSums gaps;
     std::uint64_t segmentRecords = 0; // good ones
     bool isComplete = true;           // every input was read, and no record is bad
     // Objects of the first set with 1 container, 2 to 3, 4 to 7 and so on.
@@ -30,7 +31,7 @@ struct StoreTotals {
 // Memory: that of the partitions, at most 32 MiB for batches, 95 bytes for each container, and the largest record.
 class StoreScan {
 public:
-    // Calls complain(line) for each bad record, in the order of the records.
+    // Calls complain(line) for each bad record and each gap, in their order.
     StoreScan(Question question, PartitionOptions const& options, std::function<void(std::string const&)> complain);
     ~StoreScan();
 
@@ -68,6 +69,7 @@ private:
     // Passes the batch to the threads, if it has records.
     void Submit();
     void Append(Record const& record);
+    void AppendGap(RecordStream const& stream, Gap const& gap);
     // Passes a record that is too large for a batch in parts to the threads, which read the stream's bytes.
     void ScanLarge(Record const& record);
     void ScanParts(DORecordView const* view, Scanned scanned);

@@ -28,7 +28,7 @@ ExitCode AnnotateInput(RecordStream& stream, Rows rows) {
         rows.Begin(*record, valid, findings);
         do {
             Walk(*record, [&](Row const& row) { rows.Add(record->offset, row); });
-        } while (record->kind == Kind::Unknown && stream.NextBlock());
+        } while (stream.NextBlock());
         rows.End(findings);
         result = valid ? result : ExitCode::BadRecord;
     }
@@ -55,7 +55,7 @@ ExitCode Annotate(AnnotateOptions const& options, Output& out) {
     if (!options.text.empty()) {
         return ReadBackFile(options, out);
     }
-    return ForEachInput(options.files, options.form, [&](RecordStream& stream) {
+    return ForEachInput(options.files, options.form, options.json ? &out : nullptr, [&](RecordStream& stream) {
         return options.json ? AnnotateInput(stream, JsonRows(out, stream.Name()))
                             : AnnotateInput(stream, TextRows(out, stream.Name()));
     });
@@ -69,13 +69,18 @@ void AddAnnotate(CLI::App& app, Action& chosen) {
     auto* const files = AddFiles(verb, options.files);
     auto* const json = verb.add_flag("--json", options.json, "One JSON object on a line for each record");
     AddFormOptions(verb, options.form);
+    AddScan(verb, options.form);
     auto* const reverse =
         AddFile(verb, "--reverse", options.text, "Write the bytes of a text that annotate printed, which may be edited")
             ->type_name("TEXT");
     auto* const written = AddFile(verb, "-o,--out", options.out, "The file that --reverse writes; - is standard output")
                               ->type_name("OUT")
                               ->needs(reverse);
-    reverse->needs(written)->excludes(files)->excludes(json)->excludes(verb.get_option("--serialized"));
+    reverse->needs(written)
+        ->excludes(files)
+        ->excludes(json)
+        ->excludes(verb.get_option("--serialized"))
+        ->excludes(verb.get_option("--scan"));
     verb.footer(
         "A line has the offset in the file (hexadecimal), up to sixteen bytes, and their section, field and value. A\n"
         "line of !! has the finding about the byte above its ^^. A line without bytes reports missing bytes.\n\n"

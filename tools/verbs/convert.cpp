@@ -118,6 +118,7 @@ public:
         tally_.converted += changed ? 1 : 0;
     }
 
+    void Abandon() { to_.Abandon(); }
     Converted const& Commit() {
         to_.Commit();
         return tally_;
@@ -193,6 +194,8 @@ ExitCode Convert(ConvertOptions const& options, Output& out) {
     stream.ThrowIfChanged();
     if (result == ExitCode::AllWell) {
         PrintClosing(out, options.out, options.json, ClosingLine(options, converter.Commit()));
+    } else {
+        converter.Abandon();
     }
     return result;
 }

@@ -75,7 +75,7 @@ ExitCode DigestInput(RecordStream& stream, DigestOptions const& options, Output&
 }
 
 ExitCode Digest(DigestOptions const& options, Output& out) {
-    return ForEachInput(options.files, options.form,
+    return ForEachInput(options.files, options.form, options.json ? &out : nullptr,
                         [&](RecordStream& stream) { return DigestInput(stream, options, out); });
 }
 
@@ -87,6 +87,7 @@ void AddDigest(CLI::App& app, Action& chosen) {
     verb.add_flag("--key", options.key, "Print a key that identifies the content instead of the digest");
     verb.add_flag("--json", options.json, "One JSON object on a line for each record");
     AddFormOptions(verb, options.form);
+    AddScan(verb, options.form);
     verb.footer(
         "Equal content in equal segments has equal digests, for any byte order or form of a record without notes from\n"
         "validate. Segment records, and records of DO type 0 with a number of segments other than one, have no digest: "

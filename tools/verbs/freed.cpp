@@ -77,7 +77,7 @@ ExitCode Freed(FreedOptions const& options, Output& out) {
     } else {
         out.Print("{} would lose the last reference: {} of {} freed, {} dead\n", Counted(records, "record"),
                   Counted(total.segments, "segment"), WithUnit(total.bytes), Counted(dead, "container"));
-        PrintFaults(out, scan.Containers().Conflicts(), scan.Totals().bad);
+        PrintFaults(out, scan);
     }
     return result;
 }

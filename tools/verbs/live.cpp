@@ -141,7 +141,7 @@ private:
                                        WithUnit(totals_.missing.bytes)),
                            Colour::Bad);
         }
-        PrintFaults(out_, scan_.Containers().Conflicts(), records.bad);
+        PrintFaults(out_, scan_);
         if (!records.isComplete) {
             out_.PaintLine("incomplete: a record that was not read may need a container that is dead or sparse here",
                            Colour::Bad);

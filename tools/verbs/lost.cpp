@@ -11,6 +11,7 @@ namespace {
 
 struct LostOptions {
     std::vector<std::string> files{"-"};
+    FormOptions form; // without its form
     std::vector<std::uint64_t> containers;
     bool json = false;
 };
@@ -42,19 +43,21 @@ public:
                 result = ExitCode::CouldNotWork;
             }
         }
+        gaps_.Add(stream);
         return result;
     }
 
     ExitCode PrintTotal() {
         if (any_ && json_) {
             out_.Print(R"({},"total":{{"records":{},"segments":{},"bytes":{},"bloom_bytes":{},)"
-                       R"("bad_records":{}}}}})"
+                       R"("bad_records":{},"skipped_bytes":{},"unread_bytes":{}}}}})"
                        "\n",
                        JsonStart(), Decimal{records_}, Decimal{segments_}, Decimal{bytes_}, Decimal{bloomBytes_},
-                       Decimal{bad_});
+                       Decimal{bad_}, Decimal{gaps_.skipped}, JsonNumber(gaps_.unread));
         } else if (any_) {
             out_.Print("{} damaged: {} of {}\n", Counted(records_, "record"), Counted(segments_, "segment"),
                        WithUnit(bytes_));
+            PrintGaps(out_, gaps_);
         }
         return bad_ == 0 ? ExitCode::AllWell : ExitCode::BadRecord;
     }
@@ -93,6 +96,7 @@ private:
     std::vector<Finding> findings_;
     bool any_ = false; // true: a record was read
     std::uint64_t bad_ = 0;
+    GapSums gaps_;
     std::uint64_t records_ = 0;
     std::uint64_t segments_ = 0;
     std::uint64_t bytes_ = 0;
@@ -101,7 +105,8 @@ private:
 
 ExitCode Lost(LostOptions const& options, Output& out) {
     LostRecords lost(options, out);
-    ExitCode const result = ForEachInput(options.files, {}, [&](RecordStream& stream) { return lost.Visit(stream); });
+    ExitCode const result =
+        ForEachInput(options.files, options.form, nullptr, [&](RecordStream& stream) { return lost.Visit(stream); });
     return std::max(result, lost.PrintTotal());
 }
 
@@ -116,6 +121,7 @@ void AddLost(CLI::App& app, Action& chosen) {
         ->required()
         ->type_name("DCID")
         ->allow_extra_args(false);
+    AddScan(verb, options.form);
     verb.add_flag("--json", options.json, "One JSON object on a line for each record, and one for the total");
     verb.footer("Entries count as often as an object has them. A record whose own container is lost is lost, too.\n\n"
                 "Example:\n  crrecord lost --container 1042 objects.do");

@@ -56,7 +56,7 @@ ExitCode Recall(RecallOptions const& options, Output& out) {
         if (options.cache != 0) {
             out.Print("fetches with a cache of {}: {}\n", Counted(options.cache, "container"), cache.Fetches());
         }
-        PrintFaults(out, containers.Conflicts(), records.bad);
+        PrintFaults(out, scan);
     }
     return result;
 }

@@ -73,12 +73,15 @@ ExitCode Redact(RedactOptions const& options, Output& out) {
     Pseudonyms pseudonyms = MakePseudonyms(options);
     OutputFile to(options.out, options.files);
     Redacted tally;
-    ExitCode const result = ForEachInput(
-        options.files, options.form, [&](RecordStream& stream) { return RedactInput(stream, to, pseudonyms, tally); });
+    ExitCode const result = ForEachInput(options.files, options.form, nullptr, [&](RecordStream& stream) {
+        return RedactInput(stream, to, pseudonyms, tally);
+    });
     // A broken record cannot be redacted safely, and the output has all records or none.
     if (result == ExitCode::AllWell) {
         to.Commit();
         PrintClosing(out, options.out, options.json, ClosingLine(options, tally));
+    } else {
+        to.Abandon();
     }
     return result;
 }

@@ -7,8 +7,6 @@
 #include "record/references.h"
 #include "verbs/verbs.h"
 
-#include <charconv>
-
 namespace crrecord::tool {
 
 namespace {
@@ -21,6 +19,7 @@ struct RefsOptions {
     std::string active;
     bool allowEmpty = false;
     bool dryRun = false;
+    FormOptions form; // without its form
     bool json = false;
 
     bool Changes() const { return !add.empty() || !remove.empty() || !active.empty(); }
@@ -38,11 +37,10 @@ std::vector<Reference> ParseReferences(char const* option, std::vector<std::stri
     return references;
 }
 
-// Calls use(record) for each valid record of an input, and skip(record, findings) for each bad one. Ends
-// if skip returns false.
-// Throws: Failure for a segment record.
+// Calls use(record) for each valid record of an input, and skip(record, findings) for each bad one. Ends if skip
+// returns false.
 template <class Use, class Skip>
-ExitCode ForEachDORecord(RecordStream& stream, Use use, Skip skip) {
+ExitCode ForEachRecord(RecordStream& stream, Use use, Skip skip) {
     ExitCode result = ExitCode::AllWell;
     std::vector<Finding> findings;
     while (Record const* const record = stream.Next()) {
@@ -51,8 +49,6 @@ ExitCode ForEachDORecord(RecordStream& stream, Use use, Skip skip) {
             if (!skip(*record, findings)) {
                 break;
             }
-        } else if (record->kind != Kind::DataObject) {
-            throw Failure(PlaceOf(stream.Name(), *record) + ": is a segment record, expected a DO record");
         } else {
             use(*record);
         }
@@ -63,8 +59,12 @@ ExitCode ForEachDORecord(RecordStream& stream, Use use, Skip skip) {
 
 ExitCode List(RefsOptions const& options, Output& out) {
     RecordStream stream(options.file);
+    SetUp(stream, options.form, options.json ? &out : nullptr);
     std::string const quotedName = JsonName("file", options.file);
     auto const use = [&](Record const& record) {
+        if (record.kind == Kind::Segment) {
+            return;
+        }
         bool const several = record.number != 1 || !stream.EndsHere();
         std::unique_ptr<DORecord> const opened = OpenDORecord(options.file, record);
         if (!options.json) {
@@ -81,7 +81,7 @@ ExitCode List(RefsOptions const& options, Output& out) {
         });
         out.Write("]}\n");
     };
-    return ForEachDORecord(stream, use, [&](Record const& record, std::vector<Finding> const& findings) {
+    return ForEachRecord(stream, use, [&](Record const& record, std::vector<Finding> const& findings) {
         if (options.json) {
             PrintJsonFindings(out, quotedName, record, false, findings);
         }
@@ -93,22 +93,7 @@ ExitCode List(RefsOptions const& options, Output& out) {
 class ActiveTasks {
 public:
     // Throws: InputFailure for a file that cannot be read and for a line that is not a task id.
-    explicit ActiveTasks(std::string const& name) {
-        constexpr std::size_t kLongestId = std::numeric_limits<std::uint64_t>::digits10 + 1;
-        Input input(name);
-        LineReader lines(input, kLongestId + 1); // a carriage return may end a line
-        while (auto const next = lines.Next()) {
-            std::string_view line = *next;
-            line.remove_suffix(line.ends_with('\r') ? 1 : 0);
-            std::uint64_t id = 0;
-            char const* const end = line.data() + line.size();
-            auto const [stop, error] = std::from_chars(line.data(), end, id);
-            if (stop != end || error != std::errc() || line.size() > kLongestId) {
-                throw InputFailure(fmt::format("{}: line {}: found \"{}\", expected a task id", name, lines.Number(),
-                                               Printable(line)));
-            }
-            ids_.push_back(id);
-        }
+    explicit ActiveTasks(std::string const& name) : ids_(ReadNumbers(name, "a task id")) {
         std::sort(ids_.begin(), ids_.end());
     }
 
@@ -173,19 +158,23 @@ public:
         }
     }
 
+    // Counts a segment record, which has no references.
+    void PassSegment() { ++segments_; }
+
     std::string ClosingLine() const {
         if (options_.json) {
             std::string const target =
                 options_.dryRun ? R"("dry_run":true)" : R"("out":)" + JsonName("out", options_.out);
             return fmt::format(R"({},"file":{},{},"records":{},"added":{},"removed":{},"dropped":{},)"
-                               R"("references":{}}})",
+                               R"("references":{},"segment_records":{}}})",
                                JsonStart(), JsonName("file", options_.file), target, Decimal{records_}, Decimal{added_},
-                               Decimal{removed_}, Decimal{dropped_}, Decimal{references_});
+                               Decimal{removed_}, Decimal{dropped_}, Decimal{references_}, Decimal{segments_});
         }
-        return fmt::format("{}: {}: {} {}added, {} removed, {} dropped; {}",
+        return fmt::format("{}: {}: {} {}added, {} removed, {} dropped; {}{}",
                            Printable(options_.dryRun ? options_.file : options_.out), Counted(records_, "record"),
                            added_, options_.dryRun ? "would be " : "", removed_, dropped_,
-                           Counted(references_, "reference"));
+                           Counted(references_, "reference"),
+                           segments_ == 0 ? "" : "; " + Counted(segments_, "segment record") + " unchanged");
     }
 
 private:
@@ -198,6 +187,7 @@ private:
     std::uint64_t removed_ = 0;
     std::uint64_t dropped_ = 0;
     std::uint64_t references_ = 0; // of the changed records
+    std::uint64_t segments_ = 0;   // segment records
 };
 
 ExitCode ChangeAll(RefsOptions const& options, Output& out) {
@@ -205,6 +195,11 @@ ExitCode ChangeAll(RefsOptions const& options, Output& out) {
     RecordStream stream(options.file);
     OutputFile to(options.out, {options.file});
     auto const write = [&](Record const& record) {
+        if (record.kind == Kind::Segment) {
+            to.Write(record.bytes, record.size);
+            changer.PassSegment();
+            return;
+        }
         std::unique_ptr<DORecord> const changed = changer.Change(record);
         if (record.order == Order::Network) {
             changed->HostToNetwork(0);
@@ -213,10 +208,12 @@ ExitCode ChangeAll(RefsOptions const& options, Output& out) {
         to.Write(bytes.data(), bytes.size());
     };
     ExitCode const result =
-        ForEachDORecord(stream, write, [](Record const&, std::vector<Finding> const&) { return false; });
+        ForEachRecord(stream, write, [](Record const&, std::vector<Finding> const&) { return false; });
     if (result == ExitCode::AllWell) {
         to.Commit();
         PrintClosing(out, options.out, options.json, changer.ClosingLine());
+    } else {
+        to.Abandon();
     }
     return result;
 }
@@ -227,6 +224,10 @@ ExitCode ShowChanges(RefsOptions const& options, Output& out) {
     RecordStream stream(options.file);
     std::string const quotedName = JsonName("file", options.file);
     auto const show = [&](Record const& record) {
+        if (record.kind == Kind::Segment) {
+            changer.PassSegment();
+            return;
+        }
         bool const several = record.number != 1 || !stream.EndsHere();
         std::unique_ptr<DORecord> const after = changer.Change(record);
         std::unique_ptr<DORecord> const before = OpenDORecord(options.file, record);
@@ -242,7 +243,7 @@ ExitCode ShowChanges(RefsOptions const& options, Output& out) {
         });
     };
     ExitCode const result =
-        ForEachDORecord(stream, show, [](Record const&, std::vector<Finding> const&) { return false; });
+        ForEachRecord(stream, show, [](Record const&, std::vector<Finding> const&) { return false; });
     if (result == ExitCode::AllWell) {
         out.Print("{}\n", changer.ClosingLine());
     }
@@ -253,6 +254,9 @@ ExitCode Refs(RefsOptions const& options, Output& out) {
     if (options.Changes() == (options.out.empty() && !options.dryRun)) {
         throw Failure(options.Changes() ? "--add, --remove and --drop-inactive need --out or --dry-run"
                                         : "--out and --dry-run need --add, --remove or --drop-inactive");
+    }
+    if (options.form.scan && options.Changes()) {
+        throw Failure("--scan is for listing references (try: crrecord refs --help)");
     }
     if (options.file == "-" && options.active == "-") {
         throw Failure("standard input can be either the records or the active tasks");
@@ -268,7 +272,7 @@ ExitCode Refs(RefsOptions const& options, Output& out) {
 
 void AddRefs(CLI::App& app, Action& chosen) {
     auto const [verb, options] = AddVerb(app, chosen, "refs", "List or change the references of DO records", Refs);
-    AddFile(verb, "FILE", options.file, "A file of DO records, one after the other; - is standard input")->required();
+    AddFile(verb, "FILE", options.file, "A file of records, one after the other; - is standard input")->required();
     AddTexts(verb, "--add", options.add, "Add a reference, such as task:17, dsid:5 or ref6:9; may be repeated")
         ->type_name("REF");
     AddTexts(verb, "--remove", options.remove, "Remove a reference; may be repeated")->type_name("REF");
@@ -279,10 +283,12 @@ void AddRefs(CLI::App& app, Action& chosen) {
         ->needs(dropInactive);
     verb.add_flag("--dry-run", options.dryRun, "Print what would change, and write no file");
     AddFile(verb, "-o,--out", options.out, "The file for the changed records, which may be FILE")->type_name("OUT");
+    AddScan(verb, options.form);
     verb.add_flag("--json", options.json,
                   "One JSON object on a line for each record; with changes, the closing line as one");
     verb.footer(
-        "A change is made to all records of FILE; with a bad record OUT is not written. Tasks are dropped first and\n"
+        "A change is made to all DO records of FILE; with a bad record OUT is not written. Tasks are dropped first "
+        "and\n"
         "references added last. The records keep their byte order; their legacy references become typed ones.\n\n"
         "Example:\n  crrecord refs movie.do --add task:18 --remove task:17 -o movie.do");
 }

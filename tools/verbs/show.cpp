@@ -57,7 +57,8 @@ public:
             if (record->number > options_.records.last) {
                 break;
             }
-            if (record->number < options_.records.first && !record->endsTooEarly && record->kind != Kind::Unknown) {
+            if (record->number < options_.records.first && !record->endsTooEarly && !record->open &&
+                record->kind != Kind::Unknown) {
                 ++passed;
                 continue;
             }
@@ -180,8 +181,8 @@ ExitCode Show(ShowOptions const& options, Output& out) {
         out.Write(kSegmentCsvHead);
     }
     Shower shower(options, out);
-    ExitCode const result =
-        ForEachInput(options.files, options.form, [&](RecordStream& stream) { return shower.ShowInput(stream); });
+    ExitCode const result = ForEachInput(options.files, options.form, options.json ? &out : nullptr,
+                                         [&](RecordStream& stream) { return shower.ShowInput(stream); });
     shower.ShowTotals();
     return result;
 }
@@ -211,6 +212,7 @@ void AddShow(CLI::App& app, Action& chosen) {
         ->excludes(text);
     verb.add_flag("--show-keys", options.showKeys, "Show the key bytes, which are masked otherwise");
     AddFormOptions(verb, options.form);
+    AddScan(verb, options.form);
     verb.footer("The kind and byte order of each record are detected. Bad records are reported on standard error.\n\n"
                 "Example:\n  crrecord show --segments 100:119 movie.do");
 }

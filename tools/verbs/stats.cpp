@@ -36,15 +36,17 @@ public:
     }
 
     void CountBad() { ++bad_; }
+    // Call it after the last record of an input.
+    void CountGaps(RecordStream const& stream) { gaps_.Add(stream); }
 
     // Returns: true if a record was counted, valid or not.
     bool Any() const { return records_ + bad_ != 0; }
 
     void PrintJson(Output& out) const {
-        out.Print(R"({},"records":{},"bad_records":{},"segments":{},"bytes":{},)"
+        out.Print(R"({},"records":{},"bad_records":{},"skipped_bytes":{},"unread_bytes":{},"segments":{},"bytes":{},)"
                   R"("elsewhere":{{"segments":{},"bytes":{}}},)",
-                  JsonStart(), Decimal{records_}, Decimal{bad_}, Decimal{segments_}, Decimal{bytes_},
-                  Decimal{segmentsElsewhere_}, Decimal{bytesElsewhere_});
+                  JsonStart(), Decimal{records_}, Decimal{bad_}, Decimal{gaps_.skipped}, JsonNumber(gaps_.unread),
+                  Decimal{segments_}, Decimal{bytes_}, Decimal{segmentsElsewhere_}, Decimal{bytesElsewhere_});
         if (options_.unique) {
             out.Print(R"("unique_bytes":{},"repeated_bytes":{},)", Decimal{uniqueBytes_}, Decimal{repeatedBytes_});
         }
@@ -75,6 +77,7 @@ public:
         if (segmentsElsewhere_ != 0) {
             out.Print("in no container: {} of {}\n", Counted(segmentsElsewhere_, "segment"), WithUnit(bytesElsewhere_));
         }
+        PrintGaps(out, gaps_);
         if (options_.unique) {
             out.Print("unique: {}; repeated: {}\n", WithUnit(uniqueBytes_), WithUnit(repeatedBytes_));
         }
@@ -138,6 +141,7 @@ private:
     UniqueSegments unique_;
     std::uint64_t records_ = 0;
     std::uint64_t bad_ = 0;
+    GapSums gaps_;
     std::uint64_t segments_ = 0;
     std::uint64_t bytes_ = 0; // the greatest of all sums of bytes
     std::uint64_t segmentsElsewhere_ = 0;
@@ -163,13 +167,14 @@ ExitCode CountInput(RecordStream& stream, Totals& totals) {
             result = ExitCode::CouldNotWork;
         }
     }
+    totals.CountGaps(stream);
     return result;
 }
 
 ExitCode Stats(StatsOptions const& options, Output& out) {
     Totals totals(options);
-    ExitCode const result =
-        ForEachInput(options.files, options.form, [&](RecordStream& stream) { return CountInput(stream, totals); });
+    ExitCode const result = ForEachInput(options.files, options.form, nullptr,
+                                         [&](RecordStream& stream) { return CountInput(stream, totals); });
     if (totals.Any()) {
         options.json ? totals.PrintJson(out) : totals.PrintTable(out);
     }
@@ -189,6 +194,7 @@ void AddStats(CLI::App& app, Action& chosen) {
         ->type_name("N");
     verb.add_flag("--json", options.json, "One JSON object");
     AddFormOptions(verb, options.form);
+    AddScan(verb, options.form);
     verb.footer("A fragment is a run of consecutive segments of an object in the same container.\n\n"
                 "Example:\n  crrecord stats --top 10 --unique *.do");
 }

@@ -25,11 +25,12 @@ void AddStoreOptions(CLI::App& verb, StoreOptions& options) {
         ->default_str("256M");
     AddFile(verb, "--temp", options.temporaryFolder, "The folder for the temporary file [$TMPDIR or /tmp]")
         ->type_name("DIR");
+    AddScan(verb, options.form);
     verb.add_flag("--json", options.json, "One JSON object on a line for each result, and one for the total");
 }
 
 ExitCode ScanStore(StoreScan& scan, StoreOptions const& options) {
-    ExitCode result = ForEachInput(options.files, {}, [&](RecordStream& stream) {
+    ExitCode result = ForEachInput(options.files, options.form, nullptr, [&](RecordStream& stream) {
         scan.Scan(stream);
         return ExitCode::AllWell;
     });
@@ -46,19 +47,23 @@ bool AnyRecord(StoreScan const& scan) {
     return totals.records + totals.segmentRecords + totals.bad != 0;
 }
 
-void PrintFaults(Output& out, std::uint64_t conflicts, std::uint64_t bad) {
-    if (conflicts != 0) {
+void PrintFaults(Output& out, StoreScan& scan) {
+    StoreTotals const& totals = scan.Totals();
+    if (std::uint64_t const conflicts = scan.Containers().Conflicts(); conflicts != 0) {
         out.PaintLine(fmt::format("conflicts: {} with several sizes", Counted(conflicts, "segment")), Colour::Bad);
     }
-    if (bad != 0) {
-        out.PaintLine(fmt::format("bad: {}, not counted", Counted(bad, "record")), Colour::Bad);
+    if (totals.bad != 0) {
+        out.PaintLine(fmt::format("bad: {}, not counted", Counted(totals.bad, "record")), Colour::Bad);
     }
+    PrintGaps(out, totals.gaps);
 }
 
 void PrintJsonFaults(Output& out, StoreScan& scan) {
-    out.Print(R"(,"conflicts":{},"bad_records":{},"complete":{}}}}})"
+    StoreTotals const& totals = scan.Totals();
+    out.Print(R"(,"conflicts":{},"bad_records":{},"skipped_bytes":{},"unread_bytes":{},"complete":{}}}}})"
               "\n",
-              Decimal{scan.Containers().Conflicts()}, Decimal{scan.Totals().bad}, scan.Totals().isComplete);
+              Decimal{scan.Containers().Conflicts()}, Decimal{totals.bad}, Decimal{totals.gaps.skipped},
+              JsonNumber(totals.gaps.unread), totals.isComplete);
 }
 
 } // namespace crrecord::tool

@@ -9,6 +9,7 @@ namespace crrecord::tool {
 
 struct StoreOptions {
     std::vector<std::string> files{"-"};
+    FormOptions form; // without its form
     std::uint64_t memory = 256UL * 1024 * 1024;
     std::string temporaryFolder; // empty: $TMPDIR or /tmp
     bool json = false;
@@ -24,8 +25,8 @@ ExitCode ScanStore(StoreScan& scan, StoreOptions const& options);
 // Whether a record was read, valid or not. Without one there is nothing to report.
 bool AnyRecord(StoreScan const& scan);
 
-// Prints segments that have several sizes, and bad records.
-void PrintFaults(Output& out, std::uint64_t conflicts, std::uint64_t bad);
+// Prints segments that have several sizes, bad records, and bytes that are in no record.
+void PrintFaults(Output& out, StoreScan& scan);
 
 // The members that end each total, after a comma, and the ends of both objects.
 void PrintJsonFaults(Output& out, StoreScan& scan);

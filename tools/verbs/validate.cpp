@@ -21,12 +21,17 @@ struct Tally {
     std::uint64_t bad = 0;
     std::uint64_t notes = 0;
     std::uint64_t bytes = 0;
+    GapSums gaps;
 
-    void Add(Record const& record, bool valid, std::size_t findings) {
+    void Add(bool valid, std::size_t findings) {
         ++records;
         bad += valid ? 0 : 1;
         notes += valid ? findings : 0;
-        bytes += record.size;
+    }
+    // Call it after the last record of an input.
+    void AddSizes(RecordStream const& stream) {
+        bytes += stream.BytesInRecords();
+        gaps.Add(stream);
     }
 };
 
@@ -41,6 +46,12 @@ void PrintSummary(Output& out, std::string const& name, Tally const& tally) {
     if (tally.notes != 0) {
         out.Print(", {}", Counted(tally.notes, "note"));
     }
+    if (tally.gaps.skipped != 0) {
+        out.Print(", {} skipped", Counted(tally.gaps.skipped, "byte"));
+    }
+    if (tally.gaps.unread != 0U) {
+        out.Print(", {} not read", tally.gaps.unread ? Counted(*tally.gaps.unread, "byte") : "the rest");
+    }
     out.Write("\n");
 }
 
@@ -49,10 +60,13 @@ ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Tal
     std::string const quotedName = JsonName("file", stream.Name());
     std::vector<Finding> findings;
     Tally tally;
+    if (options.quiet) {
+        stream.ReportGapsTo([](Gap const&) {});
+    }
     while (Record const* const record = stream.Next()) {
         bool const valid = Diagnose(*record, depth, findings);
-        tally.Add(*record, valid, findings.size());
-        total.Add(*record, valid, findings.size());
+        tally.Add(valid, findings.size());
+        total.Add(valid, findings.size());
         if (options.badOnly && valid) {
             continue;
         }
@@ -64,6 +78,8 @@ ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Tal
             }
         }
     }
+    tally.AddSizes(stream);
+    total.AddSizes(stream);
     if (!options.json && !options.quiet) {
         PrintSummary(out, stream.Name(), tally);
     }
@@ -73,15 +89,17 @@ ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Tal
 ExitCode Validate(ValidateOptions const& options, Output& out) {
     Tally total;
     std::uint64_t files = 0;
-    ExitCode const result = ForEachInput(options.files, options.form, [&](RecordStream& stream) {
-        ++files;
-        return ValidateInput(stream, options, total, out);
-    });
+    ExitCode const result =
+        ForEachInput(options.files, options.form, options.json ? &out : nullptr, [&](RecordStream& stream) {
+            ++files;
+            return ValidateInput(stream, options, total, out);
+        });
     if (options.json) {
-        out.Print(R"({},"files":{},"records":{},"bad_records":{},"notes":{},"bytes":{}}})"
+        out.Print(R"({},"files":{},"records":{},"bad_records":{},"notes":{},"bytes":{},)"
+                  R"("skipped_bytes":{},"unread_bytes":{}}})"
                   "\n",
                   JsonStart(), Decimal{files}, Decimal{total.records}, Decimal{total.bad}, Decimal{total.notes},
-                  Decimal{total.bytes});
+                  Decimal{total.bytes}, Decimal{total.gaps.skipped}, JsonNumber(total.gaps.unread));
     }
     return result;
 }
@@ -98,6 +116,7 @@ void AddValidate(CLI::App& app, Action& chosen) {
         verb.add_flag("--json", options.json, "One JSON object on a line for each record, and one with the total");
     verb.add_flag("--quiet", options.quiet, "No output but the exit status")->excludes(json);
     AddFormOptions(verb, options.form);
+    AddScan(verb, options.form);
     verb.footer(
         "A record with an error must not be used. A record with a note is usable but differs from one that the "
         "library\n"

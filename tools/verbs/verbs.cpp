@@ -1,6 +1,7 @@
 #include "verbs/verbs.h"
 
 #include "io/file_facts.h"
+#include "record/record_findings.h"
 
 #include <crrecord/DORecordHeader.h>
 #include <crrecord/fingerprint.h>
@@ -131,6 +132,25 @@ void AddFormOptions(CLI::App& verb, FormOptions& options) {
     verb.add_flag("--checksum", options.checksum, "The head of the exchange form has a checksum")->needs(serialized);
 }
 
+void AddScan(CLI::App& verb, FormOptions& options) {
+    auto* const scan = verb.add_flag("--scan", options.scan, "Search for the next record after bytes that are none");
+    if (auto* const serialized = verb.get_option_no_throw("--serialized")) {
+        scan->excludes(serialized);
+    }
+}
+
+void SetUp(RecordStream& stream, FormOptions const& options, Output* lines) {
+    if (options.scan) {
+        stream.ScanWith(IsValid);
+    }
+    if (lines) {
+        stream.ReportGapsTo([lines, name = stream.Name()](Gap const& gap) {
+            Complain(name + ": " + Describe(gap));
+            PrintJsonGap(*lines, JsonName("file", name), gap);
+        });
+    }
+}
+
 void AddVerbs(CLI::App& app, Action& chosen) {
     app.name("crrecord");
     app.description("Builds, shows, checks, changes and converts the records of a deduplicating content store.");
@@ -139,7 +159,7 @@ void AddVerbs(CLI::App& app, Action& chosen) {
     app.footer("Exit status: 0 success; 1 a bad record or a difference; 2 the command failed.");
     for (auto const add :
          {AddBuild, AddShow, AddValidate, AddAnnotate, AddConvert, AddSchema, AddDigest, AddVerify, AddRefs, AddDiff,
-          AddStats, AddLive, AddFreed, AddLost, AddRecall, AddRedact, AddMap, AddSegments}) {
+          AddStats, AddLive, AddFreed, AddLost, AddRecall, AddRedact, AddMap, AddExtract, AddSegments}) {
         add(app, chosen);
     }
     AddNumbers(app);

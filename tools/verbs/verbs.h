@@ -40,6 +40,7 @@ void AddLive(CLI::App& app, Action& chosen);
 void AddFreed(CLI::App& app, Action& chosen);
 void AddLost(CLI::App& app, Action& chosen);
 void AddRecall(CLI::App& app, Action& chosen);
+void AddExtract(CLI::App& app, Action& chosen);
 
 // A verb's parser and its options. Lifetime: that of the whole command.
 template <class Options>
@@ -88,6 +89,7 @@ struct FormOptions {
     unsigned int dotype = 0;
     unsigned int fptype = 0;
     bool checksum = false;
+    bool scan = false;
 
     std::optional<FormFacts> Facts() const {
         return serialized ? std::optional<FormFacts>(
@@ -98,14 +100,21 @@ struct FormOptions {
 
 void AddFormOptions(CLI::App& verb, FormOptions& options);
 
-// Calls visit(RecordStream&) for each input. Reports an input that cannot be read and continues with the next one.
-// Returns: the greatest exit code.
+// Adds the option to search for records after bytes that are none.
+void AddScan(CLI::App& verb, FormOptions& options);
+
+// Makes a stream scan if `options` say so, and print its gaps to `lines`, too, unless that is null.
+void SetUp(RecordStream& stream, FormOptions const& options, Output* lines);
+
+// Calls visit(RecordStream&) for each input. `lines` receives the gaps of the inputs as JSON, if it is not null.
+// Reports an input that cannot be read and continues with the next one. Returns: the greatest exit code.
 template <class Visit>
-ExitCode ForEachInput(std::vector<std::string> const& names, FormOptions const& form, Visit visit) {
+ExitCode ForEachInput(std::vector<std::string> const& names, FormOptions const& form, Output* lines, Visit visit) {
     ExitCode result = ExitCode::AllWell;
     for (std::string const& name : names) {
         try {
             RecordStream stream(name, form.Facts());
+            SetUp(stream, form, lines);
             result = std::max(result, visit(stream));
             stream.ThrowIfChanged();
         } catch (InputFailure const& failure) {

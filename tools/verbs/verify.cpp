@@ -11,6 +11,8 @@
 
 #include <crrecord/do_types.h>
 
+#include <ctime>
+
 #include <libdeflate.h>
 
 namespace crrecord::tool {
@@ -21,7 +23,9 @@ struct VerifyOptions {
     std::string record;
     std::string file;
     FormOptions form;
+    std::string out; // of --stamp
     bool noCrc = false;
+    bool stamp = false;
     bool json = false;
 };
 
@@ -86,14 +90,21 @@ public:
                           Decimal{container.a.bytes}, Decimal{container.a.listed}));
     }
 
-    ExitCode Close(std::uint64_t segments, std::uint64_t expectedSize, std::uint64_t size, Checks const& checks) {
-        bool const same = badSegments_ == 0 && others_ == 0 && size == expectedSize;
+    bool IsSame(std::uint64_t expectedSize, std::uint64_t size) const {
+        return badSegments_ == 0 && others_ == 0 && size == expectedSize;
+    }
+
+    // `stamp` is the check time of the record that was written, if one was.
+    ExitCode Close(std::uint64_t segments, std::uint64_t expectedSize, std::uint64_t size, Checks const& checks,
+                   std::optional<std::uint32_t> stamp) {
+        bool const same = IsSame(expectedSize, size);
         if (options_.json) {
             out_.Print(R"(],"segments":{},"bad_segments":{},"size":{},"expected_size":{},)"
-                       R"("checked":["{}"],"same":{}}})"
+                       R"("checked":["{}"],"same":{}{}}})"
                        "\n",
                        Decimal{segments}, Decimal{badSegments_}, Decimal{size}, Decimal{expectedSize},
-                       fmt::join(checks.done, "\",\""), same);
+                       fmt::join(checks.done, "\",\""), same,
+                       stamp ? fmt::format(R"(,"out":{},"checktime":{})", JsonName("out", options_.out), *stamp) : "");
             return same ? ExitCode::AllWell : ExitCode::BadRecord;
         }
         if (size != expectedSize) {
@@ -103,6 +114,9 @@ public:
                    same ? "matches the record" : fmt::format("differs, {} bad", Counted(badSegments_, "segment")));
         out_.Print("{}: checked: {}{}{}\n", file_, fmt::join(checks.done, ", "),
                    checks.notDone.empty() ? "" : "; not checked: ", checks.notDone);
+        if (stamp) {
+            out_.Print("{}: 1 record, check time {}\n", Printable(options_.out), *stamp);
+        }
         return same ? ExitCode::AllWell : ExitCode::BadRecord;
     }
 
@@ -290,15 +304,26 @@ void CheckList(DORecord const& record, Report& report, Checks& checks) {
     }
 }
 
-ExitCode Verify(VerifyOptions const& options, Output& out) {
-    if (options.record == "-" && options.file == "-") {
-        throw Failure("standard input can be either the record or the file");
-    }
+// Writes a DO record, as it was read but for its check time.
+void WriteStamped(VerifyOptions const& options, std::vector<unsigned char> bytes, Order order, std::uint32_t time) {
+    reinterpret_cast<DORecordHeader*>(bytes.data())->checktime = InOrder(time, order);
+    OutputFile to(options.out, {options.record});
+    to.Write(bytes.data(), bytes.size());
+    to.Commit();
+}
+
+ExitCode VerifyTo(VerifyOptions const& options, Output& out) {
+    auto const start = static_cast<std::uint32_t>(std::time(nullptr));
     RecordStream stream(options.record, options.form.Facts());
-    std::unique_ptr<DORecord> const record = OpenOnlyDORecord(stream);
-    if (!record) {
+    Record const* const read = OnlyDORecord(stream);
+    if (!read) {
         return ExitCode::BadRecord;
     }
+    std::vector<unsigned char> original; // opening the record changes its bytes
+    if (options.stamp) {
+        original.assign(read->bytes, read->bytes + read->size);
+    }
+    std::unique_ptr<DORecord> const record = OpenDORecord(options.record, *read);
     if (IsBloom(record->GetDOType())) {
         throw Failure(options.record + ": is a bloom record, which has no segments");
     }
@@ -315,7 +340,25 @@ ExitCode Verify(VerifyOptions const& options, Output& out) {
     CheckList(*record, report, checks);
     std::uint64_t const size = verifier.Finish();
     input.ThrowIfChanged();
-    return report.Close(segments.size(), record->GetSize(), size, checks);
+    std::optional<std::uint32_t> stamp;
+    if (options.stamp && report.IsSame(record->GetSize(), size)) {
+        WriteStamped(options, std::move(original), read->order, stamp.emplace(start));
+    }
+    return report.Close(segments.size(), record->GetSize(), size, checks, stamp);
+}
+
+ExitCode Verify(VerifyOptions const& options, Output& out) {
+    if (options.record == "-" && options.file == "-") {
+        throw Failure("standard input can be either the record or the file");
+    }
+    RefuseToReplace({options.file}, options.out, "record");
+    if (options.out != "-") {
+        return VerifyTo(options, out);
+    }
+    Output error(STDERR_FILENO, "standard error"); // the record is on standard output
+    ExitCode const result = VerifyTo(options, error);
+    error.Flush();
+    return result;
 }
 
 } // namespace
@@ -328,6 +371,14 @@ void AddVerify(CLI::App& app, Action& chosen) {
     verb.add_flag("--no-crc", options.noCrc, "Do not check the record's CRC, which may be another checksum");
     verb.add_flag("--json", options.json, "One JSON object with all differences");
     AddFormOptions(verb, options.form);
+    auto* const written = AddFile(verb, "-o,--out", options.out,
+                                  "The file that --stamp writes, which may be RECORD; - is standard output")
+                              ->type_name("OUT");
+    verb.add_flag("--stamp", options.stamp,
+                  "If FILE matches, write the record with the time of this check as checktime")
+        ->needs(written)
+        ->excludes(verb.get_option("--serialized"));
+    written->needs("--stamp");
     verb.footer("Reads FILE once and lists each segment whose data has a fingerprint other than the recorded one, each "
                 "gap that\n"
                 "is not all zeros, a different size, a CRC of the record other than the CRC-32 of the data, and each "
@@ -335,7 +386,8 @@ void AddVerify(CLI::App& app, Action& chosen) {
                 "with other bytes in the record's list than in its segments: status 1. A CRC of 0 is none. The last "
                 "line names\n"
                 "what was checked. Holes of a sparse FILE, and data after the record's size, are not read.\n\n"
-                "Example:\n  crrecord verify movie.do movie.mkv");
+                "Example:\n  crrecord verify movie.do movie.mkv\n"
+                "  crrecord verify --stamp movie.do movie.mkv -o movie.do");
 }
 
 } // namespace crrecord::tool
