@@ -41,13 +41,13 @@ void ReadAgain(OwnRecord own) {
 
 void RedactOne(OwnRecord own) {
     static Pseudonyms pseudonyms(Block(16, 7));
-    OutputFile to("/dev/null", {});
+    Output to(-1, "redacted");
     Order const order = own.record.kind == Kind::Form ? Order::Network : own.record.order;
     WriteRedacted(to, "redacted", own.record, pseudonyms);
     Record facts = own.record;
     facts.order = order;
     facts.kind = facts.kind == Kind::Form ? Kind::DataObject : facts.kind;
-    OwnRecord const redacted(facts, Written(to.Text()));
+    OwnRecord const redacted(facts, Written(to));
     std::vector<Finding> findings;
     Must(Diagnose(redacted.record, Depth::Everything, findings), "a redacted record is valid");
     for (Finding const& finding : findings) {

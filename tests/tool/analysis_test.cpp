@@ -111,7 +111,7 @@ TEST_F(Tool, StatsAddsUpByContainer) {
         json::parse(out),
         json::parse(
             R"({"schema": 1, "records": "6", "bad_records": "1", "segments": "13", "skipped_bytes": "0", "unread_bytes": "0",
-        "bytes": "1057", "elsewhere": {"segments": "1", "bytes": "9"}, "unique_bytes": "25", "repeated_bytes": "32",
+        "bytes": "1057", "elsewhere": {"segments": "1", "bytes": "9"}, "unique_segments": "5", "unique_bytes": "25", "repeated_bytes": "32",
         "container_count": "3", "containers": [{"dcid": "64", "segments": "6", "bytes": "24", "fragments": "4"},
         {"dcid": "65", "segments": "4", "bytes": "1024", "fragments": "4"},
         {"dcid": "70", "segments": "2", "bytes": "0", "fragments": "2"}]})"));

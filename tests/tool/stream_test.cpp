@@ -115,6 +115,40 @@ TEST_F(Tool, ScanFindsTheNextRecord) {
     EXPECT_EQ(err, "");
 }
 
+// Several batches of records with bad ones, ones that threads do not get, and damage between them; then one of good
+// records to a bad one. Output, messages and status do not depend on the number of threads.
+TEST_F(Tool, JobsPrintTheSame) {
+    Bytes const object = Spell(Example(3, 3), true).bytes, host = Spell(Example(5, 1), false).bytes;
+    Bytes invalid = Good();
+    invalid[89] = 9; // an unknown fingerprint type
+    RecordValues many{.dotype = 2, .fptype = 3};
+    many.segments.assign(40000, {Bytes(32, 1), 5, 0, 64});
+    many.size = 200000;
+    Bytes batch, mixed, good;
+    for (int i = 0; i < 400; ++i) {
+        batch = batch + object + Good() + host + Golden({false, 3});
+    }
+    good = batch + Spell(many, true).bytes + batch + batch;
+    mixed = good + invalid + batch + Bytes(700, 2) + Claiming(1000000) + batch + Text("junk") + batch + invalid;
+    Write("mixed", mixed);
+    Write("good", good + invalid + batch);
+    Write("key", Bytes(16, 7));
+    for (std::string const verb :
+         {"validate mixed", "validate --scan --json mixed good", "stats mixed", "stats --unique --scan --json mixed",
+          "digest --scan mixed", "digest --json mixed good", "annotate --scan mixed", "annotate --json mixed",
+          "convert good --to host -o -", "convert mixed --to json -o -", "redact good --key key -o -"}) {
+        ASSERT_EQ(Shell("for i in 1 2 3; do \"$T\" " + verb +
+                        " --jobs $i >out$i 2>err$i; echo $? >>err$i; done; "
+                        "cmp out1 out2 && cmp out1 out3 && cmp err1 err2 && cmp err1 err3"),
+                  0)
+            << verb << out;
+        EXPECT_TRUE(!String("err1").ends_with("0\n") && Read("out1").size() + Read("err1").size() > 300) << verb;
+    }
+    EXPECT_EQ(Run("convert good --to network -o new --jobs 2"), 1);
+    EXPECT_EQ(Run("validate --jobs 0 good") + Run("validate --jobs 257 good"), 4);
+    EXPECT_EQ(Files().find("new"), std::string::npos);
+}
+
 TEST_F(Tool, DirectOutputKeepsGoodRecordsBeforeABadOne) {
     Bytes const object = Spell(Example(3, 3), true).bytes;
     Write("in", object + object + Text("bad"));

@@ -2,10 +2,14 @@
 
 #pragma once
 
+#include "base/prefetch.h"
+
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <memory>
 #include <new>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -60,6 +64,19 @@ public:
         return nullptr;
     }
 
+    // Prefetches what Find and Add will use for these hashes, and for growing meanwhile.
+    void Prefetch(std::span<std::uint64_t const> hashes) const {
+        for (std::uint64_t const hash : hashes) {
+            crrecord::Prefetch(&buckets_[BucketOf(hash)], 0, 1);
+        }
+        for (std::size_t i = split_; i < std::min(split_ + hashes.size(), round_); ++i) {
+            PrefetchFirst(i);
+        }
+        for (std::uint64_t const hash : hashes) {
+            PrefetchFirst(BucketOf(hash));
+        }
+    }
+
     // Adds an entry, which must not be in the table.
     Entry& Add(std::uint64_t hash, Entry const& entry) {
         if (entries_.size() == kNone) {
@@ -84,6 +101,13 @@ public:
 
 private:
     static constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
+
+    void PrefetchFirst(std::size_t bucket) const {
+        if (std::uint32_t const first = buckets_[bucket]; first != kNone) {
+            crrecord::Prefetch(&entries_[first], 0, sizeof(Entry));
+            crrecord::Prefetch(&next_[first], 0, 1);
+        }
+    }
 
     // The buckets before split_ were split: their entries, and those of the buckets from round_ on, use one more bit.
     std::size_t BucketOf(std::uint64_t hash) const {

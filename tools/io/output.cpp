@@ -48,6 +48,23 @@ void Output::Paint(std::string_view text, Colour colour) {
 void Output::Flush() {
     MakeReady();
     ready_ = 0;
+    std::size_t const size = buffer_.size();
+    if (!whole_) {
+        WriteToFile();
+    } else if (size < kWrittenAlone) {
+        whole_->WriteSequence({buffer_.data(), size});
+        whole_->FlushWhenFull();
+    } else {
+        whole_->Flush();
+        std::swap(buffer_, whole_->buffer_);
+        whole_->ready_ = size;
+        whole_->Flush();
+    }
+    flushed_ += size;
+    buffer_.clear();
+}
+
+void Output::WriteToFile() {
     if (terminal_) {
         Progress::Wipe();
     }
@@ -61,8 +78,6 @@ void Output::Flush() {
             throw Failure(reason);
         }
     }
-    flushed_ += buffer_.size();
-    buffer_.clear();
 }
 
 OutputFile::OutputFile(std::string path, std::vector<std::string> const& inputs)

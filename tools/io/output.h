@@ -7,6 +7,7 @@
 #include "io/text.h"
 
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,6 +25,15 @@ class Output {
 public:
     Output(int file, std::string name)
         : file_(file), name_(std::move(name)), terminal_(::isatty(file) == 1), coloured_(TakesColours(file)) {}
+    // A part of another output, which only its Flush writes to. A part that is not direct is flushed by nothing else.
+    struct PartOf {
+        Output& whole;
+        bool isDirect;
+    };
+    // Thread safety: may be filled while other threads use the whole.
+    explicit Output(PartOf of)
+        : file_(of.whole.file_), terminal_(of.whole.terminal_), coloured_(of.whole.coloured_), whole_(&of.whole),
+          full_(of.isDirect ? kFull : kNever) {}
     Output(Output const&) = delete;
     Output& operator=(Output const&) = delete;
 
@@ -51,7 +61,7 @@ public:
     fmt::memory_buffer& Buffer() { return buffer_; }
 
     void FlushWhenFull() {
-        if (buffer_.size() >= kFull) {
+        if (buffer_.size() >= full_) {
             Flush();
         }
     }
@@ -64,17 +74,23 @@ public:
 
 private:
     static constexpr std::size_t kFull = 256UL * 1024;
+    static constexpr std::size_t kWrittenAlone = 64UL * 1024; // a part that is not copied
+    static constexpr std::size_t kNever = std::numeric_limits<std::size_t>::max();
 
     int file_;
     std::string name_;
     bool terminal_;
     bool coloured_;
+    Output* whole_ = nullptr; // of a part
+    std::size_t full_ = kFull;
     fmt::memory_buffer buffer_;
     std::size_t ready_ = 0; // bytes of the buffer without unsafe characters to replace
     std::uint64_t flushed_ = 0;
 
+    void WriteToFile();
     // Replaces unsafe characters of the output since the last call.
     void MakeReady();
+    // Writes bytes that have no unsafe characters to replace.
     void WriteSequence(std::string_view sequence);
 };
 

@@ -107,6 +107,9 @@ public:
     // Returns: false at the end of the record.
     bool NextBlock();
 
+    // Returns: true if the current record is a gap, or its start: the next call of Next reports it.
+    bool IsInGap() const { return unfinished_; }
+
     // Searches for the next record after bytes that are no record, instead of ending there. Must be called before Next.
     //
     // Such bytes are a record of unknown kind, one that exceeds the input, one whose size and counts disagree and after

@@ -1,3 +1,4 @@
+#define OPENSSL_SUPPRESS_DEPRECATED
 #include "redaction/pseudonyms.h"
 
 #include "io/failure.h"
@@ -9,31 +10,32 @@
 #include <algorithm>
 #include <limits>
 
-#include <openssl/core_names.h>
-#include <openssl/params.h>
 #include <sys/random.h>
 
 namespace crrecord::tool {
 
 namespace {
 
-void Check(bool done) {
-    if (!done) {
-        throw Failure("HMAC-SHA-256 is not available");
+void HashKeyBlock(SHA256_CTX& context, std::array<unsigned char, SHA256_CBLOCK> block, unsigned char pad) {
+    for (unsigned char& byte : block) {
+        byte ^= pad;
     }
+    SHA256_Init(&context);
+    SHA256_Update(&context, block.data(), block.size());
 }
 
 } // namespace
 
 Pseudonyms::Pseudonyms(std::span<unsigned char const> secret) : recent_(kRecent) {
-    std::unique_ptr<EVP_MAC, decltype(&EVP_MAC_free)> const hmac(EVP_MAC_fetch(nullptr, OSSL_MAC_NAME_HMAC, nullptr),
-                                                                 &EVP_MAC_free);
-    Check(hmac != nullptr);
-    hmac_.reset(EVP_MAC_CTX_new(hmac.get()));
-    char digest[] = "SHA256";
-    OSSL_PARAM const parameters[] = {OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digest, 0),
-                                     OSSL_PARAM_construct_end()};
-    Check(hmac_ && EVP_MAC_init(hmac_.get(), secret.data(), secret.size(), parameters) == 1);
+    constexpr unsigned char kInnerPad = 0x36, kOuterPad = 0x5c;
+    std::array<unsigned char, SHA256_CBLOCK> block{};
+    if (secret.size() > block.size()) {
+        SHA256(secret.data(), secret.size(), block.data());
+    } else {
+        std::copy(secret.begin(), secret.end(), block.begin());
+    }
+    HashKeyBlock(inner_, block, kInnerPad);
+    HashKeyBlock(outer_, block, kOuterPad);
 }
 
 Pseudonyms::Hash Pseudonyms::RandomSecret() {
@@ -47,11 +49,13 @@ Pseudonyms::Hash Pseudonyms::RandomSecret() {
 
 Pseudonyms::Hash Pseudonyms::Hmac(unsigned char domain, std::span<unsigned char const> bytes) {
     Hash value;
-    std::size_t size = 0;
-    // EVP_MAC_init without a key restarts with the same key.
-    Check(EVP_MAC_init(hmac_.get(), nullptr, 0, nullptr) == 1 && EVP_MAC_update(hmac_.get(), &domain, 1) == 1 &&
-          EVP_MAC_update(hmac_.get(), bytes.data(), bytes.size()) == 1 &&
-          EVP_MAC_final(hmac_.get(), value.data(), &size, value.size()) == 1 && size == value.size());
+    SHA256_CTX context = inner_;
+    SHA256_Update(&context, &domain, 1);
+    SHA256_Update(&context, bytes.data(), bytes.size());
+    SHA256_Final(value.data(), &context);
+    context = outer_;
+    SHA256_Update(&context, value.data(), value.size());
+    SHA256_Final(value.data(), &context);
     return value;
 }
 
@@ -110,7 +114,7 @@ std::uint64_t Pseudonyms::Permuted(unsigned char domain, std::uint64_t id, std::
     constexpr std::uint64_t kMost32 = std::numeric_limits<std::uint32_t>::max();
     bool const wide = id > kMost32;
     do {
-        id = Feistel(domain, id, wide ? 32 : 16);
+        id = Feistel(domain, id, wide ? 32 : kShortHalf);
     } while (id < (wide ? kMost32 + 1 : least));
     return id;
 }
@@ -119,17 +123,33 @@ std::uint64_t Pseudonyms::Permuted(unsigned char domain, std::uint64_t id, std::
 // NIST SP 800-38G, with HMAC-SHA-256 as the round function. Four rounds are enough for 64 bits (Luby and Rackoff,
 // 1988), but not for 32 bits.
 std::uint64_t Pseudonyms::Feistel(unsigned char domain, std::uint64_t value, unsigned int halfBits) {
-    constexpr unsigned char kRounds = 10;
     std::uint64_t const mask = (std::uint64_t{1} << halfBits) - 1;
     std::uint64_t left = value >> halfBits;
     std::uint64_t right = value & mask;
     for (unsigned char round = 0; round < kRounds; ++round) {
-        std::array<unsigned char, 2 + sizeof right> message{static_cast<unsigned char>(halfBits), round};
-        Store(message.data() + 2, right, Order::Network);
-        std::uint64_t const mixed = Load<std::uint64_t>(Hmac(domain, message).data(), Order::Network);
+        std::uint64_t const mixed =
+            halfBits == kShortHalf ? ShortRound(domain, round, right) : Round(domain, halfBits, round, right);
         left = std::exchange(right, left ^ (mixed & mask));
     }
     return left << halfBits | right;
+}
+
+std::uint64_t Pseudonyms::Round(unsigned char domain, unsigned int halfBits, unsigned char round, std::uint64_t right) {
+    std::array<unsigned char, 2 + sizeof right> message{static_cast<unsigned char>(halfBits), round};
+    Store(message.data() + 2, right, Order::Network);
+    return Load<std::uint64_t>(Hmac(domain, message).data(), Order::Network);
+}
+
+std::uint64_t Pseudonyms::ShortRound(unsigned char domain, unsigned char round, std::uint64_t right) {
+    std::vector<std::uint16_t>& results = shortRounds_.at(domain);
+    if (results.empty()) {
+        results.resize(std::size_t{kRounds} << kShortHalf);
+    }
+    std::uint16_t& result = results[std::size_t{round} << kShortHalf | right];
+    if (result == 0) {
+        result = static_cast<std::uint16_t>(Round(domain, kShortHalf, round, right));
+    }
+    return result;
 }
 
 } // namespace crrecord::tool

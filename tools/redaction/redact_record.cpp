@@ -41,13 +41,17 @@ void RedactSegmentRecord(_SegmentDBRecord& stored, Pseudonyms& pseudonyms) {
     std::fill_n(at, segment::kSpareSize, static_cast<unsigned char>(0));
 }
 
-void WriteSegmentRecord(OutputFile& to, Record const& record, Pseudonyms& pseudonyms) {
+void Write(Output& to, void const* bytes, std::size_t size) {
+    to.Write({static_cast<char const*>(bytes), size});
+}
+
+void WriteSegmentRecord(Output& to, Record const& record, Pseudonyms& pseudonyms) {
     Record host = record;
     ConvertRecord(host, Order::Host);
     host.order = Order::Host;
     RedactSegmentRecord(AsSegmentRecord(host), pseudonyms);
     ConvertRecord(host, record.order);
-    to.Write(record.bytes, record.size);
+    Write(to, record.bytes, record.size);
 }
 
 // The sections of a DO record in host order.
@@ -150,7 +154,7 @@ private:
 // Writes a record in host order in `order`.
 // Returns: its size, or 0 without output if it would exceed the largest record: typed references are longer than legacy
 // ones.
-std::uint64_t WriteObject(OutputFile& to, DORecordHeader* header, Order order, Pseudonyms& pseudonyms) {
+std::uint64_t WriteObject(Output& to, DORecordHeader* header, Order order, Pseudonyms& pseudonyms) {
     ObjectRedaction redaction(header, pseudonyms);
     std::vector<unsigned char> const references = redaction.References();
     IsBloom(header->dotype) ? redaction.Bloom() : redaction.Segments();
@@ -165,15 +169,15 @@ std::uint64_t WriteObject(OutputFile& to, DORecordHeader* header, Order order, P
         DORecordHeaderHton(header);
     }
     constexpr unsigned char kZeros[kTailSize]{};
-    to.Write(header, layout.trefs);
-    to.Write(references.data(), references.size());
-    to.Write(kZeros, layout.total - layout.tail);
+    Write(to, header, layout.trefs);
+    Write(to, references.data(), references.size());
+    Write(to, kZeros, layout.total - layout.tail);
     return layout.total;
 }
 
 } // namespace
 
-std::uint64_t WriteRedacted(OutputFile& to, std::string_view file, Record const& record, Pseudonyms& pseudonyms) {
+std::uint64_t WriteRedacted(Output& to, std::string_view file, Record const& record, Pseudonyms& pseudonyms) {
     if (record.kind == Kind::Segment) {
         WriteSegmentRecord(to, record, pseudonyms);
         return record.size;

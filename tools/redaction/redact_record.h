@@ -12,6 +12,6 @@ namespace crrecord::tool {
 // replaced. The record is in the order in which it was read; its bytes are overwritten.
 // Returns: the bytes written.
 // Throws: InputFailure if the result would exceed the largest record.
-std::uint64_t WriteRedacted(OutputFile& to, std::string_view file, Record const& record, Pseudonyms& pseudonyms);
+std::uint64_t WriteRedacted(Output& to, std::string_view file, Record const& record, Pseudonyms& pseudonyms);
 
 } // namespace crrecord::tool

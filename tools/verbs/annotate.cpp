@@ -2,7 +2,7 @@
 
 #include "anatomy/read_back.h"
 #include "anatomy/rows.h"
-#include "record/record_findings.h"
+#include "record/parallel_records.h"
 #include "verbs/verbs.h"
 
 namespace crrecord::tool {
@@ -12,27 +12,36 @@ namespace {
 struct AnnotateOptions {
     std::vector<std::string> files{"-"};
     FormOptions form;
+    unsigned int jobs = Processors();
     bool json = false;
     std::string text; // of --reverse
     std::string out;
 };
 
 template <class Rows>
-ExitCode AnnotateInput(RecordStream& stream, Rows rows) {
-    ExitCode result = ExitCode::AllWell;
-    std::vector<Finding> findings;
-    while (Record const* const record = stream.Next()) {
-        bool const valid = Diagnose(*record, Depth::Everything, findings);
-        std::stable_sort(findings.begin(), findings.end(),
+struct AnnotatePart : RecordPart {
+    AnnotatePart(Output::PartOf of, std::string_view file) : RecordPart(of), rows(out, file) {}
+
+    Rows rows;
+};
+
+template <class Rows>
+ExitCode AnnotateInput(RecordStream& stream, unsigned int jobs, Output& out) {
+    using Part = AnnotatePart<Rows>;
+    auto const work = [&stream](Record& record, Part& part) {
+        bool const valid = Diagnose(record, Depth::Everything, part.findings);
+        std::stable_sort(part.findings.begin(), part.findings.end(),
                          [](Finding const& a, Finding const& b) { return a.offset < b.offset; });
-        rows.Begin(*record, valid, findings);
+        part.rows.Begin(record, valid, part.findings);
         do {
-            Walk(*record, [&](Row const& row) { rows.Add(record->offset, row); });
-        } while (stream.NextBlock());
-        rows.End(findings);
-        result = valid ? result : ExitCode::BadRecord;
-    }
-    return result;
+            Walk(record, [&](Row const& row) { part.rows.Add(record.offset, row); });
+        } while (record.open && stream.NextBlock());
+        part.rows.End(part.findings);
+        part.result = valid ? part.result : ExitCode::BadRecord;
+        return true;
+    };
+    auto const make = [&stream](Output::PartOf of) { return std::make_unique<Part>(of, stream.Name()); };
+    return ParallelRecords<Part>(stream, jobs, out, {.make = make, .work = work}).Run();
 }
 
 ExitCode ReadBackFile(AnnotateOptions const& options, Output& out) {
@@ -56,8 +65,7 @@ ExitCode Annotate(AnnotateOptions const& options, Output& out) {
         return ReadBackFile(options, out);
     }
     return ForEachInput(options.files, options.form, options.json ? &out : nullptr, [&](RecordStream& stream) {
-        return options.json ? AnnotateInput(stream, JsonRows(out, stream.Name()))
-                            : AnnotateInput(stream, TextRows(out, stream.Name()));
+        return (options.json ? AnnotateInput<JsonRows> : AnnotateInput<TextRows>)(stream, options.jobs, out);
     });
 }
 
@@ -70,6 +78,7 @@ void AddAnnotate(CLI::App& app, Action& chosen) {
     auto* const json = verb.add_flag("--json", options.json, "One JSON object on a line for each record");
     AddFormOptions(verb, options.form);
     AddScan(verb, options.form);
+    AddJobs(verb, options.jobs);
     auto* const reverse =
         AddFile(verb, "--reverse", options.text, "Write the bytes of a text that annotate printed, which may be edited")
             ->type_name("TEXT");

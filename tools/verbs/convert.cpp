@@ -1,7 +1,7 @@
 // crrecord convert: records in either byte order, as exchange forms or as JSON, and back.
 
 #include "record/do_record.h"
-#include "record/record_findings.h"
+#include "record/parallel_records.h"
 #include "record/segment_record.h"
 #include "verbs/verbs.h"
 #include "json/reader.h"
@@ -19,6 +19,7 @@ struct ConvertOptions {
     std::string out;
     std::string to;
     FormOptions form;
+    unsigned int jobs = Processors();
     bool json = false;
 };
 
@@ -32,24 +33,28 @@ struct FreeForm {
     void operator()(void* form) const { DORecord::SerializedDORecordFree(&form); }
 };
 
+void Write(Output& to, std::span<unsigned char const> bytes) {
+    to.Write({reinterpret_cast<char const*>(bytes.data()), bytes.size()});
+}
+
 // Writes a valid record in one byte order. Returns: its size.
-std::uint64_t WriteRecord(OutputFile& to, std::string const& file, Record const& record, Order order) {
+std::uint64_t WriteRecord(Output& to, std::string const& file, Record const& record, Order order) {
     if (record.kind == Kind::Form) {
         std::unique_ptr<DORecord> const made = OpenDORecord(file, record);
         if (order == Order::Network) {
             made->HostToNetwork(0);
         }
         auto const bytes = BytesOf(*made);
-        to.Write(bytes.data(), bytes.size());
+        Write(to, bytes);
         return bytes.size();
     }
     ConvertRecord(record, order);
-    to.Write(record.bytes, record.size);
+    Write(to, {record.bytes, record.size});
     return record.size;
 }
 
 // Writes the exchange form of a valid record. Returns: its size.
-std::uint64_t WriteForm(OutputFile& to, std::string const& file, Record const& record, bool withChecksum) {
+std::uint64_t WriteForm(Output& to, std::string const& file, Record const& record, bool withChecksum) {
     void* form = nullptr;
     unsigned long size = 0;
     cr_status_t status = CR_STATUS_OK;
@@ -66,7 +71,7 @@ std::uint64_t WriteForm(OutputFile& to, std::string const& file, Record const& r
     if (status != CR_STATUS_OK) {
         throw Failure(file + ": " + CRStatusToStringA(status));
     }
-    to.Write(form, size);
+    Write(to, {static_cast<unsigned char const*>(form), size});
     return size;
 }
 
@@ -92,43 +97,36 @@ void WriteLine(Output& to, std::string const& file, Record const& record, Order 
     json::WriteObject(to, DORecordView(bytes.data(), bytes.size()));
 }
 
-// Writes valid records to OUT.
-class Converter {
-public:
-    explicit Converter(ConvertOptions const& options) : options_(options), to_(options.out, {options.file}) {}
+struct ConvertPart : RecordPart {
+    using RecordPart::RecordPart;
 
-    // `foundIn` is the order that a line of JSON names.
-    void Convert(Record const& record, std::optional<Order> foundIn = std::nullopt) {
-        bool changed = true;
-        if (options_.to == kSerialized) {
-            if (tally_.records != 0) {
-                throw Failure(options_.file +
-                              ": has more than one record, and an exchange form does not store its length");
-            }
-            tally_.bytes += WriteForm(to_, options_.file, record, options_.form.checksum);
-        } else if (options_.to == kJson) {
-            WriteLine(to_.Text(), options_.file, record, foundIn.value_or(record.order));
-            tally_.bytes = to_.Text().Size();
-        } else {
-            Order const order = options_.to == NameOf(Order::Host) ? Order::Host : Order::Network;
-            changed = foundIn || record.kind == Kind::Form || record.order != order;
-            tally_.bytes += WriteRecord(to_, options_.file, record, order);
-        }
-        ++tally_.records;
-        tally_.converted += changed ? 1 : 0;
-    }
-
-    void Abandon() { to_.Abandon(); }
-    Converted const& Commit() {
-        to_.Commit();
-        return tally_;
-    }
-
-private:
-    ConvertOptions const& options_;
-    OutputFile to_;
-    Converted tally_;
+    Converted tally;
 };
+
+// Writes a valid record. `foundIn` is the order that a line of JSON names.
+void WriteConverted(ConvertOptions const& options, Record const& record, std::optional<Order> foundIn, Output& to,
+                    Converted& tally) {
+    bool changed = true;
+    if (options.to == kSerialized) {
+        tally.bytes += WriteForm(to, options.file, record, options.form.checksum);
+    } else if (options.to == kJson) {
+        std::uint64_t const before = to.Size();
+        WriteLine(to, options.file, record, foundIn.value_or(record.order));
+        tally.bytes += to.Size() - before;
+    } else {
+        Order const order = options.to == NameOf(Order::Host) ? Order::Host : Order::Network;
+        changed = foundIn || record.kind == Kind::Form || record.order != order;
+        tally.bytes += WriteRecord(to, options.file, record, order);
+    }
+    ++tally.records;
+    tally.converted += changed ? 1 : 0;
+}
+
+void ThrowIfSeveral(ConvertOptions const& options, bool isFirst) {
+    if (options.to == kSerialized && !isFirst) {
+        throw Failure(options.file + ": has more than one record, and an exchange form does not store its length");
+    }
+}
 
 std::string ClosingLine(ConvertOptions const& options, Converted const& tally) {
     if (options.json) {
@@ -143,15 +141,24 @@ std::string ClosingLine(ConvertOptions const& options, Converted const& tally) {
                        Counted(tally.bytes, "byte"), form, tally.converted);
 }
 
-ExitCode ConvertRecords(RecordStream& stream, Converter& converter) {
-    std::vector<Finding> findings;
-    while (Record const* const record = stream.Next()) {
-        if (!CheckRecord(stream.Name(), *record, findings)) {
-            return ExitCode::BadRecord;
+// Ends at a bad record.
+ExitCode ConvertRecords(RecordStream& stream, ConvertOptions const& options, Output& to, Converted& tally) {
+    auto const work = [&](Record& record, ConvertPart& part) {
+        if (!part.Check(stream.Name(), record)) {
+            return false;
         }
-        converter.Convert(*record);
-    }
-    return ExitCode::AllWell;
+        ThrowIfSeveral(options, record.number == 1);
+        WriteConverted(options, record, std::nullopt, part.out, part.tally);
+        return true;
+    };
+    auto const use = [&tally](ConvertPart& part) {
+        Converted const more = std::exchange(part.tally, {});
+        tally.records += more.records;
+        tally.converted += more.converted;
+        tally.bytes += more.bytes;
+    };
+    auto const make = [](Output::PartOf of) { return std::make_unique<ConvertPart>(of); };
+    return ParallelRecords<ConvertPart>(stream, options.jobs, to, {.make = make, .work = work, .use = use}).Run();
 }
 
 // Throws: json::Error for a line that is not a valid record.
@@ -164,7 +171,7 @@ Record ReadLine(json::Reader& reader, Line const& line) {
     return record;
 }
 
-ExitCode ConvertLines(RecordStream& stream, Converter& converter) {
+ExitCode ConvertLines(RecordStream& stream, ConvertOptions const& options, Output& to, Converted& tally) {
     json::Reader reader;
     while (Line const* const line = stream.NextLine()) {
         if (line->text.find_first_not_of(" \t\r") == std::string_view::npos) {
@@ -172,7 +179,8 @@ ExitCode ConvertLines(RecordStream& stream, Converter& converter) {
         }
         try {
             Record const record = ReadLine(reader, *line);
-            converter.Convert(record, reader.FoundIn());
+            ThrowIfSeveral(options, tally.records == 0);
+            WriteConverted(options, record, reader.FoundIn(), to, tally);
         } catch (json::Error const& error) {
             Complain(fmt::format("{}: line {} at byte {}: {}{}{}", stream.Name(), line->number,
                                  line->offset + error.position, error.path, error.path.empty() ? "" : ": ",
@@ -188,14 +196,16 @@ ExitCode Convert(ConvertOptions const& options, Output& out) {
         throw Failure("--checksum requires --serialized or --to serialized (try: crrecord convert --help)");
     }
     RecordStream stream(options.file, options.form.Facts());
-    Converter converter(options);
+    OutputFile to(options.out, {options.file});
+    Converted tally;
     bool const isJson = !options.form.serialized && stream.IsJson();
-    ExitCode const result = (isJson ? ConvertLines : ConvertRecords)(stream, converter);
+    ExitCode const result = (isJson ? ConvertLines : ConvertRecords)(stream, options, to.Text(), tally);
     stream.ThrowIfChanged();
     if (result == ExitCode::AllWell) {
-        PrintClosing(out, options.out, options.json, ClosingLine(options, converter.Commit()));
+        to.Commit();
+        PrintClosing(out, options.out, options.json, ClosingLine(options, tally));
     } else {
-        converter.Abandon();
+        to.Abandon();
     }
     return result;
 }
@@ -214,6 +224,7 @@ void AddConvert(CLI::App& app, Action& chosen) {
     AddOut(verb, options.out);
     AddFormOptions(verb, options.form);
     verb.get_option("--checksum")->remove_needs(verb.get_option("--serialized"));
+    AddJobs(verb, options.jobs);
     verb.add_flag("--json", options.json, "The closing line as a JSON object");
     verb.footer(
         "An exchange form stores neither its length nor its types, so a file holds one form, and --serialized, "

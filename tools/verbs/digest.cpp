@@ -1,8 +1,9 @@
 // crrecord digest: one fingerprint of a whole object.
 
 #include "record/do_record.h"
-#include "record/record_findings.h"
+#include "record/parallel_records.h"
 #include "verbs/verbs.h"
+
 #include <crrecord/do_types.h>
 
 namespace crrecord::tool {
@@ -12,6 +13,7 @@ namespace {
 struct DigestOptions {
     std::vector<std::string> files{"-"};
     FormOptions form;
+    unsigned int jobs = Processors();
     bool key = false;
     bool json = false;
 };
@@ -53,25 +55,22 @@ std::optional<ObjectDigest> DigestOf(std::string const& file, Record const& reco
 }
 
 ExitCode DigestInput(RecordStream& stream, DigestOptions const& options, Output& out) {
-    ExitCode result = ExitCode::AllWell;
-    std::string const quotedName = JsonName("file", stream.Name());
-    std::vector<Finding> findings;
-    while (Record const* const record = stream.Next()) {
-        bool const valid = CheckRecord(stream.Name(), *record, findings);
-        result = valid ? result : ExitCode::BadRecord;
-        std::optional<ObjectDigest> const object = valid ? DigestOf(stream.Name(), *record) : std::nullopt;
+    std::string const name = options.json ? JsonName("file", stream.Name()) : Printable(stream.Name());
+    return WorkOnRecords(stream, options.jobs, out, [&](Record& record, RecordPart& part) {
+        bool const valid = part.Check(stream.Name(), record);
+        std::optional<ObjectDigest> const object = valid ? DigestOf(stream.Name(), record) : std::nullopt;
         if (options.json) {
-            AppendJsonStart(out.Buffer(), quotedName, *record, valid);
-            out.Print(R"(,"digest":{},"key":{})", object ? '"' + object->digest + '"' : "null",
-                      object && object->key ? '"' + *object->key + '"' : "null");
-            AppendJsonFindings(out.Buffer(), findings);
-            out.Write("}\n");
+            AppendJsonStart(part.out.Buffer(), name, record, valid);
+            part.out.Print(R"(,"digest":{},"key":{})", object ? '"' + object->digest + '"' : "null",
+                           object && object->key ? '"' + *object->key + '"' : "null");
+            AppendJsonFindings(part.out.Buffer(), part.findings);
+            part.out.Write("}\n");
         } else if (valid) {
             std::string const text = !object ? "-" : options.key ? object->key.value_or("-") : object->digest;
-            out.Print("{}  {}: record {}\n", text, Printable(stream.Name()), record->number);
+            part.out.Print("{}  {}: record {}\n", text, name, record.number);
         }
-    }
-    return result;
+        return true;
+    });
 }
 
 ExitCode Digest(DigestOptions const& options, Output& out) {
@@ -88,6 +87,7 @@ void AddDigest(CLI::App& app, Action& chosen) {
     verb.add_flag("--json", options.json, "One JSON object on a line for each record");
     AddFormOptions(verb, options.form);
     AddScan(verb, options.form);
+    AddJobs(verb, options.jobs);
     verb.footer(
         "Equal content in equal segments has equal digests, for any byte order or form of a record without notes from\n"
         "validate. Segment records, and records of DO type 0 with a number of segments other than one, have no digest: "

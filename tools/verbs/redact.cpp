@@ -1,6 +1,6 @@
 // crrecord redact: records that are safe to send to others.
 
-#include "record/record_findings.h"
+#include "record/parallel_records.h"
 #include "redaction/redact_record.h"
 #include "verbs/verbs.h"
 
@@ -13,6 +13,7 @@ struct RedactOptions {
     std::string out;
     std::string key;
     FormOptions form;
+    unsigned int jobs = Processors();
     bool json = false;
 };
 
@@ -43,16 +44,31 @@ Pseudonyms MakePseudonyms(RedactOptions const& options) {
     return options.key.empty() ? Pseudonyms(Pseudonyms::RandomSecret()) : Pseudonyms(ReadKey(options));
 }
 
-ExitCode RedactInput(RecordStream& stream, OutputFile& to, Pseudonyms& pseudonyms, Redacted& tally) {
-    std::vector<Finding> findings;
-    while (Record const* const record = stream.Next()) {
-        if (!CheckRecord(stream.Name(), *record, findings)) {
-            return ExitCode::BadRecord;
+struct RedactPart : RecordPart {
+    RedactPart(Output::PartOf of, Pseudonyms const& original) : RecordPart(of), pseudonyms(original) {}
+
+    Pseudonyms pseudonyms;
+    Redacted tally;
+};
+
+// Ends at a bad record.
+ExitCode RedactInput(RecordStream& stream, unsigned int jobs, Output& to, Pseudonyms const& pseudonyms,
+                     Redacted& tally) {
+    auto const work = [&stream](Record& record, RedactPart& part) {
+        if (!part.Check(stream.Name(), record)) {
+            return false;
         }
-        tally.bytes += WriteRedacted(to, stream.Name(), *record, pseudonyms);
-        ++tally.records;
-    }
-    return ExitCode::AllWell;
+        part.tally.bytes += WriteRedacted(part.out, stream.Name(), record, part.pseudonyms);
+        ++part.tally.records;
+        return true;
+    };
+    auto const use = [&tally](RedactPart& part) {
+        Redacted const more = std::exchange(part.tally, {});
+        tally.records += more.records;
+        tally.bytes += more.bytes;
+    };
+    auto const make = [&pseudonyms](Output::PartOf of) { return std::make_unique<RedactPart>(of, pseudonyms); };
+    return ParallelRecords<RedactPart>(stream, jobs, to, {.make = make, .work = work, .use = use}).Run();
 }
 
 std::string ClosingLine(RedactOptions const& options, Redacted const& tally) {
@@ -70,11 +86,11 @@ ExitCode Redact(RedactOptions const& options, Output& out) {
     if (options.key == "-" && std::find(options.files.begin(), options.files.end(), "-") != options.files.end()) {
         throw Failure("standard input can be either the records or the key");
     }
-    Pseudonyms pseudonyms = MakePseudonyms(options);
+    Pseudonyms const pseudonyms = MakePseudonyms(options);
     OutputFile to(options.out, options.files);
     Redacted tally;
     ExitCode const result = ForEachInput(options.files, options.form, nullptr, [&](RecordStream& stream) {
-        return RedactInput(stream, to, pseudonyms, tally);
+        return RedactInput(stream, options.jobs, to.Text(), pseudonyms, tally);
     });
     // A broken record cannot be redacted safely, and the output has all records or none.
     if (result == ExitCode::AllWell) {
@@ -96,6 +112,7 @@ void AddRedact(CLI::App& app, Action& chosen) {
             "A file of 16 to 4096 random bytes: the same key gives the same pseudonyms, in any run")
         ->type_name("KEY");
     AddFormOptions(verb, options.form);
+    AddJobs(verb, options.jobs);
     verb.add_flag("--json", options.json, "The closing line as a JSON object");
     verb.footer(
         "Fingerprints, containers, paths, references and checksums become pseudonyms, equal for equal values; keys "

@@ -4,7 +4,7 @@
 #include "analysis/segment_runs.h"
 #include "analysis/unique_segments.h"
 #include "record/do_record.h"
-#include "record/record_findings.h"
+#include "record/parallel_records.h"
 #include "support/layout/record_layout.h"
 #include "verbs/verbs.h"
 
@@ -17,6 +17,7 @@ constexpr std::uint64_t kMost64 = std::numeric_limits<std::uint64_t>::max();
 struct StatsOptions {
     std::vector<std::string> files{"-"};
     FormOptions form;
+    unsigned int jobs = Processors();
     std::optional<std::uint64_t> top;
     bool unique = false;
     bool json = false;
@@ -42,13 +43,15 @@ public:
     // Returns: true if a record was counted, valid or not.
     bool Any() const { return records_ + bad_ != 0; }
 
-    void PrintJson(Output& out) const {
+    void PrintJson(Output& out) {
         out.Print(R"({},"records":{},"bad_records":{},"skipped_bytes":{},"unread_bytes":{},"segments":{},"bytes":{},)"
                   R"("elsewhere":{{"segments":{},"bytes":{}}},)",
                   JsonStart(), Decimal{records_}, Decimal{bad_}, Decimal{gaps_.skipped}, JsonNumber(gaps_.unread),
                   Decimal{segments_}, Decimal{bytes_}, Decimal{segmentsElsewhere_}, Decimal{bytesElsewhere_});
         if (options_.unique) {
-            out.Print(R"("unique_bytes":{},"repeated_bytes":{},)", Decimal{uniqueBytes_}, Decimal{repeatedBytes_});
+            UniqueSums const& unique = unique_.Sums();
+            out.Print(R"("unique_segments":{},"unique_bytes":{},"repeated_bytes":{},)", Decimal{unique.segments},
+                      Decimal{unique.bytes}, Decimal{unique.repeatedBytes});
         }
         out.Print(R"("container_count":{},"containers":[)", Decimal{containers_.size()});
         char const* separator = "";
@@ -60,7 +63,7 @@ public:
         out.Write("]}\n");
     }
 
-    void PrintTable(Output& out) const {
+    void PrintTable(Output& out) {
         static constexpr char kRow[] = "{:>20}  {:>12}  {:>20}  {:>12}\n";
         auto const sorted = containers_.Sorted(options_.top);
         if (!sorted.empty()) {
@@ -79,7 +82,9 @@ public:
         }
         PrintGaps(out, gaps_);
         if (options_.unique) {
-            out.Print("unique: {}; repeated: {}\n", WithUnit(uniqueBytes_), WithUnit(repeatedBytes_));
+            UniqueSums const& unique = unique_.Sums();
+            out.Print("unique: {} of {}; repeated: {}\n", Counted(unique.segments, "segment"), WithUnit(unique.bytes),
+                      WithUnit(unique.repeatedBytes));
         }
     }
 
@@ -95,7 +100,7 @@ private:
             bytesElsewhere_ += segment.size;
         }
         if (options_.unique) {
-            CountUnique(segment.fptype, segment.fingerprint, segment.size);
+            unique_.Add(segment.fptype, segment.fingerprint, segment.size);
         }
     }
 
@@ -113,12 +118,7 @@ private:
         }
         unsigned int const fptype = header->fptype;
         ForEachRun(header, count,
-                   [&](DOSegment const& segment) { CountUnique(fptype, segment.fingerprint.data, segment.size); });
-    }
-
-    void CountUnique(unsigned int fptype, unsigned char const* fingerprint, std::uint64_t size) {
-        bool const isNew = !fingerprint || unique_.Insert(fptype, fingerprint, size);
-        (isNew ? uniqueBytes_ : repeatedBytes_) += size;
+                   [&](DOSegment const& segment) { unique_.Add(fptype, segment.fingerprint.data, segment.size); });
     }
 
     // Throws: TooManyBytes if the sum would overflow with the record's bytes.
@@ -146,35 +146,56 @@ private:
     std::uint64_t bytes_ = 0; // the greatest of all sums of bytes
     std::uint64_t segmentsElsewhere_ = 0;
     std::uint64_t bytesElsewhere_ = 0;
-    std::uint64_t uniqueBytes_ = 0;
-    std::uint64_t repeatedBytes_ = 0;
 };
 
-// Counts each valid record of an input. Reports and omits a record that makes a sum overflow.
-ExitCode CountInput(RecordStream& stream, Totals& totals) {
+struct StatsPart : RecordPart {
+    using RecordPart::RecordPart;
+
+    struct Checked {
+        Record record;
+        std::string error; // empty for a valid record
+    };
+    std::vector<Checked> records;
+};
+
+// Counts each valid record of an input. Reports and omits a record that makes a sum overflow. Only the checks are in
+// several threads.
+ExitCode CountInput(RecordStream& stream, unsigned int jobs, Output& out, Totals& totals) {
     ExitCode result = ExitCode::AllWell;
-    std::vector<Finding> findings;
-    while (Record const* const record = stream.Next()) {
-        if (!CheckRecord(stream.Name(), *record, findings)) {
-            totals.CountBad();
-            result = std::max(result, ExitCode::BadRecord);
-            continue;
+    std::string const& name = stream.Name();
+    auto const work = [&name](Record& record, StatsPart& part) {
+        bool const valid = Diagnose(record, Depth::FirstError, part.findings);
+        part.records.push_back({record, valid ? "" : Describe(name, record, part.findings.front())});
+        return true;
+    };
+    auto const use = [&](StatsPart& part) {
+        for (auto const& [record, error] : part.records) {
+            if (!error.empty()) {
+                Complain(error);
+                totals.CountBad();
+                result = std::max(result, ExitCode::BadRecord);
+                continue;
+            }
+            try {
+                totals.Count(name, record);
+            } catch (TooManyBytes const&) {
+                Complain(PlaceOf(name, record) + ": omitted: the sum would exceed 2^64 - 1 bytes");
+                result = ExitCode::CouldNotWork;
+            }
         }
-        try {
-            totals.Count(stream.Name(), *record);
-        } catch (TooManyBytes const&) {
-            Complain(PlaceOf(stream.Name(), *record) + ": omitted: the sum would exceed 2^64 - 1 bytes");
-            result = ExitCode::CouldNotWork;
-        }
-    }
+        part.records.clear();
+    };
+    auto const make = [](Output::PartOf of) { return std::make_unique<StatsPart>(of); };
+    ParallelRecords<StatsPart>(stream, jobs, out, {.make = make, .work = work, .use = use}).Run();
     totals.CountGaps(stream);
     return result;
 }
 
 ExitCode Stats(StatsOptions const& options, Output& out) {
     Totals totals(options);
-    ExitCode const result = ForEachInput(options.files, options.form, nullptr,
-                                         [&](RecordStream& stream) { return CountInput(stream, totals); });
+    ExitCode const result = ForEachInput(options.files, options.form, nullptr, [&](RecordStream& stream) {
+        return CountInput(stream, options.jobs, out, totals);
+    });
     if (totals.Any()) {
         options.json ? totals.PrintJson(out) : totals.PrintTable(out);
     }
@@ -195,6 +216,7 @@ void AddStats(CLI::App& app, Action& chosen) {
     verb.add_flag("--json", options.json, "One JSON object");
     AddFormOptions(verb, options.form);
     AddScan(verb, options.form);
+    AddJobs(verb, options.jobs);
     verb.footer("A fragment is a run of consecutive segments of an object in the same container.\n\n"
                 "Example:\n  crrecord stats --top 10 --unique *.do");
 }

@@ -3,7 +3,6 @@
 #include "record/cut_options.h"
 
 #include <cstdlib>
-#include <thread>
 
 namespace crrecord::tool {
 
@@ -13,7 +12,7 @@ PartitionOptions StoreOptions::ForPartitions() const {
         char const* const named = std::getenv("TMPDIR");
         folder = named && *named != '\0' ? named : "/tmp";
     }
-    return {memory, std::max(std::thread::hardware_concurrency(), 1U), folder};
+    return {memory, Processors(), folder};
 }
 
 void AddStoreOptions(CLI::App& verb, StoreOptions& options) {

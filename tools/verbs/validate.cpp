@@ -1,6 +1,6 @@
 // crrecord validate: the findings of each record.
 
-#include "record/record_findings.h"
+#include "record/parallel_records.h"
 #include "verbs/verbs.h"
 
 namespace crrecord::tool {
@@ -10,6 +10,7 @@ namespace {
 struct ValidateOptions {
     std::vector<std::string> files{"-"};
     FormOptions form;
+    unsigned int jobs = Processors();
     bool firstOnly = false;
     bool badOnly = false;
     bool json = false;
@@ -28,11 +29,22 @@ struct Tally {
         bad += valid ? 0 : 1;
         notes += valid ? findings : 0;
     }
+    void Add(Tally const& more) {
+        records += more.records;
+        bad += more.bad;
+        notes += more.notes;
+    }
     // Call it after the last record of an input.
     void AddSizes(RecordStream const& stream) {
         bytes += stream.BytesInRecords();
         gaps.Add(stream);
     }
+};
+
+struct ValidatePart : RecordPart {
+    using RecordPart::RecordPart;
+
+    Tally tally;
 };
 
 void PrintSummary(Output& out, std::string const& name, Tally const& tally) {
@@ -58,27 +70,35 @@ void PrintSummary(Output& out, std::string const& name, Tally const& tally) {
 ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Tally& total, Output& out) {
     Depth const depth = options.firstOnly ? Depth::FirstError : Depth::Everything;
     std::string const quotedName = JsonName("file", stream.Name());
-    std::vector<Finding> findings;
     Tally tally;
     if (options.quiet) {
         stream.ReportGapsTo([](Gap const&) {});
     }
-    while (Record const* const record = stream.Next()) {
-        bool const valid = Diagnose(*record, depth, findings);
-        tally.Add(valid, findings.size());
-        total.Add(valid, findings.size());
+    auto const work = [&](Record& record, ValidatePart& part) {
+        bool const valid = Diagnose(record, depth, part.findings);
+        part.tally.Add(valid, part.findings.size());
         if (options.badOnly && valid) {
-            continue;
+            return true;
         }
         if (options.json) {
-            PrintJsonFindings(out, quotedName, *record, valid, findings);
+            PrintJsonFindings(part.out, quotedName, record, valid, part.findings);
         } else if (!options.quiet) {
-            for (Finding const& finding : findings) {
-                out.PaintLine(Printable(Describe(stream.Name(), *record, finding)), ColourOf(finding));
+            for (Finding const& finding : part.findings) {
+                part.out.PaintLine(Printable(Describe(stream.Name(), record, finding)), ColourOf(finding));
             }
         }
-    }
+        return true;
+    };
+    auto const use = [&](ValidatePart& part) {
+        tally.Add(part.tally);
+        part.tally = {};
+    };
+    ParallelRecords<ValidatePart>(
+        stream, options.jobs, out,
+        {.make = [](Output::PartOf of) { return std::make_unique<ValidatePart>(of); }, .work = work, .use = use})
+        .Run();
     tally.AddSizes(stream);
+    total.Add(tally);
     total.AddSizes(stream);
     if (!options.json && !options.quiet) {
         PrintSummary(out, stream.Name(), tally);
@@ -117,6 +137,7 @@ void AddValidate(CLI::App& app, Action& chosen) {
     verb.add_flag("--quiet", options.quiet, "No output but the exit status")->excludes(json);
     AddFormOptions(verb, options.form);
     AddScan(verb, options.form);
+    AddJobs(verb, options.jobs);
     verb.footer(
         "A record with an error must not be used. A record with a note is usable but differs from one that the "
         "library\n"

@@ -7,6 +7,7 @@
 #include <crrecord/fingerprint.h>
 
 #include <charconv>
+#include <thread>
 
 namespace crrecord::tool {
 
@@ -117,6 +118,19 @@ void RefuseToReplace(std::vector<std::string> const& files, std::string const& o
                                       out == "-" ? "standard output" : out, written));
         }
     }
+}
+
+unsigned int Processors() {
+    return std::max(std::thread::hardware_concurrency(), 1U);
+}
+
+void AddJobs(CLI::App& verb, unsigned int& jobs) {
+    constexpr std::uint64_t kMostJobs = 256;
+    auto const most = WholeNumber(kMostJobs);
+    verb.add_option("--jobs", jobs, "Threads that work on the records; by default one for each processor")
+        ->check(CLI::Validator(
+            [most](std::string& text) { return text == "0" ? "found \"0\", expected at least 1" : most(text); }, ""))
+        ->type_name("N");
 }
 
 void AddFormOptions(CLI::App& verb, FormOptions& options) {

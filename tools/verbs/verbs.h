@@ -98,6 +98,12 @@ struct FormOptions {
     }
 };
 
+// Returns: the number of processors that this process may use.
+unsigned int Processors();
+
+// Adds the option for the number of threads.
+void AddJobs(CLI::App& verb, unsigned int& jobs);
+
 void AddFormOptions(CLI::App& verb, FormOptions& options);
 
 // Adds the option to search for records after bytes that are none.
