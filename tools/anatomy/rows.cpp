@@ -28,16 +28,9 @@ constexpr auto kDigits = [] {
     return table;
 }();
 
-void AppendPadded(fmt::memory_buffer& to, std::string_view text, std::size_t width) {
-    std::size_t const start = to.size();
-    to.resize(start + std::max(text.size(), width));
-    char* const end = std::copy(text.begin(), text.end(), to.data() + start);
-    std::fill(end, to.data() + to.size(), ' ');
-}
-
 void AppendLineBytes(fmt::memory_buffer& to, std::span<unsigned char const> bytes, std::size_t width) {
     std::size_t const start = to.size();
-    AppendPadded(to, {}, std::max(3 * bytes.size() - 1, width));
+    AppendPadded(to, "", std::max(3 * bytes.size() - 1, width));
     char* at = to.data() + start;
     for (unsigned char const byte : bytes.first(bytes.size() - 1)) {
         std::memcpy(at, kDigits[byte].data(), 3);
@@ -80,7 +73,7 @@ void TextRows::Begin(Record const& record, bool, std::vector<Finding> const& fin
 void TextRows::Add(std::uint64_t start, Row const& row) {
     fmt::memory_buffer& to = out_.Buffer();
     if (row.bytes.empty()) {
-        AppendPadded(to, {}, kOffsetWidth + 2 + kBytesWidth);
+        AppendPadded(to, "", kOffsetWidth + 2 + kBytesWidth);
         AppendColumns(to, row);
         to.push_back('\n');
     }

@@ -54,6 +54,19 @@ std::string JsonName(std::string_view member, std::string_view name) {
     return value;
 }
 
+void AppendPadded(fmt::memory_buffer& to, std::string_view text, std::size_t width) {
+    std::size_t const start = to.size();
+    to.resize(start + std::max(text.size(), width));
+    char* const end = std::copy(text.begin(), text.end(), to.data() + start);
+    std::fill(end, to.data() + to.size(), ' ');
+}
+
+void AppendPadded(fmt::memory_buffer& to, std::uint64_t number, std::size_t width) {
+    fmt::format_int const digits(number);
+    AppendPadded(to, "", width - std::min(width, digits.size()));
+    to.append(digits.data(), digits.data() + digits.size());
+}
+
 void AppendHex(fmt::memory_buffer& to, std::span<unsigned char const> bytes) {
     constexpr std::size_t kBlock = 16;
     for (; bytes.size() >= kBlock; bytes = bytes.subspan(kBlock)) {

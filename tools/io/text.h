@@ -65,6 +65,10 @@ struct Decimal {
     inline static std::string_view quote = "\"";
 };
 
+// Append text that is padded with blanks on its right, and a number that is padded on its left.
+void AppendPadded(fmt::memory_buffer& to, std::string_view text, std::size_t width);
+void AppendPadded(fmt::memory_buffer& to, std::uint64_t number, std::size_t width);
+
 // Appends two lower-case hexadecimal digits for each byte.
 void AppendHex(fmt::memory_buffer& to, std::span<unsigned char const> bytes);
 

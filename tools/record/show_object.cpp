@@ -90,8 +90,16 @@ void PrintSegments(Output& out, DORecordView const& view, Range range) {
         out, fmt::format("{:>10}  {:>16}  {:>10}  {:>20}  fingerprint", "segment", "at byte", "bytes", "container"));
     ForEachSegment(segments, view.GetDOType(), end, [&](auto index, auto position, DOSegment const& segment) {
         if (index >= range.first) {
-            out.Print("{:>10}  {:>16}  {:>10}  {:>20}  {}\n", index, position, segment.size, segment.dcid,
-                      TextOf(segment.fingerprint.Copy(), view.GetFPType()));
+            fmt::memory_buffer& row = out.Buffer();
+            for (auto const& [number, width] : {std::pair<std::uint64_t, std::size_t>{index, 10},
+                                                {position, 16},
+                                                {segment.size, 10},
+                                                {segment.dcid, 20}}) {
+                AppendPadded(row, number, width);
+                row.append(std::string_view("  "));
+            }
+            AppendHex(row, {segment.fingerprint.data, segment.fingerprint.size});
+            out.Write("\n");
         }
     });
     if (range.first != 0 || end != segments.size()) {
