@@ -1,6 +1,7 @@
 #include "verbs/store_options.h"
 
 #include "record/cut_options.h"
+#include "record/record_findings.h"
 
 #include <cstdlib>
 
