@@ -4,23 +4,24 @@
 
 #include "store/spill_file.h"
 
-#include <array>
+#include <deque>
 #include <memory>
 #include <mutex>
 
 namespace crrecord::tool {
 
-// Memory in blocks of equal size.
+// Memory in blocks of equal size, a power of two of tuples.
 class BlockPool {
 public:
     // Throws: std::bad_alloc.
-    BlockPool(std::uint64_t blocks, std::uint32_t tuplesInBlock);
+    BlockPool(std::uint64_t blocks, unsigned int tuplesBits);
     ~BlockPool();
     BlockPool(BlockPool const&) = delete;
     BlockPool& operator=(BlockPool const&) = delete;
 
     std::uint64_t Blocks() const { return blocks_; }
-    std::uint32_t TuplesInBlock() const { return tuplesInBlock_; }
+    std::uint32_t TuplesInBlock() const { return std::uint32_t{1} << tuplesBits_; }
+    unsigned int TuplesBits() const { return tuplesBits_; }
     std::uint64_t Used();
     // Thread safety: any number of threads. Throws: std::bad_alloc if all blocks are used.
     SegmentTuple* Take();
@@ -28,7 +29,7 @@ public:
 
 private:
     std::uint64_t blocks_;
-    std::uint32_t tuplesInBlock_;
+    unsigned int tuplesBits_;
     SegmentTuple* memory_;
     std::mutex mutex_;
     std::uint64_t used_ = 0;
@@ -42,31 +43,73 @@ struct PartitionOptions {
     std::string temporaryFolder = "/tmp";
 };
 
-// Collects tuples and merges those of the same segment. When the memory is full, tuples are merged; if that frees less
-// than half of it, they go to a temporary file. At the end each partition is taken alone: one that is in the file gets
-// the memory for itself and is partitioned again if it does not fit. The keyed hash of a segment determines its
-// partition, so all tuples of a segment meet.
+// The tuples of one partition, each segment once, in the order of their first calls of Merge.
+class TupleSet {
+public:
+    explicit TupleSet(BlockPool& pool) : pool_(&pool) {}
+
+    // Merges some tuples with these hashes. Throws: std::bad_alloc if the pool has no block left.
+    void MergeAll(std::span<SegmentTuple const* const> tuples, std::span<std::uint64_t const> hashes);
+
+    std::uint32_t size() const { return size_; }
+    // Calls use(tuples) for all tuples.
+    template <class Use>
+    void ForEachBlock(Use use) const {
+        for (std::size_t i = 0; i < blocks_.size(); ++i) {
+            std::uint32_t const inBlock = pool_->TuplesInBlock();
+            std::uint32_t const left = size_ - static_cast<std::uint32_t>(i) * inBlock;
+            use(std::span<SegmentTuple const>(blocks_[i], std::min(inBlock, left)));
+        }
+    }
+    // Removes all tuples and returns their blocks to the pool.
+    void Clear();
+
+    // Bytes of the index for each tuple, at most.
+    static constexpr std::uint64_t kMostIndexBytes = 22;
+
+private:
+    static constexpr std::uint64_t kFree = std::numeric_limits<std::uint64_t>::max();
+    static constexpr std::uint64_t kTagMask = ~std::uint64_t{0} << 32;
+
+    SegmentTuple& At(std::uint64_t slot) const {
+        auto const number = static_cast<std::uint32_t>(slot);
+        return blocks_[number >> pool_->TuplesBits()][number & (pool_->TuplesInBlock() - 1)];
+    }
+    std::size_t Start(std::uint64_t hash) const;
+    void MergeOne(SegmentTuple const& tuple, std::uint64_t hash);
+    void Append(SegmentTuple const& tuple);
+    void Grow();
+
+    BlockPool* pool_;
+    std::vector<SegmentTuple*> blocks_; // all full but the last
+    std::uint32_t size_ = 0;
+    std::vector<std::uint64_t> slots_; // the high half is of the hash, the low half a tuple's number
+};
+
+// Collects tuples and merges those of the same segment. When the memory is full, all tuples go to a temporary file. At
+// the end each partition is taken alone: one that is in the file gets the memory for itself and is partitioned again if
+// it does not fit. The keyed hash of a container determines the partition, so that neighbours in a container remain
+// neighbours. A partition that does not fit even then is partitioned by the keyed hashes of its segments.
 class Partitions {
 public:
     static constexpr std::uint64_t kLeastMemory = 1024UL * 1024;
+    // Add is fastest with so many tuples.
+    static constexpr std::size_t kMostAtOnce = 2048;
     // More threads would only wait for the reading thread.
     static constexpr unsigned int kMostThreads = 16;
 
     explicit Partitions(PartitionOptions const& options);
-    ~Partitions();
 
-    // One thread's part of the memory.
-    class Writer;
-    // Writers of different numbers may be used at the same time. There is one more than threads of a Pipeline.
-    Writer& WriterOf(unsigned int number) { return *writers_[number]; }
-    unsigned int Writers() const { return static_cast<unsigned int>(writers_.size()); }
     unsigned int Threads() const { return options_.threads; }
+
+    // Adds tuples. Thread safety: any number of threads. HasRoom must have been true for the tuples of all threads.
+    void Add(std::span<SegmentTuple const> tuples);
 
     // Returns: the largest number of tuples of one batch, so that enough batches fit for all threads.
     std::uint64_t BatchTuples() const;
     // Returns: whether `tuples` tuples fit. Threads may have added some of them already.
     bool HasRoom(std::uint64_t tuples);
-    // Frees memory for at least one batch for each thread. No writer may be in use.
+    // Writes all tuples to the temporary file. Add may not run.
     // Throws: Failure if the temporary file cannot be created or written.
     void MakeRoom();
 
@@ -77,51 +120,26 @@ public:
 private:
     static constexpr unsigned int kBits = 6;
     static constexpr unsigned int kPartitions = 1U << kBits;
+    static constexpr unsigned int kContainerLevels = 2;
 
-    // Tuples in blocks, all full but the last.
-    struct List {
-        std::vector<SegmentTuple*> blocks;
-        std::uint32_t inLast = 0;
-    };
-    struct Spilled {
-        std::uint64_t last = SpillFile::kNone;
-        bool Any() const { return last != SpillFile::kNone; }
+    struct Partition {
+        explicit Partition(BlockPool& pool) : tuples(pool) {}
+
+        std::mutex mutex;
+        TupleSet tuples;
+        std::uint64_t spilled = SpillFile::kNone; // the last extent in the file
     };
 
     PartitionOptions options_;
     unsigned int level_ = 0; // how often the tuples were partitioned before
     std::unique_ptr<BlockPool> pool_;
-    std::vector<std::unique_ptr<Writer>> writers_;
+    std::deque<Partition> partitions_;
     std::shared_ptr<SpillFile> file_;
-    std::array<Spilled, kPartitions> spilled_;
 
     Partitions(PartitionOptions const& options, unsigned int level, std::shared_ptr<SpillFile> file);
-    void Compact(unsigned int partition);
-    void Spill();
-    void TotalOf(unsigned int partition, Use const& use);
-    template <class UseList>
-    void ForEachBlock(List const& list, UseList use) const;
-};
-
-class Partitions::Writer {
-public:
-    void Add(SegmentTuple const& tuple) {
-        List& list = lists_[HashOf(tuple) >> shift_ & (kPartitions - 1)];
-        if (list.inLast == pool_.TuplesInBlock() || list.blocks.empty()) {
-            list.blocks.push_back(pool_.Take());
-            list.inLast = 0;
-        }
-        list.blocks.back()[list.inLast++] = tuple;
-    }
-
-    Writer(BlockPool& pool, unsigned int level) : pool_(pool), shift_(level * kBits) {}
-
-private:
-    friend class Partitions;
-
-    BlockPool& pool_;
-    unsigned int shift_;
-    std::array<List, kPartitions> lists_;
+    void AddSome(std::span<SegmentTuple const> tuples);
+    unsigned int PartitionOf(std::uint64_t hash) const;
+    void TotalOf(std::uint64_t spilled, Use const& use);
 };
 
 } // namespace crrecord::tool

@@ -54,15 +54,13 @@ struct StoreScan::Batch {
     std::vector<unsigned char> bytes;
     std::vector<Scanned> records;
     std::vector<Run> runs;
-    std::uint64_t tuples = 0; // at most
+    std::vector<SegmentTuple> tuples; // that are not in the partitions yet
+    std::uint64_t mostTuples = 0;     // of its records
 };
 
 StoreScan::StoreScan(Question question, PartitionOptions const& options,
                      std::function<void(std::string const&)> complain)
     : question_(std::move(question)), complain_(std::move(complain)), partitions_(options) {
-    for (unsigned int i = 0; i < partitions_.Writers(); ++i) {
-        freeWriters_.push_back(i);
-    }
     // Its threads get no signals: a signal must not end the process while this thread has blocked them.
     EndersBlocked const blocked;
     pipeline_ = std::make_unique<Pipeline<Batch>>(
@@ -107,7 +105,7 @@ void StoreScan::Append(Record const& record) {
     scanned.record = record;
     scanned.begin = batch_->bytes.size();
     batch_->bytes.insert(batch_->bytes.end(), record.bytes, record.bytes + record.size);
-    batch_->tuples += record.size / kLeastEntry;
+    batch_->mostTuples += record.size / kLeastEntry;
     batch_->records.push_back(std::move(scanned));
 }
 
@@ -115,13 +113,13 @@ void StoreScan::Submit() {
     if (!batch_) {
         return;
     }
-    if (!partitions_.HasRoom(reserved_ + batch_->tuples)) {
+    if (!partitions_.HasRoom(reserved_ + batch_->mostTuples)) {
         pipeline_->Finish();
-        if (!partitions_.HasRoom(batch_->tuples)) {
+        if (!partitions_.HasRoom(batch_->mostTuples)) {
             partitions_.MakeRoom();
         }
     }
-    reserved_ += batch_->tuples;
+    reserved_ += batch_->mostTuples;
     batch_ = nullptr;
     pipeline_->Submit();
 }
@@ -157,7 +155,7 @@ void StoreScan::ScanParts(DORecordView const* view, Scanned scanned) {
         scanned.to = entries - scanned.from > most ? scanned.from + most : entries;
         scanned.isLastPart = scanned.to == entries;
         batch_ = &pipeline_->Next();
-        batch_->tuples = most;
+        batch_->mostTuples = most;
         batch_->records.push_back(scanned);
         Submit();
         scanned.from = scanned.to;
@@ -165,32 +163,34 @@ void StoreScan::ScanParts(DORecordView const* view, Scanned scanned) {
 }
 
 void StoreScan::Work(Batch& batch) {
-    unsigned int number = 0;
-    {
-        std::lock_guard const lock(mutex_);
-        number = freeWriters_.back();
-        freeWriters_.pop_back();
-    }
     for (Scanned& scanned : batch.records) {
         if (!batch.bytes.empty()) {
             scanned.record.bytes = batch.bytes.data() + scanned.begin;
         }
         scanned.firstRun = batch.runs.size();
         if (scanned.record.kind == Kind::Segment) {
-            WorkOnSegment(scanned, partitions_.WriterOf(number));
+            WorkOnSegment(batch, scanned);
         } else {
-            WorkOnObject(batch, scanned, partitions_.WriterOf(number));
+            WorkOnObject(batch, scanned);
         }
         scanned.endOfRuns = batch.runs.size();
         if (scanned.result == Scanned::Result::Bad && scanned.error.empty()) {
             scanned.error = FirstErrorOf(*scanned.file, scanned.record);
         }
     }
-    std::lock_guard const lock(mutex_);
-    freeWriters_.push_back(number);
+    partitions_.Add(batch.tuples);
+    batch.tuples.clear();
 }
 
-void StoreScan::WorkOnObject(Batch& batch, Scanned& scanned, Partitions::Writer& writer) {
+void StoreScan::AddTuple(Batch& batch, SegmentTuple const& tuple) {
+    batch.tuples.push_back(tuple);
+    if (batch.tuples.size() == Partitions::kMostAtOnce) {
+        partitions_.Add(batch.tuples);
+        batch.tuples.clear();
+    }
+}
+
+void StoreScan::WorkOnObject(Batch& batch, Scanned& scanned) {
     if (scanned.record.kind != Kind::DataObject) {
         return;
     }
@@ -203,14 +203,14 @@ void StoreScan::WorkOnObject(Batch& batch, Scanned& scanned, Partitions::Writer&
         scanned.dcid = view.GetDCID();
         scanned.ownBytes = PayloadSize(view);
         if (scanned.membership.inFirst) {
-            AddEntries(batch, scanned, view, writer);
+            AddEntries(batch, scanned, view);
         }
     } catch (Cr_ErrnoException const&) {
         scanned.result = Scanned::Result::Bad;
     }
 }
 
-void StoreScan::AddEntries(Batch& batch, Scanned const& scanned, DORecordView const& view, Partitions::Writer& writer) {
+void StoreScan::AddEntries(Batch& batch, Scanned const& scanned, DORecordView const& view) {
     if (IsBloom(view.GetDOType())) {
         DOUniqueDCIDRange const list = view.UniqueDCIDs();
         for (unsigned int i = scanned.from; i < std::min(scanned.to, list.size()); ++i) {
@@ -230,7 +230,7 @@ void StoreScan::AddEntries(Batch& batch, Scanned const& scanned, DORecordView co
         std::memcpy(tuple.fingerprint, segment.fingerprint.data, segment.fingerprint.size);
         tuple.firstSize = segment.size;
         tuple.secondSize = inSecond ? segment.size : 0;
-        writer.Add(tuple);
+        AddTuple(batch, tuple);
         if (run.dcid != segment.dcid && run.uses != 0) {
             batch.runs.push_back(run);
             run.uses = 0;
@@ -242,7 +242,7 @@ void StoreScan::AddEntries(Batch& batch, Scanned const& scanned, DORecordView co
     }
 }
 
-void StoreScan::WorkOnSegment(Scanned& scanned, Partitions::Writer& writer) const {
+void StoreScan::WorkOnSegment(Batch& batch, Scanned& scanned) {
     scanned.error = SegmentRecordError(*scanned.file, scanned.record);
     if (!scanned.error.empty()) {
         return;
@@ -257,12 +257,12 @@ void StoreScan::WorkOnSegment(Scanned& scanned, Partitions::Writer& writer) cons
         tuple.secondSize = segment.size;
         tuple.fptype = static_cast<std::uint8_t>(segment.fptype);
         tuple.flags = SegmentTuple::kInSecond;
-        writer.Add(tuple);
+        AddTuple(batch, tuple);
     }
 }
 
 void StoreScan::UseBatch(Batch& batch) {
-    reserved_ -= batch.tuples;
+    reserved_ -= batch.mostTuples;
     for (Scanned const& scanned : batch.records) {
         switch (scanned.result) {
         case Scanned::Result::Object: UseObject(batch, scanned); break;
@@ -278,7 +278,7 @@ void StoreScan::UseBatch(Batch& batch) {
     batch.bytes.clear();
     batch.records.clear();
     batch.runs.clear();
-    batch.tuples = 0;
+    batch.mostTuples = 0;
 }
 
 void StoreScan::UseObject(Batch const& batch, Scanned const& scanned) {

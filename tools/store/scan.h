@@ -57,8 +57,6 @@ private:
     Partitions partitions_;
     StoreContainers containers_;
     StoreTotals totals_;
-    std::mutex mutex_; // of freeWriters_
-    std::vector<unsigned int> freeWriters_;
     std::uint64_t reserved_ = 0;                // tuples of the batches that are not used yet
     std::uint64_t objectContainers_ = 0;        // of the present object
     std::shared_ptr<std::string const> file_;   // of the input
@@ -72,9 +70,10 @@ private:
     void ScanLarge(Record const& record);
     void ScanParts(DORecordView const* view, Scanned scanned);
     void Work(Batch& batch);
-    void WorkOnObject(Batch& batch, Scanned& scanned, Partitions::Writer& writer);
-    void WorkOnSegment(Scanned& scanned, Partitions::Writer& writer) const;
-    void AddEntries(Batch& batch, Scanned const& scanned, DORecordView const& view, Partitions::Writer& writer);
+    void WorkOnObject(Batch& batch, Scanned& scanned);
+    void WorkOnSegment(Batch& batch, Scanned& scanned);
+    void AddTuple(Batch& batch, SegmentTuple const& tuple);
+    void AddEntries(Batch& batch, Scanned const& scanned, DORecordView const& view);
     void UseBatch(Batch& batch);
     void UseObject(Batch const& batch, Scanned const& scanned);
     void UseRun(Run const& run, Membership const& membership);
