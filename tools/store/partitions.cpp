@@ -22,20 +22,27 @@ constexpr std::uint64_t TuplesIn(std::uint64_t memory) {
 
 } // namespace
 
-BlockPool::BlockPool(std::uint64_t blocks, unsigned int tuplesBits) : blocks_(blocks), tuplesBits_(tuplesBits) {
-    std::size_t const size = blocks * TuplesInBlock() * sizeof(SegmentTuple);
-    // Pages are allocated when they are first used.
-    void* const memory =
+void* MapPages(std::size_t size) {
+    void* const pages =
         ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (memory == MAP_FAILED) {
+    if (pages == MAP_FAILED) {
         throw std::bad_alloc();
     }
-    [[maybe_unused]] int const advised = ::madvise(memory, size, MADV_HUGEPAGE); // for speed only
-    memory_ = static_cast<SegmentTuple*>(memory);
+    return pages;
+}
+
+void UnmapPages(void* pages, std::size_t size) {
+    ::munmap(pages, size);
+}
+
+BlockPool::BlockPool(std::uint64_t blocks, unsigned int tuplesBits) : blocks_(blocks), tuplesBits_(tuplesBits) {
+    std::size_t const size = blocks * TuplesInBlock() * sizeof(SegmentTuple);
+    memory_ = static_cast<SegmentTuple*>(MapPages(size));
+    [[maybe_unused]] int const advised = ::madvise(memory_, size, MADV_HUGEPAGE); // for speed only
 }
 
 BlockPool::~BlockPool() {
-    ::munmap(memory_, blocks_ * TuplesInBlock() * sizeof(SegmentTuple));
+    UnmapPages(memory_, blocks_ * TuplesInBlock() * sizeof(SegmentTuple));
 }
 
 std::uint64_t BlockPool::Used() {
@@ -70,43 +77,57 @@ std::size_t TupleSet::Start(std::uint64_t hash) const {
     return (hash * kOdd >> 20) & (slots_.size() - 1);
 }
 
+std::size_t TupleSet::After(std::size_t slot, std::uint64_t hash) const {
+    std::size_t const inLine = (slot + 1) % kInLine;
+    std::size_t const line = slot - slot % kInLine;
+    return inLine != Start(hash) % kInLine ? line + inLine : ((line + kInLine) & (slots_.size() - 1)) + inLine;
+}
+
+std::size_t TupleSet::Candidate(std::size_t slot, std::uint64_t hash) const {
+    while (slots_[slot] != kFree && (slots_[slot] & kTagMask) != (hash & kTagMask)) {
+        slot = After(slot, hash);
+    }
+    return slot;
+}
+
 void TupleSet::MergeAll(std::span<SegmentTuple const* const> tuples, std::span<std::uint64_t const> hashes) {
     constexpr std::size_t kAtOnce = 64;
+    std::array<std::size_t, kAtOnce> candidates;
     while (!tuples.empty()) {
         std::size_t const count = std::min(tuples.size(), kAtOnce);
         while (4 * (std::uint64_t{size_} + count) > 3 * slots_.size()) {
             Grow();
         }
-        // The slots and the tuples are mostly not in the caches: all are loaded at the same time.
+        // The slots and the tuples are mostly not in the caches: many are loaded at the same time.
         for (std::size_t i = 0; i < count; ++i) {
             __builtin_prefetch(&slots_[Start(hashes[i])]);
         }
         for (std::size_t i = 0; i < count; ++i) {
-            std::uint64_t const slot = slots_[Start(hashes[i])];
-            if (slot != kFree) {
-                auto const* const bytes = reinterpret_cast<unsigned char const*>(&At(slot));
+            candidates[i] = Candidate(Start(hashes[i]), hashes[i]);
+            if (slots_[candidates[i]] != kFree) {
+                auto const* const bytes = reinterpret_cast<unsigned char const*>(&At(slots_[candidates[i]]));
                 __builtin_prefetch(bytes);
                 __builtin_prefetch(bytes + sizeof(SegmentTuple) - 1);
             }
         }
         for (std::size_t i = 0; i < count; ++i) {
-            MergeOne(*tuples[i], hashes[i]);
+            MergeOne(*tuples[i], hashes[i], candidates[i]);
         }
         tuples = tuples.subspan(count);
         hashes = hashes.subspan(count);
     }
 }
 
-void TupleSet::MergeOne(SegmentTuple const& tuple, std::uint64_t hash) {
-    std::uint64_t const tag = hash & kTagMask;
-    std::size_t i = Start(hash);
-    for (; slots_[i] != kFree; i = (i + 1) & (slots_.size() - 1)) {
-        if ((slots_[i] & kTagMask) == tag && IsSameSegment(At(slots_[i]), tuple)) {
-            Merge(At(slots_[i]), tuple);
+void TupleSet::MergeOne(SegmentTuple const& tuple, std::uint64_t hash, std::size_t candidate) {
+    std::size_t slot = Candidate(candidate, hash);
+    while (slots_[slot] != kFree) {
+        if (IsSameSegment(At(slots_[slot]), tuple)) {
+            Merge(At(slots_[slot]), tuple);
             return;
         }
+        slot = Candidate(After(slot, hash), hash);
     }
-    slots_[i] = tag | size_;
+    slots_[slot] = (hash & kTagMask) | size_;
     Append(tuple);
 }
 
@@ -126,11 +147,11 @@ void TupleSet::Grow() {
     ForEachBlock([&](std::span<SegmentTuple const> tuples) {
         for (SegmentTuple const& tuple : tuples) {
             std::uint64_t const hash = HashOf(tuple);
-            std::size_t i = Start(hash);
-            while (slots_[i] != kFree) {
-                i = (i + 1) & (size - 1);
+            std::size_t slot = Start(hash);
+            while (slots_[slot] != kFree) {
+                slot = After(slot, hash);
             }
-            slots_[i] = (hash & kTagMask) | number++;
+            slots_[slot] = (hash & kTagMask) | number++;
         }
     });
 }
@@ -139,9 +160,9 @@ void TupleSet::Clear() {
     for (SegmentTuple* const block : blocks_) {
         pool_->Return(block);
     }
-    blocks_.clear();
+    blocks_ = {};
+    slots_ = {};
     size_ = 0;
-    std::fill(slots_.begin(), slots_.end(), kFree);
 }
 
 Partitions::Partitions(PartitionOptions const& options) : Partitions(options, 0, nullptr) {}
@@ -227,11 +248,30 @@ void Partitions::AddSome(std::span<SegmentTuple const> tuples) {
 }
 
 void Partitions::MakeRoom() {
+    // Partitions that have tuples in the file must be read from there anyway, and large ones make long extents.
+    std::vector<Partition*> order;
+    for (Partition& partition : partitions_) {
+        order.push_back(&partition);
+    }
+    std::sort(order.begin(), order.end(), [](Partition const* a, Partition const* b) {
+        return std::pair(a->IsSpilled(), a->tuples.size()) > std::pair(b->IsSpilled(), b->tuples.size());
+    });
+    std::uint64_t const wanted = pool_->Blocks() / 3;
+    std::uint64_t free = pool_->Blocks() - pool_->Used();
+    auto const end = std::find_if(order.begin(), order.end(), [&](Partition const* partition) {
+        bool const isEnough = free >= wanted;
+        free += partition->tuples.Blocks();
+        return isEnough;
+    });
+    Spill({order.begin(), end});
+}
+
+void Partitions::Spill(std::vector<Partition*> const& partitions) {
     if (!file_) {
         file_ = std::make_shared<SpillFile>(options_.temporaryFolder);
     }
-    ForEachInParallel(options_.threads, kPartitions, [this](unsigned int number) {
-        auto& [mutex, tuples, spilled] = partitions_[number];
+    ForEachInParallel(options_.threads, static_cast<unsigned int>(partitions.size()), [&](unsigned int i) {
+        auto& [mutex, tuples, spilled] = *partitions[i];
         if (tuples.size() != 0) {
             SpillFile::Extent extent(*file_, tuples.size(), spilled);
             tuples.ForEachBlock([&](std::span<SegmentTuple const> some) { extent.Append(some); });
@@ -242,27 +282,29 @@ void Partitions::MakeRoom() {
 }
 
 void Partitions::Total(Use const& use) {
-    bool const isSpilled = std::any_of(partitions_.begin(), partitions_.end(),
-                                       [](Partition const& part) { return part.spilled != SpillFile::kNone; });
-    if (!isSpilled) {
-        ForEachInParallel(options_.threads, kPartitions,
-                          [&](unsigned int number) { partitions_[number].tuples.ForEachBlock(use); });
-        return;
+    std::vector<Partition*> isSpilled;
+    for (Partition& partition : partitions_) {
+        if (partition.IsSpilled()) {
+            isSpilled.push_back(&partition);
+        }
     }
-    MakeRoom();
-    std::vector<std::uint64_t> spilled;
-    for (Partition const& partition : partitions_) {
-        spilled.push_back(partition.spilled);
+    if (!isSpilled.empty()) {
+        Spill(isSpilled);
     }
-    partitions_.clear();
+    ForEachInParallel(options_.threads, kPartitions, [&](unsigned int i) {
+        partitions_[i].tuples.ForEachBlock(use);
+        partitions_[i].tuples.Clear();
+    });
     pool_.reset(); // its memory is used to partition the spilled partitions
-    ForEachInParallel(options_.threads, kPartitions, [&](unsigned int number) { TotalOf(spilled[number], use); });
+    ForEachInParallel(options_.threads, static_cast<unsigned int>(isSpilled.size()),
+                      [&](unsigned int i) { TotalOf(isSpilled[i]->spilled, use); });
 }
 
 void Partitions::TotalOf(std::uint64_t spilled, Use const& use) {
     // The parts of each level of segments are 64 times smaller, so valid files do not reach this with any allowed
     // memory.
-    if (level_ > kContainerLevels && kBits * (level_ + 2 - kContainerLevels) > std::numeric_limits<std::uint64_t>::digits) {
+    if (level_ > kContainerLevels &&
+        kBits * (level_ + 2 - kContainerLevels) > std::numeric_limits<std::uint64_t>::digits) {
         throw Failure("the temporary files do not get smaller");
     }
     PartitionOptions const options{options_.memory / options_.threads, 1, options_.temporaryFolder};

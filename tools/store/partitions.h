@@ -7,8 +7,13 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <new>
 
 namespace crrecord::tool {
+
+// Pages of zeros, which are allocated when they are first used. Throws: std::bad_alloc.
+void* MapPages(std::size_t size);
+void UnmapPages(void* pages, std::size_t size);
 
 // Memory in blocks of equal size, a power of two of tuples.
 class BlockPool {
@@ -43,6 +48,26 @@ struct PartitionOptions {
     std::string temporaryFolder = "/tmp";
 };
 
+// Memory that starts at a cache line. Large blocks go back to the system when they are freed.
+template <class T>
+struct LineAllocator {
+    static constexpr std::size_t kLine = 64;
+    using value_type = T;
+
+    T* allocate(std::size_t count) {
+        std::size_t const size = count * sizeof(T);
+        return static_cast<T*>(size < kLarge ? ::operator new (size, std::align_val_t{kLine}) : MapPages(size));
+    }
+    void deallocate(T* memory, std::size_t count) {
+        std::size_t const size = count * sizeof(T);
+        size < kLarge ? ::operator delete (memory, std::align_val_t{kLine}) : UnmapPages(memory, size);
+    }
+    bool operator==(LineAllocator const&) const { return true; }
+
+private:
+    static constexpr std::size_t kLarge = 64UL * 1024;
+};
+
 // The tuples of one partition, each segment once, in the order of their first calls of Merge.
 class TupleSet {
 public:
@@ -52,6 +77,7 @@ public:
     void MergeAll(std::span<SegmentTuple const* const> tuples, std::span<std::uint64_t const> hashes);
 
     std::uint32_t size() const { return size_; }
+    std::uint64_t Blocks() const { return blocks_.size(); }
     // Calls use(tuples) for all tuples.
     template <class Use>
     void ForEachBlock(Use use) const {
@@ -70,26 +96,32 @@ public:
 private:
     static constexpr std::uint64_t kFree = std::numeric_limits<std::uint64_t>::max();
     static constexpr std::uint64_t kTagMask = ~std::uint64_t{0} << 32;
+    static constexpr std::size_t kInLine = LineAllocator<std::uint64_t>::kLine / sizeof(std::uint64_t);
 
     SegmentTuple& At(std::uint64_t slot) const {
         auto const number = static_cast<std::uint32_t>(slot);
         return blocks_[number >> pool_->TuplesBits()][number & (pool_->TuplesInBlock() - 1)];
     }
+    // The slots of a hash: all of one cache line, then those of the next ones. The first free one ends them.
     std::size_t Start(std::uint64_t hash) const;
-    void MergeOne(SegmentTuple const& tuple, std::uint64_t hash);
+    std::size_t After(std::size_t slot, std::uint64_t hash) const;
+    // Returns: `slot` or the first one after it that is free or has a tuple of this tag.
+    std::size_t Candidate(std::size_t slot, std::uint64_t hash) const;
+    void MergeOne(SegmentTuple const& tuple, std::uint64_t hash, std::size_t candidate);
     void Append(SegmentTuple const& tuple);
     void Grow();
 
     BlockPool* pool_;
     std::vector<SegmentTuple*> blocks_; // all full but the last
     std::uint32_t size_ = 0;
-    std::vector<std::uint64_t> slots_; // the high half is of the hash, the low half a tuple's number
+    // The high half is of the hash, the low half a tuple's number.
+    std::vector<std::uint64_t, LineAllocator<std::uint64_t>> slots_;
 };
 
-// Collects tuples and merges those of the same segment. When the memory is full, all tuples go to a temporary file. At
-// the end each partition is taken alone: one that is in the file gets the memory for itself and is partitioned again if
-// it does not fit. The keyed hash of a container determines the partition, so that neighbours in a container remain
-// neighbours. A partition that does not fit even then is partitioned by the keyed hashes of its segments.
+// Collects tuples and merges those of the same segment. When the memory is full, some partitions go to a temporary
+// file. At the end each of these is taken alone: it gets the memory for itself and is partitioned again if it does not
+// fit. The keyed hash of a container determines the partition, so that neighbours in a container remain neighbours. A
+// partition that does not fit even then is partitioned by the keyed hashes of its segments.
 class Partitions {
 public:
     static constexpr std::uint64_t kLeastMemory = 1024UL * 1024;
@@ -109,7 +141,7 @@ public:
     std::uint64_t BatchTuples() const;
     // Returns: whether `tuples` tuples fit. Threads may have added some of them already.
     bool HasRoom(std::uint64_t tuples);
-    // Writes all tuples to the temporary file. Add may not run.
+    // Frees a third of the memory: writes the tuples of some partitions to the temporary file. Add may not run.
     // Throws: Failure if the temporary file cannot be created or written.
     void MakeRoom();
 
@@ -124,6 +156,7 @@ private:
 
     struct Partition {
         explicit Partition(BlockPool& pool) : tuples(pool) {}
+        bool IsSpilled() const { return spilled != SpillFile::kNone; }
 
         std::mutex mutex;
         TupleSet tuples;
@@ -139,6 +172,7 @@ private:
     Partitions(PartitionOptions const& options, unsigned int level, std::shared_ptr<SpillFile> file);
     void AddSome(std::span<SegmentTuple const> tuples);
     unsigned int PartitionOf(std::uint64_t hash) const;
+    void Spill(std::vector<Partition*> const& partitions);
     void TotalOf(std::uint64_t spilled, Use const& use);
 };
 
