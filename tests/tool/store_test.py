@@ -177,6 +177,26 @@ def answers():
             check_lost(records, objects_only)
             check_recall(records, objects_only)
     check(run("live", "-", input=b"").returncode == 1, "an empty input")
+    sums_too_large()
+
+
+def sums_too_large():
+    """Records that would make a sum of sizes too large are bad, and the others count: of 2^63 bytes and one more."""
+    most, odd = 1 << 63, dict(references=[(2, 3)], size=177)
+    bloom = [make.do_record(4, 3, listed=listed, bitmap=b"b", **odd)["host"]
+             for listed in ([(64, most - 1), (65, 1)], [(64, 1)], [(65, 0)], [(66, most), (64, most)])]
+    segment = [make.segment(3, pathid=70, prints=[bytes([i]) * 32], size=size)["host"]
+               for i, size in enumerate((9, most, (1 << 64) - 1, 1 << 32))]
+    for verb, parts, bad, counted in (("live", bloom, (2, 4), ("records", 2)), ("recall", bloom, (2, 4), ("containers", 2)),
+                                      ("freed --reference task:3", bloom, (2, 4), ("records", 2)),
+                                      ("lost --container 64 --container 65", bloom, (2, 4), ("bloom_bytes", most)),
+                                      ("live", segment, (3, 4), ("stored_bytes", most + 9))):
+        done = run(*verb.split(), "--json", "-", input=b"".join(parts))
+        total = json.loads(done.stdout.splitlines()[-1])["total"]
+        places = [f"record {n} at byte {sum(map(len, parts[:n - 1]))}:" for n in bad]
+        errors = done.stderr.decode().splitlines()
+        check(done.returncode == 1 and len(errors) == 2 and all(p in e for p, e in zip(places, errors)), verb, errors)
+        check((total[counted[0]], total["bad_records"]) == (str(counted[1]), "2"), verb, total)
 
 
 def check_live(store, records, path, objects_only, held, percent):

@@ -2,6 +2,7 @@
 
 #include "analysis/segment_runs.h"
 #include "io/signals.h"
+#include "store/claimed_bytes.h"
 #include "store/segment_shape.h"
 
 #include <crrecord/status.h>
@@ -18,6 +19,31 @@ constexpr std::size_t kMostRecords = 1024; // of a batch
 
 std::uint64_t PayloadSize(DORecordView const& view) {
     return view.GetHeaderSize() - CR_DO_RECORD_SIZE;
+}
+
+// Returns: the bytes in the list of a bloom record, or more than kMostClaimed.
+std::uint64_t ListedBytes(DORecordView const& view) {
+    std::uint64_t sum = 0;
+    for (DOUniqueDCID const& entry : view.UniqueDCIDs()) {
+        if (!AddClaimed(sum, entry.bytes)) {
+            return std::numeric_limits<std::uint64_t>::max();
+        }
+    }
+    return sum;
+}
+
+bool IsLarge(StoredSegment const& segment) {
+    return segment.size > std::numeric_limits<std::uint32_t>::max();
+}
+
+SegmentTuple TupleOf(StoredSegment const& segment) {
+    SegmentTuple tuple{};
+    tuple.dcid = segment.dcid;
+    std::memcpy(tuple.fingerprint, segment.fingerprint, CRFPDigestSize(segment.fptype));
+    tuple.secondSize = segment.size;
+    tuple.fptype = static_cast<std::uint8_t>(segment.fptype);
+    tuple.flags = SegmentTuple::kInSecond;
+    return tuple;
 }
 
 } // namespace
@@ -46,6 +72,7 @@ struct StoreScan::Scanned {
     Membership membership;
     std::uint64_t dcid = 0; // the record's own container, or that of a segment record
     std::uint64_t ownBytes = 0;
+    std::uint64_t claimed = 0; // bytes in the list of a bloom record, or of a large segment
     std::size_t firstRun = 0;
     std::size_t endOfRuns = 0;
 };
@@ -203,6 +230,9 @@ void StoreScan::WorkOnObject(Batch& batch, Scanned& scanned) {
         scanned.dcid = view.GetDCID();
         scanned.ownBytes = PayloadSize(view);
         if (scanned.membership.inFirst) {
+            if (IsBloom(view.GetDOType()) && scanned.from == 0) {
+                scanned.claimed = ListedBytes(view);
+            }
             AddEntries(batch, scanned, view);
         }
     } catch (Cr_ErrnoException const&) {
@@ -250,35 +280,49 @@ void StoreScan::WorkOnSegment(Batch& batch, Scanned& scanned) {
     StoredSegment const segment = SegmentOf(scanned.record);
     scanned.result = Scanned::Result::Segment;
     scanned.dcid = segment.dcid;
-    if (question_.stored) {
-        SegmentTuple tuple{};
-        tuple.dcid = segment.dcid;
-        std::memcpy(tuple.fingerprint, segment.fingerprint, CRFPDigestSize(segment.fptype));
-        tuple.secondSize = segment.size;
-        tuple.fptype = static_cast<std::uint8_t>(segment.fptype);
-        tuple.flags = SegmentTuple::kInSecond;
-        AddTuple(batch, tuple);
+    if (question_.stored && IsLarge(segment)) {
+        scanned.claimed = segment.size; // UseSegment adds it, if it may
+    } else if (question_.stored) {
+        AddTuple(batch, TupleOf(segment));
     }
 }
 
 void StoreScan::UseBatch(Batch& batch) {
-    reserved_ -= batch.mostTuples;
     for (Scanned const& scanned : batch.records) {
-        switch (scanned.result) {
-        case Scanned::Result::Object: UseObject(batch, scanned); break;
-        case Scanned::Result::Segment:
-            ++totals_.segmentRecords;
-            if (question_.stored) {
-                containers_.Of(scanned.dcid);
-            }
-            break;
-        case Scanned::Result::Bad: ++totals_.bad; complain_(scanned.error);
+        if (scanned.result == Scanned::Result::Bad) {
+            ++totals_.bad;
+            complain_(scanned.error);
+        } else if (Claim(scanned)) {
+            scanned.result == Scanned::Result::Object ? UseObject(batch, scanned) : UseSegment(scanned);
         }
     }
+    reserved_ -= batch.mostTuples;
     batch.bytes.clear();
     batch.records.clear();
     batch.runs.clear();
     batch.mostTuples = 0;
+}
+
+bool StoreScan::Claim(Scanned const& scanned) {
+    if (scanned.from == 0) { // not a later part of a record
+        isRefused_ = !AddClaimed(claimed_, scanned.claimed);
+        if (isRefused_) {
+            ++totals_.bad;
+            complain_(ClaimError(*scanned.file, scanned.record));
+        }
+    }
+    return !isRefused_;
+}
+
+void StoreScan::UseSegment(Scanned const& scanned) {
+    ++totals_.segmentRecords;
+    if (question_.stored) {
+        containers_.Of(scanned.dcid);
+        if (scanned.claimed != 0) {
+            SegmentTuple const tuple = TupleOf(SegmentOf(scanned.record));
+            partitions_.Add({&tuple, 1});
+        }
+    }
 }
 
 void StoreScan::UseObject(Batch const& batch, Scanned const& scanned) {
