@@ -48,8 +48,8 @@ def answer(*arguments, **more):
 class Store:
     """Random records. A fingerprint has mostly one size, so that there are few conflicts."""
 
-    def __init__(self, seed, objects, most):
-        self.random = random.Random(seed)
+    def __init__(self, seed, objects, most, in_container=4000):
+        self.random, self.in_container = random.Random(seed), in_container
         sizes = [self.random.randint(0, most) for _ in range(objects)]
         self.records = tuple(self.an_object(count, dotype)
                              for count, dotype in [(n, None) for n in sizes] + [(60 * most, 3), (60 * most, 4)])
@@ -69,7 +69,7 @@ class Store:
         sizes = [100 + (n % 7 if dotype not in (0, 1) else 0) + (pick.random() < 0.0005) * (dotype == 2) for n in numbers]
         if dotype in (0, 1) and count:
             sizes[-1] = pick.randint(1, 100)
-        dcids = [(1 << 63) + n % 3 if wide else 64 + n // 4000 for n in numbers]
+        dcids = [(1 << 63) + n % 3 if wide else 64 + n // self.in_container for n in numbers]
         prints = [n.to_bytes(4, "big") * (width // 4) for n in numbers]
         references = [(pick.choice((2, 2, 4, 6)), pick.randrange(6)) for _ in range(pick.randrange(3))]
         legacy = ([pick.randrange(6)] * (pick.random() < 0.1), [5] * (pick.random() < 0.1))
@@ -283,7 +283,7 @@ def limits():
     with tempfile.TemporaryDirectory() as folder:
         path, temp = pathlib.Path(folder, "store"), pathlib.Path(folder, "temp")
         temp.mkdir()
-        Store(4, 500, 250).write(path)
+        Store(4, 500, 250, 20000).write(path)  # containers that do not fit: their partitions are partitioned again
         one = dict(preexec_fn=lambda: os.sched_setaffinity(0, {min(os.sched_getaffinity(0))}))
         little = ("--memory", "1M", "--temp", temp)
         for verb in (("live", "--json"), ("live", "--held"), ("freed", "--reference", "task:3"), ("recall",)):

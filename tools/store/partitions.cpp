@@ -197,8 +197,8 @@ bool Partitions::HasRoom(std::uint64_t tuples) {
 }
 
 unsigned int Partitions::PartitionOf(std::uint64_t hash) const {
-    unsigned int const level = level_ < kContainerLevels ? level_ : level_ - kContainerLevels;
-    return hash >> (level * kBits) & (kPartitions - 1);
+    unsigned int const shift = level_ == 0 ? 0 : (level_ - 1) * kBits;
+    return hash >> shift & (kPartitions - 1);
 }
 
 void Partitions::Add(std::span<SegmentTuple const> tuples) {
@@ -221,7 +221,7 @@ void Partitions::AddSome(std::span<SegmentTuple const> tuples) {
             ofContainer = PartitionOf(HashOfNumber(dcid));
         }
         hashes[i] = HashOf(tuples[i]);
-        unsigned int const number = level_ < kContainerLevels ? ofContainer : PartitionOf(hashes[i]);
+        unsigned int const number = level_ == 0 ? ofContainer : PartitionOf(hashes[i]);
         numbers[i] = static_cast<unsigned char>(number);
         ++ends[number + 1];
     }
@@ -301,10 +301,9 @@ void Partitions::Total(Use const& use) {
 }
 
 void Partitions::TotalOf(std::uint64_t spilled, Use const& use) {
-    // The parts of each level of segments are 64 times smaller, so valid files do not reach this with any allowed
+    // Each level of segments makes the parts 64 times smaller, so valid files do not reach this with any allowed
     // memory.
-    if (level_ > kContainerLevels &&
-        kBits * (level_ + 2 - kContainerLevels) > std::numeric_limits<std::uint64_t>::digits) {
+    if (kBits * (level_ + 1) > std::numeric_limits<std::uint64_t>::digits) {
         throw Failure("the temporary files do not get smaller");
     }
     PartitionOptions const options{options_.memory / options_.threads, 1, options_.temporaryFolder};

@@ -152,7 +152,6 @@ public:
 private:
     static constexpr unsigned int kBits = 6;
     static constexpr unsigned int kPartitions = 1U << kBits;
-    static constexpr unsigned int kContainerLevels = 2;
 
     struct Partition {
         explicit Partition(BlockPool& pool) : tuples(pool) {}
