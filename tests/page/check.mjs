@@ -16,8 +16,8 @@ const [modules, command] = process.argv.slice(2).map((path) => resolve(path));
 const { chromium } = createRequire(join(modules, "package.json"))("playwright-core");
 const SEGMENT = 65536, IN_CONTAINER = 16, CONTAINERS = 60;
 
-// Two backups: the second one is shorter, and shares from none to all segments of a container with the first one. Of its
-// segments one is not stored.
+// Two backups: the second one is shorter, and shares from none to all segments of a container with the first one. Of
+// its segments one is not stored.
 function writeStore(folder) {
     const [first, second] = [CONTAINERS, CONTAINERS - 8].map((n) => Buffer.alloc(n * IN_CONTAINER * SEGMENT));
     for (const [backup, seed] of [[first, 1], [second, 2]]) {
@@ -63,12 +63,13 @@ function look() {
         overflow: all.filter((element) => element.getBoundingClientRect().right > innerWidth + 0.5)
             .map((element) => element.outerHTML.slice(0, 80)),
         tooWide: document.documentElement.scrollWidth - innerWidth,
-        cut: all.filter((element) => element.scrollWidth > element.clientWidth + 1 && style(element).overflow !== "visible")
-            .length,
+        cut: all.filter((element) => element.scrollWidth > element.clientWidth + 1 &&
+            style(element).overflow !== "visible").length,
         colours: [...new Set(all.filter((element) => element.children.length === 0 && element.innerText?.trim())
             .map((element) => style(element).color))],
         back: style(document.body).backgroundColor,
-        smallest: Math.min(...all.filter((element) => element.innerText).map((element) => parseFloat(style(element).fontSize))),
+        smallest: Math.min(...all.filter((element) => element.innerText)
+            .map((element) => parseFloat(style(element).fontSize))),
         columns: new Set([...document.querySelectorAll("section")].map((section) => section.offsetLeft)).size,
         silent: [...document.querySelectorAll("svg, img, [role=img]")].filter((picture) =>
             picture.ariaHidden !== "true" && !picture.ariaLabel && !picture.querySelector?.("title")).length,
@@ -90,11 +91,13 @@ async function check(context, folder, width, colorScheme, total, inputs) {
     const seen = await page.evaluate(look);
     const name = `${inputs}-${width}-${colorScheme}`;
     await page.screenshot({ path: join(modules, `${name}.png`), fullPage: true });
-    assert.deepEqual([requests, complaints, await page.locator("script, link, iframe, object").count()], [[address], [], 0], name);
+    const loading = await page.locator("script, link, iframe, object").count();
+    assert.deepEqual([requests, complaints, loading], [[address], [], 0], name);
     assert.deepEqual([seen.overflow, seen.tooWide, seen.cut, seen.silent, seen.unnamed], [[], 0, 0, 0, 0], name);
     assert.equal(seen.columns, width < 800 ? 1 : 2, name);
     assert(seen.smallest >= 12, `${name}: the smallest text has ${seen.smallest} px`);
-    assert(seen.colours.every((colour) => contrast(colour, seen.back) >= 4.5), `${name}: ${seen.colours} on ${seen.back}`);
+    assert(seen.colours.every((colour) => contrast(colour, seen.back) >= 4.5),
+        `${name}: ${seen.colours} on ${seen.back}`);
     assert.equal(contrast(seen.back, "rgb(0, 0, 0)") < 3, colorScheme === "dark", `${name}: ${seen.back}`);
     const missing = seen.text.match(/missing: (\d+) segment/)?.[1];
     assert.deepEqual([seen.figures.records, seen.figures.containers, seen.figures["dead containers"], missing],

@@ -187,7 +187,8 @@ def sums_too_large():
              for listed in ([(64, most - 1), (65, 1)], [(64, 1)], [(65, 0)], [(66, most), (64, most)])]
     segment = [make.segment(3, pathid=70, prints=[bytes([i]) * 32], size=size)["host"]
                for i, size in enumerate((9, most, (1 << 64) - 1, 1 << 32))]
-    for verb, parts, bad, counted in (("live", bloom, (2, 4), ("records", 2)), ("recall", bloom, (2, 4), ("containers", 2)),
+    for verb, parts, bad, counted in (("live", bloom, (2, 4), ("records", 2)),
+                                      ("recall", bloom, (2, 4), ("containers", 2)),
                                       ("freed --reference task:3", bloom, (2, 4), ("records", 2)),
                                       ("lost --container 64 --container 65", bloom, (2, 4), ("bloom_bytes", most)),
                                       ("live", segment, (3, 4), ("stored_bytes", most + 9))):

@@ -68,12 +68,13 @@ private:
     static constexpr std::size_t kLarge = 64UL * 1024;
 };
 
-// The tuples of one partition, each segment once, in the order of their first calls of Merge.
+// The tuples of one partition, each segment once, in the order in which they were added.
 class TupleSet {
 public:
     explicit TupleSet(BlockPool& pool) : pool_(&pool) {}
 
-    // Merges some tuples with these hashes. Throws: std::bad_alloc if the pool has no block left.
+    // Adds tuples with these hashes, or merges them with those of the same segments.
+    // Throws: std::bad_alloc if the pool has no block left.
     void MergeAll(std::span<SegmentTuple const* const> tuples, std::span<std::uint64_t const> hashes);
 
     std::uint32_t size() const { return size_; }
@@ -125,7 +126,7 @@ private:
 class Partitions {
 public:
     static constexpr std::uint64_t kLeastMemory = 1024UL * 1024;
-    // Add is fastest with so many tuples.
+    // Add works on so many tuples at a time.
     static constexpr std::size_t kMostAtOnce = 2048;
     // More threads would only wait for the reading thread.
     static constexpr unsigned int kMostThreads = 16;
