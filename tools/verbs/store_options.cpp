@@ -46,7 +46,9 @@ bool AnyRecord(StoreScan const& scan) {
     return totals.records + totals.segmentRecords + totals.bad != 0;
 }
 
-void PrintFaults(Output& out, std::uint64_t conflicts, std::uint64_t bad) {
+void PrintFaults(Output& out, StoreScan& scan) {
+    std::uint64_t const conflicts = scan.Containers().Conflicts();
+    std::uint64_t const bad = scan.Totals().bad;
     if (conflicts != 0) {
         out.PaintLine(fmt::format("conflicts: {} with several sizes", Counted(conflicts, "segment")), Colour::Bad);
     }
@@ -55,10 +57,11 @@ void PrintFaults(Output& out, std::uint64_t conflicts, std::uint64_t bad) {
     }
 }
 
-void PrintJsonFaults(Output& out, StoreScan& scan) {
-    out.Print(R"(,"conflicts":{},"bad_records":{},"complete":{}}}}})"
+void PrintJsonTotal(Output& out, StoreScan& scan, std::string const& members) {
+    out.Print(R"({},"total":{{{},"conflicts":{},"bad_records":{},"complete":{}}}}})"
               "\n",
-              Decimal{scan.Containers().Conflicts()}, Decimal{scan.Totals().bad}, scan.Totals().isComplete);
+              JsonStart(), members, Decimal{scan.Containers().Conflicts()}, Decimal{scan.Totals().bad},
+              scan.Totals().isComplete);
 }
 
 } // namespace crrecord::tool

@@ -25,9 +25,9 @@ ExitCode ScanStore(StoreScan& scan, StoreOptions const& options);
 bool AnyRecord(StoreScan const& scan);
 
 // Prints segments that have several sizes, and bad records.
-void PrintFaults(Output& out, std::uint64_t conflicts, std::uint64_t bad);
+void PrintFaults(Output& out, StoreScan& scan);
 
-// The members that end each total, after a comma, and the ends of both objects.
-void PrintJsonFaults(Output& out, StoreScan& scan);
+// Prints the last line: the total with these members, and those that each total ends with.
+void PrintJsonTotal(Output& out, StoreScan& scan, std::string const& members);
 
 } // namespace crrecord::tool
