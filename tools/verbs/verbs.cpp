@@ -82,12 +82,14 @@ CLI::Option* AddTexts(CLI::App& verb, std::string const& option, std::vector<std
         ->each(take);
 }
 
-CLI::Option* AddFiles(CLI::App& verb, std::vector<std::string>& files) {
+CLI::Option* AddFiles(CLI::App& verb, std::vector<std::string>& files, std::string const& description) {
     // Without lists in brackets CLI11 gives a positional only the least number of texts that it expects.
-    return AddTexts(verb, "FILE", files, "Files of records, one after the other; - is standard input")
-        ->expected(kMany - 1, kMany)
-        ->check(NamesAFile())
-        ->type_name("");
+    return AddTexts(verb, "FILE", files, description)->expected(kMany - 1, kMany)->check(NamesAFile())->type_name("");
+}
+
+CLI::Option* AddRepeatedFile(CLI::App& verb, std::string const& option, std::vector<std::string>& files,
+                             std::string const& description) {
+    return AddTexts(verb, option, files, description)->expected(1)->check(NamesAFile());
 }
 
 CLI::Option* AddFile(CLI::App& verb, std::string const& option, std::string& file, std::string const& description) {
