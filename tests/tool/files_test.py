@@ -39,7 +39,8 @@ def lines_of(data):
 
 def conform(definition, lines):
     whole = json.loads(run("schema").stdout)
-    validator = jsonschema.Draft202012Validator({"$ref": f"#/$defs/{definition}", "$defs": whole["$defs"]})
+    form = {"$ref": f"#/$defs/{definition}", "$defs": whole["$defs"]} if definition else whole
+    validator = jsonschema.Draft202012Validator(form)
     for line in lines:
         errors = [error.message for error in validator.iter_errors(line)]
         check(not errors and not any(validator.is_valid({**line, member: {}}) for member in (*line, "more")),
@@ -112,6 +113,27 @@ def sources():
         pathlib.Path(path + ".one").write_bytes(one)
     parts = json.loads(run("diff", "--json", "--summary", "all.do.one", "more.do.one", status=1).stdout)
     check((parts["added"]["segments"], parts["removed"]["segments"]) == ("1", "1"), parts)
+    # Names instead of numbers, in the text and the JSON of each verb.
+    where = ("--names", "all.idx", "all.do")
+    begins, last = records[0][0].decode(), len(records)
+    for arguments, text in ((("digest",), f"all.do: {begins}"), (("show", "--segments", "none"), f"{begins} at byte 0:"),
+                            (("lost", "--container", 64), f"all.do: {begins} at byte 0:"),
+                            (("annotate",), f"# all.do: {begins} at byte 0:"),
+                            (("refs", "--add", "task:1", "--dry-run"), f"{begins}: would add task:1")):
+        done = run(*arguments, *where).stdout.decode()
+        check(text in done and f"ecord {last}" not in done, arguments, done[-200:])
+        if arguments[0] != "refs":
+            conform({"digest": "digestLine", "show": None, "lost": "lostLine", "annotate": "annotateLine"}[arguments[0]],
+                    lines_of(run(*arguments, *where, "--json").stdout)[:1])
+    named = run("show", "--json", "--records", 1, *where).stdout
+    check(lines_of(named)[0]["name"] == begins, named)
+    check(run("convert", "-", "--to", "network", "-o", "-", given=named).stdout
+          == pathlib.Path("all.do").read_bytes()[:records[0][1]["recsize"]], "JSON with a name")
+    check(run("validate", *where, "all.seg", status=2).stderr
+          == b"crrecord: --names: an index is for one FILE, found 2\n", "names for two files")
+    pathlib.Path("short.do").write_bytes(pathlib.Path("all.do").read_bytes()[:-1])
+    done = run("validate", "--names", "all.idx", "short.do", status=1).stdout.decode()
+    check(f"short.do: {records[-1][0].decode()} at byte {records[-1][1]['offset']}: error" in done, done)
     # One record of each file alone has the same segments.
     run("build", changed, "-o", "alone.do", *options)
     alone = lines_of(run("show", "--json", "alone.do").stdout)[0]["segments"]

@@ -22,9 +22,9 @@ void NameRecords(std::vector<NamedRecord> records) {
     named = std::move(records);
 }
 
-std::string LabelOf(std::uint64_t number, std::uint64_t offset) {
+std::string LabelOf(std::uint64_t number, std::uint64_t offset, char const* noun) {
     std::string const* const name = NameAt(offset);
-    return name ? Printable(*name) : "record " + std::to_string(number);
+    return name ? Printable(*name) : std::string(noun) + " " + std::to_string(number);
 }
 
 std::string JsonNameOf(std::uint64_t offset) {

@@ -20,8 +20,8 @@ struct NamedRecord {
 // Thread safety: call it before other threads start.
 void NameRecords(std::vector<NamedRecord> records);
 
-// Returns: the name of the record at `offset`, printable, or "record 3" without one.
-std::string LabelOf(std::uint64_t number, std::uint64_t offset);
+// Returns: the name of the record at `offset`, printable, or `noun` and the number without one: "record 3".
+std::string LabelOf(std::uint64_t number, std::uint64_t offset, char const* noun = "record");
 
 // Returns: the JSON member `name` of the record at `offset`, after a comma; empty without a name.
 std::string JsonNameOf(std::uint64_t offset);
