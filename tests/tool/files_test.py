@@ -221,6 +221,17 @@ def outputs():
     pathlib.Path("known").write_bytes(segments[:40] + b"\0" * 7 + b"\x07" + segments[48:-1])
     done = run("build", "one", "two", "-o", "x", "--names", "y", "--known", "known", "--json", status=1)
     check(json.loads(done.stdout)["new_segments"] == "2" and done.stderr.count(b"\n") == 1, done.stdout, done.stderr)
+    # One file changes while it is read: it has no record, none of its segments is stored, and the others go on.
+    with open("grow", "wb") as grow:
+        grow.truncate(1 << 30)
+    process = subprocess.Popen([COMMAND, "build", "one", "grow", "two", "-o", "x", "--names", "y", "--segments-out", "z",
+                                "--dotype", "2"], stderr=subprocess.PIPE, stdout=subprocess.PIPE)
+    while process.poll() is None:
+        os.utime("grow")
+        time.sleep(0.02)
+    check(process.returncode == 1 and process.stderr.read() == b"crrecord: grow: file changed while it was read\n"
+          and [line["name"] for line in lines_of(pathlib.Path("y").read_bytes())] == ["one", "two"]
+          and pathlib.Path("z").read_bytes() == segments, "a file that changes", process.stdout.read())
     # A run that is killed while it reads.
     os.mkfifo("pipe")
     kept = set(os.listdir())
