@@ -1,5 +1,6 @@
 // crrecord digest: one fingerprint of a whole object.
 
+#include "io/record_names.h"
 #include "record/do_record.h"
 #include "record/record_findings.h"
 #include "verbs/verbs.h"
@@ -68,7 +69,7 @@ ExitCode DigestInput(RecordStream& stream, DigestOptions const& options, Output&
             out.Write("}\n");
         } else if (valid) {
             std::string const text = !object ? "-" : options.key ? object->key.value_or("-") : object->digest;
-            out.Print("{}  {}: record {}\n", text, Printable(stream.Name()), record->number);
+            out.Print("{}  {}: {}\n", text, Printable(stream.Name()), LabelOf(record->number, record->offset));
         }
     }
     return result;

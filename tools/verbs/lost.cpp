@@ -1,5 +1,6 @@
 // crrecord lost: the records of a store that are damaged if some containers are lost.
 
+#include "io/record_names.h"
 #include "record/record_findings.h"
 #include "store/damage.h"
 #include "store/segment_shape.h"
@@ -72,11 +73,12 @@ private:
         segments_ += damage.segments;
         ++records_;
         if (json_) {
-            out_.Print(R"({},"file":{},"record":{},"offset":{},"segments":{},"bytes":{},"bloom_bytes":{},)"
+            out_.Print(R"({},"file":{},"record":{},"offset":{}{},"segments":{},"bytes":{},"bloom_bytes":{},)"
                        R"("object_bytes":{},"own":{}}})"
                        "\n",
-                       JsonStart(), name, record.number, Decimal{record.offset}, Decimal{damage.segments},
-                       Decimal{damage.bytes}, Decimal{damage.bloomBytes}, Decimal{view.GetSize()}, damage.own);
+                       JsonStart(), name, record.number, Decimal{record.offset}, JsonNameOf(record.offset),
+                       Decimal{damage.segments}, Decimal{damage.bytes}, Decimal{damage.bloomBytes},
+                       Decimal{view.GetSize()}, damage.own);
             return;
         }
         out_.Print("{}: {} of {} lost of an object of {}{}{}\n", PlaceOf(name, record),
