@@ -13,29 +13,28 @@ namespace {
 
 int GetBuffer(PyObject* self, Py_buffer* view, int flags) noexcept {
     view->obj = nullptr;
-    try {
-        return py::cast<Array&>(py::handle(self)).Export(self, view, flags);
-    } catch (std::exception const& error) {
-        PyErr_SetString(PyExc_BufferError, error.what());
+    auto* const array = InitializedIn<Array>(self);
+    if (!array) {
+        PyErr_SetString(PyExc_BufferError, "uninitialized array");
         return -1;
     }
+    return array->Export(self, view, flags);
 }
 
 // NumPy takes ten microseconds to read the format of a structure, so each format is read once.
-py::object DtypeOf(py::object const& self) {
+py::object DtypeOf(Array const& array) {
     static auto const* const dtypes = new py::dict();
-    std::string const& format = py::cast<Array const&>(self).ElementType().format;
+    py::str const format(array.ElementType().format);
     if (!dtypes->contains(format)) {
-        (*dtypes)[py::str(format)] = py::module_::import("numpy").attr("asarray")(self).attr("dtype");
+        (*dtypes)[format] = py::module_::import("numpy").attr("asarray")(array.Part(0, 1, 0)).attr("dtype");
     }
-    return (*dtypes)[py::str(format)];
+    return (*dtypes)[format];
 }
 
 // Name, width, content and whether all one bits are None.
 using FieldState = std::tuple<std::string, unsigned int, int, bool>;
 
-py::object Reduce(py::object const& self) {
-    auto const& array = py::cast<Array const&>(self);
+py::object Reduce(Array const& array) {
     std::vector<FieldState> fields;
     for (Field const& field : array.ElementType().fields) {
         fields.emplace_back(field.name, field.width, static_cast<int>(field.content), field.optional);
@@ -83,16 +82,16 @@ void BindArray(py::module_& module) {
     BindSequence(type);
     type.def("tolist", &Array::ToList, "Return all elements as a list.")
         .def(
-            "to_numpy", [](py::object const& self) { return py::cast<Array const&>(self).ToNumpy(DtypeOf(self)); },
+            "to_numpy", [](Array const& array) { return array.ToNumpy(DtypeOf(array)); },
             "Return a read-only NumPy array over the same bytes, as numpy.asarray, but faster for structures.")
         .def_property_readonly("dtype", DtypeOf, "The NumPy dtype of an element.")
         .def_property_readonly(
             "format", [](Array const& array) { return array.ElementType().format; },
             "The format of an element, as in PEP 3118.")
-        .def("__reduce__", Reduce)
-        .def("__repr__", [](Array const& array) {
-            return "<crrecord.Array of " + std::to_string(array.Count()) + " '" + array.ElementType().format + "'>";
-        });
+        .def("__reduce__", Reduce);
+    BindRepr(type, [](Array const& array) {
+        return "<crrecord.Array of " + std::to_string(array.Count()) + " '" + array.ElementType().format + "'>";
+    });
     module.def("_array", Restore, py::arg("packed"), py::arg("fields"), py::arg("is_structure"));
 }
 

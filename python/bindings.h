@@ -101,3 +101,25 @@ template <>
 class type_caster<crrecord::python::View> : public InitializedCaster<crrecord::python::View> {};
 
 } // namespace pybind11::detail
+
+namespace crrecord::python {
+
+// Returns: the object in `self`, or null if it is not initialized.
+template <class T>
+T* InitializedIn(py::handle self) {
+    py::detail::make_caster<T> caster;
+    return caster.load(self, false) ? py::detail::cast_op<T*>(caster) : nullptr;
+}
+
+// Adds __repr__, which returns text(object). It accepts uninitialized objects, since pybind11 calls it for the
+// TypeError that rejects them.
+template <class T, class... Options, class Text>
+void BindRepr(py::class_<T, Options...>& type, Text text) {
+    type.def("__repr__", [text](py::handle self) -> std::string {
+        T const* const object = InitializedIn<T>(self);
+        auto const name = py::cast<std::string>(py::type::handle_of(self).attr("__name__"));
+        return object ? text(*object) : "<uninitialized " + name + ">";
+    });
+}
+
+} // namespace crrecord::python

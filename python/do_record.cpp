@@ -228,11 +228,11 @@ void BindDORecord(py::module_& module) {
                 }
                 return py::bool_(record == py::cast<DORecord const&>(other));
             },
-            py::arg("other"))
-        .def("__repr__", [](DORecord const& record) {
-            return "<crrecord.DORecord: DO type " + std::to_string(record.GetDOType()) + ", " +
-                   std::to_string(record.GetNfp()) + " segments>";
-        });
+            py::arg("other"));
+    BindRepr(type, [](DORecord const& record) {
+        return "<crrecord.DORecord: DO type " + std::to_string(record.GetDOType()) + ", " +
+               std::to_string(record.GetNfp()) + " segments>";
+    });
     module.def("_do_record", Restore, py::arg("record"), py::arg("sub_do"), py::arg("order"));
 }
 

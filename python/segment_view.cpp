@@ -107,9 +107,9 @@ Array SegmentView::Fingerprints() const {
 }
 
 void BindSegmentView(py::module_& module) {
-    py::class_<SegmentView, std::shared_ptr<SegmentView>>(
-        module, "SegmentView", "A valid segment record in a buffer, in either byte order, read in place.")
-        .def(py::init([](py::object const& buffer) { return std::make_shared<SegmentView>(PinWhole(buffer)); }),
+    py::class_<SegmentView, std::shared_ptr<SegmentView>> type(
+        module, "SegmentView", "A valid segment record in a buffer, in either byte order, read in place.");
+    type.def(py::init([](py::object const& buffer) { return std::make_shared<SegmentView>(PinWhole(buffer)); }),
              py::arg("buffer"),
              "Validate and keep the buffer; raise Error, with the findings, unless it is one valid segment record.")
         .def_property_readonly(
@@ -148,15 +148,14 @@ void BindSegmentView(py::module_& module) {
              "Return a copy in 'host' or 'network' order, with or without task ids.")
         .def("serialize", Serialized, "Return the serialized form.")
         .def("__bytes__", [](SegmentView const& view) { return BytesOf(view.Bytes().Data(), view.Bytes().size); })
-        .def("__reduce__",
-             [](SegmentView const& view) {
-                 return py::make_tuple(py::module_::import("crrecord._crrecord").attr("_segment_view"),
-                                       py::make_tuple(BytesOf(view.Bytes().Data(), view.Bytes().size)));
-             })
-        .def("__repr__", [](SegmentView const& view) {
-            return "<crrecord.SegmentView: " + std::to_string(view.Fields().size) + " bytes, " +
-                   NameOfOrder(view.IsInNetworkOrder()) + " order>";
+        .def("__reduce__", [](SegmentView const& view) {
+            return py::make_tuple(py::module_::import("crrecord._crrecord").attr("_segment_view"),
+                                  py::make_tuple(BytesOf(view.Bytes().Data(), view.Bytes().size)));
         });
+    BindRepr(type, [](SegmentView const& view) {
+        return "<crrecord.SegmentView: " + std::to_string(view.Fields().size) + " bytes, " +
+               NameOfOrder(view.IsInNetworkOrder()) + " order>";
+    });
     module.def(
         "_segment_view", [](py::bytes const& bytes) { return std::make_shared<SegmentView>(PinWhole(bytes)); },
         py::arg("record"));

@@ -41,7 +41,7 @@ SegmentSequence SegmentSequence::Part(py::ssize_t start, py::ssize_t step, py::s
 void BindSegmentSequence(py::module_& module) {
     py::class_<SegmentSequence> type(module, "Segments", "The segments of a View, each created on access.");
     BindSequence(type);
-    type.def("__repr__",
+    BindRepr(type,
              [](SegmentSequence const& self) { return "<crrecord.Segments: " + std::to_string(self.Count()) + ">"; });
 }
 

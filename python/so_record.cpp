@@ -76,8 +76,8 @@ py::bytes Serialized(SORecord const& record) {
 } // namespace
 
 void BindSORecord(py::module_& module) {
-    py::class_<SORecord>(module, "SORecord", "The record of one stored segment, 104 bytes, without task ids.")
-        .def(py::init([](unsigned int dcid, unsigned int size, unsigned int crc, std::optional<py::bytes> const& key,
+    py::class_<SORecord> type(module, "SORecord", "The record of one stored segment, 104 bytes, without task ids.");
+    type.def(py::init([](unsigned int dcid, unsigned int size, unsigned int crc, std::optional<py::bytes> const& key,
                          unsigned short flags, unsigned char cryptoMode, unsigned char fptype) {
                  std::string const keyBytes = key ? std::string(*key) : std::string(CR_SO_KEY_SIZE, '\0');
                  auto const reason = std::string(kFlags) + "; " + kDcid + "; " + kFPType;
@@ -127,11 +127,11 @@ void BindSORecord(py::module_& module) {
                 }
                 return py::bool_(record == py::cast<SORecord const&>(other));
             },
-            py::arg("other"))
-        .def("__repr__", [](SORecord const& record) {
-            return "<crrecord.SORecord: " + std::to_string(record.GetSize()) + " bytes in container " +
-                   std::to_string(record.GetDCID()) + ">";
-        });
+            py::arg("other"));
+    BindRepr(type, [](SORecord const& record) {
+        return "<crrecord.SORecord: " + std::to_string(record.GetSize()) + " bytes in container " +
+               std::to_string(record.GetDCID()) + ">";
+    });
     module.def("_so_record", Restore, py::arg("record"), py::arg("order"));
 }
 

@@ -86,7 +86,11 @@ namespace {
 
 PyObject* NextRecord(PyObject* self) noexcept {
     try {
-        return py::cast<RecordIterator&>(py::handle(self)).Next().release().ptr();
+        auto* const iterator = InitializedIn<RecordIterator>(self);
+        if (!iterator) {
+            throw py::type_error("uninitialized iterator");
+        }
+        return iterator->Next().release().ptr();
     } catch (...) {
         SetCurrentException();
         return nullptr;

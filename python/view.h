@@ -12,7 +12,7 @@ namespace crrecord::python {
 
 // A DO record. The constructor reads the header and computes the sections once, so a later change of the bytes does not
 // lead to reads outside of them.
-class View {
+class View : public std::enable_shared_from_this<View> {
 public:
     // Raises crrecord.Error unless the bytes are a valid record.
     View(Slice bytes, bool subDO);

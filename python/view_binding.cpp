@@ -47,7 +47,7 @@ void BindHeader(Class& type) {
 
 void BindSections(Class& type) {
     type.def_property_readonly(
-            "segments", [](std::shared_ptr<View> const& view) { return SegmentSequence(view); },
+            "segments", [](View const& view) { return SegmentSequence(view.shared_from_this()); },
             "The segments, as a sequence of Segment, each created on access.")
         .def_property_readonly("entries", &View::Entries,
                                "The stored fields of the segments, without the containers: an array of structures.")
@@ -87,12 +87,12 @@ void BindView(py::module_& module) {
             [](View const& view, std::string const& order) { return Converted(view.Bytes(), view.IsSubDO(), order); },
             py::arg("order"), "Return a copy in 'host' or 'network' order.")
         .def("__bytes__", [](View const& view) { return BytesOf(view.Bytes().Data(), view.Bytes().size); })
-        .def("__reduce__", Reduce)
-        .def("__repr__", [](View const& view) {
-            return "<crrecord.View: DO type " + std::to_string(view.Fields().GetDOType()) + ", " +
-                   std::to_string(view.Segments().count) + " segments, " +
-                   NameOfOrder(view.Fields().IsInNetworkOrder()) + " order>";
-        });
+        .def("__reduce__", Reduce);
+    BindRepr(type, [](View const& view) {
+        return "<crrecord.View: DO type " + std::to_string(view.Fields().GetDOType()) + ", " +
+               std::to_string(view.Segments().count) + " segments, " + NameOfOrder(view.Fields().IsInNetworkOrder()) +
+               " order>";
+    });
     module.def(
         "_view", [](py::bytes const& bytes, bool subDO) { return std::make_shared<View>(PinWhole(bytes), subDO); },
         py::arg("record"), py::arg("sub_do"));
