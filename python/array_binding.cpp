@@ -39,8 +39,7 @@ py::object Reduce(Array const& array) {
     for (Field const& field : array.ElementType().fields) {
         fields.emplace_back(field.name, field.width, static_cast<int>(field.content), field.optional);
     }
-    return py::make_tuple(py::module_::import("crrecord._crrecord").attr("_array"),
-                          py::make_tuple(array.Packed(), fields, array.ElementType().isStructure));
+    return PickleOf("_array", array.Packed(), fields, array.ElementType().isStructure);
 }
 
 Field FieldOf(FieldState const& state, unsigned int position) {

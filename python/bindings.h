@@ -37,6 +37,12 @@ py::object MakeTuple(char const* type, Values&&... values) {
     return PythonType(type)(std::forward<Values>(values)...);
 }
 
+// Returns: what __reduce__ returns, so that unpickling calls the function of the module with these arguments.
+template <class... Values>
+py::tuple PickleOf(char const* function, Values&&... values) {
+    return py::make_tuple(PythonType("restore"), py::make_tuple(function, std::forward<Values>(values)...));
+}
+
 // Returns: repr(object), cut if it is long.
 std::string ShortRepr(py::handle object);
 

@@ -175,8 +175,7 @@ void AppendUniqueList(DORecord& record) {
 py::object Reduce(DORecord const& record) {
     py::bytes const bytes = BytesOf(record.GetHeader(), record.GetHeaderSize());
     RequireGood(PinWhole(bytes), {.expected = Expected::DataObject, .subDO = record.IsSubDO()});
-    return py::make_tuple(py::module_::import("crrecord._crrecord").attr("_do_record"),
-                          py::make_tuple(bytes, record.IsSubDO(), NameOfOrder(record.IsInNetworkOrder())));
+    return PickleOf("_do_record", bytes, record.IsSubDO(), NameOfOrder(record.IsInNetworkOrder()));
 }
 
 std::unique_ptr<DORecord> Restore(py::bytes const& bytes, bool subDO, std::string const& order) {

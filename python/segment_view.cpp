@@ -149,8 +149,7 @@ void BindSegmentView(py::module_& module) {
         .def("serialize", Serialized, "Return the serialized form.")
         .def("__bytes__", [](SegmentView const& view) { return BytesOf(view.Bytes().Data(), view.Bytes().size); })
         .def("__reduce__", [](SegmentView const& view) {
-            return py::make_tuple(py::module_::import("crrecord._crrecord").attr("_segment_view"),
-                                  py::make_tuple(BytesOf(view.Bytes().Data(), view.Bytes().size)));
+            return PickleOf("_segment_view", BytesOf(view.Bytes().Data(), view.Bytes().size));
         });
     BindRepr(type, [](SegmentView const& view) {
         return "<crrecord.SegmentView: " + std::to_string(view.Fields().size) + " bytes, " +

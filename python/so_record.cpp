@@ -48,9 +48,8 @@ std::unique_ptr<SORecord> FromBuffer(Slice const& bytes) {
 }
 
 py::object Reduce(SORecord const& record) {
-    return py::make_tuple(
-        py::module_::import("crrecord._crrecord").attr("_so_record"),
-        py::make_tuple(BytesOf(record.GetHeader(), record.GetHeaderSize()), NameOfOrder(record.IsInNetworkOrder())));
+    return PickleOf("_so_record", BytesOf(record.GetHeader(), record.GetHeaderSize()),
+                    NameOfOrder(record.IsInNetworkOrder()));
 }
 
 std::unique_ptr<SORecord> Restore(py::bytes const& bytes, std::string const& order) {

@@ -14,8 +14,7 @@ auto FieldGetter(Getter getter) {
 }
 
 py::object Reduce(View const& view) {
-    return py::make_tuple(py::module_::import("crrecord._crrecord").attr("_view"),
-                          py::make_tuple(BytesOf(view.Bytes().Data(), view.Bytes().size), view.IsSubDO()));
+    return PickleOf("_view", BytesOf(view.Bytes().Data(), view.Bytes().size), view.IsSubDO());
 }
 
 using Class = py::class_<View, std::shared_ptr<View>>;

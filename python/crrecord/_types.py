@@ -85,3 +85,10 @@ class Probe(NamedTuple):
     head_size: int  # bytes needed to determine the size
     recorded_size: int  # the stored record size; 0 below head_size bytes
     counted_size: int  # computed from the counts; 0 below head_size bytes
+
+
+def restore(function: str, *arguments: Any) -> Any:
+    """Call a function of the extension module. Pickles name this function, since pickle cannot name the other one."""
+    from . import _crrecord
+
+    return getattr(_crrecord, function)(*arguments)
