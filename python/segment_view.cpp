@@ -81,9 +81,12 @@ py::bytes Serialized(SegmentView const& view) {
     return BytesOf(form, size);
 }
 
-template <class Value>
-auto FieldGetter(Value _SegmentDBRecord::*field) {
-    return [field](SegmentView const& view) { return view.Fields().*field; };
+using Fixed = _SegmentDBRecord;
+
+// read(fields) reads one member. A pointer to a member would lose that the structure is packed.
+template <class Read>
+auto FieldGetter(Read read) {
+    return [read](SegmentView const& view) { return read(view.Fields()); };
 }
 
 } // namespace
@@ -120,11 +123,15 @@ void BindSegmentView(py::module_& module) {
         .def_property_readonly(
             "position", [](SegmentView const& view) { return view.Bytes().position; },
             "Offset of the record in the buffer.")
-        .def_property_readonly("flags", FieldGetter(&_SegmentDBRecord::flags), "0 or 2.")
-        .def_property_readonly("record_size", FieldGetter(&_SegmentDBRecord::recsize), "Bytes of the record.")
-        .def_property_readonly("check_time", FieldGetter(&_SegmentDBRecord::checktime), "Time of the last check.")
-        .def_property_readonly("path_id", FieldGetter(&_SegmentDBRecord::pathid), "The path, or the container.")
-        .def_property_readonly("file_id", FieldGetter(&_SegmentDBRecord::fileid), "The file; 0 in a container.")
+        .def_property_readonly("flags", FieldGetter([](Fixed const& fields) { return fields.flags; }), "0 or 2.")
+        .def_property_readonly("record_size", FieldGetter([](Fixed const& fields) { return fields.recsize; }),
+                               "Bytes of the record.")
+        .def_property_readonly("check_time", FieldGetter([](Fixed const& fields) { return fields.checktime; }),
+                               "Time of the last check.")
+        .def_property_readonly("path_id", FieldGetter([](Fixed const& fields) { return fields.pathid; }),
+                               "The path, or the container.")
+        .def_property_readonly("file_id", FieldGetter([](Fixed const& fields) { return fields.fileid; }),
+                               "The file; 0 in a container.")
         .def_property_readonly(
             "dcid",
             [](SegmentView const& view) -> py::object {
@@ -132,15 +139,18 @@ void BindSegmentView(py::module_& module) {
                                                                : py::object(py::none());
             },
             "The container; None for a segment in a file.")
-        .def_property_readonly("size", FieldGetter(&_SegmentDBRecord::size), "Bytes of the segment.")
-        .def_property_readonly("crc", FieldGetter(&_SegmentDBRecord::CRC), "The checksum of the creator.")
+        .def_property_readonly("size", FieldGetter([](Fixed const& fields) { return fields.size; }),
+                               "Bytes of the segment.")
+        .def_property_readonly("crc", FieldGetter([](Fixed const& fields) { return fields.CRC; }),
+                               "The checksum of the creator.")
         .def_property_readonly(
             "key", [](SegmentView const& view) { return BytesOf(view.Fields().key, CR_SO_KEY_SIZE); },
             "33 bytes of key data.")
         .def_property_readonly(
             "fptype", [](SegmentView const& view) { return FPTypeMember(view.Fields().fptype); }, "Fingerprint type.")
-        .def_property_readonly("crypto_mode", FieldGetter(&_SegmentDBRecord::cryptomode), "Not interpreted.")
-        .def_property_readonly("key_index", FieldGetter(&_SegmentDBRecord::keyindex),
+        .def_property_readonly("crypto_mode", FieldGetter([](Fixed const& fields) { return fields.cryptomode; }),
+                               "Not interpreted.")
+        .def_property_readonly("key_index", FieldGetter([](Fixed const& fields) { return fields.keyindex; }),
                                "In the byte order of the writer.")
         .def_property_readonly("task_ids", &SegmentView::TaskIds, "Ids of the tasks that refer to the segment.")
         .def_property_readonly("fingerprints", &SegmentView::Fingerprints, "The fingerprints of the segment.")
