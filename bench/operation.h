@@ -45,6 +45,11 @@ struct Operation {
 
 std::span<Operation const> Operations();
 
+// A reference is not installed on this machine: the row is skipped.
+struct Skipped : std::runtime_error {
+    using runtime_error::runtime_error;
+};
+
 // Throws if an operation failed.
 inline void Require(bool holds, char const* what) {
     if (!holds) {

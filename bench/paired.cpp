@@ -42,6 +42,7 @@ struct Plan {
 
 struct Result {
     bool good;
+    bool skipped;
     int rounds;
     double ours; // seconds
     double reference;
@@ -152,6 +153,9 @@ Result MeasureInChild(Operation const& operation, unsigned int n, bool fresh, Pl
         SetUpAllocator(fresh);
         try {
             Measure(operation, n, plan, *result);
+        } catch (Skipped const& caught) {
+            result->skipped = true;
+            std::snprintf(result->complaint, sizeof result->complaint, "%s", caught.what());
         } catch (std::exception const& caught) {
             std::snprintf(result->complaint, sizeof result->complaint, "%s", caught.what());
         }
@@ -179,6 +183,10 @@ public:
         std::printf("%-33s  %-33s %9u  %-8s ", operation.name, operation.reference, n, state);
         std::fflush(stdout);
         Result const result = MeasureInChild(operation, n, fresh, plan_);
+        if (result.skipped) {
+            std::printf("skipped: %s\n", result.complaint);
+            return;
+        }
         if (!result.good) {
             std::printf("FAILED: %s\n", result.complaint);
             ++failed_;

@@ -51,6 +51,13 @@ Comparison ParseProtobuf(Shape shape, unsigned int n);
 Comparison CommandOnOneCore(Shape shape, unsigned int n);
 Comparison CommandOnTwoCores(Shape shape, unsigned int n);
 
+// n is the number of entries in a store of records of 1,000.
+Comparison LiveInMemory(Shape shape, unsigned int n);
+Comparison LiveSpilled(Shape shape, unsigned int n);
+Comparison LiveDuckDB(Shape shape, unsigned int n);
+Comparison RecallInMemory(Shape shape, unsigned int n);
+Comparison LostContainer(Shape shape, unsigned int n);
+
 // Runs the command with these arguments. Returns: its peak memory in bytes.
 long RunCommand(std::vector<std::string> const& arguments);
 

@@ -9,7 +9,8 @@ namespace {
 constexpr Shape kShort{3, 2};    // 16-byte fingerprints
 constexpr Shape kOriginal{0, 2}; // without sizes and offsets
 
-constexpr unsigned int kFileSegments = 4096; // a file of 512 MiB
+constexpr unsigned int kFileSegments = 4096;  // a file of 512 MiB
+constexpr unsigned int kEntries = 10'000'000; // in a store, 520 MB
 
 constexpr double kAny = kNoTarget, kNone = kNotMeasured;
 
@@ -52,6 +53,11 @@ constexpr Operation kOperations[] = {
     {"GetHeader with references", "std::set walk, write", HeaderWithReferences, 2, 2, kNone},
     {"crrecord build, one core", "one hash call", CommandOnOneCore, kNone, 1.05, kNone, kMainShape, kFileSegments},
     {"crrecord build, two cores", "one hash call", CommandOnTwoCores, kNone, 0.65, kNone, kMainShape, kFileSegments},
+    {"crrecord live, in memory", "strided read pass, one core", LiveInMemory, kNone, 10, kNone, kMainShape, kEntries},
+    {"crrecord live, 64 MiB", "strided read pass, one core", LiveSpilled, kNone, 25, kNone, kMainShape, kEntries},
+    {"crrecord live, in memory", "DuckDB, entries in a table", LiveDuckDB, kNone, 1, kNone, kMainShape, kEntries},
+    {"crrecord recall", "crrecord validate", RecallInMemory, kNone, 2, kNone, kMainShape, kEntries},
+    {"crrecord lost", "crrecord validate", LostContainer, kNone, 2, kNone, kMainShape, kEntries},
 
     {"Serialize with checksum, 16 B", kFill, Serialize, kAny, kAny, kAny, kShort},
     {"validate and parse a form, 16 B", kCopy, Parse, kAny, kAny, kAny, kShort},

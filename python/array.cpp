@@ -5,6 +5,7 @@
 #include "base/byteorder.h"
 
 #include <bit>
+#include <cstring>
 
 namespace crrecord::python {
 
@@ -22,8 +23,8 @@ std::string FormatOf(Field const& field) {
     return std::string(bigEndian ? ">" : "<") + (field.width == 4 ? "I" : "Q");
 }
 
-std::string FormatOf(std::vector<Field> const& fields) {
-    if (fields.size() == 1) {
+std::string FormatOf(std::vector<Field> const& fields, bool isStructure) {
+    if (!isStructure) {
         return fields[0].content == Content::Bytes ? "B" : FormatOf(fields[0]);
     }
     std::string format = "T{";
@@ -33,72 +34,63 @@ std::string FormatOf(std::vector<Field> const& fields) {
     return format + "}";
 }
 
-int GetBuffer(PyObject* self, Py_buffer* view, int flags) noexcept {
-    view->obj = nullptr;
-    try {
-        return py::cast<Array&>(py::handle(self)).Export(self, view, flags);
-    } catch (std::exception const& error) {
-        PyErr_SetString(PyExc_BufferError, error.what());
-        return -1;
+template <class Number>
+py::object NumberAt(unsigned char const* at, Field const& field) {
+    auto const number = Load<Number>(at, field.content == Content::NetworkNumber ? Order::Network : Order::Host);
+    if (field.optional && number == static_cast<Number>(-1)) {
+        return py::none();
     }
+    return py::int_(number);
+}
+
+std::shared_ptr<Element const> ElementOf(Field value) {
+    value.position = 0;
+    return std::make_shared<Element const>(std::vector<Field>{std::move(value)}, false);
 }
 
 } // namespace
 
-Array::Array(SharedBuffer owner, unsigned char const* first, unsigned long count, unsigned int stride,
-             std::vector<Field> fields)
-    : owner_(std::move(owner)), first_(first), fields_(std::move(fields)), format_(FormatOf(fields_)), width_(0),
-      dimensions_(1) {
-    for (Field const& field : fields_) {
-        width_ += field.width;
-    }
-    shape_[0] = static_cast<py::ssize_t>(count);
-    shape_[1] = width_;
-    strides_[0] = stride;
-    strides_[1] = 1;
-    if (fields_.size() == 1 && fields_[0].content == Content::Bytes) {
-        dimensions_ = 2;
+Element::Element(std::vector<Field> of, bool structure)
+    : fields(std::move(of)), isStructure(structure), width(0), format(FormatOf(fields, structure)) {
+    for (Field const& field : fields) {
+        width += field.width;
     }
 }
+
+Array::Array(std::shared_ptr<void const> owner, unsigned char const* first, unsigned long count, unsigned int stride,
+             std::shared_ptr<Element const> element)
+    : owner_(std::move(owner)), first_(first),
+      element_(std::move(element)), shape_{static_cast<py::ssize_t>(count), element_->width}, strides_{stride, 1} {}
+
+Array::Array(std::shared_ptr<void const> owner, unsigned char const* first, unsigned long count, unsigned int stride,
+             Field const& value)
+    : Array(std::move(owner), first + value.position, count, stride, ElementOf(value)) {}
 
 py::object Array::readField(unsigned char const* element, Field const& field) const {
     unsigned char const* const at = element + field.position;
     if (field.content == Content::Bytes) {
         return BytesOf(at, field.width);
     }
-    Order const order = field.content == Content::NetworkNumber ? Order::Network : Order::Host;
     switch (field.width) {
     case 1: return py::int_(*at);
-    case 4: return py::int_(Load<std::uint32_t>(at, order));
-    default: return py::int_(Load<std::uint64_t>(at, order));
+    case 4: return NumberAt<std::uint32_t>(at, field);
+    default: return NumberAt<std::uint64_t>(at, field);
     }
 }
 
 py::object Array::Read(py::ssize_t i) const {
-    unsigned char const* const element = first_ + i * strides_[0];
-    if (fields_.size() == 1) {
-        return readField(element, fields_[0]);
+    unsigned char const* const at = first_ + i * strides_[0];
+    if (!element_->isStructure) {
+        return readField(at, element_->fields[0]);
     }
-    py::tuple values(fields_.size());
-    for (std::size_t f = 0; f < fields_.size(); ++f) {
-        values[f] = readField(element, fields_[f]);
+    py::tuple values(element_->fields.size());
+    for (std::size_t f = 0; f < element_->fields.size(); ++f) {
+        PyTuple_SET_ITEM(values.ptr(), static_cast<py::ssize_t>(f), readField(at, element_->fields[f]).release().ptr());
     }
     return values;
 }
 
-py::object Array::Item(py::ssize_t i) const {
-    py::ssize_t const index = i < 0 ? i + Count() : i;
-    if (index < 0 || index >= Count()) {
-        throw py::index_error("index out of range");
-    }
-    return Read(index);
-}
-
-Array Array::Part(py::slice const& slice) const {
-    py::ssize_t start = 0, stop = 0, step = 0, count = 0;
-    if (!slice.compute(Count(), &start, &stop, &step, &count)) {
-        throw py::error_already_set();
-    }
+Array Array::Part(py::ssize_t start, py::ssize_t step, py::ssize_t count) const {
     Array part = *this;
     part.first_ = count == 0 ? first_ : first_ + start * strides_[0];
     part.shape_[0] = count;
@@ -109,9 +101,22 @@ Array Array::Part(py::slice const& slice) const {
 py::list Array::ToList() const {
     py::list values(static_cast<std::size_t>(Count()));
     for (py::ssize_t i = 0; i < Count(); ++i) {
-        values[static_cast<std::size_t>(i)] = Read(i);
+        PyList_SET_ITEM(values.ptr(), i, Read(i).release().ptr());
+        CheckSignals(i);
     }
     return values;
+}
+
+py::bytes Array::Packed() const {
+    std::string packed;
+    packed.reserve(static_cast<std::size_t>(Count() * element_->width));
+    for (py::ssize_t i = 0; i < Count(); ++i) {
+        for (Field const& field : element_->fields) {
+            unsigned char const* const at = first_ + i * strides_[0] + field.position;
+            packed.append(reinterpret_cast<char const*>(at), field.width);
+        }
+    }
+    return packed;
 }
 
 int Array::Export(PyObject* self, Py_buffer* view, int flags) {
@@ -122,19 +127,19 @@ int Array::Export(PyObject* self, Py_buffer* view, int flags) {
         refusal = "the bytes of a record are read-only";
     } else if (wantsContiguous && !isContiguous()) {
         refusal = "the elements are not contiguous";
-    } else if (wants(PyBUF_F_CONTIGUOUS) && (dimensions_ == 2 || !isContiguous())) {
+    } else if (wants(PyBUF_F_CONTIGUOUS) && (dimensions() == 2 || !isContiguous())) {
         refusal = "the bytes are not in column-major order";
     }
     if (refusal) {
         PyErr_SetString(PyExc_BufferError, refusal);
         return -1;
     }
-    view->buf = const_cast<unsigned char*>(first_ + (fields_.size() == 1 ? fields_[0].position : 0));
-    view->len = shape_[0] * width_;
-    view->itemsize = dimensions_ == 2 ? 1 : width_;
+    view->buf = const_cast<unsigned char*>(first_);
+    view->len = shape_[0] * element_->width;
+    view->itemsize = dimensions() == 2 ? 1 : element_->width;
     view->readonly = 1;
-    view->ndim = dimensions_;
-    view->format = wants(PyBUF_FORMAT) ? format_.data() : nullptr;
+    view->ndim = dimensions();
+    view->format = wants(PyBUF_FORMAT) ? const_cast<char*>(element_->format.c_str()) : nullptr;
     view->shape = wants(PyBUF_ND) ? shape_ : nullptr;
     view->strides = wants(PyBUF_STRIDES) ? strides_ : nullptr;
     view->suboffsets = nullptr;
@@ -143,29 +148,19 @@ int Array::Export(PyObject* self, Py_buffer* view, int flags) {
     return 0;
 }
 
-void BindArray(py::module_& module) {
-    py::class_<Array>(module, "Array", py::custom_type_setup([](PyHeapTypeObject* type) {
-                          type->as_buffer.bf_getbuffer = GetBuffer;
-                          type->ht_type.tp_as_buffer = &type->as_buffer;
-                      }),
-                      "A sequence of numbers or fingerprints over the bytes of a record.\n\n"
-                      "It exports the buffer protocol, so numpy.asarray(array) copies nothing.")
-        .def("__len__", &Array::Count)
-        .def("__iter__",
-             [](py::object const& self) {
-                 PyObject* const iterator = PySeqIter_New(self.ptr());
-                 if (!iterator) {
-                     throw py::error_already_set();
-                 }
-                 return py::reinterpret_steal<py::iterator>(iterator);
-             })
-        .def("__getitem__", &Array::Item)
-        .def("__getitem__", &Array::Part)
-        .def("tolist", &Array::ToList, "Return all elements as a list.")
-        .def_property_readonly("format", &Array::Format, "The format of an element, as in PEP 3118.")
-        .def("__repr__", [](Array const& array) {
-            return "<crrecord.Array of " + std::to_string(array.Count()) + " '" + array.Format() + "'>";
-        });
+// The constructor of ndarray needs contiguous bytes, so it gets those from the lowest element to the highest one.
+py::object Array::ToNumpy(py::object const& dtype) const {
+    static auto const* const ndarray = new py::object(py::module_::import("numpy").attr("ndarray"));
+    py::ssize_t const toLast = Count() == 0 ? 0 : (Count() - 1) * strides_[0];
+    py::ssize_t const before = toLast < 0 ? -toLast : 0;
+    py::ssize_t const span = Count() == 0 ? 0 : std::abs(toLast) + element_->width;
+    Array const bytes(owner_, first_ - before, static_cast<unsigned long>(span), 1,
+                      Field{"bytes", 0, 1, Content::HostNumber});
+    if (dimensions() == 2) {
+        return (*ndarray)(py::make_tuple(shape_[0], shape_[1]), dtype, bytes, before,
+                          py::make_tuple(strides_[0], strides_[1]));
+    }
+    return (*ndarray)(py::make_tuple(shape_[0]), dtype, bytes, before, py::make_tuple(strides_[0]));
 }
 
 } // namespace crrecord::python

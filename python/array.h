@@ -4,6 +4,7 @@
 
 #include "buffer.h"
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -17,40 +18,57 @@ inline Content NumberIn(bool networkOrder) noexcept {
 
 // A field of an element. Numbers are 1, 4 or 8 bytes wide and not aligned.
 struct Field {
-    char const* name;
+    std::string name;
     unsigned int position;
     unsigned int width;
     Content content;
+    bool optional = false; // a number of one bits is None
 };
 
-// A sequence of `count` elements, `stride` bytes apart. Exports the buffer protocol with one dimension, or with two for
-// elements of bytes, for which memoryviews and NumPy have no suitable scalar.
+// What an element is: one value, or a structure of fields, of which Python code sees a tuple.
+struct Element {
+    Element(std::vector<Field> fields, bool isStructure);
+
+    // Elements of bytes have two dimensions, since memoryviews and NumPy have no suitable scalar.
+    bool IsBytes() const noexcept { return !isStructure && fields[0].content == Content::Bytes; }
+
+    std::vector<Field> fields;
+    bool isStructure;
+    py::ssize_t width; // bytes of the fields
+    std::string format;
+};
+
+// A sequence of `count` elements, `stride` bytes apart. Exports the buffer protocol.
 class Array {
 public:
-    Array(SharedBuffer owner, unsigned char const* first, unsigned long count, unsigned int stride,
-          std::vector<Field> fields);
+    // `owner` keeps the bytes.
+    Array(std::shared_ptr<void const> owner, unsigned char const* first, unsigned long count, unsigned int stride,
+          std::shared_ptr<Element const> element);
+    // An array of values.
+    Array(std::shared_ptr<void const> owner, unsigned char const* first, unsigned long count, unsigned int stride,
+          Field const& value);
 
     py::ssize_t Count() const noexcept { return shape_[0]; }
-    // Returns: the number or bytes of an element, or a tuple if it has several fields.
+    Element const& ElementType() const noexcept { return *element_; }
     py::object Read(py::ssize_t i) const;
-    py::object Item(py::ssize_t i) const; // a negative index counts from the end; raises IndexError
-    Array Part(py::slice const& slice) const;
+    Array Part(py::ssize_t start, py::ssize_t step, py::ssize_t count) const;
     py::list ToList() const;
-    std::string const& Format() const noexcept { return format_; }
+    // Returns: the elements without gaps.
+    py::bytes Packed() const;
 
     // The buffer protocol.
     int Export(PyObject* self, Py_buffer* view, int flags);
+    // Returns: an array of NumPy over the same bytes, faster than NumPy reads a format.
+    py::object ToNumpy(py::object const& dtype) const;
 
 private:
     py::object readField(unsigned char const* element, Field const& field) const;
-    bool isContiguous() const noexcept { return shape_[0] <= 1 || strides_[0] == width_; }
+    int dimensions() const noexcept { return element_->IsBytes() ? 2 : 1; }
+    bool isContiguous() const noexcept { return shape_[0] <= 1 || strides_[0] == element_->width; }
 
-    SharedBuffer owner_;
+    std::shared_ptr<void const> owner_;
     unsigned char const* first_;
-    std::vector<Field> fields_;
-    std::string format_;
-    py::ssize_t width_; // bytes of the fields of an element
-    int dimensions_;
+    std::shared_ptr<Element const> element_;
     py::ssize_t shape_[2];
     py::ssize_t strides_[2];
 };

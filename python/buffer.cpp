@@ -33,7 +33,7 @@ bool CannotChange(py::handle object) {
 } // namespace
 
 PinnedBuffer::PinnedBuffer(py::handle object) : immutable_(CannotChange(object)) {
-    if (PyObject_GetBuffer(object.ptr(), &buffer_, PyBUF_SIMPLE) != 0) {
+    if (PyObject_GetBuffer(object.ptr(), &buffer_, PyBUF_ND | PyBUF_FORMAT) != 0) {
         throw py::error_already_set();
     }
 }

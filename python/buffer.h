@@ -22,6 +22,8 @@ public:
     // Never null.
     unsigned char const* Data() const noexcept;
     unsigned long Size() const noexcept { return static_cast<unsigned long>(buffer_.len); }
+    // The format of the elements, as in PEP 3118.
+    char const* Format() const noexcept { return buffer_.format ? buffer_.format : "B"; }
     // True if no Python code can change the bytes.
     bool IsImmutable() const noexcept { return immutable_; }
 

@@ -2,9 +2,12 @@
 
 #include "construction.h"
 
+#include "array.h"
+#include "format.h"
 #include "support/layout/record_layout.h"
 
 #include <algorithm>
+#include <bit>
 #include <vector>
 
 namespace crrecord::python {
@@ -23,12 +26,43 @@ void RequireTypes(NewFields const& fields) {
     }
 }
 
+template <class Number>
+Number NumberFrom(py::object const& object) {
+    try {
+        return py::cast<Number>(object);
+    } catch (py::cast_error const&) {
+        throw py::value_error("a size, offset or container does not fit: " + ShortRepr(object));
+    }
+}
+
+// Returns: a complete list of the (container, bytes) pairs.
+py::bytes PackList(py::iterable const& pairs) {
+    std::vector<unsigned char> list(kUniqueHeadSize);
+    std::uint32_t count = 0;
+    for (py::handle const pair : pairs) {
+        if (!py::isinstance<py::tuple>(pair) || py::len(pair) != 2) {
+            throw py::value_error("unique_list is a complete list or pairs of container and bytes");
+        }
+        auto const parts = py::reinterpret_borrow<py::tuple>(pair);
+        list.resize(list.size() + kUniqueEntrySize);
+        Store(&list[list.size() - kUniqueEntrySize], NumberFrom<std::uint64_t>(parts[0]));
+        Store(&list[list.size() - kUniqueEntrySize + 8], NumberFrom<std::uint64_t>(parts[1]));
+        CheckSignals(++count);
+    }
+    Store(&list[kUniqueCountOffset], count);
+    py::object const checksum = py::module_::import("zlib").attr("adler32")(
+        BytesOf(&list[kUniqueCountOffset], list.size() - kUniqueCountOffset));
+    Store(list.data(), py::cast<std::uint32_t>(checksum));
+    return BytesOf(list.data(), list.size());
+}
+
 // The library takes the length of the list from its count, so the count must match the buffer.
 std::optional<Slice> PinList(py::object const& list) {
     if (list.is_none()) {
         return std::nullopt;
     }
-    Slice bytes = PinWhole(list);
+    bool const isComplete = PyObject_CheckBuffer(list.ptr()) && !py::isinstance<Array>(list);
+    Slice bytes = PinWhole(isComplete ? list : PackList(py::iterable(list)));
     if (bytes.size < kUniqueHeadSize ||
         bytes.size != kUniqueHeadSize +
                           std::uint64_t{kUniqueEntrySize} * Load<std::uint32_t>(bytes.Data() + kUniqueCountOffset)) {
@@ -39,15 +73,6 @@ std::optional<Slice> PinList(py::object const& list) {
 
 char const* ListIn(std::optional<Slice> const& list) {
     return list ? reinterpret_cast<char const*>(list->Data()) : nullptr;
-}
-
-template <class Number>
-Number NumberFrom(py::object const& object) {
-    try {
-        return py::cast<Number>(object);
-    } catch (py::cast_error const&) {
-        throw py::value_error("a size, offset or container does not fit: " + py::cast<std::string>(py::repr(object)));
-    }
 }
 
 // Packs segments into the entries and containers of a record in host order.
@@ -137,17 +162,66 @@ std::unique_ptr<DORecord> Build(unsigned char const* entries, std::vector<unsign
 std::unique_ptr<DORecord> FromSegments(py::iterable const& segments, NewFields const& fields) {
     RequireTypes(fields);
     Packer packer(fields);
+    py::ssize_t i = 0;
     for (py::handle const segment : segments) {
         packer.Add(segment);
+        CheckSignals(i++);
     }
     return Build(packer.Entries().data(), packer.Dcids(), fields.size.value_or(packer.End()), fields);
 }
+
+namespace {
+
+FormatField UnsignedAt(unsigned long position, unsigned long width, std::string const& name) {
+    return {false, position, width, true, std::endian::native == std::endian::big, name};
+}
+
+// The fields of an entry, as a buffer with structures has them.
+std::vector<FormatField> EntryFields(RecordLayout const& layout) {
+    std::vector<FormatField> fields{{true, 0, layout.fingerprint, false, false, "fingerprint"}};
+    if (layout.sizeWidth != 0) {
+        fields.push_back(UnsignedAt(layout.fingerprint, layout.sizeWidth, "size"));
+    }
+    if (layout.offsetWidth != 0) {
+        fields.push_back(UnsignedAt(layout.offset, layout.offsetWidth, "offset"));
+    }
+    return fields;
+}
+
+bool IsNameOf(std::vector<FormatField> const& fields, std::string const& name) {
+    return std::any_of(fields.begin(), fields.end(), [&](FormatField const& field) { return field.name == name; });
+}
+
+// Names of the caller's own are accepted; those of other fields are not.
+bool AreSame(std::vector<FormatField> found, std::vector<FormatField> const& expected) {
+    for (std::size_t i = 0; i < std::min(found.size(), expected.size()); ++i) {
+        if (!IsNameOf(expected, found[i].name)) {
+            found[i].name = expected[i].name;
+        }
+    }
+    return found == expected;
+}
+
+// Raises ValueError for a format that is neither that of bytes nor the expected one.
+void RequireFormat(Slice const& buffer, std::vector<FormatField> const& expected, std::string const& text) {
+    auto const found = ParseFormat(buffer.owner->Format());
+    bool const isBytes = found && found->size() == 1 && found->front().isBytes;
+    if (!found || (!isBytes && !AreSame(*found, expected))) {
+        throw py::value_error("the format of " + text + ", or bytes, not '" +
+                              std::string(buffer.owner->Format()).substr(0, 100) + "'");
+    }
+}
+
+} // namespace
 
 std::unique_ptr<DORecord> FromEntries(py::object const& entries, py::object const& dcids, NewFields fields) {
     RequireTypes(fields);
     Slice const packed = PinWhole(entries);
     Slice const containers = PinWhole(dcids);
     RecordLayout const layout(RecordCounts{.fptype = fields.fptype, .dotype = fields.dotype});
+    RequireFormat(packed, EntryFields(layout),
+                  "entries is that of View.entries in host order for this DO type and fingerprint type");
+    RequireFormat(containers, {UnsignedAt(0, kDcidSize, "dcid")}, "dcids is unsigned 64-bit integers in host order");
     unsigned long const count = containers.size / kDcidSize;
     if (containers.size % kDcidSize != 0 || packed.size % layout.stride != 0 || packed.size / layout.stride != count) {
         throw py::value_error("entries of " + std::to_string(layout.stride) +

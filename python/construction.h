@@ -20,14 +20,15 @@ struct NewFields {
     unsigned int mtime; // 0 for now
     unsigned char fptype;
     unsigned char dotype;
-    py::object uniqueList; // a complete list in host order, or None
+    py::object uniqueList; // a complete list in host order, pairs of container and bytes, or None
 };
 
 // From an iterable of (fingerprint, size, offset, dcid). These functions raise crrecord.Error if the segments do not
 // match the object, and ValueError for arguments of a wrong form.
 std::unique_ptr<DORecord> FromSegments(py::iterable const& segments, NewFields const& fields);
 
-// From packed entries and 64-bit containers, both as in a record in host order.
+// From packed entries and 64-bit containers, both as in a record in host order. Raises ValueError for a buffer whose
+// format says that its elements are something else.
 std::unique_ptr<DORecord> FromEntries(py::object const& entries, py::object const& dcids, NewFields fields);
 
 std::unique_ptr<DORecord> FromBloom(py::object const& bitmap, NewFields const& fields);

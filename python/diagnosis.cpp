@@ -55,19 +55,24 @@ py::list DiagnoseObject(py::object const& buffer, bool subDO, bool references, s
         Diagnose(PinWhole(buffer), {.subDO = subDO, .allowReferences = references, .limit = limit}).findings);
 }
 
-py::list DiagnoseForm(py::object const& buffer, unsigned int dotype, unsigned char fptype, bool checksum, bool subDO,
-                      std::size_t limit) {
-    Slice const bytes = PinWhole(buffer);
-    Collection collection{{}, limit};
-    cr_status_t const status = WithoutGil(bytes, [&] {
-        return DORecordSerializedDiagnose(bytes.Data(), bytes.size, dotype, fptype,
-                                          (checksum ? CR_DO_FORM_CHECKSUM : 0) | (subDO ? CR_DO_SUB_DO : 0), Collect,
+Diagnosis DiagnoseForm(Slice const& form, FormOptions const& options) {
+    Collection collection{{}, options.limit};
+    unsigned int const bits = (options.checksum ? CR_DO_FORM_CHECKSUM : 0) | (options.subDO ? CR_DO_SUB_DO : 0);
+    cr_status_t const status = WithoutGil(form, [&] {
+        return DORecordSerializedDiagnose(form.Data(), form.size, options.dotype, options.fptype, bits, Collect,
                                           &collection);
     });
-    if (status == CR_STATUS_INVALID) {
-        Raise(status, "unknown DO type or fingerprint type");
+    return {status, std::move(collection.findings)};
+}
+
+py::list DiagnoseFormObject(py::object const& buffer, unsigned int dotype, unsigned char fptype, bool checksum,
+                            bool subDO, std::size_t limit) {
+    Diagnosis const diagnosis = DiagnoseForm(
+        PinWhole(buffer), {.dotype = dotype, .fptype = fptype, .checksum = checksum, .subDO = subDO, .limit = limit});
+    if (diagnosis.status == CR_STATUS_INVALID) {
+        Raise(diagnosis.status, "unknown DO type or fingerprint type");
     }
-    return FindingsOf(collection.findings);
+    return FindingsOf(diagnosis.findings);
 }
 
 py::object Probe(py::object const& buffer) {
@@ -95,14 +100,21 @@ void RequireGood(Slice const& bytes, DiagnosisOptions const& options) {
     }
 }
 
+void RaiseForForm(Cr_ErrnoException const& error, Slice const& form, FormOptions const& options) {
+    Diagnosis const diagnosis = DiagnoseForm(form, options);
+    char const* const reason = *error.what() ? error.what() : ReasonOf(diagnosis);
+    Raise(error.GetStatus(), reason, diagnosis.findings);
+}
+
 void BindDiagnosis(py::module_& module) {
     constexpr std::size_t kManyFindings = 10'000;
     module.def("diagnose", DiagnoseObject, py::arg("buffer"), py::kw_only(), py::arg("sub_do") = false,
                py::arg("references") = true, py::arg("limit") = kManyFindings,
                "Return the findings of a record of either kind, in either order, errors first.\n\n"
                "sub_do: allow segments up to 4 GiB. references=False: allow no references. limit: the most findings.");
-    module.def("diagnose_form", DiagnoseForm, py::arg("buffer"), py::kw_only(), py::arg("dotype"), py::arg("fptype"),
-               py::arg("checksum") = false, py::arg("sub_do") = false, py::arg("limit") = kManyFindings,
+    module.def("diagnose_form", DiagnoseFormObject, py::arg("buffer"), py::kw_only(), py::arg("dotype"),
+               py::arg("fptype"), py::arg("checksum") = false, py::arg("sub_do") = false,
+               py::arg("limit") = kManyFindings,
                "Return the findings of an exchange form of a DO record.\n\n"
                "checksum: its head has the checksum of its body.");
     module.def(

@@ -29,4 +29,15 @@ Diagnosis Diagnose(Slice const& bytes, DiagnosisOptions const& options);
 // Raises crrecord.Error with the findings unless the bytes are one valid record.
 void RequireGood(Slice const& bytes, DiagnosisOptions const& options);
 
+struct FormOptions {
+    unsigned int dotype;
+    unsigned char fptype;
+    bool checksum = false;
+    bool subDO = false;
+    std::size_t limit = 100;
+};
+
+// Raises crrecord.Error for an exchange form that the library refused, with the findings.
+[[noreturn]] void RaiseForForm(Cr_ErrnoException const& error, Slice const& form, FormOptions const& options);
+
 } // namespace crrecord::python

@@ -1,7 +1,10 @@
 // DORecord: the class over one DO record. All calls hold the GIL, so only one thread at a time uses a record.
 
+#include "base/byteorder.h"
 #include "construction.h"
 #include "diagnosis.h"
+#include "do_fields.h"
+#include "enums.h"
 #include "references.h"
 #include "view.h"
 
@@ -18,31 +21,6 @@ namespace {
 using Class = py::class_<DORecord>;
 
 // --- Forms ----------------------------------------------------------------------------------------------------------
-
-py::bytes Serialized(DORecord const& record, bool checksum) {
-    void* form = nullptr;
-    unsigned long size = 0;
-    Require(record.Serialize(&form, &size, checksum));
-    struct Owner {
-        void* form;
-        ~Owner() { DORecord::SerializedDORecordFree(&form); }
-    } const owner{form};
-    return BytesOf(form, size);
-}
-
-py::object DigestOf(DORecord const& record) {
-    struct Owner {
-        crt_digest_t* digest;
-        ~Owner() { CRTDigestDelete(&digest); }
-    } const owner{record.GetDigest()};
-    if (!owner.digest) {
-        return py::none();
-    }
-    crt_digest_t const& digest = *owner.digest;
-    unsigned int const fptype = record.GetFPType();
-    return MakeTuple("Digest", BytesOf(digest.digest.bytes, CRFPDigestSize(fptype)),
-                     digest.kind == 0 ? py::object(py::none()) : py::object(py::int_(digest.kind - 1)), digest.dcid);
-}
 
 std::string Text(DORecord const& record) {
     std::ostringstream stream;
@@ -70,10 +48,12 @@ void BindForms(Class& type) {
                 }
             },
             "Convert the record to host order.")
-        .def("serialize", Serialized, py::kw_only(), py::arg("checksum") = false,
+        .def("serialize", SerializedForm, py::kw_only(), py::arg("checksum") = false,
              "Return the exchange form; the record must be in host order.\n\n"
              "checksum: its head has the checksum of its body instead of the CRC of the record.")
-        .def("digest", DigestOf, "Return one fingerprint for the object as a Digest, or None.")
+        .def(
+            "digest", [](DORecord const& record) { return DigestOf(record, true); },
+            "Return one fingerprint for the object as a Digest, or None.")
         .def("text", Text, "Return the record as one line; the record must be in host order.")
         .def("__bytes__", [](DORecord const& record) {
             DORecordHeader const* const header = record.GetHeader();
@@ -82,6 +62,17 @@ void BindForms(Class& type) {
 }
 
 // --- Construction ---------------------------------------------------------------------------------------------------
+
+std::unique_ptr<DORecord> FromForm(py::object const& form, unsigned int dotype, unsigned char fptype, bool subDO) {
+    Slice const bytes = PinWhole(form);
+    try {
+        return WithoutGil(bytes, [&] {
+            return std::make_unique<DORecord>(dotype, fptype, nullptr, 0, bytes.Data(), bytes.size, subDO);
+        });
+    } catch (Cr_ErrnoException const& error) {
+        RaiseForForm(error, bytes, {.dotype = dotype, .fptype = fptype, .subDO = subDO});
+    }
+}
 
 void BindConstruction(Class& type) {
     type.def(py::init([](py::iterable const& segments, unsigned long cid, std::optional<unsigned long> size,
@@ -119,27 +110,12 @@ void BindConstruction(Class& type) {
             py::arg("unique_list") = py::none(),
             "Build a record of DO type 4, with a bloom bitmap instead of segments.")
         .def_static(
-            "from_buffer",
-            [](py::object const& buffer, bool subDO) {
-                Slice const bytes = PinWhole(buffer);
-                try {
-                    return WithoutGil(bytes, [&] {
-                        return DORecord::FromBuffer(bytes.Data(), bytes.size, subDO ? CR_DO_SUB_DO : 0);
-                    });
-                } catch (Cr_ErrnoException const& error) {
-                    Raise(error.GetStatus(), error.what(),
-                          Diagnose(bytes, {.expected = Expected::DataObject, .subDO = subDO}).findings);
-                }
-            },
+            "from_buffer", [](py::object const& buffer, bool subDO) { return RecordFrom(PinWhole(buffer), subDO); },
             py::arg("buffer"), py::kw_only(), py::arg("sub_do") = false,
             "Copy one stored record in either order; the copy is in host order.")
         .def_static(
-            "from_form",
-            [](py::object const& form, unsigned int dotype, unsigned char fptype, bool subDO) {
-                Slice const bytes = PinWhole(form);
-                return std::make_unique<DORecord>(dotype, fptype, nullptr, 0, bytes.Data(), bytes.size, subDO);
-            },
-            py::arg("form"), py::kw_only(), py::arg("dotype"), py::arg("fptype"), py::arg("sub_do") = false,
+            "from_form", FromForm, py::arg("form"), py::kw_only(), py::arg("dotype"), py::arg("fptype"),
+            py::arg("sub_do") = false,
             "Build a record from an exchange form. For a bloom record, call append_unique_list to convert its list.");
 }
 
@@ -162,9 +138,11 @@ py::list Segments(DORecord const& record) {
     for (DOSegment& segment : copies) {
         segment.fingerprint.data = fingerprints.emplace_back(segment.fingerprint.Copy()).bytes;
     }
+    DOSegmentSource const source = range.GetSource(); // its layout, not its bytes
     py::list segments;
     for (DOSegment const& segment : copies) {
-        segments.append(SegmentOf(segment, range.GetSource()));
+        segments.append(SegmentOf(segment, source));
+        CheckSignals(static_cast<py::ssize_t>(segments.size()));
     }
     return segments;
 }
@@ -179,14 +157,34 @@ py::list UniqueList(DORecord const& record) {
     return list;
 }
 
-py::dict ContainerSizes(DORecord const& record) {
-    cr_dcid_size_map_t sizes;
-    Require(record.GetUDCIDSizeList(sizes));
-    py::dict dict;
-    for (auto const& [dcid, bytes] : sizes) {
-        dict[py::int_(dcid)] = bytes;
+// The conversion of a received bloom record byte-swaps length word and list, so a second one would undo the first.
+void AppendUniqueList(DORecord& record) {
+    if (record.IsInNetworkOrder()) { // the list's count could not be read back
+        Raise(CR_STATUS_INVALID, "append_unique_list needs a record in host order");
     }
-    return dict;
+    if (record.GetBloom()) {
+        auto const length = Load<std::uint32_t>(record.GetBloomStart());
+        if (length == record.GetBSize() && length != ByteSwapped(length)) {
+            Raise(CR_STATUS_INVALID, "the list of the bloom record is in host order");
+        }
+    }
+    Require(record.AppendBloomAndUniqueDCIDList());
+}
+
+// Validates, so that the bytes make a record when they are read back.
+py::object Reduce(DORecord const& record) {
+    py::bytes const bytes = BytesOf(record.GetHeader(), record.GetHeaderSize());
+    RequireGood(PinWhole(bytes), {.expected = Expected::DataObject, .subDO = record.IsSubDO()});
+    return PickleOf("_do_record", bytes, record.IsSubDO(), NameOfOrder(record.IsInNetworkOrder()));
+}
+
+std::unique_ptr<DORecord> Restore(py::bytes const& bytes, bool subDO, std::string const& order) {
+    bool const network = IsNetworkOrder(order);
+    std::unique_ptr<DORecord> record = RecordFrom(PinWhole(bytes), subDO);
+    if (network) {
+        record->HostToNetwork(0);
+    }
+    return record;
 }
 
 void BindFields(Class& type) {
@@ -200,21 +198,15 @@ void BindFields(Class& type) {
         .def_property_readonly("crc", &DORecord::GetCrc, "The checksum of the creator.")
         .def_property_readonly("ctime", &DORecord::GetCTime, "Time of creation.")
         .def_property_readonly("mtime", &DORecord::GetMTime, "Time of the last change.")
-        .def_property_readonly("fptype", &DORecord::GetFPType, "Fingerprint type, 0 to 3.")
-        .def_property_readonly("dotype", &DORecord::GetDOType, "DO type, 0 to 5.")
+        .def_property_readonly(
+            "fptype", [](DORecord const& record) { return FPTypeMember(record.GetFPType()); }, "Fingerprint type.")
+        .def_property_readonly(
+            "dotype", [](DORecord const& record) { return DOTypeMember(record.GetDOType()); }, "DO type.")
         .def_property_readonly("segments", Segments, "The segments, as a list of Segment.")
         .def_property_readonly("unique_list", UniqueList, "Pairs of container and bytes of the object in it.")
-        .def(
-            "append_unique_list",
-            [](DORecord& record) {
-                if (record.IsInNetworkOrder()) { // the list's count could not be read back
-                    throw Cr_ErrnoException(CR_STATUS_INVALID, "append_unique_list needs a record in host order",
-                                            nullptr);
-                }
-                Require(record.AppendBloomAndUniqueDCIDList());
-            },
-            "Compute the list of containers and store it. The record must have no references yet.")
-        .def("container_sizes", ContainerSizes,
+        .def("append_unique_list", AppendUniqueList,
+             "Compute the list of containers and store it. The record must have no references yet.")
+        .def("container_sizes", ContainerSizesOf,
              "Return a dict of container to bytes: the unique list, plus the record in its container.");
 }
 
@@ -226,7 +218,8 @@ void BindDORecord(py::module_& module) {
     BindFields(type);
     BindRecordReferences(type);
     BindForms(type);
-    type.def(
+    type.def("__reduce__", Reduce)
+        .def(
             "__eq__",
             [](DORecord const& record, py::object const& other) -> py::object {
                 if (!py::isinstance<DORecord>(other)) {
@@ -234,11 +227,12 @@ void BindDORecord(py::module_& module) {
                 }
                 return py::bool_(record == py::cast<DORecord const&>(other));
             },
-            py::arg("other"))
-        .def("__repr__", [](DORecord const& record) {
-            return "<crrecord.DORecord: DO type " + std::to_string(record.GetDOType()) + ", " +
-                   std::to_string(record.GetNfp()) + " segments>";
-        });
+            py::arg("other"));
+    BindRepr(type, [](DORecord const& record) {
+        return "<crrecord.DORecord: DO type " + std::to_string(record.GetDOType()) + ", " +
+               std::to_string(record.GetNfp()) + " segments>";
+    });
+    module.def("_do_record", Restore, py::arg("record"), py::arg("sub_do"), py::arg("order"));
 }
 
 } // namespace crrecord::python

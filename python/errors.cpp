@@ -2,37 +2,31 @@
 
 #include "errors.h"
 
+#include "enums.h"
+
+#include <cstring>
 #include <iterator>
 
 namespace crrecord::python {
 
 namespace {
 
-struct NamedStatus {
-    char const* name;
-    cr_status_t status;
-};
+// The last line that the library logged on this thread, which is the reason of a failure that has a status only.
+thread_local char logged[Cr_ErrnoException::kMaxText + 1];
 
-constexpr NamedStatus kStatuses[] = {
-    {"OK", CR_STATUS_OK},
-    {"INVALID", CR_STATUS_INVALID},
-    {"NO_MEMORY", CR_STATUS_NO_MEMORY},
-    {"CORRUPT_RECORD", CR_STATUS_CORRUPT_RECORD},
-    {"NULL_ARGUMENT", CR_STATUS_NULL_ARGUMENT},
-    {"NOT_SUPPORTED", CR_STATUS_NOT_SUPPORTED},
-    {"NOT_FOUND", CR_STATUS_NOT_FOUND},
-    {"CORRUPT_DATA", CR_STATUS_CORRUPT_DATA},
-    {"INVALID_FP_TYPE", CR_STATUS_INVALID_FP_TYPE},
-    {"INVALID_DO_TYPE", CR_STATUS_INVALID_DO_TYPE},
-};
+void KeepLine(cr_log_level_t level, cr_status_t, char const* message, void*) noexcept {
+    if (level != CR_LOG_TRACE) {
+        std::strncpy(logged, message, sizeof logged - 1);
+    }
+}
 
 void SetError(cr_status_t status, char const* text, std::vector<Found> const& findings) {
-    char const* const said = text && *text ? text : CRStatusToStringA(status);
+    char const* const said = text && *text ? text : *logged ? logged : CRStatusToStringA(status);
     py::object const type = PythonType("Error");
     // A text may quote bytes of a record, which need not be UTF-8.
     auto const decoded = py::reinterpret_steal<py::object>(
         PyUnicode_DecodeUTF8(said, static_cast<py::ssize_t>(std::char_traits<char>::length(said)), "backslashreplace"));
-    PyErr_SetObject(type.ptr(), type(static_cast<int>(status), decoded, FindingsOf(findings)).ptr());
+    PyErr_SetObject(type.ptr(), type(StatusMember(status), decoded, FindingsOf(findings)).ptr());
 }
 
 } // namespace
@@ -41,6 +35,12 @@ py::object PythonType(char const* name) {
     // Never released: static destruction runs after the end of the interpreter.
     static auto const* const types = new py::module_(py::module_::import("crrecord._types"));
     return types->attr(name);
+}
+
+std::string ShortRepr(py::handle object) {
+    constexpr std::size_t kLongest = 100;
+    auto text = py::cast<std::string>(py::repr(object));
+    return text.size() <= kLongest ? text : text.substr(0, kLongest) + "...";
 }
 
 py::list FindingsOf(std::vector<Found> const& findings) {
@@ -64,7 +64,32 @@ void Require(cr_status_t status) {
     }
 }
 
+void ForgetLog() noexcept {
+    logged[0] = '\0';
+}
+
+void SetCurrentException() noexcept {
+    try {
+        try {
+            throw;
+        } catch (py::error_already_set& error) {
+            error.restore();
+        } catch (Cr_ErrnoException const& error) {
+            SetError(error.GetStatus(), error.what(), {});
+        } catch (py::builtin_exception const& error) {
+            error.set_error();
+        } catch (std::bad_alloc const&) {
+            PyErr_NoMemory();
+        }
+    } catch (py::error_already_set& error) { // of SetError
+        error.restore();
+    } catch (std::exception const& error) {
+        PyErr_SetString(PyExc_RuntimeError, error.what());
+    }
+}
+
 void BindErrors(py::module_& module) {
+    CRLogSetSink(KeepLine, nullptr);
     py::register_exception_translator([](std::exception_ptr failure) {
         try {
             std::rethrow_exception(failure);
@@ -72,12 +97,6 @@ void BindErrors(py::module_& module) {
             SetError(error.GetStatus(), error.what(), {});
         }
     });
-    py::dict statuses;
-    for (NamedStatus const& named : kStatuses) {
-        statuses[named.name] = static_cast<int>(named.status);
-    }
-    module.attr("Status") =
-        py::module_::import("enum").attr("IntEnum")("Status", statuses, py::arg("module") = "crrecord");
     module.attr("Error") = PythonType("Error");
 }
 

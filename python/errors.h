@@ -22,10 +22,17 @@ struct Found {
 
 py::list FindingsOf(std::vector<Found> const& findings);
 
-// Raises crrecord.Error. A null `text` means the text of the status.
+// Raises crrecord.Error. A null or empty `text` means the line that the library logged during the present call of
+// Python, or else the text of the status.
 [[noreturn]] void Raise(cr_status_t status, char const* text = nullptr, std::vector<Found> const& findings = {});
 
 // Raises crrecord.Error unless the status is CR_STATUS_OK.
 void Require(cr_status_t status);
+
+// Starts a call of Python: lines logged before are not reasons of its failures.
+void ForgetLog() noexcept;
+
+// Sets the Python exception of the C++ exception that is being handled.
+void SetCurrentException() noexcept;
 
 } // namespace crrecord::python

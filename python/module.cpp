@@ -1,39 +1,17 @@
 // The extension module crrecord._crrecord.
 
-#include "bindings.h"
-
-#include <crrecord/DORecordHeader.h>
-#include <crrecord/fingerprint.h>
+#include "functions.h"
 
 namespace crrecord::python {
 
 namespace {
 
-void AddConstants(py::module_& module) {
-    py::object const intEnum = py::module_::import("enum").attr("IntEnum");
-    auto const add = [&](char const* name, py::dict const& values) {
-        module.attr(name) = intEnum(name, values, py::arg("module") = "crrecord");
-    };
-    using namespace py::literals;
-    add("FPType", py::dict("MD5"_a = CR_FP_TYPE_MD5, "SHA1_128"_a = CR_FP_TYPE_SHA1_128,
-                           "SHA256_128"_a = CR_FP_TYPE_SHA256_128, "SHA256"_a = CR_FP_TYPE_SHA256));
-    add("DOType", py::dict("ORIGINAL"_a = CR_DO_TYPE_ORIGINAL, "NO_SIZE"_a = CR_DO_TYPE_NO_SIZE,
-                           "NO_OFFSET"_a = CR_DO_TYPE_NO_OFFSET, "OFFSET_8_BYTE"_a = CR_DO_TYPE_8_BYTE_OFFSET,
-                           "BLOOM_FILTER"_a = CR_DO_TYPE_BLOOM_FILTER, "OFFSET_4_BYTE"_a = CR_DO_TYPE_4_BYTE_OFFSET));
-}
-
-} // namespace
-
-} // namespace crrecord::python
-
-PYBIND11_MODULE(_crrecord, module) {
-    using namespace crrecord::python;
+void Fill(py::module_ module) {
     py::options options;
-    options.disable_function_signatures(); // _crrecord.pyi has them
-    module.doc() = "Records of a deduplicating content store. Import crrecord instead.";
+    options.disable_function_signatures(); // FinishFunctions adds those that inspect reads
     module.attr("__version__") = CRRECORD_VERSION;
     BindErrors(module);
-    AddConstants(module);
+    BindEnums(module);
     BindArray(module);
     BindDiagnosis(module);
     BindView(module);
@@ -42,4 +20,50 @@ PYBIND11_MODULE(_crrecord, module) {
     BindReferences(module);
     BindDORecord(module);
     BindSORecord(module);
+    FinishFunctions(module);
+}
+
+// Runs in each interpreter that imports the module, unlike the initialization that PYBIND11_MODULE makes, and before
+// any call of pybind11, whose state belongs to one interpreter: in another one, each exception waits for ever.
+int Execute(PyObject* module) noexcept {
+    static PyObject* first = nullptr;
+    if (PyInterpreterState_Get() != PyInterpreterState_Main()) {
+        PyErr_SetString(PyExc_ImportError, "crrecord cannot be imported in a subinterpreter");
+        return -1;
+    }
+    if (first) { // removed from sys.modules and imported again: types are registered once
+        return PyDict_Update(PyModule_GetDict(module), PyModule_GetDict(first));
+    }
+    try {
+        Fill(py::reinterpret_borrow<py::module_>(module));
+        first = py::handle(module).inc_ref().ptr();
+        return 0;
+    } catch (py::error_already_set& error) {
+        error.restore();
+    } catch (std::exception const& error) {
+        PyErr_SetString(PyExc_ImportError, error.what());
+    }
+    return -1;
+}
+
+PyModuleDef_Slot slots[] = {{Py_mod_exec, reinterpret_cast<void*>(Execute)}, {0, nullptr}};
+
+PyModuleDef definition = {
+    PyModuleDef_HEAD_INIT,
+    "_crrecord",
+    "Records of a deduplicating content store. Import crrecord instead.",
+    0,
+    nullptr,
+    slots,
+    nullptr,
+    nullptr,
+    nullptr,
+};
+
+} // namespace
+
+} // namespace crrecord::python
+
+extern "C" PYBIND11_EXPORT PyObject* PyInit__crrecord() {
+    return PyModuleDef_Init(&crrecord::python::definition);
 }

@@ -3,7 +3,10 @@
 #include "references.h"
 
 #include "buffer.h"
+#include "enums.h"
 #include "errors.h"
+
+#include <crrecord/references.h>
 
 #include <limits>
 #include <set>
@@ -15,7 +18,7 @@ namespace crrecord::python {
 namespace {
 
 [[noreturn]] void RaiseNoReference(py::handle object) {
-    throw py::value_error("not a reference: " + py::cast<std::string>(py::repr(object)));
+    throw py::value_error("not a reference: " + ShortRepr(object));
 }
 
 std::string TextOf(_cr_tref_t const* reference) {
@@ -51,7 +54,7 @@ py::list References(DORecord const& record) {
     }
     py::list references;
     for (auto const& [kind, id] : copies) {
-        references.append(MakeTuple("Reference", kind, id));
+        references.append(ReferenceOf(kind, id));
     }
     return references;
 }
@@ -76,8 +79,8 @@ unsigned long RemoveInactiveTasks(DORecord& record, py::function const& isActive
 
 } // namespace
 
-py::object ReferenceOf(_cr_tref_t const* reference) {
-    return MakeTuple("Reference", static_cast<int>(CRTRefGetType(reference)), CRTRefGetID(reference));
+py::object ReferenceOf(int kind, unsigned long id) {
+    return MakeTuple("Reference", ReferenceKindMember(kind), id);
 }
 
 ReferenceValue ParseReference(py::handle object) {
@@ -106,12 +109,12 @@ ReferenceValue ParseReference(py::handle object) {
 py::list DecodeReferences(unsigned char const* section, unsigned long size) {
     py::list references;
     for (unsigned long at = 0; at < size;) {
-        unsigned long consumed = 0;
-        ReferenceValue const value(CRTRefNewDeserialize(section + at, size - at, CR_TREF_SERIALIZED, &consumed));
-        if (!value) {
-            Raise(*__cr_errno_location(), "the references were changed after validation and are invalid");
+        DOReference reference{};
+        unsigned long const consumed = DOReferenceDecode(section + at, size - at, reference);
+        if (consumed == 0) {
+            Raise(CR_STATUS_CORRUPT_RECORD, "the references were changed after validation and are invalid");
         }
-        references.append(ReferenceOf(value.get()));
+        references.append(ReferenceOf(reference.kind, reference.id));
         at += consumed;
     }
     return references;
@@ -122,7 +125,11 @@ void BindReferences(py::module_& module) {
         "_reference_text", [](py::object const& reference) { return TextOf(ParseReference(reference).get()); },
         py::arg("reference"));
     module.def(
-        "_parse_reference", [](py::str const& text) { return ReferenceOf(ParseReference(text).get()); },
+        "_parse_reference",
+        [](py::str const& text) {
+            ReferenceValue const value = ParseReference(text);
+            return ReferenceOf(CRTRefGetType(value.get()), CRTRefGetID(value.get()));
+        },
         py::arg("text"));
 }
 

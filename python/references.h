@@ -16,7 +16,7 @@ struct DeleteReference {
 };
 using ReferenceValue = std::unique_ptr<_cr_tref_t, DeleteReference>;
 
-py::object ReferenceOf(_cr_tref_t const* reference);
+py::object ReferenceOf(int kind, unsigned long id);
 
 // From (kind, id) or a text such as "task:17"; raises ValueError.
 ReferenceValue ParseReference(py::handle object);

@@ -1,12 +1,13 @@
 // SORecord: the class over one segment record.
 
-#include "buffer.h"
+#include "diagnosis.h"
+#include "enums.h"
+
+#include <pybind11/stl.h>
 
 #include <crrecord/SORecord.h>
 
 #include <cstdlib>
-
-#include "errors.h"
 
 namespace crrecord::python {
 
@@ -17,6 +18,47 @@ char const* KeyIn(std::string const& key) {
         throw py::value_error("a key has 33 bytes");
     }
     return key.data();
+}
+
+constexpr char kFlags[] = "flags are 0 or 2";
+constexpr char kDcid[] = "a container is 1, or 64 and above";
+constexpr char kFPType[] = "a fingerprint type is 0 to 3";
+
+// Calls set(), whose refusal has no text.
+template <class Set>
+auto WithReason(char const* reason, Set set) {
+    try {
+        return set();
+    } catch (Cr_ErrnoException const& error) {
+        Raise(error.GetStatus(), *error.what() ? error.what() : reason);
+    }
+}
+
+template <class Value>
+auto Setter(void (SORecord::*set)(Value), char const* reason) {
+    return [set, reason](SORecord& record, Value value) { WithReason(reason, [&] { (record.*set)(value); }); };
+}
+
+std::unique_ptr<SORecord> FromBuffer(Slice const& bytes) {
+    try {
+        return SORecord::FromBuffer(bytes.Data(), bytes.size);
+    } catch (Cr_ErrnoException const& error) {
+        Raise(error.GetStatus(), error.what(), Diagnose(bytes, {.expected = Expected::Segment}).findings);
+    }
+}
+
+py::object Reduce(SORecord const& record) {
+    return PickleOf("_so_record", BytesOf(record.GetHeader(), record.GetHeaderSize()),
+                    NameOfOrder(record.IsInNetworkOrder()));
+}
+
+std::unique_ptr<SORecord> Restore(py::bytes const& bytes, std::string const& order) {
+    bool const network = IsNetworkOrder(order);
+    std::unique_ptr<SORecord> record = FromBuffer(PinWhole(bytes));
+    if (network) {
+        record->HostToNetwork(0);
+    }
+    return record;
 }
 
 py::bytes Serialized(SORecord const& record) {
@@ -33,30 +75,33 @@ py::bytes Serialized(SORecord const& record) {
 } // namespace
 
 void BindSORecord(py::module_& module) {
-    py::class_<SORecord>(module, "SORecord", "The record of one stored segment, 104 bytes, without task ids.")
-        .def(py::init([](unsigned int dcid, unsigned int size, unsigned int crc, py::bytes const& key,
+    py::class_<SORecord> type(module, "SORecord", "The record of one stored segment, 104 bytes, without task ids.");
+    type.def(py::init([](unsigned int dcid, unsigned int size, unsigned int crc, std::optional<py::bytes> const& key,
                          unsigned short flags, unsigned char cryptoMode, unsigned char fptype) {
-                 return std::make_unique<SORecord>(flags, dcid, size, crc, KeyIn(key), cryptoMode, fptype);
+                 std::string const keyBytes = key ? std::string(*key) : std::string(CR_SO_KEY_SIZE, '\0');
+                 auto const reason = std::string(kFlags) + "; " + kDcid + "; " + kFPType;
+                 return WithReason(reason.c_str(), [&] {
+                     return std::make_unique<SORecord>(flags, dcid, size, crc, KeyIn(keyBytes), cryptoMode, fptype);
+                 });
              }),
-             py::kw_only(), py::arg("dcid"), py::arg("size"), py::arg("crc") = 0,
-             py::arg("key") = py::bytes(std::string(CR_SO_KEY_SIZE, '\0')), py::arg("flags") = 0,
-             py::arg("crypto_mode") = 0, py::arg("fptype") = 0,
-             "Build a record in host order. dcid and size have 32 bits here; their setters accept 64 bits.")
+             py::kw_only(), py::arg("dcid"), py::arg("size"), py::arg("crc") = 0, py::arg("key") = py::none(),
+             py::arg("flags") = 0, py::arg("crypto_mode") = 0, py::arg("fptype") = 0,
+             "Build a record in host order. dcid and size have 32 bits here; their setters accept 64 bits.\n"
+             "key: 33 bytes; by default zeros.")
         .def_static(
-            "from_buffer",
-            [](py::object const& buffer) {
-                Slice const bytes = PinWhole(buffer);
-                return SORecord::FromBuffer(bytes.Data(), bytes.size);
-            },
-            py::arg("buffer"), "Copy one stored record of 104 bytes in either order.")
-        .def_property("flags", &SORecord::GetFlags, &SORecord::SetFlags, "0 or 2.")
-        .def_property("dcid", &SORecord::GetDCID, &SORecord::SetDCID, "The container: 1, or 64 and above.")
+            "from_buffer", [](py::object const& buffer) { return FromBuffer(PinWhole(buffer)); }, py::arg("buffer"),
+            "Copy one stored record of 104 bytes in either order.")
+        .def_property("flags", &SORecord::GetFlags, Setter(&SORecord::SetFlags, kFlags), "0 or 2.")
+        .def_property("dcid", &SORecord::GetDCID, Setter(&SORecord::SetDCID, kDcid),
+                      "The container: 1, or 64 and above.")
         .def_property_readonly("path_id", &SORecord::GetPathID, "The path, or the container.")
         .def_property_readonly("file_id", &SORecord::GetFileID, "The file; 0 in a container.")
         .def_property("size", &SORecord::GetSize, &SORecord::SetSize, "Bytes of the segment.")
         .def_property("crc", &SORecord::GetCRC, &SORecord::SetCRC, "The checksum of the creator.")
         .def_property("check_time", &SORecord::GetCheckTime, &SORecord::SetCheckTime, "Time of the last check.")
-        .def_property("fptype", &SORecord::GetFPType, &SORecord::SetFPType, "Fingerprint type, 0 to 3.")
+        .def_property(
+            "fptype", [](SORecord const& record) { return FPTypeMember(record.GetFPType()); },
+            Setter(&SORecord::SetFPType, kFPType), "Fingerprint type.")
         .def_property("crypto_mode", &SORecord::GetCryptoMode, &SORecord::SetCryptoMode, "Not interpreted.")
         .def_property("key_index", &SORecord::GetKeyIndex, &SORecord::SetKeyIndex, "In the byte order of the writer.")
         .def_property(
@@ -64,7 +109,7 @@ void BindSORecord(py::module_& module) {
             [](SORecord& record, py::bytes const& key) { record.SetKey(KeyIn(key)); }, "33 bytes of key data.")
         .def_property_readonly("record_size", &SORecord::GetHeaderSize, "104.")
         .def_property_readonly(
-            "order", [](SORecord const& record) { return record.IsInNetworkOrder() ? "network" : "host"; },
+            "order", [](SORecord const& record) { return NameOfOrder(record.IsInNetworkOrder()); },
             "'host' or 'network'.")
         .def(
             "to_network", [](SORecord& record) { record.HostToNetwork(0); }, "Convert the record to network order.")
@@ -72,6 +117,7 @@ void BindSORecord(py::module_& module) {
             "to_host", [](SORecord& record) { record.NetworkToHost(0); }, "Convert the record to host order.")
         .def("serialize", Serialized, "Return the serialized form; the record must be in host order.")
         .def("__bytes__", [](SORecord const& record) { return BytesOf(record.GetHeader(), record.GetHeaderSize()); })
+        .def("__reduce__", Reduce)
         .def(
             "__eq__",
             [](SORecord const& record, py::object const& other) -> py::object {
@@ -80,11 +126,12 @@ void BindSORecord(py::module_& module) {
                 }
                 return py::bool_(record == py::cast<SORecord const&>(other));
             },
-            py::arg("other"))
-        .def("__repr__", [](SORecord const& record) {
-            return "<crrecord.SORecord: " + std::to_string(record.GetSize()) + " bytes in container " +
-                   std::to_string(record.GetDCID()) + ">";
-        });
+            py::arg("other"));
+    BindRepr(type, [](SORecord const& record) {
+        return "<crrecord.SORecord: " + std::to_string(record.GetSize()) + " bytes in container " +
+               std::to_string(record.GetDCID()) + ">";
+    });
+    module.def("_so_record", Restore, py::arg("record"), py::arg("order"));
 }
 
 } // namespace crrecord::python

@@ -1,6 +1,7 @@
 // records(): iterates over consecutive records in a buffer.
 
 #include "diagnosis.h"
+#include "iterator.h"
 #include "view.h"
 
 #include <crrecord/probe.h>
@@ -9,84 +10,138 @@
 
 namespace crrecord::python {
 
-namespace {
+class RecordIterator {
+public:
+    // `onError` is "raise", "skip" or a function.
+    RecordIterator(py::object const& buffer, bool subDO, py::object onError)
+        : bytes_(PinWhole(buffer)), subDO_(subDO), onError_(std::move(onError)) {
+        if (!PyCallable_Check(onError_.ptr()) && !raises() && !isPolicy("skip")) {
+            throw py::value_error("on_error is 'raise', 'skip' or a function");
+        }
+    }
 
-struct RecordIterator {
-    SharedBuffer owner;
-    unsigned long position;
-    bool subDO;
+    unsigned long Position() const noexcept { return bytes_.position; }
+    unsigned long Skipped() const noexcept { return skipped_; }
 
-    // Raises crrecord.Error and ends the iteration, since the end of the record is unknown.
-    [[noreturn]] void stop(std::string const& reason) {
-        std::string const text = "record at byte " + std::to_string(position) + ": " + reason;
-        position = owner->Size();
-        Raise(CR_STATUS_CORRUPT_RECORD, text.c_str());
+    // Returns: the next record; an empty object at the end.
+    py::object Next() {
+        while (!ended_ && bytes_.position != bytes_.size) {
+            unsigned long const position = bytes_.position;
+            try {
+                return read();
+            } catch (py::error_already_set& error) {
+                if (!error.matches(PythonType("Error"))) {
+                    throw;
+                }
+                error.value().attr("position") = position;
+                if (raises()) {
+                    throw;
+                }
+                ++skipped_;
+                if (PyCallable_Check(onError_.ptr())) {
+                    onError_(error.value());
+                }
+            }
+            CheckSignals();
+        }
+        return {};
+    }
+
+private:
+    bool isPolicy(char const* name) const { return onError_.equal(py::str(name)); }
+    bool raises() const { return isPolicy("raise"); }
+
+    py::object read() {
+        Slice const rest{bytes_.owner, bytes_.position, bytes_.size - bytes_.position};
+        cr_record_probe_t const probe = CRRecordProbe(rest.Data(), rest.size);
+        if (probe.kind == CR_RECORD_UNKNOWN) {
+            stop(rest, "unknown kind");
+        }
+        if (rest.size < probe.head_size ||
+            (probe.recorded_size == probe.counted_size && rest.size < probe.recorded_size)) {
+            stop(rest, "the buffer ends within the record");
+        }
+        if (probe.recorded_size != probe.counted_size) {
+            passDoubtful(rest, probe);
+        }
+        if (probe.recorded_size < probe.head_size) {
+            stop(rest, "the record size is less than the fixed part");
+        }
+        Slice const record{rest.owner, rest.position, probe.recorded_size};
+        bytes_.position += probe.recorded_size;
+        if (probe.kind == CR_RECORD_DO) {
+            return py::cast(std::make_shared<View>(record, subDO_));
+        }
+        return py::cast(std::make_shared<SegmentView>(record));
     }
 
     // Raises crrecord.Error for a record whose size and counts disagree. The iterator continues at the nearer end if a
     // record starts there or the buffer ends there, otherwise at the farther one if the buffer has it.
-    [[noreturn]] void PassDoubtful(cr_record_probe_t const& probe, unsigned long available) {
-        auto const possible = [&](unsigned long size) { return size >= probe.head_size && size <= available; };
+    [[noreturn]] void passDoubtful(Slice const& rest, cr_record_probe_t const& probe) {
+        auto const possible = [&](unsigned long size) { return size >= probe.head_size && size <= rest.size; };
         auto const startsRecord = [&](unsigned long size) {
-            return size == available ||
-                   CRRecordProbe(owner->Data() + position + size, available - size).kind != CR_RECORD_UNKNOWN;
+            return size == rest.size || CRRecordProbe(rest.Data() + size, rest.size - size).kind != CR_RECORD_UNKNOWN;
         };
         std::string const reason = "size " + std::to_string(probe.recorded_size) + ", but its counts give " +
                                    std::to_string(probe.counted_size);
         auto const [near, far] = std::minmax({probe.recorded_size, probe.counted_size});
         unsigned long const end = possible(near) && (!possible(far) || startsRecord(near)) ? near : far;
         if (!possible(end)) {
-            stop(reason);
+            stop(rest, reason.c_str());
         }
-        std::string const text = "record at byte " + std::to_string(position) + ": " + reason;
-        position += end;
-        Raise(CR_STATUS_CORRUPT_RECORD, text.c_str());
+        bytes_.position += end;
+        Raise(CR_STATUS_CORRUPT_RECORD, reason.c_str(),
+              Diagnose({rest.owner, rest.position, end}, {.subDO = subDO_}).findings);
     }
 
-    py::object Next() {
-        if (position == owner->Size()) {
-            throw py::stop_iteration();
-        }
-        unsigned long const available = owner->Size() - position;
-        cr_record_probe_t const probe = CRRecordProbe(owner->Data() + position, available);
-        if (probe.kind == CR_RECORD_UNKNOWN) {
-            stop("unknown kind");
-        }
-        if (available < probe.head_size) {
-            stop("the buffer ends within it");
-        }
-        if (probe.recorded_size != probe.counted_size) {
-            PassDoubtful(probe, available);
-        }
-        if (available < probe.recorded_size) {
-            stop("the buffer ends within it");
-        }
-        if (probe.recorded_size < probe.head_size) {
-            stop("the record size is less than the fixed part");
-        }
-        Slice const bytes{owner, position, probe.recorded_size};
-        position += probe.recorded_size;
-        if (probe.kind == CR_RECORD_DO) {
-            return py::cast(std::make_shared<View>(bytes, subDO));
-        }
-        return py::cast(std::make_shared<SegmentView>(bytes));
+    // Raises crrecord.Error and ends the iteration, since the end of the record is unknown.
+    [[noreturn]] void stop(Slice const& rest, char const* reason) {
+        ended_ = true;
+        Raise(CR_STATUS_CORRUPT_RECORD, reason, Diagnose(rest, {.subDO = subDO_}).findings);
     }
+
+    Slice bytes_; // position: the next record; size: the end of the buffer
+    bool subDO_;
+    py::object onError_;
+    unsigned long skipped_ = 0;
+    bool ended_ = false;
 };
+
+namespace {
+
+PyObject* NextRecord(PyObject* self) noexcept {
+    try {
+        auto* const iterator = InitializedIn<RecordIterator>(self);
+        if (!iterator) {
+            throw py::type_error("uninitialized iterator");
+        }
+        return iterator->Next().release().ptr();
+    } catch (...) {
+        SetCurrentException();
+        return nullptr;
+    }
+}
 
 } // namespace
 
 void BindStream(py::module_& module) {
-    py::class_<RecordIterator>(module, "_Records")
-        .def("__iter__", [](py::object const& self) { return self; })
-        .def("__next__", &RecordIterator::Next);
+    py::class_<RecordIterator>(module, "Records", py::custom_type_setup([](PyHeapTypeObject* type) {
+                                   type->ht_type.tp_iter = PyObject_SelfIter;
+                                   type->ht_type.tp_iternext = NextRecord;
+                               }),
+                               "An iterator over consecutive records in a buffer.")
+        .def_property_readonly("position", &RecordIterator::Position,
+                               "Offset of the next record; after the end, of the first byte that is in no record.")
+        .def_property_readonly("skipped", &RecordIterator::Skipped, "Number of bad records that were skipped.");
     module.def(
         "records",
-        [](py::object const& buffer, bool subDO) {
-            return RecordIterator{std::make_shared<PinnedBuffer const>(buffer), 0, subDO};
+        [](py::object const& buffer, bool subDO, py::object const& onError) {
+            return RecordIterator(buffer, subDO, onError);
         },
-        py::arg("buffer"), py::kw_only(), py::arg("sub_do") = false,
+        py::arg("buffer"), py::kw_only(), py::arg("sub_do") = false, py::arg("on_error") = "raise",
         "Iterate over consecutive records of both kinds in a buffer, each as a View or SegmentView.\n\n"
-        "A bad record raises Error. If its size is known, the iterator continues after it.");
+        "on_error: 'raise' raises Error for a bad record, 'skip' skips it, a function is called with the Error.\n"
+        "The iteration continues after a bad record if its size is known, and otherwise ends.");
 }
 
 } // namespace crrecord::python

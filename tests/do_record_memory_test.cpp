@@ -120,6 +120,25 @@ TEST(DORecordMemory, NodesOfReferencesComeInBlocksAndAreFreedWithTheLast) {
     EXPECT_EQ(outcome.live, 0);
 }
 
+// Only memory of one size is in the blocks, and a copy of a set needs none of them.
+TEST(DORecordMemory, NodesServeOneSizeAndNoCopies) {
+    using Allocator = DORecord::tref_set_t::allocator_type;
+    auto nodes = std::make_unique<DOReferenceNodes>();
+    DORecord::tref_set_t copy;
+    {
+        std::vector<DORecord::tref_ptr_t, Allocator> handles{Allocator(*nodes)};
+        DORecord::tref_set_t set{Allocator(*nodes)};
+        for (unsigned long id = 0; id < 40; ++id) {
+            handles.emplace_back(new Cr_TRef(id));
+            set.insert(handles.back());
+            handles.shrink_to_fit();
+        }
+        copy = set;
+    }
+    nodes.reset();
+    EXPECT_EQ(CRTRefGetID((*copy.rbegin())->Get()), 39u);
+}
+
 // The pool allocates blocks of a few dozen chunks: chunks that are not returned make it allocate more.
 TEST(DORecordMemory, ReturnsEveryChunkToThePool) {
     RecordValues values = Example(5, 1);

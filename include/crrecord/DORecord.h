@@ -81,8 +81,7 @@ public:
              unsigned char fptype, unsigned char dotype);
 
     // Builds a record from an exchange form of `serializedSize` bytes, which may be any bytes. The record borrows
-    // `buffer`, of `bufferSize` bytes; if it is null or too small, the record allocates. A sub-DO takes the container
-    // of its first segment as its own.
+    // `buffer`, of `bufferSize` bytes, unless it is null or too small. A sub-DO takes its first segment's container.
     // Throws: the statuses of DORecordHeaderDeserialize, without a text; CR_STATUS_INVALID for an unknown fingerprint
     // type; CR_STATUS_CORRUPT_DATA as checkSegmentList.
     // On failure: the bytes of `buffer` are unspecified, but unchanged if it overlaps the form.
@@ -101,8 +100,7 @@ public:
     // Builds a record without a copy, in the caller's `capacity` bytes of memory, of which the first `size` are the
     // record: converts them to host order in place. If `fixed`, the record never leaves this memory and cannot grow
     // beyond it; otherwise growth copies it to a buffer of the record's own.
-    // Throws: as FromBuffer; CR_STATUS_INVALID for a capacity below the size, and for legacy arrays. On failure: the
-    // bytes are unchanged.
+    // Throws: as FromBuffer; CR_STATUS_INVALID for a capacity below the size and for legacy arrays, without a change.
     // Lifetime: the memory must outlive the record, or its first growth. Nobody else may change it from the call on.
     static std::unique_ptr<DORecord> Wrap(void* buffer, unsigned long size, unsigned long capacity, bool fixed,
                                           unsigned int options = 0);
@@ -179,8 +177,8 @@ public:
     DORecordHeader* GetHeader() const;
 
     // --- Buffer and byte order ------------------------------------------------------------------------------------
-    // Sets the size of the reference section to 0, clears its bytes, and sets the record size to calcRecSize(). The
-    // sets stay as they are.
+    // Sets the size of the reference section to 0, clears it, and sets the record size to calcRecSize(). Keeps the
+    // sets.
     void initReferenceSets();
     // The record size in bytes that follows from the header's counts, without legacy arrays.
     unsigned int calcRecSize() const;
@@ -315,12 +313,14 @@ public:
     // Bytes of the references in serialized form, of one kind and of all, computed from the sets.
     unsigned long GetTRefTypeTotalSize(cr_reftype_t kind) const;
     unsigned long calcTRefsSize() const;
-    // Number of references in the sets: of all kinds, of one (0 for a number that is no kind), of task ids, of DSIDs.
+    // Number of references in the sets: of all kinds, of one (0 for a number that is no kind), of task ids and of
+    // DSIDs. The header's counts are those of legacy arrays.
     unsigned int GetNTRefs() const;
     unsigned int GetNTRefs(cr_reftype_t kind) const;
     unsigned int GetNtaskid() const;
     unsigned int GetNds() const;
-    // The set of one kind, empty for a number that is no kind. Iterators: valid until their reference is removed.
+    // The set of one kind; empty for a number that is no kind. An iterator is valid until its reference is removed or
+    // the record is destroyed.
     tref_set_t::const_iterator GetTRefTypeBegin(cr_reftype_t kind) const;
     tref_set_t::const_iterator GetTRefTypeEnd(cr_reftype_t kind) const;
     // All references except those of kind 0, by kind and then by id: for (tref_ptr_t const& r : record.References()).
@@ -333,7 +333,8 @@ public:
     unsigned long GetSerializedTRefsSize() const;
     // As GetHeader. Returns: the start of the section.
     char* GetSerializedTRefs() const;
-    // Loads `length` bytes of serialized references of any kind, maybe of the record's own section. Touches the record.
+    // Loads `length` bytes of serialized references of any kind, drops those that the record has, and touches the
+    // record. The bytes may be the record's own section.
     // Throws: the decoder's status (CR_STATUS_CORRUPT_RECORD, CR_STATUS_NO_MEMORY) with the text "Received a buffer
     // with corrupt typed references."; CR_STATUS_INVALID for null bytes or if the record must not grow; std::bad_alloc.
     // On failure: the references before the first that failed are loaded.
@@ -381,7 +382,7 @@ protected:
     bool ownsBuffer;
     bool subDO;
     CopyMode copyMode;
-    DOReferenceNodes nodes; // of all trefs
+    DOReferenceNodes nodes; // of trefs; its comment says what may outlive the record
     tref_set_t trefs[kKinds];
     unsigned long spare; // 0
 

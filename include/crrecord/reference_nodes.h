@@ -7,21 +7,27 @@
 #include <new>
 #include <type_traits>
 
-// Gives out nodes of one size from blocks that it takes from operator new. The first block has room for two nodes, and
-// each later one for twice as many as the one before it, up to 256. A returned node is used again first. When the last
-// node is returned, the blocks are freed.
+// Nodes of one size, from blocks of operator new. The first block has room for two nodes, and each later one for twice
+// as many as the one before it, up to 256. A returned node is used again first. When the last node is returned, the
+// blocks are freed.
 //
 // Thread safety: one thread at a time.
 class DOReferenceNodes {
 public:
-    DOReferenceNodes() noexcept : unused_(nullptr), blocks_(nullptr), next_(nullptr), left_(0), used_(0), last_(1) {}
+    DOReferenceNodes() noexcept
+        : unused_(nullptr), blocks_(nullptr), next_(nullptr), size_(0), left_(0), used_(0), last_(1) {}
     ~DOReferenceNodes() { FreeBlocks(); }
     DOReferenceNodes(DOReferenceNodes const&) = delete;
     DOReferenceNodes& operator=(DOReferenceNodes const&) = delete;
 
-    // Returns: `size` bytes, aligned for pointers. `size` is the same in each call, and not below that of a pointer.
+    // Whether the nodes have this size in bytes, which is that of the first one.
+    bool HaveSize(std::size_t size) const noexcept { return size_ == size || size_ == 0; }
+
+    // Returns: `size` bytes, aligned for pointers.
+    // Preconditions: HaveSize(size); `size` is not below that of a pointer.
     // Throws: std::bad_alloc.
     void* Take(std::size_t size) {
+        size_ = size;
         void* node = unused_;
         if (unused_) {
             unused_ = unused_->next;
@@ -72,13 +78,16 @@ private:
     Link* unused_;
     Link* blocks_;
     unsigned char* next_; // first node of the newest block that was never used
+    std::size_t size_;    // of a node; 0 before the first
     std::size_t left_;    // nodes from next_ on
     std::size_t used_;
     std::size_t last_; // nodes of the newest block
 };
 
-// The allocator of a record's reference sets. A set that is copied, or made without a DOReferenceNodes, takes its nodes
-// from operator new, so that it may outlive the record.
+// The allocator of a record's reference sets. Memory of another size than a node's is from operator new.
+//
+// Lifetime: a set that is copied takes its nodes from operator new and may outlive the record. A set or node handle
+// that is moved, swapped or extracted from a record must not, and must not be merged into a set of another record.
 template <class T>
 class DOReferenceAllocator {
 public:
@@ -93,10 +102,10 @@ public:
 
     DOReferenceAllocator select_on_container_copy_construction() const noexcept { return {}; }
     T* allocate(std::size_t count) {
-        return static_cast<T*>(nodes_ && count == 1 ? nodes_->Take(sizeof(T)) : ::operator new(count * sizeof(T)));
+        return static_cast<T*>(IsNode(count) ? nodes_->Take(sizeof(T)) : ::operator new(count * sizeof(T)));
     }
     void deallocate(T* objects, std::size_t count) noexcept {
-        nodes_&& count == 1 ? nodes_->Return(objects) : ::operator delete(objects);
+        IsNode(count) ? nodes_->Return(objects) : ::operator delete(objects);
     }
     template <class U>
     bool operator==(DOReferenceAllocator<U> const& other) const noexcept {
@@ -110,6 +119,10 @@ public:
 private:
     template <class U>
     friend class DOReferenceAllocator;
+
+    bool IsNode(std::size_t count) const noexcept {
+        return nodes_ != nullptr && count == 1 && sizeof(T) >= sizeof(void*) && nodes_->HaveSize(sizeof(T));
+    }
 
     DOReferenceNodes* nodes_; // may be null
 };

@@ -2,7 +2,10 @@
 
 from __future__ import annotations
 
-from typing import NamedTuple, Optional, Sequence
+from typing import TYPE_CHECKING, Any, Literal, NamedTuple, Optional, Sequence, Tuple
+
+if TYPE_CHECKING:
+    from ._crrecord import FPType, ReferenceKind
 
 
 class Finding(NamedTuple):
@@ -10,7 +13,7 @@ class Finding(NamedTuple):
 
     code: int  # a number that never changes
     name: str  # its short name, such as "do-recsize"
-    severity: str  # "error" or "note"
+    severity: Literal["error", "note"]
     offset: int  # of the first byte concerned
     found: int
     expected: int
@@ -21,14 +24,21 @@ class Finding(NamedTuple):
 class Error(Exception):
     """A failure of the library."""
 
-    def __init__(self, status: int, text: str, findings: Sequence[Finding] = ()) -> None:
+    def __init__(
+        self, status: int, text: str, findings: Sequence[Finding] = (), position: Optional[int] = None
+    ) -> None:
         super().__init__(status, text, findings)
-        self.status = status  # one of Status, or another number
+        self.status = status  # a Status, or a number that is none
         self.text = text
-        self.findings = list(findings)  # of a bad record; otherwise empty
+        self.findings = list(findings)  # of a bad record, with offsets in the record; otherwise empty
+        self.position = position  # offset of the bad record in the buffer of records(); otherwise None
 
     def __str__(self) -> str:
-        return f"{self.text} (status {self.status})"
+        where = "" if self.position is None else f"record at byte {self.position}: "
+        return f"{where}{self.text} (status {int(self.status)})"
+
+    def __reduce__(self) -> Tuple[Any, ...]:
+        return type(self), (self.status, self.text, self.findings, self.position)
 
 
 class Segment(NamedTuple):
@@ -43,7 +53,7 @@ class Segment(NamedTuple):
 class Reference(NamedTuple):
     """A typed reference, which keeps an object alive. Its str() is its text, such as "task:17"."""
 
-    kind: int
+    kind: ReferenceKind
     id: int
 
     def __str__(self) -> str:
@@ -63,15 +73,22 @@ class Digest(NamedTuple):
     """One fingerprint for an object."""
 
     bytes: bytes
-    fptype: Optional[int]  # None for a digest without a type
+    fptype: Optional[FPType]  # None for a digest without a type
     dcid: int  # the container of the object
 
 
 class Probe(NamedTuple):
     """Kind, byte order and sizes stored in the record at the start of a buffer."""
 
-    kind: str  # "do" or "segment"
-    order: str  # "host" or "network"
+    kind: Literal["do", "segment"]
+    order: Literal["host", "network"]
     head_size: int  # bytes needed to determine the size
     recorded_size: int  # the stored record size; 0 below head_size bytes
     counted_size: int  # computed from the counts; 0 below head_size bytes
+
+
+def restore(function: str, *arguments: Any) -> Any:
+    """Call a function of the extension module. Pickles name this function, since pickle cannot name the other one."""
+    from . import _crrecord
+
+    return getattr(_crrecord, function)(*arguments)

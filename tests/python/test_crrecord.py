@@ -1,26 +1,19 @@
 """The Python package against the golden records, whose bytes and JSON tests/golden/make.py wrote."""
-import ast
 import gc
 import hashlib
 import importlib.util
-import json
-import pathlib
 import struct
 import unittest
 
-from crrecord import DORecord, Error, Segment, SegmentView, SORecord, View, _crrecord, records, validate
+from crrecord import DORecord, Error, Segment, SegmentView, SORecord, View, records, validate
+from golden import JSON, stored
 
 numpy = importlib.import_module("numpy") if importlib.util.find_spec("numpy") else None
-GOLDEN = pathlib.Path(__file__).parents[1] / "golden"
-JSON = {path.stem: json.loads(path.read_text()) for path in sorted(GOLDEN.glob("*.json"))}
 # What the JSON calls a header field, and what a view does.
 BOTH = dict(flags="flags", recsize="record_size", checktime="check_time", size="size", CRC="crc", fptype="fptype")
 HEADER = BOTH | dict(CID="cid", ssize="segment_size", ctime="ctime", mtime="mtime", trefssize="references_size",
                      dotype="dotype")
 SEGMENT_HEADER = BOTH | dict(pathid="path_id", fileid="file_id", cryptomode="crypto_mode", keyindex="key_index")
-
-def stored(name, *endings):
-    return [(GOLDEN / f"{name}.{ending}").read_bytes() for ending in endings]
 
 def segments(said):
     return [Segment(bytes.fromhex(s["fingerprint"]), s["size"], int(s["offset"]) if "offset" in s else None,
@@ -55,9 +48,8 @@ class Package(unittest.TestCase):
                                  (said["references"], said["legacy_references"]))
                 self.assertEqual(bytes(view.bloom).hex(), said.get("bitmap", ""))
                 for column, *values in zip((view.fingerprints, view.sizes, view.offsets, view.dcids), *expected):
-                    if column is not None:
-                        self.assertEqual((column.tolist(), list(column[::-2]), unpacked(column)),
-                                         (values, values[::-2], values))
+                    self.assertEqual((column.tolist(), list(column[::-2]), unpacked(column)),
+                                     (values, values[::-2], [2**64 - 1 if value is None else value for value in values]))
 
     @unittest.skipUnless(numpy, "NumPy is not there")
     def test_numpy_reads_entries_in_place(self):
@@ -143,11 +135,3 @@ class Package(unittest.TestCase):
         record.to_network()
         self.assertRaises(Error, record.append_unique_list)
         self.assertEqual((record.unique_list, len(record.segments)), ([], 1))
-
-    def test_stub_declares_what_there_is(self):
-        stub = ast.parse(pathlib.Path(_crrecord.__file__).with_name("_crrecord.pyi").read_text())
-        for declared in (node for node in stub.body if isinstance(node, (ast.ClassDef, ast.FunctionDef))):
-            found = getattr(_crrecord, declared.name)
-            for member in declared.body if isinstance(declared, ast.ClassDef) else ():
-                name = member.target.id if isinstance(member, ast.AnnAssign) else member.name
-                self.assertTrue(hasattr(found, name), f"{declared.name}.{name}")

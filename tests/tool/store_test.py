@@ -48,8 +48,8 @@ def answer(*arguments, **more):
 class Store:
     """Random records. A fingerprint has mostly one size, so that there are few conflicts."""
 
-    def __init__(self, seed, objects, most):
-        self.random = random.Random(seed)
+    def __init__(self, seed, objects, most, in_container=4000):
+        self.random, self.in_container = random.Random(seed), in_container
         sizes = [self.random.randint(0, most) for _ in range(objects)]
         self.records = tuple(self.an_object(count, dotype)
                              for count, dotype in [(n, None) for n in sizes] + [(60 * most, 3), (60 * most, 4)])
@@ -69,7 +69,7 @@ class Store:
         sizes = [100 + (n % 7 if dotype not in (0, 1) else 0) + (pick.random() < 0.0005) * (dotype == 2) for n in numbers]
         if dotype in (0, 1) and count:
             sizes[-1] = pick.randint(1, 100)
-        dcids = [(1 << 63) + n % 3 if wide else 64 + n // 4000 for n in numbers]
+        dcids = [(1 << 63) + n % 3 if wide else 64 + n // self.in_container for n in numbers]
         prints = [n.to_bytes(4, "big") * (width // 4) for n in numbers]
         references = [(pick.choice((2, 2, 4, 6)), pick.randrange(6)) for _ in range(pick.randrange(3))]
         legacy = ([pick.randrange(6)] * (pick.random() < 0.1), [5] * (pick.random() < 0.1))
@@ -177,6 +177,27 @@ def answers():
             check_lost(records, objects_only)
             check_recall(records, objects_only)
     check(run("live", "-", input=b"").returncode == 1, "an empty input")
+    sums_too_large()
+
+
+def sums_too_large():
+    """Records that would make a sum of sizes too large are bad, and the others count: of 2^63 bytes and one more."""
+    most, odd = 1 << 63, dict(references=[(2, 3)], size=177)
+    bloom = [make.do_record(4, 3, listed=listed, bitmap=b"b", **odd)["host"]
+             for listed in ([(64, most - 1), (65, 1)], [(64, 1)], [(65, 0)], [(66, most), (64, most)])]
+    segment = [make.segment(3, pathid=70, prints=[bytes([i]) * 32], size=size)["host"]
+               for i, size in enumerate((9, most, (1 << 64) - 1, 1 << 32))]
+    for verb, parts, bad, counted in (("live", bloom, (2, 4), ("records", 2)),
+                                      ("recall", bloom, (2, 4), ("containers", 2)),
+                                      ("freed --reference task:3", bloom, (2, 4), ("records", 2)),
+                                      ("lost --container 64 --container 65", bloom, (2, 4), ("bloom_bytes", most)),
+                                      ("live", segment, (3, 4), ("stored_bytes", most + 9))):
+        done = run(*verb.split(), "--json", "-", input=b"".join(parts))
+        total = json.loads(done.stdout.splitlines()[-1])["total"]
+        places = [f"record {n} at byte {sum(map(len, parts[:n - 1]))}:" for n in bad]
+        errors = done.stderr.decode().splitlines()
+        check(done.returncode == 1 and len(errors) == 2 and all(p in e for p, e in zip(places, errors)), verb, errors)
+        check((total[counted[0]], total["bad_records"]) == (str(counted[1]), "2"), verb, total)
 
 
 def check_live(store, records, path, objects_only, held, percent):
@@ -264,7 +285,7 @@ def limits():
     with tempfile.TemporaryDirectory() as folder:
         path, temp = pathlib.Path(folder, "store"), pathlib.Path(folder, "temp")
         temp.mkdir()
-        Store(4, 500, 250).write(path)
+        Store(4, 500, 250, 20000).write(path)  # containers that do not fit: their partitions are partitioned again
         one = dict(preexec_fn=lambda: os.sched_setaffinity(0, {min(os.sched_getaffinity(0))}))
         little = ("--memory", "1M", "--temp", temp)
         for verb in (("live", "--json"), ("live", "--held"), ("freed", "--reference", "task:3"), ("recall",)):

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "base/byteorder.h"
 #include "base/prefetch.h"
 
 #include <algorithm>
@@ -139,8 +140,30 @@ private:
 };
 
 // Hashes with a random seed of the process, so that crafted records cannot make all of them collide.
-std::uint64_t HashOfNumber(std::uint64_t number);
-std::uint64_t HashOfSegment(unsigned char const* fingerprint, unsigned int width, std::uint64_t size);
+struct HashSeeds {
+    std::uint64_t first, second, third;
+};
+extern HashSeeds const kHashSeeds;
+
+// Every bit of the result depends on all bits of both numbers.
+inline std::uint64_t MixOf(std::uint64_t a, std::uint64_t b) noexcept {
+    __extension__ using Product = unsigned __int128;
+    Product const product = Product{a} * b;
+    return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
+}
+
+inline std::uint64_t HashOfNumber(std::uint64_t number) noexcept {
+    return MixOf(number ^ kHashSeeds.first, kHashSeeds.second);
+}
+
+inline std::uint64_t HashOfSegment(unsigned char const* fingerprint, unsigned int width, std::uint64_t size) noexcept {
+    std::uint64_t hash = size ^ kHashSeeds.first;
+    for (unsigned int at = 0; at < width; at += 16) {
+        hash = MixOf(Load<std::uint64_t>(fingerprint + at) ^ hash,
+                     Load<std::uint64_t>(fingerprint + at + 8) ^ kHashSeeds.third);
+    }
+    return MixOf(hash, kHashSeeds.second);
+}
 
 struct HashOfContainer {
     std::uint64_t operator()(auto const& entry) const { return HashOfNumber(entry.dcid); }

@@ -27,17 +27,24 @@ mode_t Readers::ModeFor(gid_t group) const {
     return mode & (same ? 0666 : 0600);
 }
 
+void Readers::Restrict(struct stat const& facts, int file) {
+    if (!S_ISREG(facts.st_mode) && !S_ISBLK(facts.st_mode)) {
+        return;
+    }
+    mode_t const readable = PlainMode(facts, file) & 0444;
+    mode &= 0600 | readable | readable >> 1;
+    if (readable != 0444 && (groups.empty() || groups.back() != facts.st_gid)) {
+        groups.push_back(facts.st_gid);
+    }
+}
+
 Readers ReadersOf(std::vector<std::string> const& inputs) {
     Readers readers;
     for (std::string const& input : inputs) {
         int const file = input == "-" ? ::dup(STDIN_FILENO) : ::open(input.c_str(), O_PATH | O_CLOEXEC);
         struct stat facts {};
-        if (file != -1 && ::fstat(file, &facts) == 0 && (S_ISREG(facts.st_mode) || S_ISBLK(facts.st_mode))) {
-            mode_t const readable = PlainMode(facts, file) & 0444;
-            readers.mode &= 0600 | readable | readable >> 1;
-            if (readable != 0444) {
-                readers.groups.push_back(facts.st_gid);
-            }
+        if (file != -1 && ::fstat(file, &facts) == 0) {
+            readers.Restrict(facts, file);
         }
         if (file != -1) {
             ::close(file);
@@ -47,8 +54,11 @@ Readers ReadersOf(std::vector<std::string> const& inputs) {
 }
 
 mode_t PlainMode(struct stat const& facts, int file) {
-    bool const plain =
-        ::getxattr(NameOf(file).c_str(), kAccessList, nullptr, 0) == -1 && (errno == ENODATA || errno == EOPNOTSUPP);
+    ssize_t list = ::fgetxattr(file, kAccessList, nullptr, 0);
+    if (list == -1 && errno == EBADF) { // opened with O_PATH
+        list = ::getxattr(NameOf(file).c_str(), kAccessList, nullptr, 0);
+    }
+    bool const plain = list == -1 && (errno == ENODATA || errno == EOPNOTSUPP);
     return facts.st_mode & (plain ? 0777 : 0700);
 }
 

@@ -24,6 +24,10 @@ struct Readers {
 
     // Returns: the largest mode of a new file of that group. The bits for another group would be for other users.
     mode_t ModeFor(gid_t group) const;
+
+    // Excludes users who cannot read the open file `file`, whose status is `facts`, if it is a regular file or a block
+    // device.
+    void Restrict(struct stat const& facts, int file);
 };
 
 // Returns: the readers of the inputs that are regular files or block devices. Permissions of folders are ignored. A

@@ -9,13 +9,24 @@
 
 namespace crrecord::tool {
 
-Input::Input(std::string name) : name_(std::move(name)), file_(STDIN_FILENO) {
-    if (name_ != "-") {
-        file_ = ::open(name_.c_str(), O_RDONLY | O_CLOEXEC);
-    }
+namespace {
+
+int OpenInput(std::string const& name) {
+    return name == "-" ? STDIN_FILENO : ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+}
+
+} // namespace
+
+Input::Input(std::string name) : Input(name, OpenInput(name)) {}
+
+Input::Input(std::string name, int file) : name_(std::move(name)), file_(file) {
     if (file_ == -1 || ::fstat(file_, &facts_) == -1) {
         throw InputFailure(ErrnoText(name_, "open"));
     }
+}
+
+int Input::OpenIn(int folder, std::string const& name, int flags) {
+    return ::openat(folder, name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags);
 }
 
 Input::~Input() {
@@ -65,6 +76,18 @@ Extent Input::NextExtent(std::uint64_t most) const {
     off_t const end = endsInHole ? data : ::lseek(file_, data, SEEK_HOLE);
     ::lseek(file_, std::max(data, here), SEEK_SET);
     return end == -1 ? Extent{hole} : Extent{hole, static_cast<std::uint64_t>(end - data)};
+}
+
+void Input::ThrowIfNotRegular() const {
+    if (!S_ISREG(facts_.st_mode)) {
+        throw InputFailure(name_ + ": is not a regular file");
+    }
+}
+
+bool Input::HasHole() const {
+    off_t const hole = ::lseek(file_, 0, SEEK_HOLE);
+    ::lseek(file_, 0, SEEK_SET);
+    return hole != -1 && hole < facts_.st_size;
 }
 
 std::uint64_t Input::ExpectedSize() const {

@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include "io/file_facts.h"
+
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -25,6 +27,11 @@ class Input {
 public:
     // Opens `name`; "-" is standard input. Throws InputFailure.
     explicit Input(std::string name);
+    // Takes the open file `file`, which `name` is the name of. Throws InputFailure, also if `file` is -1, with the text
+    // of errno.
+    Input(std::string name, int file);
+    // Returns: the file `name` in the folder `folder`, opened with more `flags`, or -1. Opening a pipe does not wait.
+    static int OpenIn(int folder, std::string const& name, int flags);
     ~Input();
     Input(Input const&) = delete;
     Input& operator=(Input const&) = delete;
@@ -38,7 +45,17 @@ public:
     // the input ends or the hole continues. Standard input, and files on a file system without holes, have only data.
     Extent NextExtent(std::uint64_t most = std::numeric_limits<std::uint64_t>::max()) const;
 
+    // Returns: true if the file system reports a hole in a regular file. Must be called before Read.
+    bool HasHole() const;
+
     std::string const& Name() const { return name_; }
+    // Throws: InputFailure for another file.
+    void ThrowIfNotRegular() const;
+    struct stat const& Facts() const {
+        return facts_;
+    }
+    // Excludes users who cannot read the input.
+    void Restrict(Readers& readers) const { readers.Restrict(facts_, file_); }
     // Returns: the size of a regular file, 0 for other files.
     std::uint64_t ExpectedSize() const;
     // Returns: the bytes of a regular file that Read has not returned yet; std::nullopt for other files.

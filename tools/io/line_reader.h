@@ -15,16 +15,16 @@ namespace crrecord::tool {
 
 class LineReader {
 public:
-    // `longest` is the size of the longest allowed line, without its end.
-    LineReader(Input& text, std::size_t longest)
-        : text_(text), progress_(text.Name(), text.ExpectedSize()), block_(longest + 1) {}
+    // `longest` is the size of the longest allowed line, without its end, the character `end`.
+    LineReader(Input& text, std::size_t longest, char end = '\n')
+        : text_(text), lineEnd_(end), progress_(text.Name(), text.ExpectedSize()), block_(longest + 1) {}
 
     // Returns: the next line without its end, or std::nullopt after the last line. Of a line that is too long: its
     // first `longest` + 1 bytes.
     // Throws: InputFailure.
     // Lifetime: until the next call.
     std::optional<std::string_view> Next() {
-        if (Rest().find('\n') == std::string_view::npos) {
+        if (Rest().find(lineEnd_) == std::string_view::npos) {
             Fill();
         }
         std::string_view const rest = Rest();
@@ -32,7 +32,7 @@ public:
             return std::nullopt;
         }
         ++number_;
-        std::string_view const line = rest.substr(0, rest.find('\n'));
+        std::string_view const line = rest.substr(0, rest.find(lineEnd_));
         begin_ += std::min(line.size() + 1, rest.size());
         return line;
     }
@@ -53,6 +53,7 @@ private:
     }
 
     Input& text_;
+    char lineEnd_;
     Progress progress_;
     std::vector<unsigned char> block_;
     std::size_t begin_ = 0; // of the rest in the block

@@ -3,6 +3,7 @@
 #include "io/failure.h"
 #include "io/file_facts.h"
 #include "io/progress.h"
+#include "io/signals.h"
 
 #include <array>
 #include <csignal>
@@ -80,11 +81,11 @@ void Output::WriteToFile() {
     }
 }
 
-OutputFile::OutputFile(std::string path, std::vector<std::string> const& inputs)
+OutputFile::OutputFile(std::vector<std::string> const* inputs, std::string path)
     : path_(std::move(path)), file_(path_ == "-" ? STDOUT_FILENO : Open(inputs)),
       output_(file_, path_ == "-" ? "standard output" : path_) {}
 
-int OutputFile::Open(std::vector<std::string> const& inputs) {
+int OutputFile::Open(std::vector<std::string> const* inputs) {
     // Reaching the file size limit is an error, not a signal.
     ::signal(SIGXFSZ, SIG_IGN);
     auto const former = FactsOf(path_, -1);
@@ -116,10 +117,42 @@ void OutputFile::Abandon() {
     }
 }
 
-void OutputFile::Commit() {
+void OutputFile::WidenFor(Readers const& readers) {
+    if (replacement_) {
+        replacement_->WidenFor(readers);
+    }
+}
+
+bool OutputFile::IsFile(struct stat const& facts) const {
+    struct stat own {};
+    return replacement_ ? replacement_->IsFile(facts)
+                        : S_ISREG(facts.st_mode) && ::fstat(file_, &own) == 0 && own.st_dev == facts.st_dev &&
+                              own.st_ino == facts.st_ino;
+}
+
+void OutputFile::CommitAll(std::initializer_list<OutputFile*> files) {
+    for (OutputFile* const file : files) {
+        if (file) {
+            file->Finish();
+        }
+    }
+    auto const forEach = [&files](auto step) {
+        for (OutputFile* const file : files) {
+            if (file && file->replacement_) {
+                step(*file->replacement_);
+            }
+        }
+    };
+    EndersBlocked const blocked;
+    forEach([](Replacement& replacement) { replacement.Link(); });
+    forEach([](Replacement& replacement) { replacement.Publish(); });
+    forEach([](Replacement const& replacement) { replacement.SyncFolder(); });
+}
+
+void OutputFile::Finish() {
     output_.Flush();
     if (replacement_) {
-        replacement_->Commit();
+        replacement_->Sync();
     } else if (file_ != STDOUT_FILENO && ::close(std::exchange(file_, -1)) == -1) {
         throw Failure(ErrnoText(path_, "write"));
     }

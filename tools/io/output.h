@@ -95,12 +95,13 @@ private:
 };
 
 // The output file of a verb. A regular file is replaced only when its content is complete and on disk (Replacement): an
-// error, a full disk or a signal leaves the former file. "-", devices and pipes are written directly. Only one may
-// exist at a time.
+// error, a full disk or a signal leaves the former file. "-", devices and pipes are written directly.
 class OutputFile {
 public:
     // `inputs` are the files whose content is written: users who cannot read them cannot read a new file.
-    OutputFile(std::string path, std::vector<std::string> const& inputs);
+    OutputFile(std::string path, std::vector<std::string> const& inputs) : OutputFile(&inputs, std::move(path)) {}
+    // For inputs that are not known yet: a new file is private until WidenFor.
+    explicit OutputFile(std::string path) : OutputFile(nullptr, std::move(path)) {}
     ~OutputFile();
     OutputFile(OutputFile const&) = delete;
     OutputFile& operator=(OutputFile const&) = delete;
@@ -108,10 +109,18 @@ public:
     void Write(void const* bytes, std::size_t size) { output_.Write({static_cast<char const*>(bytes), size}); }
     // For text that is formatted in place.
     Output& Text() { return output_; }
+    // Gives a new file the mode for these readers of its content.
+    void WidenFor(Readers const& readers);
+    // Whether an open file with this status is the regular file that is written or replaced.
+    bool IsFile(struct stat const& facts) const;
+
     // Writes the rest and replaces the former file.
-    void Commit();
+    void Commit() { CommitAll({this}); }
     // Ends an output that is not complete: the former file is kept. A direct output receives everything so far.
     void Abandon();
+    // The same as Commit for several files; null ones are ignored. They are complete and on disk before the first one
+    // replaces its former file; the others follow at once, in this order, and no signal ends the process between them.
+    static void CommitAll(std::initializer_list<OutputFile*> files);
 
 private:
     std::string path_;
@@ -119,7 +128,10 @@ private:
     int file_;
     Output output_;
 
-    int Open(std::vector<std::string> const& inputs);
+    OutputFile(std::vector<std::string> const* inputs, std::string path);
+    int Open(std::vector<std::string> const* inputs);
+    // Writes the rest.
+    void Finish();
 };
 
 } // namespace crrecord::tool

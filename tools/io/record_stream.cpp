@@ -2,6 +2,7 @@
 
 #include "io/failure.h"
 #include "io/record_heads.h"
+#include "io/record_names.h"
 
 #include <crrecord/DORecordHeader.h>
 #include <crrecord/SOmarshall.h>
@@ -53,7 +54,7 @@ char const* NameOfFingerprint(unsigned int fptype) noexcept {
 }
 
 std::string PlaceOf(std::string_view file, Record const& record) {
-    return fmt::format("{}: record {} at byte {}", file, record.number, record.offset);
+    return fmt::format("{}: {} at byte {}", file, LabelOf(record.number, record.offset), record.offset);
 }
 
 void ConvertRecord(Record const& record, Order order) noexcept {

@@ -70,7 +70,7 @@ char const* NameOf(Kind kind) noexcept;
 char const* NameOf(Order order) noexcept;
 char const* NameOfFingerprint(unsigned int fptype) noexcept;
 
-// Returns: "FILE: record 3 at byte 272", for messages.
+// Returns: "FILE: record 3 at byte 272", or with the name of the record, for messages.
 std::string PlaceOf(std::string_view file, Record const& record);
 
 // Converts the bytes of a valid record, which are in the order in which they were read, to `order`.

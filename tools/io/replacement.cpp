@@ -4,6 +4,7 @@
 #include "io/file_facts.h"
 #include "io/signals.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -21,9 +22,12 @@ namespace crrecord::tool {
 
 namespace {
 
-// The temporary file for the signal handler; empty if there is none.
-char unfinished[NAME_MAX + 1];
-int unfinishedFolder = -1;
+// The temporary files for the signal handler; the name of a free slot is empty.
+struct Unfinished {
+    char name[NAME_MAX + 1];
+    int folder;
+};
+Unfinished unfinished[Replacement::kMost];
 
 extern "C" void RemoveUnfinished(int signal) {
     RemoveUnfinishedOutput();
@@ -41,18 +45,20 @@ std::string RandomName() {
 } // namespace
 
 void RemoveUnfinishedOutput() noexcept {
-    if (unfinished[0] != '\0') {
-        ::unlinkat(unfinishedFolder, unfinished, 0);
+    for (Unfinished const& file : unfinished) {
+        if (file.name[0] != '\0') {
+            ::unlinkat(file.folder, file.name, 0);
+        }
     }
 }
 
 Replacement::Replacement(std::string path) : path_(std::move(path)) {}
 
-Replacement::Replacement(std::string path, std::vector<std::string> const& inputs) : Replacement(std::move(path)) {
+Replacement::Replacement(std::string path, std::vector<std::string> const* inputs) : Replacement(std::move(path)) {
     OpenFolder();
     former_ = ::openat(folder_, base_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
     if (former_ == -1 && errno == ENOENT) {
-        CreateFor(ReadersOf(inputs));
+        inputs ? CreateFor(ReadersOf(*inputs)) : Create(0600);
         return;
     }
     struct stat former {};
@@ -70,7 +76,7 @@ Replacement::Replacement(std::string path, std::vector<std::string> const& input
 Replacement::~Replacement() {
     if (!temporary_.empty()) {
         ::unlinkat(folder_, temporary_.c_str(), 0);
-        unfinished[0] = '\0';
+        unfinished[slot_].name[0] = '\0';
     }
     for (int const file : {file_, former_, folder_}) {
         if (file != -1) {
@@ -127,8 +133,12 @@ void Replacement::CreateFor(Readers const& readers) {
         return;
     }
     Create(0600);
+    WidenFor(readers);
+}
+
+void Replacement::WidenFor(Readers const& readers) {
     struct stat made {};
-    if (RemoveList() && ::fstat(file_, &made) == 0) {
+    if (former_ == -1 && RemoveList() && ::fstat(file_, &made) == 0) {
         mode_t const umask = ::umask(077);
         ::umask(umask);
         // If this fails the mode stays narrower.
@@ -152,8 +162,14 @@ bool Replacement::RemoveList() const {
 }
 
 void Replacement::RemoveWhenInterrupted(std::string&& name) {
-    unfinishedFolder = folder_;
-    unfinished[name.copy(unfinished, sizeof unfinished - 1)] = '\0';
+    auto const isFree = [](Unfinished const& file) { return file.name[0] == '\0'; };
+    auto const free = std::find_if(std::begin(unfinished), std::end(unfinished), isFree);
+    if (free == std::end(unfinished)) {
+        throw Failure(path_ + ": more than four output files at a time");
+    }
+    slot_ = static_cast<std::size_t>(free - std::begin(unfinished));
+    free->folder = folder_;
+    free->name[name.copy(free->name, sizeof free->name - 1)] = '\0';
     temporary_ = std::move(name);
     for (int const signal : kEnders) {
         struct sigaction action {};
@@ -164,7 +180,25 @@ void Replacement::RemoveWhenInterrupted(std::string&& name) {
     }
 }
 
+bool Replacement::IsFile(struct stat const& facts) const {
+    struct stat own {};
+    auto const isSame = [&](int file) {
+        return file != -1 && ::fstat(file, &own) == 0 && own.st_dev == facts.st_dev && own.st_ino == facts.st_ino;
+    };
+    return isSame(file_) || isSame(former_);
+}
+
+void Replacement::Sync() const {
+    if (::fsync(file_) == -1) {
+        throw Failure(ErrnoText(path_, "write"));
+    }
+}
+
 void Replacement::Link() {
+    ThrowIfReplaced();
+    if (!temporary_.empty()) {
+        return;
+    }
     EndersBlocked const blocked;
     std::string name;
     int result = 0;
@@ -178,13 +212,7 @@ void Replacement::Link() {
     RemoveWhenInterrupted(std::move(name));
 }
 
-void Replacement::Commit() {
-    if (::fsync(file_) == -1) {
-        throw Failure(ErrnoText(path_, "write"));
-    }
-    if (temporary_.empty()) {
-        Link();
-    }
+void Replacement::Publish() {
     if (::close(std::exchange(file_, -1)) == -1) {
         throw Failure(ErrnoText(path_, "write"));
     }
@@ -192,9 +220,8 @@ void Replacement::Commit() {
     if (::renameat(folder_, temporary_.c_str(), folder_, base_.c_str()) == -1) {
         throw Failure(ErrnoText(path_, "replace"));
     }
-    unfinished[0] = '\0';
+    unfinished[slot_].name[0] = '\0';
     temporary_.clear();
-    SyncFolder();
 }
 
 // The new file has the permissions of the former one and must not replace a different file.

@@ -11,11 +11,11 @@
 
 namespace crrecord::tool {
 
-// Removes the file of an incomplete output, if it has a name. Safe in signal handlers.
+// Removes the files of incomplete outputs that have a name. Safe in signal handlers.
 void RemoveUnfinishedOutput() noexcept;
 
 // The new file has no name until it is complete, if the file system allows that; otherwise it has a random one, which
-// an error or a signal removes. One at a time.
+// an error or a signal removes. Up to kMost at a time.
 //
 // It replaces the file `path`, with symbolic links resolved, and keeps its owner, group and permissions. If the owner
 // or group cannot be changed, or the former file has an access control list, only the owner's permissions are kept.
@@ -26,8 +26,11 @@ void RemoveUnfinishedOutput() noexcept;
 // Names are resolved once: files and links that are moved meanwhile do not get the access of another file.
 class Replacement {
 public:
+    static constexpr std::size_t kMost = 4;
+
+    // If `inputs` is null, a new file is private until WidenFor.
     // Throws: Failure if the file cannot be created, or `path` is not a regular file.
-    Replacement(std::string path, std::vector<std::string> const& inputs);
+    Replacement(std::string path, std::vector<std::string> const* inputs);
     ~Replacement();
     Replacement(Replacement const&) = delete;
     Replacement& operator=(Replacement const&) = delete;
@@ -35,10 +38,22 @@ public:
     // The descriptor to write to.
     int File() const { return file_; }
 
-    // Replaces the former file and syncs the file and its folder to disk.
-    // Throws: Failure; also if another program replaced or removed the former file meanwhile.
-    // On failure: a former file is unchanged, unless only the folder could not be synced.
-    void Commit();
+    // Gives a new file the mode for these readers of its content, without the access control list of its folder. A file
+    // that replaces a former one keeps that one's access.
+    void WidenFor(Readers const& readers);
+
+    // Whether an open file with this status is the new file or the former one.
+    bool IsFile(struct stat const& facts) const;
+
+    // The steps of a commit. Each throws Failure, and leaves a former file unchanged if Publish was not called.
+    // Syncs the new file to disk.
+    void Sync() const;
+    // Gives the new file a name. Throws also if another program replaced or removed the former file meanwhile.
+    void Link();
+    // Replaces the former file.
+    void Publish();
+    // Syncs the folder.
+    void SyncFolder() const;
 
 private:
     std::string path_; // as the user named it
@@ -47,6 +62,7 @@ private:
     int former_ = -1;  // the former file, if there is one, opened with O_PATH
     int file_ = -1;
     std::string temporary_; // the new file's name in its folder, if it has one
+    std::size_t slot_ = 0;  // for the signal handler, if it has one
 
     // Delegated to, so that the destructor runs if the other constructor throws.
     explicit Replacement(std::string path);
@@ -56,9 +72,7 @@ private:
     void CreateFor(Readers const& readers);
     void CopyAccess(struct stat const& former) const;
     bool RemoveList() const;
-    void Link();
     void ThrowIfReplaced() const;
-    void SyncFolder() const;
     void RemoveWhenInterrupted(std::string&& name);
 };
 

@@ -53,16 +53,18 @@ constexpr std::uint64_t LargestOf(unsigned int width) noexcept {
 // The members of every line, the numbers of the fixed part, and those of one kind of record.
 template <class Reader, std::size_t N, std::size_t M>
 constexpr auto MemberTable(std::array<NumberMember, N> const& numbers, Member<Reader> const (&own)[M]) {
-    std::array<Member<Reader>, 8 + N + M> members{
+    std::array<Member<Reader>, 10 + N + M> members{
         {{{"schema"}, &Reader::ReadSchema},
          {{"file", Need::Optional}, &Reader::PassText},
          {{"file_hex", Need::Optional}, &Reader::PassText},
          {{"record", Need::Optional, 0, 0, 1, LargestOf(8)}, &Reader::PassNumber},
          {{"offset", Need::Optional}, &Reader::PassDecimal},
+         {{"name", Need::Optional}, &Reader::PassText},
+         {{"name_hex", Need::Optional}, &Reader::PassText},
          {{"kind"}, &Reader::ReadKind},
          {{"order"}, &Reader::ReadOrder},
          {{"valid", Need::Optional}, &Reader::PassBool}}};
-    auto at = members.begin() + 8;
+    auto at = members.begin() + 10;
     for (auto const& [name, offset, width, derived] : numbers) {
         using Use = typename Member<Reader>::Use;
         Use const read = derived ? Use(&Reader::ReadDerived) : Use(&Reader::ReadNumber);

@@ -21,14 +21,18 @@ constexpr char kHead[] = R"(<!doctype html>
 }
 body { font: 16px/1.4 system-ui, sans-serif; color: var(--text); background: var(--back); margin: 1rem auto;
        max-width: 72rem; padding: 0 1rem; }
-main { display: grid; gap: 0 3rem; grid-template-columns: repeat(auto-fit, minmax(min(100%, 30rem), 1fr)); }
+main { columns: 2 30rem; column-gap: 3rem; } section { break-inside: avoid; } h2 { margin-top: 0; padding-top: .8rem; }
 h1 { font-size: 1.4rem; } h2 { font-size: 1.1rem; }
 table { border-collapse: collapse; width: 100%; font-variant-numeric: tabular-nums; }
 th, td { padding: .15rem .4rem; text-align: right; border-bottom: 1px solid var(--rule); font-weight: normal; }
-th:first-child, td:first-child { text-align: left; white-space: nowrap; }
-td.bar { width: 45%; }
-td.bar div { height: .9rem; background: var(--bar); }
-tr.bad th, tr.bad td { color: var(--bad); } tr.bad td.bar div { background: var(--bad); }
+th, td { white-space: nowrap; }
+th:first-child, td:first-child { text-align: left; padding-left: 0; } th:last-child, td:last-child { padding-right: 0; }
+td.bar { width: 60%; }
+td.bar div { height: .9rem; border-radius: 2px; background: var(--bar); }
+dl { display: grid; gap: .6rem; grid-template-columns: repeat(auto-fit, minmax(8rem, 1fr)); }
+dl div { border: 1px solid var(--rule); border-radius: 6px; padding: .4rem .7rem; }
+dt { font-size: .875rem; } dd { margin: 0; font-size: 1.2rem; font-variant-numeric: tabular-nums; }
+.bad, .bad dd, tr.bad th, tr.bad td { color: var(--bad); } tr.bad td.bar div { background: var(--bad); }
 </style>
 )";
 
@@ -45,7 +49,7 @@ void WriteBars(Output& out, char const* title, std::vector<Bar> const& bars) {
     for (Bar const& bar : bars) {
         greatest = std::max(greatest, bar.value);
     }
-    out.Print("<section>\n<h2>{}</h2>\n<table>\n", title);
+    out.Print("<section>\n<h2>{0}</h2>\n<table aria-label=\"{0}\">\n", title);
     for (Bar const& bar : bars) {
         out.Print("<tr{}><th scope=\"row\">{}</th><td class=\"bar\"><div style=\"width:{:.1f}%\"></div></td>"
                   "<td>{}</td></tr>\n",
@@ -59,7 +63,9 @@ struct PageSums {
     std::uint64_t needed = 0;
     std::uint64_t gain = 0;
     std::uint64_t missing = 0;
+    std::uint64_t missingSegments = 0;
     std::uint64_t dead = 0;
+    std::uint64_t deadBytes = 0;
     std::array<std::uint64_t, 10> byPart{}; // containers with needed bytes, by tenths of the stored ones
 };
 
@@ -70,8 +76,10 @@ PageSums SumsOf(StoreContainers const& containers, unsigned int sparsePercent) {
         AddBytes(sums.needed, container.first.bytes);
         AddBytes(sums.gain, GainOf(container));
         AddBytes(sums.missing, container.onlyFirst.bytes);
+        sums.missingSegments += container.onlyFirst.segments;
         if (StateOf(container, sparsePercent) == ContainerState::Dead) {
             ++sums.dead;
+            AddBytes(sums.deadBytes, container.second.bytes);
         } else if (container.second.bytes != 0 && container.isInBloom == 0) {
             double const part =
                 static_cast<double>(container.first.bytes) / static_cast<double>(container.second.bytes);
@@ -82,12 +90,12 @@ PageSums SumsOf(StoreContainers const& containers, unsigned int sparsePercent) {
 }
 
 void WriteParts(Output& out, PageSums const& sums) {
-    std::vector<Bar> bars{{"dead", sums.dead, Counted(sums.dead, "container")}};
+    std::vector<Bar> bars{{"dead", sums.dead, fmt::to_string(sums.dead)}};
     for (std::size_t i = 0; i < sums.byPart.size(); ++i) {
         bars.push_back(
-            {fmt::format("{} to {} %", 10 * i, 10 * i + 10), sums.byPart[i], Counted(sums.byPart[i], "container")});
+            {fmt::format("{} to {} %", 10 * i, 10 * i + 10), sums.byPart[i], fmt::to_string(sums.byPart[i])});
     }
-    WriteBars(out, "Containers by their needed part", bars);
+    WriteBars(out, "Number of containers by their needed part", bars);
 }
 
 void WriteObjects(Output& out, StoreTotals const& totals) {
@@ -97,15 +105,16 @@ void WriteObjects(Output& out, StoreTotals const& totals) {
         if (count != 0) {
             std::uint64_t const least = std::uint64_t{1} << i;
             bars.push_back(
-                {i == 0 ? "1" : fmt::format("{} to {}", least, 2 * least - 1), count, Counted(count, "object")});
+                {i == 0 ? "1" : fmt::format("{} to {}", least, 2 * least - 1), count, fmt::to_string(count)});
         }
     }
-    WriteBars(out, "Objects by their number of containers", bars);
+    WriteBars(out, "Fragmentation: objects by their number of containers", bars);
 }
 
 void WriteSparsest(Output& out, StoreContainers& containers, unsigned int sparsePercent) {
     constexpr unsigned int kMost = 20;
-    out.Write("<section>\n<h2>Best to compact</h2>\n<table>\n<tr><th scope=\"col\">container</th>"
+    out.Write("<section>\n<h2>Best to compact</h2>\n<table aria-label=\"Best to compact\">\n<tr><th "
+              "scope=\"col\">container</th>"
               "<th scope=\"col\">state</th><th scope=\"col\">needed</th><th scope=\"col\">gain</th></tr>\n");
     unsigned int count = 0;
     containers.ForEachSorted(IsSparser, [&](ContainerSums const& sums) {
@@ -118,6 +127,42 @@ void WriteSparsest(Output& out, StoreContainers& containers, unsigned int sparse
     out.Write("</table>\n</section>\n");
 }
 
+void WriteFigure(Output& out, char const* name, std::string const& text, bool bad = false) {
+    out.Print("<div{}><dt>{}</dt><dd>{}</dd></div>\n", bad ? " class=\"bad\"" : "", name, text);
+}
+
+// The sums, and first what needs attention.
+void WriteSummary(Output& out, StoreScan& scan, PageSums const& sums) {
+    StoreTotals const& totals = scan.Totals();
+    bool const hasStored = totals.segmentRecords != 0;
+    std::uint64_t const conflicts = scan.Containers().Conflicts();
+    if (hasStored && sums.missingSegments != 0) {
+        out.Print("<p class=\"bad\">Data is missing: {} of {} needed and not stored.</p>\n",
+                  Counted(sums.missingSegments, "segment"), InUnits(sums.missing));
+    }
+    if (!totals.isComplete) {
+        out.Write("<p class=\"bad\">Incomplete: a record that was not read may need a dead container.</p>\n");
+    }
+    out.Write("<dl>\n");
+    WriteFigure(out, "records", fmt::to_string(totals.records));
+    WriteFigure(out, "held records", fmt::to_string(totals.held));
+    WriteFigure(out, "containers", fmt::to_string(scan.Containers().size()));
+    WriteFigure(out, "needed", InUnits(sums.needed));
+    if (hasStored) {
+        WriteFigure(out, "dead containers", fmt::to_string(sums.dead));
+        WriteFigure(out, "dead bytes", InUnits(sums.deadBytes));
+        WriteFigure(out, "not needed", InUnits(sums.gain));
+        WriteFigure(out, "segment records", fmt::to_string(totals.segmentRecords));
+    }
+    if (totals.bad != 0) {
+        WriteFigure(out, "bad records, not counted", fmt::to_string(totals.bad), true);
+    }
+    if (conflicts != 0) {
+        WriteFigure(out, "segments with several sizes", fmt::to_string(conflicts), true);
+    }
+    out.Write("</dl>\n");
+}
+
 } // namespace
 
 void WriteStorePage(Output& out, StoreScan& scan, unsigned int sparsePercent) {
@@ -125,12 +170,8 @@ void WriteStorePage(Output& out, StoreScan& scan, unsigned int sparsePercent) {
     PageSums const sums = SumsOf(scan.Containers(), sparsePercent);
     bool const hasStored = totals.segmentRecords != 0;
     out.Write(kHead);
-    out.Print("<h1>{} and {} in {}</h1>\n", Counted(totals.records, "record"),
-              Counted(totals.segmentRecords, "segment record"), Counted(scan.Containers().size(), "container"));
-    if (totals.bad != 0 || scan.Containers().Conflicts() != 0) {
-        out.Print("<p>{} not counted; {} with several sizes.</p>\n", Counted(totals.bad, "bad record"),
-                  Counted(scan.Containers().Conflicts(), "segment"));
-    }
+    out.Write("<h1>Live data of a store</h1>\n");
+    WriteSummary(out, scan, sums);
     out.Write("<main>\n");
     if (hasStored) {
         WriteBars(out, "Bytes",
@@ -138,11 +179,13 @@ void WriteStorePage(Output& out, StoreScan& scan, unsigned int sparsePercent) {
                    {"not needed", sums.gain, InUnits(sums.gain)},
                    {"missing", sums.missing, InUnits(sums.missing), true}});
         WriteParts(out, sums);
-        WriteSparsest(out, scan.Containers(), sparsePercent);
     } else {
         WriteBars(out, "Bytes", {{"needed", sums.needed, InUnits(sums.needed)}});
     }
     WriteObjects(out, totals);
+    if (hasStored) {
+        WriteSparsest(out, scan.Containers(), sparsePercent);
+    }
     out.Write("</main>\n</html>\n");
 }
 

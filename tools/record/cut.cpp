@@ -26,8 +26,6 @@ constexpr unsigned int kMostThreads = 32;      // more than one reading thread c
 
 // Segments of the default size for all lanes.
 constexpr std::uint64_t kParallelBatch = ParallelSha256::kLanes * 128UL * 1024;
-// The start takes longer than is saved with smaller inputs.
-constexpr std::uint64_t kLeastParallelInput = 32UL * 1024 * 1024;
 static_assert(kBatch <= ParallelSha256::kMostBytes);
 constexpr std::uint64_t kMostMemory = 128UL * 1024 * 1024; // of all batches, two for each thread
 constexpr unsigned int kMostParallelThreads = 8;           // each hashes several GB/s
@@ -82,12 +80,10 @@ class SegmentCutter {
 public:
     // `expected` is the size of the input, or 0 if it is unknown.
     SegmentCutter(CutOptions const& options, std::uint64_t expected, Progress& progress,
-                  std::function<void(CutSegment const&)> const& use)
+                  std::function<void(CutSegment&)> const& use)
         : options_(options), progress_(progress), use_(use), atOnce_(AtOnce(expected)), digester_(options),
           pipeline_(
-              Threads(), [this](CutBatch& batch) { Digest(batch); }, [this](CutBatch& batch) { Account(batch); }) {
-        totals_.firstContainer = totals_.lastContainer = options.firstContainer;
-    }
+              Threads(), [this](CutBatch& batch) { Digest(batch); }, [this](CutBatch& batch) { Account(batch); }) {}
 
     // Returns: the buffer for the next bytes of the input.
     std::span<unsigned char> Buffer() {
@@ -130,10 +126,8 @@ private:
 
     // Returns: true to hash segments at once.
     bool AtOnce(std::uint64_t expected) const {
-        bool const isSha256 = options_.fptype == CR_FP_TYPE_SHA256 || options_.fptype == CR_FP_TYPE_SHA256_128;
         bool const isSmall = expected != 0 && expected < kLeastParallelInput;
-        return IsWhole() && options_.LargestSegment() <= ParallelSha256::kMostBytes && isSha256 && !isSmall &&
-               ParallelSha256::Create();
+        return IsWhole() && !isSmall && CanDigestAtOnce(options_);
     }
 
     // Bytes of a batch that starts at `offset`. CutBatches of whole segments of one size end at a multiple of it.
@@ -188,9 +182,7 @@ private:
         std::uint64_t at = 0;
         while (at < end && (batch.endsSegment || !options_.content || end - at >= options_.content->most)) {
             std::uint64_t const size =
-                options_.content
-                    ? FirstContentCut(&batch.bytes[at], end - at, *options_.content)
-                    : std::min(end - at, options_.segmentSize - (batch.offset + at) % options_.segmentSize);
+                FirstSegment(std::span(batch.bytes).subspan(at, end - at), batch.offset + at, options_);
             batch.sizes.push_back(static_cast<std::uint32_t>(size));
             at += size;
         }
@@ -200,6 +192,7 @@ private:
 
     void Digest(CutBatch& batch) {
         if (IsWhole()) {
+            batch.crc = libdeflate_crc32(0, batch.bytes.data(), batch.size);
             DigestWhole(batch, options_, atOnce_);
         } else {
             digester_.Append(batch);
@@ -213,32 +206,15 @@ private:
         totals_.gaps += gap;
         totals_.bytes += gap + batch.size;
         for (CutSegment& segment : batch.segments) {
-            segment.container = Place(segment.size);
             use_(segment);
         }
         totals_.segments += batch.segments.size();
     }
 
-    // Returns: the container for a segment: the current one while the segment fits into it.
-    unsigned int Place(std::uint64_t size) {
-        if (options_.containerSize - used_ < size) {
-            if (totals_.lastContainer == CutOptions::kMost32) {
-                throw Failure(fmt::format("no container ids are left after {}: choose larger containers or a first "
-                                          "container before {}",
-                                          CutOptions::kMost32, totals_.firstContainer));
-            }
-            ++totals_.lastContainer;
-            used_ = 0;
-        }
-        used_ += size;
-        return totals_.lastContainer;
-    }
-
     CutOptions const& options_;
     Progress& progress_;
-    std::function<void(CutSegment const&)> const& use_;
+    std::function<void(CutSegment&)> const& use_;
     std::uint64_t position_ = 0; // in the input
-    std::uint64_t used_ = 0;     // of the last container
     CutTotals totals_;
     bool atOnce_;
     Digester digester_;
@@ -250,11 +226,13 @@ private:
 
 } // namespace
 
-CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::function<void(CutSegment const&)> const& use) {
-    if (options.containerSize < options.LargestSegment()) {
-        throw Failure(fmt::format("a container of {} bytes cannot hold a segment of {}: raise --container-size",
-                                  options.containerSize, options.LargestSegment()));
+void ThrowIfEmpty(std::string const& name, CutTotals const& totals) {
+    if (totals.segments == 0) {
+        throw InputFailure(name + (totals.bytes == 0 ? ": is empty" : ": is one hole") + ", so it has no segments");
     }
+}
+
+CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::function<void(CutSegment&)> const& use) {
     Progress progress(input.Name(), input.ExpectedSize());
     SegmentCutter cutter(options, input.ExpectedSize(), progress, use);
     Extent extent = holes == Holes::AreGaps ? input.NextExtent() : Extent{};
@@ -272,9 +250,7 @@ CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::functio
         }
     }
     CutTotals const totals = cutter.Finish();
-    if (totals.segments == 0) {
-        throw Failure(input.Name() + (totals.bytes == 0 ? ": is empty" : ": is one hole") + ", so it has no segments");
-    }
+    ThrowIfEmpty(input.Name(), totals);
     return totals;
 }
 

@@ -38,8 +38,8 @@ enum class Holes {
 struct CutSegment {
     std::uint64_t offset = 0;
     std::uint64_t size = 0;
-    std::uint32_t crc = 0; // CRC-32, as of gzip, or 0 without CutOptions::segmentCrcs
-    unsigned int container = 0;
+    std::uint32_t crc = 0;       // CRC-32, as of gzip, or 0 without CutOptions::segmentCrcs
+    std::uint64_t container = 0; // set by the caller
     crfp_digest_t fingerprint{};
 };
 
@@ -49,20 +49,18 @@ struct CutTotals {
     std::uint64_t gaps = 0;  // bytes in no segment
     std::uint32_t crc = 0;   // CRC-32 of all bytes; those of gaps are zeros
     std::uint64_t segments = 0;
-    unsigned int firstContainer = 0;
-    unsigned int lastContainer = 0;
-
-    std::uint64_t Containers() const { return std::uint64_t{lastContainer} - firstContainer + 1; }
 };
 
 // Reads `input` to its end and calls use(segment) for each segment, in order and on this thread. Shows the progress on
 // the terminal. Segments of up to 256 KiB, and those cut by
 // content, are hashed on all processors. Segments end where
 // their content says so, or at multiples of their size; and where a gap begins, so a hole changes only the segments
-// that it touches. Containers are filled one after the other.
-// Throws: Failure if the input is empty or one gap, if a segment is larger than a container, and if container ids
-// exceed 32 bits.
+// that it touches.
+// Throws: InputFailure if the input cannot be read, is empty or is one gap.
 // Memory: at most 136 MiB for the batches, for any number of processors.
-CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::function<void(CutSegment const&)> const& use);
+CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::function<void(CutSegment&)> const& use);
+
+// Throws: InputFailure if `totals` have no segments.
+void ThrowIfEmpty(std::string const& name, CutTotals const& totals);
 
 } // namespace crrecord::tool

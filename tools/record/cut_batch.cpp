@@ -41,9 +41,18 @@ bool DigestAtOnce(CutBatch& batch, Pieces const& pieces, unsigned int fptype) {
 
 } // namespace
 
+std::uint64_t FirstSegment(std::span<unsigned char const> bytes, std::uint64_t offset, CutOptions const& options) {
+    return options.content ? FirstContentCut(bytes.data(), bytes.size(), *options.content)
+                           : std::min(bytes.size(), options.segmentSize - offset % options.segmentSize);
+}
+
+bool CanDigestAtOnce(CutOptions const& options) {
+    bool const isSha256 = options.fptype == CR_FP_TYPE_SHA256 || options.fptype == CR_FP_TYPE_SHA256_128;
+    return isSha256 && options.LargestSegment() <= ParallelSha256::kMostBytes && ParallelSha256::Create();
+}
+
 void DigestWhole(CutBatch& batch, CutOptions const& options, bool atOnce) {
     std::span<unsigned char const> bytes = std::span(batch.bytes).first(batch.size);
-    batch.crc = libdeflate_crc32(0, bytes.data(), bytes.size());
     batch.segments.resize(batch.sizes.size());
     Pieces pieces;
     std::uint64_t offset = batch.offset;

@@ -16,14 +16,24 @@ struct CutBatch {
     std::uint64_t number = 0; // from 0
     std::uint64_t offset = 0;
     std::uint64_t size = 0;
-    bool endsSegment = false; // a gap or the input's end follows
-    std::uint32_t crc = 0;
+    bool endsSegment = false;               // a gap or the input's end follows
+    std::uint32_t crc = 0;                  // of all bytes
     std::vector<std::uint32_t> sizes;       // of the segments, if the batch consists of whole ones
     std::vector<CutSegment> segments;       // without their containers
     std::unique_ptr<ParallelSha256> sha256; // if the segments are hashed at once
 };
 
-// Computes fingerprints and checksums of a batch of whole segments, of several at once if `atOnce`.
+// Returns: the size of the segment that starts at `offset` of an object. `bytes` are the rest of the object, or at
+// least as many as the largest segment has.
+std::uint64_t FirstSegment(std::span<unsigned char const> bytes, std::uint64_t offset, CutOptions const& options);
+
+// The start of hashing at once takes longer than is saved with fewer bytes.
+inline constexpr std::uint64_t kLeastParallelInput = 32UL * 1024 * 1024;
+
+// Returns: true if segments of this kind can be hashed at once. Takes some time.
+bool CanDigestAtOnce(CutOptions const& options);
+
+// Computes fingerprints and checksums of the segments of a batch of whole segments, of several at once if `atOnce`.
 // Throws: Failure.
 void DigestWhole(CutBatch& batch, CutOptions const& options, bool atOnce);
 

@@ -1,6 +1,7 @@
 #include "record/record_findings.h"
 
 #include "io/failure.h"
+#include "io/record_names.h"
 
 #include <crrecord/DORecordHeader.h>
 #include <crrecord/SOmarshall.h>
@@ -125,8 +126,8 @@ void AppendJsonStart(fmt::memory_buffer& to, Record const& record) {
 }
 
 void AppendJsonStart(fmt::memory_buffer& to, std::string_view quotedFile, Record const& record, bool valid) {
-    fmt::format_to(std::back_inserter(to), FMT_COMPILE(R"({},"file":{},"record":{},"offset":{})"), JsonStart(),
-                   quotedFile, record.number, Decimal{record.offset});
+    fmt::format_to(std::back_inserter(to), FMT_COMPILE(R"({},"file":{},"record":{},"offset":{}{})"), JsonStart(),
+                   quotedFile, record.number, Decimal{record.offset}, JsonNameOf(record.offset));
     AppendJsonKind(to, record);
     fmt::format_to(std::back_inserter(to), FMT_COMPILE(R"(,"valid":{})"), valid);
 }

@@ -1,6 +1,7 @@
 #include "record/show_object.h"
 
 #include "io/failure.h"
+#include "io/record_names.h"
 #include "record/references.h"
 
 #include <crrecord/do_types.h>
@@ -34,7 +35,8 @@ void PrintHeader(Output& out, Record const& record, DORecordView const& view) {
         PrintHeading(out, fmt::format("Exchange form of {}, and the DO record of {} that it makes",
                                       Counted(record.size, "byte"), Counted(view.GetHeaderSize(), "byte")));
     } else {
-        PrintHeading(out, fmt::format("Record {} at byte {}: DO record in {} order, {}", record.number, record.offset,
+        PrintHeading(out, fmt::format("{} at byte {}: DO record in {} order, {}",
+                                      LabelOf(record.number, record.offset, "Record"), record.offset,
                                       NameOf(record.order), Counted(record.size, "byte")));
     }
     row("DO type", fmt::format("{}: {}", view.GetDOType(), NameOfDOType(view.GetDOType())));

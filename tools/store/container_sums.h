@@ -16,6 +16,12 @@ struct SegmentSums {
     std::uint64_t bytes = 0;
 };
 
+// Throws: TooManyBytes; `sums` is unchanged.
+inline void Add(SegmentSums& sums, SegmentSums const& more) {
+    AddBytes(sums.bytes, more.bytes);
+    sums.segments += more.segments;
+}
+
 struct ContainerSums {
     std::uint64_t dcid = 0;
     std::uint64_t uses = 0;         // entries of records

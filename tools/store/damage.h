@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "analysis/container_totals.h"
+#include "store/claimed_bytes.h"
 
 #include <crrecord/DORecordView.h>
 
@@ -31,8 +31,9 @@ struct Damage {
     std::uint64_t segments = 0; // entries in the lost containers
     std::uint64_t bytes = 0;
     std::uint64_t bloomBytes = 0;
-    bool needed = false; // the record needs one of the containers
-    bool own = false;    // the record itself is in one
+    bool isTooLarge = false; // bloomBytes would exceed kMostClaimed
+    bool needed = false;     // the record needs one of the containers
+    bool own = false;        // the record itself is in one
 };
 
 inline Damage DamageOf(DORecordView const& view, ContainerSet const& lost) {
@@ -42,7 +43,7 @@ inline Damage DamageOf(DORecordView const& view, ContainerSet const& lost) {
     if (IsBloom(view.GetDOType())) {
         for (DOUniqueDCID const& entry : view.UniqueDCIDs()) {
             if (lost.Has(entry.dcid)) {
-                AddBytes(damage.bloomBytes, entry.bytes);
+                damage.isTooLarge |= !AddClaimed(damage.bloomBytes, entry.bytes);
                 damage.needed = true;
             }
         }

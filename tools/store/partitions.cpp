@@ -3,86 +3,46 @@
 #include "io/failure.h"
 #include "store/parallel.h"
 
+#include <array>
+#include <bit>
+#include <numeric>
+
 #include <sys/mman.h>
 
 namespace crrecord::tool {
 
 namespace {
 
-// An index of tuples by segment. It stores the numbers of the tuples.
-class TupleIndex {
-public:
-    // Returns: the number of the tuple of the same segment; kNone if there is none, and `number` is added.
-    static constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
-
-    template <class TupleAt>
-    std::uint32_t FindOrAdd(SegmentTuple const& tuple, std::uint32_t number, TupleAt at) {
-        if (2UL * number >= slots_.size()) {
-            Grow(number, at);
-        }
-        std::uint64_t const hash = HashOf(tuple);
-        std::uint64_t const tag = hash & kTagMask;
-        std::size_t i = Start(hash);
-        for (; slots_[i] != kFree; i = (i + 1) & (slots_.size() - 1)) {
-            auto const other = static_cast<std::uint32_t>(slots_[i]);
-            if ((slots_[i] & kTagMask) == tag && IsSameSegment(at(other), tuple)) {
-                return other;
-            }
-        }
-        slots_[i] = tag | number;
-        return kNone;
-    }
-
-private:
-    static constexpr std::uint64_t kFree = std::numeric_limits<std::uint64_t>::max();
-    static constexpr std::uint64_t kTagMask = ~std::uint64_t{0} << 32;
-
-    // Uses bits of the hash that select neither the partition nor the tag.
-    std::size_t Start(std::uint64_t hash) const {
-        constexpr std::uint64_t kOdd = 0x9e3779b97f4a7c15;
-        return (hash * kOdd >> 20) & (slots_.size() - 1);
-    }
-
-    template <class TupleAt>
-    void Grow(std::uint32_t number, TupleAt at) {
-        std::size_t const size = std::max<std::size_t>(1024, 2 * slots_.size());
-        slots_ = {}; // never both in memory
-        slots_.resize(size, kFree);
-        for (std::uint32_t n = 0; n < number; ++n) {
-            std::uint64_t const hash = HashOf(at(n));
-            std::size_t i = Start(hash);
-            while (slots_[i] != kFree) {
-                i = (i + 1) & (size - 1);
-            }
-            slots_[i] = (hash & kTagMask) | n;
-        }
-    }
-
-    std::vector<std::uint64_t> slots_; // the high half is of the hash, the low half a tuple's number
-};
-
-// Returns: the bytes for blocks. An eighth of the memory is for indexes.
-constexpr std::uint64_t ForBlocks(std::uint64_t memory) {
-    return memory - memory / 8;
+// Returns: the number of tuples that fit together with their index.
+constexpr std::uint64_t TuplesIn(std::uint64_t memory) {
+    // A partition numbers its tuples with 32 bits.
+    constexpr std::uint64_t kMost = std::numeric_limits<std::uint32_t>::max();
+    return std::min(memory / (sizeof(SegmentTuple) + TupleSet::kMostIndexBytes), kMost);
 }
 
 } // namespace
 
-BlockPool::BlockPool(std::uint64_t blocks, std::uint32_t tuplesInBlock)
-    : blocks_(blocks), tuplesInBlock_(tuplesInBlock) {
-    std::size_t const size = blocks * tuplesInBlock * sizeof(SegmentTuple);
-    // Pages are allocated when they are first used.
-    void* const memory =
+void* MapPages(std::size_t size) {
+    void* const pages =
         ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (memory == MAP_FAILED) {
+    if (pages == MAP_FAILED) {
         throw std::bad_alloc();
     }
-    [[maybe_unused]] int const advised = ::madvise(memory, size, MADV_HUGEPAGE); // for speed only
-    memory_ = static_cast<SegmentTuple*>(memory);
+    return pages;
+}
+
+void UnmapPages(void* pages, std::size_t size) {
+    ::munmap(pages, size);
+}
+
+BlockPool::BlockPool(std::uint64_t blocks, unsigned int tuplesBits) : blocks_(blocks), tuplesBits_(tuplesBits) {
+    std::size_t const size = blocks * TuplesInBlock() * sizeof(SegmentTuple);
+    memory_ = static_cast<SegmentTuple*>(MapPages(size));
+    [[maybe_unused]] int const advised = ::madvise(memory_, size, MADV_HUGEPAGE); // for speed only
 }
 
 BlockPool::~BlockPool() {
-    ::munmap(memory_, blocks_ * tuplesInBlock_ * sizeof(SegmentTuple));
+    UnmapPages(memory_, blocks_ * TuplesInBlock() * sizeof(SegmentTuple));
 }
 
 std::uint64_t BlockPool::Used() {
@@ -97,7 +57,7 @@ SegmentTuple* BlockPool::Take() {
     }
     ++used_;
     if (!returned_) {
-        return memory_ + fresh_++ * tuplesInBlock_;
+        return memory_ + fresh_++ * TuplesInBlock();
     }
     SegmentTuple* const block = returned_;
     std::memcpy(&returned_, block, sizeof returned_);
@@ -111,141 +71,250 @@ void BlockPool::Return(SegmentTuple* block) {
     --used_;
 }
 
+// Uses bits of the hash that select neither the partition nor the tag.
+std::size_t TupleSet::Start(std::uint64_t hash) const {
+    constexpr std::uint64_t kOdd = 0x9e3779b97f4a7c15;
+    return (hash * kOdd >> 20) & (slots_.size() - 1);
+}
+
+std::size_t TupleSet::After(std::size_t slot, std::uint64_t hash) const {
+    std::size_t const inLine = (slot + 1) % kInLine;
+    std::size_t const line = slot - slot % kInLine;
+    return inLine != Start(hash) % kInLine ? line + inLine : ((line + kInLine) & (slots_.size() - 1)) + inLine;
+}
+
+std::size_t TupleSet::Candidate(std::size_t slot, std::uint64_t hash) const {
+    while (slots_[slot] != kFree && (slots_[slot] & kTagMask) != (hash & kTagMask)) {
+        slot = After(slot, hash);
+    }
+    return slot;
+}
+
+void TupleSet::MergeAll(std::span<SegmentTuple const* const> tuples, std::span<std::uint64_t const> hashes) {
+    constexpr std::size_t kAtOnce = 64;
+    std::array<std::size_t, kAtOnce> candidates;
+    while (!tuples.empty()) {
+        std::size_t const count = std::min(tuples.size(), kAtOnce);
+        while (4 * (std::uint64_t{size_} + count) > 3 * slots_.size()) {
+            Grow();
+        }
+        // The slots and the tuples are mostly not in the caches: many are loaded at the same time.
+        for (std::size_t i = 0; i < count; ++i) {
+            __builtin_prefetch(&slots_[Start(hashes[i])]);
+        }
+        for (std::size_t i = 0; i < count; ++i) {
+            candidates[i] = Candidate(Start(hashes[i]), hashes[i]);
+            if (slots_[candidates[i]] != kFree) {
+                auto const* const bytes = reinterpret_cast<unsigned char const*>(&At(slots_[candidates[i]]));
+                __builtin_prefetch(bytes);
+                __builtin_prefetch(bytes + sizeof(SegmentTuple) - 1);
+            }
+        }
+        for (std::size_t i = 0; i < count; ++i) {
+            MergeOne(*tuples[i], hashes[i], candidates[i]);
+        }
+        tuples = tuples.subspan(count);
+        hashes = hashes.subspan(count);
+    }
+}
+
+void TupleSet::MergeOne(SegmentTuple const& tuple, std::uint64_t hash, std::size_t candidate) {
+    std::size_t slot = Candidate(candidate, hash);
+    while (slots_[slot] != kFree) {
+        if (IsSameSegment(At(slots_[slot]), tuple)) {
+            Merge(At(slots_[slot]), tuple);
+            return;
+        }
+        slot = Candidate(After(slot, hash), hash);
+    }
+    slots_[slot] = (hash & kTagMask) | size_;
+    Append(tuple);
+}
+
+void TupleSet::Append(SegmentTuple const& tuple) {
+    if ((size_ & (pool_->TuplesInBlock() - 1)) == 0) {
+        blocks_.push_back(pool_->Take());
+    }
+    At(size_) = tuple;
+    ++size_;
+}
+
+void TupleSet::Grow() {
+    std::size_t const size = std::max<std::size_t>(64, 2 * slots_.size());
+    slots_ = {}; // never both in memory
+    slots_.resize(size, kFree);
+    std::uint32_t number = 0;
+    ForEachBlock([&](std::span<SegmentTuple const> tuples) {
+        for (SegmentTuple const& tuple : tuples) {
+            std::uint64_t const hash = HashOf(tuple);
+            std::size_t slot = Start(hash);
+            while (slots_[slot] != kFree) {
+                slot = After(slot, hash);
+            }
+            slots_[slot] = (hash & kTagMask) | number++;
+        }
+    });
+}
+
+void TupleSet::Clear() {
+    for (SegmentTuple* const block : blocks_) {
+        pool_->Return(block);
+    }
+    blocks_ = {};
+    slots_ = {};
+    size_ = 0;
+}
+
 Partitions::Partitions(PartitionOptions const& options) : Partitions(options, 0, nullptr) {}
 
 Partitions::Partitions(PartitionOptions const& options, unsigned int level, std::shared_ptr<SpillFile> file)
     : options_(options), level_(level), file_(std::move(file)) {
     constexpr std::uint64_t kLeastBlock = 16;
     constexpr std::uint64_t kLargestBlock = 1024;
-    std::uint64_t const tuples = ForBlocks(options_.memory) / sizeof(SegmentTuple);
-    // Each writer has a block that is not full for each partition: an eighth of the memory at most, or a quarter if the
-    // memory is small. A pipeline of several threads may work on one batch more than it has threads.
-    std::uint64_t const mostWriters = tuples / (4 * kPartitions * kLeastBlock);
+    // At the end each thread has a partition, and at least this memory for it.
+    constexpr std::uint64_t kLeastForThread = kLeastMemory / 2;
     options_.threads = static_cast<unsigned int>(std::clamp<std::uint64_t>(
-        options_.threads, 1, std::clamp<std::uint64_t>(mostWriters, 2, kMostThreads + 1) - 1));
-    std::uint64_t const writers = options_.threads == 1 ? 1 : options_.threads + 1;
-    auto const inBlock =
-        static_cast<std::uint32_t>(std::clamp(tuples / (8 * kPartitions * writers), kLeastBlock, kLargestBlock));
-    pool_ = std::make_unique<BlockPool>(tuples / inBlock, inBlock);
-    for (unsigned int i = 0; i < writers; ++i) {
-        writers_.push_back(std::make_unique<Writer>(*pool_, level));
+        options_.threads, 1, std::clamp<std::uint64_t>(options_.memory / kLeastForThread, 1, kMostThreads)));
+    std::uint64_t const tuples = TuplesIn(options_.memory);
+    // Each partition has a block that is not full: an eighth of the memory at most.
+    std::uint64_t const inBlock = std::bit_floor(std::clamp(tuples / (8 * kPartitions), kLeastBlock, kLargestBlock));
+    pool_ = std::make_unique<BlockPool>(tuples / inBlock, static_cast<unsigned int>(std::countr_zero(inBlock)));
+    for (unsigned int i = 0; i < kPartitions; ++i) {
+        partitions_.emplace_back(*pool_);
     }
 }
-
-Partitions::~Partitions() = default;
 
 std::uint64_t Partitions::BatchTuples() const {
     constexpr std::uint64_t kMost = 1UL << 15;
+    constexpr std::uint64_t kMostOfAll = 1UL << 18; // for the memory of the batches
     std::uint64_t const batches = 2UL * options_.threads + 1;
-    return std::min(kMost, pool_->Blocks() * pool_->TuplesInBlock() / (4 * batches));
+    return std::min({kMost, kMostOfAll / batches, pool_->Blocks() * pool_->TuplesInBlock() / (4 * batches)});
 }
 
 bool Partitions::HasRoom(std::uint64_t tuples) {
-    std::uint64_t const open = std::uint64_t{kPartitions} * writers_.size();
-    std::uint64_t const needed = tuples / pool_->TuplesInBlock() + 1 + open;
+    std::uint64_t const needed = tuples / pool_->TuplesInBlock() + 1 + kPartitions;
     return pool_->Blocks() - pool_->Used() >= needed;
 }
 
+unsigned int Partitions::PartitionOf(std::uint64_t hash) const {
+    unsigned int const shift = level_ == 0 ? 0 : (level_ - 1) * kBits;
+    return hash >> shift & (kPartitions - 1);
+}
+
+void Partitions::Add(std::span<SegmentTuple const> tuples) {
+    while (!tuples.empty()) {
+        std::size_t const count = std::min(tuples.size(), kMostAtOnce);
+        AddSome(tuples.first(count));
+        tuples = tuples.subspan(count);
+    }
+}
+
+void Partitions::AddSome(std::span<SegmentTuple const> tuples) {
+    std::array<std::uint64_t, kMostAtOnce> hashes;
+    std::array<unsigned char, kMostAtOnce> numbers; // of partitions
+    std::array<std::size_t, kPartitions + 1> ends{};
+    std::uint64_t dcid = tuples.front().dcid;
+    unsigned int ofContainer = PartitionOf(HashOfNumber(dcid));
+    for (std::size_t i = 0; i < tuples.size(); ++i) {
+        if (tuples[i].dcid != dcid) {
+            dcid = tuples[i].dcid;
+            ofContainer = PartitionOf(HashOfNumber(dcid));
+        }
+        hashes[i] = HashOf(tuples[i]);
+        unsigned int const number = level_ == 0 ? ofContainer : PartitionOf(hashes[i]);
+        numbers[i] = static_cast<unsigned char>(number);
+        ++ends[number + 1];
+    }
+    std::partial_sum(ends.begin(), ends.end(), ends.begin());
+    std::array<SegmentTuple const*, kMostAtOnce> sorted;
+    std::array<std::uint64_t, kMostAtOnce> sortedHashes;
+    std::array<std::size_t, kPartitions + 1> next = ends;
+    for (std::size_t i = 0; i < tuples.size(); ++i) {
+        std::size_t const to = next[numbers[i]]++;
+        sorted[to] = &tuples[i];
+        sortedHashes[to] = hashes[i];
+    }
+    // Threads start with different partitions, so that they seldom wait for each other.
+    unsigned int const first = numbers[0];
+    for (unsigned int i = 0; i < kPartitions; ++i) {
+        unsigned int const number = (first + i) % kPartitions;
+        std::size_t const begin = ends[number];
+        std::size_t const count = ends[number + 1] - begin;
+        if (count != 0) {
+            std::lock_guard const lock(partitions_[number].mutex);
+            partitions_[number].tuples.MergeAll({&sorted[begin], count}, {&sortedHashes[begin], count});
+        }
+    }
+}
+
 void Partitions::MakeRoom() {
-    ForEachInParallel(options_.threads, kPartitions, [this](unsigned int partition) { Compact(partition); });
-    if (pool_->Used() > pool_->Blocks() / 2) {
-        Spill();
+    // Partitions that have tuples in the file must be read from there anyway, and large ones make long extents.
+    std::vector<Partition*> order;
+    for (Partition& partition : partitions_) {
+        order.push_back(&partition);
     }
+    std::sort(order.begin(), order.end(), [](Partition const* a, Partition const* b) {
+        return std::pair(a->IsSpilled(), a->tuples.size()) > std::pair(b->IsSpilled(), b->tuples.size());
+    });
+    std::uint64_t const wanted = pool_->Blocks() / 3;
+    std::uint64_t free = pool_->Blocks() - pool_->Used();
+    auto const end = std::find_if(order.begin(), order.end(), [&](Partition const* partition) {
+        bool const isEnough = free >= wanted;
+        free += partition->tuples.Blocks();
+        return isEnough;
+    });
+    Spill({order.begin(), end});
 }
 
-template <class UseBlock>
-void Partitions::ForEachBlock(List const& list, UseBlock use) const {
-    for (SegmentTuple* const block : list.blocks) {
-        use(std::span(block, block == list.blocks.back() ? list.inLast : pool_->TuplesInBlock()));
-    }
-}
-
-// Merges the tuples of all writers in place, into the list of the first writer.
-void Partitions::Compact(unsigned int partition) {
-    std::uint32_t const inBlock = pool_->TuplesInBlock();
-    std::vector<SegmentTuple*> blocks;
-    TupleIndex index;
-    std::uint32_t count = 0;
-    auto const at = [&](std::uint32_t number) -> SegmentTuple& { return blocks[number / inBlock][number % inBlock]; };
-    for (auto const& writer : writers_) {
-        blocks.insert(blocks.end(), writer->lists_[partition].blocks.begin(), writer->lists_[partition].blocks.end());
-    }
-    // Writing never overtakes reading, because a block has at most `inBlock` tuples.
-    for (auto const& writer : writers_) {
-        ForEachBlock(writer->lists_[partition], [&](std::span<SegmentTuple> tuples) {
-            for (SegmentTuple const& tuple : tuples) {
-                std::uint32_t const found = index.FindOrAdd(tuple, count, at);
-                if (found != TupleIndex::kNone) {
-                    Merge(at(found), tuple);
-                } else {
-                    std::memmove(&at(count++), &tuple, sizeof tuple);
-                }
-            }
-        });
-    }
-    std::size_t const kept = (count + inBlock - 1) / inBlock;
-    std::for_each(blocks.begin() + static_cast<std::ptrdiff_t>(kept), blocks.end(),
-                  [this](SegmentTuple* block) { pool_->Return(block); });
-    blocks.resize(kept);
-    for (auto const& writer : writers_) {
-        writer->lists_[partition] = {};
-    }
-    writers_.front()->lists_[partition] = {std::move(blocks), count == 0 ? 0 : (count - 1) % inBlock + 1};
-}
-
-// Call it after Compact of all partitions.
-void Partitions::Spill() {
+void Partitions::Spill(std::vector<Partition*> const& partitions) {
     if (!file_) {
         file_ = std::make_shared<SpillFile>(options_.temporaryFolder);
     }
-    ForEachInParallel(options_.threads, kPartitions, [this](unsigned int partition) {
-        List& list = writers_.front()->lists_[partition];
-        if (list.blocks.empty()) {
-            return;
+    ForEachInParallel(options_.threads, static_cast<unsigned int>(partitions.size()), [&](unsigned int i) {
+        auto& [mutex, tuples, spilled] = *partitions[i];
+        if (tuples.size() != 0) {
+            SpillFile::Extent extent(*file_, tuples.size(), spilled);
+            tuples.ForEachBlock([&](std::span<SegmentTuple const> some) { extent.Append(some); });
+            spilled = extent.Finish();
+            tuples.Clear();
         }
-        std::uint64_t const count = (list.blocks.size() - 1) * pool_->TuplesInBlock() + list.inLast;
-        SpillFile::Extent extent(*file_, count, spilled_[partition].last);
-        ForEachBlock(list, [&](std::span<SegmentTuple const> tuples) { extent.Append(tuples); });
-        spilled_[partition].last = extent.Finish();
-        for (SegmentTuple* const block : list.blocks) {
-            pool_->Return(block);
-        }
-        list = {};
     });
 }
 
 void Partitions::Total(Use const& use) {
-    bool const spilled = std::any_of(spilled_.begin(), spilled_.end(), [](Spilled const& part) { return part.Any(); });
-    if (spilled) {
-        ForEachInParallel(options_.threads, kPartitions, [this](unsigned int partition) { Compact(partition); });
-        Spill();
-        writers_.clear();
-        pool_.reset(); // its memory is used to partition the spilled partitions
-        ForEachInParallel(options_.threads, kPartitions, [&](unsigned int partition) { TotalOf(partition, use); });
-        return;
+    std::vector<Partition*> isSpilled;
+    for (Partition& partition : partitions_) {
+        if (partition.IsSpilled()) {
+            isSpilled.push_back(&partition);
+        }
     }
-    ForEachInParallel(options_.threads, kPartitions, [&](unsigned int partition) {
-        Compact(partition);
-        ForEachBlock(writers_.front()->lists_[partition], use);
+    if (!isSpilled.empty()) {
+        Spill(isSpilled);
+    }
+    ForEachInParallel(options_.threads, kPartitions, [&](unsigned int i) {
+        partitions_[i].tuples.ForEachBlock(use);
+        partitions_[i].tuples.Clear();
     });
+    pool_.reset(); // its memory is used to partition the spilled partitions
+    ForEachInParallel(options_.threads, static_cast<unsigned int>(isSpilled.size()),
+                      [&](unsigned int i) { TotalOf(isSpilled[i]->spilled, use); });
 }
 
-void Partitions::TotalOf(unsigned int partition, Use const& use) {
-    // Each level makes the parts 64 times smaller, so valid files do not reach this with any allowed memory.
-    if (kBits * (level_ + 2) > std::numeric_limits<std::uint64_t>::digits) {
+void Partitions::TotalOf(std::uint64_t spilled, Use const& use) {
+    // Each level of segments makes the parts 64 times smaller, so valid files do not reach this with any allowed
+    // memory.
+    if (kBits * (level_ + 1) > std::numeric_limits<std::uint64_t>::digits) {
         throw Failure("the temporary files do not get smaller");
     }
     PartitionOptions const options{options_.memory / options_.threads, 1, options_.temporaryFolder};
     Partitions parts(options, level_ + 1, file_);
-    file_->Read(spilled_[partition].last, [&](std::span<SegmentTuple const> tuples) {
+    file_->Read(spilled, [&](std::span<SegmentTuple const> tuples) {
         while (!tuples.empty()) {
             auto const batch = tuples.first(std::min<std::size_t>(tuples.size(), parts.BatchTuples()));
             if (!parts.HasRoom(batch.size())) {
                 parts.MakeRoom();
             }
-            for (SegmentTuple const& tuple : batch) {
-                parts.WriterOf(0).Add(tuple);
-            }
+            parts.Add(batch);
             tuples = tuples.subspan(batch.size());
         }
     });

@@ -2,6 +2,7 @@
 
 #include "analysis/segment_runs.h"
 #include "io/signals.h"
+#include "store/claimed_bytes.h"
 #include "store/segment_shape.h"
 
 #include <crrecord/status.h>
@@ -18,6 +19,31 @@ constexpr std::size_t kMostRecords = 1024; // of a batch
 
 std::uint64_t PayloadSize(DORecordView const& view) {
     return view.GetHeaderSize() - CR_DO_RECORD_SIZE;
+}
+
+// Returns: the bytes in the list of a bloom record, or more than kMostClaimed.
+std::uint64_t ListedBytes(DORecordView const& view) {
+    std::uint64_t sum = 0;
+    for (DOUniqueDCID const& entry : view.UniqueDCIDs()) {
+        if (!AddClaimed(sum, entry.bytes)) {
+            return std::numeric_limits<std::uint64_t>::max();
+        }
+    }
+    return sum;
+}
+
+bool IsLarge(StoredSegment const& segment) {
+    return segment.size > std::numeric_limits<std::uint32_t>::max();
+}
+
+SegmentTuple TupleOf(StoredSegment const& segment) {
+    SegmentTuple tuple{};
+    tuple.dcid = segment.dcid;
+    std::memcpy(tuple.fingerprint, segment.fingerprint, CRFPDigestSize(segment.fptype));
+    tuple.secondSize = segment.size;
+    tuple.fptype = static_cast<std::uint8_t>(segment.fptype);
+    tuple.flags = SegmentTuple::kInSecond;
+    return tuple;
 }
 
 } // namespace
@@ -46,6 +72,7 @@ struct StoreScan::Scanned {
     Membership membership;
     std::uint64_t dcid = 0; // the record's own container, or that of a segment record
     std::uint64_t ownBytes = 0;
+    std::uint64_t claimed = 0; // bytes in the list of a bloom record, or of a large segment
     std::size_t firstRun = 0;
     std::size_t endOfRuns = 0;
 };
@@ -54,15 +81,13 @@ struct StoreScan::Batch {
     std::vector<unsigned char> bytes;
     std::vector<Scanned> records;
     std::vector<Run> runs;
-    std::uint64_t tuples = 0; // at most
+    std::vector<SegmentTuple> tuples; // that are not in the partitions yet
+    std::uint64_t mostTuples = 0;     // of its records
 };
 
 StoreScan::StoreScan(Question question, PartitionOptions const& options,
                      std::function<void(std::string const&)> complain)
     : question_(std::move(question)), complain_(std::move(complain)), partitions_(options) {
-    for (unsigned int i = 0; i < partitions_.Writers(); ++i) {
-        freeWriters_.push_back(i);
-    }
     // Its threads get no signals: a signal must not end the process while this thread has blocked them.
     EndersBlocked const blocked;
     pipeline_ = std::make_unique<Pipeline<Batch>>(
@@ -109,7 +134,7 @@ void StoreScan::Append(Record const& record) {
     scanned.record = record;
     scanned.begin = batch_->bytes.size();
     batch_->bytes.insert(batch_->bytes.end(), record.bytes, record.bytes + record.size);
-    batch_->tuples += record.size / kLeastEntry;
+    batch_->mostTuples += record.size / kLeastEntry;
     batch_->records.push_back(std::move(scanned));
 }
 
@@ -126,13 +151,13 @@ void StoreScan::Submit() {
     if (!batch_) {
         return;
     }
-    if (!partitions_.HasRoom(reserved_ + batch_->tuples)) {
+    if (!partitions_.HasRoom(reserved_ + batch_->mostTuples)) {
         pipeline_->Finish();
-        if (!partitions_.HasRoom(batch_->tuples)) {
+        if (!partitions_.HasRoom(batch_->mostTuples)) {
             partitions_.MakeRoom();
         }
     }
-    reserved_ += batch_->tuples;
+    reserved_ += batch_->mostTuples;
     batch_ = nullptr;
     pipeline_->Submit();
 }
@@ -168,7 +193,7 @@ void StoreScan::ScanParts(DORecordView const* view, Scanned scanned) {
         scanned.to = entries - scanned.from > most ? scanned.from + most : entries;
         scanned.isLastPart = scanned.to == entries;
         batch_ = &pipeline_->Next();
-        batch_->tuples = most;
+        batch_->mostTuples = most;
         batch_->records.push_back(scanned);
         Submit();
         scanned.from = scanned.to;
@@ -176,12 +201,6 @@ void StoreScan::ScanParts(DORecordView const* view, Scanned scanned) {
 }
 
 void StoreScan::Work(Batch& batch) {
-    unsigned int number = 0;
-    {
-        std::lock_guard const lock(mutex_);
-        number = freeWriters_.back();
-        freeWriters_.pop_back();
-    }
     for (Scanned& scanned : batch.records) {
         if (scanned.result == Scanned::Result::Gap) {
             continue;
@@ -191,20 +210,28 @@ void StoreScan::Work(Batch& batch) {
         }
         scanned.firstRun = batch.runs.size();
         if (scanned.record.kind == Kind::Segment) {
-            WorkOnSegment(scanned, partitions_.WriterOf(number));
+            WorkOnSegment(batch, scanned);
         } else {
-            WorkOnObject(batch, scanned, partitions_.WriterOf(number));
+            WorkOnObject(batch, scanned);
         }
         scanned.endOfRuns = batch.runs.size();
         if (scanned.result == Scanned::Result::Bad && scanned.error.empty()) {
             scanned.error = FirstErrorOf(*scanned.file, scanned.record);
         }
     }
-    std::lock_guard const lock(mutex_);
-    freeWriters_.push_back(number);
+    partitions_.Add(batch.tuples);
+    batch.tuples.clear();
 }
 
-void StoreScan::WorkOnObject(Batch& batch, Scanned& scanned, Partitions::Writer& writer) {
+void StoreScan::AddTuple(Batch& batch, SegmentTuple const& tuple) {
+    batch.tuples.push_back(tuple);
+    if (batch.tuples.size() == Partitions::kMostAtOnce) {
+        partitions_.Add(batch.tuples);
+        batch.tuples.clear();
+    }
+}
+
+void StoreScan::WorkOnObject(Batch& batch, Scanned& scanned) {
     if (scanned.record.kind != Kind::DataObject) {
         return;
     }
@@ -217,14 +244,17 @@ void StoreScan::WorkOnObject(Batch& batch, Scanned& scanned, Partitions::Writer&
         scanned.dcid = view.GetDCID();
         scanned.ownBytes = PayloadSize(view);
         if (scanned.membership.inFirst) {
-            AddEntries(batch, scanned, view, writer);
+            if (IsBloom(view.GetDOType()) && scanned.from == 0) {
+                scanned.claimed = ListedBytes(view);
+            }
+            AddEntries(batch, scanned, view);
         }
     } catch (Cr_ErrnoException const&) {
         scanned.result = Scanned::Result::Bad;
     }
 }
 
-void StoreScan::AddEntries(Batch& batch, Scanned const& scanned, DORecordView const& view, Partitions::Writer& writer) {
+void StoreScan::AddEntries(Batch& batch, Scanned const& scanned, DORecordView const& view) {
     if (IsBloom(view.GetDOType())) {
         DOUniqueDCIDRange const list = view.UniqueDCIDs();
         for (unsigned int i = scanned.from; i < std::min(scanned.to, list.size()); ++i) {
@@ -244,7 +274,7 @@ void StoreScan::AddEntries(Batch& batch, Scanned const& scanned, DORecordView co
         std::memcpy(tuple.fingerprint, segment.fingerprint.data, segment.fingerprint.size);
         tuple.firstSize = segment.size;
         tuple.secondSize = inSecond ? segment.size : 0;
-        writer.Add(tuple);
+        AddTuple(batch, tuple);
         if (run.dcid != segment.dcid && run.uses != 0) {
             batch.runs.push_back(run);
             run.uses = 0;
@@ -256,7 +286,7 @@ void StoreScan::AddEntries(Batch& batch, Scanned const& scanned, DORecordView co
     }
 }
 
-void StoreScan::WorkOnSegment(Scanned& scanned, Partitions::Writer& writer) const {
+void StoreScan::WorkOnSegment(Batch& batch, Scanned& scanned) {
     scanned.error = SegmentRecordError(*scanned.file, scanned.record);
     if (!scanned.error.empty()) {
         return;
@@ -264,36 +294,51 @@ void StoreScan::WorkOnSegment(Scanned& scanned, Partitions::Writer& writer) cons
     StoredSegment const segment = SegmentOf(scanned.record);
     scanned.result = Scanned::Result::Segment;
     scanned.dcid = segment.dcid;
-    if (question_.stored) {
-        SegmentTuple tuple{};
-        tuple.dcid = segment.dcid;
-        std::memcpy(tuple.fingerprint, segment.fingerprint, CRFPDigestSize(segment.fptype));
-        tuple.secondSize = segment.size;
-        tuple.fptype = static_cast<std::uint8_t>(segment.fptype);
-        tuple.flags = SegmentTuple::kInSecond;
-        writer.Add(tuple);
+    if (question_.stored && IsLarge(segment)) {
+        scanned.claimed = segment.size; // UseSegment adds it, if it may
+    } else if (question_.stored) {
+        AddTuple(batch, TupleOf(segment));
     }
 }
 
 void StoreScan::UseBatch(Batch& batch) {
-    reserved_ -= batch.tuples;
     for (Scanned const& scanned : batch.records) {
-        switch (scanned.result) {
-        case Scanned::Result::Object: UseObject(batch, scanned); break;
-        case Scanned::Result::Segment:
-            ++totals_.segmentRecords;
-            if (question_.stored) {
-                containers_.Of(scanned.dcid);
-            }
-            break;
-        case Scanned::Result::Gap: complain_(scanned.error); break;
-        case Scanned::Result::Bad: ++totals_.bad; complain_(scanned.error);
+        if (scanned.result == Scanned::Result::Gap) {
+            complain_(scanned.error);
+        } else if (scanned.result == Scanned::Result::Bad) {
+            ++totals_.bad;
+            complain_(scanned.error);
+        } else if (Claim(scanned)) {
+            scanned.result == Scanned::Result::Object ? UseObject(batch, scanned) : UseSegment(scanned);
         }
     }
+    reserved_ -= batch.mostTuples;
     batch.bytes.clear();
     batch.records.clear();
     batch.runs.clear();
-    batch.tuples = 0;
+    batch.mostTuples = 0;
+}
+
+bool StoreScan::Claim(Scanned const& scanned) {
+    if (scanned.from == 0) { // not a later part of a record
+        isRefused_ = !AddClaimed(claimed_, scanned.claimed);
+        if (isRefused_) {
+            ++totals_.bad;
+            complain_(ClaimError(*scanned.file, scanned.record));
+        }
+    }
+    return !isRefused_;
+}
+
+void StoreScan::UseSegment(Scanned const& scanned) {
+    ++totals_.segmentRecords;
+    if (question_.stored) {
+        containers_.Of(scanned.dcid);
+        if (scanned.claimed != 0) {
+            SegmentTuple const tuple = TupleOf(SegmentOf(scanned.record));
+            partitions_.Add({&tuple, 1});
+        }
+    }
 }
 
 void StoreScan::UseObject(Batch const& batch, Scanned const& scanned) {

@@ -58,8 +58,8 @@ private:
     Partitions partitions_;
     StoreContainers containers_;
     StoreTotals totals_;
-    std::mutex mutex_; // of freeWriters_
-    std::vector<unsigned int> freeWriters_;
+    std::uint64_t claimed_ = 0;                 // the sum of the sizes that records claim
+    bool isRefused_ = false;                    // the present record would make it too large
     std::uint64_t reserved_ = 0;                // tuples of the batches that are not used yet
     std::uint64_t objectContainers_ = 0;        // of the present object
     std::shared_ptr<std::string const> file_;   // of the input
@@ -74,11 +74,15 @@ private:
     void ScanLarge(Record const& record);
     void ScanParts(DORecordView const* view, Scanned scanned);
     void Work(Batch& batch);
-    void WorkOnObject(Batch& batch, Scanned& scanned, Partitions::Writer& writer);
-    void WorkOnSegment(Scanned& scanned, Partitions::Writer& writer) const;
-    void AddEntries(Batch& batch, Scanned const& scanned, DORecordView const& view, Partitions::Writer& writer);
+    void WorkOnObject(Batch& batch, Scanned& scanned);
+    void WorkOnSegment(Batch& batch, Scanned& scanned);
+    void AddTuple(Batch& batch, SegmentTuple const& tuple);
+    void AddEntries(Batch& batch, Scanned const& scanned, DORecordView const& view);
     void UseBatch(Batch& batch);
+    // Adds the sizes that the record claims. Returns: false if it is bad because their sum would be too large.
+    bool Claim(Scanned const& scanned);
     void UseObject(Batch const& batch, Scanned const& scanned);
+    void UseSegment(Scanned const& scanned);
     void UseRun(Run const& run, Membership const& membership);
     void UseOwn(Scanned const& scanned);
     // Whether a container's own and bloom bytes count the record, and whether its number of records does.

@@ -11,6 +11,10 @@ std::string FirstErrorOf(std::string const& file, Record const& record) {
     return findings.empty() ? PlaceOf(file, record) + ": not valid" : Describe(file, record, findings.front());
 }
 
+std::string ClaimError(std::string const& file, Record const& record) {
+    return PlaceOf(file, record) + ": with its sizes, the sum of the sizes in all records would exceed 2^63 bytes";
+}
+
 std::string SegmentRecordError(std::string const& file, Record const& record) {
     unsigned int const options = record.order == Order::Network ? CR_SO_NETWORK_ORDER : 0;
     if (record.kind != Kind::Segment ||

@@ -15,4 +15,7 @@ std::string SegmentRecordError(std::string const& file, Record const& record);
 // The first error of a record that is not valid, with its place.
 std::string FirstErrorOf(std::string const& file, Record const& record);
 
+// The error of a record whose sizes would make a sum exceed kMostClaimed.
+std::string ClaimError(std::string const& file, Record const& record);
+
 } // namespace crrecord::tool

@@ -1,16 +1,14 @@
 // crrecord build and segments build: the DO record or the segment records of a file.
 
+#include "verbs/build.h"
+
+#include "record/container_filler.h"
 #include "record/cut_options.h"
 #include "record/do_record.h"
+#include "record/record_builder.h"
 #include "record/record_findings.h"
-#include "verbs/verbs.h"
 
 #include "SOmarshall/layout.h"
-#include "support/layout/record_layout.h"
-
-#include <crrecord/SORecord.h>
-
-#include <array>
 
 namespace crrecord::tool {
 
@@ -18,203 +16,141 @@ namespace {
 
 constexpr unsigned int kLargestSegment = 0x7fffffff; // the library takes larger sizes for byte-swapped numbers
 
-// segments build has no DO type, tasks and data selections.
-struct BuildOptions {
+// segments build has one FILE, and no DO type, tasks and data selections.
+struct SegmentsOptions {
     std::string file;
     std::string out;
     CutOptions cut;
-    unsigned int dotype = CR_DO_TYPE_8_BYTE_OFFSET;
-    std::vector<unsigned long> tasks;
-    std::vector<unsigned int> dsids;
     bool json = false;
 };
 
-// The arrays from which a DO record is built. They grow with the file.
-class Entries {
-public:
-    explicit Entries(BuildOptions const& options)
-        : dotype_(options.dotype), fptype_(static_cast<unsigned char>(options.cut.fptype)) {}
-
-    void Add(CutSegment const& segment) {
-        CheckOffset(segment.offset);
-        Append(segment.fingerprint.bytes, CRFPDigestSize(fptype_));
-        auto const size = static_cast<std::uint32_t>(segment.size);
-        Append(&size, DOTypeOf(dotype_).sizeWidth);
-        AppendOffset(segment.offset);
-        dcids_.push_back(segment.container);
-        RecordCounts const counts{
-            .nfp = static_cast<std::uint32_t>(dcids_.size()), .fptype = fptype_, .dotype = Type()};
-        if (RecordLayout(counts).total > kLargestRecord) {
-            throw Failure("the record would be larger than 4 GiB - 1: choose larger segments");
-        }
-    }
-
-    // Allocates for the expected segments. There may be more.
-    void Reserve(std::uint64_t segments) {
-        RecordLayout const layout({.nfp = static_cast<std::uint32_t>(std::min(segments, kLargestRecord)),
-                                   .fptype = fptype_,
-                                   .dotype = Type()});
-        if (layout.total <= kLargestRecord) {
-            entries_.reserve(layout.dcids - layout.entries);
-            dcids_.reserve(layout.segments);
-        }
-    }
-
-    // Called as early as the offset is known.
-    void CheckOffset(std::uint64_t offset) const {
-        if (dotype_ == CR_DO_TYPE_4_BYTE_OFFSET && offset > std::numeric_limits<std::uint32_t>::max()) {
-            throw Failure("a segment starts beyond 4 GiB, which DO type 5 cannot store: choose DO type 3");
-        }
-    }
-
-    // Frees the entries before it adds the list of containers, which copies the record to a larger block.
-    std::unique_ptr<DORecord> Build(CutTotals const& totals, std::uint64_t segmentSize) && {
-        auto record = std::make_unique<DORecord>(totals.lastContainer, totals.bytes, segmentSize, totals.crc, 0, 0,
-                                                 entries_.data(), static_cast<unsigned int>(dcids_.size()),
-                                                 dcids_.data(), nullptr, fptype_, Type());
-        entries_ = std::vector<unsigned char>();
-        dcids_ = std::vector<unsigned long>();
-        cr_status_t const status = record->AppendBloomAndUniqueDCIDList();
-        if (status != CR_STATUS_OK) {
-            throw Failure(std::string("the list of containers: ") + CRStatusToStringA(status));
-        }
-        return record;
-    }
-
-private:
-    unsigned char Type() const { return static_cast<unsigned char>(dotype_); }
-
-    void Append(void const* bytes, std::size_t size) {
-        auto const* const from = static_cast<unsigned char const*>(bytes);
-        entries_.insert(entries_.end(), from, from + size);
-    }
-
-    void AppendOffset(std::uint64_t offset) {
-        auto const offset32 = static_cast<std::uint32_t>(offset);
-        switch (DOTypeOf(dotype_).offsetWidth) {
-        case sizeof offset: Append(&offset, sizeof offset); break;
-        case sizeof offset32: Append(&offset32, sizeof offset32); break;
-        default: break;
-        }
-    }
-
-    unsigned int dotype_;
-    unsigned char fptype_;
-    std::vector<unsigned char> entries_;
-    std::vector<unsigned long> dcids_;
+// The input and the output of a verb, for the closing line.
+struct Ends {
+    std::string const& file;
+    std::string const& out;
+    bool json;
 };
 
 // `gaps` and `ownMembers` are the members of only one of the verbs.
-std::string ClosingLine(BuildOptions const& options, CutTotals const& totals, std::string_view gaps,
-                        std::string_view ownMembers, std::uint64_t recordBytes, std::string_view records) {
-    if (options.json) {
+std::string ClosingLine(Ends const& ends, CutTotals const& totals, ContainerFiller const& containers,
+                        std::string_view gaps, std::string_view ownMembers, std::uint64_t recordBytes,
+                        std::string_view records) {
+    if (ends.json) {
         return fmt::format(R"({},"file":{},"out":{},"bytes":{},"segments":{},{}"containers":{},)"
                            R"("first_container":{},"last_container":{},{},"record_bytes":{}}})",
-                           JsonStart(), JsonName("file", options.file), JsonName("out", options.out),
-                           Decimal{totals.bytes}, Decimal{totals.segments}, gaps, Decimal{totals.Containers()},
-                           Decimal{totals.firstContainer}, Decimal{totals.lastContainer}, ownMembers,
-                           Decimal{recordBytes});
+                           JsonStart(), JsonName("file", ends.file), JsonName("out", ends.out), Decimal{totals.bytes},
+                           Decimal{totals.segments}, gaps, Decimal{containers.Count()}, Decimal{containers.First()},
+                           Decimal{containers.Current()}, ownMembers, Decimal{recordBytes});
     }
     std::string const holes = totals.gaps == 0 ? "" : fmt::format(" and {} of holes", Counted(totals.gaps, "byte"));
-    return fmt::format("{}: {} in {}{}, {} ({} to {}); {} to {}", Printable(options.file),
-                       Counted(totals.bytes, "byte"), Counted(totals.segments, "segment"), holes,
-                       Counted(totals.Containers(), "container"), totals.firstContainer, totals.lastContainer, records,
-                       Printable(options.out));
+    return fmt::format("{}: {} in {}{}, {} ({} to {}); {} to {}", Printable(ends.file), Counted(totals.bytes, "byte"),
+                       Counted(totals.segments, "segment"), holes, Counted(containers.Count(), "container"),
+                       containers.First(), containers.Current(), records, Printable(ends.out));
 }
 
-ExitCode Build(BuildOptions const& options, Output& out) {
-    if (options.cut.content && DOTypeOf(options.dotype).sizeWidth == 0) {
-        throw Failure(
-            fmt::format("--cut content needs a DO type that stores sizes (2, 3 or 5), not {}", options.dotype));
-    }
-    Input input(options.file);
-    RefuseToReplace({options.file}, options.out, "record");
-    Entries entries(options);
+ExitCode BuildOne(BuildOptions const& options, Output& out) {
+    std::string const& file = options.files.front();
+    Input input(file);
+    RefuseToReplace({file}, options.out, "record");
+    RecordBuilder builder(options.object, options.cut);
+    ContainerFiller containers(options.cut);
     std::uint64_t const expected = input.ExpectedSize();
     std::uint64_t const usual = options.cut.UsualSegment();
-    entries.CheckOffset(expected == 0 || options.cut.content ? 0 : (expected - 1) / usual * usual);
-    entries.Reserve(expected / usual + 1);
-    OutputFile to(options.out, {options.file});
-    Holes const holes = options.dotype == CR_DO_TYPE_8_BYTE_OFFSET ? Holes::AreGaps : Holes::AreZeros;
-    CutTotals const totals = Cut(input, options.cut, holes, [&](CutSegment const& segment) { entries.Add(segment); });
-    std::unique_ptr<DORecord> const record =
-        std::move(entries).Build(totals, options.cut.content ? 0 : options.cut.segmentSize);
-    for (unsigned long const task : options.tasks) {
-        record->AddTaskID(task);
-    }
-    for (unsigned int const dsid : options.dsids) {
-        record->AddDSID(dsid);
-    }
-    record->HostToNetwork(0);
+    // As early as the offset is known.
+    builder.CheckOffset(expected == 0 || options.cut.content ? 0 : (expected - 1) / usual * usual);
+    builder.Reserve(expected / usual + 1);
+    OutputFile to(options.out, {file});
+    CutTotals const totals = Cut(input, options.cut, options.ForHoles(), [&](CutSegment& segment) {
+        segment.container = containers.Place(segment.size);
+        builder.Add(segment);
+    });
+    std::unique_ptr<DORecord> const record = std::move(builder).Build(totals, containers.Current());
     auto const bytes = BytesOf(*record);
     to.Write(bytes.data(), bytes.size());
     to.Commit();
     PrintClosing(out, options.out, options.json,
-                 ClosingLine(options, totals, fmt::format(R"("gap_bytes":{},)", Decimal{totals.gaps}),
+                 ClosingLine({file, options.out, options.json}, totals, containers,
+                             fmt::format(R"("gap_bytes":{},)", Decimal{totals.gaps}),
                              fmt::format(R"("CRC":{})", totals.crc), bytes.size(),
                              "DO record of " + Counted(bytes.size(), "byte")));
     return ExitCode::AllWell;
 }
 
-// The fixed part comes from SORecord; the fingerprint follows it, and the spare slot stays zero.
-void WriteSegmentRecord(OutputFile& out, CutSegment const& cut, unsigned char fptype) {
-    static constexpr char kNoKey[CR_SO_KEY_SIZE] = {};
-    SORecord const fixed(0, cut.container, static_cast<unsigned int>(cut.size), cut.crc, kNoKey, 0, fptype);
-    std::array<unsigned char, segment::RecordSize(0, 1, CR_FP_TYPE_SHA256)> bytes{};
-    std::memcpy(bytes.data(), fixed.GetHeader(), CR_SO_FIXED_SIZE);
-    std::memcpy(bytes.data() + segment::FingerprintOffset(0), cut.fingerprint.bytes, CRFPDigestSize(fptype));
-    auto* const record = reinterpret_cast<_SegmentDBRecord*>(bytes.data());
-    std::uint64_t const size = segment::RecordSize(0, 1, fptype);
-    record->nfp = 1;
-    record->recsize = static_cast<unsigned int>(size);
-    SegmentRecordHton(record, record, 0);
-    out.Write(bytes.data(), size);
+ExitCode Build(BuildOptions const& options, Output& out) {
+    if (options.cut.content && DOTypeOf(options.object.dotype).sizeWidth == 0) {
+        throw Failure(
+            fmt::format("--cut content needs a DO type that stores sizes (2, 3 or 5), not {}", options.object.dotype));
+    }
+    if (options.files.empty() && options.folders.empty() && options.list.empty()) {
+        throw Failure("FILE, --recursive or --files-from0 is required (try: crrecord build --help)");
+    }
+    return options.IsRun() ? BuildFiles(options, out) : BuildOne(options, out);
 }
 
-ExitCode BuildSegments(BuildOptions const& options, Output& out) {
+ExitCode BuildSegments(SegmentsOptions const& options, Output& out) {
     Input input(options.file);
     RefuseToReplace({options.file}, options.out, "records");
+    ContainerFiller containers(options.cut);
     OutputFile records(options.out, {options.file});
-    auto const fptype = static_cast<unsigned char>(options.cut.fptype);
-    CutTotals const totals = Cut(input, options.cut, Holes::AreZeros,
-                                 [&](CutSegment const& cut) { WriteSegmentRecord(records, cut, fptype); });
+    CutTotals const totals = Cut(input, options.cut, Holes::AreZeros, [&](CutSegment& segment) {
+        segment.container = containers.Place(segment.size);
+        WriteSegmentRecord(records, segment, options.cut.fptype);
+    });
     records.Commit();
-    std::uint64_t const recordSize = segment::RecordSize(0, 1, fptype);
+    std::uint64_t const recordSize = segment::RecordSize(0, 1, static_cast<unsigned char>(options.cut.fptype));
     std::uint64_t const recordBytes = totals.segments * recordSize;
     PrintClosing(out, options.out, options.json,
-                 ClosingLine(options, totals, "", fmt::format(R"("record_size":{})", recordSize), recordBytes,
+                 ClosingLine({options.file, options.out, options.json}, totals, containers, "",
+                             fmt::format(R"("record_size":{})", recordSize), recordBytes,
                              Counted(recordBytes, "byte") + " of records"));
     return ExitCode::AllWell;
 }
 
-void AddFileAndOut(Verb<BuildOptions> const& verb) {
-    AddFile(verb.app, "FILE", verb.options.file, "Any file; - is standard input")->required();
-    AddOut(verb.app, verb.options.out);
+template <class Options>
+void AddJson(Verb<Options> const& verb) {
+    verb.app.add_flag("--json", verb.options.json, "The closing line as a JSON object");
 }
 
-void AddJson(Verb<BuildOptions> const& verb) {
-    verb.app.add_flag("--json", verb.options.json, "The closing line as a JSON object");
+void AddRunOptions(CLI::App& verb, BuildOptions& options) {
+    AddRepeatedFile(verb, "-r,--recursive", options.folders,
+                    "Also the regular files in this folder and the folders in it; may be repeated")
+        ->type_name("DIR");
+    AddFile(verb, "--files-from0", options.list, "Also the files named in this file, each name followed by NUL")
+        ->type_name("LIST");
+    AddFile(verb, "--names", options.names, "Write the place and the name of each record to this index")
+        ->type_name("INDEX");
+    AddRepeatedFile(verb, "--known", options.known,
+                    "Segment records of a former run: their segments keep their containers; may be repeated")
+        ->type_name("RECORDS");
+    AddFile(verb, "--segments-out", options.segmentsOut, "Write a segment record for each new segment to this file")
+        ->type_name("RECORDS");
 }
 
 } // namespace
 
 void AddBuild(CLI::App& app, Action& chosen) {
-    auto const verb = AddVerb(app, chosen, "build", "Write the DO record of a file", Build);
-    AddFileAndOut(verb);
+    auto const verb = AddVerb(app, chosen, "build", "Write the DO records of files", Build);
+    AddFiles(verb.app, verb.options.files, "Any files; - is standard input");
+    AddOut(verb.app, verb.options.out);
+    AddRunOptions(verb.app, verb.options);
     verb.app
         .add_option(
-            "--dotype", verb.options.dotype,
+            "--dotype", verb.options.object.dotype,
             "What is stored with each fingerprint: 0 and 1 nothing, 2 the size, 3 size and 64-bit offset, 5 size "
             "and 32-bit offset")
         ->check(CLI::IsMember({0, 1, 2, 3, 5}).description(""))
         ->type_name("N")
         ->capture_default_str();
     AddCutOptions(verb.app, verb.options.cut, kLargestSegment);
-    verb.app.add_option("--task", verb.options.tasks, "A task that refers to the object; may be repeated")
+    verb.app.get_option("--first-container")->each([&options = verb.options](std::string const&) {
+        options.choseContainer = true;
+    });
+    verb.app.add_option("--task", verb.options.object.tasks, "A task that refers to the object; may be repeated")
         ->type_name("ID")
         ->check(WholeNumber(std::numeric_limits<std::uint64_t>::max()))
         ->allow_extra_args(false);
-    verb.app.add_option("--dsid", verb.options.dsids, "A data selection that refers to the object; may be repeated")
+    verb.app
+        .add_option("--dsid", verb.options.object.dsids, "A data selection that refers to the object; may be repeated")
         ->type_name("ID")
         ->check(WholeNumber(CutOptions::kMost32))
         ->allow_extra_args(false);
@@ -227,7 +163,15 @@ void AddBuild(CLI::App& app, Action& chosen) {
         "With --cut content an insertion into FILE changes only the segments around it, so that the others are shared\n"
         "with earlier records; --cut fixed is faster, and enough for files that grow at their end or change in "
         "place.\n\n"
-        "Example:\n  crrecord build movie.mkv -o movie.do --task 17");
+        "With several files, or with --recursive, --files-from0, --names, --known or --segments-out, OUT has a record "
+        "for\n"
+        "each file, and a segment that occurred before in the run, or in a record of --known, keeps its container. A "
+        "file\n"
+        "that cannot be read, changes or has no segments is reported, and the others go on: status 1. All outputs "
+        "are\n"
+        "written at the end.\n\n"
+        "Example:\n  crrecord build movie.mkv -o movie.do --task 17\n"
+        "  crrecord build -r photos -o photos.do --names photos.idx --segments-out photos.seg");
 }
 
 void AddSegments(CLI::App& app, Action& chosen) {
@@ -236,7 +180,8 @@ void AddSegments(CLI::App& app, Action& chosen) {
     segments->footer("Example:\n  crrecord segments build movie.mkv -o movie.seg");
     auto const verb =
         AddVerb(*segments, chosen, "build", "Write a segment record for each segment of a file", BuildSegments);
-    AddFileAndOut(verb);
+    AddFile(verb.app, "FILE", verb.options.file, "Any file; - is standard input")->required();
+    AddOut(verb.app, verb.options.out);
     AddCutOptions(verb.app, verb.options.cut);
     verb.options.cut.segmentCrcs = true;
     AddJson(verb);

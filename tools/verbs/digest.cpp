@@ -1,5 +1,6 @@
 // crrecord digest: one fingerprint of a whole object.
 
+#include "io/record_names.h"
 #include "record/do_record.h"
 #include "record/parallel_records.h"
 #include "verbs/verbs.h"
@@ -67,7 +68,7 @@ ExitCode DigestInput(RecordStream& stream, DigestOptions const& options, Output&
             part.out.Write("}\n");
         } else if (valid) {
             std::string const text = !object ? "-" : options.key ? object->key.value_or("-") : object->digest;
-            part.out.Print("{}  {}: record {}\n", text, name, record.number);
+            part.out.Print("{}  {}: {}\n", text, name, LabelOf(record.number, record.offset));
         }
         return true;
     });

@@ -15,13 +15,12 @@ struct FreedOptions : StoreOptions {
 // The loss of a container.
 struct Loss {
     explicit Loss(ContainerSums const& sums)
-        : segments(sums.first.segments - sums.second.segments), bytes(sums.first.bytes - sums.second.bytes),
+        : needed{sums.first.segments - sums.second.segments, sums.first.bytes - sums.second.bytes},
           bloomBytes(sums.bloomBytes), ownBytes(sums.ownBytes), dead(sums.records == 0) {}
 
-    bool Any() const { return segments != 0 || bytes != 0 || bloomBytes != 0 || ownBytes != 0 || dead; }
+    bool Any() const { return needed.segments != 0 || needed.bytes != 0 || bloomBytes != 0 || ownBytes != 0 || dead; }
 
-    std::uint64_t segments;
-    std::uint64_t bytes;
+    SegmentSums needed;
     std::uint64_t bloomBytes;
     std::uint64_t ownBytes;
     bool dead; // no record that is held afterwards needs it
@@ -57,23 +56,22 @@ ExitCode Freed(FreedOptions const& options, Output& out) {
         if (options.json) {
             out.Print(R"({},"dcid":{},"segments":{},"bytes":{},"bloom_bytes":{},"own_bytes":{},"dead":{}}})"
                       "\n",
-                      JsonStart(), Decimal{sums.dcid}, Decimal{loss.segments}, Decimal{loss.bytes},
+                      JsonStart(), Decimal{sums.dcid}, Decimal{loss.needed.segments}, Decimal{loss.needed.bytes},
                       Decimal{loss.bloomBytes}, Decimal{loss.ownBytes}, loss.dead);
         } else {
             if (!std::exchange(hasHeading, true)) {
                 out.Print(kRow, "container", "segments", "bytes", "");
             }
-            out.Print(kRow, sums.dcid, loss.segments, loss.bytes, loss.dead ? "  dead" : "");
+            out.Print(kRow, sums.dcid, loss.needed.segments, loss.needed.bytes, loss.dead ? "  dead" : "");
         }
-        total.segments += loss.segments;
-        AddBytes(total.bytes, loss.bytes);
+        Add(total, loss.needed);
         dead += loss.dead ? 1 : 0;
     });
     std::uint64_t const records = scan.Totals().inFirst - scan.Totals().inSecond;
     if (options.json) {
-        out.Print(R"({},"total":{{"records":{},"segments":{},"bytes":{},"containers":{})", JsonStart(),
-                  Decimal{records}, Decimal{total.segments}, Decimal{total.bytes}, Decimal{dead});
-        PrintJsonFaults(out, scan);
+        PrintJsonTotal(out, scan,
+                       fmt::format(R"("records":{},"segments":{},"bytes":{},"containers":{})", Decimal{records},
+                                   Decimal{total.segments}, Decimal{total.bytes}, Decimal{dead}));
     } else {
         out.Print("{} would lose the last reference: {} of {} freed, {} dead\n", Counted(records, "record"),
                   Counted(total.segments, "segment"), WithUnit(total.bytes), Counted(dead, "container"));

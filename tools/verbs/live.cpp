@@ -29,11 +29,6 @@ struct LiveTotals {
     std::uint64_t sparseGain = 0;
 };
 
-void Add(SegmentSums& sums, SegmentSums const& more) {
-    sums.segments += more.segments;
-    AddBytes(sums.bytes, more.bytes);
-}
-
 class Report {
 public:
     Report(StoreScan& scan, LiveOptions const& options, Output& out)
@@ -48,18 +43,18 @@ public:
     void PrintJson() {
         scan_.Containers().ForEach([this](ContainerSums const& sums) { PrintLine(sums); });
         StoreTotals const& records = scan_.Totals();
-        out_.Print(R"({},"total":{{"records":{},"held":{},"segments":{},"bytes":{},"uses":{},)"
-                   R"("containers":{})",
-                   JsonStart(), Decimal{records.records}, Decimal{records.held}, Decimal{totals_.needed.segments},
-                   Decimal{totals_.needed.bytes}, Decimal{totals_.uses}, Decimal{scan_.Containers().size()});
+        std::string total =
+            fmt::format(R"("records":{},"held":{},"segments":{},"bytes":{},"uses":{},"containers":{})",
+                        Decimal{records.records}, Decimal{records.held}, Decimal{totals_.needed.segments},
+                        Decimal{totals_.needed.bytes}, Decimal{totals_.uses}, Decimal{scan_.Containers().size()});
         if (hasStored_) {
-            out_.Print(R"(,"dead":{},"sparse":{},"stored_segments":{},"stored_bytes":{},)"
-                       R"("missing_segments":{},"missing_bytes":{})",
-                       Decimal{totals_.dead}, Decimal{totals_.sparse}, Decimal{totals_.stored.segments},
-                       Decimal{totals_.stored.bytes}, Decimal{totals_.missing.segments},
-                       Decimal{totals_.missing.bytes});
+            total += fmt::format(R"(,"dead":{},"sparse":{},"stored_segments":{},"stored_bytes":{},)"
+                                 R"("missing_segments":{},"missing_bytes":{})",
+                                 Decimal{totals_.dead}, Decimal{totals_.sparse}, Decimal{totals_.stored.segments},
+                                 Decimal{totals_.stored.bytes}, Decimal{totals_.missing.segments},
+                                 Decimal{totals_.missing.bytes});
         }
-        PrintJsonFaults(out_, scan_);
+        PrintJsonTotal(out_, scan_, total);
     }
 
     void PrintTable() {

@@ -1,27 +1,24 @@
 // crrecord lost: the records of a store that are damaged if some containers are lost.
 
+#include "io/record_names.h"
 #include "record/record_findings.h"
 #include "store/damage.h"
 #include "store/segment_shape.h"
-#include "verbs/verbs.h"
+#include "verbs/store_options.h"
 
 namespace crrecord::tool {
 
 namespace {
 
-struct LostOptions {
-    std::vector<std::string> files{"-"};
-    FormOptions form; // without its form
+struct LostOptions : StoreOptions {
     std::vector<std::uint64_t> containers;
-    bool json = false;
 };
 
 class LostRecords {
 public:
     LostRecords(LostOptions const& options, Output& out) : json_(options.json), lost_(options.containers), out_(out) {}
 
-    ExitCode Visit(RecordStream& stream) {
-        ExitCode result = ExitCode::AllWell;
+    void Visit(RecordStream& stream) {
         std::string const name = json_ ? JsonName("file", stream.Name()) : Printable(stream.Name());
         while (Record const* const record = stream.Next()) {
             any_ = true;
@@ -32,19 +29,17 @@ public:
             try {
                 DORecordView const view(record->bytes, record->size);
                 Damage const damage = DamageOf(view, lost_);
-                if (damage.needed) {
+                if (damage.isTooLarge || !AddClaimed(bloomBytes_, damage.bloomBytes)) {
+                    Refuse(ClaimError(stream.Name(), *record));
+                } else if (damage.needed) {
                     Print(name, *record, view, damage);
                 }
             } catch (Cr_ErrnoException const&) {
                 ++bad_;
                 CheckRecord(stream.Name(), *record, findings_);
-            } catch (TooManyBytes const&) {
-                Complain(PlaceOf(stream.Name(), *record) + ": omitted: the sum would exceed 2^64 - 1 bytes");
-                result = ExitCode::CouldNotWork;
             }
         }
         gaps_.Add(stream);
-        return result;
     }
 
     ExitCode PrintTotal() {
@@ -66,22 +61,26 @@ private:
     void CheckSegmentRecord(std::string const& name, Record const& record) {
         std::string const error = SegmentRecordError(name, record);
         if (!error.empty()) {
-            Complain(error);
-            ++bad_;
+            Refuse(error);
         }
     }
 
+    void Refuse(std::string const& error) {
+        Complain(error);
+        ++bad_;
+    }
+
     void Print(std::string const& name, Record const& record, DORecordView const& view, Damage const& damage) {
-        AddBytes(bloomBytes_, damage.bloomBytes);
         AddBytes(bytes_, damage.bytes);
         segments_ += damage.segments;
         ++records_;
         if (json_) {
-            out_.Print(R"({},"file":{},"record":{},"offset":{},"segments":{},"bytes":{},"bloom_bytes":{},)"
+            out_.Print(R"({},"file":{},"record":{},"offset":{}{},"segments":{},"bytes":{},"bloom_bytes":{},)"
                        R"("object_bytes":{},"own":{}}})"
                        "\n",
-                       JsonStart(), name, record.number, Decimal{record.offset}, Decimal{damage.segments},
-                       Decimal{damage.bytes}, Decimal{damage.bloomBytes}, Decimal{view.GetSize()}, damage.own);
+                       JsonStart(), name, record.number, Decimal{record.offset}, JsonNameOf(record.offset),
+                       Decimal{damage.segments}, Decimal{damage.bytes}, Decimal{damage.bloomBytes},
+                       Decimal{view.GetSize()}, damage.own);
             return;
         }
         out_.Print("{}: {} of {} lost of an object of {}{}{}\n", PlaceOf(name, record),
@@ -105,8 +104,10 @@ private:
 
 ExitCode Lost(LostOptions const& options, Output& out) {
     LostRecords lost(options, out);
-    ExitCode const result =
-        ForEachInput(options.files, options.form, nullptr, [&](RecordStream& stream) { return lost.Visit(stream); });
+    ExitCode const result = ForEachInput(options.files, options.form, nullptr, [&](RecordStream& stream) {
+        lost.Visit(stream);
+        return ExitCode::AllWell;
+    });
     return std::max(result, lost.PrintTotal());
 }
 
@@ -115,15 +116,14 @@ ExitCode Lost(LostOptions const& options, Output& out) {
 void AddLost(CLI::App& app, Action& chosen) {
     auto const [verb, options] =
         AddVerb(app, chosen, "lost", "List the records that are damaged if some containers are lost", Lost);
-    AddFiles(verb, options.files);
+    AddStoreOptions(verb, options);
     verb.add_option("--container", options.containers, "A lost container; may be repeated")
         ->check(WholeNumber(std::numeric_limits<std::uint64_t>::max()))
         ->required()
         ->type_name("DCID")
         ->allow_extra_args(false);
-    AddScan(verb, options.form);
-    verb.add_flag("--json", options.json, "One JSON object on a line for each record, and one for the total");
-    verb.footer("Entries count as often as an object has them. A record whose own container is lost is lost, too.\n\n"
+    verb.footer("Entries count as often as an object has them. A record whose own container is lost is lost, too.\n"
+                "Only the present record needs memory: --memory and --temp have no effect.\n\n"
                 "Example:\n  crrecord lost --container 1042 objects.do");
 }
 

@@ -39,17 +39,15 @@ ExitCode Recall(RecallOptions const& options, Output& out) {
         } else {
             out.Print(kRow, sums.dcid, sums.first.segments, sums.first.bytes, sums.records);
         }
-        total.segments += sums.first.segments;
-        AddBytes(total.bytes, sums.first.bytes);
+        Add(total, sums.first);
     }
     StoreTotals const& records = scan.Totals();
     if (options.json) {
-        out.Print(R"({},"total":{{"containers":{},"segments":{},"bytes":{},"records":{})", JsonStart(),
-                  Decimal{containers.size()}, Decimal{total.segments}, Decimal{total.bytes}, Decimal{records.records});
-        if (options.cache != 0) {
-            out.Print(R"(,"fetches":{})", Decimal{cache.Fetches()});
-        }
-        PrintJsonFaults(out, scan);
+        PrintJsonTotal(out, scan,
+                       fmt::format(R"("containers":{},"segments":{},"bytes":{},"records":{})",
+                                   Decimal{containers.size()}, Decimal{total.segments}, Decimal{total.bytes},
+                                   Decimal{records.records}) +
+                           (options.cache != 0 ? fmt::format(R"(,"fetches":{})", Decimal{cache.Fetches()}) : ""));
     } else {
         out.Print("{}: {} of {} in {}\n", Counted(records.records, "record"), Counted(total.segments, "segment"),
                   WithUnit(total.bytes), Counted(containers.size(), "container"));
@@ -67,7 +65,9 @@ void AddRecall(CLI::App& app, Action& chosen) {
     auto const [verb, options] =
         AddVerb(app, chosen, "recall", "List the containers that some records need, in the order of a restore", Recall);
     AddStoreOptions(verb, options);
-    verb.add_option("--cache", options.cache, "Also count the fetches of a restore that keeps the last N containers")
+    verb.add_option("--cache", options.cache,
+                    "Also count the fetches of a restore that keeps the last N containers; "
+                    "needs 100 bytes of memory for each")
         ->check(WholeNumber(std::numeric_limits<std::uint32_t>::max()))
         ->type_name("N");
     verb.footer("Each segment counts once.\n\nExample:\n  crrecord recall --cache 8 movie.do");

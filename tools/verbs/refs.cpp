@@ -2,6 +2,7 @@
 
 #include "analysis/record_diff.h"
 #include "io/line_reader.h"
+#include "io/record_names.h"
 #include "record/do_record.h"
 #include "record/record_findings.h"
 #include "record/references.h"
@@ -68,7 +69,7 @@ ExitCode List(RefsOptions const& options, Output& out) {
         bool const several = record.number != 1 || !stream.EndsHere();
         std::unique_ptr<DORecord> const opened = OpenDORecord(options.file, record);
         if (!options.json) {
-            std::string const prefix = several ? fmt::format("record {}: ", record.number) : "";
+            std::string const prefix = several ? LabelOf(record.number, record.offset) + ": " : "";
             ForEachReference(*opened, [&](char const* text) { out.Print("{}{}\n", prefix, text); });
             return;
         }
@@ -237,7 +238,7 @@ ExitCode ShowChanges(RefsOptions const& options, Output& out) {
             out.Write("}\n");
             return;
         }
-        std::string const prefix = several ? fmt::format("record {}: ", record.number) : "";
+        std::string const prefix = several ? LabelOf(record.number, record.offset) + ": " : "";
         DiffReferences(*before, *after, [&](char const* reference, bool isAdded) {
             out.Print("{}would {} {}\n", prefix, isAdded ? "add" : "remove", reference);
         });

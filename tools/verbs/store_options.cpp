@@ -58,12 +58,12 @@ void PrintFaults(Output& out, StoreScan& scan) {
     PrintGaps(out, totals.gaps);
 }
 
-void PrintJsonFaults(Output& out, StoreScan& scan) {
+void PrintJsonTotal(Output& out, StoreScan& scan, std::string const& members) {
     StoreTotals const& totals = scan.Totals();
-    out.Print(R"(,"conflicts":{},"bad_records":{},"skipped_bytes":{},"unread_bytes":{},"complete":{}}}}})"
+    out.Print(R"({},"total":{{{},"conflicts":{},"bad_records":{},"skipped_bytes":{},"unread_bytes":{},"complete":{}}}}})"
               "\n",
-              Decimal{scan.Containers().Conflicts()}, Decimal{totals.bad}, Decimal{totals.gaps.skipped},
-              JsonNumber(totals.gaps.unread), totals.isComplete);
+              JsonStart(), members, Decimal{scan.Containers().Conflicts()}, Decimal{totals.bad},
+              Decimal{totals.gaps.skipped}, JsonNumber(totals.gaps.unread), totals.isComplete);
 }
 
 } // namespace crrecord::tool

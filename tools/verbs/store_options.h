@@ -28,7 +28,7 @@ bool AnyRecord(StoreScan const& scan);
 // Prints segments that have several sizes, bad records, and bytes that are in no record.
 void PrintFaults(Output& out, StoreScan& scan);
 
-// The members that end each total, after a comma, and the ends of both objects.
-void PrintJsonFaults(Output& out, StoreScan& scan);
+// Prints the last line: the total with these members, and those that each total ends with.
+void PrintJsonTotal(Output& out, StoreScan& scan, std::string const& members);
 
 } // namespace crrecord::tool

@@ -1,7 +1,9 @@
 #include "verbs/verbs.h"
 
 #include "io/file_facts.h"
+#include "io/record_names.h"
 #include "record/record_findings.h"
+#include "json/name_index.h"
 
 #include <crrecord/DORecordHeader.h>
 #include <crrecord/fingerprint.h>
@@ -38,6 +40,34 @@ void AddNumbers(CLI::App& app) {
     }
     for (CLI::App* const verb : app.get_subcommands([](CLI::App const*) { return true; })) {
         AddNumbers(*verb);
+    }
+}
+
+// Each verb that reads a file of records takes their names, except build, which writes an index, and verify, which
+// compares files of these names.
+void AddNames(CLI::App& verb) {
+    auto* file = verb.get_option_no_throw("FILE");
+    file = file ? file : verb.get_option_no_throw("RECORD");
+    if (file && verb.get_name() != "build" && verb.get_name() != "verify") {
+        auto const index = std::make_shared<std::string>();
+        AddFile(verb, "--names", *index,
+                "Show the names of the records, from this index that build wrote, instead of their numbers")
+            ->type_name("INDEX");
+        verb.parse_complete_callback([index, file] {
+            if (index->empty()) {
+                return;
+            }
+            if (file->count() > 1) {
+                throw Failure(fmt::format("--names: an index is for one FILE, found {}", file->count()));
+            }
+            if (*index == "-" && (file->empty() || file->results().front() == "-")) {
+                throw Failure("standard input can be either the records or their names");
+            }
+            NameRecords(json::ReadNames(*index));
+        });
+    }
+    for (CLI::App* const part : verb.get_subcommands([](CLI::App const*) { return true; })) {
+        AddNames(*part);
     }
 }
 
@@ -84,12 +114,14 @@ CLI::Option* AddTexts(CLI::App& verb, std::string const& option, std::vector<std
         ->each(take);
 }
 
-CLI::Option* AddFiles(CLI::App& verb, std::vector<std::string>& files) {
+CLI::Option* AddFiles(CLI::App& verb, std::vector<std::string>& files, std::string const& description) {
     // Without lists in brackets CLI11 gives a positional only the least number of texts that it expects.
-    return AddTexts(verb, "FILE", files, "Files of records, one after the other; - is standard input")
-        ->expected(kMany - 1, kMany)
-        ->check(NamesAFile())
-        ->type_name("");
+    return AddTexts(verb, "FILE", files, description)->expected(kMany - 1, kMany)->check(NamesAFile())->type_name("");
+}
+
+CLI::Option* AddRepeatedFile(CLI::App& verb, std::string const& option, std::vector<std::string>& files,
+                             std::string const& description) {
+    return AddTexts(verb, option, files, description)->expected(1)->check(NamesAFile());
 }
 
 CLI::Option* AddFile(CLI::App& verb, std::string const& option, std::string& file, std::string const& description) {
@@ -177,6 +209,7 @@ void AddVerbs(CLI::App& app, Action& chosen) {
         add(app, chosen);
     }
     AddNumbers(app);
+    AddNames(app);
     AddToEachVerb(app, "--no-progress", Progress::Disable, "Do not show progress on the terminal");
 }
 

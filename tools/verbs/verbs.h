@@ -62,8 +62,13 @@ Verb<Options> AddVerb(CLI::App& app, Action& chosen, char const* name, char cons
 // error, and only if `requested`, so that it does not mix with the records.
 void PrintClosing(Output& out, std::string const& path, bool requested, std::string const& line);
 
-// Adds the positional FILE, for one or more files of records.
-CLI::Option* AddFiles(CLI::App& verb, std::vector<std::string>& files);
+// Adds the positional FILE, for one or more files.
+CLI::Option* AddFiles(CLI::App& verb, std::vector<std::string>& files,
+                      std::string const& description = "Files of records, one after the other; - is standard input");
+
+// Adds an option that may be repeated and takes one file name each time.
+CLI::Option* AddRepeatedFile(CLI::App& verb, std::string const& option, std::vector<std::string>& files,
+                             std::string const& description);
 
 // Adds an option or a positional for one file name. Every name but the empty one is accepted literally.
 CLI::Option* AddFile(CLI::App& verb, std::string const& option, std::string& file, std::string const& description);

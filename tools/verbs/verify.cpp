@@ -1,319 +1,30 @@
-// crrecord verify: compares the data of a file with its DO record.
+// crrecord verify: compares the data of files with their DO records.
 
-#include "analysis/record_diff.h"
-#include "io/progress.h"
-#include "record/crc32.h"
-#include "record/do_record.h"
-#include "record/fingerprinter.h"
+#include "io/record_names.h"
 #include "record/record_findings.h"
-#include "record/show_object.h"
-#include "verbs/verbs.h"
+#include "verbs/verify_file.h"
+#include "json/name_index.h"
 
 #include <crrecord/do_types.h>
 
-#include <ctime>
-
-#include <libdeflate.h>
+#include <fcntl.h>
 
 namespace crrecord::tool {
 
 namespace {
 
-struct VerifyOptions {
-    std::string record;
-    std::string file;
-    FormOptions form;
-    std::string out; // of --stamp
-    bool noCrc = false;
-    bool stamp = false;
-    bool json = false;
-};
-
-// What was compared, as words of the text and of the JSON array "checked".
-struct Checks {
-    std::vector<std::string_view> done{"fingerprints", "gaps", "size"};
-    std::string notDone; // with the reasons, for the text
-
-    void Skip(std::string_view what, std::string_view reason) {
-        notDone += fmt::format("{}{} ({})", notDone.empty() ? "" : ", ", what, reason);
-    }
-};
-
-// Prints each difference as a line or as an element of the JSON object's array.
-class Report {
-public:
-    Report(VerifyOptions const& options, Output& out)
-        : options_(options), record_(Printable(options.record)), file_(Printable(options.file)), out_(out) {
-        if (options_.json) {
-            out_.Print(R"({},"record_file":{},"file":{},"differences":[)", JsonStart(),
-                       JsonName("record_file", options_.record), JsonName("file", options_.file));
-        }
-    }
-
-    // `found` is empty if the file ends before the segment's end.
-    void BadSegment(unsigned int index, std::uint64_t position, std::uint32_t size, std::string const& expected,
-                    std::string const& found) {
-        ++badSegments_;
-        Print(fmt::format("{}: segment {} at byte {}, {}: expected {}, found {}", file_, index, position,
-                          Counted(size, "byte"), expected, found.empty() ? "the end of the file" : found),
-              fmt::format(R"("segment","index":{},"offset":{},"size":{},"expected":"{}","found":{})", index,
-                          Decimal{position}, size, expected, found.empty() ? "null" : '"' + found + '"'));
-    }
-
-    void BadOffset(unsigned int index, std::uint64_t position, std::uint64_t stored) {
-        ++others_;
-        Print(
-            fmt::format("{}: segment {}: the record's offset is {}, expected {}", record_, index, stored, position),
-            fmt::format(R"("offset","index":{},"expected":{},"found":{})", index, Decimal{position}, Decimal{stored}));
-    }
-
-    void BadGap(std::uint64_t position, std::uint64_t size, std::uint64_t dataAt) {
-        ++others_;
-        Print(fmt::format("{}: gap at byte {}, {}: expected zeros, found data at byte {}", file_, position,
-                          Counted(size, "byte"), dataAt),
-              fmt::format(R"("gap","offset":{},"size":{},"data_at":{})", Decimal{position}, Decimal{size},
-                          Decimal{dataAt}));
-    }
-
-    void BadCrc(std::uint32_t stored, std::uint32_t computed) {
-        ++others_;
-        Print(fmt::format("{}: the record's CRC is {}, expected {}, the CRC-32 of the data", record_, CrcText(stored),
-                          CrcText(computed)),
-              fmt::format(R"("CRC","expected":{},"found":{})", computed, stored));
-    }
-
-    void BadContainer(ContainerDiff const& container) {
-        ++others_;
-        Print(fmt::format("{}: container {}: {} in the record's list, expected {}, those of its segments", record_,
-                          container.dcid, Counted(container.a.listed, "byte"), container.a.bytes),
-              fmt::format(R"("container","dcid":{},"expected":{},"found":{})", Decimal{container.dcid},
-                          Decimal{container.a.bytes}, Decimal{container.a.listed}));
-    }
-
-    bool IsSame(std::uint64_t expectedSize, std::uint64_t size) const {
-        return badSegments_ == 0 && others_ == 0 && size == expectedSize;
-    }
-
-    // `stamp` is the check time of the record that was written, if one was.
-    ExitCode Close(std::uint64_t segments, std::uint64_t expectedSize, std::uint64_t size, Checks const& checks,
-                   std::optional<std::uint32_t> stamp) {
-        bool const same = IsSame(expectedSize, size);
-        if (options_.json) {
-            out_.Print(R"(],"segments":{},"bad_segments":{},"size":{},"expected_size":{},)"
-                       R"("checked":["{}"],"same":{}{}}})"
-                       "\n",
-                       Decimal{segments}, Decimal{badSegments_}, Decimal{size}, Decimal{expectedSize},
-                       fmt::join(checks.done, "\",\""), same,
-                       stamp ? fmt::format(R"(,"out":{},"checktime":{})", JsonName("out", options_.out), *stamp) : "");
-            return same ? ExitCode::AllWell : ExitCode::BadRecord;
-        }
-        if (size != expectedSize) {
-            out_.Print("{}: size {}, expected {}\n", file_, size, expectedSize);
-        }
-        out_.Print("{}: {}, {}: {}\n", file_, Counted(segments, "segment"), Counted(size, "byte"),
-                   same ? "matches the record" : fmt::format("differs, {} bad", Counted(badSegments_, "segment")));
-        out_.Print("{}: checked: {}{}{}\n", file_, fmt::join(checks.done, ", "),
-                   checks.notDone.empty() ? "" : "; not checked: ", checks.notDone);
-        if (stamp) {
-            out_.Print("{}: 1 record, check time {}\n", Printable(options_.out), *stamp);
-        }
-        return same ? ExitCode::AllWell : ExitCode::BadRecord;
-    }
-
-private:
-    // `members` is the value of "what" and the members after it.
-    void Print(std::string const& line, std::string const& members) {
-        if (options_.json) {
-            out_.Print(R"({}{{"what":{}}})", std::exchange(separator_, ","), members);
-        } else {
-            out_.Print("{}\n", line);
-        }
-    }
-
-    VerifyOptions const& options_;
-    std::string record_;
-    std::string file_;
-    Output& out_;
-    char const* separator_ = "";
-    std::uint64_t badSegments_ = 0;
-    std::uint64_t others_ = 0;
-};
-
-// Reads the file once, from its start to the end of the object. Holes are not read. Of consecutive segments of one size
-// that are holes only the first is hashed.
-class Verifier {
-public:
-    Verifier(Input& input, DORecord const& record, Report& report)
-        : input_(input), fptype_(record.GetFPType()), dotype_(record.GetDOType()), report_(report),
-          progress_(input.Name(), input.ExpectedSize()), block_(kReadBlock), fingerprinter_(fptype_) {}
-
-    void CheckSegment(unsigned int index, std::uint64_t position, DOSegment const& segment) {
-        CheckGap(position);
-        if (dotype_ == CR_DO_TYPE_4_BYTE_OFFSET && segment.offset != position) {
-            report_.BadOffset(index, position, segment.offset);
-        }
-        std::optional<crfp_digest_t> const found = DigestOf(segment.size);
-        if (!found || std::memcmp(found->bytes, segment.fingerprint.data, segment.fingerprint.size) != 0) {
-            report_.BadSegment(index, position, segment.size, TextOf(segment.fingerprint.Copy(), fptype_),
-                               found ? TextOf(*found, fptype_) : "");
-        }
-    }
-
-    // Checks that the bytes up to `end`, which no segment describes, are zeros.
-    void CheckGap(std::uint64_t end) {
-        std::uint64_t const begin = position_;
-        std::optional<std::uint64_t> data;
-        while (position_ < end && !ended_) {
-            std::uint64_t const at = position_;
-            auto const bytes = Take(end - position_).bytes;
-            auto const found = std::find_if(bytes.begin(), bytes.end(), [](unsigned char byte) { return byte != 0; });
-            if (found != bytes.end() && !data) {
-                data = at + static_cast<std::uint64_t>(found - bytes.begin());
-            }
-        }
-        if (data) {
-            report_.BadGap(begin, end - begin, *data);
-        }
-    }
-
-    // Returns: the CRC-32 of the bytes read so far.
-    std::uint32_t Crc() const { return CrcAfterZeros(crc_, zerosAfterCrc_); }
-    std::uint64_t Position() const { return position_; }
-
-    // Returns: the file's size. Only an input of unknown size, such as a pipe, is read to its end.
-    std::uint64_t Finish() {
-        if (input_.Name() != "-" && !ended_ && position_ < input_.ExpectedSize()) {
-            return input_.ExpectedSize();
-        }
-        while (!ended_) {
-            Take(std::numeric_limits<std::uint64_t>::max());
-        }
-        return position_;
-    }
-
-private:
-    // A hole, or bytes that were read, or neither at the end of the file.
-    struct Piece {
-        std::uint64_t hole = 0;
-        std::span<unsigned char const> bytes;
-    };
-
-    // Reads the next bytes of the file, at most `most`.
-    Piece Take(std::uint64_t most) {
-        Piece piece;
-        if (dataAhead_ == 0) {
-            Extent const extent = input_.NextExtent(most);
-            piece.hole = extent.hole;
-            dataAhead_ = extent.data;
-        }
-        if (piece.hole == 0 && dataAhead_ != 0) {
-            std::size_t const size = std::min<std::uint64_t>({block_.size(), most, dataAhead_});
-            piece.bytes = std::span(block_).first(input_.Read(std::span(block_).first(size)));
-            dataAhead_ -= piece.bytes.size();
-        }
-        zerosAfterCrc_ += piece.hole;
-        if (!piece.bytes.empty()) {
-            crc_ = CrcAfterZeros(crc_, std::exchange(zerosAfterCrc_, 0));
-            crc_ = libdeflate_crc32(crc_, piece.bytes.data(), piece.bytes.size());
-        }
-        position_ += piece.hole + piece.bytes.size();
-        ended_ = piece.hole == 0 && piece.bytes.empty();
-        progress_.At(position_);
-        return piece;
-    }
-
-    // Returns: the fingerprint of the next `size` bytes, or std::nullopt if the file ends before.
-    std::optional<crfp_digest_t> DigestOf(std::uint32_t size) {
-        fingerprinter_.Start();
-        for (std::uint64_t left = size; left != 0;) {
-            Piece const piece = Take(left);
-            if (ended_) {
-                return std::nullopt;
-            }
-            if (piece.hole == size) {
-                return DigestOfZeros(size);
-            }
-            fingerprinter_.Append(piece.bytes);
-            AppendZeros(piece.hole);
-            left -= piece.hole + piece.bytes.size();
-        }
-        return fingerprinter_.Finish();
-    }
-
-    crfp_digest_t DigestOfZeros(std::uint32_t size) {
-        if (!zeros_ || zerosSize_ != size) {
-            AppendZeros(size);
-            zeros_ = fingerprinter_.Finish();
-            zerosSize_ = size;
-        }
-        return *zeros_;
-    }
-
-    void AppendZeros(std::uint64_t count) {
-        static constexpr unsigned char kZeros[64UL * 1024] = {};
-        for (; count != 0; count -= std::min<std::uint64_t>(count, sizeof kZeros)) {
-            fingerprinter_.Append(std::span(kZeros).first(std::min<std::uint64_t>(count, sizeof kZeros)));
-        }
-    }
-
-    Input& input_;
-    unsigned char fptype_;
-    unsigned char dotype_;
-    Report& report_;
-    Progress progress_;
-    std::vector<unsigned char> block_;
-    std::uint64_t position_ = 0;
-    std::uint64_t dataAhead_ = 0; // bytes before the next possible hole
-    bool ended_ = false;
-    std::uint32_t crc_ = 0;           // of the bytes read but the last ones, a hole
-    std::uint64_t zerosAfterCrc_ = 0; // bytes of that hole
-    Fingerprinter fingerprinter_;
-    std::optional<crfp_digest_t> zeros_; // the fingerprint of `zerosSize_` zeros
-    std::uint32_t zerosSize_ = 0;
-};
-
-// Compares the record's CRC with that of the whole object, which was read.
-void CheckCrc(VerifyOptions const& options, DORecord const& record, Verifier const& verifier, Report& report,
-              Checks& checks) {
-    std::uint32_t const stored = record.GetCrc();
-    if (options.noCrc) {
-        checks.Skip("CRC", "--no-crc");
-    } else if (options.form.checksum) {
-        checks.Skip("CRC", "the form has a checksum of its body instead");
-    } else if (verifier.Position() < record.GetSize()) {
-        checks.Skip("CRC", "the file is too short");
-    } else if (stored == 0 && verifier.Crc() != 0) {
-        checks.Skip("CRC", "the record has none");
-    } else {
-        checks.done.push_back("CRC");
-        if (verifier.Crc() != stored) {
-            report.BadCrc(stored, verifier.Crc());
-        }
-    }
-}
-
-// Compares the record's list of containers with its segments.
-void CheckList(DORecord const& record, Report& report, Checks& checks) {
-    if (record.GetNudcid() == 0) {
-        checks.Skip("containers", "the record has no list of them");
-        return;
-    }
-    checks.done.push_back("containers");
-    for (ContainerDiff const& container : WronglyListed(record)) {
-        report.BadContainer(container);
-    }
-}
-
 // Writes a DO record, as it was read but for its check time.
-void WriteStamped(VerifyOptions const& options, std::vector<unsigned char> bytes, Order order, std::uint32_t time) {
-    reinterpret_cast<DORecordHeader*>(bytes.data())->checktime = InOrder(time, order);
+void WriteStamped(VerifyOptions const& options, std::vector<unsigned char> bytes, Order order, Output& out) {
+    reinterpret_cast<DORecordHeader*>(bytes.data())->checktime = InOrder(options.start, order);
     OutputFile to(options.out, {options.record});
     to.Write(bytes.data(), bytes.size());
     to.Commit();
+    if (!options.json) {
+        out.Print("{}: 1 record, check time {}\n", Printable(options.out), options.start);
+    }
 }
 
-ExitCode VerifyTo(VerifyOptions const& options, Output& out) {
-    auto const start = static_cast<std::uint32_t>(std::time(nullptr));
+ExitCode VerifyOne(VerifyOptions const& options, Output& out) {
     RecordStream stream(options.record, options.form.Facts());
     Record const* const read = OnlyDORecord(stream);
     if (!read) {
@@ -328,37 +39,139 @@ ExitCode VerifyTo(VerifyOptions const& options, Output& out) {
         throw Failure(options.record + ": is a bloom record, which has no segments");
     }
     Input input(options.file);
-    Report report(options, out);
-    Verifier verifier(input, *record, report);
-    DOSegmentRange const segments = record->Segments();
-    ForEachSegment(
-        segments, record->GetDOType(), segments.size(),
-        [&](auto index, auto position, DOSegment const& segment) { verifier.CheckSegment(index, position, segment); });
-    verifier.CheckGap(record->GetSize());
-    Checks checks;
-    CheckCrc(options, *record, verifier, report, checks);
-    CheckList(*record, report, checks);
-    std::uint64_t const size = verifier.Finish();
-    input.ThrowIfChanged();
-    std::optional<std::uint32_t> stamp;
-    if (options.stamp && report.IsSame(record->GetSize(), size)) {
-        WriteStamped(options, std::move(original), read->order, stamp.emplace(start));
+    ExitCode const result = VerifyFile(options, *record, nullptr, input, out);
+    if (options.stamp && result == ExitCode::AllWell) {
+        WriteStamped(options, std::move(original), read->order, out);
     }
-    return report.Close(segments.size(), record->GetSize(), size, checks, stamp);
+    return result;
 }
 
+// Compares each record with the file of its name.
+class NamedFiles {
+public:
+    NamedFiles(VerifyOptions const& options, Output& out)
+        : options_(options), out_(out), names_(json::ReadNames(options.names)) {
+        NameRecords(names_);
+    }
+
+    ExitCode Verify() {
+        RecordStream stream(options_.record);
+        std::vector<Finding> findings;
+        while (Record const* const record = stream.Next()) {
+            if (!CheckRecord(stream.Name(), *record, findings)) {
+                Count(ExitCode::BadRecord);
+                TakeName(*record);
+            } else if (std::string const* const name = TakeName(*record)) {
+                CompareOne(*record, *name);
+            } else {
+                Complain(fmt::format("{}: has no name in {}", PlaceOf(options_.record, *record), options_.names));
+                Count(ExitCode::BadRecord);
+            }
+        }
+        for (; next_ != names_.size(); ++next_) {
+            ComplainOfName(names_[next_]);
+        }
+        PrintTotal();
+        return result_;
+    }
+
+private:
+    // Returns: the name of the record, which follows those before it; null if it has none.
+    std::string const* TakeName(Record const& record) {
+        for (; next_ != names_.size() && names_[next_].offset < record.offset; ++next_) {
+            ComplainOfName(names_[next_]);
+        }
+        bool const isNext = next_ != names_.size() && names_[next_].offset == record.offset;
+        return isNext ? &names_[next_++].name : nullptr;
+    }
+
+    void ComplainOfName(NamedRecord const& named) {
+        Complain(fmt::format("{}: {} at byte {}: no record of {} starts there", options_.names, named.name,
+                             named.offset, options_.record));
+        Count(ExitCode::BadRecord);
+    }
+
+    void CompareOne(Record const& record, std::string const& name) {
+        try {
+            if (record.kind == Kind::Segment) {
+                throw InputFailure(PlaceOf(options_.record, record) + ": is a segment record, expected a DO record");
+            }
+            std::unique_ptr<DORecord> const opened = OpenDORecord(options_.record, record);
+            if (IsBloom(opened->GetDOType())) {
+                throw InputFailure(PlaceOf(options_.record, record) + ": is a bloom record, which has no segments");
+            }
+            std::string const file = PathOf(name);
+            Input input(file, Input::OpenIn(AT_FDCWD, file, 0)); // the index may name a pipe
+            input.ThrowIfNotRegular();
+            ++files_;
+            bytes_ += opened->GetSize();
+            Count(VerifyFile(options_, *opened, &record, input, out_));
+        } catch (InputFailure const& failure) {
+            Complain(failure.what());
+            Count(ExitCode::CouldNotWork);
+        }
+    }
+
+    std::string PathOf(std::string const& name) const {
+        bool const isRelative = !options_.folder.empty() && name.front() != '/';
+        return isRelative ? options_.folder + '/' + name : name;
+    }
+
+    void Count(ExitCode result) {
+        different_ += result == ExitCode::BadRecord ? 1 : 0;
+        failed_ += result == ExitCode::CouldNotWork ? 1 : 0;
+        result_ = std::max(result_, result);
+    }
+
+    void PrintTotal() {
+        if (options_.json) {
+            out_.Print(R"({},"record_file":{},"files":{},"bytes":{},"different":{},"failed":{}}})"
+                       "\n",
+                       JsonStart(), JsonName("record_file", options_.record), Decimal{files_}, Decimal{bytes_},
+                       Decimal{different_}, Decimal{failed_});
+            return;
+        }
+        out_.Print("{}: {}, {}: ", Printable(options_.record), Counted(files_, "file"), Counted(bytes_, "byte"));
+        if (result_ == ExitCode::AllWell) {
+            out_.Write("all match their records\n");
+        } else {
+            out_.Print("{} different, {} failed\n", different_, failed_);
+        }
+    }
+
+    VerifyOptions const& options_;
+    Output& out_;
+    std::vector<NamedRecord> names_;
+    std::size_t next_ = 0; // of the names
+    std::uint64_t files_ = 0;
+    std::uint64_t bytes_ = 0;
+    std::uint64_t different_ = 0;
+    std::uint64_t failed_ = 0;
+    ExitCode result_ = ExitCode::AllWell;
+};
+
 ExitCode Verify(VerifyOptions const& options, Output& out) {
-    if (options.record == "-" && options.file == "-") {
-        throw Failure("standard input can be either the record or the file");
+    if (options.names.empty() == options.file.empty()) {
+        throw Failure(options.names.empty() ? "FILE or --names is required (try: crrecord verify --help)"
+                                            : "with --names each file has its name there, so there is no FILE");
     }
-    RefuseToReplace({options.file}, options.out, "record");
-    if (options.out != "-") {
-        return VerifyTo(options, out);
+    if (options.names.empty()) {
+        if (options.record == "-" && options.file == "-") {
+            throw Failure("standard input can be either the record or the file");
+        }
+        RefuseToReplace({options.file}, options.out, "record");
+        if (options.out != "-") {
+            return VerifyOne(options, out);
+        }
+        Output error(STDERR_FILENO, "standard error"); // the record is on standard output
+        ExitCode const result = VerifyOne(options, error);
+        error.Flush();
+        return result;
     }
-    Output error(STDERR_FILENO, "standard error"); // the record is on standard output
-    ExitCode const result = VerifyTo(options, error);
-    error.Flush();
-    return result;
+    if (options.names == "-" && options.record == "-") {
+        throw Failure("standard input can be either the records or their names");
+    }
+    return NamedFiles(options, out).Verify();
 }
 
 } // namespace
@@ -366,19 +179,27 @@ ExitCode Verify(VerifyOptions const& options, Output& out) {
 void AddVerify(CLI::App& app, Action& chosen) {
     auto const [verb, options] =
         AddVerb(app, chosen, "verify", "Compare the data of a file with its DO record", Verify);
-    AddFile(verb, "RECORD", options.record, "The DO record; - is standard input")->required();
-    AddFile(verb, "FILE", options.file, "The file that it describes; - is standard input")->required();
+    AddFile(verb, "RECORD", options.record, "The DO record, or with --names several; - is standard input")->required();
+    AddFile(verb, "FILE", options.file, "The file that it describes; - is standard input");
+    auto* const names =
+        AddFile(verb, "--names", options.names, "Compare each record with the file that this index from build names")
+            ->type_name("INDEX");
+    AddFile(verb, "-C,--directory", options.folder, "The folder of the named files, without it the current one")
+        ->type_name("DIR")
+        ->needs(names);
     verb.add_flag("--no-crc", options.noCrc, "Do not check the record's CRC, which may be another checksum");
     verb.add_flag("--json", options.json, "One JSON object with all differences");
     AddFormOptions(verb, options.form);
+    names->excludes(verb.get_option("--serialized"));
     auto* const written = AddFile(verb, "-o,--out", options.out,
                                   "The file that --stamp writes, which may be RECORD; - is standard output")
                               ->type_name("OUT");
-    verb.add_flag("--stamp", options.stamp,
-                  "If FILE matches, write the record with the time of this check as checktime")
-        ->needs(written)
-        ->excludes(verb.get_option("--serialized"));
-    written->needs("--stamp");
+    auto* const stamp = verb.add_flag("--stamp", options.stamp,
+                                      "If FILE matches, write the record with the time of this check as checktime")
+                            ->needs(written)
+                            ->excludes(names)
+                            ->excludes(verb.get_option("--serialized"));
+    written->needs(stamp);
     verb.footer("Reads FILE once and lists each segment whose data has a fingerprint other than the recorded one, each "
                 "gap that\n"
                 "is not all zeros, a different size, a CRC of the record other than the CRC-32 of the data, and each "
@@ -386,8 +207,12 @@ void AddVerify(CLI::App& app, Action& chosen) {
                 "with other bytes in the record's list than in its segments: status 1. A CRC of 0 is none. The last "
                 "line names\n"
                 "what was checked. Holes of a sparse FILE, and data after the record's size, are not read.\n\n"
+                "With --names only files that differ are listed, and the last line has the total. A file that cannot "
+                "be read is\n"
+                "reported, and the others are still compared: status 2.\n\n"
                 "Example:\n  crrecord verify movie.do movie.mkv\n"
-                "  crrecord verify --stamp movie.do movie.mkv -o movie.do");
+                "  crrecord verify --stamp movie.do movie.mkv -o movie.do\n"
+                "  crrecord verify --names photos.idx photos.do");
 }
 
 } // namespace crrecord::tool
