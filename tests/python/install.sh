@@ -8,9 +8,8 @@
 set -euo pipefail
 way=$1 python=$2 build=$3
 source=$(realpath "$(dirname "$0")/../..")
-work=$(realpath "$build")/python/$way-installed
-rm -rf "$work"
-mkdir -p "$work"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
 export PYTHONDONTWRITEBYTECODE=1
 
 case $way in
