@@ -20,7 +20,7 @@ help:
 	@echo 'make python                build the Python package into build/python/python, and test it'
 	@echo 'make docs                  build the reference of the headers into build/docs/html'
 	@echo 'make build                 build the library, the command and the tests into build/release'
-	@echo 'make deb                   build Debian packages into build/deb'
+	@echo 'make deb                   build Debian packages and their source package into build/deb'
 	@echo 'make release-check         run all checks of a release, as root'
 	@echo 'make install [PREFIX=dir]  install library and command, by default into /usr/local'
 	@echo 'make format                format the sources'

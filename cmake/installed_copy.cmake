@@ -4,12 +4,16 @@
 function(crrecord_installed_copy installed target rpath)
     get_target_property(name ${target} OUTPUT_NAME)
     get_target_property(libraries ${target} LINK_LIBRARIES)
+    get_target_property(options ${target} LINK_OPTIONS)
     target_link_libraries(${installed} PRIVATE ${libraries})
+    if(options)
+        target_link_options(${installed} PRIVATE ${options})
+    endif()
     set_target_properties(${installed} PROPERTIES
         OUTPUT_NAME ${name}
         LINKER_LANGUAGE CXX
         RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/installed
         LIBRARY_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/installed
-        INSTALL_RPATH ${rpath}
+        INSTALL_RPATH "${rpath}"
         BUILD_WITH_INSTALL_RPATH ON)
 endfunction()

@@ -34,7 +34,7 @@ py::object DtypeOf(Array const& array) {
 // Name, width, content and whether all one bits are None.
 using FieldState = std::tuple<std::string, unsigned int, int, bool>;
 
-py::object Reduce(Array const& array) {
+py::object ReduceArray(Array const& array) {
     std::vector<FieldState> fields;
     for (Field const& field : array.ElementType().fields) {
         fields.emplace_back(field.name, field.width, static_cast<int>(field.content), field.optional);
@@ -53,7 +53,7 @@ Field FieldOf(FieldState const& state, unsigned int position) {
     return {name, position, width, static_cast<Content>(content), optional};
 }
 
-Array Restore(py::bytes const& bytes, std::vector<FieldState> const& states, bool isStructure) {
+Array RestoreArray(py::bytes const& bytes, std::vector<FieldState> const& states, bool isStructure) {
     std::vector<Field> fields;
     unsigned int width = 0;
     for (FieldState const& state : states) {
@@ -87,11 +87,11 @@ void BindArray(py::module_& module) {
         .def_property_readonly(
             "format", [](Array const& array) { return array.ElementType().format; },
             "The format of an element, as in PEP 3118.")
-        .def("__reduce__", Reduce);
+        .def("__reduce__", ReduceArray);
     BindRepr(type, [](Array const& array) {
         return "<crrecord.Array of " + std::to_string(array.Count()) + " '" + array.ElementType().format + "'>";
     });
-    module.def("_array", Restore, py::arg("packed"), py::arg("fields"), py::arg("is_structure"));
+    module.def("_array", RestoreArray, py::arg("packed"), py::arg("fields"), py::arg("is_structure"));
 }
 
 } // namespace crrecord::python

@@ -18,7 +18,7 @@ namespace crrecord::python {
 
 namespace {
 
-using Class = py::class_<DORecord>;
+using DORecordClass = py::class_<DORecord>;
 
 // --- Forms ----------------------------------------------------------------------------------------------------------
 
@@ -28,7 +28,7 @@ std::string Text(DORecord const& record) {
     return stream.str();
 }
 
-void BindForms(Class& type) {
+void BindForms(DORecordClass& type) {
     type.def_property_readonly(
             "order", [](DORecord const& record) { return NameOfOrder(record.IsInNetworkOrder()); },
             "'host' or 'network'.")
@@ -74,7 +74,7 @@ std::unique_ptr<DORecord> FromForm(py::object const& form, unsigned int dotype, 
     }
 }
 
-void BindConstruction(Class& type) {
+void BindConstruction(DORecordClass& type) {
     type.def(py::init([](py::iterable const& segments, unsigned long cid, std::optional<unsigned long> size,
                          unsigned long segmentSize, unsigned int crc, unsigned int ctime, unsigned int mtime,
                          unsigned char fptype, unsigned char dotype, py::object const& uniqueList) {
@@ -172,13 +172,13 @@ void AppendUniqueList(DORecord& record) {
 }
 
 // Validates, so that the bytes make a record when they are read back.
-py::object Reduce(DORecord const& record) {
+py::object ReduceDORecord(DORecord const& record) {
     py::bytes const bytes = BytesOf(record.GetHeader(), record.GetHeaderSize());
     RequireGood(PinWhole(bytes), {.expected = Expected::DataObject, .subDO = record.IsSubDO()});
     return PickleOf("_do_record", bytes, record.IsSubDO(), NameOfOrder(record.IsInNetworkOrder()));
 }
 
-std::unique_ptr<DORecord> Restore(py::bytes const& bytes, bool subDO, std::string const& order) {
+std::unique_ptr<DORecord> RestoreDORecord(py::bytes const& bytes, bool subDO, std::string const& order) {
     bool const network = IsNetworkOrder(order);
     std::unique_ptr<DORecord> record = RecordFrom(PinWhole(bytes), subDO);
     if (network) {
@@ -187,7 +187,7 @@ std::unique_ptr<DORecord> Restore(py::bytes const& bytes, bool subDO, std::strin
     return record;
 }
 
-void BindFields(Class& type) {
+void BindFields(DORecordClass& type) {
     type.def_property("flags", &DORecord::GetFlags, SetFlags, "Bits 2 and 4 only.")
         .def_property("check_time", &DORecord::GetCheckTime, &DORecord::setCheckTime, "Time of the last check.")
         .def_property("cid", &DORecord::GetDCID, &DORecord::setDCID, "Container of the record itself.")
@@ -213,12 +213,12 @@ void BindFields(Class& type) {
 } // namespace
 
 void BindDORecord(py::module_& module) {
-    Class type(module, "DORecord", "The record of one stored object.");
+    DORecordClass type(module, "DORecord", "The record of one stored object.");
     BindConstruction(type);
     BindFields(type);
     BindRecordReferences(type);
     BindForms(type);
-    type.def("__reduce__", Reduce)
+    type.def("__reduce__", ReduceDORecord)
         .def(
             "__eq__",
             [](DORecord const& record, py::object const& other) -> py::object {
@@ -232,7 +232,7 @@ void BindDORecord(py::module_& module) {
         return "<crrecord.DORecord: DO type " + std::to_string(record.GetDOType()) + ", " +
                std::to_string(record.GetNfp()) + " segments>";
     });
-    module.def("_do_record", Restore, py::arg("record"), py::arg("sub_do"), py::arg("order"));
+    module.def("_do_record", RestoreDORecord, py::arg("record"), py::arg("sub_do"), py::arg("order"));
 }
 
 } // namespace crrecord::python

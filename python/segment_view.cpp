@@ -85,7 +85,7 @@ using Fixed = _SegmentDBRecord;
 
 // read(fields) reads one member. A pointer to a member would lose that the structure is packed.
 template <class Read>
-auto FieldGetter(Read read) {
+auto SegmentFieldGetter(Read read) {
     return [read](SegmentView const& view) { return read(view.Fields()); };
 }
 
@@ -123,14 +123,14 @@ void BindSegmentView(py::module_& module) {
         .def_property_readonly(
             "position", [](SegmentView const& view) { return view.Bytes().position; },
             "Offset of the record in the buffer.")
-        .def_property_readonly("flags", FieldGetter([](Fixed const& fields) { return fields.flags; }), "0 or 2.")
-        .def_property_readonly("record_size", FieldGetter([](Fixed const& fields) { return fields.recsize; }),
+        .def_property_readonly("flags", SegmentFieldGetter([](Fixed const& fields) { return fields.flags; }), "0 or 2.")
+        .def_property_readonly("record_size", SegmentFieldGetter([](Fixed const& fields) { return fields.recsize; }),
                                "Bytes of the record.")
-        .def_property_readonly("check_time", FieldGetter([](Fixed const& fields) { return fields.checktime; }),
+        .def_property_readonly("check_time", SegmentFieldGetter([](Fixed const& fields) { return fields.checktime; }),
                                "Time of the last check.")
-        .def_property_readonly("path_id", FieldGetter([](Fixed const& fields) { return fields.pathid; }),
+        .def_property_readonly("path_id", SegmentFieldGetter([](Fixed const& fields) { return fields.pathid; }),
                                "The path, or the container.")
-        .def_property_readonly("file_id", FieldGetter([](Fixed const& fields) { return fields.fileid; }),
+        .def_property_readonly("file_id", SegmentFieldGetter([](Fixed const& fields) { return fields.fileid; }),
                                "The file; 0 in a container.")
         .def_property_readonly(
             "dcid",
@@ -139,18 +139,18 @@ void BindSegmentView(py::module_& module) {
                                                                : py::object(py::none());
             },
             "The container; None for a segment in a file.")
-        .def_property_readonly("size", FieldGetter([](Fixed const& fields) { return fields.size; }),
+        .def_property_readonly("size", SegmentFieldGetter([](Fixed const& fields) { return fields.size; }),
                                "Bytes of the segment.")
-        .def_property_readonly("crc", FieldGetter([](Fixed const& fields) { return fields.CRC; }),
+        .def_property_readonly("crc", SegmentFieldGetter([](Fixed const& fields) { return fields.CRC; }),
                                "The checksum of the creator.")
         .def_property_readonly(
             "key", [](SegmentView const& view) { return BytesOf(view.Fields().key, CR_SO_KEY_SIZE); },
             "33 bytes of key data.")
         .def_property_readonly(
             "fptype", [](SegmentView const& view) { return FPTypeMember(view.Fields().fptype); }, "Fingerprint type.")
-        .def_property_readonly("crypto_mode", FieldGetter([](Fixed const& fields) { return fields.cryptomode; }),
+        .def_property_readonly("crypto_mode", SegmentFieldGetter([](Fixed const& fields) { return fields.cryptomode; }),
                                "Not interpreted.")
-        .def_property_readonly("key_index", FieldGetter([](Fixed const& fields) { return fields.keyindex; }),
+        .def_property_readonly("key_index", SegmentFieldGetter([](Fixed const& fields) { return fields.keyindex; }),
                                "In the byte order of the writer.")
         .def_property_readonly("task_ids", &SegmentView::TaskIds, "Ids of the tasks that refer to the segment.")
         .def_property_readonly("fingerprints", &SegmentView::Fingerprints, "The fingerprints of the segment.")

@@ -47,12 +47,12 @@ std::unique_ptr<SORecord> FromBuffer(Slice const& bytes) {
     }
 }
 
-py::object Reduce(SORecord const& record) {
+py::object ReduceSORecord(SORecord const& record) {
     return PickleOf("_so_record", BytesOf(record.GetHeader(), record.GetHeaderSize()),
                     NameOfOrder(record.IsInNetworkOrder()));
 }
 
-std::unique_ptr<SORecord> Restore(py::bytes const& bytes, std::string const& order) {
+std::unique_ptr<SORecord> RestoreSORecord(py::bytes const& bytes, std::string const& order) {
     bool const network = IsNetworkOrder(order);
     std::unique_ptr<SORecord> record = FromBuffer(PinWhole(bytes));
     if (network) {
@@ -61,7 +61,7 @@ std::unique_ptr<SORecord> Restore(py::bytes const& bytes, std::string const& ord
     return record;
 }
 
-py::bytes Serialized(SORecord const& record) {
+py::bytes SerializedSORecord(SORecord const& record) {
     if (record.IsInNetworkOrder()) {
         Raise(CR_STATUS_INVALID, "the record is in network order");
     }
@@ -115,9 +115,9 @@ void BindSORecord(py::module_& module) {
             "to_network", [](SORecord& record) { record.HostToNetwork(0); }, "Convert the record to network order.")
         .def(
             "to_host", [](SORecord& record) { record.NetworkToHost(0); }, "Convert the record to host order.")
-        .def("serialize", Serialized, "Return the serialized form; the record must be in host order.")
+        .def("serialize", SerializedSORecord, "Return the serialized form; the record must be in host order.")
         .def("__bytes__", [](SORecord const& record) { return BytesOf(record.GetHeader(), record.GetHeaderSize()); })
-        .def("__reduce__", Reduce)
+        .def("__reduce__", ReduceSORecord)
         .def(
             "__eq__",
             [](SORecord const& record, py::object const& other) -> py::object {
@@ -131,7 +131,7 @@ void BindSORecord(py::module_& module) {
         return "<crrecord.SORecord: " + std::to_string(record.GetSize()) + " bytes in container " +
                std::to_string(record.GetDCID()) + ">";
     });
-    module.def("_so_record", Restore, py::arg("record"), py::arg("order"));
+    module.def("_so_record", RestoreSORecord, py::arg("record"), py::arg("order"));
 }
 
 } // namespace crrecord::python

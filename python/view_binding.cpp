@@ -13,13 +13,13 @@ auto FieldGetter(Getter getter) {
     return [getter](View const& view) { return (view.Fields().*getter)(); };
 }
 
-py::object Reduce(View const& view) {
+py::object ReduceView(View const& view) {
     return PickleOf("_view", BytesOf(view.Bytes().Data(), view.Bytes().size), view.IsSubDO());
 }
 
-using Class = py::class_<View, std::shared_ptr<View>>;
+using ViewClass = py::class_<View, std::shared_ptr<View>>;
 
-void BindHeader(Class& type) {
+void BindHeader(ViewClass& type) {
     type.def_property_readonly(
             "kind", [](View const&) { return "do"; }, "'do'.")
         .def_property_readonly(
@@ -44,7 +44,7 @@ void BindHeader(Class& type) {
         .def_property_readonly("references_size", FieldGetter(&DORecordView::GetTRefsSize), "Bytes of the references.");
 }
 
-void BindSections(Class& type) {
+void BindSections(ViewClass& type) {
     type.def_property_readonly(
             "segments", [](View const& view) { return SegmentSequence(view.shared_from_this()); },
             "The segments, as a sequence of Segment, each created on access.")
@@ -68,7 +68,7 @@ void BindSections(Class& type) {
 
 void BindView(py::module_& module) {
     BindSegmentSequence(module);
-    Class type(module, "View", "A valid DO record in a buffer, in either byte order, read in place.");
+    ViewClass type(module, "View", "A valid DO record in a buffer, in either byte order, read in place.");
     type.def(
         py::init([](py::object const& buffer, bool subDO) { return std::make_shared<View>(PinWhole(buffer), subDO); }),
         py::arg("buffer"), py::kw_only(), py::arg("sub_do") = false,
@@ -86,7 +86,7 @@ void BindView(py::module_& module) {
             [](View const& view, std::string const& order) { return Converted(view.Bytes(), view.IsSubDO(), order); },
             py::arg("order"), "Return a copy in 'host' or 'network' order.")
         .def("__bytes__", [](View const& view) { return BytesOf(view.Bytes().Data(), view.Bytes().size); })
-        .def("__reduce__", Reduce);
+        .def("__reduce__", ReduceView);
     BindRepr(type, [](View const& view) {
         return "<crrecord.View: DO type " + std::to_string(view.Fields().GetDOType()) + ", " +
                std::to_string(view.Segments().count) + " segments, " + NameOfOrder(view.Fields().IsInNetworkOrder()) +

@@ -15,9 +15,9 @@ using namespace crrecord;
 
 namespace {
 
-constexpr char kSource[] = "DORecord/serialization.cpp";
-constexpr SerializerSite kSegmentsSite{"DO", "Serialize", kSource, 320};
-constexpr SerializerSite kBloomSite{"DO", "SerializeBloomFilterDO", kSource, 438};
+constexpr char kSerializationSource[] = "DORecord/serialization.cpp";
+constexpr SerializerSite kSegmentsSite{"DO", "Serialize", kSerializationSource, 320};
+constexpr SerializerSite kBloomSite{"DO", "SerializeBloomFilterDO", kSerializationSource, 438};
 constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
 
 void WriteHead(unsigned char* to, DORecordHeader const& header) noexcept {
