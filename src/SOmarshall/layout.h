@@ -72,7 +72,7 @@ constexpr bool FieldsAreDense() {
 static_assert(FieldsAreDense());
 static_assert(sizeof(_SegmentDBRecord::key) == CR_SO_KEY_SIZE);
 
-// Size of a record in bytes. Cannot wrap: at most 104 + 40 * (2^32 - 1).
+// Size of a record in bytes. The greatest counts give less than 2^39, so nothing wraps.
 constexpr std::uint64_t RecordSize(std::uint32_t ntaskids, std::uint32_t nfp, unsigned int fptype) noexcept {
     return CR_SO_RECORD_SIZE + std::uint64_t{kTaskIdSize} * ntaskids + std::uint64_t{CRFPDigestSize(fptype)} * nfp;
 }
@@ -81,6 +81,11 @@ constexpr std::uint64_t RecordSize(std::uint32_t ntaskids, std::uint32_t nfp, un
 constexpr std::uint64_t FingerprintOffset(std::uint32_t ntaskids) noexcept {
     return CR_SO_FIXED_SIZE + std::uint64_t{kTaskIdSize} * ntaskids;
 }
+
+static_assert(RecordSize(0xffffffff, 0xffffffff, CR_FP_TYPE_SHA256) < std::uint64_t{1} << 39);
+static_assert(RecordSize(3, 5, CR_FP_TYPE_MD5) ==
+              FingerprintOffset(3) + 5 * CRFPDigestSize(CR_FP_TYPE_MD5) + kSpareSize);
+static_assert(RecordSize(0, 0, CR_FP_TYPE_MD5) == CR_SO_RECORD_SIZE && FingerprintOffset(0) == CR_SO_FIXED_SIZE);
 
 // A record is in network order if its type, read as big-endian, is that of a segment record.
 inline Order OrderOf(_SegmentDBRecord const* record) noexcept {

@@ -51,7 +51,7 @@ struct RecordCounts {
 };
 
 // Offsets are from the start of the record, in bytes; sizes are in bytes. The sections are in the order of the members.
-// No sum can overflow, because the largest is below 2^39.
+// No sum can overflow, because the largest is below 2^39 (layout_bounds.cpp).
 struct RecordLayout : DOEntryLayout {
     std::uint32_t segments; // number of segments; 0 in a bloom record, even if its nfp is not 0
 
