@@ -27,7 +27,7 @@ constexpr bool ForAllTypes(Holds holds) {
 static_assert(ForAllTypes([](unsigned char dotype, unsigned char fptype) {
     RecordLayout const layout({kMost, kMost, kMost, kMost, kMost, kMost, fptype, dotype});
     return layout.total < kBound && layout.Entry(kMost) + layout.offset < kBound && layout.Dcid(kMost) < kBound &&
-           layout.UniqueEntry(kMost) < kBound && layout.taskIds + std::uint64_t{kLegacyTaskIdSize} * kMost < kBound &&
+           layout.UniqueEntry(kMost) < kBound && layout.taskids + std::uint64_t{kLegacyTaskIdSize} * kMost < kBound &&
            layout.dsids + std::uint64_t{kLegacyDsidSize} * kMost < kBound;
 }));
 
@@ -37,7 +37,7 @@ static_assert(ForAllTypes([](unsigned char dotype, unsigned char fptype) {
     for (std::uint32_t const count : {std::uint32_t{0}, std::uint32_t{1}, kMost}) {
         RecordLayout const layout({count, count, count, count, count, count, fptype, dotype});
         if (layout.entries != CR_DO_HEADER_SIZE || layout.dcids < layout.entries || layout.udcids < layout.dcids ||
-            layout.taskIds < layout.udcids || layout.dsids < layout.taskIds || layout.trefs < layout.dsids ||
+            layout.taskids < layout.udcids || layout.dsids < layout.taskids || layout.trefs < layout.dsids ||
             layout.tail < layout.trefs || layout.total <= layout.tail) {
             return false;
         }
