@@ -719,10 +719,15 @@ CRR_INLINE int crr_do_open(crr_do* record, unsigned char const* bytes, uint64_t 
     crr_do_read_layout(record, bytes, crr_is_big(options));
     crr_fault first = crr_do_header_fault(&record->header, record->layout.total, size, 0);
     if (first.code == 0) {
+        //@ assert crr_do_is_open(record);
         first = crr_do_sections_fault(record, options);
     }
-    *fault = first;
-    return first.code == 0 ? CRR_OK : CRR_CORRUPT_RECORD;
+    if (first.code != 0) {
+        *fault = first;
+        return CRR_CORRUPT_RECORD;
+    }
+    //@ assert crr_do_is_open(record);
+    return CRR_OK;
 }
 
 // One segment, as host values.
@@ -792,7 +797,7 @@ CRR_CONSTEXPR uint32_t crr_do_dsid(crr_do const* r, uint32_t i) {
 
 // The header.bsize bytes of the bitmap; null without a bitmap and for other DO types than 4.
 /*@ requires crr_do_is_open(r);
-    assigns \nothing;
+    assigns \result \from r->bytes, r->header, r->layout;
     ensures \result == \null || \valid_read(\result + (0 .. r->header.bsize - 1)); */
 CRR_CONSTEXPR unsigned char const* crr_do_bitmap(crr_do const* r) {
     return r->header.dotype == CRR_DOTYPE_BLOOM && r->header.bsize != 0
@@ -965,7 +970,7 @@ CRR_CONSTEXPR uint64_t crr_so_taskid(crr_so const* r, uint32_t i) {
 
 // The `width` bytes of fingerprint `i`, below header.nfp; null for another index.
 /*@ requires crr_so_is_open(r);
-    assigns \nothing;
+    assigns \result \from r->bytes, r->header, r->width;
     ensures \result == \null || \valid_read(\result + (0 .. r->width - 1)); */
 CRR_CONSTEXPR unsigned char const* crr_so_fingerprint(crr_so const* r, uint32_t i) {
     return i < r->header.nfp

@@ -101,7 +101,7 @@ void SegmentListCheck::AccumulateOffsets(E entries, std::uint64_t from, std::uin
 bool SegmentListCheck::MayBeFaulty() const noexcept {
     bool const size = sizes_ >= CRR_IMPLAUSIBLE_SIZE && !subDO_;
     switch (list_.check) {
-    case ListCheck::Product: return true; // it reads no segment
+    case ListCheck::Product: return list_.objectSize > list_.ssize * list_.count; // wraps
     case ListCheck::Sum: return size || sum_ != list_.objectSize;
     case ListCheck::Offsets: return size || offsets_ >= CRR_IMPLAUSIBLE_OFFSET || overlap_ || end_ > list_.objectSize;
     default: return false;
