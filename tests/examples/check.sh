@@ -23,11 +23,11 @@ for line in 'container 64: ' 'kept by task:17' '3 segments, 300000 bytes' ', the
 done
 
 # The reader in plain C has the same segments.
-"$3" record >read
+"$3" record >seen
 for line in '3 segments, 300000 bytes' ' 37856 bytes in container 64' 'reference of kind 2: 17'; do
-    grep -q -e "$line" read || {
+    grep -q -e "$line" seen || {
         printf 'the reader does not say "%s":\n' "$line"
-        cat read
+        cat seen
         exit 1
     }
 done
