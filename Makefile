@@ -6,12 +6,13 @@ SETUP ?= scripts/setup
 unexport FILE
 export CRRECORD_WALK_FILE := $(value FILE)
 
-.PHONY: help setup configure build run test fuzz bench abi memcheck security big-endian python docs deb release-check install format clean
+.PHONY: help setup configure build run test fuzz proof bench abi memcheck security big-endian python docs deb release-check install format clean
 
 help:
 	@echo 'make run [FILE=path]       write records of a file, read and check them, print the results'
 	@echo 'make test                  run the tests'
 	@echo 'make fuzz [SECONDS=60]     run each fuzz target for so long, and print the results'
+	@echo 'make proof                 prove that the reader in one header stays inside of its input, with Frama-C'
 	@echo 'make bench [QUICK=1]       measure the library against other ways to do the same work'
 	@echo 'make abi                   compare the interface of the shared library with the reviewed one'
 	@echo 'make memcheck              run the tests, and the command over the golden records, under valgrind'
@@ -45,6 +46,10 @@ test: build
 fuzz:
 	@$(SETUP) --ci
 	@scripts/fuzz $(or $(SECONDS),60)
+
+proof:
+	@$(SETUP) --proof
+	@scripts/proof
 
 bench:
 	@$(SETUP) --bench

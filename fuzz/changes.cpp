@@ -5,6 +5,7 @@
 // Prints a table of the first findings and their numbers. Fails if validation and another operation disagree on a
 // change, or if DOCUMENT does not contain the table.
 
+#include "reader_agrees.h"
 #include "tool_records.h"
 
 #include <crrecord/SORecord.h>
@@ -61,6 +62,7 @@ void AgreeOnObject(Record const& record, bool valid) {
     unsigned int const options = record.order == Order::Network ? CR_DO_NETWORK_ORDER : 0;
     auto const size = static_cast<unsigned int>(record.size);
     Must((DORecordHeaderValidate(record.bytes, size, options) == CR_STATUS_OK) == valid, kOneAnswer);
+    AgreeOnDORecord({record.bytes, record.size}, options);
     Must(Makes([&] { DORecord::FromBuffer(record.bytes, size); }) == valid, kOneAnswer);
     bool legacy = false;
     Must(Makes([&] {
@@ -80,6 +82,7 @@ void AgreeOnSegment(Record const& record, bool valid) {
     auto const* const header = reinterpret_cast<_SegmentDBRecord const*>(record.bytes);
     auto const size = static_cast<unsigned int>(record.size);
     Must((SegmentRecordValidate(header, size, options) == CR_STATUS_OK) == valid, kOneAnswer);
+    AgreeOnSegmentRecord({record.bytes, record.size}, options);
     bool const ofTheClass = size == CR_SO_RECORD_SIZE; // which accepts no other size
     Must(Makes([&] { SORecord::FromBuffer(record.bytes, size); }) == (valid && ofTheClass), kOneAnswer);
 }

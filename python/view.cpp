@@ -62,7 +62,7 @@ View::View(Slice bytes, bool subDO)
                                .fptype = fields_.GetFPType(),
                                .dotype = fields_.GetDOType()});
     unsigned char const* const record = crrecord::BytesOf(fields_.GetHeader());
-    taskIds_ = record + layout.taskIds;
+    taskIds_ = record + layout.taskids;
     dsids_ = record + layout.dsids;
     references_ = record + layout.trefs;
 }

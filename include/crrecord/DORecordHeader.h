@@ -23,9 +23,9 @@
 
 // The record type, bytes of the fixed header, and bytes of a record whose counts are all 0, for every DO type: the bare
 // header size.
-inline constexpr unsigned int CR_DO_RECORD_TYPE = 3;
-inline constexpr unsigned int CR_DO_HEADER_SIZE = 80;
-inline constexpr unsigned int CR_DO_RECORD_SIZE = 104;
+inline constexpr unsigned int CR_DO_RECORD_TYPE = CRR_DO_TYPE;
+inline constexpr unsigned int CR_DO_HEADER_SIZE = CRR_DO_HEADER_SIZE;
+inline constexpr unsigned int CR_DO_RECORD_SIZE = CRR_DO_SIZE;
 
 // The fixed header. Alignment is 1, since records are read in place in mapped pages and database slices. All integers
 // are unsigned. A conversion byte-swaps all of them but ntaskid and nds, which stay in the byte order of the machine
@@ -115,9 +115,9 @@ CRRECORD_API void DORecordHeaderNtoh(DORecordHeader* header) noexcept;
 
 // Options of validation: the buffer is in network order; it must not hold references; it is a sub-DO, whose segments
 // may have up to 4 GiB - 1 bytes.
-inline constexpr unsigned int CR_DO_NETWORK_ORDER = 1;
-inline constexpr unsigned int CR_DO_NO_REFERENCES = 2;
-inline constexpr unsigned int CR_DO_SUB_DO = 4;
+inline constexpr unsigned int CR_DO_NETWORK_ORDER = CRR_NETWORK_ORDER;
+inline constexpr unsigned int CR_DO_NO_REFERENCES = CRR_NO_REFERENCES;
+inline constexpr unsigned int CR_DO_SUB_DO = CRR_SUB_DO;
 
 // Validates `size` received bytes, which may be any bytes, and reads nothing else. A valid buffer is memory-safe in
 // every operation of the library, in both byte orders. Every record that the library built from good arguments is

@@ -20,12 +20,12 @@
 #include <iosfwd>
 
 // The record type, and bytes of the key.
-inline constexpr unsigned int CR_SO_RECORD_TYPE = 2;
-inline constexpr unsigned int CR_SO_KEY_SIZE = 33;
+inline constexpr unsigned int CR_SO_RECORD_TYPE = CRR_SO_TYPE;
+inline constexpr unsigned int CR_SO_KEY_SIZE = CRR_SO_KEY_SIZE;
 // Bytes of _SegmentDBRecord, below which CR_FINDING_SO_LENGTH is reported.
-inline constexpr unsigned int CR_SO_FIXED_SIZE = 96;
+inline constexpr unsigned int CR_SO_FIXED_SIZE = CRR_SO_FIXED_SIZE;
 // Bytes of a record without task ids and fingerprints, the smallest valid one: an 8-byte spare slot ends every record.
-inline constexpr unsigned int CR_SO_RECORD_SIZE = 104;
+inline constexpr unsigned int CR_SO_RECORD_SIZE = CRR_SO_SIZE;
 
 // The fixed part of a segment record. After it follow the task ids (8 bytes each), the fingerprints (raw digest bytes,
 // 32 for CR_FP_TYPE_SHA256 and 16 for every other type) and the spare slot (8 bytes): recsize = 104 + 8 * ntaskids +
@@ -78,8 +78,8 @@ CRRECORD_API void SegmentRecordNtoh(_SegmentDBRecord* destination, _SegmentDBRec
 CRRECORD_API cr_status_t SegmentRecordSerialize(_SegmentDBRecord* record, void** out, unsigned long* outLength);
 
 // Options of validation: the record is in network order; it must not hold task ids.
-inline constexpr unsigned int CR_SO_NETWORK_ORDER = 1;
-inline constexpr unsigned int CR_SO_NO_TASKIDS = 2;
+inline constexpr unsigned int CR_SO_NETWORK_ORDER = CRR_NETWORK_ORDER;
+inline constexpr unsigned int CR_SO_NO_TASKIDS = CRR_NO_TASKIDS;
 
 // Validates `size` received bytes, which may be any bytes, and reads nothing else.
 // Returns: CR_STATUS_OK; CR_STATUS_INVALID for null or other option bits; CR_STATUS_CORRUPT_RECORD for an invalid

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <crrecord/export.h>
+#include <crrecord/reader.h>
 
 #include <array>
 
@@ -19,7 +20,7 @@ inline constexpr unsigned char CR_DO_TYPE_ORIGINAL = 0;
 inline constexpr unsigned char CR_DO_TYPE_NO_SIZE = 1;
 inline constexpr unsigned char CR_DO_TYPE_NO_OFFSET = 2;
 inline constexpr unsigned char CR_DO_TYPE_8_BYTE_OFFSET = 3;
-inline constexpr unsigned char CR_DO_TYPE_BLOOM_FILTER = 4;
+inline constexpr unsigned char CR_DO_TYPE_BLOOM_FILTER = CRR_DOTYPE_BLOOM;
 inline constexpr unsigned char CR_DO_TYPE_4_BYTE_OFFSET = 5;
 inline constexpr unsigned char CR_DO_TYPE_LAST = CR_DO_TYPE_4_BYTE_OFFSET; // the greatest DO type
 inline constexpr unsigned char CR_DO_TYPE_INVALID = 255;
@@ -29,12 +30,12 @@ CRRECORD_API int CRDOTypeIsValid(unsigned int dotype) noexcept;
 
 namespace crrecord {
 
-// How the segments make up the object.
+// How the segments make up the object (reader.h).
 enum class ListCheck : unsigned char {
-    None,    // not checked
-    Product, // sizes are derived: the segment size times the number of segments is at least the object's size
-    Sum,     // the stored sizes add up to the object's size
-    Offsets, // the segments ascend, do not overlap, and end within the object
+    None = CRR_CHECK_NONE,
+    Product = CRR_CHECK_PRODUCT,
+    Sum = CRR_CHECK_SUM,
+    Offsets = CRR_CHECK_OFFSETS,
 };
 
 struct DOType {
@@ -44,17 +45,22 @@ struct DOType {
     ListCheck check;
 };
 
-// The index is the DO type.
-inline constexpr std::array<DOType, CR_DO_TYPE_LAST + 1> kDOTypes{{
-    {"CR_DO_TYPE_ORIGINAL", 0, 0, ListCheck::Product},
-    {"CR_DO_TYPE_NO_SIZE", 0, 0, ListCheck::Product},
-    {"CR_DO_TYPE_NO_OFFSET", 4, 0, ListCheck::Sum},
-    {"CR_DO_TYPE_8_BYTE_OFFSET", 4, 8, ListCheck::Offsets},
-    {"CR_DO_TYPE_BLOOM_FILTER", 0, 0, ListCheck::None},
-    {"CR_DO_TYPE_4_BYTE_OFFSET", 4, 4, ListCheck::Sum},
-}};
+constexpr DOType NamedDOType(char const* name, unsigned int dotype) noexcept {
+    return {name, static_cast<unsigned char>(crr_size_width(dotype)),
+            static_cast<unsigned char>(crr_offset_width(dotype)), static_cast<ListCheck>(crr_list_check(dotype))};
+}
 
-static_assert(kDOTypes.back().name != nullptr, "a DO type without a row");
+// The index is the DO type.
+inline constexpr std::array<DOType, CR_DO_TYPE_LAST + 1> kDOTypes{
+    NamedDOType("CR_DO_TYPE_ORIGINAL", CR_DO_TYPE_ORIGINAL),
+    NamedDOType("CR_DO_TYPE_NO_SIZE", CR_DO_TYPE_NO_SIZE),
+    NamedDOType("CR_DO_TYPE_NO_OFFSET", CR_DO_TYPE_NO_OFFSET),
+    NamedDOType("CR_DO_TYPE_8_BYTE_OFFSET", CR_DO_TYPE_8_BYTE_OFFSET),
+    NamedDOType("CR_DO_TYPE_BLOOM_FILTER", CR_DO_TYPE_BLOOM_FILTER),
+    NamedDOType("CR_DO_TYPE_4_BYTE_OFFSET", CR_DO_TYPE_4_BYTE_OFFSET),
+};
+
+static_assert(CR_DO_TYPE_LAST == CRR_DOTYPE_LAST && kDOTypes.back().name != nullptr, "a DO type without a row");
 
 // A value that is no DO type stores neither size nor offset and is not checked.
 constexpr DOType DOTypeOf(unsigned int dotype) noexcept {

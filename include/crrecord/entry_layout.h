@@ -27,13 +27,13 @@ struct DOEntryLayout {
     ListCheck check = ListCheck::None;
 
     constexpr DOEntryLayout() noexcept = default;
-    // The entries of a record, and those of a DO type whose fingerprints have `width` bytes.
+    // The entries of a record, and any entries.
     constexpr DOEntryLayout(unsigned int dotype, unsigned int fptype) noexcept
-        : DOEntryLayout(DOTypeOf(dotype), CRFPDigestSize(fptype)) {}
-    constexpr DOEntryLayout(DOType const& type, unsigned int width) noexcept
-        : fingerprint(static_cast<unsigned char>(width)), offset(static_cast<unsigned char>(width + 4)),
-          stride(static_cast<unsigned char>(width + type.sizeWidth + type.offsetWidth)), sizeWidth(type.sizeWidth),
-          offsetWidth(type.offsetWidth), check(type.check) {}
+        : DOEntryLayout(crr_entry_of(dotype, CRFPDigestSize(fptype))) {}
+    constexpr explicit DOEntryLayout(crr_entry const& entry) noexcept
+        : fingerprint(static_cast<unsigned char>(entry.fingerprint)), offset(static_cast<unsigned char>(entry.offset)),
+          stride(static_cast<unsigned char>(entry.stride)), sizeWidth(static_cast<unsigned char>(entry.size_width)),
+          offsetWidth(static_cast<unsigned char>(entry.offset_width)), check(static_cast<ListCheck>(entry.check)) {}
 
     // Bytes from the start of the record to entry `i`, and, for the number of entries, to their end.
     constexpr std::uint64_t Entry(std::uint64_t i) const noexcept { return CR_DO_HEADER_SIZE + i * stride; }
@@ -41,11 +41,7 @@ struct DOEntryLayout {
     // Size of segment `i` of `count` if entries store none: `ssize`, and the rest of the object for the last segment.
     constexpr std::uint32_t DerivedSize(std::uint32_t i, std::uint32_t count, std::uint64_t objectSize,
                                         std::uint64_t ssize) const noexcept {
-        if (check != ListCheck::Product) {
-            return kNoSize;
-        }
-        // Cut to 32 bits, as a segment's size is. Without segments the last index is 2^32 - 1.
-        return static_cast<std::uint32_t>(i == count - 1 ? objectSize - i * ssize : ssize);
+        return check == ListCheck::Product ? crr_derived_size(i, count, objectSize, ssize) : kNoSize;
     }
 };
 

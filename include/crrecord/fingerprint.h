@@ -22,12 +22,13 @@
 #pragma once
 
 #include <crrecord/export.h>
+#include <crrecord/reader.h>
 
 // Fingerprint types. Records store these values, so they never change.
 inline constexpr unsigned int CR_FP_TYPE_MD5 = 0;
 inline constexpr unsigned int CR_FP_TYPE_SHA1_128 = 1;
 inline constexpr unsigned int CR_FP_TYPE_SHA256_128 = 2;
-inline constexpr unsigned int CR_FP_TYPE_SHA256 = 3;
+inline constexpr unsigned int CR_FP_TYPE_SHA256 = CRR_FPTYPE_SHA256;
 inline constexpr unsigned int CR_FP_TYPE_LAST = CR_FP_TYPE_SHA256; // the greatest fingerprint type
 
 // A fingerprint. Types of 16 bytes use the first half; the second is zero.
@@ -40,7 +41,7 @@ CRRECORD_API int CRFPTypeIsValid(unsigned int fptype) noexcept;
 
 // Returns: bytes of a fingerprint: 32 for CR_FP_TYPE_SHA256, 16 for every other type, also an unknown one.
 constexpr unsigned int CRFPDigestSize(unsigned int fptype) noexcept {
-    return fptype == CR_FP_TYPE_SHA256 ? 32 : 16;
+    return crr_fingerprint_size(fptype);
 }
 
 // Returns: bytes of a fingerprint's text including its NUL: 65 for CR_FP_TYPE_SHA256, 33 for every other type.

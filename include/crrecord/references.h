@@ -2,10 +2,8 @@
 
 #pragma once
 
-#include <crrecord/byte_order.h>
 #include <crrecord/tref.h>
 
-#include <cstdint>
 #include <iterator>
 
 // A typed reference of a record, by value.
@@ -18,21 +16,12 @@ struct DOReference {
 // Returns: the bytes that it takes; 0, with `reference` unchanged, if the bytes are no reference.
 inline unsigned long DOReferenceDecode(unsigned char const* bytes, unsigned long available,
                                        DOReference& reference) noexcept {
-    unsigned long const head = 2;
-    if (available < head) {
-        return 0;
+    crr_reference decoded{};
+    unsigned long const size = crr_reference_decode(bytes, available, &decoded);
+    if (size != 0) {
+        reference = {static_cast<cr_reftype_t>(decoded.kind), decoded.id};
     }
-    // Read once: the kind that is checked is the kind that is used, even if the memory changes.
-    unsigned char const volatile* const stored = bytes;
-    int const kind = stored[0];
-    unsigned long const width = kind == CR_REFTYPE_DSID ? sizeof(std::uint32_t) : sizeof(std::uint64_t);
-    if (kind >= CR_REFTYPE_END || stored[1] != width || available < head + width) {
-        return 0;
-    }
-    reference.kind = static_cast<cr_reftype_t>(kind);
-    reference.id = kind == CR_REFTYPE_DSID ? crrecord::Load<std::uint32_t>(bytes + head, crrecord::Order::Network)
-                                           : crrecord::Load<std::uint64_t>(bytes + head, crrecord::Order::Network);
-    return head + width;
+    return size;
 }
 
 // The typed references of a section, in stored order, which a note may report as not ascending.

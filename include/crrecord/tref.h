@@ -18,6 +18,7 @@
 #pragma once
 
 #include <crrecord/export.h>
+#include <crrecord/reader.h>
 
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
@@ -25,9 +26,9 @@
 
 // Kinds of references; the other kinds from 0 to 10 have no names. Records store these values, so they never change.
 enum cr_reftype_t : int {
-    CR_REFTYPE_TASKID = 2, // a task; the id has 64 bits
-    CR_REFTYPE_DSID = 4,   // a data selection; the id has 32 bits
-    CR_REFTYPE_END = 11,   // one past the last kind
+    CR_REFTYPE_TASKID = 2,                // a task; the id has 64 bits
+    CR_REFTYPE_DSID = CRR_REFERENCE_DSID, // a data selection; the id has 32 bits
+    CR_REFTYPE_END = CRR_REFERENCE_KINDS, // one past the last kind
 };
 
 // Forms of a reference. Every function takes any other number for CR_TREF_SERIALIZED.

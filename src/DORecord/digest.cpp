@@ -56,11 +56,11 @@ crt_digest_t* DORecord::GetDigest() const {
     }
     bool const bloom = header && IsBloom(GetDOType());
     RecordLayout const layout =
-        RecordInternals::ChangeableLayout(*this, bloom ? &RecordLayout::taskIds : &RecordLayout::dcids);
+        RecordInternals::ChangeableLayout(*this, bloom ? &RecordLayout::taskids : &RecordLayout::dcids);
     unsigned int const fptype = GetFPType();
     crfp_digest_t digest{};
     if (bloom) {
-        digest = DigestOfBytes(fptype, BytesOf(header) + layout.entries, layout.taskIds - layout.entries);
+        digest = DigestOfBytes(fptype, BytesOf(header) + layout.entries, layout.taskids - layout.entries);
     } else if (layout.segments == 1) {
         std::memcpy(digest.bytes, BytesOf(header) + layout.entries, layout.fingerprint);
     } else if (GetDOType() == CR_DO_TYPE_ORIGINAL) {

@@ -44,7 +44,7 @@ void RecordInternals::Adopt(DORecord& record, Order order, unsigned int options)
     record.networkOrder = order == Order::Network;
     record.subDO = (options & CR_DO_SUB_DO) != 0;
     RecordLayout const layout = LayoutOf(record.header);
-    if (layout.taskIds != layout.trefs) {
+    if (layout.taskids != layout.trefs) {
         if (!record.ownsBuffer) {
             RefuseLegacyArrays();
         }

@@ -108,7 +108,7 @@ void DORecord::convertToTRefs() {
 
     unsigned char const* const bytes = BytesOf(header);
     DORecordHeader const formerHeader = *header;
-    LegacyArrays arrays(bytes + before.taskIds, bytes + std::min<std::uint64_t>(before.total, bufferSize), taskIds,
+    LegacyArrays arrays(bytes + before.taskids, bytes + std::min<std::uint64_t>(before.total, bufferSize), taskIds,
                         dsids);
     // Without legacy arrays, a section that was written from the sets does not change them: no copy is needed.
     std::vector<tref_set_t> formerSets(std::begin(trefs),
@@ -116,7 +116,7 @@ void DORecord::convertToTRefs() {
     // If memory runs out during the conversion, some ids are in neither the arrays nor the sets. This restores both.
     auto const restore = [&]() noexcept {
         *header = formerHeader;
-        std::copy(arrays.Bytes().begin(), arrays.Bytes().end(), BytesOf(header) + before.taskIds);
+        std::copy(arrays.Bytes().begin(), arrays.Bytes().end(), BytesOf(header) + before.taskids);
         std::swap_ranges(formerSets.begin(), formerSets.end(), std::begin(trefs));
     };
     try {

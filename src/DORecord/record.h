@@ -23,7 +23,7 @@ inline constexpr char kInvalidRecordSize[] = "invalid record size for DO";
            "references.");
 }
 
-// Throws: CR_STATUS_CORRUPT_DATA with the message of `fault`, unless its rule is SegmentRule::None.
+// Throws: CR_STATUS_CORRUPT_DATA with the message of `fault`, unless its code is 0.
 void ThrowIfFaulty(SegmentFault const& fault, unsigned int dotype);
 
 // Returns: a new handle that owns a copy of `reference`.

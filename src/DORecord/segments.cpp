@@ -24,23 +24,23 @@ char const* ListName(unsigned int dotype) noexcept {
     static constexpr char kWrongOrder[] = "Data is probably in wrong byte order (host vs. network order)";
     std::stringstream text;
     text.imbue(std::locale::classic());
-    if (fault.rule == SegmentRule::Size || fault.rule == SegmentRule::Offset) {
-        bool const size = fault.rule == SegmentRule::Size;
+    bool const size = fault.code == CR_FINDING_SEGMENT_SIZE;
+    if (size || fault.code == CR_FINDING_SEGMENT_OFFSET) {
         text << "Segment list of a DORecord is corrupt. Segment " << fault.segment
              << (size ? " has size " : " has offset ") << fault.found << (size ? " (> 2 GiB). " : " (> 8192 PetaB). ")
              << kWrongOrder;
         throw Cr_ErrnoException(CR_STATUS_CORRUPT_DATA, text, nullptr);
     }
     text << "Segment list of DORecord " << ListName(dotype) << " is corrupt. ";
-    if (fault.rule == SegmentRule::Overlap) {
+    if (fault.code == CR_FINDING_SEGMENT_OVERLAP) {
         text << "Offset of segm. " << fault.segment << ":" << fault.found << ". Previous segm. end:" << fault.expected
              << ".";
     } else {
-        text << "Original file size:" << fault.expected << ". "
-             << (fault.rule == SegmentRule::Product ? "Segm. size times segm. count:"
-                 : fault.rule == SegmentRule::End   ? "End offset of last segment:"
-                                                    : "Sum of segm. sizes:")
-             << fault.found << (fault.rule == SegmentRule::End ? ". " : ".");
+        text << "Original file size:" << fault.found << ". "
+             << (fault.code == CR_FINDING_SEGMENT_PRODUCT ? "Segm. size times segm. count:"
+                 : fault.code == CR_FINDING_SEGMENT_END   ? "End offset of last segment:"
+                                                          : "Sum of segm. sizes:")
+             << fault.expected << (fault.code == CR_FINDING_SEGMENT_END ? ". " : ".");
     }
     throw Cr_ErrnoException(CR_STATUS_CORRUPT_DATA, text, nullptr);
 }
@@ -48,7 +48,7 @@ char const* ListName(unsigned int dotype) noexcept {
 } // namespace
 
 void crrecord::ThrowIfFaulty(SegmentFault const& fault, unsigned int dotype) {
-    if (fault.rule != SegmentRule::None) {
+    if (fault.code != 0) {
         Throw(fault, dotype);
     }
 }

@@ -106,7 +106,7 @@ cr_status_t DORecord::SerializeBloomFilterDO(void** out, unsigned long* outLengt
         return CR_STATUS_INVALID;
     }
     RecordLayout const layout = LayoutOf(header);
-    if (!RecordInternals::Reaches(*this, layout, &RecordLayout::taskIds) ||
+    if (!RecordInternals::Reaches(*this, layout, &RecordLayout::taskids) ||
         !RecordInternals::OrderMatchesHeader(*this)) {
         return CR_STATUS_INVALID;
     }

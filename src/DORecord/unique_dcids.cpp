@@ -96,7 +96,7 @@ cr_status_t DORecord::AppendBloomAndUniqueDCIDList() {
         return CR_STATUS_INVALID;
     }
     RecordLayout const layout = LayoutOf(header);
-    if (!RecordInternals::Reaches(*this, layout, &RecordLayout::taskIds) ||
+    if (!RecordInternals::Reaches(*this, layout, &RecordLayout::taskids) ||
         !RecordInternals::OrderMatchesHeader(*this) || getRecSize() > bufferSize) {
         return CR_STATUS_INVALID;
     }
@@ -173,7 +173,7 @@ cr_status_t DORecord::AppendBloom(cr_dcid_size_map_t& sizes) {
     if (!IsBloom(GetDOType())) {
         return CR_STATUS_OK;
     }
-    if (!RecordInternals::Reaches(*this, layout, &RecordLayout::taskIds) ||
+    if (!RecordInternals::Reaches(*this, layout, &RecordLayout::taskids) ||
         !RecordInternals::OrderMatchesHeader(*this)) {
         ErrorA(CR_STATUS_INVALID, "%s: %s", kMerge, kInvalidRecordSize);
         return CR_STATUS_OK;
@@ -197,7 +197,7 @@ cr_status_t DORecord::GetUDCIDSizeList(cr_dcid_size_map_t& sizes) const {
         return CR_STATUS_CORRUPT_RECORD;
     }
     RecordLayout const layout = LayoutOf(header);
-    if (!RecordInternals::Reaches(*this, layout, &RecordLayout::taskIds) ||
+    if (!RecordInternals::Reaches(*this, layout, &RecordLayout::taskids) ||
         !RecordInternals::OrderMatchesHeader(*this)) {
         return CR_STATUS_CORRUPT_RECORD;
     }
@@ -220,7 +220,7 @@ cr_status_t DORecord::GetUDCIDSizeList(cr_dcid_size_map_t& sizes) const {
 }
 
 DOUniqueDCIDRange DORecord::UniqueDCIDs() const {
-    RecordInternals::CheckedLayout(*this, &RecordLayout::taskIds);
+    RecordInternals::CheckedLayout(*this, &RecordLayout::taskids);
     return DOUniqueDCIDRange(DOUniqueDCIDSource::Of(header));
 }
 

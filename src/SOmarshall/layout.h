@@ -8,7 +8,6 @@
 #include "base/byteorder.h"
 
 #include <array>
-#include <atomic>
 #include <string_view>
 
 namespace crrecord::segment {
@@ -55,7 +54,7 @@ consteval Field FieldOf(std::string_view name) {
     throw "no such field";
 }
 
-inline constexpr unsigned int kTaskIdSize = 8;
+inline constexpr unsigned int kTaskIdSize = CRR_TASKID_SIZE;
 inline constexpr unsigned int kSpareSize = CR_SO_RECORD_SIZE - CR_SO_FIXED_SIZE;
 
 // The fields fill the fixed part without a gap.
@@ -72,9 +71,9 @@ constexpr bool FieldsAreDense() {
 static_assert(FieldsAreDense());
 static_assert(sizeof(_SegmentDBRecord::key) == CR_SO_KEY_SIZE);
 
-// Size of a record in bytes. Cannot wrap: at most 104 + 40 * (2^32 - 1).
+// Size of a record in bytes. The greatest counts give less than 2^39, so nothing wraps.
 constexpr std::uint64_t RecordSize(std::uint32_t ntaskids, std::uint32_t nfp, unsigned int fptype) noexcept {
-    return CR_SO_RECORD_SIZE + std::uint64_t{kTaskIdSize} * ntaskids + std::uint64_t{CRFPDigestSize(fptype)} * nfp;
+    return crr_so_size(ntaskids, nfp, CRFPDigestSize(fptype));
 }
 
 // Offset of fingerprint 0, after the task ids.
@@ -82,17 +81,14 @@ constexpr std::uint64_t FingerprintOffset(std::uint32_t ntaskids) noexcept {
     return CR_SO_FIXED_SIZE + std::uint64_t{kTaskIdSize} * ntaskids;
 }
 
+static_assert(RecordSize(0xffffffff, 0xffffffff, CR_FP_TYPE_SHA256) < std::uint64_t{1} << 39);
+static_assert(RecordSize(3, 5, CR_FP_TYPE_MD5) ==
+              FingerprintOffset(3) + 5 * CRFPDigestSize(CR_FP_TYPE_MD5) + kSpareSize);
+static_assert(RecordSize(0, 0, CR_FP_TYPE_MD5) == CR_SO_RECORD_SIZE && FingerprintOffset(0) == CR_SO_FIXED_SIZE);
+
 // A record is in network order if its type, read as big-endian, is that of a segment record.
 inline Order OrderOf(_SegmentDBRecord const* record) noexcept {
     return ByteSwapped(record->type) == CR_SO_RECORD_TYPE ? Order::Network : Order::Host;
-}
-
-// Copies the fixed part of a record whose memory may change meanwhile: later changes don't reach the copy.
-inline _SegmentDBRecord ReadHeader(void const* record) noexcept {
-    _SegmentDBRecord header;
-    std::memcpy(&header, record, sizeof header);
-    std::atomic_signal_fence(std::memory_order_seq_cst); // keeps the compiler from reading the record instead
-    return header;
 }
 
 inline unsigned char* BytesOf(_SegmentDBRecord* record) noexcept {

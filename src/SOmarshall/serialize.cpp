@@ -19,6 +19,8 @@ namespace {
 
 constexpr unsigned int kHeadSize = 32;
 constexpr unsigned int kEndSize = 1;
+static_assert(kHeadSize + std::uint64_t{CRFPTextSize(CR_FP_TYPE_SHA256)} * 0xffffffff + kEndSize < std::uint64_t{1}
+                                                                                                       << 39);
 
 constexpr SerializerSite kSite{"SO", "SegmentRecordSerialize", "SOmarshall/serialize.cpp", 350};
 

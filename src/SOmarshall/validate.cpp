@@ -8,25 +8,7 @@ namespace {
 
 constexpr unsigned int kKnownOptions = CR_SO_NETWORK_ORDER | CR_SO_NO_TASKIDS;
 
-// Members of the fixed part as host values, read from a copy: the memory may change meanwhile.
-struct FixedPart {
-    unsigned type, flags, reserved, fptype;
-    std::uint32_t recsize, taskIds, nfp;
-    unsigned long path, file;
-};
-
-FixedPart ReadFixedPart(unsigned char const* bytes, Order order) noexcept {
-    _SegmentDBRecord const record = ReadHeader(bytes);
-    return {.type = InOrder(record.type, order),
-            .flags = InOrder(record.flags, order),
-            .reserved = record.reserved,
-            .fptype = record.fptype,
-            .recsize = InOrder(record.recsize, order),
-            .taskIds = InOrder(record.ntaskids, order),
-            .nfp = InOrder(record.nfp, order),
-            .path = InOrder(record.pathid, order),
-            .file = InOrder(record.fileid, order)};
-}
+using FixedPart = crr_so_header;
 
 // Notes what this library would have written in another way. The record has no errors, so it ends with the spare slot.
 void NoteOddities(FixedPart const& record, unsigned long spare, std::uint64_t spareOffset,
@@ -35,9 +17,9 @@ void NoteOddities(FixedPart const& record, unsigned long spare, std::uint64_t sp
         reporter.Report(FindingAt(CR_FINDING_SO_FLAGS, FieldOf("flags"), record.flags, 0), "flags %u, expected 0 or 2",
                         record.flags);
     }
-    if (RecordInContainer(record.file) && !DcidIsValid(record.path)) {
-        reporter.Report(FindingAt(CR_FINDING_SO_DCID, FieldOf("pathid"), record.path, CR_FIRST_FREE_DCID),
-                        "reserved container id %lu, expected 1 or at least %lu", record.path, CR_FIRST_FREE_DCID);
+    if (RecordInContainer(record.fileid) && !DcidIsValid(record.pathid)) {
+        reporter.Report(FindingAt(CR_FINDING_SO_DCID, FieldOf("pathid"), record.pathid, CR_FIRST_FREE_DCID),
+                        "reserved container id %lu, expected 1 or at least %lu", record.pathid, CR_FIRST_FREE_DCID);
     }
     if (record.reserved != 0) {
         reporter.Report(FindingAt(CR_FINDING_SO_RESERVED, FieldOf("reserved"), record.reserved, 0),
@@ -48,29 +30,39 @@ void NoteOddities(FixedPart const& record, unsigned long spare, std::uint64_t sp
     }
 }
 
-void CheckFixedPart(FixedPart const& record, std::uint64_t size, bool noTaskIds, FindingReporter& reporter) noexcept {
-    std::uint64_t const calculated = RecordSize(record.taskIds, record.nfp, record.fptype);
-    if (record.type != CR_SO_RECORD_TYPE) {
-        reporter.Report(FindingAt(CR_FINDING_SO_TYPE, FieldOf("type"), record.type, CR_SO_RECORD_TYPE),
-                        "Invalid SO record: type %u, expected %u", record.type, CR_SO_RECORD_TYPE);
+void ReportFault(crr_fault const& fault, FindingReporter& reporter) noexcept {
+    auto const [code, offset, found, expected] = fault;
+    switch (code) {
+    case CR_FINDING_SO_TYPE:
+        reporter.Report({code, "type", offset, found, expected}, "Invalid SO record: type %lu, expected %lu", found,
+                        expected);
+        break;
+    case CR_FINDING_SO_RECSIZE:
+        reporter.Report({code, "recsize", offset, found, expected}, "Invalid SO record: recsize %lu, size %lu", found,
+                        expected);
+        break;
+    case CR_FINDING_SO_CALCULATED:
+        reporter.Report({code, "nfp", offset, found, expected}, "Invalid SO record: calculated size %lu, size %lu",
+                        found, expected);
+        break;
+    case CR_FINDING_SO_TASKIDS:
+        reporter.Report({code, "ntaskids", offset, found, expected}, "Invalid SO record: %lu taskids, expected 0",
+                        found);
+        break;
+    default:
+        reporter.Report({code, "fptype", offset, found, expected}, "Invalid SO record: invalid fp type %lu", found);
+        break;
     }
-    if (record.recsize != size) {
-        reporter.Report(FindingAt(CR_FINDING_SO_RECSIZE, FieldOf("recsize"), record.recsize, size),
-                        "Invalid SO record: recsize %u, size %lu", record.recsize, size);
-    }
-    if (calculated != size) {
-        reporter.Report(FindingAt(CR_FINDING_SO_CALCULATED, FieldOf("nfp"), calculated, size),
-                        "Invalid SO record: calculated size %lu, size %lu", calculated, size);
-    }
-    if (noTaskIds && record.taskIds != 0) {
-        reporter.Report(FindingAt(CR_FINDING_SO_TASKIDS, FieldOf("ntaskids"), record.taskIds, 0),
-                        "Invalid SO record: %u taskids, expected 0", record.taskIds);
-    }
-    // Checked last on purpose, although the type gives the width of the fingerprints: an unknown one counts as 16
-    // bytes.
-    if (!CRFPTypeIsValid(record.fptype)) {
-        reporter.Report(FindingAt(CR_FINDING_SO_FPTYPE, FieldOf("fptype"), record.fptype, CR_FP_TYPE_LAST),
-                        "Invalid SO record: invalid fp type %u", record.fptype);
+}
+
+void CheckFixedPart(FixedPart const& record, std::uint64_t size, unsigned int options,
+                    FindingReporter& reporter) noexcept {
+    std::uint64_t const calculated = RecordSize(record.ntaskids, record.nfp, record.fptype);
+    int code = 0;
+    auto const next = [&] { return crr_so_header_fault(&record, calculated, size, options, code); };
+    for (crr_fault fault = next(); fault.code != 0; fault = next()) {
+        code = fault.code;
+        ReportFault(fault, reporter);
     }
 }
 
@@ -102,8 +94,9 @@ void Diagnose(unsigned char const* bytes, std::uint64_t size, unsigned int optio
         return;
     }
     Order const order = OrderFromFlag((options & CR_SO_NETWORK_ORDER) != 0);
-    FixedPart const record = ReadFixedPart(bytes, order);
-    CheckFixedPart(record, size, (options & CR_SO_NO_TASKIDS) != 0, reporter);
+    FixedPart const record = crr_so_read_header(bytes, crr_is_big(options));
+    CRR_READ_ONCE();
+    CheckFixedPart(record, size, options, reporter);
     if (reporter.NotesDue()) {
         std::uint64_t const spareOffset = size - kSpareSize;
         NoteOddities(record, Load<std::uint64_t>(bytes + spareOffset, order), spareOffset, reporter);

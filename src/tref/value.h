@@ -36,7 +36,7 @@ private:
 };
 
 inline constexpr int kReferenceKinds = CR_REFTYPE_END;
-inline constexpr unsigned long kReferenceHeadSize = 2; // kind and length of the id
+inline constexpr unsigned long kReferenceHeadSize = CRR_REFERENCE_HEAD_SIZE; // kind and length of the id
 
 constexpr bool ReferenceKindIsValid(int kind) noexcept {
     return kind >= 0 && kind < kReferenceKinds;

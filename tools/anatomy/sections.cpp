@@ -133,7 +133,7 @@ std::vector<Section> SectionsOfObject(Record const& record) {
                           {{"dcid", kDcidSize, Format::Container, false}});
     }
     TakeUniqueList(walk, counts.nudcid, false);
-    walk.TakeElements(kTaskIds, layout.dsids - layout.taskIds, "taskids",
+    walk.TakeElements(kTaskIds, layout.dsids - layout.taskids, "taskids",
                       {{"", kLegacyTaskIdSize, Format::TaskId, false}});
     walk.TakeElements("DSIDs", layout.trefs - layout.dsids, "dsids", {{"", kLegacyDsidSize, Format::Dsid, false}});
     walk.TakeField("references", layout.tail - layout.trefs, "references", Format::References);

@@ -236,7 +236,7 @@ void ObjectReader::Allocate(std::vector<unsigned char>& record) {
     if (header.nudcid != 0) {
         Store(bytes + layout.udcids + kUniqueCountOffset, std::uint32_t{header.nudcid});
     }
-    std::copy(taskIds.begin(), taskIds.end(), bytes + layout.taskIds);
+    std::copy(taskIds.begin(), taskIds.end(), bytes + layout.taskids);
     std::copy(dsids.begin(), dsids.end(), bytes + layout.dsids);
     std::copy(references.begin(), references.end(), bytes + layout.trefs);
     source = DOSegmentSource::Of(reinterpret_cast<DORecordHeader const*>(bytes));

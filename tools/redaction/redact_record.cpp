@@ -106,7 +106,7 @@ public:
         auto const add = [&](cr_reftype_t kind, std::uint64_t id) {
             references.emplace_back(kind, pseudonyms_.Reference(kind, id));
         };
-        for (std::uint64_t at = layout_.taskIds; at < layout_.dsids; at += kLegacyTaskIdSize) {
+        for (std::uint64_t at = layout_.taskids; at < layout_.dsids; at += kLegacyTaskIdSize) {
             add(CR_REFTYPE_TASKID, Load<std::uint64_t>(bytes_ + at));
         }
         for (std::uint64_t at = layout_.dsids; at < layout_.trefs; at += kLegacyDsidSize) {

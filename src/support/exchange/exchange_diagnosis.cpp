@@ -64,9 +64,7 @@ void CheckSegmentBody(Form const& form, bool subDO, FindingReporter& reporter) n
     });
     CheckSeparator(form, reporter);
     if (!reporter.Stopped()) {
-        SegmentFault const fault = check.Fault();
-        std::uint64_t const entry = kHeadSize + std::uint64_t{list.stride} * fault.segment;
-        ReportSegmentFault(fault, kWhat, entry, list, kSizeOffset, reporter);
+        ReportSegmentFault(check.Fault(kHeadSize, kSizeOffset), kWhat, reporter);
     }
 }
 

@@ -9,7 +9,7 @@ namespace crrecord {
 
 // A segment in that form: the text with its NUL takes the place of the fingerprint.
 constexpr DOEntryLayout FormEntryLayout(unsigned int fptype, unsigned int dotype) noexcept {
-    return {DOTypeOf(dotype), CRFPTextSize(fptype)};
+    return DOEntryLayout(crr_entry_of(dotype, CRFPTextSize(fptype)));
 }
 
 // Bytes of one segment in that form.

@@ -151,7 +151,7 @@ unsigned char* DORecordHeaderIndexOfUDCID(DORecordHeader const* header, unsigned
 }
 
 unsigned char* DORecordHeaderIndexOfTaskId(DORecordHeader const* header, unsigned int i) noexcept {
-    return At(header, LayoutOf(header).taskIds + std::uint64_t{kLegacyTaskIdSize} * i);
+    return At(header, LayoutOf(header).taskids + std::uint64_t{kLegacyTaskIdSize} * i);
 }
 
 unsigned char* DORecordHeaderIndexOfDataSelection(DORecordHeader const* header, unsigned int i) noexcept {

@@ -14,28 +14,28 @@ namespace crrecord {
 
 inline constexpr std::uint64_t kLargestRecord = std::numeric_limits<std::uint32_t>::max();
 
-inline constexpr unsigned int kKnownFlags = 0x0006; // the flags that a record may have
+inline constexpr unsigned int kKnownFlags = CRR_DO_FLAGS; // the flags that a record may have
 
-inline constexpr unsigned int kDcidSize = 8;
-inline constexpr unsigned int kLegacyTaskIdSize = 8;
-inline constexpr unsigned int kLegacyDsidSize = 4;
+inline constexpr unsigned int kDcidSize = CRR_DCID_SIZE;
+inline constexpr unsigned int kLegacyTaskIdSize = CRR_TASKID_SIZE;
+inline constexpr unsigned int kLegacyDsidSize = CRR_DSID_SIZE;
 
 // The unique DCID list: checksum, count, then entries of a DCID and a number of bytes.
-inline constexpr unsigned int kUniqueCountOffset = 4;
-inline constexpr unsigned int kUniqueHeadSize = 8;
-inline constexpr unsigned int kUniqueEntrySize = 16;
+inline constexpr unsigned int kUniqueCountOffset = CRR_LIST_COUNT;
+inline constexpr unsigned int kUniqueHeadSize = CRR_LIST_HEAD;
+inline constexpr unsigned int kUniqueEntrySize = CRR_LIST_ENTRY;
 
 // The bloom area: length word, bitmap, and 16 zero bytes that the digest covers too.
-inline constexpr unsigned int kBloomLengthSize = 4;
-inline constexpr unsigned int kBloomEndSize = 16;
+inline constexpr unsigned int kBloomLengthSize = CRR_BLOOM_LENGTH_SIZE;
+inline constexpr unsigned int kBloomEndSize = CRR_BLOOM_END_SIZE;
 
 // Every record ends with zeros. Callers may access 32 bytes of a 16-byte fingerprint, or a size or offset that the
 // entry does not have. In a record with segments, the zeros keep such an access to the last entry inside the record.
-inline constexpr unsigned int kTailSize = 24;
-inline constexpr unsigned int kBloomTailSize = 4;
+inline constexpr unsigned int kTailSize = CRR_TAIL_SIZE;
+inline constexpr unsigned int kBloomTailSize = CRR_BLOOM_TAIL_SIZE;
 
 constexpr std::uint64_t UniqueListSize(std::uint32_t nudcid) noexcept {
-    return nudcid == 0 ? 0 : kUniqueHeadSize + std::uint64_t{kUniqueEntrySize} * nudcid;
+    return crr_list_size(nudcid);
 }
 
 // The header fields that determine the layout of a record, as host values.
@@ -50,37 +50,22 @@ struct RecordCounts {
     unsigned char dotype = 0;
 };
 
-// Offsets are from the start of the record, in bytes; sizes are in bytes. The sections are in the order of the members.
-// No sum can overflow, because the largest is below 2^39.
-struct RecordLayout : DOEntryLayout {
-    std::uint32_t segments; // number of segments; 0 in a bloom record, even if its nfp is not 0
-
-    std::uint64_t entries;
-    std::uint64_t dcids;
-    std::uint64_t udcids; // after the DCIDs; in a bloom record, after the bloom area at `entries`
-    std::uint64_t taskIds;
-    std::uint64_t dsids;
-    std::uint64_t trefs;
-    std::uint64_t tail;
-    std::uint64_t total;
-
-    constexpr explicit RecordLayout(RecordCounts const& counts) noexcept : DOEntryLayout(counts.dotype, counts.fptype) {
-        bool const bloom = IsBloom(counts.dotype);
-        segments = bloom ? 0 : counts.nfp;
-        entries = Entry(0);
-        dcids = Entry(segments);
-        udcids = bloom ? entries + kBloomLengthSize + counts.bsize + kBloomEndSize
-                       : dcids + std::uint64_t{kDcidSize} * segments;
-        taskIds = udcids + UniqueListSize(counts.nudcid);
-        dsids = taskIds + std::uint64_t{kLegacyTaskIdSize} * counts.ntaskid;
-        trefs = dsids + std::uint64_t{kLegacyDsidSize} * counts.nds;
-        tail = trefs + counts.trefssize;
-        total = tail + (bloom ? kBloomTailSize : kTailSize);
-    }
+// The offsets of the sections (crr_do_layout, reader.h) and the layout of the entries. No sum can overflow, because the
+// largest is below 2^39 (layout_bounds.cpp).
+struct RecordLayout : DOEntryLayout, crr_do_layout {
+    constexpr explicit RecordLayout(RecordCounts const& counts) noexcept
+        : DOEntryLayout(counts.dotype, counts.fptype), crr_do_layout(Sections(counts, stride)) {}
 
     constexpr std::uint64_t Dcid(std::uint64_t i) const noexcept { return dcids + i * kDcidSize; }
     constexpr std::uint64_t UniqueEntry(std::uint64_t i) const noexcept {
         return udcids + kUniqueHeadSize + i * kUniqueEntrySize;
+    }
+
+private:
+    static constexpr crr_do_layout Sections(RecordCounts const& counts, unsigned int stride) noexcept {
+        crr_do_counts const values{counts.ntaskid,   counts.nfp,   counts.nudcid,         counts.nds,
+                                   counts.trefssize, counts.bsize, IsBloom(counts.dotype)};
+        return crr_do_layout_of(&values, stride);
     }
 };
 

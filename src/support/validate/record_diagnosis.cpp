@@ -5,11 +5,26 @@
 #include "support/layout/unique_list.h"
 #include "support/validate/record_notes.h"
 #include "support/validate/segment_findings.h"
-#include "tref/value.h"
+
+#include <bit>
 
 namespace crrecord {
 
 namespace {
+
+static_assert(int{CRR_OK} == CR_STATUS_OK && int{CRR_INVALID} == CR_STATUS_INVALID &&
+              int{CRR_CORRUPT_RECORD} == CR_STATUS_CORRUPT_RECORD);
+
+// The header may be read as that of reader.h.
+static_assert(kHeaderFields[0].offset == offsetof(crr_do_header, type) &&
+              HeaderFieldOf("checktime").offset == offsetof(crr_do_header, checktime) &&
+              HeaderFieldOf("CID").offset == offsetof(crr_do_header, cid) &&
+              HeaderFieldOf("CRC").offset == offsetof(crr_do_header, crc) &&
+              HeaderFieldOf("ntaskid").offset == offsetof(crr_do_header, ntaskid) &&
+              HeaderFieldOf("nfp").offset == offsetof(crr_do_header, nfp) &&
+              HeaderFieldOf("trefssize").offset == offsetof(crr_do_header, trefssize) &&
+              HeaderFieldOf("fptype").offset == offsetof(crr_do_header, fptype) &&
+              HeaderFieldOf("reserved2").offset == offsetof(crr_do_header, reserved2));
 
 constexpr unsigned int kKnownOptions = CR_DO_NETWORK_ORDER | CR_DO_NO_REFERENCES | CR_DO_SUB_DO;
 
@@ -28,6 +43,41 @@ DORecordHeader HeaderOf(void const* bytes, std::uint64_t size) noexcept {
     return size >= CR_DO_RECORD_SIZE ? ReadHeader(bytes) : DORecordHeader{};
 }
 
+// The field of a header fault, and the message.
+void ReportHeaderFault(crr_fault const& fault, FindingReporter& reporter) noexcept {
+    auto const [code, offset, found, expected] = fault;
+    switch (code) {
+    case CR_FINDING_DO_TYPE:
+        reporter.Report({code, "type", offset, found, expected}, "Invalid DO record: type %lu, expected %lu", found,
+                        expected);
+        break;
+    case CR_FINDING_DO_RECSIZE:
+        reporter.Report({code, "recsize", offset, found, expected}, "Invalid DO record: recsize %lu, size %lu", found,
+                        expected);
+        break;
+    case CR_FINDING_DO_FLAGS:
+        reporter.Report({code, "flags", offset, found, expected},
+                        "Invalid DO record: flags %#lx, expected only bits of %#x", found, kKnownFlags);
+        break;
+    case CR_FINDING_DO_DOTYPE:
+        reporter.Report({code, "dotype", offset, found, expected},
+                        "Invalid DO record: DO type %lu, expected at most %lu", found, expected);
+        break;
+    case CR_FINDING_DO_FPTYPE:
+        reporter.Report({code, "fptype", offset, found, expected},
+                        "Invalid DO record: fingerprint type %lu, expected at most %lu", found, expected);
+        break;
+    case CR_FINDING_DO_BLOOM_SEGMENTS:
+        reporter.Report({code, "nfp", offset, found, expected},
+                        "Invalid DO record: a bloom record with %lu segments, expected 0", found);
+        break;
+    default:
+        reporter.Report({code, "nfp", offset, found, expected}, "Invalid DO record: calculated size %lu, size %lu",
+                        found, expected);
+        break;
+    }
+}
+
 // One pass over a record. Counts and layout come from one reading of the header, so no check reads outside of the
 // record even if the memory changes meanwhile.
 class RecordDiagnosis {
@@ -40,8 +90,9 @@ public:
 
     void Run() noexcept {
         CheckLength();
-        CheckHeader();
-        CheckTotal();
+        if (!reporter_.Stopped()) {
+            CheckHeader();
+        }
         if (reporter_.Stopped()) {
             return;
         }
@@ -66,7 +117,6 @@ public:
 private:
     void CheckLength() noexcept;
     void CheckHeader() noexcept;
-    void CheckTotal() noexcept;
     void CopyAllButSegments() noexcept;
     void CheckUniqueList() noexcept;
     void CheckSegmentList() noexcept;
@@ -89,40 +139,16 @@ void RecordDiagnosis::CheckLength() noexcept {
     }
 }
 
+// Reports all errors of the header. If the total is wrong, no section starts at the offset that the counts give.
 void RecordDiagnosis::CheckHeader() noexcept {
-    unsigned const type = header_.type, recsize = header_.recsize, flags = header_.flags;
-    if (type != CR_DO_RECORD_TYPE) {
-        reporter_.Report(FindingAt(CR_FINDING_DO_TYPE, HeaderFieldOf("type"), type, CR_DO_RECORD_TYPE),
-                         "Invalid DO record: type %u, expected %u", type, CR_DO_RECORD_TYPE);
+    auto const fields = std::bit_cast<crr_do_header>(header_);
+    int code = 0;
+    auto const next = [&] { return crr_do_header_fault(&fields, layout_.total, received_.size, code); };
+    for (crr_fault fault = next(); fault.code != 0; fault = next()) {
+        code = fault.code;
+        ReportHeaderFault(fault, reporter_);
     }
-    if (recsize != received_.size) {
-        reporter_.Report(FindingAt(CR_FINDING_DO_RECSIZE, HeaderFieldOf("recsize"), recsize, received_.size),
-                         "Invalid DO record: recsize %u, size %lu", recsize, received_.size);
-    }
-    if ((flags & ~kKnownFlags) != 0) {
-        reporter_.Report(FindingAt(CR_FINDING_DO_FLAGS, HeaderFieldOf("flags"), flags, flags & kKnownFlags),
-                         "Invalid DO record: flags %#x, expected only bits of %#x", flags, kKnownFlags);
-    }
-    if (!CRDOTypeIsValid(header_.dotype)) {
-        reporter_.Report(FindingAt(CR_FINDING_DO_DOTYPE, HeaderFieldOf("dotype"), header_.dotype, CR_DO_TYPE_LAST),
-                         "Invalid DO record: DO type %u, expected at most %u", header_.dotype, CR_DO_TYPE_LAST);
-    }
-    if (!CRFPTypeIsValid(header_.fptype)) {
-        reporter_.Report(FindingAt(CR_FINDING_DO_FPTYPE, HeaderFieldOf("fptype"), header_.fptype, CR_FP_TYPE_LAST),
-                         "Invalid DO record: fingerprint type %u, expected at most %u", header_.fptype,
-                         CR_FP_TYPE_LAST);
-    }
-    if (IsBloom(header_.dotype) && header_.nfp != 0) {
-        reporter_.Report(FindingAt(CR_FINDING_DO_BLOOM_SEGMENTS, HeaderFieldOf("nfp"), header_.nfp, 0),
-                         "Invalid DO record: a bloom record with %u segments, expected 0", header_.nfp);
-    }
-}
-
-// If the total is wrong, no section starts at the offset that the counts give.
-void RecordDiagnosis::CheckTotal() noexcept {
-    if (layout_.total != received_.size) {
-        reporter_.Report(FindingAt(CR_FINDING_DO_CALCULATED, HeaderFieldOf("nfp"), layout_.total, received_.size),
-                         "Invalid DO record: calculated size %lu, size %lu", layout_.total, received_.size);
+    if (code == CR_FINDING_DO_CALCULATED) {
         reporter_.Stop();
     }
 }
@@ -137,19 +163,21 @@ void RecordDiagnosis::CheckUniqueList() noexcept {
         return;
     }
     unsigned char const* const list = bytes_ + layout_.udcids;
-    std::uint32_t const count = UniqueCount(list, received_.order);
-    if (count != header_.nudcid) {
-        reporter_.Report(
-            {CR_FINDING_DO_LIST_COUNT, "unique.count", layout_.udcids + kUniqueCountOffset, count, header_.nudcid},
-            "Invalid DO record: unique DCID list of %u entries, expected %u", count, header_.nudcid);
+    crr_fault const count = crr_list_count_fault(layout_.udcids, UniqueCount(list, received_.order), header_.nudcid);
+    if (count.code != 0) {
+        reporter_.Report({count.code, "unique.count", count.offset, count.found, count.expected},
+                         "Invalid DO record: unique DCID list of %lu entries, expected %lu", count.found,
+                         count.expected);
         return;
     }
     std::uint32_t const stored = Load<std::uint32_t>(list);
-    std::uint32_t const computed = ListChecksum(list, count, Order::Host);
+    std::uint32_t const computed = ListChecksum(list, header_.nudcid, Order::Host);
     // A checksum made with the count in network order is only noted (record_notes.cpp).
-    if (stored != computed && stored != ListChecksum(list, count, Order::Network)) {
-        reporter_.Report({CR_FINDING_DO_LIST_CHECKSUM, "unique.checksum", layout_.udcids, stored, computed},
-                         "Invalid DO record: unique DCID list checksum %u, expected %u", stored, computed);
+    std::uint32_t const other = stored == computed ? computed : ListChecksum(list, header_.nudcid, Order::Network);
+    crr_fault const fault = crr_list_checksum_fault(layout_.udcids, stored, computed, other);
+    if (fault.code != 0) {
+        reporter_.Report({fault.code, "unique.checksum", fault.offset, fault.found, fault.expected},
+                         "Invalid DO record: unique DCID list checksum %lu, expected %lu", fault.found, fault.expected);
     }
 }
 
@@ -170,26 +198,20 @@ void RecordDiagnosis::CheckSegmentList() noexcept {
         check.Accumulate(first, count);
         return true;
     });
-    SegmentFault const fault = check.Fault();
-    ReportSegmentFault(fault, "DO record", layout_.Entry(fault.segment), list, HeaderFieldOf("size").offset, reporter_);
+    ReportSegmentFault(check.Fault(layout_.entries, HeaderFieldOf("size").offset), "DO record", reporter_);
 }
 
 void RecordDiagnosis::CheckReferences() noexcept {
-    std::uint64_t const held = layout_.tail - layout_.taskIds;
-    if (received_.noReferences && held != 0) {
-        reporter_.Report(FindingAt(CR_FINDING_DO_REFERENCES, HeaderFieldOf("trefssize"), held, 0),
-                         "Invalid DO record: %lu bytes of references, expected 0", held);
+    crr_fault const held = crr_no_references_fault(&layout_, received_.noReferences ? CRR_NO_REFERENCES : 0);
+    if (held.code != 0) {
+        reporter_.Report({held.code, "trefssize", held.offset, held.found, held.expected},
+                         "Invalid DO record: %lu bytes of references, expected 0", held.found);
     }
-    for (std::uint64_t at = layout_.trefs; at < layout_.tail;) {
-        _cr_tref_t reference{};
-        unsigned long const taken = DecodeReference(bytes_ + at, layout_.tail - at, reference);
-        if (taken == 0) {
-            reporter_.Report({CR_FINDING_DO_REFERENCE, "references", at, bytes_[at], 0},
-                             "Invalid DO record: no typed reference at offset %lu of a section of %u bytes",
-                             at - layout_.trefs, header_.trefssize);
-            return;
-        }
-        at += taken;
+    crr_fault const fault = crr_references_fault(bytes_, layout_.trefs, layout_.tail);
+    if (fault.code != 0) {
+        reporter_.Report({fault.code, "references", fault.offset, fault.found, fault.expected},
+                         "Invalid DO record: no typed reference at offset %lu of a section of %u bytes",
+                         fault.offset - layout_.trefs, header_.trefssize);
     }
 }
 

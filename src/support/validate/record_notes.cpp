@@ -38,7 +38,7 @@ void NoteReservedDcid(CheckedRecord const& record, FindingReporter& reporter) no
 }
 
 void NoteLegacyArrays(CheckedRecord const& record, FindingReporter& reporter) noexcept {
-    std::uint64_t const size = record.layout.trefs - record.layout.taskIds;
+    std::uint64_t const size = record.layout.trefs - record.layout.taskids;
     if (size != 0) {
         HeaderField const field = record.header.ntaskid != 0 ? HeaderFieldOf("ntaskid") : HeaderFieldOf("nds");
         reporter.Report(FindingAt(CR_FINDING_DO_LEGACY, field, size, 0),

@@ -4,46 +4,40 @@
 
 namespace crrecord {
 
-void ReportSegmentFault(SegmentFault const& fault, char const* record, std::uint64_t entry, DOSegmentSource const& list,
-                        std::uint64_t objectSize, FindingReporter& reporter) noexcept {
-    auto const [rule, segment, found, expected] = fault;
-    if (rule == SegmentRule::None) {
+void ReportSegmentFault(SegmentFault const& fault, char const* record, FindingReporter& reporter) noexcept {
+    if (fault.code == 0) {
         return;
     }
+    std::uint64_t const found = fault.found, expected = fault.expected;
     char field[48];
-    std::snprintf(field, sizeof field, rule == SegmentRule::Size ? "segments[%u].size" : "segments[%u].offset",
-                  segment);
-    std::uint64_t const sizeAt = entry + list.fingerprint;
-    std::uint64_t const offsetAt = entry + list.offset;
-    // Three rules compare the object's size, which the finding names, with a value computed from the segments.
-    switch (rule) {
-    case SegmentRule::None: break;
-    case SegmentRule::Product:
-        reporter.Report({CR_FINDING_SEGMENT_PRODUCT, "size", objectSize, expected, found},
-                        "Invalid %s: object of %lu bytes in segments of %lu bytes in all", record, expected, found);
+    std::snprintf(field, sizeof field,
+                  fault.code == CR_FINDING_SEGMENT_SIZE ? "segments[%u].size" : "segments[%u].offset", fault.segment);
+    Finding const inSegment{fault.code, field, fault.offset, found, expected};
+    Finding const inObject{fault.code, "size", fault.offset, found, expected};
+    switch (fault.code) {
+    case CR_FINDING_SEGMENT_PRODUCT:
+        reporter.Report(inObject, "Invalid %s: object of %lu bytes in segments of %lu bytes in all", record, found,
+                        expected);
         break;
-    case SegmentRule::Sum:
-        reporter.Report({CR_FINDING_SEGMENT_SUM, "size", objectSize, expected, found},
-                        "Invalid %s: object of %lu bytes, but its segments have %lu", record, expected, found);
+    case CR_FINDING_SEGMENT_SUM:
+        reporter.Report(inObject, "Invalid %s: object of %lu bytes, but its segments have %lu", record, found,
+                        expected);
         break;
-    case SegmentRule::Size:
-        reporter.Report({CR_FINDING_SEGMENT_SIZE, field, sizeAt, found, expected},
-                        "Invalid %s: segment %u has %lu bytes, probably in the wrong byte order", record, segment,
-                        found);
+    case CR_FINDING_SEGMENT_SIZE:
+        reporter.Report(inSegment, "Invalid %s: segment %u has %lu bytes, probably in the wrong byte order", record,
+                        fault.segment, found);
         break;
-    case SegmentRule::Offset:
-        reporter.Report({CR_FINDING_SEGMENT_OFFSET, field, offsetAt, found, expected},
-                        "Invalid %s: segment %u has offset %lu, probably in the wrong byte order", record, segment,
-                        found);
+    case CR_FINDING_SEGMENT_OFFSET:
+        reporter.Report(inSegment, "Invalid %s: segment %u has offset %lu, probably in the wrong byte order", record,
+                        fault.segment, found);
         break;
-    case SegmentRule::Overlap:
-        reporter.Report({CR_FINDING_SEGMENT_OVERLAP, field, offsetAt, found, expected},
-                        "Invalid %s: segment %u starts at %lu, before the end of the previous one, %lu", record,
-                        segment, found, expected);
+    case CR_FINDING_SEGMENT_OVERLAP:
+        reporter.Report(inSegment, "Invalid %s: segment %u starts at %lu, before the end of the previous one, %lu",
+                        record, fault.segment, found, expected);
         break;
-    case SegmentRule::End:
-        reporter.Report({CR_FINDING_SEGMENT_END, "size", objectSize, expected, found},
-                        "Invalid %s: object of %lu bytes, but its last segment ends at %lu", record, expected, found);
+    default:
+        reporter.Report(inObject, "Invalid %s: object of %lu bytes, but its last segment ends at %lu", record, found,
+                        expected);
         break;
     }
 }

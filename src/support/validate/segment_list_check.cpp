@@ -2,13 +2,11 @@
 
 #include "base/prefetch.h"
 
+#include <bit>
+
 namespace crrecord {
 
 namespace {
-
-// A value from here on is probably in the wrong byte order.
-constexpr std::uint32_t kImplausibleSize = 0x80000000;
-constexpr std::uint64_t kImplausibleOffset = 0x8000000000000000;
 
 // Iterates over the sizes and offsets of a list.
 template <Order order>
@@ -33,26 +31,13 @@ auto WithEntries(DOSegmentSource const& list, Check check) noexcept {
     return list.order == Order::Host ? check(EntryCursor<Order::Host>(list)) : check(EntryCursor<Order::Network>(list));
 }
 
-template <class E>
-SegmentFault FindOverlap(DOSegmentSource const& list, E entries) noexcept {
-    std::uint64_t end = 0;
-    for (std::uint32_t i = 0; i < list.count; ++i, entries.Skip(1)) {
-        std::uint64_t const offset = entries.Offset();
-        if (offset < end) {
-            return {SegmentRule::Overlap, i, offset, end};
-        }
-        end = offset + entries.Size();
-    }
-    return {};
-}
-
 } // namespace
 
 SegmentFault CheckSegmentSizes(DOSegmentSource const& list, bool subDO) noexcept {
     for (std::uint32_t i = 0; i < list.count && !subDO; ++i) {
         std::uint32_t const size = list.Size(i);
-        if (size >= kImplausibleSize) {
-            return {SegmentRule::Size, i, size, kImplausibleSize - 1};
+        if (size >= CRR_IMPLAUSIBLE_SIZE) {
+            return {crr_fault_of(CR_FINDING_SEGMENT_SIZE, 0, size, CRR_IMPLAUSIBLE_SIZE - 1), i};
         }
     }
     return {};
@@ -61,8 +46,8 @@ SegmentFault CheckSegmentSizes(DOSegmentSource const& list, bool subDO) noexcept
 SegmentFault CheckSegmentOffsets(DOSegmentSource const& list) noexcept {
     for (std::uint32_t i = 0; i < list.count; ++i) {
         std::uint64_t const offset = list.offsetWidth == sizeof(std::uint64_t) ? list.Offset(i) : kNoOffset;
-        if (offset >= kImplausibleOffset) {
-            return {SegmentRule::Offset, i, offset, kImplausibleOffset - 1};
+        if (offset >= CRR_IMPLAUSIBLE_OFFSET) {
+            return {crr_fault_of(CR_FINDING_SEGMENT_OFFSET, 0, offset, CRR_IMPLAUSIBLE_OFFSET - 1), i};
         }
     }
     return {};
@@ -112,40 +97,41 @@ void SegmentListCheck::AccumulateOffsets(E entries, std::uint64_t from, std::uin
     overlap_ = overlap;
 }
 
-SegmentFault SegmentListCheck::Fault() const noexcept {
+// The rules of crr_segments_fault, from the sums and the collected bits. False: no rule is broken.
+bool SegmentListCheck::MayBeFaulty() const noexcept {
+    bool const size = sizes_ >= CRR_IMPLAUSIBLE_SIZE && !subDO_;
     switch (list_.check) {
-    case ListCheck::Product: return ProductFault();
-    case ListCheck::Sum: return SumFault();
-    case ListCheck::Offsets: return OffsetFault();
-    default: return {};
+    case ListCheck::Product: return list_.objectSize > list_.ssize * list_.count; // wraps
+    case ListCheck::Sum: return size || sum_ != list_.objectSize;
+    case ListCheck::Offsets: return size || offsets_ >= CRR_IMPLAUSIBLE_OFFSET || overlap_ || end_ > list_.objectSize;
+    default: return false;
     }
 }
 
-SegmentFault SegmentListCheck::ProductFault() const noexcept {
-    std::uint64_t const product = list_.ssize * list_.count; // wraps
-    return list_.objectSize > product ? SegmentFault{SegmentRule::Product, 0, product, list_.objectSize}
-                                      : SegmentFault{};
-}
-
-SegmentFault SegmentListCheck::SumFault() const noexcept {
-    if (sizes_ >= kImplausibleSize && !subDO_) {
-        return CheckSegmentSizes(list_, subDO_);
+SegmentFault SegmentListCheck::Fault(std::uint64_t entries, std::uint64_t objectSize) const noexcept {
+    if (!MayBeFaulty()) {
+        return {};
     }
-    return sum_ != list_.objectSize ? SegmentFault{SegmentRule::Sum, 0, sum_, list_.objectSize} : SegmentFault{};
-}
-
-// Tests the rules in the order in which they are reported.
-SegmentFault SegmentListCheck::OffsetFault() const noexcept {
-    if (sizes_ >= kImplausibleSize && !subDO_) {
-        return CheckSegmentSizes(list_, subDO_);
+    crr_entry const entry{list_.fingerprint, list_.offset,      list_.stride,
+                          list_.sizeWidth,   list_.offsetWidth, static_cast<int>(list_.check)};
+    crr_segments const segments{.bytes = list_.entries,
+                                .from = 0,
+                                .to = std::uint64_t{list_.stride} * list_.count,
+                                .entry = entry,
+                                .size = list_.objectSize,
+                                .ssize = list_.ssize,
+                                .count = list_.count,
+                                .big = std::endian::native == std::endian::big || list_.order == Order::Network,
+                                .sub_do = subDO_,
+                                .at_size = objectSize};
+    SegmentFault fault(crr_segments_fault(&segments), 0);
+    bool const ofSegment = fault.code == CR_FINDING_SEGMENT_SIZE || fault.code == CR_FINDING_SEGMENT_OFFSET ||
+                           fault.code == CR_FINDING_SEGMENT_OVERLAP;
+    if (ofSegment) {
+        fault.segment = static_cast<std::uint32_t>(fault.offset / list_.stride);
+        fault.offset += entries;
     }
-    if (offsets_ >= kImplausibleOffset) {
-        return CheckSegmentOffsets(list_);
-    }
-    if (overlap_) {
-        return WithEntries(list_, [&](auto entries) { return FindOverlap(list_, entries); });
-    }
-    return end_ > list_.objectSize ? SegmentFault{SegmentRule::End, 0, end_, list_.objectSize} : SegmentFault{};
+    return fault;
 }
 
 SegmentFault CheckSegments(DOSegmentSource const& list, bool subDO) noexcept {

@@ -6,22 +6,12 @@
 
 namespace crrecord {
 
-enum class SegmentRule {
-    None,    // no rule is violated
-    Product, // DO types 0 and 1: segment size times count, modulo 2^64, is less than the object's size
-    Sum,     // DO types 2 and 5: the sizes do not add up to the object's size
-    Size,    // a size of 2 GiB or more
-    Offset,  // an offset of 8192 PiB or more
-    Overlap, // DO type 3: a segment starts before the end of the previous one
-    End,     // DO type 3: the last segment ends after the end of the object
-};
+// The first error of a list: a code from CR_FINDING_SEGMENT_PRODUCT to CR_FINDING_SEGMENT_END, or 0 for none.
+struct SegmentFault : crr_fault {
+    constexpr SegmentFault() noexcept : crr_fault{}, segment(0) {}
+    constexpr SegmentFault(crr_fault const& fault, std::uint32_t i) noexcept : crr_fault(fault), segment(i) {}
 
-// The first violation.
-struct SegmentFault {
-    SegmentRule rule = SegmentRule::None;
-    std::uint32_t segment = 0; // the faulty one, for Size, Offset and Overlap
-    std::uint64_t found = 0;
-    std::uint64_t expected = 0; // the limit or the right value
+    std::uint32_t segment; // the faulty one, if the error is in one segment
 };
 
 // Checks segments while they are copied or converted, so that they are read from memory once.
@@ -32,17 +22,17 @@ public:
 
     // Adds `count` segments, starting with segment `from`. All segments must be added once, in order.
     void Accumulate(std::uint64_t from, std::uint64_t count) noexcept;
-    // Returns: the first fault, once all segments are added. If there is one, the list is read again to find it.
-    SegmentFault Fault() const noexcept;
+    // Returns: the first fault, once all segments are added, by crr_segments_fault. If there may be one, the list is
+    // read again to find it. Its offset is from the start of a buffer whose entries start at `entries`, and whose
+    // object size is at `objectSize`.
+    SegmentFault Fault(std::uint64_t entries = 0, std::uint64_t objectSize = 0) const noexcept;
 
 private:
     template <class E>
     void AccumulateSizes(E entries, std::uint64_t from, std::uint64_t count) noexcept;
     template <class E>
     void AccumulateOffsets(E entries, std::uint64_t from, std::uint64_t count) noexcept;
-    SegmentFault ProductFault() const noexcept;
-    SegmentFault SumFault() const noexcept;
-    SegmentFault OffsetFault() const noexcept;
+    bool MayBeFaulty() const noexcept;
 
     DOSegmentSource list_;
     bool subDO_;
