@@ -54,7 +54,7 @@ void ColumnBytes::Grow(std::size_t capacity) {
 char const* ColumnType::Format() const noexcept {
     switch (content) {
     case Content::Number: return FormatOfNumber(width);
-    case Content::Bytes: return width == 32 ? "w:32" : "w:33";
+    case Content::Bytes: return width == 32 ? "w:32" : "w:33"; // fingerprints and keys
     case Content::Text: return "u";
     default: return "+l";
     }

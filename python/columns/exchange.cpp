@@ -99,6 +99,9 @@ struct OwnedStream {
         try {
             work();
             return 0;
+        } catch (BadRecord const& bad) {
+            errorNumber = EINVAL;
+            error = bad.Text();
         } catch (ReadError const& failure) {
             errorNumber = failure.number != 0 ? failure.number : EIO;
             error = failure.what();
@@ -164,7 +167,11 @@ void ExportStream(BatchStream stream, arrow::Stream& exported) {
         }
         return state.Attempt([&] {
             *array = {};
-            if (std::shared_ptr<Batch const> batch = state.stream.next()) {
+            std::shared_ptr<Batch const> batch;
+            do {
+                batch = state.stream.next();
+            } while (batch && batch->Rows() == 0);
+            if (batch) {
                 ExportBatch(std::move(batch), *array);
             }
         });

@@ -14,7 +14,7 @@ namespace crrecord::python::columns {
 void ExportSchema(std::span<ColumnType const> types, arrow::Schema& schema);
 void ExportBatch(std::shared_ptr<Batch const> batch, arrow::Array& array);
 
-// Batches of a table, from its start. `next` returns null at the end, and throws as RowBuilder::Next.
+// Batches of a table, from its start. `next` returns and throws as RowBuilder::Next.
 struct BatchStream {
     std::span<ColumnType const> types;
     std::function<std::shared_ptr<Batch const>()> next;

@@ -1,67 +1,23 @@
 #include "columns/record_reader.h"
 
 #include "SOmarshall/layout.h"
+#include "diagnosis.h"
+#include "doubtful_record.h"
 #include "view.h"
 
 #include <crrecord/probe.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-
-#include <fcntl.h>
-#include <unistd.h>
+#include <limits>
 
 namespace crrecord::python::columns {
 
 namespace {
 
-constexpr std::size_t kReadSize = 4UL << 20;
-constexpr std::size_t kMostDoubtful = 64UL << 20; // bytes read of a record whose size and counts disagree
+constexpr std::size_t kMostDoubtful = 64UL << 20; // bytes read of a file for the end of a doubtful record
 constexpr std::size_t kHeadSize = 96;             // the larger of the heads that CRRecordProbe asks for
 
-[[noreturn]] void ThrowErrno(std::string const& path) {
-    int const number = errno;
-    throw ReadError(number, path + ": " + std::strerror(number));
-}
-
 } // namespace
-
-RecordReader::File::File(std::string const& path)
-    : path_(path), descriptor_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-    if (descriptor_ < 0) {
-        ThrowErrno(path_);
-    }
-}
-
-RecordReader::File::~File() {
-    ::close(descriptor_);
-}
-
-std::span<unsigned char const> RecordReader::File::Peek(std::size_t least) {
-    if (end_ - first_ < least) {
-        std::copy(bytes_.begin() + static_cast<std::ptrdiff_t>(first_),
-                  bytes_.begin() + static_cast<std::ptrdiff_t>(end_), bytes_.begin());
-        end_ -= first_;
-        first_ = 0;
-        // Grows as bytes arrive: a size in a bad record takes no memory that the file does not fill.
-        while (end_ < least) {
-            if (end_ == bytes_.size()) {
-                bytes_.resize(std::max(kReadSize, 2 * bytes_.size()));
-            }
-            ssize_t const got = ::read(descriptor_, bytes_.data() + end_, bytes_.size() - end_);
-            if (got == 0) {
-                break;
-            }
-            if (got < 0 && errno != EINTR) {
-                ThrowErrno(path_);
-            }
-            end_ += static_cast<std::size_t>(std::max<ssize_t>(got, 0));
-        }
-    }
-    return {bytes_.data() + first_, end_ - first_};
-}
 
 std::span<unsigned char const> RecordReader::Peek(std::size_t least) {
     if (file_) {
@@ -85,48 +41,35 @@ void RecordReader::NextSource() noexcept {
     position_ = 0;
 }
 
-BadRecord RecordReader::Bad(std::string const& reason) const {
+BadRecord RecordReader::Bad(std::string const& reason, std::size_t size) {
     std::string const& path = (*sources_)[source_].path;
     std::string const source = path.empty() ? "source " + std::to_string(source_) : path;
-    return {source + ": record " + std::to_string(number_), reason, position_};
+    BadRecord bad{source + ": record " + std::to_string(number_), reason, position_, {}};
+    if (!options_.skipsBad) {
+        std::span<unsigned char const> const bytes = Peek(size != 0 ? size : kHeadSize);
+        std::size_t const there = size != 0 ? std::min(size, bytes.size()) : bytes.size();
+        bad.findings = DiagnoseBytes(bytes.first(there), {.subDO = options_.subDO}).findings;
+    }
+    return bad;
 }
 
-// Returns: the bytes of a record whose size and counts disagree: up to the nearer end if a record starts there or the
-// source ends there, otherwise up to the farther one; 0 if the source has neither, or only after kMostDoubtful.
-std::size_t RecordReader::SizeOfDoubtful(std::size_t near, std::size_t far, std::size_t least) {
-    if (near > kMostDoubtful) {
-        return 0;
-    }
-    std::span<unsigned char const> const bytes = Peek(std::max(near, least) + 2);
-    if (near >= least && bytes.size() >= near &&
-        (bytes.size() == near || CRRecordProbe(bytes.data() + near, bytes.size() - near).kind != CR_RECORD_UNKNOWN)) {
-        return near;
-    }
-    if (far <= kMostDoubtful && Peek(far).size() >= far) {
-        return far;
-    }
-    return near >= least && bytes.size() >= near ? near : 0;
-}
-
-// Reads the record at the position. `size` becomes its size if its end is known, even if it throws.
-// Throws: BadRecord; CR_STATUS_CORRUPT_RECORD with the first error.
-void RecordReader::ReadNext(std::span<unsigned char const> head, std::size_t& size) {
+void RecordReader::Read(std::span<unsigned char const> head, std::size_t& size) {
     cr_record_probe_t const probe = CRRecordProbe(head.data(), head.size());
     if (probe.kind == CR_RECORD_UNKNOWN) {
-        throw Bad("unknown kind");
+        throw std::string("unknown kind");
     }
     if (head.size() < probe.head_size) {
-        throw Bad("the source ends within it");
+        throw std::string("the source ends within it");
     }
     if (probe.recorded_size != probe.counted_size) {
-        auto const [near, far] = std::minmax(probe.recorded_size, probe.counted_size);
-        size = SizeOfDoubtful(near, far, probe.head_size);
-        throw Bad("its size is " + std::to_string(probe.recorded_size) + ", but its counts give " +
-                  std::to_string(probe.counted_size));
+        std::size_t const most = file_ ? kMostDoubtful : std::numeric_limits<std::size_t>::max();
+        size = SizeOfDoubtful(probe, most, [this](std::size_t least) { return Peek(least); });
+        throw "its size is " + std::to_string(probe.recorded_size) + ", but its counts give " +
+            std::to_string(probe.counted_size);
     }
     std::span<unsigned char const> const bytes = Peek(probe.recorded_size);
     if (bytes.size() < probe.recorded_size) {
-        throw Bad("the source ends within it");
+        throw std::string("the source ends within it");
     }
     size = probe.recorded_size;
     record_.number = number_;
@@ -151,7 +94,7 @@ void RecordReader::ReadSegment(std::span<unsigned char const> bytes) {
     };
     if (SegmentRecordDiagnose(copy_.data(), copy_.size(), record_.networkOrder ? CR_SO_NETWORK_ORDER : 0, keepFirst,
                               reason) != CR_STATUS_OK) {
-        throw Cr_ErrnoException(CR_STATUS_CORRUPT_RECORD, reason, nullptr);
+        throw std::string(reason);
     }
     record_.segment = segment::ReadHeader(copy_.data());
     if (record_.networkOrder) {
@@ -160,22 +103,13 @@ void RecordReader::ReadSegment(std::span<unsigned char const> bytes) {
     record_.segmentBytes = copy_.data();
 }
 
-// Leaves a bad record: continues after it, or in the next source if `size` is 0.
-void RecordReader::PassBad(std::size_t size) noexcept {
-    ++skipped_;
-    if (size != 0) {
-        Advance(size);
-    } else {
-        ++number_;
-        NextSource();
+ReadRecord const* RecordReader::Step() {
+    if (IsAtEnd()) {
+        return nullptr;
     }
-}
-
-ReadRecord const* RecordReader::Next() {
-    for (;;) {
-        if (source_ == sources_->size()) {
-            return nullptr;
-        }
+    std::size_t size = 0; // 0 while it is unknown
+    std::optional<std::string> reason;
+    try {
         Source const& source = (*sources_)[source_];
         if (!source.buffer && !file_) {
             file_.emplace(source.path);
@@ -183,26 +117,29 @@ ReadRecord const* RecordReader::Next() {
         std::span<unsigned char const> const head = Peek(kHeadSize);
         if (head.empty()) {
             NextSource();
-            continue;
+            return nullptr;
         }
-        std::size_t size = 0; // 0 while it is unknown
-        std::optional<BadRecord> bad;
-        try {
-            ReadNext(head, size);
-        } catch (BadRecord const& thrown) {
-            bad = thrown;
-        } catch (Cr_ErrnoException const& thrown) {
-            bad = Bad(thrown.what());
-        }
-        if (!bad) {
-            Advance(size);
-            return &record_;
-        }
-        PassBad(size);
-        if (!options_.skipsBad) {
-            throw *bad;
-        }
+        Read(head, size);
+        Advance(size);
+        return &record_;
+    } catch (std::string const& thrown) {
+        reason = thrown;
+    } catch (Cr_ErrnoException const& thrown) {
+        reason = thrown.what();
+    } catch (ReadError const&) {
+        NextSource();
+        throw;
     }
+    BadRecord const bad = Bad(*reason, size);
+    ++skipped_;
+    Advance(size);
+    if (size == 0) {
+        NextSource();
+    }
+    if (!options_.skipsBad) {
+        throw bad;
+    }
+    return nullptr;
 }
 
 } // namespace crrecord::python::columns

@@ -3,14 +3,14 @@
 #pragma once
 
 #include "buffer.h"
+#include "columns/file_bytes.h"
+#include "errors.h"
 
 #include <crrecord/DORecordView.h>
 #include <crrecord/SOmarshall.h>
 
-#include <cerrno>
 #include <optional>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -22,22 +22,14 @@ struct Source {
     std::string path;
 };
 
-// A failure of reading: an errno for a file, EINVAL for a bad record.
-class ReadError : public std::runtime_error {
-public:
-    ReadError(int errorNumber, std::string const& text) : std::runtime_error(text), number(errorNumber) {}
-    int number;
-};
-
 // A bad record, which raises crrecord.Error.
-class BadRecord : public ReadError {
-public:
-    BadRecord(std::string const& of, std::string const& why, std::uint64_t at)
-        : ReadError(EINVAL, of + " at byte " + std::to_string(at) + ": " + why), record(of), reason(why), position(at) {
-    }
-    std::string record; // such as "source 0: record 17"
+struct BadRecord {
+    std::string record; // such as "source 0: record 17"; as bytes of the file system
     std::string reason;
     std::uint64_t position; // in its source
+    std::vector<Found> findings;
+
+    std::string Text() const { return record + " at byte " + std::to_string(position) + ": " + reason; }
 };
 
 // A valid record.
@@ -63,48 +55,31 @@ public:
     RecordReader(std::shared_ptr<std::vector<Source> const> sources, Options options)
         : sources_(std::move(sources)), options_(options) {}
 
-    // Reads the next valid record, which is valid until the next call.
-    // Returns: null at the end.
-    // Throws: BadRecord, unless bad records are skipped, and the next call continues after it if its size is known;
-    // ReadError; std::bad_alloc.
-    ReadRecord const* Next();
+    // Takes a step: reads the next record, or passes a bad record or the end of a source. A record is valid until the
+    // next step.
+    // Returns: the record, or null.
+    // Throws: BadRecord, unless bad records are skipped, and the next step continues after it, or in the next source if
+    // its end is unknown; ReadError, and the next step continues in the next source; Interrupted; std::bad_alloc.
+    ReadRecord const* Step();
+    bool IsAtEnd() const noexcept { return source_ == sources_->size(); }
     // Number of bad records so far.
     std::uint64_t Skipped() const noexcept { return skipped_; }
 
 private:
-    // Bytes of a file from some position on.
-    class File {
-    public:
-        explicit File(std::string const& path);
-        ~File();
-        File(File const&) = delete;
-        File& operator=(File const&) = delete;
-        // Returns: at least `least` bytes from the position on, fewer only at the end of the file.
-        std::span<unsigned char const> Peek(std::size_t least);
-        void Drop(std::size_t bytes) noexcept { first_ += bytes; }
-
-    private:
-        std::string const& path_;
-        int descriptor_;
-        std::vector<unsigned char> bytes_;
-        std::size_t first_ = 0; // of bytes_: the position
-        std::size_t end_ = 0;
-    };
-
     // Returns: at least `least` bytes from position_ on, fewer only at the end of the source.
     std::span<unsigned char const> Peek(std::size_t least);
     void Advance(std::size_t bytes) noexcept; // after a record
     void NextSource() noexcept;
-    void ReadNext(std::span<unsigned char const> head, std::size_t& size);
+    // Reads the record at the position. `size` becomes its bytes if its end is known, even if it throws.
+    // Throws: a text, the reason, for a bad record.
+    void Read(std::span<unsigned char const> head, std::size_t& size);
     void ReadSegment(std::span<unsigned char const> bytes);
-    std::size_t SizeOfDoubtful(std::size_t near, std::size_t far, std::size_t least);
-    void PassBad(std::size_t size) noexcept;
-    BadRecord Bad(std::string const& reason) const;
+    BadRecord Bad(std::string const& reason, std::size_t size);
 
     std::shared_ptr<std::vector<Source> const> sources_;
     Options options_;
     std::size_t source_ = 0;
-    std::optional<File> file_;
+    std::optional<FileBytes> file_;
     std::uint64_t position_ = 0;
     std::uint64_t number_ = 0;
     std::uint64_t skipped_ = 0;

@@ -164,11 +164,11 @@ public:
 
 private:
     bool Add(RecordReader& reader, Batch& batch) override {
-        ReadRecord const* const record = reader.Next();
+        ReadRecord const* const record = reader.Step();
         if (record) {
             AddRow(batch, *record);
         }
-        return record != nullptr;
+        return record || !reader.IsAtEnd();
     }
 
     bool IsFull(Batch const& batch) const noexcept override {

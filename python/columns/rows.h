@@ -18,19 +18,21 @@ public:
 
     virtual ~RowBuilder() = default;
     virtual std::span<ColumnType const> Types() const noexcept = 0;
-    // Returns: the next rows; null at the end.
-    // Throws: as RecordReader::Next, after the rows before the bad record were returned.
+    // Returns: the next rows, or none after many steps that gave none or after a signal; null at the end.
+    // Throws: BadRecord and ReadError, after the rows before them were returned, and the next call continues;
+    // std::bad_alloc, and the next call returns null.
     std::shared_ptr<Batch const> Next(RecordReader& reader);
 
 protected:
     virtual bool IsFull(Batch const& batch) const noexcept { return batch.Rows() >= kBatchRows; }
 
 private:
-    // Adds rows, up to the whole of the next record.
+    // Adds rows, up to the whole of the next record, or takes a step that gives none.
     // Returns: false at the end.
     virtual bool Add(RecordReader& reader, Batch& batch) = 0;
 
     std::exception_ptr failure_;
+    bool hasEnded_ = false;
 };
 
 std::unique_ptr<RowBuilder> MakeSegmentRows();

@@ -41,8 +41,12 @@ public:
 
 private:
     bool Add(RecordReader& reader, Batch& batch) override {
-        if (next_ == count_ && !ReadObject(reader)) {
-            return false;
+        if (next_ == count_) {
+            ReadRecord const* const record = reader.Step();
+            if (record && record->object) {
+                Use(*record);
+            }
+            return record || !reader.IsAtEnd();
         }
         // Few entries at a time: they stay in the cache from one column to the next.
         constexpr std::size_t kAtOnce = 256;
@@ -53,20 +57,12 @@ private:
         return true;
     }
 
-    // Returns: false at the end.
-    bool ReadObject(RecordReader& reader) {
-        ReadRecord const* record = reader.Next();
-        while (record && !record->object) {
-            record = reader.Next();
-        }
-        if (record) {
-            number_ = record->number;
-            fptype_ = record->object->GetFPType();
-            source_ = record->object->Segments().GetSource();
-            next_ = 0;
-            count_ = source_.count;
-        }
-        return record != nullptr;
+    void Use(ReadRecord const& record) {
+        number_ = record.number;
+        fptype_ = record.object->GetFPType();
+        source_ = record.object->Segments().GetSource();
+        next_ = 0;
+        count_ = source_.count;
     }
 
     void Append(Batch& batch, unsigned int first, unsigned int rows) const {
@@ -102,19 +98,30 @@ private:
 } // namespace
 
 std::shared_ptr<Batch const> RowBuilder::Next(RecordReader& reader) {
+    constexpr std::size_t kMostSteps = 2 * kBatchRows;
     if (failure_) {
         std::rethrow_exception(std::exchange(failure_, nullptr));
     }
+    if (hasEnded_) {
+        return nullptr;
+    }
     auto batch = std::make_shared<Batch>(Types());
     try {
-        while (!IsFull(*batch) && Add(reader, *batch)) {}
-    } catch (ReadError const&) {
+        for (std::size_t step = 0; step < kMostSteps && !IsFull(*batch) && !hasEnded_; ++step) {
+            hasEnded_ = !Add(reader, *batch);
+        }
+    } catch (Interrupted const&) {
+        return batch;
+    } catch (std::bad_alloc const&) {
+        hasEnded_ = true;
+        throw;
+    } catch (...) {
         if (batch->Rows() == 0) {
             throw;
         }
         failure_ = std::current_exception();
     }
-    return batch->Rows() != 0 ? batch : nullptr;
+    return batch->Rows() != 0 || !hasEnded_ ? batch : nullptr;
 }
 
 std::unique_ptr<RowBuilder> MakeSegmentRows() {

@@ -7,6 +7,7 @@
 #include <pybind11/stl.h>
 
 #include <atomic>
+#include <cerrno>
 #include <mutex>
 
 namespace crrecord::python {
@@ -37,7 +38,11 @@ bool IsPath(py::handle object) {
 
 Source SourceOf(py::handle object) {
     if (IsPath(object)) {
-        return {nullptr, py::cast<std::string>(py::module_::import("os").attr("fsencode")(object))};
+        PyObject* encoded = nullptr; // by PyUnicode_FSConverter, which rejects a NUL
+        if (PyUnicode_FSConverter(object.ptr(), &encoded) == 0) {
+            throw py::error_already_set();
+        }
+        return {nullptr, std::string(py::reinterpret_steal<py::bytes>(encoded))};
     }
     return {std::make_shared<PinnedBuffer const>(object), {}};
 }
@@ -61,40 +66,67 @@ struct Table {
     Sources sources;
     RecordReader::Options options;
     std::unique_ptr<RowBuilder> (*makeRows)();
-    std::shared_ptr<std::atomic<std::uint64_t>> skipped = std::make_shared<std::atomic<std::uint64_t>>(0);
+    using Count = std::shared_ptr<std::atomic<std::uint64_t>>;
+    Count skipped = std::make_shared<std::atomic<std::uint64_t>>(0); // of the last use
 
     std::span<ColumnType const> Types() const { return makeRows()->Types(); }
 
     BatchStream Open() const {
         struct Reading {
-            explicit Reading(Table const& table) : reader(table.sources, table.options), rows(table.makeRows()) {}
+            explicit Reading(Table const& table)
+                : reader(table.sources, table.options), rows(table.makeRows()), skipped(table.skipped) {}
+
+            std::shared_ptr<Batch const> Next() {
+                struct Counting {
+                    Reading& reading;
+                    ~Counting() { reading.skipped->store(reading.reader.Skipped()); }
+                } const counting{*this};
+                return rows->Next(reader);
+            }
+
             RecordReader reader;
             std::unique_ptr<RowBuilder> rows;
+            Count skipped;
         };
-        auto const reading = std::make_shared<Reading>(*this);
-        return {Types(), [reading, skipped = skipped] {
-                    auto batch = reading->rows->Next(reading->reader);
-                    skipped->store(reading->reader.Skipped());
-                    return batch;
-                }};
+        skipped->store(0);
+        return {Types(), [reading = std::make_shared<Reading>(*this)] { return reading->Next(); }};
     }
 };
+
+// Texts with a path have the bytes of the file system.
+py::object Decoded(std::string const& text) {
+    PyObject* const decoded = PyUnicode_DecodeFSDefaultAndSize(text.data(), static_cast<py::ssize_t>(text.size()));
+    if (!decoded) {
+        throw py::error_already_set();
+    }
+    return py::reinterpret_steal<py::object>(decoded);
+}
 
 struct BatchIterator {
     explicit BatchIterator(BatchStream of) : stream(std::move(of)) {}
 
+    // Returns: null at the end.
     std::shared_ptr<Batch const> Next() {
         try {
-            py::gil_scoped_release const released;
-            std::lock_guard const lock(mutex);
-            return stream.next();
+            for (;;) {
+                auto batch = ReleasingGil([this] {
+                    std::lock_guard const lock(mutex);
+                    return stream.next();
+                });
+                if (!batch || batch->Rows() != 0) {
+                    return batch;
+                }
+                CheckSignals();
+            }
         } catch (BadRecord const& bad) {
-            py::object const error = PythonType("Error")(static_cast<int>(CR_STATUS_CORRUPT_RECORD),
-                                                         bad.record + ": " + bad.reason, py::tuple(), bad.position);
+            py::object const error =
+                PythonType("Error")(static_cast<int>(CR_STATUS_CORRUPT_RECORD), Decoded(bad.record + ": " + bad.reason),
+                                    FindingsOf(bad.findings), bad.position);
             PyErr_SetObject(PythonType("Error").ptr(), error.ptr());
             throw py::error_already_set();
         } catch (ReadError const& failure) {
-            PyErr_SetObject(PyExc_OSError, py::make_tuple(failure.number, failure.what()).ptr());
+            errno = failure.number;
+            PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, Decoded(failure.path).ptr());
             throw py::error_already_set();
         }
     }
@@ -152,7 +184,12 @@ struct BatchBuffer {
     std::size_t size;
 };
 
-// Returns: for each column its format, and its validity, offsets and values, each None if it has none.
+// The name, format, format of elements, and whether values can be null.
+py::tuple Described(ColumnType const& type) {
+    return py::make_tuple(type.name, type.Format(), type.ElementFormat(), type.isNullable);
+}
+
+// Returns: for each column its description, and its validity, offsets and values, each None if it has none.
 py::list BuffersOf(PythonBatch const& self) {
     py::list columns;
     auto const buffer = [&](unsigned char const* bytes, std::size_t size) -> py::object {
@@ -160,8 +197,7 @@ py::list BuffersOf(PythonBatch const& self) {
     };
     for (Column const& column : self.batch->columns) {
         ColumnBytes const &offsets = column.Offsets(), &values = column.Values();
-        columns.append(py::make_tuple(column.Type().name, column.Type().Format(), column.Type().ElementFormat(),
-                                      buffer(column.Validity(), (column.Rows() + 7) / 8),
+        columns.append(py::make_tuple(Described(column.Type()), buffer(column.Validity(), (column.Rows() + 7) / 8),
                                       buffer(offsets.Data(), offsets.Size()), buffer(values.Data(), values.Size())));
     }
     return columns;
@@ -180,14 +216,23 @@ std::vector<std::string> NamesOf(Class const& self) {
     return names;
 }
 
+// Only C++ makes objects of the type: one that __new__ made would have no value.
+void ForbidNew(py::handle type) {
+    reinterpret_cast<PyTypeObject*>(type.ptr())->tp_new = nullptr;
+    PyType_Modified(reinterpret_cast<PyTypeObject*>(type.ptr()));
+}
+
 void BindBatches(py::module_& module) {
-    py::class_<BatchBuffer>(module, "_BatchBuffer", py::buffer_protocol()).def_buffer([](BatchBuffer const& self) {
-        return py::buffer_info(self.bytes, static_cast<py::ssize_t>(self.size));
-    });
-    py::class_<PythonBatch>(module, "Batch", "Rows of a Table. It has the Arrow PyCapsule interface.")
-        .def("__len__", [](PythonBatch const& self) { return self.batch->Rows(); })
+    py::class_<BatchBuffer> buffer(module, "_BatchBuffer", py::buffer_protocol());
+    buffer.def_buffer(
+        [](BatchBuffer const& self) { return py::buffer_info(self.bytes, static_cast<py::ssize_t>(self.size)); });
+    py::class_<PythonBatch> batch(module, "Batch", "Rows of a Table. It has the Arrow PyCapsule interface.");
+    batch.def("__len__", [](PythonBatch const& self) { return self.batch->Rows(); })
         .def_property_readonly(
             "column_names", [](PythonBatch const& self) { return NamesOf(self.types); }, "The names of the columns.")
+        .def(
+            "__arrow_c_schema__", [](PythonBatch const& self) { return SchemaOf(self.types); },
+            "Return a capsule with the schema.")
         .def(
             "__arrow_c_array__",
             [](PythonBatch const& self, py::object const&) {
@@ -199,26 +244,30 @@ void BindBatches(py::module_& module) {
             py::arg("requested_schema") = py::none(), "Return capsules with the schema and the rows.")
         .def("_buffers", BuffersOf)
         .def("to_numpy", ToNumpy, "Return a dictionary of NumPy arrays, one for each column.");
-    py::class_<BatchIterator>(module, "_Batches")
-        .def("__iter__", [](py::object const& self) { return self; })
-        .def("__next__", [](BatchIterator& self) {
-            std::shared_ptr<Batch const> batch = self.Next();
-            if (!batch) {
-                throw py::stop_iteration();
-            }
-            return PythonBatch{std::move(batch), self.stream.types};
-        });
+    py::class_<BatchIterator> batches(module, "_Batches");
+    batches.def("__iter__", [](py::object const& self) { return self; }).def("__next__", [](BatchIterator& self) {
+        std::shared_ptr<Batch const> rows = self.Next();
+        if (!rows) {
+            throw py::stop_iteration();
+        }
+        return PythonBatch{std::move(rows), self.stream.types};
+    });
+    for (py::handle const type : {py::handle(buffer), py::handle(batch), py::handle(batches)}) {
+        ForbidNew(type);
+    }
 }
 
 } // namespace
 
 void BindColumns(py::module_& module) {
     BindBatches(module);
-    py::class_<Table>(
+    py::class_<Table> table(
         module, "Table",
         "Records as columns. Each use reads the sources from the start.\n\n"
         "It has the Arrow PyCapsule interface, so data frame libraries read it, and iterates over batches "
-        "of rows.")
+        "of rows.");
+    ForbidNew(table);
+    table
         .def_property_readonly(
             "column_names", [](Table const& self) { return NamesOf(self.Types()); }, "The names of the columns.")
         .def_property_readonly(
@@ -235,6 +284,14 @@ void BindColumns(py::module_& module) {
                                               [&](arrow::Stream& stream) { ExportStream(self.Open(), stream); });
             },
             py::arg("requested_schema") = py::none(), "Return a capsule with a stream of batches.")
+        .def("_columns",
+             [](Table const& self) {
+                 py::list columns;
+                 for (ColumnType const& type : self.Types()) {
+                     columns.append(Described(type));
+                 }
+                 return columns;
+             })
         .def("to_numpy", ToNumpy, "Return a dictionary of NumPy arrays, one for each column.");
     auto const define = [&](char const* name, std::unique_ptr<RowBuilder> (*makeRows)(), char const* text) {
         module.def(

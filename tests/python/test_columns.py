@@ -1,7 +1,10 @@
 """read_segments() and read_records() against the golden JSON, through a reader of the Arrow C interfaces of our own."""
 import ctypes
 import errno
+import os
 import pathlib
+import subprocess
+import sys
 import tempfile
 import unittest
 from ctypes import POINTER, c_char_p, c_int, c_int64, c_void_p
@@ -76,7 +79,7 @@ def rows_of(table):
         array = Array()
         status = stream.get_next(stream, array)
         if status:
-            raise OSError(status, stream.get_last_error(stream).decode())
+            raise OSError(status, os.fsdecode(stream.get_last_error(stream)))
         if not array.release:
             break
         columns = {schema.children[i][0].name.decode(): decoded(schema.children[i][0], array.children[i][0])
@@ -138,7 +141,7 @@ class Columns(unittest.TestCase):
             next(batches)
             with self.assertRaisesRegex(Error, f"record at byte 288: source {number // 3}: record {number}: .*{reason}") as caught:
                 next(batches)
-            self.assertEqual(caught.exception.position, 288)
+            self.assertEqual((caught.exception.position, bool(caught.exception.findings)), (288, True))
         self.assertEqual(len(next(batches)), 1)
         self.assertRaises(StopIteration, next, batches)
         with self.assertRaisesRegex(OSError, "source 0: record 1 at byte 288: .*segment 1 starts"):
@@ -156,10 +159,54 @@ class Columns(unittest.TestCase):
             path.write_bytes(WHOLE[:-1])
             self.assertEqual(len(rows_of(read_records(path, on_error="skip"))), len(ORDERED) - 1)
             path.unlink()
-            for read in (rows_of, list):
-                with self.assertRaises(OSError) as caught:
-                    read(table)
-                self.assertEqual(caught.exception.errno, errno.ENOENT)
+            missing = os.fsencode(folder) + b"/\xff"
+            table = read_records([os.fsdecode(missing), WHOLE])
+            with self.assertRaises(OSError) as caught:
+                rows_of(table)
+            self.assertEqual(caught.exception.errno, errno.ENOENT)
+            batches = iter(table)
+            with self.assertRaises(FileNotFoundError) as caught:
+                next(batches)
+            self.assertEqual(caught.exception.filename, os.fsdecode(missing))
+            self.assertEqual(len(next(batches)), len(ORDERED))  # the next source
+            self.assertRaises(ValueError, read_records, f"{folder}\0")
+
+    def test_a_forked_process_reads_on_by_itself(self):
+        with tempfile.NamedTemporaryFile() as file:
+            file.write(WHOLE * 3000)  # several batches, and more than is read at once
+            file.flush()
+            batches = iter(read_records(file.name))
+            first = len(next(batches))
+            child = os.fork()
+            rest = sum(map(len, batches))
+            if child == 0:
+                os._exit(first + rest == 3000 * len(ORDERED))
+            self.assertEqual((first + rest, os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])), (3000 * len(ORDERED), 1))
+
+    def test_signals_end_long_steps_and_exit_ends_readers(self):
+        so, = stored("so-path", "host")
+        script = ("import signal, sys, threading, crrecord\n"
+                  f"data = bytes.fromhex('{so.hex()}') * 200_000\n"
+                  "if sys.argv[1] == 'signal':\n"
+                  "    signal.setitimer(signal.ITIMER_REAL, 0.1)\n"
+                  "    signal.signal(signal.SIGALRM, lambda *_: sys.exit(7))\n"
+                  "    list(crrecord.read_segments([data] * 1000))\n"
+                  "def read():\n"
+                  "    while True:\n"
+                  "        list(crrecord.read_segments(data))\n"
+                  "threading.Thread(target=read, daemon=True).start()\n")
+        for argument, status in (("signal", 7), ("exit", 0)):
+            ran = subprocess.run([sys.executable, "-c", script, argument], capture_output=True, text=True, timeout=60)
+            self.assertEqual((ran.returncode, ran.stderr), (status, ""))
+
+    def test_no_rows_have_their_types(self):
+        self.assertEqual(rows_of(read_segments([])), [])
+        for type_ in (type(read_segments([])), *map(type, (read := iter(read_records(WHOLE)), next(read)))):
+            self.assertRaises(TypeError, type_.__new__, type_)
+        if numpy:
+            columns = read_segments(stored("do0-empty", "host")[0]).to_numpy()
+            self.assertEqual([(str(columns[name].dtype), columns[name].shape) for name in ("size", "fingerprint")],
+                             [("uint64", (0,)), ("uint8", (0, 32))])
 
     def test_large_records_are_split(self):
         count = 70_000
