@@ -24,6 +24,7 @@ void BindDiagnosis(py::module_& module);
 void BindView(py::module_& module);
 void BindSegmentView(py::module_& module);
 void BindStream(py::module_& module);
+void BindColumns(py::module_& module);
 void BindReferences(py::module_& module);
 void BindDORecord(py::module_& module);
 void BindSORecord(py::module_& module);

@@ -4,8 +4,10 @@
 
 #include "bindings.h"
 
+#include <exception>
 #include <memory>
 #include <optional>
+#include <type_traits>
 
 namespace crrecord::python {
 
@@ -48,16 +50,52 @@ inline Slice PinWhole(py::handle object) {
     return {owner, 0, owner->Size()};
 }
 
+// Releases the GIL while it exists. At the exit of the interpreter the destructor ends a daemon thread by an exception
+// of the C library, which pybind11's own class does not let pass.
+class GilRelease {
+public:
+    GilRelease() : state_(PyEval_SaveThread()) {}
+    ~GilRelease() noexcept(false) { PyEval_RestoreThread(state_); }
+    GilRelease(GilRelease const&) = delete;
+    GilRelease& operator=(GilRelease const&) = delete;
+
+private:
+    PyThreadState* state_;
+};
+
+// Runs `work`, which must not call Python, without the GIL. Its exception is thrown again with the GIL: an exception
+// that passes the destructor of GilRelease would end the process.
+template <class Work>
+auto ReleasingGil(Work const& work) {
+    constexpr bool isVoid = std::is_void_v<decltype(work())>;
+    std::optional<std::conditional_t<isVoid, bool, decltype(work())>> result;
+    std::exception_ptr failure;
+    {
+        GilRelease const released;
+        try {
+            if constexpr (isVoid) {
+                work();
+            } else {
+                result.emplace(work());
+            }
+        } catch (...) {
+            failure = std::current_exception();
+        }
+    }
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    if constexpr (!isVoid) {
+        return *std::move(result);
+    }
+}
+
 // Runs `work`, which must not call Python. Releases the GIL if the bytes are immutable and large. Other threads must
 // not change bytes between their validation and their use.
 template <class Work>
 auto WithoutGil(Slice const& bytes, Work work) {
     constexpr unsigned long kWorthwhile = 64 * 1024;
-    std::optional<py::gil_scoped_release> released;
-    if (bytes.owner->IsImmutable() && bytes.size >= kWorthwhile) {
-        released.emplace();
-    }
-    return work();
+    return bytes.owner->IsImmutable() && bytes.size >= kWorthwhile ? ReleasingGil(work) : work();
 }
 
 } // namespace crrecord::python

@@ -33,18 +33,18 @@ char const* ReasonOf(Diagnosis const& diagnosis) noexcept {
     return error == diagnosis.findings.end() ? nullptr : error->message.c_str();
 }
 
-cr_status_t Walk(Slice const& bytes, DiagnosisOptions const& options, Collection& collection) {
-    cr_record_probe_t const probe = CRRecordProbe(bytes.Data(), bytes.size);
+cr_status_t Walk(std::span<unsigned char const> bytes, DiagnosisOptions const& options, Collection& collection) {
+    cr_record_probe_t const probe = CRRecordProbe(bytes.data(), bytes.size());
     bool const network = probe.network_order != 0;
     bool const isSegment =
         options.expected == Expected::ByProbe ? probe.kind == CR_RECORD_SEGMENT : options.expected == Expected::Segment;
     if (isSegment) {
-        return SegmentRecordDiagnose(bytes.Data(), bytes.size,
+        return SegmentRecordDiagnose(bytes.data(), bytes.size(),
                                      (network ? CR_SO_NETWORK_ORDER : 0) |
                                          (options.allowReferences ? 0 : CR_SO_NO_TASKIDS),
                                      Collect, &collection);
     }
-    return DORecordDiagnose(bytes.Data(), bytes.size,
+    return DORecordDiagnose(bytes.data(), bytes.size(),
                             (network ? CR_DO_NETWORK_ORDER : 0) | (options.subDO ? CR_DO_SUB_DO : 0) |
                                 (options.allowReferences ? 0 : CR_DO_NO_REFERENCES),
                             Collect, &collection);
@@ -87,10 +87,14 @@ py::object Probe(py::object const& buffer) {
 
 } // namespace
 
-Diagnosis Diagnose(Slice const& bytes, DiagnosisOptions const& options) {
+Diagnosis DiagnoseBytes(std::span<unsigned char const> bytes, DiagnosisOptions const& options) {
     Collection collection{{}, options.limit};
-    cr_status_t const status = WithoutGil(bytes, [&] { return Walk(bytes, options, collection); });
+    cr_status_t const status = Walk(bytes, options, collection);
     return {status, std::move(collection.findings)};
+}
+
+Diagnosis Diagnose(Slice const& bytes, DiagnosisOptions const& options) {
+    return WithoutGil(bytes, [&] { return DiagnoseBytes({bytes.Data(), bytes.size}, options); });
 }
 
 void RequireGood(Slice const& bytes, DiagnosisOptions const& options) {

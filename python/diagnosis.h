@@ -6,6 +6,7 @@
 #include "errors.h"
 
 #include <cstddef>
+#include <span>
 
 namespace crrecord::python {
 
@@ -25,6 +26,8 @@ struct DiagnosisOptions {
 };
 
 Diagnosis Diagnose(Slice const& bytes, DiagnosisOptions const& options);
+// The same with or without the GIL.
+Diagnosis DiagnoseBytes(std::span<unsigned char const> bytes, DiagnosisOptions const& options);
 
 // Raises crrecord.Error with the findings unless the bytes are one valid record.
 void RequireGood(Slice const& bytes, DiagnosisOptions const& options);

@@ -2,6 +2,7 @@
 
 #include "do_fields.h"
 
+#include "buffer.h"
 #include "enums.h"
 #include "errors.h"
 
@@ -24,24 +25,17 @@ auto WithoutGil(DORecord const& record, bool isShared, Compute compute) {
         return compute(record);
     }
     if (!isShared) {
-        py::gil_scoped_release const released;
-        return compute(record);
+        return ReleasingGil([&] { return compute(record); });
     }
     auto const* const bytes = reinterpret_cast<unsigned char const*>(record.GetHeader());
     std::vector<unsigned char> copy(bytes, bytes + size);
     unsigned int const options = record.IsSubDO() ? CR_DO_SUB_DO : 0;
-    {
-        py::gil_scoped_release const released;
-        std::unique_ptr<DORecord> wrapped;
-        try {
-            wrapped = DORecord::Wrap(copy.data(), size, size, true, options);
-        } catch (Cr_ErrnoException const&) { // a bloom record whose list is not converted yet
-        }
-        if (wrapped) {
-            return compute(*wrapped);
-        }
+    std::unique_ptr<DORecord> wrapped;
+    try {
+        wrapped = DORecord::Wrap(copy.data(), size, size, true, options);
+    } catch (Cr_ErrnoException const&) { // a bloom record whose list is not converted yet
     }
-    return compute(record);
+    return wrapped ? ReleasingGil([&] { return compute(*wrapped); }) : compute(record);
 }
 
 struct DeleteDigest {

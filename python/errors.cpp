@@ -68,7 +68,7 @@ void ForgetLog() noexcept {
     logged[0] = '\0';
 }
 
-void SetCurrentException() noexcept {
+void SetCurrentException() {
     try {
         try {
             throw;

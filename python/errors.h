@@ -32,7 +32,8 @@ void Require(cr_status_t status);
 // Starts a call of Python: lines logged before are not reasons of its failures.
 void ForgetLog() noexcept;
 
-// Sets the Python exception of the C++ exception that is being handled.
-void SetCurrentException() noexcept;
+// Sets the Python exception of the C++ exception that is being handled. Lets pass the one of the C library that ends a
+// thread; functions that Python calls are therefore not noexcept.
+void SetCurrentException();
 
 } // namespace crrecord::python

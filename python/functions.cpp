@@ -39,7 +39,7 @@ void ShortenTypeError() {
     PyErr_SetString(PyExc_TypeError, text.c_str());
 }
 
-PyObject* Call(PyObject* self, PyObject* args, PyObject* kwargs) noexcept {
+PyObject* Call(PyObject* self, PyObject* args, PyObject* kwargs) {
     ForgetLog();
     PyObject* const result = dispatch(self, args, kwargs);
     if (!result && PyErr_ExceptionMatches(PyExc_TypeError)) {

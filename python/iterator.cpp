@@ -23,7 +23,7 @@ void Dealloc(PyObject* self) {
     Py_DECREF(type);
 }
 
-PyObject* Next(PyObject* self) noexcept {
+PyObject* Next(PyObject* self) {
     try {
         return IteratorIn(self)->source->Next().release().ptr();
     } catch (...) {

@@ -17,6 +17,7 @@ void Fill(py::module_ module) {
     BindView(module);
     BindSegmentView(module);
     BindStream(module);
+    BindColumns(module);
     BindReferences(module);
     BindDORecord(module);
     BindSORecord(module);

@@ -21,19 +21,6 @@ struct FixedPart {
     bool networkOrder;
 };
 
-// The counts are 0 during the conversion, which would otherwise convert the bytes after the fixed part, too.
-_SegmentDBRecord ToHost(_SegmentDBRecord fields) {
-    auto const ntaskids = ByteSwapped(fields.ntaskids);
-    auto const nfp = ByteSwapped(fields.nfp);
-    auto const recsize = ByteSwapped(fields.recsize);
-    fields.ntaskids = fields.nfp = 0;
-    SegmentRecordNtoh(&fields, &fields, 0);
-    fields.ntaskids = ntaskids;
-    fields.nfp = nfp;
-    fields.recsize = recsize;
-    return fields;
-}
-
 // Raises crrecord.Error unless the bytes are a valid record.
 FixedPart Validated(Slice const& bytes) {
     RequireGood(bytes, {.expected = Expected::Segment});
@@ -90,6 +77,19 @@ auto SegmentFieldGetter(Read read) {
 }
 
 } // namespace
+
+// The counts are 0 during the conversion, which would otherwise convert the bytes after the fixed part, too.
+_SegmentDBRecord ToHost(_SegmentDBRecord fields) {
+    auto const ntaskids = ByteSwapped(fields.ntaskids);
+    auto const nfp = ByteSwapped(fields.nfp);
+    auto const recsize = ByteSwapped(fields.recsize);
+    fields.ntaskids = fields.nfp = 0;
+    SegmentRecordNtoh(&fields, &fields, 0);
+    fields.ntaskids = ntaskids;
+    fields.nfp = nfp;
+    fields.recsize = recsize;
+    return fields;
+}
 
 SegmentView::SegmentView(Slice bytes) : bytes_(std::move(bytes)) {
     FixedPart const fixed = Validated(bytes_);

@@ -1,12 +1,11 @@
 // records(): iterates over consecutive records in a buffer.
 
 #include "diagnosis.h"
+#include "doubtful_record.h"
 #include "iterator.h"
 #include "view.h"
 
 #include <crrecord/probe.h>
-
-#include <algorithm>
 
 namespace crrecord::python {
 
@@ -57,15 +56,14 @@ private:
         if (probe.kind == CR_RECORD_UNKNOWN) {
             stop(rest, "unknown kind");
         }
-        if (rest.size < probe.head_size ||
-            (probe.recorded_size == probe.counted_size && rest.size < probe.recorded_size)) {
+        if (rest.size < probe.head_size) {
             stop(rest, "the buffer ends within the record");
         }
         if (probe.recorded_size != probe.counted_size) {
             passDoubtful(rest, probe);
         }
-        if (probe.recorded_size < probe.head_size) {
-            stop(rest, "the record size is less than the fixed part");
+        if (rest.size < probe.recorded_size) {
+            stop(rest, "the buffer ends within the record");
         }
         Slice const record{rest.owner, rest.position, probe.recorded_size};
         bytes_.position += probe.recorded_size;
@@ -75,23 +73,18 @@ private:
         return py::cast(std::make_shared<SegmentView>(record));
     }
 
-    // Raises crrecord.Error for a record whose size and counts disagree. The iterator continues at the nearer end if a
-    // record starts there or the buffer ends there, otherwise at the farther one if the buffer has it.
+    // Raises crrecord.Error. The iteration continues after the record if its end is known.
     [[noreturn]] void passDoubtful(Slice const& rest, cr_record_probe_t const& probe) {
-        auto const possible = [&](unsigned long size) { return size >= probe.head_size && size <= rest.size; };
-        auto const startsRecord = [&](unsigned long size) {
-            return size == rest.size || CRRecordProbe(rest.Data() + size, rest.size - size).kind != CR_RECORD_UNKNOWN;
-        };
+        std::size_t const size = SizeOfDoubtful(
+            probe, rest.size, [&](std::size_t) { return std::span<unsigned char const>(rest.Data(), rest.size); });
         std::string const reason = "size " + std::to_string(probe.recorded_size) + ", but its counts give " +
                                    std::to_string(probe.counted_size);
-        auto const [near, far] = std::minmax({probe.recorded_size, probe.counted_size});
-        unsigned long const end = possible(near) && (!possible(far) || startsRecord(near)) ? near : far;
-        if (!possible(end)) {
+        if (size == 0) {
             stop(rest, reason.c_str());
         }
-        bytes_.position += end;
-        Raise(CR_STATUS_CORRUPT_RECORD, reason.c_str(),
-              Diagnose({rest.owner, rest.position, end}, {.subDO = subDO_}).findings);
+        bytes_.position += size;
+        Slice const record{rest.owner, rest.position, size};
+        Raise(CR_STATUS_CORRUPT_RECORD, reason.c_str(), Diagnose(record, {.subDO = subDO_}).findings);
     }
 
     // Raises crrecord.Error and ends the iteration, since the end of the record is unknown.
@@ -109,7 +102,7 @@ private:
 
 namespace {
 
-PyObject* NextRecord(PyObject* self) noexcept {
+PyObject* NextRecord(PyObject* self) {
     try {
         auto* const iterator = InitializedIn<RecordIterator>(self);
         if (!iterator) {

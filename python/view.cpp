@@ -4,7 +4,6 @@
 
 #include "diagnosis.h"
 #include "references.h"
-#include "support/layout/record_layout.h"
 
 #include <memory>
 
@@ -48,19 +47,23 @@ py::bytes Converted(Slice const& record, bool subDO, std::string const& order) {
     return copy;
 }
 
+RecordLayout LayoutOf(DORecordView const& record) noexcept {
+    return RecordLayout({.ntaskid = record.GetLegacyTaskIDs(),
+                         .nfp = record.GetNfp(),
+                         .nudcid = record.GetNudcid(),
+                         .nds = record.GetLegacyDSIDs(),
+                         .trefssize = record.GetTRefsSize(),
+                         .bsize = record.GetBSize(),
+                         .fptype = record.GetFPType(),
+                         .dotype = record.GetDOType()});
+}
+
 // Everything comes from the validated header that the view keeps: the bytes may change while Python uses them.
 View::View(Slice bytes, bool subDO)
     : bytes_(std::move(bytes)), subDO_(subDO), fields_(Validated(bytes_, subDO)),
       segments_(fields_.Segments().GetSource()), unique_(fields_.UniqueDCIDs().GetSource()),
       bloom_(fields_.GetBloom()) {
-    RecordLayout const layout({.ntaskid = fields_.GetLegacyTaskIDs(),
-                               .nfp = fields_.GetNfp(),
-                               .nudcid = fields_.GetNudcid(),
-                               .nds = fields_.GetLegacyDSIDs(),
-                               .trefssize = fields_.GetTRefsSize(),
-                               .bsize = fields_.GetBSize(),
-                               .fptype = fields_.GetFPType(),
-                               .dotype = fields_.GetDOType()});
+    RecordLayout const layout = LayoutOf(fields_);
     unsigned char const* const record = crrecord::BytesOf(fields_.GetHeader());
     taskIds_ = record + layout.taskids;
     dsids_ = record + layout.dsids;

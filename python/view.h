@@ -4,11 +4,16 @@
 
 #include "array.h"
 
+#include "support/layout/record_layout.h"
+
 #include <crrecord/DORecord.h>
 #include <crrecord/DORecordView.h>
 #include <crrecord/SOmarshall.h>
 
 namespace crrecord::python {
+
+// The layout of a record by the header that its view keeps.
+RecordLayout LayoutOf(DORecordView const& record) noexcept;
 
 // A DO record. The constructor reads the header and computes the sections once, so a later change of the bytes does not
 // lead to reads outside of them.
@@ -78,6 +83,9 @@ private:
 };
 
 void BindSegmentSequence(py::module_& module);
+
+// Returns: the fixed part of a segment record in network order as host values.
+_SegmentDBRecord ToHost(_SegmentDBRecord fields);
 
 // A segment record.
 class SegmentView {

@@ -2,6 +2,7 @@
 
 from ._crrecord import (
     Array,
+    Batch,
     DORecord,
     DOType,
     FPType,
@@ -11,11 +12,14 @@ from ._crrecord import (
     SegmentView,
     SORecord,
     Status,
+    Table,
     View,
     __version__,
     diagnose,
     diagnose_form,
     probe,
+    read_records,
+    read_segments,
     records,
     validate,
 )
@@ -23,6 +27,7 @@ from ._types import Digest, Error, Finding, Probe, Reference, Segment
 
 __all__ = [
     "Array",
+    "Batch",
     "DORecord",
     "DOType",
     "Digest",
@@ -38,10 +43,13 @@ __all__ = [
     "SegmentView",
     "Segments",
     "Status",
+    "Table",
     "View",
     "diagnose",
     "diagnose_form",
     "probe",
+    "read_records",
+    "read_segments",
     "records",
     "validate",
 ]

@@ -1,6 +1,7 @@
 import sys
 from _typeshed import ReadableBuffer
 from enum import IntEnum
+from os import PathLike
 from typing import Any, Callable, Iterable, Iterator, Literal, Optional, Protocol, Sequence, Tuple, TypeVar, Union, overload
 
 from ._types import Digest, Error, Finding, Probe, Reference, Segment
@@ -14,6 +15,8 @@ class _SupportsArrayInterface(Protocol):
 
 # Any object with the buffer protocol: bytes, bytearray, memoryview, mmap.mmap, array.array, Array, a NumPy array.
 Buffer = Union[ReadableBuffer, _SupportsBuffer, _SupportsArrayInterface]
+# What tables are read from: a buffer, the path of a file, or several of them.
+Source = Union[Buffer, str, PathLike[str], Iterable[Union[Buffer, str, PathLike[str]]]]
 Order = Literal["host", "network"]
 OnError = Union[Literal["raise", "skip"], Callable[[Error], object]]
 T = TypeVar("T")
@@ -357,6 +360,31 @@ class SORecord:
     def serialize(self) -> bytes: """Return the serialized form; the record must be in host order."""
     def __bytes__(self) -> bytes: ...
 
+class Batch:
+    """Rows of a Table. It has the Arrow PyCapsule interface."""
+    def __len__(self) -> int: ...
+    @property
+    def column_names(self) -> list[str]: """The names of the columns."""
+    def to_numpy(self) -> dict[str, Any]: """Return a dictionary of NumPy arrays, one for each column."""
+    def __arrow_c_schema__(self) -> object: ...
+    def __arrow_c_array__(self, requested_schema: object = None) -> Tuple[object, object]: ...
+    def _buffers(self) -> list[Tuple[Tuple[str, str, str, bool], Any, Any, Any]]: ...
+
+class Table:
+    """Records as columns. Each use reads the sources from the start.
+
+    It has the Arrow PyCapsule interface, so data frame libraries read it, and iterates over batches of rows.
+    """
+    @property
+    def column_names(self) -> list[str]: """The names of the columns."""
+    @property
+    def skipped(self) -> int: """Number of bad records that the last use has skipped so far."""
+    def __iter__(self) -> Iterator[Batch]: ...
+    def to_numpy(self) -> dict[str, Any]: """Return a dictionary of NumPy arrays, one for each column."""
+    def __arrow_c_schema__(self) -> object: ...
+    def __arrow_c_stream__(self, requested_schema: object = None) -> object: ...
+    def _columns(self) -> list[Tuple[str, str, str, bool]]: ...
+
 def diagnose(buffer: Buffer, *, sub_do: bool = False, references: bool = True, limit: int = 10000) -> list[Finding]:
     """Return the findings of a record of either kind, in either order, errors first.
 
@@ -381,6 +409,20 @@ def records(buffer: Buffer, *, sub_do: bool = False, on_error: OnError = "raise"
 
     on_error: 'raise' raises Error for a bad record, 'skip' skips it, a function is called with the Error.
     The iteration continues after a bad record if its size is known, and otherwise ends.
+    """
+def read_segments(
+    source: Source, *, on_error: Literal["raise", "skip"] = "raise", sub_do: bool = False
+) -> Table:
+    """Return a Table with a row for each segment of the DO records in a buffer, a file or several of them.
+
+    on_error: 'raise' or 'skip' bad records.
+    """
+def read_records(
+    source: Source, *, on_error: Literal["raise", "skip"] = "raise", sub_do: bool = False
+) -> Table:
+    """Return a Table with a row for each record of both kinds in a buffer, a file or several of them.
+
+    on_error: 'raise' or 'skip' bad records.
     """
 def _reference_text(reference: Tuple[int, int]) -> str: ...
 def _parse_reference(text: str) -> Reference: ...
