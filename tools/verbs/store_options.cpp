@@ -60,10 +60,11 @@ void PrintFaults(Output& out, StoreScan& scan) {
 
 void PrintJsonTotal(Output& out, StoreScan& scan, std::string const& members) {
     StoreTotals const& totals = scan.Totals();
-    out.Print(R"({},"total":{{{},"conflicts":{},"bad_records":{},"skipped_bytes":{},"unread_bytes":{},"complete":{}}}}})"
-              "\n",
-              JsonStart(), members, Decimal{scan.Containers().Conflicts()}, Decimal{totals.bad},
-              Decimal{totals.gaps.skipped}, JsonNumber(totals.gaps.unread), totals.isComplete);
+    out.Print(
+        R"({},"total":{{{},"conflicts":{},"bad_records":{},"skipped_bytes":{},"unread_bytes":{},"complete":{}}}}})"
+        "\n",
+        JsonStart(), members, Decimal{scan.Containers().Conflicts()}, Decimal{totals.bad}, Decimal{totals.gaps.skipped},
+        JsonNumber(totals.gaps.unread), totals.isComplete);
 }
 
 } // namespace crrecord::tool
