@@ -94,15 +94,15 @@ def sources():
     data = bytearray(changed.read_bytes())
     data[10000] ^= 1
     changed.write_bytes(data)
-    told = lines_of(run("verify", "--names", "all.idx", "all.do", "--json", status=1).stdout)
-    check([line["name"] for line in told[:-1] if not line["same"]] == [str(changed)], "another file differs")
-    check((told[-1]["different"], told[-1]["files"]) == ("1", str(len(files))), told[-1])
+    printed = lines_of(run("verify", "--names", "all.idx", "all.do", "--json", status=1).stdout)
+    check([line["name"] for line in printed[:-1] if not line["same"]] == [str(changed)], "another file differs")
+    check((printed[-1]["different"], printed[-1]["files"]) == ("1", str(len(files))), printed[-1])
     more = json.loads(run("build", "-r", "tree", "-o", "more.do", "--names", "more.idx", "--segments-out", "more.seg",
                           "--known", "all.seg", *options).stdout)
     conform("buildFilesLine", [first, again, more])
     conform("nameLine", lines_of(pathlib.Path("more.idx").read_bytes())[-9:])
-    conform("verifyLine", [line for line in told[:-1] if not line["same"]] + told[:1])
-    conform("verifyTotalLine", told[-1:])
+    conform("verifyLine", [line for line in printed[:-1] if not line["same"]] + printed[:1])
+    conform("verifyTotalLine", printed[-1:])
     check(more["new_segments"] == "1" and int(more["first_container"]) == int(first["last_container"]) + 1, more)
     check(lines_of(run("live", "--json", "more.do", "all.seg", "more.seg").stdout)[-1]["total"]["missing_segments"] == "0",
           "a segment is missing")

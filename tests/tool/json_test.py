@@ -59,14 +59,14 @@ def schema():
     seen = set()
     for arguments in [(path,) for path in sorted(GOLDEN.glob("*.host")) + sorted(GOLDEN.glob("*.network"))] + forms:
         shown = lines_of("show", "--json", "--show-keys", *arguments)
-        told = lines_of("validate", "--json", *arguments)
+        printed = lines_of("validate", "--json", *arguments)
         converted = run("convert", *arguments, "--to", "json", "-o", "-").stdout
         if run("convert", "-", "--to", "json", "-o", "-", given=converted).stdout != converted:
             failures.append(f"{arguments}: JSON of JSON is different")
         pairs = [(record, shown + lines_of("show", "--json", *arguments)),
                  (record, [json.loads(line) for line in converted.splitlines()]),
-                 (findings, told[:-1] + lines_of("validate", "--json", *arguments[:-1], __file__)[:-1]),
-                 (of("validateLine"), told[-1:]),
+                 (findings, printed[:-1] + lines_of("validate", "--json", *arguments[:-1], __file__)[:-1]),
+                 (of("validateLine"), printed[-1:]),
                  (of("digestLine"), lines_of("digest", "--json", *arguments)),
                  (of("annotateLine"), lines_of("annotate", "--json", *arguments[:-1], __file__, arguments[-1]))]
         if shown[0]["kind"] == "do":
@@ -78,7 +78,7 @@ def schema():
                       for error in (of("gapLine") if is_gap(line) else validator).iter_errors(line))
             failures.extend(f"{arguments}: {error.message}" for error in errors)
         kind = (shown[0]["kind"], shown[0].get("dotype"))
-        for validator, line in ((record, shown[0]), (findings, told[0])) if kind not in seen else ():
+        for validator, line in ((record, shown[0]), (findings, printed[0])) if kind not in seen else ():
             failures.extend(f"{arguments}: valid {fault}" for fault, worse in spoiled(line)
                             if validator.is_valid(worse))
         seen.add(kind)

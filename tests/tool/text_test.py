@@ -142,9 +142,9 @@ def names():
         ways = [["--", name], ["--", "good", name], ["good", "--", name]]
         for way in ways + ([] if name[0] == "-" else [[name], [name, "good"]]):
             done = run("validate", "--json", *way)
-            told = {line["file"]: line["valid"] for line in map(json.loads, done.stdout.splitlines()[:-1])}
+            printed = {line["file"]: line["valid"] for line in map(json.loads, done.stdout.splitlines()[:-1])}
             expected = {name if "--" in way else shown: False} | ({"good": True} if "good" in way else {})
-            check(done.returncode == 1 and told == expected, way, told, done.stderr)
+            check(done.returncode == 1 and printed == expected, way, printed, done.stderr)
         for arguments in (["convert", "good", "--to", "host"], ["redact", "good", "a"], ["map", "good"],
                           ["refs", "good", "--add", "task:1"], ["annotate", "--reverse", "text"], ["build", "good"]):
             os.unlink(name)
@@ -192,10 +192,10 @@ def put(name, at, content):
 
 def differences(record, name):
     done = run("verify", "--json", record, name, timeout=40, preexec_fn=limit_memory)
-    told = json.loads(done.stdout)
-    check(told["size"] == str(os.stat(name).st_size), record, name, told)
-    check(told["same"] == (done.returncode == 0), record, name, done)
-    return [] if told["same"] else told["differences"] or [told["expected_size"]]
+    printed = json.loads(done.stdout)
+    check(printed["size"] == str(os.stat(name).st_size), record, name, printed)
+    check(printed["same"] == (done.returncode == 0), record, name, done)
+    return [] if printed["same"] else printed["differences"] or [printed["expected_size"]]
 
 
 def sparse():
