@@ -91,6 +91,14 @@ inline Order OrderOf(_SegmentDBRecord const* record) noexcept {
     return ByteSwapped(record->type) == CR_SO_RECORD_TYPE ? Order::Network : Order::Host;
 }
 
+// Copies the fixed part of a record whose memory may change. Later changes do not affect the copy.
+inline _SegmentDBRecord ReadHeader(void const* record) noexcept {
+    _SegmentDBRecord header;
+    std::memcpy(&header, record, sizeof header);
+    CRR_READ_ONCE();
+    return header;
+}
+
 inline unsigned char* BytesOf(_SegmentDBRecord* record) noexcept {
     return reinterpret_cast<unsigned char*>(record);
 }
