@@ -105,7 +105,7 @@ void AddReferences(Row& row, DORecordView const& record) {
     RecordLayout const layout = LayoutOf(record);
     unsigned char const* const bytes = crrecord::BytesOf(record.GetHeader());
     for (std::uint64_t i = 0; i < record.GetLegacyTaskIDs(); ++i) {
-        row[kTasks].AddElement(Load<std::uint64_t>(bytes + layout.taskIds + i * kLegacyTaskIdSize, Order::Host));
+        row[kTasks].AddElement(Load<std::uint64_t>(bytes + layout.taskids + i * kLegacyTaskIdSize, Order::Host));
     }
     for (std::uint64_t i = 0; i < record.GetLegacyDSIDs(); ++i) {
         row[kDsids].AddElement(Load<std::uint32_t>(bytes + layout.dsids + i * kLegacyDsidSize, Order::Host));
