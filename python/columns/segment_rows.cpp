@@ -9,14 +9,7 @@ namespace crrecord::python::columns {
 
 namespace {
 
-enum SegmentColumn { kRecord, kSegment, kFPType, kFingerprint, kSize, kOffset, kDcid, kColumns };
-
 constexpr unsigned int kFingerprintWidth = 32;
-constexpr ColumnType kTypes[] = {{"record", Content::Number, 8},     {"segment", Content::Number, 4},
-                                 {"fptype", Content::Number, 1},     {"fingerprint", Content::Bytes, kFingerprintWidth},
-                                 {"size", Content::Number, 8, true}, {"offset", Content::Number, 8, true},
-                                 {"dcid", Content::Number, 8}};
-static_assert(std::size(kTypes) == kColumns);
 
 // Writes `count` numbers to consecutive places without alignment.
 template <class Value, class Read>
@@ -86,6 +79,15 @@ private:
         }
         std::memcpy(add(kDcid), source_.dcids + std::size_t{first} * 8, std::size_t{rows} * 8);
     }
+
+    enum SegmentColumn { kRecord, kSegment, kFPType, kFingerprint, kSize, kOffset, kDcid, kColumns };
+
+    static constexpr ColumnType kTypes[] = {
+        {"record", Content::Number, 8},     {"segment", Content::Number, 4},
+        {"fptype", Content::Number, 1},     {"fingerprint", Content::Bytes, kFingerprintWidth},
+        {"size", Content::Number, 8, true}, {"offset", Content::Number, 8, true},
+        {"dcid", Content::Number, 8}};
+    static_assert(std::size(kTypes) == kColumns);
 
     // The record whose segments are being added, from next_ on.
     DOSegmentSource source_{};
