@@ -37,8 +37,7 @@ struct Operation {
     char const* reference;
     Comparison (*prepare)(Shape shape, unsigned int n);
     double inCache;  // n = 1,000
-    double resident; // n = many, blocks are reused
-    double fresh;    // n = many, each large block is a new mapping
+    double inMemory; // n = many
     Shape shape = kMainShape;
     unsigned int many = 1'000'000;
 };

@@ -2,10 +2,9 @@
 //
 //   paired [--quick] [--only TEXT] [--json FILE]
 //
-// Each row runs in a separate process. The process sets up its allocator first: either all blocks come from one heap
-// that never shrinks, or each large block is a new mapping. The ratio of a row is the median of the ratios of its
-// rounds. A round is some runs of one side, then some of the other. For a record in memory it is one run of each, so
-// that each finds the data of the other in the caches.
+// Each row runs in a separate process, whose blocks all come from one heap that never shrinks. The ratio of a row is
+// the median of the ratios of its rounds. A round is some runs of one side, then some of the other. For a record in
+// memory it is one run of each, so that each finds the data of the other in the caches.
 
 #include "operation.h"
 
@@ -51,16 +50,12 @@ struct Result {
     char complaint[128];
 };
 
-void SetUpAllocator(bool fresh) {
-    static constexpr int kLargeBlock = 64 * 1024;
-    if (fresh) {
-        mallopt(M_MMAP_THRESHOLD, kLargeBlock);
-    } else {
-        // M_MMAP_THRESHOLD has an upper limit, which the buffers of a million segments exceed.
-        mallopt(M_MMAP_MAX, 0);
-        mallopt(M_TRIM_THRESHOLD, INT_MAX);
-        mallopt(M_TOP_PAD, 1 << 30);
-    }
+// All blocks come from one heap that never shrinks.
+void SetUpAllocator() {
+    // M_MMAP_THRESHOLD has an upper limit, which the buffers of a million segments exceed.
+    mallopt(M_MMAP_MAX, 0);
+    mallopt(M_TRIM_THRESHOLD, INT_MAX);
+    mallopt(M_TOP_PAD, 1 << 30);
 }
 
 double Seconds(clockid_t clock) {
@@ -143,14 +138,14 @@ void Measure(Operation const& operation, unsigned int n, Plan const& plan, Resul
     result.good = true;
 }
 
-Result MeasureInChild(Operation const& operation, unsigned int n, bool fresh, Plan const& plan) {
+Result MeasureInChild(Operation const& operation, unsigned int n, Plan const& plan) {
     void* const shared = mmap(nullptr, sizeof(Result), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     Require(shared != MAP_FAILED, "no memory");
     auto* const result = new (shared) Result{};
     std::strcpy(result->complaint, "it ended early");
     pid_t const child = fork();
     if (child == 0) {
-        SetUpAllocator(fresh);
+        SetUpAllocator();
         try {
             Measure(operation, n, plan, *result);
         } catch (Skipped const& caught) {
@@ -170,19 +165,18 @@ Result MeasureInChild(Operation const& operation, unsigned int n, bool fresh, Pl
 class Table {
 public:
     explicit Table(Plan const& plan) : plan_(plan) {
-        std::printf("%-33s  %-33s %9s  %-8s %9s %9s %7s %7s %10s\n", "operation", "reference", "segments", "state",
-                    "ours", "ref.", "ratio", "target", "faults/op");
-        std::printf("%97s %9s   (ns a segment)\n", "", "");
+        std::printf("%-33s  %-33s %9s %9s %9s %7s %7s %10s\n", "operation", "reference", "segments", "ours", "ref.",
+                    "ratio", "target", "faults/op");
+        std::printf("%87s %9s   (ns a segment)\n", "", "");
     }
 
-    void Add(Operation const& operation, unsigned int n, bool fresh, double target) {
+    void Add(Operation const& operation, unsigned int n, double target) {
         if (target == kNotMeasured || !std::strstr(operation.name, plan_.only)) {
             return;
         }
-        char const* const state = fresh ? "fresh" : "resident";
-        std::printf("%-33s  %-33s %9u  %-8s ", operation.name, operation.reference, n, state);
+        std::printf("%-33s  %-33s %9u ", operation.name, operation.reference, n);
         std::fflush(stdout);
-        Result const result = MeasureInChild(operation, n, fresh, plan_);
+        Result const result = MeasureInChild(operation, n, plan_);
         if (result.skipped) {
             std::printf("skipped: %s\n", result.complaint);
             return;
@@ -200,7 +194,7 @@ public:
         std::printf(" %10.1f%s\n", result.faults, missed ? "  MISSED" : "");
         json_.push_back({{"operation", operation.name},
                          {"segments", n},
-                         {"state", state},
+                         {"state", "resident"},
                          {"reference", operation.reference},
                          {"ratio", result.ratio},
                          {"target", target == kNoTarget ? nlohmann::json() : nlohmann::json(target)},
@@ -247,9 +241,8 @@ int main(int argc, char** argv) {
     }
     bench::Table table(plan);
     for (bench::Operation const& operation : bench::Operations()) {
-        table.Add(operation, 1'000, false, operation.inCache);
-        table.Add(operation, operation.many, false, operation.resident);
-        table.Add(operation, operation.many, true, operation.fresh);
+        table.Add(operation, 1'000, operation.inCache);
+        table.Add(operation, operation.many, operation.inMemory);
     }
     return table.Finish();
 }

@@ -67,7 +67,7 @@ Comparison SerializeProtobuf(Shape shape, unsigned int n) {
 
 Comparison ParseProtobuf(Shape shape, unsigned int n) {
     auto const input = std::make_shared<Input const>(shape, n);
-    return {OurParse(input, 0), PeerParse(*input, Encoded(*input), ParseAndFill)};
+    return {OurParse(input), PeerParse(*input, Encoded(*input), ParseAndFill)};
 }
 
 } // namespace bench

@@ -54,11 +54,6 @@ Comparison SerializeAgainstFill(Shape shape, unsigned int n, bool withChecksum) 
             }}};
 }
 
-Comparison ParseAgainstCopy(Shape shape, unsigned int n, unsigned int options) {
-    auto const input = MakeInput(shape, n);
-    return {OurParse(input, options), CopyInto(SharedBytes(*input->MakeRecord()))};
-}
-
 } // namespace
 
 Side OurSerialize(InputPtr const& input, bool withChecksum) {
@@ -73,11 +68,10 @@ Side OurSerialize(InputPtr const& input, bool withChecksum) {
     }};
 }
 
-Side OurParse(InputPtr const& input, unsigned int options) {
+Side OurParse(InputPtr const& input) {
     auto const form = std::make_shared<std::vector<unsigned char>>(FormOf(*input->MakeRecord(), true));
-    return {[form, options, shape = input->shape] {
-        Require(DORecordSerializedValidate(form->data(), form->size(), shape.dotype, shape.fptype, options) ==
-                    CR_STATUS_OK,
+    return {[form, shape = input->shape] {
+        Require(DORecordSerializedValidate(form->data(), form->size(), shape.dotype, shape.fptype, 0) == CR_STATUS_OK,
                 "the form is invalid");
         DORecord record(shape.dotype, shape.fptype, nullptr, 0, form->data(), form->size(), false);
         benchmark::DoNotOptimize(&record);
@@ -102,11 +96,8 @@ Comparison SerializeWithoutChecksum(Shape shape, unsigned int n) {
 }
 
 Comparison Parse(Shape shape, unsigned int n) {
-    return ParseAgainstCopy(shape, n, 0);
-}
-
-Comparison ParseWithChecksum(Shape shape, unsigned int n) {
-    return ParseAgainstCopy(shape, n, CR_DO_FORM_CHECKSUM);
+    auto const input = MakeInput(shape, n);
+    return {OurParse(input), CopyInto(SharedBytes(*input->MakeRecord()))};
 }
 
 Comparison Build(Shape shape, unsigned int n) {

@@ -2,8 +2,6 @@
 
 #include "sides.h"
 
-#include <absl/container/btree_map.h>
-#include <absl/container/btree_set.h>
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -168,18 +166,6 @@ Comparison AddTaskIds(Shape shape, unsigned int n) {
 
 Comparison LookUpTaskIds(Shape shape, unsigned int n) {
     return LookUpAgainst<std::set<std::uint64_t>>(shape, n);
-}
-
-Comparison UniqueListAtRandomBTree(Shape shape, unsigned int n) {
-    return UniqueListAgainst<absl::btree_map<std::uint64_t, std::uint64_t>>(shape, n);
-}
-
-Comparison AddTaskIdsBTree(Shape shape, unsigned int n) {
-    return AddAgainst<absl::btree_set<std::uint64_t>>(shape, n);
-}
-
-Comparison LookUpTaskIdsBTree(Shape shape, unsigned int n) {
-    return LookUpAgainst<absl::btree_set<std::uint64_t>>(shape, n);
 }
 
 Comparison AddSerialized(Shape shape, unsigned int n) {

@@ -11,7 +11,6 @@ namespace bench {
 Comparison Serialize(Shape shape, unsigned int n);
 Comparison SerializeWithoutChecksum(Shape shape, unsigned int n);
 Comparison Parse(Shape shape, unsigned int n);
-Comparison ParseWithChecksum(Shape shape, unsigned int n);
 Comparison Build(Shape shape, unsigned int n);
 Comparison Wrap(Shape shape, unsigned int n);
 Comparison FromBuffer(Shape shape, unsigned int n);
@@ -30,18 +29,13 @@ Comparison Digest(Shape shape, unsigned int n);
 
 Comparison UniqueListOfRuns(Shape shape, unsigned int n);
 Comparison UniqueListAtRandom(Shape shape, unsigned int n);
-Comparison UniqueListAtRandomBTree(Shape shape, unsigned int n);
 
 Comparison AddTaskIds(Shape shape, unsigned int n);
-Comparison AddTaskIdsBTree(Shape shape, unsigned int n);
 Comparison AddSerialized(Shape shape, unsigned int n);
 Comparison LookUpTaskIds(Shape shape, unsigned int n);
-Comparison LookUpTaskIdsBTree(Shape shape, unsigned int n);
 Comparison HeaderWithReferences(Shape shape, unsigned int n);
 
 // Comparisons with peers: other formats that encode or parse the same object of kMainShape.
-Comparison SerializeFlatBuffers(Shape shape, unsigned int n);
-Comparison SerializeFlatBuffersVector(Shape shape, unsigned int n);
 Comparison SerializeCapnProto(Shape shape, unsigned int n);
 Comparison SerializeProtobuf(Shape shape, unsigned int n);
 Comparison ParseFlatBuffers(Shape shape, unsigned int n);
@@ -63,7 +57,7 @@ long RunCommand(std::vector<std::string> const& arguments);
 
 // Single sides, also for the growth plot.
 Side OurSerialize(InputPtr const& input, bool withChecksum);
-Side OurParse(InputPtr const& input, unsigned int options);
+Side OurParse(InputPtr const& input);
 Side OurUniqueList(InputPtr const& input);
 Side CopyInto(std::shared_ptr<std::vector<unsigned char>> const& source);
 

@@ -9,6 +9,7 @@
 #include <crrecord/DORecordView.h>
 #include <crrecord/SORecord.h>
 #include <crrecord/probe.h>
+#include <crrecord/reader.h>
 
 #include <gtest/gtest.h>
 
@@ -121,6 +122,26 @@ void Copy(unsigned char const* bytes, unsigned long size) {
     EXPECT_EQ(DORecord::ValidateHeader(record->GetHeader(), record->GetHeaderSize(), 0), CR_STATUS_OK);
 }
 
+void Read(unsigned char const* bytes, unsigned long size) {
+    crr_do record;
+    crr_fault fault;
+    static unsigned long volatile kept = 0;
+    if (crr_do_open(&record, bytes, size, bytes[0] == 3 ? 0 : CRR_NETWORK_ORDER, &fault) != CRR_OK) {
+        return;
+    }
+    for (std::uint32_t i = 0; i <= record.layout.segments; ++i) { // an index after the last gives zeros
+        crr_segment const segment = crr_do_segment(&record, i);
+        kept = kept + segment.offset + (segment.fingerprint ? segment.fingerprint[15] : 0);
+    }
+    for (std::uint32_t i = 0; i <= record.header.nudcid; ++i) {
+        kept = kept + crr_do_unique_dcid(&record, i).bytes;
+    }
+    crr_reference reference;
+    for (std::uint64_t at = 0; crr_do_next_reference(&record, &at, &reference) != 0;) {
+        kept = kept + reference.id;
+    }
+}
+
 void View(unsigned char const* record, unsigned long size) {
     DORecordView const view(record, size);
     unsigned long sum = 0;
@@ -160,6 +181,7 @@ TEST(ChangingMemory, DORecordLoadsStayInside) {
         }
         ExpectInside(Copy, bytes, changes);
         ExpectInside(View, bytes, changes);
+        ExpectInside(Read, bytes, changes);
         ExpectInside(Diagnose, bytes, {changes.end() - 4, changes.end()}); // its notes load each byte of the tail
         ExpectInside([](auto* record, auto size) { CRRecordProbe(record, size); }, bytes, changes);
     }
@@ -169,6 +191,17 @@ void DiagnoseSegmentRecord(unsigned char const* record, unsigned long size) {
     SegmentRecordDiagnose(record, size, record[0] == 0 ? CR_SO_NETWORK_ORDER : 0, IgnoreFinding, nullptr);
 }
 
+void ReadSegmentRecord(unsigned char const* bytes, unsigned long size) {
+    crr_so record;
+    crr_fault fault;
+    if (crr_so_open(&record, bytes, size, bytes[0] == 0 ? CRR_NETWORK_ORDER : 0, &fault) == CRR_OK) {
+        crr_so_taskid(&record, 0);
+        crr_so_taskid(&record, record.header.ntaskids);
+        unsigned char const* const last = crr_so_fingerprint(&record, record.header.nfp - 1);
+        EXPECT_TRUE(!last || last[record.width - 1] <= 255);
+    }
+}
+
 void CopySegmentRecord(unsigned char const* bytes, unsigned long size) {
     auto const record = SORecord::FromBuffer(bytes, size);
     EXPECT_EQ(SegmentRecordValidate(record->GetHeader(), record->GetHeaderSize(), 0), CR_STATUS_OK);
@@ -176,7 +209,7 @@ void CopySegmentRecord(unsigned char const* bytes, unsigned long size) {
 
 TEST(ChangingMemory, SegmentRecordLoadsStayInside) {
     for (Shape const shape : kShapes) {
-        for (Use const use : {DiagnoseSegmentRecord, CopySegmentRecord}) {
+        for (Use const use : {DiagnoseSegmentRecord, CopySegmentRecord, ReadSegmentRecord}) {
             ExpectInside(
                 use, Golden(shape),
                 {{{1, 9}}, {{4, 255}, {12, 255}, {60, 255}}, {{7, 255}, {15, 255}, {63, 255}}, {{89, 3}}, {{89, 9}}});

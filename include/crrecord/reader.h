@@ -8,8 +8,8 @@
 //     if (crr_do_open(&record, bytes, size, 0, &fault) != CRR_OK) { ... fault.code at fault.offset ... }
 //     for (uint32_t i = 0; i < record.layout.segments; ++i) { crr_segment segment = crr_do_segment(&record, i); ... }
 //
-// crr_do_open and crr_so_open take any bytes, and read nothing else. Each count, size and type is read once, before it
-// is used. The other functions read from an opened record; an index after the last gives zeros. Memory that changes
+// crr_do_open and crr_so_open take any bytes, and read nothing else. Each count, size and type that decides what is
+// read is read once, before it is used. The other functions read from an opened record; an index after the last gives zeros. Memory that changes
 // after the record was opened can change values, but no function then reads outside of the record.
 //
 // The comments that start with /*@ are contracts in ACSL. `make proof` proves them: each function reads only the bytes
@@ -24,6 +24,7 @@
 #include <stdint.h>
 
 // Byte order of the machine that built the records: it has the fields that a conversion keeps. By default this machine.
+// In C++ all sources of a program must have the same value.
 #ifndef CRR_BIG_ENDIAN
 #define CRR_BIG_ENDIAN (__BYTE_ORDER__ == __ORDER_BIG_ENDIAN__)
 #endif
@@ -334,7 +335,7 @@ CRR_INLINE crr_fault crr_references_fault(unsigned char const* bytes, uint64_t f
         if (taken == 0) {
             fault.code = CR_FINDING_DO_REFERENCE;
             fault.offset = from;
-            fault.found = bytes[from];
+            fault.found = bytes[from]; // read again: if memory changes, another value
             return fault;
         }
         from += taken;

@@ -190,6 +190,13 @@ TEST_F(Tool, ExtractsRecordsUnchanged) {
     EXPECT_EQ(Lines().at(0)["records"], "5");
     ASSERT_EQ(Shell("seq 199 -2 1 | \"$T\" extract --records-from - in -o out"), 0);
     EXPECT_EQ(Read("out"), odd);
+    EXPECT_EQ(Shell("echo 0 | \"$T\" extract --records-from - in -o out"), 2) << err;
+    // The records before a number that the file does not have are written.
+    EXPECT_EQ(
+        Shell("n=$(\"$T\" extract in -o - | wc -c) && m=$(\"$T\" extract --records 1:200,9000 in -o - | wc -c) && "
+              "[ \"$n\" = \"$m\" ]"),
+        0)
+        << err;
     ASSERT_EQ(Shell("\"$T\" extract --records-from /dev/null in -o out"), 0);
     EXPECT_EQ(Read("out"), Bytes());
     ASSERT_EQ(Run("extract --sample 50% in -o half; \"$T\" extract --sample 50% in -o again; cmp half again"), 0);

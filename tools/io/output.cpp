@@ -106,6 +106,12 @@ int OutputFile::Open(std::vector<std::string> const* inputs) {
 }
 
 OutputFile::~OutputFile() {
+    if (!replacement_ && file_ != -1) {
+        try {
+            output_.Flush();       // the records before a failure
+        } catch (Failure const&) { // the first failure is reported
+        }
+    }
     if (!replacement_ && file_ != STDOUT_FILENO && file_ != -1) {
         ::close(file_);
     }

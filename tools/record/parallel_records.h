@@ -51,7 +51,7 @@ template <class Part>
 class ParallelRecords {
 public:
     static constexpr std::size_t kBatch = 128UL * 1024;
-    static constexpr std::size_t kLargest = 1024UL * 1024; // a record in a batch
+    static constexpr std::size_t kLargest = kBatch; // a record in a batch
 
     struct Steps {
         // Returns: a new part of the verb's output.

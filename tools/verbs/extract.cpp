@@ -53,6 +53,9 @@ public:
     explicit Selection(ExtractOptions const& options) : share_(options.sample) {
         if (!options.recordsFrom.empty()) {
             for (std::uint64_t const number : ReadNumbers(options.recordsFrom, "the number of a record")) {
+                if (number == 0) {
+                    throw Failure(options.recordsFrom + ": found 0, expected the number of a record, counted from 1");
+                }
                 ranges_.push_back({number, number});
             }
         } else {

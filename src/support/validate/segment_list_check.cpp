@@ -125,6 +125,12 @@ SegmentFault SegmentListCheck::Fault(std::uint64_t entries, std::uint64_t object
                                 .sub_do = subDO_,
                                 .at_size = objectSize};
     SegmentFault fault(crr_segments_fault(&segments), 0);
+    if (fault.code == 0) { // the memory has changed: the values that were found broke a rule
+        bool const isSum = list_.check == ListCheck::Sum;
+        return {crr_fault_of(isSum ? CR_FINDING_SEGMENT_SUM : CR_FINDING_SEGMENT_END, objectSize, list_.objectSize,
+                             isSum ? sum_ : end_),
+                0};
+    }
     bool const ofSegment = fault.code == CR_FINDING_SEGMENT_SIZE || fault.code == CR_FINDING_SEGMENT_OFFSET ||
                            fault.code == CR_FINDING_SEGMENT_OVERLAP;
     if (ofSegment) {
