@@ -39,7 +39,7 @@ void Register() {
             auto* const made = benchmark::RegisterBenchmark(
                 name.c_str(), [&operation, ours](benchmark::State& state) { Run(state, operation, ours); });
             for (auto const& [n, target] :
-                 {std::pair{1'000U, operation.inCache}, {operation.many, operation.resident}}) {
+                 {std::pair{1'000U, operation.inCache}, {operation.many, operation.inMemory}}) {
                 if (target != kNotMeasured) {
                     made->Arg(n);
                 }

@@ -23,8 +23,8 @@ void ReadAll(Bytes bytes, bool scans) {
         isAfterGap = !gap.isRest;
         skipped += gap.isRest ? 0 : gap.size.value();
     });
+    checkedBytes = 0;
     if (scans) {
-        checkedBytes = 0;
         stream.ScanWith(CountAndCheck);
     }
     Block seen;
