@@ -8,9 +8,9 @@
 //     if (crr_do_open(&record, bytes, size, 0, &fault) != CRR_OK) { ... fault.code at fault.offset ... }
 //     for (uint32_t i = 0; i < record.layout.segments; ++i) { crr_segment segment = crr_do_segment(&record, i); ... }
 //
-// crr_do_open and crr_so_open take any bytes, and read nothing else. Each count, size and type that decides what is read
-// is read once, before it is used. The other functions read from an opened record; an index after the last gives zeros.
-// Memory that changes after the record was opened can change values, but no function then reads outside of the record.
+// crr_do_open and crr_so_open take any bytes, and read nothing else. Each count, size and type that decides what is
+// read is read once, before it is used. The other functions read from an opened record; an index after the last gives
+// zeros. Memory that changes after the record was opened can change values, but no function then reads outside of it.
 //
 // The comments that start with /*@ are contracts in ACSL. `make proof` proves them: each function reads only the bytes
 // that its contract names, writes only what it names, does not overflow, and ends (docs/trust.md).
