@@ -24,7 +24,7 @@ public:
     using Hash = std::array<unsigned char, 32>;
 
     explicit Pseudonyms(std::span<unsigned char const> secret);
-    // A copy has the same secret. Thread safety: each thread needs an object of its own.
+    // A copy has the same secret. Thread safety: one thread at a time uses an object.
 
     // Returns: 32 random bytes from the system. Throws: Failure if there are none.
     static Hash RandomSecret();
