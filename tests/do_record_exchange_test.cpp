@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/mman.h>
+
 namespace {
 
 using Serializer = cr_status_t (DORecord::*)(void**, unsigned long*, bool) const;
@@ -209,6 +211,20 @@ TEST(DORecordExchange, ReportsEachFault) {
     all[53] ^= 1;
     SumForm(all);
     EXPECT_EQ(DORecordSerializedValidate(all.data(), all.size(), 4, 0, 0), CR_STATUS_OK);
+}
+
+// A bitmap of 4 GiB - 1 after the form's head and the 28 bytes of its list. Only these are read.
+TEST(DORecordExchange, RejectsAFormWhoseRecordIsTooLarge) {
+    constexpr unsigned long kBitmap = 0xffffffff, kSize = 28 + 28 + kBitmap;
+    void* const form = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(form, MAP_FAILED);
+    std::memset(static_cast<char*>(form) + 28, 0xff, 4);
+    std::vector<Finding> findings;
+    auto const first = [](cr_finding_t const* finding, void* context) { return !Collect(finding, context); };
+    EXPECT_EQ(DORecordSerializedDiagnose(form, kSize, CR_DO_TYPE_BLOOM_FILTER, 0, 0, first, &findings),
+              CR_STATUS_CORRUPT_RECORD);
+    ExpectOne(findings, {CR_FINDING_FORM_TOO_LARGE, 0, 20, 96 + 8 + kBitmap, kBitmap, "nfp", ""}, "serialized DO");
+    munmap(form, kSize);
 }
 
 // Segments are read in blocks of 256; the checks continue from each block to the next.
