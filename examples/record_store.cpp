@@ -27,7 +27,7 @@ std::string_view ViewOf(rocksdb::Slice const& slice) {
 }
 
 // RocksDB calls it when it reads a value with changes, and when a compaction finds several changes of one key. It never
-// fails: a failure would make the key, and every compaction that meets it, fail from then on.
+// returns false: reading the key and compacting it would then fail, too.
 class ReferenceMerge final : public rocksdb::MergeOperator {
 public:
     char const* Name() const override { return "crrecord.references.1"; }
@@ -180,12 +180,14 @@ void RecordStore::Read(std::string const& key, StoredRecord& stored) const {
 std::string RecordStore::Get(std::string const& key) const {
     StoredRecord stored;
     Read(key, stored);
-    CheckDecoded(ViewOf(stored.references),
-                 [&](std::string const& fault) { throw std::runtime_error(Printable(key) + ": " + fault); });
+    CheckDecoded(ViewOf(stored.references), [&](std::string const& fault) {
+        throw std::runtime_error(Printable(key).append(": ").append(fault));
+    });
     ReferenceChanges references;
     DecodeChanges(ViewOf(stored.references), references);
     DORecordView const view(stored.record.data(), stored.record.size());
     auto const record = DORecord::FromBuffer(stored.record.data(), stored.record.size());
+    // RocksDB limits a value to less than 4 GiB.
     record->AddSerializedTRefs(references.added.data(), static_cast<unsigned int>(references.added.size()));
     record->GetHeader()->mtime = references.time != 0 ? references.time : view.GetMTime();
     return BytesOf(*record, view.IsInNetworkOrder());
@@ -199,7 +201,12 @@ void RecordStore::Check(Report const& report) const {
     std::unique_ptr<rocksdb::Iterator> const references(database_->NewIterator(options, references_));
     record->SeekToFirst();
     references->SeekToFirst();
-    while (record->Valid() || references->Valid()) {
+    while (true) {
+        Require(record->status(), database_->GetName());
+        Require(references->status(), database_->GetName());
+        if (!record->Valid() && !references->Valid()) {
+            return;
+        }
         int const order = !references->Valid() ? -1 : !record->Valid() ? 1 : record->key().compare(references->key());
         std::string const key = Printable(order <= 0 ? record->key() : references->key());
         auto const reportForKey = [&](std::string const& fault) { report(key + ": " + fault); };
@@ -216,8 +223,6 @@ void RecordStore::Check(Report const& report) const {
             reportForKey("references: found a record only, expected its references");
         }
     }
-    Require(record->status(), database_->GetName());
-    Require(references->status(), database_->GetName());
 }
 
 void RecordStore::Compact() {
