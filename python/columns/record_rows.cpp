@@ -33,6 +33,8 @@ enum RecordColumn {
     kBloomSize,
     kSegments,
     kContainers,
+    kLegacyTaskIds,
+    kLegacyDsids,
     kPathId,
     kFileId,
     kDcid,
@@ -66,6 +68,8 @@ constexpr ColumnType kTypes[] = {
     {"bloom_size", Content::Number, 4, true},
     {"segments", Content::Number, 4, true},
     {"containers", Content::Number, 4, true},
+    {"legacy_task_ids", Content::Number, 4, true},
+    {"legacy_dsids", Content::Number, 4, true},
     {"path_id", Content::Number, 8, true},
     {"file_id", Content::Number, 8, true},
     {"dcid", Content::Number, 8, true},
@@ -120,10 +124,11 @@ void AddReferences(Row& row, DORecordView const& record) {
 }
 
 void AddObject(Row& row, DORecordView const& record) {
-    row.AddNumbers(kFlags, {record.GetFlags(), record.GetHeaderSize(), record.GetCheckTime(), record.GetSize(),
-                            record.GetCrc(), record.GetFPType(), record.GetDCID(), record.GetSsize(), record.GetCTime(),
-                            record.GetMTime(), record.GetDOType(), record.GetTRefsSize(), record.GetBSize(),
-                            record.Segments().size(), record.GetNudcid()});
+    row.AddNumbers(kFlags,
+                   {record.GetFlags(), record.GetHeaderSize(), record.GetCheckTime(), record.GetSize(), record.GetCrc(),
+                    record.GetFPType(), record.GetDCID(), record.GetSsize(), record.GetCTime(), record.GetMTime(),
+                    record.GetDOType(), record.GetTRefsSize(), record.GetBSize(), record.Segments().size(),
+                    record.GetNudcid(), record.GetLegacyTaskIDs(), record.GetLegacyDSIDs()});
     row.AddNulls(kFirstOfSegment, kFirstOfBoth);
     AddReferences(row, record);
 }
