@@ -77,6 +77,7 @@ py::dict ContainerSizesOf(DORecord const& record) {
     py::dict dict;
     for (auto const& [dcid, bytes] : sizes) {
         dict[py::int_(dcid)] = bytes;
+        CheckSignals(static_cast<py::ssize_t>(dict.size()));
     }
     return dict;
 }

@@ -153,6 +153,7 @@ py::list UniqueList(DORecord const& record) {
     py::list list;
     for (DOUniqueDCID const& entry : copies) {
         list.append(py::make_tuple(entry.dcid, entry.bytes));
+        CheckSignals(static_cast<py::ssize_t>(list.size()));
     }
     return list;
 }

@@ -19,6 +19,7 @@ public:
         if (Remaining() == 0) {
             return {};
         }
+        CheckSignals(next_);
         py::ssize_t const i = next_++;
         return sequence_.Read(reversed_ ? sequence_.Count() - 1 - i : i);
     }

@@ -25,6 +25,7 @@ public:
     // Returns: the next record; an empty object at the end.
     py::object Next() {
         while (!ended_ && bytes_.position != bytes_.size) {
+            CheckSignals(); // also for a loop without Python code over good records
             unsigned long const position = bytes_.position;
             try {
                 return read();
@@ -41,7 +42,6 @@ public:
                     onError_(error.value());
                 }
             }
-            CheckSignals();
         }
         return {};
     }

@@ -109,6 +109,7 @@ struct BatchIterator {
     std::shared_ptr<Batch const> Next() {
         try {
             for (;;) {
+                CheckSignals();
                 auto batch = ReleasingGil([this] {
                     std::lock_guard const lock(mutex);
                     return stream.next();
@@ -116,7 +117,6 @@ struct BatchIterator {
                 if (!batch || batch->Rows() != 0) {
                     return batch;
                 }
-                CheckSignals();
             }
         } catch (BadRecord const& bad) {
             py::object const error =
