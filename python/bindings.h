@@ -44,7 +44,7 @@ py::tuple PickleOf(char const* function, Values&&... values) {
     return py::make_tuple(PythonType("restore"), py::make_tuple(function, std::forward<Values>(values)...));
 }
 
-// Returns: repr(object), cut if it is long.
+// Returns: ascii(object), cut if it is long.
 std::string ShortRepr(py::handle object);
 
 // Raises the exception of a pending signal, such as KeyboardInterrupt. For loops that run long without Python code.

@@ -7,6 +7,7 @@ namespace crrecord::python {
 namespace {
 
 // Returns: true for bytes and read-only maps. The object of a read-only memoryview may be writable.
+// Precondition: the buffer of the object is locked.
 bool CannotChange(py::handle object) {
     while (PyMemoryView_Check(object.ptr())) {
         PyObject* const base = PyMemoryView_GET_BASE(object.ptr());
@@ -32,10 +33,12 @@ bool CannotChange(py::handle object) {
 
 } // namespace
 
-PinnedBuffer::PinnedBuffer(py::handle object) : immutable_(CannotChange(object)) {
+// Locks first: a memoryview that was released still has the address of its object, which may be gone.
+PinnedBuffer::PinnedBuffer(py::handle object) : PinnedBuffer() {
     if (PyObject_GetBuffer(object.ptr(), &buffer_, PyBUF_ND | PyBUF_FORMAT) != 0) {
         throw py::error_already_set();
     }
+    immutable_ = CannotChange(object);
 }
 
 unsigned char const* PinnedBuffer::Data() const noexcept {

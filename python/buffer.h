@@ -30,6 +30,8 @@ public:
     bool IsImmutable() const noexcept { return immutable_; }
 
 private:
+    PinnedBuffer() noexcept : buffer_{}, immutable_(false) {} // locks nothing
+
     Py_buffer buffer_;
     bool immutable_;
 };

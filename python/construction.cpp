@@ -56,13 +56,18 @@ py::bytes PackList(py::iterable const& pairs) {
     return BytesOf(list.data(), list.size());
 }
 
-// The library takes the length of the list from its count, so the count must match the buffer.
+py::bytes CopyOf(Slice const& bytes) {
+    return BytesOf(bytes.Data(), bytes.size);
+}
+
+// The library takes the length of the list from its count, so the count must match the buffer. The list is copied,
+// since somebody may change the count of a map after it was checked.
 std::optional<Slice> PinList(py::object const& list) {
     if (list.is_none()) {
         return std::nullopt;
     }
     bool const isComplete = PyObject_CheckBuffer(list.ptr()) && !py::isinstance<Array>(list);
-    Slice bytes = PinWhole(isComplete ? list : PackList(py::iterable(list)));
+    Slice const bytes = PinWhole(isComplete ? CopyOf(PinWhole(list)) : PackList(py::iterable(list)));
     if (bytes.size < kUniqueHeadSize ||
         bytes.size != kUniqueHeadSize +
                           std::uint64_t{kUniqueEntrySize} * Load<std::uint32_t>(bytes.Data() + kUniqueCountOffset)) {

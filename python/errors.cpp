@@ -39,7 +39,12 @@ py::object PythonType(char const* name) {
 
 std::string ShortRepr(py::handle object) {
     constexpr std::size_t kLongest = 100;
-    auto text = py::cast<std::string>(py::repr(object));
+    // In ASCII, so that no character is cut and no surrogate is left, which have no UTF-8.
+    auto const ascii = py::reinterpret_steal<py::object>(PyObject_ASCII(object.ptr()));
+    if (!ascii) {
+        throw py::error_already_set();
+    }
+    auto const text = py::cast<std::string>(ascii);
     return text.size() <= kLongest ? text : text.substr(0, kLongest) + "...";
 }
 

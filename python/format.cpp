@@ -98,6 +98,7 @@ private:
     }
 
     bool add(char code, unsigned long count) {
+        constexpr std::size_t kMostFields = 16; // more than any buffer has that is accepted
         if (std::string_view("?bBcsx").find(code) != std::string_view::npos) {
             bool const joins = !fields_.empty() && fields_.back().isBytes && fields_.back().name.empty();
             if (joins) {
@@ -114,6 +115,9 @@ private:
             if (type.code != code || width == 0) {
                 continue;
             }
+            if (count == 0 || fields_.size() + count > kMostFields) {
+                return false;
+            }
             if (order_ == '@') {
                 position_ = (position_ + width - 1) / width * width;
             }
@@ -122,7 +126,7 @@ private:
             for (unsigned long i = 0; i < count; ++i, position_ += width) {
                 fields_.push_back({false, position_, width, type.isUnsigned, isNetworkOrder, ""});
             }
-            return count != 0;
+            return true;
         }
         return false;
     }

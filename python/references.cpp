@@ -85,20 +85,19 @@ py::object ReferenceOf(int kind, unsigned long id) {
 
 ReferenceValue ParseReference(py::handle object) {
     ReferenceValue value;
-    if (py::isinstance<py::str>(object)) {
-        auto const text = py::cast<std::string>(object);
-        unsigned long consumed = 0;
-        value.reset(CRTRefNewDeserialize(text.data(), text.size(), CR_TREF_TEXT, &consumed));
-        if (consumed != text.size()) {
-            value.reset();
-        }
-    } else if (py::isinstance<py::tuple>(object) && py::len(object) == 2) {
-        try {
+    try {
+        if (py::isinstance<py::str>(object)) {
+            auto const text = py::cast<std::string>(object);
+            unsigned long consumed = 0;
+            value.reset(CRTRefNewDeserialize(text.data(), text.size(), CR_TREF_TEXT, &consumed));
+            if (consumed != text.size()) {
+                value.reset();
+            }
+        } else if (py::isinstance<py::tuple>(object) && py::len(object) == 2) {
             auto const [kind, id] = py::cast<std::pair<int, unsigned long>>(object);
             value.reset(CRTRefNew(static_cast<cr_reftype_t>(kind), id));
-        } catch (py::cast_error const&) {
-            RaiseNoReference(object);
         }
+    } catch (py::cast_error const&) { // numbers that do not fit, or a text with a surrogate
     }
     if (!value) {
         RaiseNoReference(object);

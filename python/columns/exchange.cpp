@@ -9,9 +9,13 @@ namespace crrecord::python::columns {
 
 namespace {
 
-// Releases the children of a structure that the receiver has not moved, and the structure with its owner.
+// Releases the children of a structure that the receiver has not moved, and the structure with its owner; nothing if it
+// is released.
 template <class Owner, class Structure>
 void Release(Structure* structure) noexcept {
+    if (!structure->release) {
+        return;
+    }
     for (std::int64_t i = 0; i < structure->childCount; ++i) {
         if (structure->children[i]->release) {
             structure->children[i]->release(structure->children[i]);
@@ -180,8 +184,9 @@ void ExportStream(BatchStream stream, arrow::Stream& exported) {
         return StateOf(self).error.empty() ? nullptr : StateOf(self).error.c_str();
     };
     exported.release = [](arrow::Stream* self) {
-        delete &StateOf(self);
-        self->release = nullptr;
+        if (std::exchange(self->release, nullptr)) {
+            delete &StateOf(self);
+        }
     };
     exported.owner = owner.release();
 }

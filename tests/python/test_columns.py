@@ -117,8 +117,9 @@ class Columns(unittest.TestCase):
                 self.assertEqual({row[name] for name in {*other.values()} - {*header.values()}}, {None})
                 if is_object:
                     ids = [i.split(":") for i in said["legacy_references"] + said["references"]]
-                    self.assertEqual((row["segments"], row["containers"], row["key"]),
-                                     (len(said["segments"]), len(said["containers"]), None))
+                    legacy = [text.split(":")[0] for text in said["legacy_references"]]
+                    self.assertEqual([row[name] for name in ("segments", "containers", "legacy_task_ids", "legacy_dsids", "key")],
+                                     [len(said["segments"]), len(said["containers"]), legacy.count("task"), legacy.count("dsid"), None])
                 else:
                     ids = [("task", i) for i in said["taskids"]]
                     self.assertEqual((row["key"].hex(), row["fingerprints"]), (said["key"], len(said["fingerprints"])))
@@ -227,7 +228,9 @@ class Columns(unittest.TestCase):
         root.let_go()
         del array
         self.assertEqual(decoded(column, kept), list(range(len(ORDERED))))
-        kept.let_go()
+        release = RELEASE(kept.release)
+        for _ in range(2):
+            release(ctypes.byref(kept))
         capsules = [table.__arrow_c_stream__(), table.__arrow_c_schema__()]  # nobody takes what they have
         del capsules
         self.assertRaises(BufferError, data.append, 0)

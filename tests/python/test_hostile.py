@@ -1,6 +1,8 @@
 """What crashed, hung or stored garbage: each stays refused, or is inert."""
 import array
 import os
+import resource
+import struct
 import subprocess
 import sys
 import tempfile
@@ -8,6 +10,7 @@ import threading
 import time
 import mmap
 import unittest
+import zlib
 
 import crrecord
 from crrecord import DORecord, Error, SegmentView, SORecord, View
@@ -46,6 +49,7 @@ class Hostile(unittest.TestCase):
             import numpy
         except ImportError:
             self.skipTest("NumPy is not installed")
+        used = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
         fields = [("f", "u1", 16), ("s", "<u4"), ("o", "<u8")]
         for dtype, good in ((fields, True), ([("fingerprint", "S16"), *fields[1:]], True), ("V28", True),
                             ([("offset", "u1", 16), *fields[1:]], False), ([fields[0], ("s", ">u4"), fields[2]], False),
@@ -57,12 +61,19 @@ class Hostile(unittest.TestCase):
                     self.assertEqual(len(build(entries, numpy.array([64], "u8")).segments), 1)
                 else:
                     self.assertRaises(ValueError, build, entries, numpy.array([64], "u8"))
-        for dtype in (">u8", "f8", "i8"):
-            self.assertRaises(ValueError, build, ENTRY, numpy.array([64], dtype))
+        for dtype in (">u8", "f8", "i8", ",".join(["(1048576,)u4"] * 9)):  # the last one has nine million numbers
+            self.assertRaises(ValueError, build, ENTRY, numpy.zeros(1 if "," not in dtype else 0, dtype))
+        self.assertLess(resource.getrusage(resource.RUSAGE_SELF).ru_maxrss - used, 200 << 10)
+
+    @staticmethod
+    def view_with_list(listed):
+        return View(bytes(DORecord.from_bloom(b"1", cid=64, size=1, fptype=0, unique_list=listed)))
 
     def test_map_that_another_thread_writes(self):
-        files = [stored(name, "network")[0] for name in ("do3-md5-gaps", "so-path")]
-        for data, make, fields in zip(files, (View, SegmentView), (range(0x2c, 0x50), range(0, 0x60))):
+        listed = struct.pack("<IQQ", 1, 64, 1)
+        for data, make, fields in ((stored("do3-md5-gaps", "network")[0], View, range(0x2c, 0x50)),
+                                   (stored("so-path", "network")[0], SegmentView, range(0, 0x60)),
+                                   (struct.pack("<I", zlib.adler32(listed)) + listed, self.view_with_list, (4,))):
             with tempfile.TemporaryFile() as file:
                 os.pwrite(file.fileno(), data, 0)
                 view, stop = mmap.mmap(file.fileno(), 0, access=mmap.ACCESS_READ), threading.Event()
@@ -82,7 +93,7 @@ class Hostile(unittest.TestCase):
                         repr([list(getattr(record, name)) for name in ("fingerprints", "unique_list", "task_ids", "references")
                               if hasattr(record, name)])
                         record.to_bytes("host")
-                    except Error:
+                    except (Error, ValueError):
                         pass
                 stop.set()
                 thread.join()
@@ -124,14 +135,21 @@ class Hostile(unittest.TestCase):
                     self.assertIn(name, ("__eq__", "__iter__"))
             self.assertRaises((BufferError, TypeError), memoryview, inert)
 
+    def test_released_memoryview(self):
+        view = memoryview(bytes(8 << 20))
+        view.release()  # and so the bytes, of which it still has the address
+        self.assertRaises(ValueError, View, view)
+
     def test_errors_do_not_quote_megabytes(self):
         golden, big = stored("do3-md5-gaps", "host")[0], bytes(3 << 20)
         record = DORecord.from_buffer(golden)
         for use in (lambda: View(golden, big), lambda: setattr(record, "cid", big), lambda: record.add_reference((big, 1)),
                     lambda: DORecord([(bytes(16), big, 0, 64)], cid=64, fptype=0), lambda: View(golden).dcids.index(big),
+                    lambda: View(golden).dcids.index("é" * len(big)), lambda: record.add_reference("\ud800"),
                     lambda: crrecord.records("é" * len(big))):
             with self.assertRaises((TypeError, ValueError)) as caught:
                 use()
+            self.assertNotIsInstance(caught.exception, UnicodeError)
             self.assertLess(len(str(caught.exception)), 1000)
 
     def test_errors_have_the_reason_of_the_library(self):
