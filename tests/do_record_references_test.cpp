@@ -4,11 +4,19 @@
 #include "support/log_capture.h"
 #include "support/record_memory.h"
 
+#include <crrecord/references.h>
+
 #include <gtest/gtest.h>
 
+#include <ranges>
 #include <set>
 
 namespace {
+
+template <class Range>
+constexpr bool kIsForwardView =
+    std::ranges::forward_range<Range>&& std::ranges::view<Range>&& std::ranges::borrowed_range<Range>;
+static_assert(kIsForwardView<DOReferenceRange> && kIsForwardView<DORecord::tref_range_t>);
 
 using References = std::vector<std::pair<int, unsigned long>>;
 using Handle = DORecord::tref_ptr_t;

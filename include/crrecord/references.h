@@ -6,6 +6,10 @@
 
 #include <iterator>
 
+#if __cplusplus > 201703L
+#include <ranges>
+#endif
+
 // A typed reference of a record, by value.
 struct DOReference {
     cr_reftype_t kind;
@@ -24,7 +28,8 @@ inline unsigned long DOReferenceDecode(unsigned char const* bytes, unsigned long
     return size;
 }
 
-// The typed references of a section, in stored order, which a note may report as not ascending.
+// The typed references of a section, in stored order, which a note may report as not ascending. In C++20 it is a
+// forward, borrowed view.
 //
 // Lifetime: valid while the section's buffer is unchanged. Iterators may outlive the range itself.
 class DOReferenceRange {
@@ -83,3 +88,10 @@ private:
     unsigned char const* from_;
     unsigned char const* to_;
 };
+
+#if __cplusplus > 201703L
+template <>
+inline constexpr bool std::ranges::enable_view<DOReferenceRange> = true;
+template <>
+inline constexpr bool std::ranges::enable_borrowed_range<DOReferenceRange> = true;
+#endif

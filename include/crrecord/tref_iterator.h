@@ -7,6 +7,10 @@
 #include <cstddef>
 #include <iterator>
 
+#if __cplusplus > 201703L
+#include <ranges>
+#endif
+
 // Iterates over the references of a record kind by kind, without kind 0.
 //
 // Lifetime: valid until its reference is removed or the record is destroyed.
@@ -64,7 +68,7 @@ private:
     tref_set_t::const_iterator position_;
 };
 
-// All references of a record, as tref_const_iterator_t visits them.
+// All references of a record, as tref_const_iterator_t visits them. In C++20 it is a forward, borrowed view.
 //
 // Lifetime: valid until the record is destroyed.
 class DORecord::tref_range_t {
@@ -90,3 +94,10 @@ inline DORecord::tref_const_iterator_t DORecord::GetTRefEnd() const {
 inline DORecord::tref_range_t DORecord::References() const {
     return tref_range_t(*this);
 }
+
+#if __cplusplus > 201703L
+template <>
+inline constexpr bool std::ranges::enable_view<DORecord::tref_range_t> = true;
+template <>
+inline constexpr bool std::ranges::enable_borrowed_range<DORecord::tref_range_t> = true;
+#endif
