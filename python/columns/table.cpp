@@ -51,9 +51,12 @@ Sources SourcesOf(py::object const& object) {
     auto sources = std::make_unique<std::vector<Source>>();
     if (IsPath(object) || PyObject_CheckBuffer(object.ptr())) {
         sources->push_back(SourceOf(object));
+    } else if (py::hasattr(object, "readline")) { // its lines would be the sources
+        throw py::type_error("a file object is no source: pass its path or its bytes");
     } else {
         for (py::handle const item : object) {
             sources->push_back(SourceOf(item));
+            CheckSignals(static_cast<py::ssize_t>(sources->size()));
         }
     }
     return Sources(sources.release(), ReleaseSources);

@@ -159,6 +159,8 @@ class Columns(unittest.TestCase):
             self.assertEqual((len(rows), rows[-1]["position"]), (600 * len(ORDERED), 300 * len(WHOLE) - len(ORDERED[-1][2])))
             path.write_bytes(WHOLE[:-1])
             self.assertEqual(len(rows_of(read_records(path, on_error="skip"))), len(ORDERED) - 1)
+            with path.open("rb") as file:  # an iterable of lines
+                self.assertRaisesRegex(TypeError, "path", read_records, file)
             path.unlink()
             missing = os.fsencode(folder) + b"/\xff"
             table = read_records([os.fsdecode(missing), WHOLE])

@@ -143,6 +143,7 @@ class Use(unittest.TestCase):
                          lambda: list(records(broken, on_error="skip")),
                          lambda: run(map(records, itertools.repeat(GOLDEN, 10_000_000))),
                          lambda: run(itertools.repeat(large.dcids, 1000)),
+                         lambda: read_segments(itertools.repeat(b"", 10_000_000)),
                          lambda: run([read_segments([bytes(LARGE)] * 3000)])):
                 start = time.process_time()
                 signal.setitimer(signal.ITIMER_REAL, 0.05)
