@@ -14,6 +14,7 @@ namespace py = pybind11;
 class Array;
 class RecordIterator;
 class SegmentSequence;
+class SegmentSet;
 class SegmentView;
 class View;
 
@@ -28,6 +29,7 @@ void BindColumns(py::module_& module);
 void BindReferences(py::module_& module);
 void BindDORecord(py::module_& module);
 void BindSORecord(py::module_& module);
+void BindSegmentSet(py::module_& module);
 
 // Returns: a type of _types.py, the exception or a named tuple.
 py::object PythonType(char const* name);
@@ -102,6 +104,8 @@ template <>
 class type_caster<crrecord::python::RecordIterator> : public InitializedCaster<crrecord::python::RecordIterator> {};
 template <>
 class type_caster<crrecord::python::SegmentSequence> : public InitializedCaster<crrecord::python::SegmentSequence> {};
+template <>
+class type_caster<crrecord::python::SegmentSet> : public InitializedCaster<crrecord::python::SegmentSet> {};
 template <>
 class type_caster<crrecord::python::SegmentView> : public InitializedCaster<crrecord::python::SegmentView> {};
 template <>

@@ -15,9 +15,17 @@ namespace {
 
 using Members = std::map<std::string, int>;
 
-// Adds an IntEnum to the module.
-// Returns: a dict of its members by number, which is never released: static destruction runs after the end of the
+// Returns: a dict of the members by number, which is never released: static destruction runs after the end of the
 // interpreter.
+py::dict const* MembersOf(py::handle type) {
+    auto* const byNumber = new py::dict();
+    for (py::handle const member : type) {
+        (*byNumber)[member.attr("value")] = member;
+    }
+    return byNumber;
+}
+
+// Adds an IntEnum to the module. Returns: its members.
 py::dict const* AddEnum(py::module_& module, char const* name, Members const& members) {
     py::list pairs;
     for (auto const& [member, number] : members) {
@@ -26,11 +34,7 @@ py::dict const* AddEnum(py::module_& module, char const* name, Members const& me
     pairs.attr("sort")(py::arg("key") = py::module_::import("operator").attr("itemgetter")(1));
     py::object const type = py::module_::import("enum").attr("IntEnum")(name, pairs, py::arg("module") = "crrecord");
     module.attr(name) = type;
-    auto* const byNumber = new py::dict();
-    for (py::handle const member : type) {
-        (*byNumber)[member.attr("value")] = member;
-    }
-    return byNumber;
+    return MembersOf(type);
 }
 
 py::dict const* statuses;
@@ -71,6 +75,10 @@ py::object DOTypeMember(unsigned int dotype) {
 
 py::object ReferenceKindMember(int kind) {
     return MemberOf(kinds, kind);
+}
+
+void UseStatuses(py::handle type) {
+    statuses = MembersOf(type);
 }
 
 void BindEnums(py::module_& module) {

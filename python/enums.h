@@ -12,4 +12,7 @@ py::object FPTypeMember(unsigned int fptype);
 py::object DOTypeMember(unsigned int dotype);
 py::object ReferenceKindMember(int kind);
 
+// For a module without BindEnums: StatusMember returns members of this type.
+void UseStatuses(py::handle type);
+
 } // namespace crrecord::python

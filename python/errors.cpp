@@ -11,6 +11,8 @@ namespace crrecord::python {
 
 namespace {
 
+constexpr char kLogSink[] = "crrecord._crrecord._log_sink"; // the name of a capsule
+
 // The last line that the library logged on this thread, which is the reason of a failure that has a status only.
 thread_local char logged[Cr_ErrnoException::kMaxText + 1];
 
@@ -95,6 +97,7 @@ void SetCurrentException() {
 
 void BindErrors(py::module_& module) {
     CRLogSetSink(KeepLine, nullptr);
+    module.attr("_log_sink") = py::capsule(reinterpret_cast<void const*>(KeepLine), kLogSink);
     py::register_exception_translator([](std::exception_ptr failure) {
         try {
             std::rethrow_exception(failure);
@@ -103,6 +106,16 @@ void BindErrors(py::module_& module) {
         }
     });
     module.attr("Error") = PythonType("Error");
+}
+
+void UseErrors() {
+    void* const sink = PyCapsule_Import(kLogSink, 0);
+    if (!sink) {
+        throw py::error_already_set();
+    }
+    // The same sink again if both modules use the shared library.
+    CRLogSetSink(reinterpret_cast<cr_log_sink_t>(sink), nullptr);
+    UseStatuses(py::module_::import("crrecord._crrecord").attr("Status"));
 }
 
 } // namespace crrecord::python

@@ -32,6 +32,10 @@ void Require(cr_status_t status);
 // Starts a call of Python: lines logged before are not reasons of its failures.
 void ForgetLog() noexcept;
 
+// For another module of the package, instead of BindErrors: its errors, and the log of the library that it contains,
+// are those of `_crrecord`.
+void UseErrors();
+
 // Sets the Python exception of the C++ exception that is being handled. Lets pass the one of the C library that ends a
 // thread; functions that Python calls are therefore not noexcept.
 void SetCurrentException();

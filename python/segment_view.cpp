@@ -2,6 +2,7 @@
 
 #include "diagnosis.h"
 #include "enums.h"
+#include "segment_fields.h"
 #include "view.h"
 
 #include "SOmarshall/layout.h"
@@ -77,19 +78,6 @@ auto SegmentFieldGetter(Read read) {
 }
 
 } // namespace
-
-// The counts are 0 during the conversion, which would otherwise convert the bytes after the fixed part, too.
-_SegmentDBRecord ToHost(_SegmentDBRecord fields) {
-    auto const ntaskids = ByteSwapped(fields.ntaskids);
-    auto const nfp = ByteSwapped(fields.nfp);
-    auto const recsize = ByteSwapped(fields.recsize);
-    fields.ntaskids = fields.nfp = 0;
-    SegmentRecordNtoh(&fields, &fields, 0);
-    fields.ntaskids = ntaskids;
-    fields.nfp = nfp;
-    fields.recsize = recsize;
-    return fields;
-}
 
 SegmentView::SegmentView(Slice bytes) : bytes_(std::move(bytes)) {
     FixedPart const fixed = Validated(bytes_);

@@ -84,9 +84,6 @@ private:
 
 void BindSegmentSequence(py::module_& module);
 
-// Returns: the fixed part of a segment record in network order as host values.
-_SegmentDBRecord ToHost(_SegmentDBRecord fields);
-
 // A segment record.
 class SegmentView {
 public:

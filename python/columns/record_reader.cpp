@@ -3,7 +3,7 @@
 #include "SOmarshall/layout.h"
 #include "diagnosis.h"
 #include "doubtful_record.h"
-#include "view.h"
+#include "segment_fields.h"
 
 #include <crrecord/probe.h>
 

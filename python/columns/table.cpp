@@ -1,13 +1,11 @@
 // read_segments() and read_records(): records as tables.
 
-#include "bindings.h"
 #include "columns/exchange.h"
-#include "errors.h"
+#include "columns/sources.h"
 
 #include <pybind11/stl.h>
 
 #include <atomic>
-#include <cerrno>
 #include <mutex>
 
 namespace crrecord::python {
@@ -19,48 +17,6 @@ using namespace columns;
 constexpr char kSchemaCapsule[] = "arrow_schema";
 constexpr char kArrayCapsule[] = "arrow_array";
 constexpr char kStreamCapsule[] = "arrow_array_stream";
-
-// --- Sources ------------------------------------------------------------------------------------------------------
-
-using Sources = std::shared_ptr<std::vector<Source> const>;
-
-// Buffers are released with the GIL, by whichever thread drops the last reader; never after the interpreter's end.
-void ReleaseSources(std::vector<Source> const* sources) {
-    if (Py_IsInitialized()) {
-        py::gil_scoped_acquire const gil;
-        delete sources;
-    }
-}
-
-bool IsPath(py::handle object) {
-    return PyUnicode_Check(object.ptr()) || py::hasattr(object, "__fspath__");
-}
-
-Source SourceOf(py::handle object) {
-    if (IsPath(object)) {
-        PyObject* encoded = nullptr; // by PyUnicode_FSConverter, which rejects a NUL
-        if (PyUnicode_FSConverter(object.ptr(), &encoded) == 0) {
-            throw py::error_already_set();
-        }
-        return {nullptr, std::string(py::reinterpret_steal<py::bytes>(encoded))};
-    }
-    return {std::make_shared<PinnedBuffer const>(object), {}};
-}
-
-Sources SourcesOf(py::object const& object) {
-    auto sources = std::make_unique<std::vector<Source>>();
-    if (IsPath(object) || PyObject_CheckBuffer(object.ptr())) {
-        sources->push_back(SourceOf(object));
-    } else if (py::hasattr(object, "readline")) { // its lines would be the sources
-        throw py::type_error("a file object is no source: pass its path or its bytes");
-    } else {
-        for (py::handle const item : object) {
-            sources->push_back(SourceOf(item));
-            CheckSignals(static_cast<py::ssize_t>(sources->size()));
-        }
-    }
-    return Sources(sources.release(), ReleaseSources);
-}
 
 // --- Tables -------------------------------------------------------------------------------------------------------
 
@@ -96,15 +52,6 @@ struct Table {
     }
 };
 
-// Texts with a path have the bytes of the file system.
-py::object Decoded(std::string const& text) {
-    PyObject* const decoded = PyUnicode_DecodeFSDefaultAndSize(text.data(), static_cast<py::ssize_t>(text.size()));
-    if (!decoded) {
-        throw py::error_already_set();
-    }
-    return py::reinterpret_steal<py::object>(decoded);
-}
-
 struct BatchIterator {
     explicit BatchIterator(BatchStream of) : stream(std::move(of)) {}
 
@@ -121,16 +68,8 @@ struct BatchIterator {
                     return batch;
                 }
             }
-        } catch (BadRecord const& bad) {
-            py::object const error =
-                PythonType("Error")(static_cast<int>(CR_STATUS_CORRUPT_RECORD), Decoded(bad.record + ": " + bad.reason),
-                                    FindingsOf(bad.findings), bad.position);
-            PyErr_SetObject(PythonType("Error").ptr(), error.ptr());
-            throw py::error_already_set();
-        } catch (ReadError const& failure) {
-            errno = failure.number;
-            PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, Decoded(failure.path).ptr());
-            throw py::error_already_set();
+        } catch (...) {
+            RethrowForPython();
         }
     }
 
@@ -140,10 +79,7 @@ struct BatchIterator {
 
 Table MakeTable(py::object const& source, std::string const& onError, bool subDO,
                 std::unique_ptr<RowBuilder> (*makeRows)()) {
-    if (onError != "raise" && onError != "skip") {
-        throw py::value_error("on_error is 'raise' or 'skip'");
-    }
-    return {SourcesOf(source), {.skipsBad = onError == "skip", .subDO = subDO}, makeRows};
+    return {SourcesOf(source), ReaderOptions(onError, subDO), makeRows};
 }
 
 // --- Capsules -----------------------------------------------------------------------------------------------------

@@ -23,6 +23,7 @@ from ._crrecord import (
     records,
     validate,
 )
+from ._store import SegmentSet
 from ._types import Digest, Error, Finding, Probe, Reference, Segment
 
 __all__ = [
@@ -40,6 +41,7 @@ __all__ = [
     "ReferenceKind",
     "SORecord",
     "Segment",
+    "SegmentSet",
     "SegmentView",
     "Segments",
     "Status",

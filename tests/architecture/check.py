@@ -9,7 +9,8 @@ import pathlib
 import re
 import sys
 
-ROOTS = ("src", "tools", "python")
+# Each root with those whose files it includes, in this order.
+ROOTS = {"src": ("src",), "tools": ("tools", "src"), "python": ("python", "tools", "src")}
 
 
 def documented(text):
@@ -21,16 +22,16 @@ def documented(text):
 
 def included(source):
     uses = collections.defaultdict(set)
-    for root in ROOTS:
+    for root, places in ROOTS.items():
         for file in sorted((source / root).rglob("*")):
             if file.suffix not in (".h", ".cpp"):
                 continue
             folder = file.parent.relative_to(source).as_posix()
             uses[folder]
             for name in re.findall(r'^#include "(.+)"', file.read_text(), re.MULTILINE):
-                found = [place for place in (root, "src") if (source / place / name).is_file()]
+                found = [place for place in places if (source / place / name).is_file()]
                 if not found:
-                    sys.exit(f"{file}: includes {name}, which is in none of {root}, src")
+                    sys.exit(f"{file}: includes {name}, which is in none of {', '.join(places)}")
                 uses[folder].add((pathlib.PurePath(found[0]) / name).parent.as_posix())
     return {folder: names - {folder} for folder, names in uses.items()}
 

@@ -29,12 +29,14 @@ wheel)
         "$work/venv/bin/pip" wheel --quiet --wheel-dir "$work" "$work"/crrecord-*.tar.gz
     "$work/venv/bin/pip" install --quiet "$work"/crrecord-*.whl
     python=$work/venv/bin/python
-    module=$(echo "$work"/venv/lib/python3*/site-packages/crrecord/_crrecord.*.so)
-    exported=$(nm --dynamic --defined-only --format=just-symbols "$module")
-    [ "$exported" = PyInit__crrecord ] || {
-        echo "$module exports $exported" >&2
-        exit 1
-    }
+    for name in _crrecord _store; do
+        module=$(echo "$work"/venv/lib/python3*/site-packages/crrecord/$name.*.so)
+        exported=$(nm --dynamic --defined-only --format=just-symbols "$module")
+        [ "$exported" = "PyInit_$name" ] || {
+            echo "$module exports $exported" >&2
+            exit 1
+        }
+    done
     ;;
 esac
 

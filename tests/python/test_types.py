@@ -10,7 +10,7 @@ import tempfile
 import unittest
 
 import crrecord
-from crrecord import _crrecord
+from crrecord import _crrecord, _store
 from golden import ROOT
 
 PACKAGE = pathlib.Path(_crrecord.__file__).parent
@@ -45,9 +45,10 @@ class Types(unittest.TestCase):
             if not any("setter" in d for d in decorators) and node.name != "__init__" and ast.get_docstring(node):
                 self.assertEqual(ast.get_docstring(node), inspect.getdoc(member))
 
-    def test_stub_is_the_module(self):
-        stub = ast.parse((PACKAGE / "_crrecord.pyi").read_text())
-        self.check(stub.body, _crrecord, public(_crrecord) - {"Error"})
+    def test_stubs_are_the_modules(self):
+        for module in (_crrecord, _store):
+            stub = ast.parse((PACKAGE / f"{module.__name__.rpartition('.')[2]}.pyi").read_text())
+            self.check(stub.body, module, public(module) - {"Error"})
         self.assertEqual(public(crrecord) & set(crrecord.__all__), set(crrecord.__all__))
 
     @unittest.skipUnless(importlib.util.find_spec("mypy"), "mypy is not installed")
