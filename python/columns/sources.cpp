@@ -14,10 +14,6 @@ void ReleaseSources(std::vector<Source> const* sources) {
     }
 }
 
-bool IsPath(py::handle object) {
-    return PyUnicode_Check(object.ptr()) || py::hasattr(object, "__fspath__");
-}
-
 Source SourceOf(py::handle object) {
     if (IsPath(object)) {
         PyObject* encoded = nullptr; // by PyUnicode_FSConverter, which rejects a NUL
@@ -39,6 +35,10 @@ py::object Decoded(std::string const& text) {
 }
 
 } // namespace
+
+bool IsPath(py::handle object) {
+    return PyUnicode_Check(object.ptr()) || py::hasattr(object, "__fspath__");
+}
 
 Sources SourcesOf(py::object const& object) {
     auto sources = std::make_unique<std::vector<Source>>();

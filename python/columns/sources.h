@@ -8,6 +8,9 @@ namespace crrecord::python::columns {
 
 using Sources = std::shared_ptr<std::vector<Source> const>;
 
+// Returns: true for a text, and for an object with __fspath__.
+bool IsPath(py::handle object);
+
 // Returns: the sources in a buffer, a path or an iterable of both. Any thread may release them.
 Sources SourcesOf(py::object const& object);
 

@@ -5,7 +5,8 @@ from __future__ import annotations
 from typing import TYPE_CHECKING, Any, Literal, NamedTuple, Optional, Sequence, Tuple
 
 if TYPE_CHECKING:
-    from ._crrecord import FPType, ReferenceKind
+    from ._crrecord import Buffer, FPType, ReferenceKind
+    from ._store import SegmentSet
 
 
 class Finding(NamedTuple):
@@ -92,3 +93,10 @@ def restore(function: str, *arguments: Any) -> Any:
     from . import _crrecord
 
     return getattr(_crrecord, function)(*arguments)
+
+
+def restore_segment_set(state: Buffer, skipped: int) -> SegmentSet:
+    """Return the set that was pickled."""
+    from . import _store
+
+    return _store._restored(state, skipped)

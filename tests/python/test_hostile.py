@@ -122,7 +122,8 @@ class Hostile(unittest.TestCase):
             def __init__(self):
                 self.size
         self.assertRaises(TypeError, Early)
-        for kind in (View, SegmentView, DORecord, SORecord, crrecord.Array, crrecord.Segments, crrecord.Records):
+        for kind in (View, SegmentView, DORecord, SORecord, crrecord.Array, crrecord.Segments, crrecord.Records,
+                     crrecord.SegmentSet):
             self.assertRaises(TypeError, kind.dcid.fget if kind is SORecord else kind.__reduce__, None)
             inert = kind.__new__(kind)
             for name in dir(kind):

@@ -24,17 +24,18 @@ public:
     T const& operator[](std::size_t i) const { return blocks_[i / kBlock][i % kBlock]; }
     std::size_t size() const { return size_; }
 
-    // The next push_back does not throw. Throws: std::bad_alloc.
-    void ReserveOne() {
-        if (size_ == blocks_.size() * kBlock) {
-            blocks_.emplace_back(std::make_unique_for_overwrite<T[]>(kBlock));
-        }
-    }
-
     void push_back(T const& value) {
-        ReserveOne();
+        if (size_ == blocks_.size() * kBlock) {
+            blocks_.emplace_back(new T[kBlock]);
+        }
         (*this)[size_] = value;
         ++size_;
+    }
+
+    // Removes the elements after the first `size`.
+    void Truncate(std::size_t size) {
+        size_ = size;
+        blocks_.resize((size + kBlock - 1) / kBlock);
     }
 
 private:
@@ -83,14 +84,11 @@ public:
         }
     }
 
-    // Adds an entry, which must not be in the table. Throws: std::bad_alloc; the table is valid, and may have the
-    // entry.
+    // Adds an entry, which must not be in the table.
     Entry& Add(std::uint64_t hash, Entry const& entry) {
         if (entries_.size() == kNone) {
             throw std::bad_alloc();
         }
-        entries_.ReserveOne();
-        next_.ReserveOne();
         auto const added = static_cast<std::uint32_t>(entries_.size());
         std::uint32_t& first = buckets_[BucketOf(hash)];
         entries_.push_back(entry);
