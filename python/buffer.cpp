@@ -2,6 +2,9 @@
 
 #include "buffer.h"
 
+#include <algorithm>
+#include <string_view>
+
 namespace crrecord::python {
 
 namespace {
@@ -31,6 +34,15 @@ bool CannotChange(py::handle object) {
     return true;
 }
 
+// Names of fields in a format are between colons.
+bool HasObjects(std::string_view format) {
+    bool isName = false;
+    return std::any_of(format.begin(), format.end(), [&](char c) {
+        isName = isName != (c == ':');
+        return c == 'O' && !isName;
+    });
+}
+
 } // namespace
 
 // Locks first: a memoryview that was released still has the address of its object, which may be gone.
@@ -39,6 +51,9 @@ PinnedBuffer::PinnedBuffer(py::handle object) : PinnedBuffer() {
         throw py::error_already_set();
     }
     immutable_ = CannotChange(object);
+    if (HasObjects(Format())) {
+        throw py::type_error("an array of Python objects has no bytes of records");
+    }
 }
 
 unsigned char const* PinnedBuffer::Data() const noexcept {

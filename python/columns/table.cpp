@@ -20,40 +20,50 @@ constexpr char kStreamCapsule[] = "arrow_array_stream";
 
 // --- Tables -------------------------------------------------------------------------------------------------------
 
+using Count = std::shared_ptr<std::atomic<std::uint64_t>>;
+
+Count NewCount() {
+    return std::make_shared<std::atomic<std::uint64_t>>(0);
+}
+
 // Records of the sources as rows. Each use reads the sources from the start.
 struct Table {
     Sources sources;
     RecordReader::Options options;
     std::unique_ptr<RowBuilder> (*makeRows)();
-    using Count = std::shared_ptr<std::atomic<std::uint64_t>>;
-    Count skipped = std::make_shared<std::atomic<std::uint64_t>>(0); // of the last use
+    Count skipped = NewCount(); // of the last use
 
     std::span<ColumnType const> Types() const { return makeRows()->Types(); }
 
-    BatchStream Open() const {
+    // Counts bad records in `own`, too.
+    BatchStream Open(Count const& own = NewCount()) const {
         struct Reading {
-            explicit Reading(Table const& table)
-                : reader(table.sources, table.options), rows(table.makeRows()), skipped(table.skipped) {}
+            Reading(Table const& table, Count const& own)
+                : reader(table.sources, table.options), rows(table.makeRows()), skipped{table.skipped, own} {}
 
             std::shared_ptr<Batch const> Next() {
                 struct Counting {
                     Reading& reading;
-                    ~Counting() { reading.skipped->store(reading.reader.Skipped()); }
+                    ~Counting() {
+                        for (Count const& count : reading.skipped) {
+                            count->store(reading.reader.Skipped());
+                        }
+                    }
                 } const counting{*this};
                 return rows->Next(reader);
             }
 
             RecordReader reader;
             std::unique_ptr<RowBuilder> rows;
-            Count skipped;
+            Count skipped[2];
         };
         skipped->store(0);
-        return {Types(), [reading = std::make_shared<Reading>(*this)] { return reading->Next(); }};
+        return {Types(), [reading = std::make_shared<Reading>(*this, own)] { return reading->Next(); }};
     }
 };
 
 struct BatchIterator {
-    explicit BatchIterator(BatchStream of) : stream(std::move(of)) {}
+    explicit BatchIterator(Table const& table) : stream(table.Open(skipped)) {}
 
     // Returns: null at the end.
     std::shared_ptr<Batch const> Next() {
@@ -73,6 +83,7 @@ struct BatchIterator {
         }
     }
 
+    Count skipped = NewCount(); // before the stream, which gets it
     BatchStream stream;
     std::mutex mutex;
 };
@@ -184,7 +195,11 @@ void BindBatches(py::module_& module) {
         .def("_buffers", BuffersOf)
         .def("to_numpy", ToNumpy, "Return a dictionary of NumPy arrays, one for each column.");
     py::class_<BatchIterator> batches(module, "_Batches");
-    batches.def("__iter__", [](py::object const& self) { return self; }).def("__next__", [](BatchIterator& self) {
+    batches.def("__iter__", [](py::object const& self) { return self; });
+    batches.def_property_readonly(
+        "skipped", [](BatchIterator const& self) { return self.skipped->load(); },
+        "Number of bad records that were skipped.");
+    batches.def("__next__", [](BatchIterator& self) {
         std::shared_ptr<Batch const> rows = self.Next();
         if (!rows) {
             throw py::stop_iteration();
@@ -212,7 +227,7 @@ void BindColumns(py::module_& module) {
         .def_property_readonly(
             "skipped", [](Table const& self) { return self.skipped->load(); },
             "Number of bad records that the last use has skipped so far.")
-        .def("__iter__", [](Table const& self) { return std::make_unique<BatchIterator>(self.Open()); })
+        .def("__iter__", [](Table const& self) { return std::make_unique<BatchIterator>(self); })
         .def(
             "__arrow_c_schema__", [](Table const& self) { return SchemaOf(self.Types()); },
             "Return a capsule with the schema.")

@@ -206,6 +206,8 @@ void BindSegmentSet(py::module_& module) {
         .def_property_readonly("skipped", &SegmentSet::Skipped,
                                "Number of bad records that were skipped, also for the sets merged into this one.\n\n"
                                "Of the parts of a set the first has its number.")
+        .def("__sizeof__", // schedulers measure results with sys.getsizeof
+             [](SegmentSet const& self) { return sizeof self + self.Get([](auto& s) { return s.MemoryBytes(); }); })
         .def("__reduce_ex__", Reduced);
     BindRepr(set, [](SegmentSet const& self) {
         auto const [segments, bytes] = self.Get([](auto& s) { return s.Sums(); });

@@ -9,6 +9,7 @@ import tempfile
 import unittest
 from ctypes import POINTER, c_char_p, c_int, c_int64, c_void_p
 
+import crrecord
 from crrecord import DORecord, Error, FPType, read_records, read_segments
 from golden import JSON, stored
 from test_crrecord import HEADER, SEGMENT_HEADER, numpy, segments
@@ -136,7 +137,9 @@ class Columns(unittest.TestCase):
         table = read_records(sources, on_error="skip")
         self.assertEqual([(row["record"], row["source"], row["position"]) for row in rows_of(table)],
                          [(0, 0, 0), (2, 0, 576), (3, 1, 0), (5, 1, 576), (6, 2, 0), (8, 3, 0)])
-        self.assertEqual(table.skipped, 3)
+        once, again = iter(table), iter(table)
+        list(again)
+        self.assertEqual((table.skipped, once.skipped, again.skipped), (3, 0, 3))
         batches = iter(read_records(sources))
         for number, reason in ((1, "segment 1 starts"), (4, "its counts give 288"), (7, "unknown kind")):
             next(batches)
@@ -147,6 +150,14 @@ class Columns(unittest.TestCase):
         self.assertRaises(StopIteration, next, batches)
         with self.assertRaisesRegex(OSError, "source 0: record 1 at byte 288: .*segment 1 starts"):
             rows_of(read_segments(sources))
+
+    @unittest.skipUnless(numpy, "NumPy is not there")
+    def test_arrays_of_objects_are_refused(self):
+        for use in (read_records, read_segments, crrecord.SegmentSet().update, crrecord.View, crrecord.records):
+            self.assertRaisesRegex(TypeError, "array of Python objects", use, numpy.array([WHOLE] * 40, object))
+            self.assertRaisesRegex(TypeError, "array of Python objects", use, numpy.array([(1, WHOLE)], "u8,O"))
+        named = numpy.frombuffer(WHOLE, [("Object", "u1")])
+        self.assertEqual(len(read_records(named).to_numpy()["record"]), len(ORDERED))
 
     def test_files_are_read_at_each_use(self):
         with tempfile.TemporaryDirectory() as folder:

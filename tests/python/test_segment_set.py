@@ -1,18 +1,22 @@
 """SegmentSet against dictionaries, over records that tests/golden/make.py writes."""
 import collections
 import copy
+import importlib.util
+import logging
 import os
 import pathlib
 import pickle
 import random
+import re
 import subprocess
 import sys
 import tempfile
 import threading
 import unittest
+import warnings
 
 from crrecord import Error, SegmentSet
-from golden import GOLDEN
+from golden import GOLDEN, ROOT
 
 sys.path.insert(0, str(GOLDEN))
 import make  # noqa: E402
@@ -87,6 +91,7 @@ class SegmentSets(unittest.TestCase):
                 (path := pathlib.Path(folder, str(i))).write_bytes(data)
                 self.assertEqual(totals(SegmentSet.from_file(path)), Expected(segments).totals())
         self.assertEqual(totals(SegmentSet()), (0, 0, 0, {}))
+        self.assertGreater(sys.getsizeof(self.whole), 60 * len(self.whole))
 
     def test_many_segments(self):  # more than are added between two uses of the index
         many = [make.do_record(3, 0, [(7, 64 + i % 3, 0)] * 1000, size=7000,
@@ -183,3 +188,19 @@ class SegmentSets(unittest.TestCase):
         for thread in threads:
             thread.join()
         self.assertEqual((totals(one), totals(other)), (self.expected.totals(),) * 2)
+
+    @unittest.skipUnless(importlib.util.find_spec("distributed"), "Dask's distributed is not installed")
+    def test_example_of_the_document(self):
+        from distributed import Client
+        example, = re.findall(r"```python\n(from .*?)```", (ROOT / "docs" / "python.md").read_text(), re.DOTALL)
+        exec(example, names := {})
+        with tempfile.TemporaryDirectory() as folder:
+            for i, data in enumerate(self.streams):
+                pathlib.Path(folder, str(i)).write_bytes(data)
+            paths = [str(path) for path in pathlib.Path(folder).iterdir()]
+            with warnings.catch_warnings():
+                warnings.simplefilter("ignore")  # of libraries that it uses
+                client = Client(n_workers=2, threads_per_worker=1, dashboard_address=None, local_directory=folder,
+                                silence_logs=logging.CRITICAL)
+            with client:
+                self.assertEqual(dict(sorted(names["live_bytes"](client, paths, 3).items())), self.expected.totals()[3])

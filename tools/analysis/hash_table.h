@@ -32,6 +32,8 @@ public:
         ++size_;
     }
 
+    std::size_t MemoryBytes() const { return blocks_.size() * kBlock * sizeof(T); }
+
     // Removes the elements after the first `size`.
     void Truncate(std::size_t size) {
         size_ = size;

@@ -18,7 +18,7 @@ constexpr std::size_t kHeadSize = 2 * sizeof(std::uint64_t);
 constexpr std::size_t kSizeAt = 8, kTypeAt = 12, kConflictAt = 13, kFingerprintAt = 14; // of a segment
 constexpr std::size_t kNarrow = 16, kWide = sizeof SegmentTuple::fingerprint;
 
-bool IsConflict(SegmentTuple const& tuple) {
+bool HasConflict(SegmentTuple const& tuple) {
     return (tuple.flags & SegmentTuple::kFirstDiffers) != 0;
 }
 
@@ -54,7 +54,7 @@ unsigned char* Write(SegmentTuple const& tuple, unsigned char* to) {
     Store(to, tuple.dcid, Order::Network);
     Store(to + kSizeAt, tuple.firstSize, Order::Network);
     to[kTypeAt] = tuple.fptype;
-    to[kConflictAt] = IsConflict(tuple) ? 1 : 0;
+    to[kConflictAt] = HasConflict(tuple) ? 1 : 0;
     std::size_t const width = IsWide(tuple) ? kWide : kNarrow;
     std::memcpy(to + kFingerprintAt, tuple.fingerprint, width);
     return to + kFingerprintAt + width;
@@ -200,7 +200,7 @@ SegmentSums SegmentSet::Sums() {
 std::uint64_t SegmentSet::Conflicts() {
     std::uint64_t conflicts = 0;
     Index();
-    ForEach([&](SegmentTuple const& tuple) { conflicts += IsConflict(tuple) ? 1 : 0; });
+    ForEach([&](SegmentTuple const& tuple) { conflicts += HasConflict(tuple) ? 1 : 0; });
     return conflicts;
 }
 

@@ -31,6 +31,8 @@ public:
     // Returns: the segments and bytes of each container.
     Containers SumsByContainer();
 
+    std::size_t MemoryBytes() const { return tuples_.MemoryBytes() + slots_.capacity() * sizeof slots_[0]; }
+
     // Returns: `parts` sets, at least 1, with each segment in one of them. Its part depends on the segment and `parts`
     // only, so that parts of several processes may be merged. Crafted fingerprints can make the parts unequal.
     std::vector<SegmentSet> Split(std::size_t parts);
