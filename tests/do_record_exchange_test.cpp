@@ -196,6 +196,12 @@ TEST(DORecordExchange, ReportsEachFault) {
         EXPECT_EQ(with(DORecordSerializedValidate), CR_STATUS_CORRUPT_RECORD);
         EXPECT_EQ(log.Take(), "trace 0: " + findings[0].message + "\n");
         EXPECT_EQ(Construction(values.dotype, values.fptype, changed).substr(0, 4), bad.refusal);
+        Bytes memory(1024); // also into a given buffer
+        auto const into = [&] {
+            OpenRecord(values.dotype, values.fptype, memory.data(), memory.size(), changed.data(), changed.size(),
+                       false);
+        };
+        EXPECT_EQ(Refusal(into).substr(0, 4), bad.refusal);
     }
     // All faults are reported, in order.
     all = form;
@@ -257,6 +263,21 @@ TEST(DORecordExchange, ChecksSegmentsAcrossBlocks) {
     EXPECT_EQ(DORecordSerializedValidate(form.data(), form.size(), 2, 0, 1), CR_STATUS_CORRUPT_RECORD);
 }
 
+TEST(DORecordExchange, RejectsShortForms) {
+    std::tuple<unsigned char, unsigned long, Finding> const rows[] = {
+        {0, 28, {CR_FINDING_FORM_LENGTH, 0, 28, 28, 29, "length", {}}},
+        {4, 29, {CR_FINDING_FORM_CALCULATED, 0, 28, 56, 29, "bsize", {}}},
+        {4, 55, {CR_FINDING_FORM_CALCULATED, 0, 28, 56, 55, "bsize", {}}},
+    };
+    for (auto const& [dotype, size, expected] : rows) {
+        Bytes const form(size);
+        std::vector<Finding> findings;
+        EXPECT_EQ(DORecordSerializedDiagnose(form.data(), size, dotype, 0, 0, Collect, &findings), 32);
+        ExpectOne(findings, expected, "serialized DO");
+        EXPECT_EQ(Construction(dotype, 0, form), "32: ");
+    }
+}
+
 TEST(DORecordExchange, RejectsOddArguments) {
     Bytes const form = SpellForm(Example(3, 0), false);
     EXPECT_EQ(Construction(6, 0, {}), "65: ");
@@ -264,6 +285,12 @@ TEST(DORecordExchange, RejectsOddArguments) {
     EXPECT_EQ(Construction(3, 9, form), "9: invalid fptype for DO"); // parsed as 16 bytes wide
     EXPECT_EQ(DORecordSerializedValidate(form.data(), form.size(), 6, 0, 0), CR_STATUS_INVALID);
     EXPECT_EQ(DORecordSerializedValidate(form.data(), form.size(), 3, 0, 2), CR_STATUS_INVALID);
+    EXPECT_EQ(DORecordSerializedValidate(form.data(), form.size(), 3, 4, 0), CR_STATUS_INVALID);
+    EXPECT_EQ(DORecordSerializedValidate(nullptr, form.size(), 3, 0, 0), CR_STATUS_INVALID);
+    DORecordHeader* header = nullptr;
+    unsigned long size = 0;
+    EXPECT_EQ(DORecordHeaderDeserialize(nullptr, &size, form.data(), form.size(), 3, 0), CR_STATUS_NULL_ARGUMENT);
+    EXPECT_EQ(DORecordHeaderDeserialize(&header, nullptr, form.data(), form.size(), 3, 0), CR_STATUS_NULL_ARGUMENT);
 }
 
 } // namespace

@@ -243,6 +243,7 @@ CRR_CONSTEXPR unsigned crr_offset_width(unsigned dotype) {
     return dotype == 3 ? 8 : dotype == 5 ? 4 : 0;
 }
 /*@ assigns \nothing;
+    ensures CRR_CHECK_NONE <= \result <= CRR_CHECK_OFFSETS;
     ensures \result == CRR_CHECK_OFFSETS <==> dotype == 3;
     ensures \result == CRR_CHECK_SUM <==> dotype == 2 || dotype == 5; */
 CRR_CONSTEXPR int crr_list_check(unsigned dotype) {
@@ -267,7 +268,7 @@ typedef struct crr_entry {
       (e.offset_width == 0 || e.offset_width == 4 || e.offset_width == 8) &&
       e.stride == e.fingerprint + e.size_width + e.offset_width &&
       (e.size_width == 0 ==> e.offset_width == 0 && e.check != CRR_CHECK_SUM) &&
-      (e.check == CRR_CHECK_OFFSETS ==> e.offset_width == 8); */
+      (e.check == CRR_CHECK_OFFSETS ==> e.offset_width == 8) && CRR_CHECK_NONE <= e.check <= CRR_CHECK_OFFSETS; */
 
 // The entry of a DO type whose fingerprints take `fingerprint` bytes: 16 or 32, or in an exchange form 33 or 65.
 /*@ requires 16 <= fingerprint <= 65;
@@ -402,6 +403,12 @@ CRR_CONSTEXPR uint64_t crr_list_size(uint32_t nudcid) {
     return nudcid == 0 ? 0 : CRR_LIST_HEAD + (uint64_t)CRR_LIST_ENTRY * nudcid;
 }
 
+// The bytes of all entries. As a product of two variables the provers would expand it.
+/*@ axiomatic Entries {
+      logic integer crr_entries_size(integer segments, integer stride);
+      axiom entries_size: \forall integer n, stride; crr_entries_size(n, stride) == n * stride;
+    } */
+
 /*@ predicate crr_layout_is_ordered(crr_do_layout l) =
       l.entries == CRR_DO_HEADER_SIZE && l.entries <= l.dcids && l.dcids <= l.udcids <= l.taskids <= l.dsids <= l.trefs
    <= l.tail && l.tail + CRR_BLOOM_TAIL_SIZE <= l.total < 0x8000000000; */
@@ -412,6 +419,7 @@ CRR_CONSTEXPR uint64_t crr_list_size(uint32_t nudcid) {
     ensures crr_layout_is_ordered(\result);
     ensures counts->bloom != 0 ==> \result.segments == 0 &&
       \result.udcids == \result.entries + CRR_BLOOM_LENGTH_SIZE + counts->bsize + CRR_BLOOM_END_SIZE;
+    ensures \result.dcids == \result.entries + crr_entries_size(\result.segments, stride);
     ensures counts->bloom == 0 ==> \result.udcids == \result.dcids + CRR_DCID_SIZE * \result.segments;
     ensures counts->nudcid != 0 ==> \result.taskids == \result.udcids + CRR_LIST_HEAD + CRR_LIST_ENTRY * counts->nudcid;
     ensures \result.dsids == \result.taskids + CRR_TASKID_SIZE * counts->ntaskid;
@@ -558,7 +566,7 @@ CRR_CONSTEXPR crr_fault crr_segments_fault(crr_segments const* s) {
         loop variant s->to - at; */
     while (s->to - at >= s->entry.stride) {
         uint64_t const size_at = at + s->entry.fingerprint, offset_at = at + s->entry.offset;
-        uint32_t const size = s->entry.size_width == 4 ? crr_load32(s->bytes + size_at, s->big) : 0;
+        uint32_t const size = crr_load32(s->bytes + size_at, s->big);
         if (size >= CRR_IMPLAUSIBLE_SIZE && !s->sub_do && size_fault.code == 0) {
             size_fault = crr_fault_of(CR_FINDING_SEGMENT_SIZE, size_at, size, CRR_IMPLAUSIBLE_SIZE - 1);
         }
@@ -614,6 +622,7 @@ typedef struct crr_do {
 
 /*@ predicate crr_do_is_laid_out(crr_do* r) =
       r->layout.entries == CRR_DO_HEADER_SIZE && r->layout.entries <= r->layout.dcids &&
+      r->layout.dcids == r->layout.entries + crr_entries_size(r->layout.segments, r->entry.stride) &&
       r->layout.dcids <= r->layout.udcids && r->layout.udcids <= r->layout.taskids &&
       r->layout.taskids <= r->layout.dsids && r->layout.dsids <= r->layout.trefs &&
       r->layout.trefs <= r->layout.tail && r->layout.tail + CRR_BLOOM_TAIL_SIZE <= r->layout.total < 0x8000000000 &&
@@ -631,7 +640,8 @@ typedef struct crr_do {
       (r->entry.offset_width == 0 || r->entry.offset_width == 4 || r->entry.offset_width == 8) &&
       r->entry.stride == r->entry.fingerprint + r->entry.size_width + r->entry.offset_width &&
       (r->entry.size_width == 0 ==> r->entry.offset_width == 0 && r->entry.check != CRR_CHECK_SUM) &&
-      (r->entry.check == CRR_CHECK_OFFSETS ==> r->entry.offset_width == 8);
+      (r->entry.check == CRR_CHECK_OFFSETS ==> r->entry.offset_width == 8) &&
+      CRR_CHECK_NONE <= r->entry.check <= CRR_CHECK_OFFSETS;
     predicate crr_do_is_open(crr_do* r) = \valid_read(r) && \valid_read(r->bytes + (0 .. r->layout.total - 1)) &&
       crr_do_is_laid_out(r) && crr_do_has_entries(r); */
 
@@ -746,11 +756,12 @@ typedef struct crr_segment {
     ensures \result.fingerprint == \null || \valid_read(\result.fingerprint + (0 .. \result.width - 1)); */
 CRR_CONSTEXPR crr_segment crr_do_segment(crr_do const* r, uint32_t i) {
     crr_segment segment = {0, 0, 0, UINT64_MAX, 0};
-    uint64_t const at = r->layout.entries + (uint64_t)i * r->entry.stride;
-    if (i >= r->layout.segments || r->layout.dcids - r->layout.entries < r->entry.stride ||
-        at > r->layout.dcids - r->entry.stride) {
+    if (i >= r->layout.segments) {
         return segment;
     }
+    //@ assert (i + 1) * r->entry.stride <= crr_entries_size(r->layout.segments, r->entry.stride);
+    uint64_t const at = r->layout.entries + (uint64_t)i * r->entry.stride;
+    //@ assert at + r->entry.stride <= r->layout.dcids;
     segment.fingerprint = r->bytes + at;
     segment.width = r->entry.fingerprint;
     segment.size = r->entry.size_width == 4 ? crr_load32(r->bytes + at + r->entry.fingerprint, r->big)
