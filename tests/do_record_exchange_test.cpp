@@ -219,10 +219,14 @@ TEST(DORecordExchange, ReportsEachFault) {
     EXPECT_EQ(DORecordSerializedValidate(all.data(), all.size(), 4, 0, 0), CR_STATUS_OK);
 }
 
-// A bitmap of 4 GiB - 1 after the form's head and the 28 bytes of its list. Only these are read.
+// A bitmap of 4 GiB - 1 after the form's head and the 28 bytes of its list. Only these are read. The parser reads only
+// the head of a form with segments.
 TEST(DORecordExchange, RejectsAFormWhoseRecordIsTooLarge) {
     constexpr unsigned long kBitmap = 0xffffffff, kSize = 28 + 28 + kBitmap;
-    void* const form = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    constexpr unsigned long kSegments = 178956967, kSegmentForm = 29 + (33 + 8) * kSegments;
+    static_assert(104 + (16 + 8) * kSegments > kBitmap && kSegmentForm > kSize);
+    void* const form =
+        mmap(nullptr, kSegmentForm, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     ASSERT_NE(form, MAP_FAILED);
     std::memset(static_cast<char*>(form) + 28, 0xff, 4);
     std::vector<Finding> findings;
@@ -230,7 +234,10 @@ TEST(DORecordExchange, RejectsAFormWhoseRecordIsTooLarge) {
     EXPECT_EQ(DORecordSerializedDiagnose(form, kSize, CR_DO_TYPE_BLOOM_FILTER, 0, 0, first, &findings),
               CR_STATUS_CORRUPT_RECORD);
     ExpectOne(findings, {CR_FINDING_FORM_TOO_LARGE, 0, 20, 96 + 8 + kBitmap, kBitmap, "nfp", ""}, "serialized DO");
-    munmap(form, kSize);
+    Bytes const count = Spelled(kSegments, 4, true);
+    std::copy(count.begin(), count.end(), static_cast<unsigned char*>(form) + 20);
+    EXPECT_EQ(Refusal([&] { DORecord(CR_DO_TYPE_ORIGINAL, 0, nullptr, 0, form, kSegmentForm, false); }), "9: ");
+    munmap(form, kSegmentForm);
 }
 
 // Segments are read in blocks of 256; the checks continue from each block to the next.

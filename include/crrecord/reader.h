@@ -403,12 +403,6 @@ CRR_CONSTEXPR uint64_t crr_list_size(uint32_t nudcid) {
     return nudcid == 0 ? 0 : CRR_LIST_HEAD + (uint64_t)CRR_LIST_ENTRY * nudcid;
 }
 
-// The bytes of all entries. As a product of two variables the provers would expand it.
-/*@ axiomatic Entries {
-      logic integer crr_entries_size(integer segments, integer stride);
-      axiom entries_size: \forall integer n, stride; crr_entries_size(n, stride) == n * stride;
-    } */
-
 /*@ predicate crr_layout_is_ordered(crr_do_layout l) =
       l.entries == CRR_DO_HEADER_SIZE && l.entries <= l.dcids && l.dcids <= l.udcids <= l.taskids <= l.dsids <= l.trefs
    <= l.tail && l.tail + CRR_BLOOM_TAIL_SIZE <= l.total < 0x8000000000; */
@@ -419,7 +413,6 @@ CRR_CONSTEXPR uint64_t crr_list_size(uint32_t nudcid) {
     ensures crr_layout_is_ordered(\result);
     ensures counts->bloom != 0 ==> \result.segments == 0 &&
       \result.udcids == \result.entries + CRR_BLOOM_LENGTH_SIZE + counts->bsize + CRR_BLOOM_END_SIZE;
-    ensures \result.dcids == \result.entries + crr_entries_size(\result.segments, stride);
     ensures counts->bloom == 0 ==> \result.udcids == \result.dcids + CRR_DCID_SIZE * \result.segments;
     ensures counts->nudcid != 0 ==> \result.taskids == \result.udcids + CRR_LIST_HEAD + CRR_LIST_ENTRY * counts->nudcid;
     ensures \result.dsids == \result.taskids + CRR_TASKID_SIZE * counts->ntaskid;
@@ -622,7 +615,6 @@ typedef struct crr_do {
 
 /*@ predicate crr_do_is_laid_out(crr_do* r) =
       r->layout.entries == CRR_DO_HEADER_SIZE && r->layout.entries <= r->layout.dcids &&
-      r->layout.dcids == r->layout.entries + crr_entries_size(r->layout.segments, r->entry.stride) &&
       r->layout.dcids <= r->layout.udcids && r->layout.udcids <= r->layout.taskids &&
       r->layout.taskids <= r->layout.dsids && r->layout.dsids <= r->layout.trefs &&
       r->layout.trefs <= r->layout.tail && r->layout.tail + CRR_BLOOM_TAIL_SIZE <= r->layout.total < 0x8000000000 &&
@@ -756,12 +748,12 @@ typedef struct crr_segment {
     ensures \result.fingerprint == \null || \valid_read(\result.fingerprint + (0 .. \result.width - 1)); */
 CRR_CONSTEXPR crr_segment crr_do_segment(crr_do const* r, uint32_t i) {
     crr_segment segment = {0, 0, 0, UINT64_MAX, 0};
-    if (i >= r->layout.segments) {
+    uint64_t const at = r->layout.entries + (uint64_t)i * r->entry.stride;
+    // The first comparison implies the others. With them the provers need not compare products.
+    if (i >= r->layout.segments || r->layout.dcids - r->layout.entries < r->entry.stride ||
+        at > r->layout.dcids - r->entry.stride) {
         return segment;
     }
-    //@ assert (i + 1) * r->entry.stride <= crr_entries_size(r->layout.segments, r->entry.stride);
-    uint64_t const at = r->layout.entries + (uint64_t)i * r->entry.stride;
-    //@ assert at + r->entry.stride <= r->layout.dcids;
     segment.fingerprint = r->bytes + at;
     segment.width = r->entry.fingerprint;
     segment.size = r->entry.size_width == 4 ? crr_load32(r->bytes + at + r->entry.fingerprint, r->big)
