@@ -47,6 +47,9 @@ inline void MustHaveFields(crr_do const& record, DORecordView const& view) {
              "segment");
     }
     Must(i == record.layout.segments && !crr_do_segment(&record, i).fingerprint, "number of segments");
+    Must(crr_do_unique_dcid(&record, h.nudcid).dcid == 0 && crr_do_taskid(&record, h.ntaskid) == 0 &&
+             crr_do_dsid(&record, h.nds) == 0,
+         "an index after the last gives zeros");
     i = 0;
     for (DOUniqueDCID const& entry : view.UniqueDCIDs()) {
         crr_unique_dcid const read = crr_do_unique_dcid(&record, i++);

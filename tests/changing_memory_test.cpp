@@ -15,6 +15,7 @@
 
 #include <csetjmp>
 #include <csignal>
+#include <set>
 
 #include <sys/mman.h>
 #include <ucontext.h>
@@ -91,14 +92,18 @@ bool StaysInside(Use use, Bytes const& record, unsigned long number, Bytes const
     return true;
 }
 
+Bytes Changed(Bytes bytes, Change const& change) {
+    for (auto const& [offset, value] : change) {
+        bytes.at(offset) = value;
+    }
+    return bytes;
+}
+
 // Makes each change once before each load.
 void ExpectInside(Use use, Bytes const& record, std::vector<Change> const& changes) {
     unsigned long made = 0, escapes = 0;
     for (Change const& change : changes) {
-        Bytes after = record;
-        for (auto const& [offset, value] : change) {
-            after.at(offset) = value;
-        }
+        Bytes const after = Changed(record, change);
         unsigned long number = 0;
         do {
             escapes += StaysInside(use, record, ++number, after) ? 0 : 1;
@@ -240,6 +245,35 @@ TEST(ChangingMemory, ExchangeFormLoadsStayInside) {
     }
     for (Use const use : {DiagnoseForm<4>, Parse<4>}) {
         ExpectInside(use, SpellForm(Example(4, 1), true), changes);
+    }
+}
+
+int firstError;
+
+void KeepFirstError(unsigned char const* record, unsigned long size) {
+    firstError = 0;
+    auto const keep = [](cr_finding_t const* finding, void*) {
+        firstError = finding->severity == CR_FINDING_ERROR ? finding->code : 0;
+        return false;
+    };
+    EXPECT_EQ(DORecordDiagnose(record, size, 0, keep, nullptr) == CR_STATUS_OK, firstError == 0);
+}
+
+// A list whose sums break a rule is read again to find the segment. If it was mended meanwhile, the record is invalid
+// nevertheless: the values that were read first broke a rule.
+TEST(ChangingMemory, AMendedSegmentListIsInvalid) {
+    for (auto const& [dotype, faulty, fault, mended] :
+         {std::tuple(2, 80 + 16 + (kBig ? 0 : 3), CR_FINDING_SEGMENT_SIZE, CR_FINDING_SEGMENT_SUM),
+          {3, 80 + 20 + (kBig ? 0 : 7), CR_FINDING_SEGMENT_OFFSET, CR_FINDING_SEGMENT_END}}) {
+        Bytes const good = Spell(Example(static_cast<unsigned char>(dotype), 0)).bytes;
+        Bytes const bad = Changed(good, {{faulty, 0x80}});
+        std::set<int> errors;
+        unsigned long number = 0;
+        do {
+            EXPECT_TRUE(StaysInside(KeepFirstError, bad, ++number, good));
+            errors.insert(firstError);
+        } while (loads == number);
+        EXPECT_EQ(errors, (std::set<int>{0, fault, mended}));
     }
 }
 

@@ -196,6 +196,12 @@ TEST(DORecordExchange, ReportsEachFault) {
         EXPECT_EQ(with(DORecordSerializedValidate), CR_STATUS_CORRUPT_RECORD);
         EXPECT_EQ(log.Take(), "trace 0: " + findings[0].message + "\n");
         EXPECT_EQ(Construction(values.dotype, values.fptype, changed).substr(0, 4), bad.refusal);
+        Bytes memory(1024); // also into a given buffer
+        auto const into = [&] {
+            OpenRecord(values.dotype, values.fptype, memory.data(), memory.size(), changed.data(), changed.size(),
+                       false);
+        };
+        EXPECT_EQ(Refusal(into).substr(0, 4), bad.refusal);
     }
     // All faults are reported, in order.
     all = form;
@@ -213,10 +219,14 @@ TEST(DORecordExchange, ReportsEachFault) {
     EXPECT_EQ(DORecordSerializedValidate(all.data(), all.size(), 4, 0, 0), CR_STATUS_OK);
 }
 
-// A bitmap of 4 GiB - 1 after the form's head and the 28 bytes of its list. Only these are read.
+// A bitmap of 4 GiB - 1 after the form's head and the 28 bytes of its list. Only these are read. The parser reads only
+// the head of a form with segments.
 TEST(DORecordExchange, RejectsAFormWhoseRecordIsTooLarge) {
     constexpr unsigned long kBitmap = 0xffffffff, kSize = 28 + 28 + kBitmap;
-    void* const form = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    constexpr unsigned long kSegments = 178956967, kSegmentForm = 29 + (33 + 8) * kSegments;
+    static_assert(104 + (16 + 8) * kSegments > kBitmap && kSegmentForm > kSize);
+    void* const form =
+        mmap(nullptr, kSegmentForm, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     ASSERT_NE(form, MAP_FAILED);
     std::memset(static_cast<char*>(form) + 28, 0xff, 4);
     std::vector<Finding> findings;
@@ -224,7 +234,10 @@ TEST(DORecordExchange, RejectsAFormWhoseRecordIsTooLarge) {
     EXPECT_EQ(DORecordSerializedDiagnose(form, kSize, CR_DO_TYPE_BLOOM_FILTER, 0, 0, first, &findings),
               CR_STATUS_CORRUPT_RECORD);
     ExpectOne(findings, {CR_FINDING_FORM_TOO_LARGE, 0, 20, 96 + 8 + kBitmap, kBitmap, "nfp", ""}, "serialized DO");
-    munmap(form, kSize);
+    Bytes const count = Spelled(kSegments, 4, true);
+    std::copy(count.begin(), count.end(), static_cast<unsigned char*>(form) + 20);
+    EXPECT_EQ(Refusal([&] { DORecord(CR_DO_TYPE_ORIGINAL, 0, nullptr, 0, form, kSegmentForm, false); }), "9: ");
+    munmap(form, kSegmentForm);
 }
 
 // Segments are read in blocks of 256; the checks continue from each block to the next.
@@ -257,6 +270,21 @@ TEST(DORecordExchange, ChecksSegmentsAcrossBlocks) {
     EXPECT_EQ(DORecordSerializedValidate(form.data(), form.size(), 2, 0, 1), CR_STATUS_CORRUPT_RECORD);
 }
 
+TEST(DORecordExchange, RejectsShortForms) {
+    std::tuple<unsigned char, unsigned long, Finding> const rows[] = {
+        {0, 28, {CR_FINDING_FORM_LENGTH, 0, 28, 28, 29, "length", {}}},
+        {4, 29, {CR_FINDING_FORM_CALCULATED, 0, 28, 56, 29, "bsize", {}}},
+        {4, 55, {CR_FINDING_FORM_CALCULATED, 0, 28, 56, 55, "bsize", {}}},
+    };
+    for (auto const& [dotype, size, expected] : rows) {
+        Bytes const form(size);
+        std::vector<Finding> findings;
+        EXPECT_EQ(DORecordSerializedDiagnose(form.data(), size, dotype, 0, 0, Collect, &findings), 32);
+        ExpectOne(findings, expected, "serialized DO");
+        EXPECT_EQ(Construction(dotype, 0, form), "32: ");
+    }
+}
+
 TEST(DORecordExchange, RejectsOddArguments) {
     Bytes const form = SpellForm(Example(3, 0), false);
     EXPECT_EQ(Construction(6, 0, {}), "65: ");
@@ -264,6 +292,12 @@ TEST(DORecordExchange, RejectsOddArguments) {
     EXPECT_EQ(Construction(3, 9, form), "9: invalid fptype for DO"); // parsed as 16 bytes wide
     EXPECT_EQ(DORecordSerializedValidate(form.data(), form.size(), 6, 0, 0), CR_STATUS_INVALID);
     EXPECT_EQ(DORecordSerializedValidate(form.data(), form.size(), 3, 0, 2), CR_STATUS_INVALID);
+    EXPECT_EQ(DORecordSerializedValidate(form.data(), form.size(), 3, 4, 0), CR_STATUS_INVALID);
+    EXPECT_EQ(DORecordSerializedValidate(nullptr, form.size(), 3, 0, 0), CR_STATUS_INVALID);
+    DORecordHeader* header = nullptr;
+    unsigned long size = 0;
+    EXPECT_EQ(DORecordHeaderDeserialize(nullptr, &size, form.data(), form.size(), 3, 0), CR_STATUS_NULL_ARGUMENT);
+    EXPECT_EQ(DORecordHeaderDeserialize(&header, nullptr, form.data(), form.size(), 3, 0), CR_STATUS_NULL_ARGUMENT);
 }
 
 } // namespace

@@ -49,6 +49,8 @@ TEST(DORecordSegments, AccessorsReturnValuesInEitherOrder) {
                 EXPECT_EQ(Bytes(copy.bytes, copy.bytes + sizeof copy), padded);
                 EXPECT_EQ(seen.offset, values.dotype == 3 || values.dotype == 5 ? offset : kNone64);
                 EXPECT_EQ(std::pair(seen.size, record->Segments()[i].dcid), std::pair(size, dcid));
+                EXPECT_EQ(seen.fingerprint == record->Segments()[0].fingerprint, i == 0);
+                EXPECT_EQ((seen.fingerprint != DOFingerprint{seen.fingerprint.data, 16}), values.fptype == 3);
             }
             EXPECT_TRUE(segment == record->Segments().end());
             EXPECT_EQ(record->Segments().size(), values.segments.size());
@@ -125,6 +127,7 @@ std::vector<ListRow> ListRows() {
         {3, 15, 0, {{10, 0}, {5, 10}}, "", ""},
         {3, 99, 0, {{10, 3}, {5, 20}}, "", ""},
         {3, 15, 0, {{10, 0}, {5, 9}}, offsets + "Offset of segm. 1:9. Previous segm. end:10.", "same"},
+        {3, 15, 0, {{10, 0}, {5, 9}, {5, 3}}, offsets + "Offset of segm. 1:9. Previous segm. end:10.", "same"},
         {3, 14, 0, {{10, 0}, {5, 10}}, offsets + "Original file size:14. End offset of last segment:15. ", "same"},
         {3, 0, 0, {{9, 1ul << 63}, {half, 0}}, large, far},
         {3, 0, 0, {{9, 1ul << 63}, {9, 0}}, far, "same"},
@@ -222,6 +225,10 @@ TEST(DORecordSegments, DerivedSizesAreTruncatedTo32Bits) {
     SegmentValues const segment{Bytes(16), 0, 0, 64};
     auto const record = Build({.size = 0x300000005, .ssize = 0x200000003, .segments = {segment, segment}});
     EXPECT_EQ(std::pair(record->GetSegmentSize(0), record->GetSegmentSize(1)), std::pair(3u, 2u));
+    // Without segments the last index is the greatest: 5 - 9 * 0xffffffff.
+    auto const empty = Build<OpenRecord>(Example(4, 0));
+    Hold(*empty, Spell({.size = 5, .ssize = 9}).bytes);
+    EXPECT_EQ(std::pair(empty->GetSegmentSize(0), empty->GetSegmentSize(0xffffffff)), std::pair(9u, 14u));
 }
 
 TEST(DORecordSegments, SeparateChecksNameTheSegment) {

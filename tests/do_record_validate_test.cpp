@@ -1,5 +1,6 @@
 // Findings in the bytes of DO records, and records and views made from valid bytes.
 
+#include "reader_agrees.h"
 #include "support/collect_findings.h"
 #include "support/log_capture.h"
 #include "support/record_memory.h"
@@ -15,6 +16,7 @@ std::vector<Finding> Diagnosis(Bytes const& bytes, unsigned int options) {
     bool const failed = !findings.empty() && findings[0].severity == CR_FINDING_ERROR;
     EXPECT_EQ(status, failed ? CR_STATUS_CORRUPT_RECORD : CR_STATUS_OK);
     EXPECT_EQ(DORecordHeaderValidate(bytes.data(), static_cast<unsigned int>(bytes.size()), options), status);
+    fuzz::AgreeOnDORecord(bytes, options);
     return findings;
 }
 
@@ -42,9 +44,11 @@ std::vector<Row> Rows() {
     std::size_t const end = s3.bytes.size(), list = s3.list, trefs = s3.references;
     unsigned long const first = v3.list[0].first, ends = v3.segments[0].size, far = ~0ul >> 1, sum = 0x7fffffff,
                         subDO = v2.size - v2.segments[1].size + ~0u;
-    RecordValues reserved = v3, tasks = v3, twice = v3, same = v3;
+    RecordValues reserved = v3, tasks = v3, selections = v3, twice = v3, same = v3;
+    RecordValues const empty{.dotype = 4};
     reserved.segments[2].dcid = 63;
     tasks.taskIds = {1, 2};
+    selections.dsids = {7};
     twice.list[1].first = first;
     same.references = {{2, 5}, {2, 5}};
     return {
@@ -72,12 +76,14 @@ std::vector<Row> Rows() {
         {CR_FINDING_DO_BLOOM_LENGTH, "bloom.length", bloom, 80, 6, 5, 4},
         {CR_FINDING_DO_DCID, "segments[2].dcid", reserved, s3.dcids + 16, 63, 64},
         {CR_FINDING_DO_LEGACY, "ntaskid", tasks, 0x34, 16, 0},
+        {CR_FINDING_DO_LEGACY, "nds", selections, 0x40, 4, 0},
         {CR_FINDING_DO_LIST_UNSORTED, "unique.entries[1].dcid", twice, list + 24, first, first + 1},
         {CR_FINDING_DO_REFERENCE_ORDER, "references", same, trefs + 10, 5, 5},
         {CR_FINDING_DO_NON_ZERO, "reserved", v3, 0x0b, 1, 0, 1},
         {CR_FINDING_DO_NON_ZERO, "bloom.end", bloom, s4.list - 1, 3, 0, 1},
         {CR_FINDING_DO_NON_ZERO, "tail", bloom, s4.tail, 4, 0, 1},
         {CR_FINDING_DO_NON_ZERO, "tail", v3, end - 1, 4, 0, 1},
+        {CR_FINDING_DO_NON_ZERO, "tail", empty, 100, 4, 0, 1, 100, 4, CR_DO_NO_REFERENCES},
         {CR_FINDING_DO_BSIZE, "bsize", v3, 0x48, 1, 0, 4},
     };
 }
@@ -137,11 +143,44 @@ TEST(DORecordValidate, ReportsAllFaultsInOrder) {
     auto const stop = [](cr_finding_t const*, void* count) { return ++*static_cast<unsigned int*>(count) == 3; };
     EXPECT_EQ(DORecordDiagnose(bytes.data(), bytes.size(), 0, stop, &calls), CR_STATUS_CORRUPT_RECORD);
     EXPECT_EQ(calls, 1u);
+    RecordValues odd = Full(1, 0); // with two notes
+    odd.taskIds = {1};
+    odd.segments[0].dcid = 63;
+    Bytes const noted = Spell(odd).bytes;
+    EXPECT_EQ(DORecordDiagnose(noted.data(), noted.size(), 0, stop, &(calls = 3)), CR_STATUS_OK);
+    EXPECT_EQ(calls, 4u);
     LogCapture log(1);
     EXPECT_EQ(DORecordHeaderValidate(bytes.data(), 104, 0), 32);
     EXPECT_EQ(log.Take(), "trace 0: Invalid DO record: type 255, expected 3\n");
     EXPECT_EQ(DORecordHeaderValidate(bytes.data(), 103, 0), 32);
     EXPECT_EQ(log.Take(), "trace 0: Invalid DO record: size 103, expected at least 104\n");
+    for (unsigned int const size : {0u, 103u, 104u}) {
+        bytes.resize(size);
+        Diagnosis(bytes, 0);
+    }
+}
+
+TEST(DORecordValidate, RejectsOddArguments) {
+    Bytes const bytes = Spell(Full(3, 1)).bytes;
+    for (auto const& [from, option] : {std::pair(bytes.data(), 8u), {bytes.data(), 1u << 31}, {nullptr, 0u}}) {
+        auto const size = static_cast<unsigned int>(bytes.size());
+        EXPECT_EQ(DORecordHeaderValidate(from, size, option), CR_STATUS_INVALID);
+        EXPECT_EQ(DORecordDiagnose(from, size, option, nullptr, nullptr), CR_STATUS_INVALID);
+        fuzz::AgreeOnDORecord({from, size}, option);
+        fuzz::AgreeOnSegmentRecord({from, size}, option);
+        EXPECT_EQ(Refusal([&, at = from, bit = option] { DORecordView(at, size, bit); }), "9: ");
+    }
+    // The order is detected.
+    EXPECT_EQ(Refusal([&] { DORecordView(bytes.data(), bytes.size(), CR_DO_NETWORK_ORDER); }), "9: ");
+    for (auto const& [code, name] : {std::pair(CR_FINDING_NOTE, "note"),
+                                     {CR_FINDING_ERROR, "error"},
+                                     {CR_FINDING_SO_LENGTH, "so-length"},
+                                     {CR_FINDING_FORM_CHECKSUM, "form-checksum"},
+                                     {CR_FINDING_SO_LENGTH - 1, "unknown"},
+                                     {CR_FINDING_DO_BSIZE + 1, "unknown"},
+                                     {CR_FINDING_FORM_CHECKSUM + 1, "unknown"}}) {
+        EXPECT_STREQ(CRFindingName(code), name);
+    }
 }
 
 // Valid records with one bit changed, too, if they are still valid.
@@ -161,6 +200,7 @@ TEST(DORecordValidate, ValidRecordsWorkInEveryOperation) {
         for (std::size_t at = 0; at < bytes.size(); ++at) {
             auto const bit = static_cast<unsigned char>(1 << at % 8);
             bytes[at] ^= bit;
+            fuzz::AgreeOnDORecord(bytes, order | subDO);
             if (DORecordDiagnose(bytes.data(), bytes.size(), order | subDO, nullptr, nullptr) == CR_STATUS_OK) {
                 EXPECT_STREQ(UseEverything(bytes.data(), bytes.size(), order | subDO), nullptr) << at;
             }
@@ -188,9 +228,14 @@ void ExpectView(RecordValues const& values, Bytes const& bytes, bool network) {
     for (DOUniqueDCID const& entry : v.UniqueDCIDs()) {
         seen.list.emplace_back(entry.dcid, entry.bytes);
     }
-    for (DOReference const& reference : v.References()) {
+    DOReferenceRange const references = v.References();
+    DOReferenceRange::iterator next;
+    next = references.begin();
+    while (next != references.end()) {
+        auto const reference = *next++;
         seen.references.emplace_back(reference.kind, reference.id);
     }
+    EXPECT_EQ(references.empty(), values.references.empty());
     EXPECT_EQ(Spell(seen, network).bytes, bytes);
 }
 

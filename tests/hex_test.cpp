@@ -1,4 +1,5 @@
-// Both forms of the hexadecimal conversion reject what is no digit. Their values: fuzz target conversions.
+// All forms of the hexadecimal conversion write each byte, and reject what is no digit. The values that they read: fuzz
+// target conversions.
 
 #include "base/hex.h"
 #include "support/exchange/segment_codec.h"
@@ -8,6 +9,28 @@
 namespace {
 
 constexpr char kDigits[] = "0123456789abcdef";
+
+TEST(Hex, EncodesEveryByte) {
+    for (int value = 0; value < 256; ++value) {
+        std::string expected;
+        for (int i = 0; i < 32; ++i) {
+            expected += {kDigits[value / 16], kDigits[value % 16]};
+        }
+        unsigned char bytes[32];
+        std::fill_n(bytes, 32, static_cast<unsigned char>(value));
+        std::string text(64, '?');
+        for (auto* const encode : {crrecord::portable::Encode16, crrecord::hex::Encode16}) {
+            encode(bytes, text.data());
+            EXPECT_EQ(text.substr(0, 32), expected.substr(0, 32));
+        }
+        expected.push_back('\0');
+        for (auto const codec : {crrecord::BaseSegmentCodec(3, 0), &crrecord::SegmentCodecFor(3, 0)}) {
+            std::string form(65, '?');
+            codec->encode(reinterpret_cast<unsigned char*>(form.data()), bytes, 1);
+            EXPECT_EQ(form, expected);
+        }
+    }
+}
 
 TEST(Hex, RejectsOtherCharactersAtEveryPosition) {
     for (std::size_t at = 0; at < 64; ++at) {

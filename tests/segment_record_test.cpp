@@ -2,6 +2,7 @@
 
 #include <crrecord/SOmarshall.h>
 
+#include "reader_agrees.h"
 #include "support/log_capture.h"
 #include "support/segment_bytes.h"
 
@@ -119,6 +120,7 @@ Lines Findings(Bytes const& bytes, unsigned long size, unsigned int options, cr_
     };
     EXPECT_EQ(SegmentRecordDiagnose(bytes.data(), size, options, see, &seen), expected);
     EXPECT_EQ(SegmentRecordDiagnose(bytes.data(), size, options, nullptr, nullptr), expected);
+    fuzz::AgreeOnSegmentRecord({bytes.data(), size}, options);
     return seen.first;
 }
 
@@ -183,6 +185,12 @@ TEST(Diagnose, ReportsEveryErrorAndNote) {
               Lines{"103 so-recsize recsize@4 160/4294967456 error Invalid SO record: recsize 160, size 4294967456"});
     EXPECT_EQ(Findings(good, 160, 4, CR_STATUS_INVALID, 1), Lines{});
     EXPECT_EQ(Findings({}, 160, 0, CR_STATUS_INVALID, 1), Lines{});
+    Bytes contained = good;
+    std::memset(&contained[24], 0, 16); // container and file
+    for (unsigned long const dcid : {0ul, 1ul, 2ul, 63ul, 64ul}) {
+        SetLow(contained, false, 24, 8, dcid);
+        EXPECT_EQ(Findings(contained, 160, 0, CR_STATUS_OK, 9).empty(), dcid == 1 || dcid == 64) << dcid;
+    }
     for (unsigned long const fileId : {0ul, 1ul, 1ul << 32}) {
         EXPECT_EQ(RecordInContainer(fileId), fileId == 0);
     }

@@ -79,6 +79,8 @@ TEST(TRef, FormsRoundTripAndValuesAreOrdered) {
         EXPECT_STREQ(CRTRefToString(shown, sizeof shown, value), row.text);
         EXPECT_STREQ(CRTRefToString(shown, 4, value), text.substr(0, 3).c_str());
         EXPECT_STREQ(CRTRefToString(shown, 5, nullptr), "null");
+        EXPECT_STREQ(CRTRefToString(shown, 0, value), "null");
+        EXPECT_EQ(CRTRefToString(nullptr, 5, value), nullptr);
         for (auto const& other : kForms) {
             Handle const right = Make(other.kind, other.id);
             int const compared = CRTRefCompare(value, right->Get());

@@ -48,10 +48,7 @@ void RecordInternals::Adopt(DORecord& record, Order order, unsigned int options)
         if (!record.ownsBuffer) {
             RefuseLegacyArrays();
         }
-        if (record.networkOrder) {
-            record.NetworkToHost(0);
-        }
-        record.convertToTRefs();
+        record.convertToTRefs(); // in host order: only FromBuffer adopts a buffer that the record owns
         return;
     }
     std::uint64_t const stored = layout.tail - layout.trefs;

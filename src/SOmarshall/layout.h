@@ -58,7 +58,7 @@ inline constexpr unsigned int kTaskIdSize = CRR_TASKID_SIZE;
 inline constexpr unsigned int kSpareSize = CR_SO_RECORD_SIZE - CR_SO_FIXED_SIZE;
 
 // The fields fill the fixed part without a gap.
-constexpr bool FieldsAreDense() {
+consteval bool FieldsAreDense() {
     unsigned int at = 0;
     for (Field const& field : kFields) {
         if (field.offset != at) {

@@ -11,7 +11,7 @@ constexpr std::uint64_t kBound = std::uint64_t{1} << 39;
 
 // True if `holds` is true for each DO type and fingerprint type, and for the values after the last of both.
 template <class Holds>
-constexpr bool ForAllTypes(Holds holds) {
+consteval bool ForAllTypes(Holds holds) {
     for (unsigned int dotype = 0; dotype <= CR_DO_TYPE_LAST + 1; ++dotype) {
         for (unsigned int fptype = 0; fptype <= CR_FP_TYPE_LAST + 1; ++fptype) {
             if (!holds(static_cast<unsigned char>(dotype), static_cast<unsigned char>(fptype))) {

@@ -45,7 +45,7 @@ public:
     // True: later findings are not reported, so their checks can be skipped.
     bool Stopped() const noexcept { return stopped_; }
     // False: no callback takes notes, or there was an error. Their checks are skipped.
-    bool NotesDue() const noexcept { return wantsNotes_ && !failed_ && !stopped_; }
+    bool NotesDue() const noexcept { return wantsNotes_ && !failed_; }
 
     cr_status_t Status() const noexcept { return failed_ ? CR_STATUS_CORRUPT_RECORD : CR_STATUS_OK; }
 
