@@ -7,10 +7,13 @@
 #include <stdexcept>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include <pthread.h>
 
 namespace {
+
+using crrecord::tool::UsedBy;
 
 struct Piece {
     unsigned long number = 0;
@@ -19,11 +22,12 @@ struct Piece {
 
 TEST(Pipeline, ProcessesPiecesOnceInOrderForAnyThreadCount) {
     for (unsigned int const threads : {1u, 2u, 7u}) {
-        for (unsigned long const pieces : {0ul, 1ul, 1000ul}) {
+        for (unsigned long const pieces : {0ul, 1ul, 1000ul, 1001ul}) {
+            auto const usedBy = pieces % 2 == 0 ? UsedBy::AnyThread : UsedBy::CallingThread;
             std::vector<unsigned long> used, expected;
             crrecord::tool::Pipeline<Piece> pipeline(
                 threads, [](Piece& piece) { piece.result = piece.number * piece.number; },
-                [&](Piece& piece) { used.push_back(piece.result); });
+                [&](Piece& piece) { used.push_back(piece.result); }, usedBy);
             for (unsigned long i = 0; i < pieces; ++i) {
                 pipeline.Next().number = i;
                 pipeline.Submit();
@@ -58,17 +62,18 @@ TEST(Pipeline, WorksWhenNoThreadStarts) {
 
 // An exception of one piece's work is thrown when that piece is due. Other pieces may be in work then.
 TEST(Pipeline, RethrowsWhenThePieceIsDue) {
-    for (unsigned int const threads : {1u, 3u}) {
+    for (auto const& how : {std::pair(1u, UsedBy::CallingThread), std::pair(3u, UsedBy::CallingThread),
+                            std::pair(3u, UsedBy::AnyThread)}) {
         unsigned long used = 0;
         auto const run = [&] {
             crrecord::tool::Pipeline<Piece> pipeline(
-                threads,
+                how.first,
                 [](Piece& piece) {
                     if (piece.number % 20 == 19) {
                         throw std::runtime_error(std::to_string(piece.number));
                     }
                 },
-                [&](Piece&) { ++used; });
+                [&](Piece&) { ++used; }, how.second);
             for (unsigned long i = 0; i < 1000; ++i) {
                 pipeline.Next().number = i;
                 pipeline.Submit();

@@ -105,9 +105,15 @@ ExitCode Run(int argc, char** argv) {
     } catch (CLI::ParseError const& error) {
         return EndParsing(app, error, out);
     }
-    ExitCode const result = chosen(out);
-    out.Flush();
-    return result;
+    OutputBeforeMessages const inOrder(out);
+    try {
+        ExitCode const result = chosen(out);
+        out.Flush();
+        return result;
+    } catch (...) {
+        out.Flush(); // the results before the failure
+        throw;
+    }
 }
 
 } // namespace

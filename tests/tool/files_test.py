@@ -60,9 +60,6 @@ def sources():
     """Build, verify by name, change one byte, build again with --known, diff."""
     for part in ("src", "tools", "tests", "docs"):
         shutil.copytree(SOURCES / part, pathlib.Path("tree") / part, ignore=shutil.ignore_patterns("__pycache__"))
-    for path in pathlib.Path("tree").rglob("*"):
-        if path.is_file() and path.stat().st_size == 0:
-            path.unlink()
     files = sorted(os.fsencode(path) for path in pathlib.Path("tree").rglob("*") if path.is_file())
     options = ("--cut", "content:1K:4K:16K", "--container-size", "256K", "--fptype", 2, "--json")
     first = json.loads(run("build", "-r", "tree", "-o", "all.do", "--names", "all.idx", "--segments-out", "all.seg",
@@ -160,25 +157,33 @@ def folder():
     os.mkfifo("tree/pipe")
     socket.socket(socket.AF_UNIX).bind("tree/socket")
     pathlib.Path("tree/nothing").touch()
+    files[b"tree/nothing"] = b""
     pathlib.Path("tree/all.do").write_bytes(b"former")
-    done = run("build", "-r", "tree/", "-o", "tree/all.do", "--names", "all.idx", "--json", "--segment-size", "64K",
-               status=1)
+    done = run("build", "-r", "tree/", "-o", "tree/all.do", "--names", "all.idx", "--json", "--segment-size", "64K")
     closing = json.loads(done.stdout)
     counts = [closing[name] for name in ("records", "failed", "skipped", "gap_bytes")]
-    check(counts == [str(len(files)), "1", "5", "65536"], closing)
-    for text in ("tree/link: is a symbolic link", "tree/pipe: is not", "tree/socket: is not", "tree/all.do: is an output",
-                 "tree/nothing: is empty"):
+    check(counts == [str(len(files)), "0", "5", "65536"], closing)
+    for text in ("tree/link: is a symbolic link", "tree/pipe: is not", "tree/socket: is not", "tree/all.do: is an output"):
         check(f"crrecord: {text}".encode() in done.stderr, text, done.stderr)
     os.rename("tree/all.do", "all.do")
     records = objects("all.do")
     check([name for name, _ in records] == sorted(files), [name for name, _ in records])
     check({name: int(record["size"]) for name, record in records} == {n: len(d) for n, d in files.items()}, "sizes")
+    # The record of an empty file is its fixed part and the last 24 bytes. All DO types have such a record.
+    empty = dict(records)[b"tree/nothing"]
+    check((empty["recsize"], empty["nfp"], empty["size"], empty["CRC"], empty["flags"]) == (104, 0, "0", 0, 2), empty)
+    for dotype in (0, 1, 2, 3, 5):
+        run("build", "tree/nothing", "tree/bb", "-o", "few.do", "--names", "few.idx", "--dotype", dotype, "--task", 7)
+        check(run("refs", "few.do").stdout == b"record 1: task:7\nrecord 2: task:7\n", dotype)
+        check(run("verify", "--names", "few.idx", "few.do").stdout == b"few.do: 2 files, 1 byte: all match their records\n",
+              "an empty file")
+    run("build", "tree/nothing", "-o", "one.do", status=2)
     os.rename("tree", "moved")
     run("verify", "--names", "all.idx", "all.do", status=2)
     os.mkdir("at")
     os.rename("moved", "at/tree")
     done = run("verify", "--names", "all.idx", "-C", "at", "all.do")
-    check(done.stdout == f"all.do: 8 files, {sum(map(len, files.values()))} bytes: all match their records\n".encode(),
+    check(done.stdout == f"all.do: 9 files, {sum(map(len, files.values()))} bytes: all match their records\n".encode(),
           done.stdout)
     # A list of names. Standard input is the list, so it is no file; the records stay in the order of the list.
     names = b"at/tree/bb\0at/none\0-\0\0at/tree/b.c\0all.do\0at/tree/b.c"
@@ -232,6 +237,30 @@ def outputs():
     check(process.returncode == 1 and process.stderr.read() == b"crrecord: grow: file changed while it was read\n"
           and [line["name"] for line in lines_of(pathlib.Path("y").read_bytes())] == ["one", "two"]
           and pathlib.Path("z").read_bytes() == segments, "a file that changes", process.stdout.read())
+    # A check time for the records whose files match, and all other bytes as they were.
+    two.write_bytes(b"3" * 100)
+    former = before["do"]
+    for given, options in ((former, ()), (former + b"junk" + former[:180], ("--scan",))):
+        pathlib.Path("given").write_bytes(given)
+        done = run("verify", "--stamp", "--names", "idx", "given", "-o", "given", "--json", *options, status=1)
+        total = lines_of(done.stdout)[-1]
+        conform("verifyTotalLine", [total])
+        check(total["stamped"] == "1", total)
+        stamped = pathlib.Path("given").read_bytes()
+        check(stamped == given[:12] + total["checktime"].to_bytes(4, "big") + given[16:], options)
+    pathlib.Path("given").write_bytes(former + b"junk" + former[:180])
+    for arguments in (("given",), ("do", "-C", "folder")):
+        run("verify", "--stamp", "--names", "idx", *arguments, "-o", "none", status=2 if "-C" in arguments else 1)
+    check(run("verify", "--stamp", "--names", "idx", "do", "-o", "two", status=2).stderr.endswith(b"would replace\n")
+          and two.read_bytes() == b"3" * 100, "a compared file was replaced")
+    # The names of two records that are compared.
+    run("build", "one", "-o", "a", "--names", "a.idx")
+    run("build", "two", "-o", "b", "--names", "b.idx")
+    names = ("diff", "--names", "a.idx", "--names", "b.idx", "a", "b")
+    check(run(*names, status=1).stdout.endswith(b"a: one and b: two: different\n"), "names of a comparison")
+    line = lines_of(run(*names, "--json", "--summary", status=1).stdout)
+    conform("diffLine", line)
+    check((line[0]["a_name"], line[0]["b_name"]) == ("one", "two"), line)
     # A run that is killed while it reads.
     os.mkfifo("pipe")
     kept = set(os.listdir())

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <csignal>
+#include <cstring>
 #include <span>
 
 #include <fcntl.h>
@@ -14,8 +15,25 @@
 
 namespace crrecord::tool {
 
+namespace {
+
+Output* beforeMessages = nullptr;
+
+} // namespace
+
+OutputBeforeMessages::OutputBeforeMessages(Output& out) {
+    beforeMessages = &out;
+}
+
+OutputBeforeMessages::~OutputBeforeMessages() {
+    beforeMessages = nullptr;
+}
+
 void Complain(std::string_view text) {
-    Progress::Wipe();
+    if (beforeMessages) {
+        beforeMessages->FlushLines();
+    }
+    auto const hidden = Progress::Hide();
     std::string const line = "crrecord: " + Printable(text) + "\n";
     // A failure cannot be reported: there is no output left.
     [[maybe_unused]] ssize_t const written = ::write(STDERR_FILENO, line.data(), line.size());
@@ -46,13 +64,15 @@ void Output::Paint(std::string_view text, Colour colour) {
     FlushWhenFull();
 }
 
-void Output::Flush() {
+void Output::FlushTo(std::uint64_t position) {
+    if (position <= flushed_) {
+        return;
+    }
     MakeReady();
-    ready_ = 0;
-    std::size_t const size = buffer_.size();
+    std::size_t const size = position - flushed_;
     if (!whole_) {
-        WriteToFile();
-    } else if (size < kWrittenAlone) {
+        WriteToFile(size);
+    } else if (size < kWrittenAlone || size != buffer_.size()) {
         whole_->WriteSequence({buffer_.data(), size});
         whole_->FlushWhenFull();
     } else {
@@ -60,16 +80,29 @@ void Output::Flush() {
         std::swap(buffer_, whole_->buffer_);
         whole_->ready_ = size;
         whole_->Flush();
+        flushed_ += size;
+        ready_ = 0;
+        return;
     }
-    flushed_ += size;
-    buffer_.clear();
+    RemoveFlushed(size);
 }
 
-void Output::WriteToFile() {
-    if (terminal_) {
-        Progress::Wipe();
-    }
-    for (std::string_view rest(buffer_.data(), buffer_.size()); !rest.empty();) {
+void Output::FlushLines() {
+    std::string_view const text(buffer_.data(), buffer_.size());
+    FlushTo(flushed_ + text.rfind('\n') + 1);
+}
+
+void Output::RemoveFlushed(std::size_t size) {
+    flushed_ += size;
+    std::size_t const left = buffer_.size() - size;
+    std::memmove(buffer_.data(), buffer_.data() + size, left);
+    buffer_.resize(left);
+    ready_ = left;
+}
+
+void Output::WriteToFile(std::size_t size) {
+    auto const hidden = terminal_ ? Progress::Hide() : Progress::Hidden();
+    for (std::string_view rest(buffer_.data(), size); !rest.empty();) {
         ssize_t const count = ::write(file_, rest.data(), rest.size());
         if (count >= 0) {
             rest.remove_prefix(static_cast<std::size_t>(count));

@@ -67,7 +67,11 @@ public:
     }
 
     // Throws: Failure if not everything could be written.
-    void Flush();
+    void Flush() { FlushTo(Size()); }
+    // Only the bytes before `position`, if they are not flushed yet. Throws: the same.
+    void FlushTo(std::uint64_t position);
+    // Only whole lines. Throws: the same.
+    void FlushLines();
 
     // Returns: all bytes written so far.
     std::uint64_t Size() const { return flushed_ + buffer_.size(); }
@@ -87,11 +91,22 @@ private:
     std::size_t ready_ = 0; // bytes of the buffer without unsafe characters to replace
     std::uint64_t flushed_ = 0;
 
-    void WriteToFile();
+    void WriteToFile(std::size_t size);
+    // Removes the first bytes of the buffer, which were flushed.
+    void RemoveFlushed(std::size_t size);
     // Replaces unsafe characters of the output since the last call.
     void MakeReady();
     // Writes bytes that have no unsafe characters to replace.
     void WriteSequence(std::string_view sequence);
+};
+
+// While it lives, each message on standard error comes after the lines that were written to the output before it.
+class OutputBeforeMessages {
+public:
+    explicit OutputBeforeMessages(Output& out);
+    ~OutputBeforeMessages();
+    OutputBeforeMessages(OutputBeforeMessages const&) = delete;
+    OutputBeforeMessages& operator=(OutputBeforeMessages const&) = delete;
 };
 
 // The output file of a verb. A regular file is replaced only when its content is complete and on disk (Replacement): an

@@ -11,8 +11,11 @@
 
 namespace crrecord::tool {
 
-// The calling thread fills pieces and uses the results. All threads work on pieces, the calling one when it would
-// otherwise wait. Pieces are reused, so memory is that of a few pieces.
+// The threads that use results. Only one at a time does so.
+enum class UsedBy { CallingThread, AnyThread };
+
+// The calling thread fills pieces. All threads work on pieces, the calling one when it would otherwise wait. Pieces are
+// reused, so memory is that of a few pieces.
 //
 // The threads live as long as the pipeline: a new thread for each piece makes `build` measurably slower.
 template <class Piece>
@@ -21,8 +24,9 @@ public:
     using Step = std::function<void(Piece&)>;
 
     // `threads` is the greatest number of threads. `work` may run for several pieces at a time unless it is 1.
-    Pipeline(unsigned int threads, Step work, Step use)
-        : work_(std::move(work)), use_(std::move(use)), slots_(threads > 1 ? 2 * threads + 1 : 1) {
+    Pipeline(unsigned int threads, Step work, Step use, UsedBy usedBy = UsedBy::CallingThread)
+        : work_(std::move(work)), use_(std::move(use)), anyThreadUses_(usedBy == UsedBy::AnyThread),
+          slots_(threads > 1 ? 2 * threads + 1 : 1) {
         try {
             for (unsigned int i = 1; i < threads; ++i) {
                 helpers_.emplace_back([this] { Help(); });
@@ -43,10 +47,11 @@ public:
     Pipeline(Pipeline const&) = delete;
     Pipeline& operator=(Pipeline const&) = delete;
 
-    // Returns: a piece to fill. Throws: what `work` or `use` threw for an earlier piece.
+    // Returns: a piece to fill. Throws: what `work` or `use` threw for an earlier piece; later pieces are not used.
     Piece& Next() {
+        std::unique_lock lock(mutex_);
         while (filled_ - used_ == slots_.size()) {
-            UseOldest();
+            Proceed(lock);
         }
         return At(filled_).piece;
     }
@@ -60,11 +65,22 @@ public:
         started_.notify_one();
     }
 
-    // Returns after all submitted pieces were used.
+    // Returns after all submitted pieces were used. Throws: the same as Next.
     void Finish() {
+        std::unique_lock lock(mutex_);
         while (used_ != filled_) {
-            UseOldest();
+            Proceed(lock);
         }
+    }
+
+    // Returns after one more piece was used; false if there is none. Throws: the same as Next.
+    bool FinishOne() {
+        std::unique_lock lock(mutex_);
+        std::size_t const before = used_;
+        while (used_ == before && used_ != filled_) {
+            Proceed(lock);
+        }
+        return used_ != before;
     }
 
 private:
@@ -76,24 +92,42 @@ private:
 
     Slot& At(std::size_t number) { return slots_[number % slots_.size()]; }
 
-    void UseOldest() {
+    bool MayUse() { return !using_ && !error_ && used_ != filled_ && At(used_).done; }
+
+    // One step of the calling thread.
+    void Proceed(std::unique_lock<std::mutex>& lock) {
+        if (error_) {
+            std::rethrow_exception(error_);
+        }
+        if (MayUse()) {
+            UseOldest(lock);
+        } else if (taken_ != filled_) {
+            WorkOnNext(lock);
+        } else {
+            finished_.wait(lock);
+        }
+    }
+
+    void UseOldest(std::unique_lock<std::mutex>& lock) {
         Slot& oldest = At(used_);
-        {
-            std::unique_lock lock(mutex_);
-            while (!oldest.done) {
-                if (taken_ != filled_) {
-                    WorkOnNext(lock);
-                } else {
-                    finished_.wait(lock);
-                }
+        using_ = true;
+        std::exception_ptr error = oldest.error;
+        lock.unlock();
+        try {
+            if (!error) {
+                use_(oldest.piece);
             }
+        } catch (...) {
+            error = std::current_exception();
         }
-        if (oldest.error) {
-            std::rethrow_exception(oldest.error);
+        lock.lock();
+        using_ = false;
+        error_ = error;
+        if (!error) {
+            oldest.done = false;
+            ++used_;
         }
-        use_(oldest.piece);
-        oldest.done = false;
-        ++used_;
+        NotifyUsers();
     }
 
     void WorkOnNext(std::unique_lock<std::mutex>& lock) {
@@ -106,30 +140,45 @@ private:
         }
         lock.lock();
         slot.done = true;
+        NotifyUsers();
+    }
+
+    void NotifyUsers() {
         finished_.notify_one();
+        if (anyThreadUses_ && MayUse()) {
+            started_.notify_one();
+        }
     }
 
     void Help() {
         std::unique_lock lock(mutex_);
+        auto const mayUse = [this] { return anyThreadUses_ && MayUse(); };
         for (;;) {
-            started_.wait(lock, [this] { return ending_ || taken_ != filled_; });
+            started_.wait(lock, [&] { return ending_ || taken_ != filled_ || mayUse(); });
             if (ending_) {
                 return;
             }
-            WorkOnNext(lock);
+            if (mayUse()) {
+                UseOldest(lock);
+            } else {
+                WorkOnNext(lock);
+            }
         }
     }
 
     Step work_;
     Step use_;
+    bool anyThreadUses_;
     std::vector<Slot> slots_;
-    std::size_t used_ = 0; // pieces in all; only for the calling thread
 
     std::mutex mutex_; // of the members below, and of `done` of submitted pieces
     std::condition_variable started_;
     std::condition_variable finished_;
-    std::size_t filled_ = 0;
+    std::size_t filled_ = 0; // pieces in all
     std::size_t taken_ = 0;
+    std::size_t used_ = 0;
+    bool using_ = false; // a thread uses a piece
+    std::exception_ptr error_;
     bool ending_ = false;
     std::vector<std::jthread> helpers_; // the last member: joined before the others are destroyed
 };

@@ -15,6 +15,7 @@ namespace crrecord::tool {
 namespace {
 
 bool enabled = true;
+std::mutex lineMutex; // of the line on the terminal
 bool drawn = false;
 
 // Columns of the terminal but for the last one: some terminals start a new line after it.
@@ -67,15 +68,18 @@ void Progress::At(std::uint64_t bytes) {
                                                   isKnown ? fmt::format("{} s left", (total_ - bytes) / speed + 1) : "",
                                                   total_ == 0 ? "" : Bar(bytes, total_), what_},
                                                  UsableColumns());
+    std::lock_guard const lock(lineMutex);
     [[maybe_unused]] ssize_t const written = ::write(STDERR_FILENO, line.data(), line.size());
     drawn = true;
 }
 
-void Progress::Wipe() {
+Progress::Hidden Progress::Hide() {
+    Hidden lock(lineMutex);
     if (std::exchange(drawn, false)) {
         constexpr std::string_view kWipe = "\r\033[K";
         [[maybe_unused]] ssize_t const written = ::write(STDERR_FILENO, kWipe.data(), kWipe.size());
     }
+    return lock;
 }
 
 } // namespace crrecord::tool

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -15,7 +16,7 @@ class Progress {
 public:
     // `total` is 0 if unknown.
     Progress(std::string_view what, std::uint64_t total);
-    ~Progress() { Wipe(); }
+    ~Progress() { Hide(); }
     Progress(Progress const&) = delete;
     Progress& operator=(Progress const&) = delete;
 
@@ -24,8 +25,9 @@ public:
     // Disables all progress lines.
     static void Disable();
 
-    // Removes the line, if it is drawn, before other output.
-    static void Wipe();
+    // Removes the line, if it is drawn, before other output. It is not drawn again while the result lives.
+    using Hidden = std::unique_lock<std::mutex>;
+    static Hidden Hide();
 
 private:
     using Clock = std::chrono::steady_clock;

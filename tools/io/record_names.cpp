@@ -10,13 +10,12 @@ namespace {
 
 std::vector<NamedRecord> named;
 
-// Returns: null if the record at `offset` has no name.
+} // namespace
+
 std::string const* NameAt(std::uint64_t offset) {
     auto const found = std::ranges::lower_bound(named, offset, {}, &NamedRecord::offset);
     return found == named.end() || found->offset != offset ? nullptr : &found->name;
 }
-
-} // namespace
 
 void NameRecords(std::vector<NamedRecord> records) {
     named = std::move(records);

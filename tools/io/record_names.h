@@ -20,6 +20,9 @@ struct NamedRecord {
 // Thread safety: call it before other threads start.
 void NameRecords(std::vector<NamedRecord> records);
 
+// Returns: the name of the record at `offset`; null without one.
+std::string const* NameAt(std::uint64_t offset);
+
 // Returns: the name of the record at `offset`, printable, or `noun` and the number without one: "record 3".
 std::string LabelOf(std::uint64_t number, std::uint64_t offset, char const* noun = "record");
 

@@ -168,10 +168,13 @@ bool RecordStream::EndsHere() {
 
 void RecordStream::ReadOn(std::uint64_t need) {
     while (end_ - begin_ < need && !inputEnded_) {
+        if (release_ && begin_ != 0 && (begin_ >= Block() / 2 || end_ == buffer_.capacity)) {
+            release_();
+        }
         Reserve(need);
         // No more than needed: after one large record, reads for small ones would otherwise fill its large buffer.
-        std::uint64_t const most = std::max(kReadBlock, need - (end_ - begin_));
-        std::size_t const count = input_.Read({bytes_ + end_, std::min(capacity_ - end_, most)});
+        std::uint64_t const most = std::max(Block(), need - (end_ - begin_));
+        std::size_t const count = input_.Read({bytes_ + end_, std::min(buffer_.capacity - end_, most)});
         end_ += count;
         inputEnded_ = count == 0;
     }
@@ -179,25 +182,47 @@ void RecordStream::ReadOn(std::uint64_t need) {
 
 void RecordStream::Reserve(std::uint64_t need) {
     // To the buffer's start, which is in the cache. No more bytes are moved than were used before.
-    if (std::uint64_t const present = end_ - begin_; begin_ != 0 && (present <= begin_ || end_ == capacity_)) {
+    std::uint64_t const present = end_ - begin_;
+    bool const mayMove = present <= begin_ && (!release_ || begin_ >= Block() / 2);
+    if (begin_ != 0 && (mayMove || end_ == buffer_.capacity)) {
         std::memmove(bytes_, bytes_ + begin_, present);
         begin_ = 0;
         end_ = present;
     }
-    if (end_ < capacity_) {
+    if (end_ < buffer_.capacity) {
         return;
     }
-    // The buffer grows to what the record claims, but at most to twice the bytes read.
-    std::uint64_t const wanted = std::max(kReadBlock, std::min(need, 2 * capacity_));
-    void* const grown = std::realloc(buffer_.get(), wanted);
+    // The buffer grows to what the record claims, but at most to twice the bytes read if the input may have fewer.
+    bool const isThere = need - present <= input_.BytesLeft().value_or(0);
+    std::uint64_t const wanted = std::max(Block(), isThere ? need : std::min(need, 2 * buffer_.capacity));
+    void* const grown = std::realloc(buffer_.bytes.get(), wanted);
     if (!grown) {
         throw InputFailure(fmt::format("{}: not enough memory for {} bytes", PlaceOf(Name(), record_), wanted));
     }
     // realloc has freed the former block.
-    [[maybe_unused]] unsigned char* const former = buffer_.release();
-    buffer_.reset(static_cast<unsigned char*>(grown));
-    bytes_ = buffer_.get();
-    capacity_ = wanted;
+    [[maybe_unused]] unsigned char* const former = buffer_.bytes.release();
+    buffer_.bytes.reset(static_cast<unsigned char*>(grown));
+    buffer_.capacity = wanted;
+    bytes_ = buffer_.bytes.get();
+}
+
+bool RecordStream::ExchangeBuffer(Buffer& buffer) {
+    std::uint64_t const present = end_ - begin_;
+    std::uint64_t const least = std::max(Block(), present);
+    if (buffer.capacity < least) {
+        buffer = {};
+        buffer.bytes.reset(static_cast<unsigned char*>(std::malloc(least)));
+        buffer.capacity = buffer.bytes ? least : 0;
+    }
+    if (!buffer.bytes) {
+        return false;
+    }
+    std::copy_n(bytes_ + begin_, present, buffer.bytes.get());
+    std::swap(buffer_, buffer);
+    bytes_ = buffer_.bytes.get();
+    begin_ = 0;
+    end_ = present;
+    return true;
 }
 
 } // namespace crrecord::tool

@@ -120,6 +120,7 @@ public:
     // Work: each byte is compared once. The bytes passed to `isValid`, or moved for it, are at most kScanWork times
     // those read: candidates beyond that are ignored.
     void ScanWith(bool (*isValid)(Record const& candidate)) { isValid_ = isValid; }
+    bool Scans() const { return isValid_ != nullptr; }
 
     // Calls `report` for each gap, instead of printing a message.
     void ReportGapsTo(std::function<void(Gap const&)> report) { reportGap_ = std::move(report); }
@@ -128,6 +129,21 @@ public:
     std::uint64_t SkippedBytes() const { return skipped_; }
     // Returns: the bytes not read; std::nullopt for an unknown number.
     std::optional<std::uint64_t> UnreadBytes() const { return unread_; }
+
+    struct Free {
+        void operator()(unsigned char* bytes) const { std::free(bytes); }
+    };
+    struct Buffer {
+        std::unique_ptr<unsigned char, Free> bytes;
+        std::uint64_t capacity = 0;
+    };
+    // Keeps the bytes of earlier records until they are released: calls `release` before it moves or overwrites them.
+    // It must exchange the buffer, or end the use of these bytes.
+    void ReleaseWith(std::function<void()> release) { release_ = std::move(release); }
+    // Gives away the buffer with the bytes of earlier records, and continues in `buffer`. Call it only in `release`, or
+    // after the last record. Returns: false without memory for the current bytes: nothing has changed.
+    bool ExchangeBuffer(Buffer& buffer);
+
     // For callers that stop before the end. Throws: InputFailure if a regular file changed since it was opened.
     void ThrowIfChanged() const { input_.ThrowIfChanged(); }
     // Returns: true if the current record is the last of the input. Its bytes may move.
@@ -139,10 +155,6 @@ public:
     Line const* NextLine();
 
 private:
-    struct Free {
-        void operator()(unsigned char* bytes) const { std::free(bytes); }
-    };
-
     // Reads until `need` bytes of the current record are in the buffer or the input ends.
     // Returns: the bytes of the record in the buffer.
     std::uint64_t Fill(std::uint64_t need) {
@@ -152,6 +164,8 @@ private:
         return end_ - begin_;
     }
     void ReadOn(std::uint64_t need);
+    // Several smaller buffers, which two processors use, take the same part of their caches.
+    std::uint64_t Block() const { return release_ ? kReadBlock / 2 : kReadBlock; }
     void Reserve(std::uint64_t need);
     // Moves to the end of the current record.
     void Advance();
@@ -173,9 +187,9 @@ private:
     Input input_;
     Progress progress_;
     std::optional<FormFacts> form_;
-    std::unique_ptr<unsigned char, Free> buffer_;
+    Buffer buffer_;
     unsigned char* bytes_ = nullptr; // of the buffer
-    std::uint64_t capacity_ = 0;
+    std::function<void()> release_;
     std::uint64_t begin_ = 0;    // of the current record in the buffer
     std::uint64_t end_ = 0;      // of the bytes in the buffer
     std::uint64_t nextMark_ = 0; // of the progress

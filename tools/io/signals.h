@@ -11,14 +11,17 @@ inline constexpr int kEnders[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGTERM,   SIGPIPE,
                                   SIGUSR2, SIGXCPU, SIGPROF, SIGVTALRM, SIGPOLL, SIGPWR,  SIGSTKFLT};
 
 // Blocks these signals while it lives, for this thread, so that none ends the process while a file exists
-// that nobody would remove.
+// that nobody would remove. New threads inherit the mask.
 class EndersBlocked {
 public:
-    EndersBlocked() {
+    // `except` is not blocked. A thread that writes needs SIGPIPE.
+    explicit EndersBlocked(int except = 0) {
         sigset_t enders;
         ::sigemptyset(&enders);
         for (int const signal : kEnders) {
-            ::sigaddset(&enders, signal);
+            if (signal != except) {
+                ::sigaddset(&enders, signal);
+            }
         }
         ::pthread_sigmask(SIG_BLOCK, &enders, &former_);
     }

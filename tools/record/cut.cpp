@@ -249,9 +249,7 @@ CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::functio
             extent = input.NextExtent();
         }
     }
-    CutTotals const totals = cutter.Finish();
-    ThrowIfEmpty(input.Name(), totals);
-    return totals;
+    return cutter.Finish();
 }
 
 } // namespace crrecord::tool

@@ -56,7 +56,7 @@ struct CutTotals {
 // content, are hashed on all processors. Segments end where
 // their content says so, or at multiples of their size; and where a gap begins, so a hole changes only the segments
 // that it touches.
-// Throws: InputFailure if the input cannot be read, is empty or is one gap.
+// Throws: InputFailure if the input cannot be read.
 // Memory: at most 136 MiB for the batches, for any number of processors.
 CutTotals Cut(Input& input, CutOptions const& options, Holes holes, std::function<void(CutSegment&)> const& use);
 

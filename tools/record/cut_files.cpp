@@ -74,7 +74,6 @@ void FilesCutter::AddSmall(Input& input) {
     }
     file.totals.bytes = size;
     file.totals.segments = cut.sizes.size() - file.firstSegment;
-    ThrowIfEmpty(file.name, file.totals);
     batch_->files.push_back(std::move(file));
     cut.size += size;
     bytes_ += size;

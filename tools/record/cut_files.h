@@ -17,7 +17,7 @@ public:
     FilesCutter(CutOptions const& options, Holes holes, Use use);
 
     // Reads a file to its end, and passes it to `use` now or later.
-    // Throws: InputFailure if it cannot be read or has no segments: it is not passed to `use`, and the others are.
+    // Throws: InputFailure if it cannot be read: it is not passed to `use`, and the others are.
     void Add(Input& input);
     // Call it after the last file.
     void Finish();

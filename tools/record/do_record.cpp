@@ -44,25 +44,37 @@ std::unique_ptr<DORecord> OpenDORecord(std::string_view file, Record const& reco
     }
 }
 
-Record const* OnlyDORecord(RecordStream& stream) {
-    Record const* const record = stream.Next();
+std::optional<OnlyRecord> OnlyDORecord(RecordStream& stream) {
+    std::optional<OnlyRecord> only;
+    bool hasDamage = false;
     std::vector<Finding> findings;
-    if (!CheckRecord(stream.Name(), *record, findings)) {
+    while (Record const* const record = stream.Next()) {
+        if (!CheckRecord(stream.Name(), *record, findings)) {
+            hasDamage = true;
+            if (!stream.Scans()) {
+                break;
+            }
+            continue;
+        }
+        if (record->kind == Kind::Segment) {
+            throw Failure(stream.Name() + ": is a segment record, expected a DO record");
+        }
+        if (only || (!stream.Scans() && !stream.EndsHere())) {
+            throw Failure(stream.Name() + ": has more than one record, expected one");
+        }
+        only.emplace(OnlyRecord{*record, {}, false});
+        if (!stream.Scans()) {
+            return only;
+        }
+        only->bytes.assign(record->bytes, record->bytes + record->size);
+        only->record.bytes = only->bytes.data();
+    }
+    if (only) {
+        only->hasDamage = hasDamage;
+    } else {
         stream.ThrowIfChanged();
-        return nullptr;
     }
-    if (record->kind == Kind::Segment) {
-        throw Failure(stream.Name() + ": is a segment record, expected a DO record");
-    }
-    if (!stream.EndsHere()) {
-        throw Failure(stream.Name() + ": has more than one record, expected one");
-    }
-    return record;
-}
-
-std::unique_ptr<DORecord> OpenOnlyDORecord(RecordStream& stream) {
-    Record const* const record = OnlyDORecord(stream);
-    return record ? OpenDORecord(stream.Name(), *record) : nullptr;
+    return only;
 }
 
 std::string TextOf(crfp_digest_t const& fingerprint, unsigned int fptype) {

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <vector>
 
 namespace crrecord::tool {
 
@@ -35,13 +36,16 @@ inline std::span<unsigned char const> BytesOf(DORecord const& record) {
     return {reinterpret_cast<unsigned char const*>(record.GetHeader()), record.GetHeaderSize()};
 }
 
-// Returns: the only record of an input, a valid DO record or exchange form as it was read; null for a bad record, after
-// a message.
-// Throws: Failure for several records and for a segment record.
-Record const* OnlyDORecord(RecordStream& stream);
+struct OnlyRecord {
+    Record record;
+    std::vector<unsigned char> bytes; // of the record, if the stream scans
+    bool hasDamage;                   // the input also has bad records or skipped bytes
+};
 
-// The same record, opened.
-std::unique_ptr<DORecord> OpenOnlyDORecord(RecordStream& stream);
+// Returns: the only record of an input, a valid DO record or exchange form as it was read; std::nullopt for a bad
+// record, after a message. If the stream scans, it reads on to its end, and the record is the only valid one.
+// Throws: Failure for several records and for a segment record.
+std::optional<OnlyRecord> OnlyDORecord(RecordStream& stream);
 
 // Returns: the fingerprint in lower-case hexadecimal digits.
 std::string TextOf(crfp_digest_t const& fingerprint, unsigned int fptype);

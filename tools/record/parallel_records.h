@@ -7,6 +7,7 @@
 #include "io/signals.h"
 #include "record/record_findings.h"
 
+#include <atomic>
 #include <optional>
 
 namespace crrecord::tool {
@@ -20,97 +21,110 @@ struct RecordPart {
         if (Diagnose(record, Depth::FirstError, findings)) {
             return true;
         }
-        complaints.push_back(Describe(file, record, findings.front()));
+        complaints.push_back({out.Size(), Describe(file, record, findings.front())});
         result = ExitCode::BadRecord;
         return false;
     }
 
-    // Moves the output to the verb's output.
+    // Moves the output to the verb's output. Each complaint comes after the output that preceded it.
     void Emit() {
-        for (std::string const& complaint : complaints) {
-            Complain(complaint);
+        for (auto const& [position, text] : complaints) {
+            out.FlushTo(position);
+            Complain(text);
         }
         complaints.clear();
         out.Flush();
     }
 
+    struct Complaint {
+        std::uint64_t position; // in the output
+        std::string text;
+    };
+
     Output out;
-    std::vector<std::string> complaints; // for standard error
-    std::vector<Finding> findings;       // of the last record
+    std::vector<Complaint> complaints; // for standard error
+    std::vector<Finding> findings;     // of the last record
     ExitCode result = ExitCode::AllWell;
 };
 
-// Reads a stream and copies its records to batches. Threads work on batches, and the calling thread uses them in order.
-// Errors of the stream, and exceptions of the work, come after what precedes them is used.
+// Reads a stream in batches of records. Threads work on batches, and one thread at a time uses them in order. Errors of
+// the stream, and exceptions of the work, come after what precedes them is used.
 //
-// The calling thread works alone on a record that is a gap, because only the stream has its other bytes and reports it,
-// and on one that is very large: a part that is used at once needs no memory for its whole output.
+// A batch has the buffer into which its records were read. The calling thread works alone on a record that is a gap,
+// because only the stream has its other bytes and reports it, and on one that is very large: a part that is used at
+// once needs no memory for its whole output.
 //
-// Memory: 2 * jobs + 1 batches of less than kBatch + kLargest bytes, and their output.
+// Memory: jobs * Steps::largest bytes or 2 * jobs + 1 buffers of the stream, and their output.
 template <class Part>
 class ParallelRecords {
 public:
-    static constexpr std::size_t kBatch = 128UL * 1024;
-    static constexpr std::size_t kLargest = kBatch; // a record in a batch
-
     struct Steps {
         // Returns: a new part of the verb's output.
         std::function<std::unique_ptr<Part>(Output::PartOf of)> make;
         // Works on a record, which it may change. Several threads call it, each with its own part. Returns: false to
         // end after this record.
         std::function<bool(Record& record, Part& part)> work;
-        // Uses and empties what a part has beyond its base, which was emitted. The calling thread calls it.
+        // Uses and empties what a part has beyond its base, which was emitted. One thread at a time calls it.
         std::function<void(Part& part)> use = [](Part&) {};
+        // The size of the largest record in a batch. The output of so many bytes must fit into memory several times.
+        std::uint64_t largest = 2UL * 1024 * 1024;
     };
 
     ParallelRecords(RecordStream& stream, unsigned int jobs, Output& out, Steps steps)
-        : stream_(stream), jobs_(jobs), out_(out), steps_(std::move(steps)) {}
+        : stream_(stream), jobs_(jobs), out_(out), steps_(std::move(steps)) {
+        if (jobs_ > 1) {
+            stream_.ReleaseWith([this] { Release(); });
+        }
+    }
+
+    ~ParallelRecords() { stream_.ReleaseWith(nullptr); }
+
+    ParallelRecords(ParallelRecords const&) = delete;
+    ParallelRecords& operator=(ParallelRecords const&) = delete;
 
     // Returns: the greatest exit code of the parts. Throws: InputFailure, and what the steps throw.
     ExitCode Run() {
         while (Record* const record = Read()) {
-            if (jobs_ <= 1 || stream_.IsInGap() || record->size > kLargest) {
-                Finish();
+            if (jobs_ <= 1 || stream_.IsInGap() || record->size > steps_.largest) {
+                FinishInPlace();
                 if (!ended_) {
                     WorkAlone(*record);
                 }
             } else {
-                Append(*record);
+                Current().records.push_back(*record);
             }
             if (ended_) {
-                return result_;
+                break;
             }
         }
-        Finish();
+        if (!ended_ && pipeline_) {
+            Release();
+        }
+        FinishInPlace();
         return result_;
     }
 
 private:
     struct Batch {
-        std::vector<unsigned char> bytes;
+        RecordStream::Buffer buffer; // with the bytes of the records
         std::vector<Record> records;
         std::unique_ptr<Part> part;
+        std::uint64_t size = 0; // of the records
         bool isLast = false;
         std::exception_ptr error; // of the work; later records of the batch are skipped
     };
 
+    // Returns: null also after a record that ends the work.
     Record* Read() {
         try {
             return stream_.Next();
         } catch (InputFailure const&) {
-            Finish();
+            FinishInPlace();
+            if (ended_) {
+                return nullptr;
+            }
             throw;
         }
-    }
-
-    void Append(Record const& record) {
-        if (Current().bytes.size() + record.size > kBatch && !Current().records.empty()) {
-            Submit();
-        }
-        Batch& batch = Current();
-        batch.bytes.reserve(kBatch); // also for the record of an empty input, whose bytes must not be null
-        batch.bytes.insert(batch.bytes.end(), record.bytes, record.bytes + record.size);
-        batch.records.push_back(record);
     }
 
     Batch& Current() {
@@ -120,29 +134,40 @@ private:
         return *current_;
     }
 
-    // Passes the batch to the threads, which the second batch of an input starts.
-    void Submit() {
+    // Passes the current batch to the threads, which the second batch of an input starts.
+    void Release() {
+        if (!current_ || current_->records.empty()) {
+            return;
+        }
+        Record const& last = current_->records.back();
+        std::uint64_t const size = last.offset + last.size - current_->records.front().offset;
+        while (inUse_ != 0 && inUse_ + size > jobs_ * steps_.largest && pipeline_->FinishOne()) {}
+        if (!stream_.ExchangeBuffer(current_->buffer)) {
+            FinishInPlace();
+            return;
+        }
         if (!pipeline_) {
             // Signals go to the calling thread, which may have blocked them.
-            EndersBlocked const blocked;
+            EndersBlocked const blocked(SIGPIPE);
             pipeline_.emplace(
-                jobs_, [this](Batch& batch) { Work(batch); }, [this](Batch& batch) { Use(batch); });
-            std::swap(pipeline_->Next(), first_);
+                jobs_, [this](Batch& batch) { Work(batch); }, [this](Batch& batch) { Use(batch); }, UsedBy::AnyThread);
+            current_ = &pipeline_->Next();
+            std::swap(*current_, first_);
         }
+        current_->size = size;
+        inUse_ += size;
         current_ = nullptr;
         pipeline_->Submit();
     }
 
-    // Returns after all records so far are used.
-    void Finish() {
+    // Returns after all records so far are used, the last ones in the stream's buffer.
+    void FinishInPlace() {
         if (pipeline_) {
-            if (current_ && !current_->records.empty()) {
-                Submit();
-            }
             pipeline_->Finish();
-        } else if (!first_.records.empty()) {
-            Work(first_);
-            Use(first_);
+        }
+        if (!ended_ && current_ && !current_->records.empty()) {
+            Work(*current_);
+            Use(*current_);
         }
     }
 
@@ -151,10 +176,7 @@ private:
             batch.part = steps_.make({out_, false});
         }
         try {
-            unsigned char* bytes = batch.bytes.data();
             for (Record& record : batch.records) {
-                record.bytes = bytes;
-                bytes += record.size;
                 if (!steps_.work(record, *batch.part)) {
                     batch.isLast = true;
                     return;
@@ -169,10 +191,14 @@ private:
         if (ended_) {
             return;
         }
-        ended_ = batch.isLast || batch.error;
         UsePart(*batch.part);
-        batch.bytes.clear();
         batch.records.clear();
+        inUse_ -= std::exchange(batch.size, 0);
+        if (batch.buffer.capacity > kReadBlock) { // large output has grown a large part
+            batch.buffer = {};
+            batch.part.reset();
+        }
+        ended_ = batch.isLast;
         if (batch.error) {
             std::rethrow_exception(batch.error);
         }
@@ -203,9 +229,10 @@ private:
     Steps steps_;
     std::unique_ptr<Part> alone_;
     Batch first_;
-    Batch* current_ = nullptr; // the one that is being filled
-    bool ended_ = false;       // a step ended the work, or failed
+    Batch* current_ = nullptr;        // the one that is being filled
+    std::atomic<bool> ended_ = false; // a step ended the work
     ExitCode result_ = ExitCode::AllWell;
+    std::atomic<std::uint64_t> inUse_ = 0;    // bytes of submitted records
     std::optional<Pipeline<Batch>> pipeline_; // the last member: its threads use the others
 };
 

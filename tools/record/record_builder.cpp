@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <ctime>
 #include <limits>
 
 namespace crrecord::tool {
@@ -45,11 +46,38 @@ void RecordBuilder::CheckCount(std::uint64_t segments) const {
     }
 }
 
+namespace {
+
+constexpr unsigned short kBuiltFlags = 0x0002; // as the constructors set them
+
+// The constructors of DORecord refuse a list without segments, but such a record is valid.
+std::unique_ptr<DORecord> WithoutSegments(CutTotals const& totals, unsigned int ownContainer, std::uint64_t segmentSize,
+                                          unsigned char fptype, unsigned char dotype) {
+    RecordLayout const layout({.fptype = fptype, .dotype = dotype});
+    std::vector<unsigned char> bytes(layout.total);
+    auto* const header = reinterpret_cast<DORecordHeader*>(bytes.data());
+    header->type = CR_DO_RECORD_TYPE;
+    header->flags = kBuiltFlags;
+    header->recsize = static_cast<std::uint32_t>(layout.total);
+    header->CID = ownContainer;
+    header->size = totals.bytes;
+    header->ssize = segmentSize;
+    header->CRC = totals.crc;
+    header->ctime = static_cast<std::uint32_t>(std::time(nullptr));
+    header->fptype = fptype;
+    header->dotype = dotype;
+    return DORecord::FromBuffer(bytes.data(), bytes.size());
+}
+
+} // namespace
+
 // Frees the entries before it adds the list of containers, which copies the record to a larger block.
 std::unique_ptr<DORecord> RecordBuilder::Build(CutTotals const& totals, unsigned int ownContainer) && {
-    auto record = std::make_unique<DORecord>(
-        ownContainer, totals.bytes, cut_.content ? 0 : cut_.segmentSize, totals.crc, 0, 0, entries_.data(),
-        static_cast<unsigned int>(dcids_.size()), dcids_.data(), nullptr, fptype_, Type());
+    std::uint64_t const segmentSize = cut_.content ? 0 : cut_.segmentSize;
+    auto record = dcids_.empty() ? WithoutSegments(totals, ownContainer, segmentSize, fptype_, Type())
+                                 : std::make_unique<DORecord>(ownContainer, totals.bytes, segmentSize, totals.crc, 0, 0,
+                                                              entries_.data(), static_cast<unsigned int>(dcids_.size()),
+                                                              dcids_.data(), nullptr, fptype_, Type());
     entries_ = std::vector<unsigned char>();
     dcids_ = std::vector<unsigned long>();
     cr_status_t const status = record->AppendBloomAndUniqueDCIDList();

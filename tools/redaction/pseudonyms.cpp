@@ -26,7 +26,8 @@ void HashKeyBlock(SHA256_CTX& context, std::array<unsigned char, SHA256_CBLOCK> 
 
 } // namespace
 
-Pseudonyms::Pseudonyms(std::span<unsigned char const> secret) : recent_(kRecent) {
+Pseudonyms::Pseudonyms(std::span<unsigned char const> secret)
+    : recent_(kRecent), shared_(std::make_shared<decltype(shared_)::element_type>()) {
     constexpr unsigned char kInnerPad = 0x36, kOuterPad = 0x5c;
     std::array<unsigned char, SHA256_CBLOCK> block{};
     if (secret.size() > block.size()) {
@@ -100,6 +101,9 @@ std::uint64_t Pseudonyms::Id(unsigned char domain, std::uint64_t id, std::uint64
     if (id < least) {
         return id;
     }
+    if (domain == kChecksum) {
+        return Permuted(domain, id, least); // they hardly repeat, and would replace the ids in the cache
+    }
     Known& known = recent_[((id + domain) * 0x9e3779b97f4a7c15) >> (64 - kRecentBits)];
     if (known.domain != domain || known.id != id) {
         known = {domain, id, Permuted(domain, id, least)};
@@ -141,13 +145,19 @@ std::uint64_t Pseudonyms::Round(unsigned char domain, unsigned int halfBits, uns
 }
 
 std::uint64_t Pseudonyms::ShortRound(unsigned char domain, unsigned char round, std::uint64_t right) {
-    std::vector<std::uint16_t>& results = shortRounds_.at(domain);
-    if (results.empty()) {
-        results.resize(std::size_t{kRounds} << kShortHalf);
+    std::atomic<std::uint16_t>*& results = shortRounds_.at(domain);
+    if (!results) {
+        ShortRounds& rounds = shared_->at(domain);
+        std::call_once(rounds.made, [&rounds] {
+            rounds.results = std::make_unique<std::atomic<std::uint16_t>[]>(std::size_t{kRounds} << kShortHalf);
+        });
+        results = rounds.results.get();
     }
-    std::uint16_t& result = results[std::size_t{round} << kShortHalf | right];
+    std::atomic<std::uint16_t>& stored = results[std::size_t{round} << kShortHalf | right];
+    std::uint16_t result = stored.load(std::memory_order_relaxed);
     if (result == 0) {
         result = static_cast<std::uint16_t>(Round(domain, kShortHalf, round, right));
+        stored.store(result, std::memory_order_relaxed);
     }
     return result;
 }

@@ -1,7 +1,8 @@
 // Pseudonyms for the values that identify data.
 //
 // Equal values have equal pseudonyms under the same secret. Without the secret a pseudonym reveals nothing else about
-// its value, also to a search through all values. Memory: 1.3 MB for each kind of id with ids below 2^32.
+// its value, also to a search through all values. Memory: 1.3 MB for each kind of id with ids below 2^32, for all
+// copies.
 //
 // Ids are encrypted with a cipher and not hashed: hashes of 32-bit ids would collide from some 77,000 ids on, which
 // would merge containers and references, and remembering them would make pseudonyms depend on the order of the records.
@@ -11,7 +12,10 @@
 #include <crrecord/tref.h>
 
 #include <array>
+#include <atomic>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <span>
 #include <vector>
 
@@ -24,7 +28,8 @@ public:
     using Hash = std::array<unsigned char, 32>;
 
     explicit Pseudonyms(std::span<unsigned char const> secret);
-    // A copy has the same secret. Thread safety: one thread at a time uses an object.
+    // A copy has the same secret and shares the tables. Thread safety: one thread at a time uses an object; several may
+    // use copies.
 
     // Returns: 32 random bytes from the system. Throws: Failure if there are none.
     static Hash RandomSecret();
@@ -64,7 +69,7 @@ private:
     };
     static constexpr unsigned char kRounds = 10;
     static constexpr unsigned int kShortHalf = 16;
-    static constexpr unsigned int kRecentBits = 12;
+    static constexpr unsigned int kRecentBits = 10;
     static constexpr std::size_t kRecent = std::size_t{1} << kRecentBits;
 
     // Ids below `least` are not changed.
@@ -81,9 +86,16 @@ private:
     SHA256_CTX inner_{};
     SHA256_CTX outer_{};
     std::vector<Known> recent_; // a cache: most records repeat a few containers
-    // Results of the round function for halves of 16 bits, by domain: checksums hardly repeat, their halves do. 0 is a
-    // result that is not known yet, or that is 0 and computed each time: with a flag the table would not fit a cache.
-    std::array<std::vector<std::uint16_t>, std::size_t{kReference} + std::size_t{CR_REFTYPE_END}> shortRounds_;
+    // Results of the round function for halves of 16 bits: checksums hardly repeat, their halves do. 0 is a result that
+    // is not known yet, or that is 0 and computed each time: with a flag the table would not fit a cache. Threads that
+    // compute a result at the same time store the same value.
+    struct ShortRounds {
+        std::once_flag made;
+        std::unique_ptr<std::atomic<std::uint16_t>[]> results;
+    };
+    static constexpr std::size_t kDomains = std::size_t{kReference} + std::size_t{CR_REFTYPE_END};
+    std::shared_ptr<std::array<ShortRounds, kDomains>> shared_;       // by domain
+    std::array<std::atomic<std::uint16_t>*, kDomains> shortRounds_{}; // the same results, once this object needs them
 };
 
 } // namespace crrecord::tool

@@ -41,7 +41,8 @@ ExitCode AnnotateInput(RecordStream& stream, unsigned int jobs, Output& out) {
         return true;
     };
     auto const make = [&stream](Output::PartOf of) { return std::make_unique<Part>(of, stream.Name()); };
-    return ParallelRecords<Part>(stream, jobs, out, {.make = make, .work = work}).Run();
+    // The text is some ten times as long as the record.
+    return ParallelRecords<Part>(stream, jobs, out, {.make = make, .work = work, .largest = kReadBlock}).Run();
 }
 
 ExitCode ReadBackFile(AnnotateOptions const& options, Output& out) {

@@ -64,6 +64,7 @@ ExitCode BuildOne(BuildOptions const& options, Output& out) {
         segment.container = containers.Place(segment.size);
         builder.Add(segment);
     });
+    ThrowIfEmpty(file, totals);
     std::unique_ptr<DORecord> const record = std::move(builder).Build(totals, containers.Current());
     auto const bytes = BytesOf(*record);
     to.Write(bytes.data(), bytes.size());
@@ -96,6 +97,7 @@ ExitCode BuildSegments(SegmentsOptions const& options, Output& out) {
         segment.container = containers.Place(segment.size);
         WriteSegmentRecord(records, segment, options.cut.fptype);
     });
+    ThrowIfEmpty(options.file, totals);
     records.Commit();
     std::uint64_t const recordSize = segment::RecordSize(0, 1, static_cast<unsigned char>(options.cut.fptype));
     std::uint64_t const recordBytes = totals.segments * recordSize;
@@ -122,6 +124,8 @@ void AddRunOptions(CLI::App& verb, BuildOptions& options) {
     AddRepeatedFile(verb, "--known", options.known,
                     "Segment records of a former run: their segments keep their containers; may be repeated")
         ->type_name("RECORDS");
+    AddScan(verb, options.knownForm);
+    verb.get_option("--scan")->needs(verb.get_option("--known"));
     AddFile(verb, "--segments-out", options.segmentsOut, "Write a segment record for each new segment to this file")
         ->type_name("RECORDS");
 }
@@ -158,7 +162,8 @@ void AddBuild(CLI::App& app, Action& chosen) {
     verb.app.footer(
         "Reads FILE once and hashes on all processors. The record is in network order and has the list of its\n"
         "containers. Its CRC is the CRC-32 of FILE, its container is the last one filled. With DO type 3 the holes of\n"
-        "a sparse FILE are gaps between the segments; with other types, and in standard input, they are zeros. A FILE\n"
+        "a sparse FILE are gaps between the segments; with other types, and in standard input, they are zeros. One "
+        "FILE\n"
         "that is empty or one gap has no segments: status 2.\n\n"
         "With --cut content an insertion into FILE changes only the segments around it, so that the others are shared\n"
         "with earlier records; --cut fixed is faster, and enough for files that grow at their end or change in "
@@ -167,9 +172,9 @@ void AddBuild(CLI::App& app, Action& chosen) {
         "for\n"
         "each file, and a segment that occurred before in the run, or in a record of --known, keeps its container. A "
         "file\n"
-        "that cannot be read, changes or has no segments is reported, and the others go on: status 1. All outputs "
-        "are\n"
-        "written at the end.\n\n"
+        "that cannot be read or changes is reported, and the others go on: status 1. An empty file has a record "
+        "without\n"
+        "segments. All outputs are written at the end.\n\n"
         "Example:\n  crrecord build movie.mkv -o movie.do --task 17\n"
         "  crrecord build -r photos -o photos.do --names photos.idx --segments-out photos.seg");
 }

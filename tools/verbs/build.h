@@ -15,6 +15,7 @@ struct BuildOptions {
     std::string names;
     std::vector<std::string> known;
     std::string segmentsOut;
+    FormOptions knownForm; // of --known, without its form
     CutOptions cut;
     bool choseContainer = false; // the first container is the user's choice
     ObjectFacts object;

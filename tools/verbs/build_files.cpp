@@ -29,6 +29,7 @@ public:
         ExitCode result = ExitCode::AllWell;
         for (std::string const& file : options_.known) {
             RecordStream stream(file);
+            SetUp(stream, options_.knownForm, nullptr);
             while (Record const* const record = stream.Next()) {
                 if (record->kind == Kind::DataObject) {
                     throw Failure(PlaceOf(file, *record) + ": is a DO record, expected a segment record");
@@ -223,7 +224,7 @@ private:
     void AddRecord(std::string const& name, CutTotals const& totals, std::span<CutSegment> segments) {
         RecordBuilder builder(options_.object, cut_);
         try {
-            builder.CheckOffset(segments.back().offset);
+            builder.CheckOffset(segments.empty() ? 0 : segments.back().offset);
             builder.CheckCount(segments.size());
         } catch (InputFailure const& failure) {
             Fail(name + ": " + failure.what());

@@ -27,6 +27,7 @@ struct Converted {
     std::uint64_t records = 0;
     std::uint64_t converted = 0;
     std::uint64_t bytes = 0;
+    std::uint64_t bad = 0;
 };
 
 struct FreeForm {
@@ -130,22 +131,23 @@ void ThrowIfSeveral(ConvertOptions const& options, bool isFirst) {
 
 std::string ClosingLine(ConvertOptions const& options, Converted const& tally) {
     if (options.json) {
-        return fmt::format(R"({},"file":{},"out":{},"order":"{}","records":"{}","converted":"{}","bytes":"{}"}})",
+        return fmt::format(R"({},"file":{},"out":{},"order":"{}","records":"{}","converted":"{}","bytes":"{}"{}}})",
                            JsonStart(), JsonName("file", options.file), JsonName("out", options.out), options.to,
-                           tally.records, tally.converted, tally.bytes);
+                           tally.records, tally.converted, tally.bytes, OmittedMembers(options.form, tally.bad));
     }
     std::string const form = options.to == kSerialized ? "as its exchange form"
                              : options.to == kJson     ? "as JSON"
                                                        : "in " + options.to + " order";
-    return fmt::format("{}: {}, {}, {}; {} converted", Printable(options.out), Counted(tally.records, "record"),
-                       Counted(tally.bytes, "byte"), form, tally.converted);
+    return fmt::format("{}: {}, {}, {}; {} converted{}", Printable(options.out), Counted(tally.records, "record"),
+                       Counted(tally.bytes, "byte"), form, tally.converted, OmittedText(options.form, tally.bad));
 }
 
-// Ends at a bad record.
+// Ends at a bad record, or omits it with --scan.
 ExitCode ConvertRecords(RecordStream& stream, ConvertOptions const& options, Output& to, Converted& tally) {
     auto const work = [&](Record& record, ConvertPart& part) {
         if (!part.Check(stream.Name(), record)) {
-            return false;
+            ++part.tally.bad;
+            return options.form.scan;
         }
         ThrowIfSeveral(options, record.number == 1);
         WriteConverted(options, record, std::nullopt, part.out, part.tally);
@@ -156,9 +158,14 @@ ExitCode ConvertRecords(RecordStream& stream, ConvertOptions const& options, Out
         tally.records += more.records;
         tally.converted += more.converted;
         tally.bytes += more.bytes;
+        tally.bad += more.bad;
     };
     auto const make = [](Output::PartOf of) { return std::make_unique<ConvertPart>(of); };
-    return ParallelRecords<ConvertPart>(stream, options.jobs, to, {.make = make, .work = work, .use = use}).Run();
+    ParallelRecords<ConvertPart>::Steps steps{.make = make, .work = work, .use = use};
+    if (options.to == kJson) {
+        steps.largest /= 2; // the text is up to four times as long as the record
+    }
+    return ParallelRecords<ConvertPart>(stream, options.jobs, to, std::move(steps)).Run();
 }
 
 // Throws: json::Error for a line that is not a valid record.
@@ -195,13 +202,21 @@ ExitCode Convert(ConvertOptions const& options, Output& out) {
     if (options.form.checksum && !options.form.serialized && options.to != kSerialized) {
         throw Failure("--checksum requires --serialized or --to serialized (try: crrecord convert --help)");
     }
+    if (options.form.scan && options.to == kSerialized) {
+        throw Failure("--scan is not for --to serialized, whose file holds one record");
+    }
+    RefuseToOmitInPlace(options.form, options.file, options.out);
     RecordStream stream(options.file, options.form.Facts());
+    SetUp(stream, options.form, nullptr);
     OutputFile to(options.out, {options.file});
     Converted tally;
     bool const isJson = !options.form.serialized && stream.IsJson();
+    if (options.form.scan && isJson) {
+        throw Failure(options.file + ": is JSON, in which --scan finds no records");
+    }
     ExitCode const result = (isJson ? ConvertLines : ConvertRecords)(stream, options, to.Text(), tally);
     stream.ThrowIfChanged();
-    if (result == ExitCode::AllWell) {
+    if (IsWorthWriting(options.form, result, tally.records)) {
         to.Commit();
         PrintClosing(out, options.out, options.json, ClosingLine(options, tally));
     } else {
@@ -224,6 +239,7 @@ void AddConvert(CLI::App& app, Action& chosen) {
     AddOut(verb, options.out);
     AddFormOptions(verb, options.form);
     verb.get_option("--checksum")->remove_needs(verb.get_option("--serialized"));
+    AddScan(verb, options.form);
     AddJobs(verb, options.jobs);
     verb.add_flag("--json", options.json, "The closing line as a JSON object");
     verb.footer(
@@ -237,7 +253,7 @@ void AddConvert(CLI::App& app, Action& chosen) {
         "record.\n\n"
         "Every record is validated first. With a bad record OUT, which may be FILE, is not written; standard output "
         "has\n"
-        "the records before the bad one.\n\n"
+        "the records before the bad one. With --scan OUT, which may not be FILE, has all valid records: status 1.\n\n"
         "Example:\n  crrecord convert movie.do --to serialized --checksum -o movie.form\n"
         "  crrecord convert movie.form --serialized --dotype 3 --fptype 3 --checksum --to network -o movie.do");
 }

@@ -2,8 +2,10 @@
 
 #include "analysis/record_diff.h"
 #include "analysis/segment_match.h"
+#include "io/record_names.h"
 #include "record/record_findings.h"
 #include "verbs/verbs.h"
+#include "json/name_index.h"
 
 namespace crrecord::tool {
 
@@ -12,6 +14,7 @@ namespace {
 struct DiffOptions {
     std::string a;
     std::string b;
+    std::vector<std::string> names;
     FormOptions form;
     bool segments = false;
     bool summary = false;
@@ -32,15 +35,31 @@ constexpr char const* kFates[] = {"shared", "moved", "added", "removed"};
 constexpr Colour kNew = Colour::Good;
 constexpr Colour kGone = Colour::Bad;
 
+// One of the two records.
+struct Side {
+    std::string const& file;
+    std::string name; // empty without one
+    OnlyRecord read;
+    std::unique_ptr<DORecord> record;
+
+    std::string Text() const { return Printable(file) + (name.empty() ? "" : ": " + Printable(name)); }
+    // Returns: the members `member` and, for a record with a name, `member`_name.
+    std::string Members(std::string const& member) const {
+        std::string const own = member + "_name";
+        return fmt::format(R"("{}":{}{})", member, JsonName(member, file),
+                           name.empty() ? "" : fmt::format(R"(,"{}":{})", own, JsonName(own, name)));
+    }
+};
+
 // Prints each difference while it compares the records.
 class Differ {
 public:
-    Differ(DiffOptions const& options, DORecord const& a, DORecord const& b, Output& out)
-        : options_(options), a_(a), b_(b), out_(out) {}
+    Differ(DiffOptions const& options, Side const& a, Side const& b, Output& out)
+        : options_(options), sideA_(a), sideB_(b), a_(*a.record), b_(*b.record), out_(out) {}
 
     ExitCode Run() {
         if (options_.json) {
-            out_.Print(R"({},"a":{},"b":{})", JsonStart(), JsonName("a", options_.a), JsonName("b", options_.b));
+            out_.Print("{},{},{}", JsonStart(), sideA_.Members("a"), sideB_.Members("b"));
         }
         DiffSegments();
         PrintList("header", true, [this] { DiffHeader(); });
@@ -52,8 +71,7 @@ public:
                        "\n",
                        same_);
         } else {
-            out_.Print("{} and {}: {}\n", Printable(options_.a), Printable(options_.b),
-                       same_ ? "the same" : "different");
+            out_.Print("{} and {}: {}\n", sideA_.Text(), sideB_.Text(), same_ ? "the same" : "different");
         }
         return same_ ? ExitCode::AllWell : ExitCode::BadRecord;
     }
@@ -250,6 +268,8 @@ private:
     Sum& SumOf(Fate fate) { return sums_[static_cast<int>(fate)]; }
 
     DiffOptions const& options_;
+    Side const& sideA_;
+    Side const& sideB_;
     DORecord const& a_;
     DORecord const& b_;
     Output& out_;
@@ -260,15 +280,47 @@ private:
     bool same_ = true;
 };
 
-ExitCode Diff(DiffOptions const& options, Output& out) {
-    if (options.a == "-" && options.b == "-") {
-        throw Failure("standard input can be only one of the records");
+// Throws: Failure if standard input is more than one of the inputs, or if there are too many indexes.
+void CheckInputs(DiffOptions const& options) {
+    std::vector<std::string> inputs = options.names;
+    inputs.insert(inputs.end(), {options.a, options.b});
+    if (std::count(inputs.begin(), inputs.end(), "-") > 1) {
+        throw Failure("standard input can be only one of the records" +
+                      std::string(options.names.empty() ? "" : " and their names"));
     }
+    if (options.names.size() > 2) {
+        throw Failure(fmt::format("--names: expected an index for A and one for B, found {}", options.names.size()));
+    }
+}
+
+// Returns: the record of the stream, with its name from the index `number`, if there is one; std::nullopt for a bad
+// record.
+std::optional<Side> Open(RecordStream& stream, DiffOptions const& options, std::size_t number) {
+    bool const hasNames = number < options.names.size();
+    NameRecords(hasNames ? json::ReadNames(options.names[number]) : std::vector<NamedRecord>());
+    std::optional<OnlyRecord> read = OnlyDORecord(stream);
+    if (!read) {
+        return std::nullopt;
+    }
+    std::string const* const name = NameAt(read->record.offset);
+    Side side{stream.Name(), name ? *name : "", std::move(*read), nullptr};
+    side.record = OpenDORecord(stream.Name(), side.read.record);
+    return side;
+}
+
+ExitCode Diff(DiffOptions const& options, Output& out) {
+    CheckInputs(options);
     RecordStream streamA(options.a, options.form.Facts());
     RecordStream streamB(options.b, options.form.Facts());
-    std::unique_ptr<DORecord> const a = OpenOnlyDORecord(streamA);
-    std::unique_ptr<DORecord> const b = OpenOnlyDORecord(streamB);
-    return a && b ? Differ(options, *a, *b, out).Run() : ExitCode::BadRecord;
+    SetUp(streamA, options.form, nullptr);
+    SetUp(streamB, options.form, nullptr);
+    std::optional<Side> const a = Open(streamA, options, 0);
+    std::optional<Side> const b = Open(streamB, options, 1);
+    if (!a || !b) {
+        return ExitCode::BadRecord;
+    }
+    ExitCode const result = Differ(options, *a, *b, out).Run();
+    return a->read.hasDamage || b->read.hasDamage ? ExitCode::BadRecord : result;
 }
 
 } // namespace
@@ -282,7 +334,11 @@ void AddDiff(CLI::App& app, Action& chosen) {
     verb.add_flag("--summary", options.summary, "Only the sums and the result; with --json all but the runs")
         ->excludes(segments);
     verb.add_flag("--json", options.json, "One JSON object");
+    AddRepeatedFile(verb, "--names", options.names,
+                    "Show the name of A from this index that build wrote; given twice, the second one is for B")
+        ->type_name("INDEX");
     AddFormOptions(verb, options.form);
+    AddScan(verb, options.form);
     verb.footer("Times count as a difference; byte order and legacy references do not. Status 0 if the records are "
                 "equal, 1 if\n"
                 "they differ.\n\n"

@@ -68,17 +68,18 @@ std::string DrawRecord(std::string const& name, Record const& record) {
 ExitCode Map(MapOptions const& options, Output& out) {
     RefuseToReplace({options.record}, options.out, "picture");
     RecordStream stream(options.record, options.form.Facts());
-    Record const* const record = OnlyDORecord(stream);
-    if (!record) {
+    SetUp(stream, options.form, nullptr);
+    std::optional<OnlyRecord> const only = OnlyDORecord(stream);
+    if (!only) {
         return ExitCode::BadRecord;
     }
-    std::string const picture = DrawRecord(options.record, *record);
+    std::string const picture = DrawRecord(options.record, only->record);
     OutputFile to(options.out, {options.record});
     to.Write(picture.data(), picture.size());
     to.Commit();
     PrintClosing(out, options.out, false,
                  fmt::format("{}: picture of {}", Printable(options.out), Counted(picture.size(), "byte")));
-    return ExitCode::AllWell;
+    return only->hasDamage ? ExitCode::BadRecord : ExitCode::AllWell;
 }
 
 } // namespace
@@ -88,6 +89,7 @@ void AddMap(CLI::App& app, Action& chosen) {
     AddFile(verb, "RECORD", options.record, "The DO record; - is standard input")->required();
     AddOut(verb, options.out, "SVG file");
     AddFormOptions(verb, options.form);
+    AddScan(verb, options.form);
     verb.footer(
         "At the top are the sections of the record, to scale. Below is the object from left to right, with a lane for\n"
         "each container. Equal records give equal pictures, byte for byte.\n\n"

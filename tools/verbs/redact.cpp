@@ -20,6 +20,7 @@ struct RedactOptions {
 struct Redacted {
     std::uint64_t records = 0;
     std::uint64_t bytes = 0;
+    std::uint64_t bad = 0;
 };
 
 // The least size resists a search through all keys. The largest one rejects files named by mistake.
@@ -51,12 +52,13 @@ struct RedactPart : RecordPart {
     Redacted tally;
 };
 
-// Ends at a bad record.
-ExitCode RedactInput(RecordStream& stream, unsigned int jobs, Output& to, Pseudonyms const& pseudonyms,
+// Ends at a bad record, or omits it with --scan.
+ExitCode RedactInput(RecordStream& stream, RedactOptions const& options, Output& to, Pseudonyms const& pseudonyms,
                      Redacted& tally) {
-    auto const work = [&stream](Record& record, RedactPart& part) {
+    auto const work = [&](Record& record, RedactPart& part) {
         if (!part.Check(stream.Name(), record)) {
-            return false;
+            ++part.tally.bad;
+            return options.form.scan;
         }
         part.tally.bytes += WriteRedacted(part.out, stream.Name(), record, part.pseudonyms);
         ++part.tally.records;
@@ -66,18 +68,19 @@ ExitCode RedactInput(RecordStream& stream, unsigned int jobs, Output& to, Pseudo
         Redacted const more = std::exchange(part.tally, {});
         tally.records += more.records;
         tally.bytes += more.bytes;
+        tally.bad += more.bad;
     };
     auto const make = [&pseudonyms](Output::PartOf of) { return std::make_unique<RedactPart>(of, pseudonyms); };
-    return ParallelRecords<RedactPart>(stream, jobs, to, {.make = make, .work = work, .use = use}).Run();
+    return ParallelRecords<RedactPart>(stream, options.jobs, to, {.make = make, .work = work, .use = use}).Run();
 }
 
 std::string ClosingLine(RedactOptions const& options, Redacted const& tally) {
     if (options.json) {
-        return fmt::format(R"({},"out":{},"records":{},"bytes":{}}})", JsonStart(), JsonName("out", options.out),
-                           Decimal{tally.records}, Decimal{tally.bytes});
+        return fmt::format(R"({},"out":{},"records":{},"bytes":{}{}}})", JsonStart(), JsonName("out", options.out),
+                           Decimal{tally.records}, Decimal{tally.bytes}, OmittedMembers(options.form, tally.bad));
     }
-    return fmt::format("{}: {} redacted, {}", Printable(options.out), Counted(tally.records, "record"),
-                       Counted(tally.bytes, "byte"));
+    return fmt::format("{}: {} redacted, {}{}", Printable(options.out), Counted(tally.records, "record"),
+                       Counted(tally.bytes, "byte"), OmittedText(options.form, tally.bad));
 }
 
 ExitCode Redact(RedactOptions const& options, Output& out) {
@@ -90,10 +93,10 @@ ExitCode Redact(RedactOptions const& options, Output& out) {
     OutputFile to(options.out, options.files);
     Redacted tally;
     ExitCode const result = ForEachInput(options.files, options.form, nullptr, [&](RecordStream& stream) {
-        return RedactInput(stream, options.jobs, to.Text(), pseudonyms, tally);
+        return RedactInput(stream, options, to.Text(), pseudonyms, tally);
     });
-    // A broken record cannot be redacted safely, and the output has all records or none.
-    if (result == ExitCode::AllWell) {
+    // A broken record cannot be redacted safely. Without --scan the output has all records or none.
+    if (IsWorthWriting(options.form, result, tally.records)) {
         to.Commit();
         PrintClosing(out, options.out, options.json, ClosingLine(options, tally));
     } else {
@@ -112,6 +115,7 @@ void AddRedact(CLI::App& app, Action& chosen) {
             "A file of 16 to 4096 random bytes: the same key gives the same pseudonyms, in any run")
         ->type_name("KEY");
     AddFormOptions(verb, options.form);
+    AddScan(verb, options.form);
     AddJobs(verb, options.jobs);
     verb.add_flag("--json", options.json, "The closing line as a JSON object");
     verb.footer(
@@ -119,7 +123,8 @@ void AddRedact(CLI::App& app, Action& chosen) {
         "and\n"
         "reserved bytes become zeros. Types, sizes, offsets, counts, times and byte order are kept. The secret of the\n"
         "pseudonyms is random and not stored, unless it is in KEY. Do not send KEY along.\n\n"
-        "A broken record cannot be redacted safely: status 1, and OUT is not written.\n\n"
+        "A broken record cannot be redacted safely: status 1, and OUT is not written. With --scan OUT has the valid "
+        "records.\n\n"
         "Example:\n  crrecord redact movie.do movie.seg -o case-17.records");
 }
 

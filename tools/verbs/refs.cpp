@@ -162,20 +162,30 @@ public:
     // Counts a segment record, which has no references.
     void PassSegment() { ++segments_; }
 
+    // Counts a bad record. Returns: true if it is omitted, false if it ends the change.
+    bool Omit() {
+        ++bad_;
+        return options_.form.scan;
+    }
+
+    std::uint64_t Records() const { return records_ + segments_; }
+
     std::string ClosingLine() const {
         if (options_.json) {
             std::string const target =
                 options_.dryRun ? R"("dry_run":true)" : R"("out":)" + JsonName("out", options_.out);
             return fmt::format(R"({},"file":{},{},"records":{},"added":{},"removed":{},"dropped":{},)"
-                               R"("references":{},"segment_records":{}}})",
+                               R"("references":{},"segment_records":{}{}}})",
                                JsonStart(), JsonName("file", options_.file), target, Decimal{records_}, Decimal{added_},
-                               Decimal{removed_}, Decimal{dropped_}, Decimal{references_}, Decimal{segments_});
+                               Decimal{removed_}, Decimal{dropped_}, Decimal{references_}, Decimal{segments_},
+                               OmittedMembers(options_.form, bad_));
         }
-        return fmt::format("{}: {}: {} {}added, {} removed, {} dropped; {}{}",
+        return fmt::format("{}: {}: {} {}added, {} removed, {} dropped; {}{}{}",
                            Printable(options_.dryRun ? options_.file : options_.out), Counted(records_, "record"),
                            added_, options_.dryRun ? "would be " : "", removed_, dropped_,
                            Counted(references_, "reference"),
-                           segments_ == 0 ? "" : "; " + Counted(segments_, "segment record") + " unchanged");
+                           segments_ == 0 ? "" : "; " + Counted(segments_, "segment record") + " unchanged",
+                           OmittedText(options_.form, bad_));
     }
 
 private:
@@ -189,11 +199,14 @@ private:
     std::uint64_t dropped_ = 0;
     std::uint64_t references_ = 0; // of the changed records
     std::uint64_t segments_ = 0;   // segment records
+    std::uint64_t bad_ = 0;
 };
 
 ExitCode ChangeAll(RefsOptions const& options, Output& out) {
+    RefuseToOmitInPlace(options.form, options.file, options.out);
     Changer changer(options);
     RecordStream stream(options.file);
+    SetUp(stream, options.form, nullptr);
     OutputFile to(options.out, {options.file});
     auto const write = [&](Record const& record) {
         if (record.kind == Kind::Segment) {
@@ -209,8 +222,8 @@ ExitCode ChangeAll(RefsOptions const& options, Output& out) {
         to.Write(bytes.data(), bytes.size());
     };
     ExitCode const result =
-        ForEachRecord(stream, write, [](Record const&, std::vector<Finding> const&) { return false; });
-    if (result == ExitCode::AllWell) {
+        ForEachRecord(stream, write, [&](Record const&, std::vector<Finding> const&) { return changer.Omit(); });
+    if (IsWorthWriting(options.form, result, changer.Records())) {
         to.Commit();
         PrintClosing(out, options.out, options.json, changer.ClosingLine());
     } else {
@@ -223,6 +236,7 @@ ExitCode ChangeAll(RefsOptions const& options, Output& out) {
 ExitCode ShowChanges(RefsOptions const& options, Output& out) {
     Changer changer(options);
     RecordStream stream(options.file);
+    SetUp(stream, options.form, options.json ? &out : nullptr);
     std::string const quotedName = JsonName("file", options.file);
     auto const show = [&](Record const& record) {
         if (record.kind == Kind::Segment) {
@@ -244,8 +258,8 @@ ExitCode ShowChanges(RefsOptions const& options, Output& out) {
         });
     };
     ExitCode const result =
-        ForEachRecord(stream, show, [](Record const&, std::vector<Finding> const&) { return false; });
-    if (result == ExitCode::AllWell) {
+        ForEachRecord(stream, show, [&](Record const&, std::vector<Finding> const&) { return changer.Omit(); });
+    if (IsWorthWriting(options.form, result, changer.Records())) {
         out.Print("{}\n", changer.ClosingLine());
     }
     return result;
@@ -255,9 +269,6 @@ ExitCode Refs(RefsOptions const& options, Output& out) {
     if (options.Changes() == (options.out.empty() && !options.dryRun)) {
         throw Failure(options.Changes() ? "--add, --remove and --drop-inactive need --out or --dry-run"
                                         : "--out and --dry-run need --add, --remove or --drop-inactive");
-    }
-    if (options.form.scan && options.Changes()) {
-        throw Failure("--scan is for listing references (try: crrecord refs --help)");
     }
     if (options.file == "-" && options.active == "-") {
         throw Failure("standard input can be either the records or the active tasks");
@@ -288,9 +299,10 @@ void AddRefs(CLI::App& app, Action& chosen) {
     verb.add_flag("--json", options.json,
                   "One JSON object on a line for each record; with changes, the closing line as one");
     verb.footer(
-        "A change is made to all DO records of FILE; with a bad record OUT is not written. Tasks are dropped first "
-        "and\n"
-        "references added last. The records keep their byte order; their legacy references become typed ones.\n\n"
+        "A change is made to all DO records of FILE; with a bad record OUT is not written, or with --scan OUT, which "
+        "may\n"
+        "not be FILE, has the other records: status 1. Tasks are dropped first and references added last. The records "
+        "keep their byte order; their legacy references become typed ones.\n\n"
         "Example:\n  crrecord refs movie.do --add task:18 --remove task:17 -o movie.do");
 }
 

@@ -185,6 +185,24 @@ void AddScan(CLI::App& verb, FormOptions& options) {
     }
 }
 
+void RefuseToOmitInPlace(FormOptions const& options, std::string const& file, std::string const& out) {
+    if (options.scan && IsSameFile(file, out)) {
+        throw Failure(out + ": is the input itself, whose damaged bytes --scan would omit");
+    }
+}
+
+bool IsWorthWriting(FormOptions const& options, ExitCode result, std::uint64_t records) {
+    return result == ExitCode::AllWell || (options.scan && result == ExitCode::BadRecord && records != 0);
+}
+
+std::string OmittedText(FormOptions const& options, std::uint64_t bad) {
+    return options.scan && bad != 0 ? fmt::format("; {} bad, omitted", bad) : "";
+}
+
+std::string OmittedMembers(FormOptions const& options, std::uint64_t bad) {
+    return options.scan ? fmt::format(R"(,"bad_records":{})", Decimal{bad}) : "";
+}
+
 void SetUp(RecordStream& stream, FormOptions const& options, Output* lines) {
     if (options.scan) {
         stream.ScanWith(IsValid);

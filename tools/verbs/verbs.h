@@ -114,6 +114,15 @@ void AddFormOptions(CLI::App& verb, FormOptions& options);
 // Adds the option to search for records after bytes that are none.
 void AddScan(CLI::App& verb, FormOptions& options);
 
+// For verbs that write all records of `file` to `out`, with --scan only the valid ones.
+// Throws: Failure if this would lose bytes of the only copy.
+void RefuseToOmitInPlace(FormOptions const& options, std::string const& file, std::string const& out);
+// Returns: true if the output is to be written. `records` is the number of its records.
+bool IsWorthWriting(FormOptions const& options, ExitCode result, std::uint64_t records);
+// Returns: the end of the closing line, as text or as JSON members; empty without --scan.
+std::string OmittedText(FormOptions const& options, std::uint64_t bad);
+std::string OmittedMembers(FormOptions const& options, std::uint64_t bad);
+
 // Makes a stream scan if `options` say so, and print its gaps to `lines`, too, unless that is null.
 void SetUp(RecordStream& stream, FormOptions const& options, Output* lines);
 

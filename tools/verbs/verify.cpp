@@ -13,9 +13,14 @@ namespace crrecord::tool {
 
 namespace {
 
+// Sets the check time in the bytes of a DO record.
+void Stamp(VerifyOptions const& options, std::vector<unsigned char>& bytes, Order order) {
+    reinterpret_cast<DORecordHeader*>(bytes.data())->checktime = InOrder(options.start, order);
+}
+
 // Writes a DO record, as it was read but for its check time.
 void WriteStamped(VerifyOptions const& options, std::vector<unsigned char> bytes, Order order, Output& out) {
-    reinterpret_cast<DORecordHeader*>(bytes.data())->checktime = InOrder(options.start, order);
+    Stamp(options, bytes, order);
     OutputFile to(options.out, {options.record});
     to.Write(bytes.data(), bytes.size());
     to.Commit();
@@ -25,57 +30,112 @@ void WriteStamped(VerifyOptions const& options, std::vector<unsigned char> bytes
 }
 
 ExitCode VerifyOne(VerifyOptions const& options, Output& out) {
+    RefuseToOmitInPlace(options.form, options.record, options.out);
     RecordStream stream(options.record, options.form.Facts());
-    Record const* const read = OnlyDORecord(stream);
-    if (!read) {
+    SetUp(stream, options.form, options.json ? &out : nullptr);
+    std::optional<OnlyRecord> const only = OnlyDORecord(stream);
+    if (!only) {
         return ExitCode::BadRecord;
     }
+    Record const& read = only->record;
     std::vector<unsigned char> original; // opening the record changes its bytes
     if (options.stamp) {
-        original.assign(read->bytes, read->bytes + read->size);
+        original.assign(read.bytes, read.bytes + read.size);
     }
-    std::unique_ptr<DORecord> const record = OpenDORecord(options.record, *read);
+    std::unique_ptr<DORecord> const record = OpenDORecord(options.record, read);
     if (IsBloom(record->GetDOType())) {
         throw Failure(options.record + ": is a bloom record, which has no segments");
     }
     Input input(options.file);
     ExitCode const result = VerifyFile(options, *record, nullptr, input, out);
     if (options.stamp && result == ExitCode::AllWell) {
-        WriteStamped(options, std::move(original), read->order, out);
+        WriteStamped(options, std::move(original), read.order, out);
     }
-    return result;
+    return only->hasDamage ? std::max(result, ExitCode::BadRecord) : result;
 }
 
-// Compares each record with the file of its name.
+// Compares each record with the file of its name. With --stamp writes all bytes of the records, and the check time in
+// those whose files match.
 class NamedFiles {
 public:
     NamedFiles(VerifyOptions const& options, Output& out)
         : options_(options), out_(out), names_(json::ReadNames(options.names)) {
         NameRecords(names_);
+        if (options.stamp) {
+            stamped_.emplace(options.out, std::vector<std::string>{options.record});
+        }
     }
 
     ExitCode Verify() {
         RecordStream stream(options_.record);
+        SetUp(stream, options_.form, options_.json ? &out_ : nullptr);
         std::vector<Finding> findings;
         while (Record const* const record = stream.Next()) {
             if (!CheckRecord(stream.Name(), *record, findings)) {
                 Count(ExitCode::BadRecord);
                 TakeName(*record);
-            } else if (std::string const* const name = TakeName(*record)) {
-                CompareOne(*record, *name);
+                CopyBad(stream, *record);
+                continue;
+            }
+            std::vector<unsigned char> original; // opening the record changes its bytes
+            if (stamped_) {
+                original.assign(record->bytes, record->bytes + record->size);
+            }
+            bool matches = false;
+            if (std::string const* const name = TakeName(*record)) {
+                matches = CompareOne(*record, *name);
             } else {
                 Complain(fmt::format("{}: has no name in {}", PlaceOf(options_.record, *record), options_.names));
                 Count(ExitCode::BadRecord);
             }
+            Copy(*record, std::move(original), matches);
         }
         for (; next_ != names_.size(); ++next_) {
             ComplainOfName(names_[next_]);
         }
-        PrintTotal();
+        bool const isWritten = Commit(stream);
+        PrintTotal(isWritten);
         return result_;
     }
 
 private:
+    void CopyBad(RecordStream& stream, Record const& record) {
+        if (stamped_) {
+            do {
+                stamped_->Write(record.bytes, record.size);
+            } while (stream.NextBlock());
+        }
+    }
+
+    void Copy(Record const& record, std::vector<unsigned char> original, bool matches) {
+        if (matches && stamped_) {
+            Stamp(options_, original, record.order);
+            ++stampedRecords_;
+        }
+        if (stamped_) {
+            stamped_->Write(original.data(), original.size());
+        }
+    }
+
+    // Writes the records, if at least one has a new check time and no bytes would be lost. Returns: true if so.
+    bool Commit(RecordStream const& stream) {
+        if (!stamped_) {
+            return false;
+        }
+        stream.ThrowIfChanged();
+        bool const hasAll = stream.UnreadBytes() == 0U;
+        if (!hasAll) {
+            Complain(fmt::format("{}: is not written: {} was not read to its end (try --scan)", options_.out,
+                                 options_.record));
+        }
+        if (!hasAll || stampedRecords_ == 0) {
+            stamped_->Abandon();
+            return false;
+        }
+        stamped_->Commit();
+        return true;
+    }
+
     // Returns: the name of the record, which follows those before it; null if it has none.
     std::string const* TakeName(Record const& record) {
         for (; next_ != names_.size() && names_[next_].offset < record.offset; ++next_) {
@@ -91,7 +151,8 @@ private:
         Count(ExitCode::BadRecord);
     }
 
-    void CompareOne(Record const& record, std::string const& name) {
+    // Returns: true if the file matches.
+    bool CompareOne(Record const& record, std::string const& name) {
         try {
             if (record.kind == Kind::Segment) {
                 throw InputFailure(PlaceOf(options_.record, record) + ": is a segment record, expected a DO record");
@@ -103,12 +164,18 @@ private:
             std::string const file = PathOf(name);
             Input input(file, Input::OpenIn(AT_FDCWD, file, 0)); // the index may name a pipe
             input.ThrowIfNotRegular();
+            if (stamped_ && stamped_->IsFile(input.Facts())) {
+                throw Failure(file + ": is an input itself, which the records would replace");
+            }
             ++files_;
             bytes_ += opened->GetSize();
-            Count(VerifyFile(options_, *opened, &record, input, out_));
+            ExitCode const result = VerifyFile(options_, *opened, &record, input, out_);
+            Count(result);
+            return result == ExitCode::AllWell;
         } catch (InputFailure const& failure) {
             Complain(failure.what());
             Count(ExitCode::CouldNotWork);
+            return false;
         }
     }
 
@@ -123,12 +190,16 @@ private:
         result_ = std::max(result_, result);
     }
 
-    void PrintTotal() {
+    void PrintTotal(bool isWritten) {
         if (options_.json) {
-            out_.Print(R"({},"record_file":{},"files":{},"bytes":{},"different":{},"failed":{}}})"
+            std::string const written =
+                isWritten ? fmt::format(R"(,"out":{},"checktime":{},"stamped":{})", JsonName("out", options_.out),
+                                        options_.start, Decimal{stampedRecords_})
+                          : "";
+            out_.Print(R"({},"record_file":{},"files":{},"bytes":{},"different":{},"failed":{}{}}})"
                        "\n",
                        JsonStart(), JsonName("record_file", options_.record), Decimal{files_}, Decimal{bytes_},
-                       Decimal{different_}, Decimal{failed_});
+                       Decimal{different_}, Decimal{failed_}, written);
             return;
         }
         out_.Print("{}: {}, {}: ", Printable(options_.record), Counted(files_, "file"), Counted(bytes_, "byte"));
@@ -137,10 +208,16 @@ private:
         } else {
             out_.Print("{} different, {} failed\n", different_, failed_);
         }
+        if (isWritten) {
+            out_.Print("{}: {}, check time {}\n", Printable(options_.out), Counted(stampedRecords_, "record"),
+                       options_.start);
+        }
     }
 
     VerifyOptions const& options_;
     Output& out_;
+    std::optional<OutputFile> stamped_;
+    std::uint64_t stampedRecords_ = 0;
     std::vector<NamedRecord> names_;
     std::size_t next_ = 0; // of the names
     std::uint64_t files_ = 0;
@@ -155,23 +232,21 @@ ExitCode Verify(VerifyOptions const& options, Output& out) {
         throw Failure(options.names.empty() ? "FILE or --names is required (try: crrecord verify --help)"
                                             : "with --names each file has its name there, so there is no FILE");
     }
-    if (options.names.empty()) {
-        if (options.record == "-" && options.file == "-") {
-            throw Failure("standard input can be either the record or the file");
-        }
-        RefuseToReplace({options.file}, options.out, "record");
-        if (options.out != "-") {
-            return VerifyOne(options, out);
-        }
-        Output error(STDERR_FILENO, "standard error"); // the record is on standard output
-        ExitCode const result = VerifyOne(options, error);
-        error.Flush();
-        return result;
+    if (options.record == "-" && (options.file == "-" || options.names == "-")) {
+        throw Failure(options.names.empty() ? "standard input can be either the record or the file"
+                                            : "standard input can be either the records or their names");
     }
-    if (options.names == "-" && options.record == "-") {
-        throw Failure("standard input can be either the records or their names");
+    RefuseToReplace({options.file, options.names}, options.out, "record");
+    auto const verify = [&options](Output& to) {
+        return options.names.empty() ? VerifyOne(options, to) : NamedFiles(options, to).Verify();
+    };
+    if (options.out != "-") {
+        return verify(out);
     }
-    return NamedFiles(options, out).Verify();
+    Output error(STDERR_FILENO, "standard error"); // the records are on standard output
+    ExitCode const result = verify(error);
+    error.Flush();
+    return result;
 }
 
 } // namespace
@@ -191,14 +266,16 @@ void AddVerify(CLI::App& app, Action& chosen) {
     verb.add_flag("--json", options.json, "One JSON object with all differences");
     AddFormOptions(verb, options.form);
     names->excludes(verb.get_option("--serialized"));
+    AddScan(verb, options.form);
     auto* const written = AddFile(verb, "-o,--out", options.out,
                                   "The file that --stamp writes, which may be RECORD; - is standard output")
                               ->type_name("OUT");
-    auto* const stamp = verb.add_flag("--stamp", options.stamp,
-                                      "If FILE matches, write the record with the time of this check as checktime")
-                            ->needs(written)
-                            ->excludes(names)
-                            ->excludes(verb.get_option("--serialized"));
+    auto* const stamp =
+        verb.add_flag("--stamp", options.stamp,
+                      "Write the record, or with --names all records; those whose files match have the time of "
+                      "this check as checktime")
+            ->needs(written)
+            ->excludes(verb.get_option("--serialized"));
     written->needs(stamp);
     verb.footer("Reads FILE once and lists each segment whose data has a fingerprint other than the recorded one, each "
                 "gap that\n"

@@ -305,7 +305,7 @@ void CheckCrc(VerifyOptions const& options, DORecord const& record, Verifier con
 
 // Compares the record's list of containers with its segments.
 void CheckList(DORecord const& record, Report& report, Checks& checks) {
-    if (record.GetNudcid() == 0) {
+    if (record.GetNudcid() == 0 && record.GetNfp() != 0) {
         checks.Skip("containers", "the record has no list of them");
         return;
     }
