@@ -87,6 +87,13 @@ TEST(DORecordBuffer, RejectsSizesBeyond32Bits) {
     EXPECT_EQ(Refusal([&] { record->AddSerializedTRefs("\2\10\0\0\0\0\0\0\0\1", 10); }), kInvalidSize);
     EXPECT_EQ(std::tuple(record->getRecSize(), record->getTRefsSize(), record->GetNTRefs()),
               std::tuple(0xffffffff - 9, 0u, 0u));
+    record->bufferSize = 5ul << 30; // no byte after the header is used
+    record->setRecSize(104);
+    record->setTRefsSize(0xffffffff - 9);
+    EXPECT_EQ(Refusal([&] { record->AddTaskID(1); }), kInvalidSize);
+    EXPECT_EQ(Refusal([&] { record->AddSerializedTRefs("\2\10\0\0\0\0\0\0\0\1", 10); }), kInvalidSize);
+    EXPECT_EQ(std::tuple(record->getRecSize(), record->getTRefsSize(), record->GetNTRefs()),
+              std::tuple(104u, 0xffffffff - 9, 0u));
 }
 
 // Raw setters can place sections outside of the buffer.
