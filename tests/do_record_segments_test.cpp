@@ -49,6 +49,8 @@ TEST(DORecordSegments, AccessorsReturnValuesInEitherOrder) {
                 EXPECT_EQ(Bytes(copy.bytes, copy.bytes + sizeof copy), padded);
                 EXPECT_EQ(seen.offset, values.dotype == 3 || values.dotype == 5 ? offset : kNone64);
                 EXPECT_EQ(std::pair(seen.size, record->Segments()[i].dcid), std::pair(size, dcid));
+                DOSegmentSource const source = DOSegmentSource::Of(record->GetHeader());
+                EXPECT_EQ(std::pair(source.Size(i), source.Offset(i)), std::pair(seen.size, seen.offset));
             }
             EXPECT_TRUE(segment == record->Segments().end());
             EXPECT_EQ(record->Segments().size(), values.segments.size());
