@@ -35,7 +35,9 @@ inline void MustHaveFields(crr_do const& record, DORecordView const& view) {
              h.crc == view.GetCrc() && h.ctime == view.GetCTime() && h.mtime == view.GetMTime() &&
              h.nfp == view.GetNfp() && h.nudcid == view.GetNudcid() && h.trefssize == view.GetTRefsSize() &&
              h.bsize == view.GetBSize() && h.fptype == view.GetFPType() && h.dotype == view.GetDOType() &&
-             h.ntaskid == view.GetLegacyTaskIDs() && h.nds == view.GetLegacyDSIDs(),
+             h.ntaskid == view.GetLegacyTaskIDs() && h.nds == view.GetLegacyDSIDs() &&
+             h.reserved == view.GetHeader()->reserved &&
+             std::memcmp(h.reserved2, view.GetHeader()->reserved2, sizeof h.reserved2) == 0,
          "header fields");
     Must(crr_do_bitmap(&record) == view.GetBloom(), "bitmap");
     std::uint32_t i = 0;

@@ -39,7 +39,8 @@ TEST(DORecordBuffer, GrowsByZeroedPagesAsItsModeAllows) {
 
         void* volatile const dirty = std::memset(std::malloc(2 * kPage), 0xee, 2 * kPage);
         std::free(dirty); // the next growth is likely to get it
-        for (auto const& [asked, pages] : {std::pair{size + 1, 1u}, {kPage, 1}, {kPage + 1, 2}, {kPage, 2}}) {
+        for (auto const& [asked, pages] :
+             {std::pair{size + 1, 1u}, {kPage, 1}, {kPage + 1, 2}, {kPage, 2}, {2 * kPage + 2, 3}}) {
             EXPECT_EQ(Refusal([&, to = asked] { record->expand(to); }), fixed ? kMayNotCopy : "");
             Bytes expected = bytes;
             expected.resize(fixed ? size : pages * kPage);
@@ -49,7 +50,7 @@ TEST(DORecordBuffer, GrowsByZeroedPagesAsItsModeAllows) {
         }
         EXPECT_EQ(memory, bytes);          // which is still the caller's to free
         record->copyMode = Mode::Borrowed; // from a block that the record frees
-        auto const move = [&] { return record->expand(3 * kPage), CR_STATUS_OK; };
+        auto const move = [&] { return record->expand(4 * kPage), CR_STATUS_OK; };
         EXPECT_EQ(fault::Run(move, 0).live, fixed);
     }
 }
@@ -87,6 +88,13 @@ TEST(DORecordBuffer, RejectsSizesBeyond32Bits) {
     EXPECT_EQ(Refusal([&] { record->AddSerializedTRefs("\2\10\0\0\0\0\0\0\0\1", 10); }), kInvalidSize);
     EXPECT_EQ(std::tuple(record->getRecSize(), record->getTRefsSize(), record->GetNTRefs()),
               std::tuple(0xffffffff - 9, 0u, 0u));
+    record->bufferSize = 5ul << 30; // no byte after the header is used
+    record->setRecSize(104);
+    record->setTRefsSize(0xffffffff - 9);
+    EXPECT_EQ(Refusal([&] { record->AddTaskID(1); }), kInvalidSize);
+    EXPECT_EQ(Refusal([&] { record->AddSerializedTRefs("\2\10\0\0\0\0\0\0\0\1", 10); }), kInvalidSize);
+    EXPECT_EQ(std::tuple(record->getRecSize(), record->getTRefsSize(), record->GetNTRefs()),
+              std::tuple(104u, 0xffffffff - 9, 0u));
 }
 
 // Raw setters can place sections outside of the buffer.
@@ -117,6 +125,14 @@ TEST(DORecordBuffer, RejectsSectionsOutsideItsBuffer) {
             EXPECT_EQ(Buffer(*record), before);
         }
     }
+    auto const none = Build<OpenRecord>(Example(2, 1));
+    none->cleanupConstruction();
+    EXPECT_EQ(Refusal([&] { none->AddTaskID(1); }), kInvalidSize);
+    auto const cut = Build<OpenRecord>(Example(2, 1));
+    cut->bufferSize = 80 + 28 * cut->GetNfp() + 8; // with the list's count, the last number that a conversion swaps
+    EXPECT_EQ(Refusal([&] { cut->HostToNetwork(0); }), "");
+    --cut->bufferSize;
+    EXPECT_EQ(Refusal([&] { cut->NetworkToHost(0); }), kInvalidSize);
 }
 
 } // namespace

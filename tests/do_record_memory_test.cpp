@@ -142,7 +142,8 @@ TEST(DORecordMemory, NodesServeOneSizeAndNoCopies) {
 // The pool allocates blocks of a few dozen chunks: chunks that are not returned make it allocate more.
 TEST(DORecordMemory, ReturnsEveryChunkToThePool) {
     RecordValues values = Example(5, 1);
-    values.references = {{9, 1}, {2, 17}, {2, 17}, {4, 3}}; // of which one is dropped
+    // The first is shorter than the others, so that chunks are left over; one is dropped.
+    values.references = {{4, 3}, {9, 1}, {2, 17}, {2, 17}};
     Bytes const stored = Spell(values, true).bytes;
     auto const work = [&] {
         auto const record = DORecord::FromBuffer(stored.data(), stored.size());

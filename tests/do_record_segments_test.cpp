@@ -51,6 +51,8 @@ TEST(DORecordSegments, AccessorsReturnValuesInEitherOrder) {
                 EXPECT_EQ(std::pair(seen.size, record->Segments()[i].dcid), std::pair(size, dcid));
                 EXPECT_EQ(seen.fingerprint == record->Segments()[0].fingerprint, i == 0);
                 EXPECT_EQ((seen.fingerprint != DOFingerprint{seen.fingerprint.data, 16}), values.fptype == 3);
+                DOSegmentSource const source = DOSegmentSource::Of(record->GetHeader());
+                EXPECT_EQ(std::pair(source.Size(i), source.Offset(i)), std::pair(seen.size, seen.offset));
             }
             EXPECT_TRUE(segment == record->Segments().end());
             EXPECT_EQ(record->Segments().size(), values.segments.size());

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <thread>
 
 namespace {
 
@@ -58,6 +59,13 @@ TEST(Memory, SerializeReportsAllocationFailure) {
                   "22\nerror 22: Could not serialize SO: malloc failed for " +
                       row.size + " bytes (" + CRStatusToStringA(CR_STATUS_NO_MEMORY) + ")\n");
     }
+}
+
+TEST(Log, FreesTheMessageOfAnEndedThread) {
+    LogCapture log;
+    long const before = fault::LiveOfAllThreads();
+    std::thread([] { ErrorA(CR_STATUS_INVALID, "text"); }).join();
+    EXPECT_EQ(fault::LiveOfAllThreads(), before);
 }
 
 TEST(SORecord, LogsAllocationFailure) {

@@ -98,12 +98,15 @@ TEST(ToStream, WritesBothForms) {
 
 TEST(ToStream, WritesTextOfAnyLength) {
     Bytes bytes = Golden({false, 1, 0, 0});
+    bytes.insert(bytes.begin() + 96, 16, 'A');
+    bytes.insert(bytes.begin() + 96, 16, 'B');
     bytes.insert(bytes.begin() + 96, 8 * 1000, 0xff);
     RecordOf(bytes)->ntaskids = 1000;
+    RecordOf(bytes)->nfp = 2;
     std::ostringstream stream;
     SegmentRecordToStream(stream, *RecordOf(bytes), false);
     EXPECT_EQ(stream.str().find("]"), stream.str().find("[") + 1000 * 21);
-    EXPECT_TRUE(stream.str().ends_with(",18446744073709551615],[]"));
+    EXPECT_TRUE(stream.str().ends_with(",18446744073709551615],[B,A]"));
 }
 
 // The findings in `size` bytes, at most `most`.

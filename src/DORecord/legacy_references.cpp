@@ -54,9 +54,7 @@ int DORecord::AddTaskID(unsigned long taskId, cr_task_callback_t callback, void*
         return CR_STATUS_INVALID;
     }
     RemoveInactiveTaskIDs(callback, context);
-    int const result = AddTaskID(taskId);
-    handleUpdate();
-    return result;
+    return AddTaskID(taskId);
 }
 
 unsigned long DORecord::RemoveInactiveTaskIDs(cr_task_callback_t callback, void* context) {

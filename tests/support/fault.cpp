@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <openssl/crypto.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <new>
 #include <utility>
@@ -15,6 +16,7 @@ struct State {
     fault::Outcome seen;
 };
 thread_local State state{};
+std::atomic<long> live = 0;
 
 template <class Real>
 void* Allocate(Real real, bool moves = false) {
@@ -22,6 +24,7 @@ void* Allocate(Real real, bool moves = false) {
     bool const fails = state.first != 0 && (state.andRest ? number >= state.first : number == state.first);
     void* const block = fails ? nullptr : real();
     state.seen.live += block && !moves;
+    live += block && !moves;
     return block;
 }
 
@@ -52,6 +55,10 @@ unsigned long fault::FailEach(std::function<cr_status_t()> const& attempt) {
     }
 }
 
+long fault::LiveOfAllThreads() {
+    return live;
+}
+
 // The functions that the linker's --wrap calls.
 extern "C" {
 void* __real_malloc(std::size_t);
@@ -71,6 +78,7 @@ void* __wrap_realloc(void* block, std::size_t size) {
 }
 void __wrap_free(void* block) {
     state.seen.live -= block != nullptr;
+    live -= block != nullptr;
     __real_free(block);
 }
 void* __wrap___cxa_allocate_exception(std::size_t size) {

@@ -26,6 +26,9 @@ Outcome Run(std::function<cr_status_t()> const& attempt, unsigned long first, bo
 // failure, 0 from the last, and no leaked block. Returns: the number of failures.
 unsigned long FailEach(std::function<cr_status_t()> const& attempt);
 
+// Returns: the blocks allocated less those released by the process since its start.
+long LiveOfAllThreads();
+
 // Returns: the status that the call returned, threw, or set as the thread's last one.
 template <class Call>
 cr_status_t StatusOf(Call const& call) {
