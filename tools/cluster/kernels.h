@@ -12,6 +12,7 @@
 #include "cluster/work_file.h"
 #include "io/failure.h"
 #include "io/record_stream.h"
+#include "store/claimed_bytes.h"
 #include "store/partitions.h"
 #include "store/question.h"
 

@@ -9,10 +9,10 @@ namespace {
 
 constexpr std::size_t kTextBlock = 256UL * 1024;
 
-// The size of blocks, so that the buffers of all partitions need about 64 MiB.
+// The size of blocks, so that the buffers of all partitions need at most 256 MiB.
 std::size_t BlockSizeFor(std::uint32_t partitions) {
-    constexpr std::size_t kBuffers = 64UL * 1024 * 1024;
-    return std::clamp<std::size_t>(kBuffers / partitions, 16UL * 1024, 1024UL * 1024);
+    constexpr std::size_t kBuffers = 256UL * 1024 * 1024;
+    return std::clamp<std::size_t>(kBuffers / partitions, 32UL * 1024, 1024UL * 1024);
 }
 
 std::uint32_t PartitionOf(std::uint64_t dcid, Partitioning const& partitioning) {
