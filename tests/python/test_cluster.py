@@ -12,7 +12,7 @@ import tempfile
 import time
 import unittest
 
-import crrecord
+import crrecord.cluster
 from golden import GOLDEN, ROOT
 
 sys.path.insert(0, str(GOLDEN))

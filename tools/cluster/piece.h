@@ -90,7 +90,7 @@ template <class Item>
 Item OnlyItem(WorkFile const& file, std::uint32_t stream) {
     std::vector<Item> items;
     for (WorkBlock const& block : file.Blocks(stream)) {
-        file.CopyItems(file.Items(block), items);
+        file.Read(block, items);
     }
     if (items.size() != 1) {
         file.ThrowDamaged();

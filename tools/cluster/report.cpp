@@ -33,7 +33,7 @@ private:
     void Refill() {
         if (next_ != blocks_.size()) {
             WorkFile const file(name_);
-            file.CopyItems(file.Items(blocks_[next_]), rows_);
+            file.Read(blocks_[next_], rows_);
             ++next_;
             at_ = 0;
         }
@@ -83,8 +83,8 @@ PieceCounts PrintMessages(ReportTask const& task) {
     for (std::string const& name : task.pieces) {
         WorkFile const piece({task.folder, name});
         sums.Add(OnlyItem<PieceCounts>(piece, piece_stream::kCounts));
-        piece.ForEachBlock(piece_stream::kMessages, [&](std::span<unsigned char const> items) {
-            std::string_view texts(reinterpret_cast<char const*>(items.data()), items.size());
+        piece.ForEachBlock<char>(piece_stream::kMessages, [&](std::span<char const> items) {
+            std::string_view texts(items.data(), items.size());
             while (!texts.empty()) {
                 std::string_view const text = texts.substr(0, texts.find('\0'));
                 error.Print("crrecord: {}\n", Printable(text));
@@ -98,9 +98,9 @@ PieceCounts PrintMessages(ReportTask const& task) {
 
 void PrintLines(ReportTask const& task, Output& out) {
     for (std::string const& name : task.pieces) {
-        WorkFile({task.folder, name}).ForEachBlock(piece_stream::kLines, [&](std::span<unsigned char const> lines) {
-            out.Write({reinterpret_cast<char const*>(lines.data()), lines.size()});
-        });
+        WorkFile const piece({task.folder, name});
+        piece.ForEachBlock<char>(piece_stream::kLines,
+                                 [&](std::span<char const> lines) { out.Write({lines.data(), lines.size()}); });
     }
 }
 
@@ -123,7 +123,7 @@ ExitCode Print(ReportTask const& task, StoreTotals const& totals, Report& report
 
 std::vector<std::uint64_t> NumbersOf(WorkFile const& file, std::uint32_t stream) {
     std::vector<std::uint64_t> numbers;
-    file.ForEachBlockOf<std::uint64_t>(
+    file.ForEachBlock<std::uint64_t>(
         stream, [&](std::span<std::uint64_t const> some) { numbers.insert(numbers.end(), some.begin(), some.end()); });
     return numbers;
 }

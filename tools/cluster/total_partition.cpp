@@ -13,12 +13,12 @@ public:
     void AddRows() {
         for (std::size_t i = 0; i < task_.pieces.size(); ++i) {
             WorkFile const file({task_.folder, task_.pieces[i]});
-            file.ForEachBlockOf<ContainerRow>(piece_stream::RowsOf(task_.partition),
-                                              [&](std::span<ContainerRow const> rows) {
-                                                  for (ContainerRow const& row : rows) {
-                                                      AddRow(row, i);
-                                                  }
-                                              });
+            file.ForEachBlock<ContainerRow>(piece_stream::RowsOf(task_.partition),
+                                            [&](std::span<ContainerRow const> rows) {
+                                                for (ContainerRow const& row : rows) {
+                                                    AddRow(row, i);
+                                                }
+                                            });
         }
     }
 
@@ -26,7 +26,7 @@ public:
         Partitions partitions(task_.options);
         for (std::string const& piece : task_.pieces) {
             WorkFile const file({task_.folder, piece});
-            file.ForEachBlockOf<SegmentTuple>(
+            file.ForEachBlock<SegmentTuple>(
                 piece_stream::TuplesOf(task_.partition), [&](std::span<SegmentTuple const> tuples) {
                     if (!std::all_of(tuples.begin(), tuples.end(),
                                      [](auto const& tuple) { return tuple.IsWellFormed(); })) {

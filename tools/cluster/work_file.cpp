@@ -139,7 +139,7 @@ void WorkFile::ReadFoot() {
     if (!S_ISREG(facts.st_mode) || size < sizeof foot) {
         ThrowDamaged();
     }
-    Read(&foot, sizeof foot, size - sizeof foot);
+    ReadAt(&foot, sizeof foot, size - sizeof foot);
     std::uint32_t const crc = std::exchange(foot.crc, 0);
     bool const isNamed = name_.name.size() == kNameSize && std::memcmp(foot.name, name_.name.data(), kNameSize) == 0;
     if (foot.mark != WorkFoot::kMark || crc != CrcOf(&foot, sizeof foot) || !isNamed || foot.directory > size ||
@@ -150,7 +150,7 @@ void WorkFile::ReadFoot() {
     streams_ = foot.streams;
 }
 
-void WorkFile::Read(void* to, std::size_t size, std::uint64_t offset) const {
+void WorkFile::ReadAt(void* to, std::size_t size, std::uint64_t offset) const {
     auto* at = static_cast<unsigned char*>(to);
     while (size != 0) {
         ssize_t const count = ::pread(file_, at, size, static_cast<off_t>(offset));
@@ -173,14 +173,14 @@ std::vector<WorkBlock> WorkFile::Blocks(std::uint32_t stream) const {
     }
     std::vector<WorkBlock> blocks;
     WorkBlock block;
-    Read(&block, sizeof block, directory_ + stream * std::uint64_t{sizeof block});
+    ReadAt(&block, sizeof block, directory_ + stream * std::uint64_t{sizeof block});
     // Each block ends before the next one starts, so that the chain ends.
     for (std::uint64_t end = directory_; block.offset != WorkBlock::kNone; end = blocks.back().offset) {
         if (block.size < sizeof block || block.offset > end || block.size > end - block.offset) {
             ThrowDamaged();
         }
         blocks.push_back(block);
-        Read(&block, sizeof block, block.offset);
+        ReadAt(&block, sizeof block, block.offset);
     }
     if (block.size != 0 || block.crc != 0) {
         ThrowDamaged();
@@ -189,20 +189,13 @@ std::vector<WorkBlock> WorkFile::Blocks(std::uint32_t stream) const {
     return blocks;
 }
 
-std::vector<unsigned char> WorkFile::Items(WorkBlock const& block) const {
-    std::vector<unsigned char> bytes(block.size);
-    Read(bytes.data(), bytes.size(), block.offset);
-    if (CrcOf(bytes.data(), bytes.size()) != block.crc) {
+void WorkFile::ReadItems(WorkBlock const& block, void* items) const {
+    WorkBlock previous;
+    ReadAt(&previous, sizeof previous, block.offset);
+    std::size_t const size = block.size - sizeof previous;
+    ReadAt(items, size, block.offset + sizeof previous);
+    if (libdeflate_crc32(CrcOf(&previous, sizeof previous), items, size) != block.crc) {
         ThrowDamaged();
-    }
-    bytes.erase(bytes.begin(), bytes.begin() + sizeof(WorkBlock));
-    return bytes;
-}
-
-void WorkFile::ForEachBlock(std::uint32_t stream,
-                            std::function<void(std::span<unsigned char const>)> const& use) const {
-    for (WorkBlock const& block : Blocks(stream)) {
-        use(Items(block));
     }
 }
 

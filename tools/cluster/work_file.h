@@ -10,7 +10,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <span>
 #include <string>
 #include <type_traits>
@@ -84,29 +83,26 @@ public:
 
     // Returns: the blocks of a stream in their order.
     std::vector<WorkBlock> Blocks(std::uint32_t stream) const;
-    // Returns: the items of a block. Throws: Failure if the checksum is wrong.
-    std::vector<unsigned char> Items(WorkBlock const& block) const;
-
-    // Calls use(items) for each block of a stream, in their order.
-    void ForEachBlock(std::uint32_t stream, std::function<void(std::span<unsigned char const>)> const& use) const;
-
-    // Calls use(span of items) for each block of a stream.
-    template <class Item, class Use>
-    void ForEachBlockOf(std::uint32_t stream, Use use) const {
-        std::vector<Item> items;
-        ForEachBlock(stream, [&](std::span<unsigned char const> bytes) {
-            CopyItems(bytes, items);
-            use(std::span<Item const>(items));
-        });
-    }
+    // Replaces `items` by those of a block. Throws: Failure if the checksum is wrong.
     template <class Item>
-    void CopyItems(std::span<unsigned char const> bytes, std::vector<Item>& items) const {
+    void Read(WorkBlock const& block, std::vector<Item>& items) const {
         static_assert(std::is_trivially_copyable_v<Item>);
-        if (bytes.size() % sizeof(Item) != 0) {
+        std::size_t const size = block.size - sizeof block;
+        if (size % sizeof(Item) != 0) {
             ThrowDamaged();
         }
-        items.resize(bytes.size() / sizeof(Item));
-        std::memcpy(static_cast<void*>(items.data()), bytes.data(), bytes.size());
+        items.resize(size / sizeof(Item));
+        ReadItems(block, items.data());
+    }
+
+    // Calls use(span of items) for each block of a stream, in their order.
+    template <class Item, class Use>
+    void ForEachBlock(std::uint32_t stream, Use use) const {
+        std::vector<Item> items;
+        for (WorkBlock const& block : Blocks(stream)) {
+            Read(block, items);
+            use(std::span<Item const>(items));
+        }
     }
 
     [[noreturn]] void ThrowDamaged() const;
@@ -118,7 +114,8 @@ private:
     std::uint32_t streams_ = 0;
 
     void ReadFoot();
-    void Read(void* to, std::size_t size, std::uint64_t offset) const;
+    void ReadItems(WorkBlock const& block, void* items) const;
+    void ReadAt(void* to, std::size_t size, std::uint64_t offset) const;
 };
 
 } // namespace crrecord::tool

@@ -16,12 +16,12 @@ public:
 
     std::vector<RecordPosition> Run() {
         while (at_.offset < size_) {
-            std::uint64_t const size = SizeOfRecord();
-            if (size == 0 && !PassDoubtful()) {
+            recordSize_ = SizeOfRecord();
+            if (recordSize_ == 0 && !PassDoubtful()) {
                 break;
             }
-            if (size != 0) {
-                at_ = {at_.offset + size, at_.number + 1};
+            if (recordSize_ != 0) {
+                at_ = {at_.offset + recordSize_, at_.number + 1};
                 Mark();
             }
         }
@@ -44,8 +44,10 @@ private:
     std::span<unsigned char const> Head() {
         std::uint64_t const need = std::min(kLargestHead, size_ - at_.offset);
         if (at_.offset < start_ || at_.offset + need > start_ + there_) {
+            // After a large record, another one is likely, whose other bytes are not read.
+            std::uint64_t const most = recordSize_ < kBuffer / 8 ? kBuffer : need;
             start_ = at_.offset;
-            there_ = input_.ReadAt(buffer_, start_);
+            there_ = input_.ReadAt(std::span(buffer_).first(most), start_);
         }
         std::uint64_t const begin = at_.offset - start_;
         return std::span(buffer_).subspan(begin, std::min(need, there_ - std::min(begin, there_)));
@@ -86,8 +88,9 @@ private:
     Input input_;
     std::uint64_t size_;
     std::vector<unsigned char> buffer_;
-    std::uint64_t start_ = 0; // of the buffer in the file
-    std::uint64_t there_ = 0; // bytes in the buffer
+    std::uint64_t recordSize_ = 0; // of the last record; 0 if its end is in doubt
+    std::uint64_t start_ = 0;      // of the buffer in the file
+    std::uint64_t there_ = 0;      // bytes in the buffer
     RecordPosition at_{0, 1};
     std::vector<RecordPosition> marks_{at_};
 };

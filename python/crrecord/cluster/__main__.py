@@ -76,7 +76,7 @@ def _run(options: argparse.Namespace) -> int:
     from distributed import Client, LocalCluster
 
     processors = len(os.sched_getaffinity(0))
-    local = {"n_workers": processors, "threads_per_worker": 1, "host": "127.0.0.1", "dashboard_address": None}
+    local = {"n_workers": processors, "threads_per_worker": 1, "host": "127.0.0.1", "dashboard_address": "127.0.0.1:0"}
     with contextlib.ExitStack() as stack:
         address = options.scheduler or stack.enter_context(LocalCluster(**local))
         client = stack.enter_context(Client(address))
