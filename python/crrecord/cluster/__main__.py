@@ -5,13 +5,14 @@ from __future__ import annotations
 import argparse
 import asyncio
 import contextlib
+import logging
 import os
 import sys
-from typing import Callable, Dict, List, Optional
+from typing import Any, Callable, Dict, List, Optional
 
 from .. import Error, cluster
 from .._types import Reference
-from ._run import Question, Run
+from ._run import Question, Run, distributed
 
 
 def _number(least: int, most: int) -> Callable[[str], int]:
@@ -73,15 +74,17 @@ def _parser() -> argparse.ArgumentParser:
 
 
 def _run(options: argparse.Namespace) -> int:
-    from distributed import Client, LocalCluster
-
+    logging.disable(logging.ERROR)  # Dask's lines about workers that are lost, whose tasks others do
+    dask = distributed()
     processors = len(os.sched_getaffinity(0))
-    local = {"n_workers": processors, "threads_per_worker": 1, "host": "127.0.0.1", "dashboard_address": "127.0.0.1:0"}
+    local: Dict[str, Any] = {"n_workers": processors, "threads_per_worker": 1, "silence_logs": logging.CRITICAL}
+    local.update(host="127.0.0.1", dashboard_address="127.0.0.1:0")
     with contextlib.ExitStack() as stack:
-        address = options.scheduler or stack.enter_context(LocalCluster(**local))
-        client = stack.enter_context(Client(address))
+        address = options.scheduler or stack.enter_context(dask.LocalCluster(**local))
+        client = stack.enter_context(dask.Client(address))
         run = Run(client, QUESTIONS[options.verb](options), options.files, options.work, options.piece)
-        return run.answer(sys.stdout.fileno(), sys.stderr.fileno())
+        status = run.answer(sys.stdout.fileno(), sys.stderr.fileno())
+    return status
 
 
 def main(arguments: Optional[List[str]] = None) -> int:

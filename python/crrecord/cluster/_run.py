@@ -3,10 +3,11 @@
 from __future__ import annotations
 
 import glob
+import importlib
 import os
 import pathlib
 import secrets
-from typing import TYPE_CHECKING, Any, Callable, Dict, Iterable, List, NamedTuple, Sequence, Tuple, Union
+from typing import TYPE_CHECKING, Any, Callable, Dict, Iterable, List, Mapping, NamedTuple, Sequence, Tuple, Union
 
 from .. import _store
 from .._crrecord import __version__
@@ -35,6 +36,11 @@ class Question(NamedTuple):
     has_partitions: bool = True
     by_first_use: bool = False  # the order of the containers
     counts_files: bool = False  # the report takes their number
+
+
+def distributed() -> Any:
+    """Import Dask distributed, whose functions have no types. Only a run needs it."""
+    return importlib.import_module("distributed")
 
 
 def _list(files: Iterable[File]) -> List[Input]:
@@ -80,8 +86,11 @@ def _pieces(parts: Iterable[Part], size: int) -> List[Piece]:
 class Run:
     """A run in a folder for work files. Tasks whose files exist are not repeated."""
 
-    def __init__(self, client: Client, question: Question, files: Iterable[File], work: File, piece: int | None) -> None:
-        self.client, self.question = client, question
+    def __init__(
+        self, client: Client, question: Question, files: Iterable[File], work: File, piece: int | None
+    ) -> None:
+        self.client: Any = client
+        self.question = question
         self.work = os.path.abspath(os.fsdecode(work))
         os.makedirs(self.work, exist_ok=True)
         self.inputs = _list(files)
@@ -109,10 +118,8 @@ class Run:
     def _name_of(self, piece: Piece) -> str:
         return name_of(__version__, sorted(self.question.scan.options.items()), self.question.scan[::2], piece)
 
-    def _compute(self, function: Callable[..., Any], tasks: Dict[str, Tuple[Any, ...]]) -> Dict[str, Any]:
+    def _compute(self, function: Callable[..., Any], tasks: Mapping[str, Tuple[Any, ...]]) -> Dict[str, Any]:
         """Call function(work, *arguments) for each task and return the results by key."""
-        from distributed import as_completed
-
         futures = [
             self.client.submit(function, self.work, *arguments, key=f"crrecord-{key}", retries=RETRIES, pure=False)
             for key, arguments in tasks.items()
@@ -120,7 +127,7 @@ class Run:
         keys = {future.key: key for future, key in zip(futures, tasks)}
         results = {}
         try:
-            for future in as_completed(futures):
+            for future in distributed().as_completed(futures):
                 results[keys[future.key]] = future.result()
         finally:
             self.client.cancel([future for future in futures if not future.done()])
