@@ -14,6 +14,7 @@ import time
 import unittest
 
 import crrecord.cluster
+from crrecord import _store
 from golden import GOLDEN, ROOT
 
 sys.path.insert(0, str(GOLDEN))
@@ -155,6 +156,15 @@ class Cluster(unittest.TestCase):
             with self.subTest(arguments[:4]):
                 self.assertEqual(self.end(self.start(self.address, *arguments)), command(*arguments))
 
+    def test_piece_size_does_not_change_the_output(self):
+        files = [str(self.store / name) for name in ("claims", "doubtful", "large")]
+        for piece, chosen in (("1", files[:1]), ("700", files[:2]), ("150000", files)):
+            arguments = ["recall", "--cache", "5", *chosen]
+            started = subprocess.Popen([*MODULE, *arguments, "--work", str(self.work), "--piece", piece, "--scheduler",
+                                        self.address], env=ENVIRONMENT, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            with self.subTest(piece):
+                self.assertEqual(self.end(started), command(*arguments))
+
     def test_functions_return_lines_and_status(self):
         from distributed import Client
 
@@ -166,6 +176,32 @@ class Cluster(unittest.TestCase):
             self.assertIn("not read", answer.messages[0])
             with self.assertRaises(FileNotFoundError):
                 crrecord.cluster.live(client, [self.store / "none*"], work=self.work)
+
+    def test_damage_to_a_piece_never_changes_the_sums(self):
+        folder, piece, sums = os.fsencode(self.work), "a" * 64, "b" * 64
+        path, facts = self.store / "golden", (self.store / "golden").stat()
+        part = (b"golden", os.fsencode(path), 0, 1, (1 << 64) - 1, facts.st_size, facts.st_mtime_ns)
+        _store._scan_store([part], False, 0, (folder, piece), held=False, stored=True, dropped=[], own=True, cache=0,
+                           partitions=1, key=7)
+        whole, found = (self.work / piece).read_bytes(), 0
+
+        def total(content):
+            (self.work / piece).write_bytes(content)
+            _store._total(folder, [piece], 0, False, 1 << 20, folder, (folder, sums))
+            return (self.work / sums).read_bytes()
+
+        right = total(whole)
+        for at in range(0, len(whole), 5):
+            try:
+                self.assertEqual(total(whole[:at] + bytes([whole[at] ^ 4]) + whole[at + 1:]), right)
+            except crrecord.Error:
+                found += 1
+        self.assertGreater(found, len(whole) // 5 * 0.6)  # the others are in messages, which the sums do not need
+        for end in range(0, len(whole), 97):
+            with self.assertRaisesRegex(crrecord.Error, "is damaged"):
+                total(whole[:end])
+        with self.assertRaisesRegex(crrecord.Error, "golden: file changed"):
+            _store._scan_lost([(*part[:6], 1)], False, 0, (folder, piece), containers=[64])
 
     @unittest.skipUnless(importlib.util.find_spec("mypy"), "mypy is not installed")
     def test_passes_mypy_strict(self):

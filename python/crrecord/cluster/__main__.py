@@ -95,7 +95,7 @@ def main(arguments: Optional[List[str]] = None) -> int:
         reason = f"{error}: this needs Dask distributed (Debian's package python3-distributed)"
     except Error as error:
         reason = error.text
-    except (OSError, ValueError, asyncio.CancelledError) as error:
+    except (Exception, asyncio.CancelledError) as error:  # also Dask's, such as that of a lost scheduler
         reason = str(error) or "the scheduler cancelled the run"
     print(f"crrecord: {reason}", file=sys.stderr)
     return 2

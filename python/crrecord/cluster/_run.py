@@ -166,7 +166,9 @@ class Run:
         """Total the partitions of pieces and return the names of their files."""
         by_first_use = self.question.by_first_use
         listed = name_of("pieces", list(pieces))
-        _tasks.write(pathlib.Path(self.work, listed), "\n".join(pieces))
+        path = pathlib.Path(self.work, listed)
+        if not path.exists():
+            _tasks.write(path, "\n".join(pieces))
         names = [name_of("total", listed, i, by_first_use) for i in range(self.partitions)]
         tasks = {
             name: (listed, i, by_first_use, 2 * self.piece, name)
