@@ -23,6 +23,7 @@ MARK = 64 << 20  # the distance of index entries, in bytes
 LEAST_PIECE, MOST_PIECE = 128 << 20, 1 << 30
 PIECES = 2048  # pieces are larger if there would be more of them
 MOST_PARTITIONS = 8192
+LEAST_MEMORY = 64 << 20  # bytes for the segments of a partition
 NO_END = (1 << 64) - 1
 RETRIES = 2
 
@@ -171,7 +172,7 @@ class Run:
             _tasks.write(path, "\n".join(pieces))
         names = [name_of("total", listed, i, by_first_use) for i in range(self.partitions)]
         tasks = {
-            name: (listed, i, by_first_use, 2 * self.piece, name)
+            name: (listed, i, by_first_use, max(2 * self.piece, LEAST_MEMORY), name)
             for i, name in enumerate(names)
             if not _tasks.is_done(self.work, name)
         }
