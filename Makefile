@@ -81,7 +81,7 @@ big-endian:
 	@$(SETUP) --big-endian
 	@scripts/big-endian
 
-python:
+python: build
 	@$(SETUP) --python
 	@cmake --preset python
 	@cmake --build --preset python

@@ -30,6 +30,7 @@ void BindReferences(py::module_& module);
 void BindDORecord(py::module_& module);
 void BindSORecord(py::module_& module);
 void BindSegmentSet(py::module_& module);
+void BindCluster(py::module_& module);
 
 // Returns: a type of _types.py, the exception or a named tuple.
 py::object PythonType(char const* name);

@@ -1,5 +1,5 @@
 from os import PathLike
-from typing import Any, Dict, List, Literal, Union
+from typing import Any, Dict, List, Literal, Sequence, Union
 
 from ._crrecord import Buffer, Source
 
@@ -47,3 +47,52 @@ class SegmentSet:
     def __reduce_ex__(self, protocol: Any, /) -> Any: ...
 
 def _restored(state: Buffer, skipped: int) -> SegmentSet: ...
+
+# For crrecord.cluster. A part is (name, path, offset, number, end, size, modified), a work file (folder, name).
+_Part = tuple[bytes, bytes, int, int, int, int, int]
+_File = tuple[bytes, str]
+_MOST_CLAIMED: int
+
+def _index(name: bytes, path: bytes, step: int) -> list[tuple[int, int]]: ...
+def _scan_store(
+    parts: Sequence[_Part],
+    scan: bool,
+    claimed: int,
+    output: _File,
+    *,
+    held: bool,
+    stored: bool,
+    dropped: Sequence[tuple[int, int]],
+    own: bool,
+    cache: int,
+    partitions: int,
+    key: int,
+) -> tuple[int, bool]: ...
+def _scan_lost(
+    parts: Sequence[_Part], scan: bool, claimed: int, output: _File, *, containers: Sequence[int]
+) -> tuple[int, bool]: ...
+def _validate(
+    parts: Sequence[_Part], scan: bool, claimed: int, output: _File, *, first: bool, bad_only: bool
+) -> tuple[int, bool]: ...
+def _outcome(piece: _File) -> tuple[int, bool]: ...
+def _check(name: _File) -> None: ...
+def _total(
+    folder: bytes,
+    pieces: Sequence[str],
+    partition: int,
+    by_first_use: bool,
+    memory: int,
+    temporary: bytes,
+    output: _File,
+) -> None: ...
+def _report_live(
+    folder: bytes, pieces: Sequence[str], partitions: Sequence[str], out: int, error: int, sparse: int
+) -> int: ...
+def _report_freed(folder: bytes, pieces: Sequence[str], partitions: Sequence[str], out: int, error: int) -> int: ...
+def _report_recall(
+    folder: bytes, pieces: Sequence[str], partitions: Sequence[str], out: int, error: int, cache: int
+) -> int: ...
+def _report_lost(folder: bytes, pieces: Sequence[str], partitions: Sequence[str], out: int, error: int) -> int: ...
+def _report_validate(
+    folder: bytes, pieces: Sequence[str], partitions: Sequence[str], out: int, error: int, files: int
+) -> int: ...

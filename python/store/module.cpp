@@ -29,6 +29,7 @@ void Fill(py::module_ module) {
         }
     });
     BindSegmentSet(module);
+    BindCluster(module);
     FinishFunctions(module);
 }
 

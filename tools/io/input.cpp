@@ -25,6 +25,14 @@ Input::Input(std::string name, int file) : name_(std::move(name)), file_(file) {
     }
 }
 
+Input::Input(std::string name, std::string const& path, std::uint64_t offset)
+    : Input(std::move(name), ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
+    ThrowIfNotRegular();
+    if (::lseek(file_, static_cast<off_t>(offset), SEEK_SET) == -1) {
+        throw InputFailure(ErrnoText(name_, "read"));
+    }
+}
+
 int Input::OpenIn(int folder, std::string const& name, int flags) {
     return ::openat(folder, name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags);
 }
@@ -51,6 +59,22 @@ std::size_t Input::Read(std::span<unsigned char> buffer) {
         ThrowIfChanged();
     }
     return static_cast<std::size_t>(count);
+}
+
+std::size_t Input::ReadAt(std::span<unsigned char> buffer, std::uint64_t offset) const {
+    std::size_t done = 0;
+    while (done != buffer.size()) {
+        ssize_t const count =
+            ::pread(file_, buffer.data() + done, buffer.size() - done, static_cast<off_t>(offset + done));
+        if (count == -1 && errno != EINTR) {
+            throw InputFailure(ErrnoText(name_, "read"));
+        }
+        if (count == 0) {
+            break;
+        }
+        done += count == -1 ? 0 : static_cast<std::size_t>(count);
+    }
+    return done;
 }
 
 Extent Input::NextExtent(std::uint64_t most) const {

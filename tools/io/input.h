@@ -30,6 +30,8 @@ public:
     // Takes the open file `file`, which `name` is the name of. Throws InputFailure, also if `file` is -1, with the text
     // of errno.
     Input(std::string name, int file);
+    // Opens the regular file `path`, which messages call `name`, and reads from `offset`. Throws InputFailure.
+    Input(std::string name, std::string const& path, std::uint64_t offset);
     // Returns: the file `name` in the folder `folder`, opened with more `flags`, or -1. Opening a pipe does not wait.
     static int OpenIn(int folder, std::string const& name, int flags);
     ~Input();
@@ -40,6 +42,10 @@ public:
     // that is 0, as for files in /proc. Throws: InputFailure; also at the end of a regular file that changed since it
     // was opened (ThrowIfChanged).
     std::size_t Read(std::span<unsigned char> buffer);
+
+    // Returns: bytes read at `offset`, fewer than the buffer has only at the end. Does not change the position of Read.
+    // Throws: InputFailure.
+    std::size_t ReadAt(std::span<unsigned char> buffer, std::uint64_t offset) const;
 
     // Skips up to `most` bytes of a hole at the current position. Returns: the hole and the data after it; no data if
     // the input ends or the hole continues. Standard input, and files on a file system without holes, have only data.

@@ -73,6 +73,19 @@ void ConvertRecord(Record const& record, Order order) noexcept {
 RecordStream::RecordStream(std::string name, std::optional<FormFacts> form)
     : input_(std::move(name)), progress_(input_.Name(), input_.ExpectedSize()), form_(form) {}
 
+RecordStream::RecordStream(FilePart const& part)
+    : input_(part.name, part.path, part.offset), first_(part.offset), stop_(part.end),
+      progress_(input_.Name(), input_.ExpectedSize()) {
+    constexpr std::int64_t kNanoseconds = 1'000'000'000;
+    struct stat const& facts = input_.Facts();
+    if (static_cast<std::uint64_t>(facts.st_size) != part.size ||
+        facts.st_mtim.tv_sec * kNanoseconds + facts.st_mtim.tv_nsec != part.modified) {
+        throw InputFailure(Name() + ": file changed while it was read");
+    }
+    record_.offset = part.offset;
+    record_.number = part.number - 1;
+}
+
 bool RecordStream::IsJson() {
     std::uint64_t position = 0;
     while (Fill(position + 1) > position && position < kReadBlock) {
@@ -151,7 +164,7 @@ Record* RecordStream::Next() {
     if (unfinished_) {
         FinishOpen();
     }
-    if (last_ || (Fill(1) == 0 && record_.number != 0)) {
+    if (last_ || record_.offset >= stop_ || (Fill(1) == 0 && record_.number != 0)) {
         return nullptr;
     }
     ++record_.number;

@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -48,6 +49,18 @@ struct Gap {
 std::string Describe(Gap const& gap);
 
 class RecordStream;
+
+// Some consecutive records of a file.
+struct FilePart {
+    std::string name; // for messages
+    std::string path;
+    std::uint64_t offset = 0;                                      // of the first record
+    std::uint64_t number = 1;                                      // of the first record
+    std::uint64_t end = std::numeric_limits<std::uint64_t>::max(); // no record starts here or later
+    // Of the whole file when it was listed.
+    std::uint64_t size = 0;
+    std::int64_t modified = 0; // in nanoseconds
+};
 
 // The gaps of some inputs.
 struct GapSums {
@@ -99,6 +112,10 @@ public:
     // With `form` the input is an exchange form.
     explicit RecordStream(std::string name, std::optional<FormFacts> form = std::nullopt);
 
+    // A part of a regular file. A record that starts in it may end after it.
+    // Throws: InputFailure, also for a file that changed since it was listed.
+    explicit RecordStream(FilePart const& part);
+
     std::string const& Name() const { return input_.Name(); }
 
     // Returns: the next record, or null after the last one. Throws: InputFailure.
@@ -124,8 +141,8 @@ public:
 
     // Calls `report` for each gap, instead of printing a message.
     void ReportGapsTo(std::function<void(Gap const&)> report) { reportGap_ = std::move(report); }
-    // After the last record, the sum of these three is the size of the input.
-    std::uint64_t BytesInRecords() const { return record_.offset - skipped_; }
+    // After the last record, the sum of these three is the size of the input, or of the part.
+    std::uint64_t BytesInRecords() const { return record_.offset - first_ - skipped_; }
     std::uint64_t SkippedBytes() const { return skipped_; }
     // Returns: the bytes not read; std::nullopt for an unknown number.
     std::optional<std::uint64_t> UnreadBytes() const { return unread_; }
@@ -185,6 +202,8 @@ private:
     bool Reach(std::uint64_t position, std::uint64_t size);
 
     Input input_;
+    std::uint64_t first_ = 0;                                        // the offset at which the part starts
+    std::uint64_t stop_ = std::numeric_limits<std::uint64_t>::max(); // no record starts here or later
     Progress progress_;
     std::optional<FormFacts> form_;
     Buffer buffer_;

@@ -4,7 +4,9 @@
 
 #include "analysis/hash_table.h"
 
+#include <algorithm>
 #include <list>
+#include <span>
 #include <unordered_map>
 
 namespace crrecord::tool {
@@ -30,6 +32,30 @@ public:
         }
         order_.push_front(dcid);
         places_[dcid] = order_.begin();
+    }
+
+    // Continues with the uses that another cache of this size, empty at first, counted: its fetches, its containers in
+    // the order of their first use, and those that it has at the end, the last one used first.
+    //
+    // Whether a container is fetched again depends only on the uses since the last one. So the other cache counted all
+    // fetches correctly but those of first uses.
+    void Continue(std::span<std::uint64_t const> firstUses, std::span<std::uint64_t const> lastUses,
+                  std::uint64_t fetches) {
+        fetches_ += fetches - firstUses.size();
+        for (std::uint64_t const dcid : firstUses) {
+            Use(dcid);
+        }
+        std::uint64_t const counted = fetches_;
+        for (std::size_t i = lastUses.size(); i != 0; --i) {
+            Use(lastUses[i - 1]);
+        }
+        fetches_ = counted;
+    }
+
+    // Calls visit(dcid) for each container that it has, the last one used first.
+    template <class Visit>
+    void ForEach(Visit visit) const {
+        std::for_each(order_.begin(), order_.end(), visit);
     }
 
     // How often a container was used that it did not have.

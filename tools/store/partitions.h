@@ -3,6 +3,7 @@
 #pragma once
 
 #include "store/spill_file.h"
+#include "store/tuple_sink.h"
 
 #include <deque>
 #include <memory>
@@ -123,28 +124,21 @@ private:
 // file. At the end each of these is taken alone: it gets the memory for itself and is partitioned again if it does not
 // fit. The keyed hash of a container determines the partition, so that neighbours in a container remain neighbours. A
 // partition that does not fit even then is partitioned by the keyed hashes of its segments.
-class Partitions {
+class Partitions final : public TupleSink {
 public:
     static constexpr std::uint64_t kLeastMemory = 1024UL * 1024;
-    // Add works on so many tuples at a time.
-    static constexpr std::size_t kMostAtOnce = 2048;
     // More threads would only wait for the reading thread.
     static constexpr unsigned int kMostThreads = 16;
 
     explicit Partitions(PartitionOptions const& options);
 
-    unsigned int Threads() const { return options_.threads; }
-
-    // Adds tuples. Thread safety: any number of threads. HasRoom must have been true for the tuples of all threads.
-    void Add(std::span<SegmentTuple const> tuples);
-
-    // Returns: the largest number of tuples of one batch, so that enough batches fit for all threads.
-    std::uint64_t BatchTuples() const;
-    // Returns: whether `tuples` tuples fit. Threads may have added some of them already.
-    bool HasRoom(std::uint64_t tuples);
+    unsigned int Threads() const override { return options_.threads; }
+    void Add(std::span<SegmentTuple const> tuples) override;
+    std::uint64_t BatchTuples() const override;
+    bool HasRoom(std::uint64_t tuples) override;
     // Frees a third of the memory: writes the tuples of some partitions to the temporary file. Add may not run.
     // Throws: Failure if the temporary file cannot be created or written.
-    void MakeRoom();
+    void MakeRoom() override;
 
     // Calls use(tuples) for all segments, each once, from all threads. No function may be called afterwards.
     using Use = std::function<void(std::span<SegmentTuple const>)>;

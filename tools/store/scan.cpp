@@ -87,7 +87,15 @@ struct StoreScan::Batch {
 
 StoreScan::StoreScan(Question question, PartitionOptions const& options,
                      std::function<void(std::string const&)> complain)
-    : question_(std::move(question)), complain_(std::move(complain)), partitions_(options) {
+    : StoreScan(std::move(question), std::make_unique<Partitions>(options), nullptr, std::move(complain)) {}
+
+StoreScan::StoreScan(Question question, TupleSink& sink, std::function<void(std::string const&)> complain)
+    : StoreScan(std::move(question), nullptr, &sink, std::move(complain)) {}
+
+StoreScan::StoreScan(Question question, std::unique_ptr<Partitions> owned, TupleSink* sink,
+                     std::function<void(std::string const&)> complain)
+    : question_(std::move(question)), complain_(std::move(complain)), owned_(std::move(owned)),
+      partitions_(sink ? *sink : *owned_) {
     // Its threads get no signals: a signal must not end the process while this thread has blocked them.
     EndersBlocked const blocked;
     pipeline_ = std::make_unique<Pipeline<Batch>>(
@@ -120,7 +128,9 @@ void StoreScan::Total() {
     pipeline_->Finish();
     pipeline_.reset();
     containers_.ForgetRecords();
-    partitions_.Total([this](std::span<SegmentTuple const> segments) { containers_.AddSegments(segments); });
+    if (owned_) {
+        owned_->Total([this](std::span<SegmentTuple const> segments) { containers_.AddSegments(segments); });
+    }
 }
 
 void StoreScan::Append(Record const& record) {
@@ -321,9 +331,10 @@ void StoreScan::UseBatch(Batch& batch) {
 
 bool StoreScan::Claim(Scanned const& scanned) {
     if (scanned.from == 0) { // not a later part of a record
-        isRefused_ = !AddClaimed(claimed_, scanned.claimed);
+        isRefused_ = !AddClaimed(claimed, scanned.claimed);
         if (isRefused_) {
             ++totals_.bad;
+            ++totals_.refused;
             complain_(ClaimError(*scanned.file, scanned.record));
         }
     }

@@ -17,7 +17,8 @@ struct StoreTotals {
     std::uint64_t held = 0;
     std::uint64_t inFirst = 0;
     std::uint64_t inSecond = 0;
-    std::uint64_t bad = 0; // records of both kinds
+    std::uint64_t bad = 0;     // records of both kinds
+    std::uint64_t refused = 0; // of these, those whose claimed sizes would make their sum too large
     GapSums gaps;
     std::uint64_t segmentRecords = 0; // good ones
     bool isComplete = true;           // every input was read, and no record is bad
@@ -33,10 +34,15 @@ class StoreScan {
 public:
     // Calls complain(line) for each bad record and each gap, in their order.
     StoreScan(Question question, PartitionOptions const& options, std::function<void(std::string const&)> complain);
+    // The same with tuples that go to `sink`, so that Total adds no sums of segments. Lifetime: `sink` must outlive it.
+    StoreScan(Question question, TupleSink& sink, std::function<void(std::string const&)> complain);
     ~StoreScan();
 
     // Called for each run of adjacent entries in one container, in order. May be empty.
     std::function<void(std::uint64_t dcid)> useFragment;
+
+    // The sum of the sizes that records claim. A scan that continues others starts with theirs.
+    std::uint64_t claimed = 0;
 
     // Reads all records of an input. Throws: InputFailure, and the records read so far are counted; Failure.
     void Scan(RecordStream& stream);
@@ -55,16 +61,19 @@ private:
 
     Question question_;
     std::function<void(std::string const&)> complain_;
-    Partitions partitions_;
+    std::unique_ptr<Partitions> owned_; // null with a sink of the caller
+    TupleSink& partitions_;
     StoreContainers containers_;
     StoreTotals totals_;
-    std::uint64_t claimed_ = 0;                 // the sum of the sizes that records claim
     bool isRefused_ = false;                    // the present record would make it too large
     std::uint64_t reserved_ = 0;                // tuples of the batches that are not used yet
     std::uint64_t objectContainers_ = 0;        // of the present object
     std::shared_ptr<std::string const> file_;   // of the input
     Batch* batch_ = nullptr;                    // the one that is being filled
     std::unique_ptr<Pipeline<Batch>> pipeline_; // the last member: its threads use the others
+
+    StoreScan(Question question, std::unique_ptr<Partitions> owned, TupleSink* sink,
+              std::function<void(std::string const&)> complain);
 
     // Passes the batch to the threads, if it has records.
     void Submit();

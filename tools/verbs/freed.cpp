@@ -2,6 +2,7 @@
 
 #include "record/record_findings.h"
 #include "record/references.h"
+#include "store/container_report.h"
 #include "verbs/store_options.h"
 
 namespace crrecord::tool {
@@ -10,20 +11,6 @@ namespace {
 
 struct FreedOptions : StoreOptions {
     std::vector<std::string> references;
-};
-
-// The loss of a container.
-struct Loss {
-    explicit Loss(ContainerSums const& sums)
-        : needed{sums.first.segments - sums.second.segments, sums.first.bytes - sums.second.bytes},
-          bloomBytes(sums.bloomBytes), ownBytes(sums.ownBytes), dead(sums.records == 0) {}
-
-    bool Any() const { return needed.segments != 0 || needed.bytes != 0 || bloomBytes != 0 || ownBytes != 0 || dead; }
-
-    SegmentSums needed;
-    std::uint64_t bloomBytes;
-    std::uint64_t ownBytes;
-    bool dead; // no record that is held afterwards needs it
 };
 
 std::vector<DOReference> Parse(std::vector<std::string> const& texts) {
@@ -44,37 +31,27 @@ ExitCode Freed(FreedOptions const& options, Output& out) {
     if (!AnyRecord(scan) && !options.json) {
         return result;
     }
-    SegmentSums total;
-    std::uint64_t dead = 0;
-    bool hasHeading = options.json;
+    FreedReport report(scan.Totals());
+    bool hasHeading = false;
     static constexpr char kRow[] = "{:>20}  {:>12}  {:>20}{}\n";
     scan.Containers().ForEach([&](ContainerSums const& sums) {
+        report.Add(sums);
         Loss const loss(sums);
-        if (!loss.Any()) {
-            return;
-        }
         if (options.json) {
-            out.Print(R"({},"dcid":{},"segments":{},"bytes":{},"bloom_bytes":{},"own_bytes":{},"dead":{}}})"
-                      "\n",
-                      JsonStart(), Decimal{sums.dcid}, Decimal{loss.needed.segments}, Decimal{loss.needed.bytes},
-                      Decimal{loss.bloomBytes}, Decimal{loss.ownBytes}, loss.dead);
-        } else {
+            report.PrintLine(out, sums);
+        } else if (loss.Any()) {
             if (!std::exchange(hasHeading, true)) {
                 out.Print(kRow, "container", "segments", "bytes", "");
             }
             out.Print(kRow, sums.dcid, loss.needed.segments, loss.needed.bytes, loss.dead ? "  dead" : "");
         }
-        Add(total, loss.needed);
-        dead += loss.dead ? 1 : 0;
     });
-    std::uint64_t const records = scan.Totals().inFirst - scan.Totals().inSecond;
     if (options.json) {
-        PrintJsonTotal(out, scan,
-                       fmt::format(R"("records":{},"segments":{},"bytes":{},"containers":{})", Decimal{records},
-                                   Decimal{total.segments}, Decimal{total.bytes}, Decimal{dead}));
+        report.PrintTotal(out, scan.Containers().Conflicts());
     } else {
-        out.Print("{} would lose the last reference: {} of {} freed, {} dead\n", Counted(records, "record"),
-                  Counted(total.segments, "segment"), WithUnit(total.bytes), Counted(dead, "container"));
+        out.Print("{} would lose the last reference: {} of {} freed, {} dead\n", Counted(report.Records(), "record"),
+                  Counted(report.needed.segments, "segment"), WithUnit(report.needed.bytes),
+                  Counted(report.dead, "container"));
         PrintFaults(out, scan);
     }
     return result;

@@ -2,7 +2,7 @@
 
 #include "picture/store_page.h"
 #include "record/record_findings.h"
-#include "store/liveness.h"
+#include "store/container_report.h"
 #include "verbs/store_options.h"
 
 namespace crrecord::tool {
@@ -16,52 +16,17 @@ struct LiveOptions : StoreOptions {
     std::optional<std::uint64_t> top;
 };
 
-// The sums over all containers.
-struct LiveTotals {
-    SegmentSums needed;
-    SegmentSums stored;
-    SegmentSums missing;
-    std::uint64_t uses = 0;
-    std::uint64_t bloomBytes = 0;
-    std::uint64_t dead = 0;
-    std::uint64_t sparse = 0;
-    std::uint64_t deadBytes = 0;
-    std::uint64_t sparseGain = 0;
-};
-
-class Report {
+class Table {
 public:
-    Report(StoreScan& scan, LiveOptions const& options, Output& out)
-        : scan_(scan), options_(options), out_(out), hasStored_(scan.Totals().segmentRecords != 0) {
-        for (std::uint64_t i = 0; i < scan.Containers().size(); ++i) {
-            Count(scan.Containers()[i]);
-        }
-    }
+    Table(StoreScan& scan, LiveReport const& report, LiveOptions const& options, Output& out)
+        : scan_(scan), report_(report), options_(options), out_(out) {}
 
-    bool IsMissing() const { return hasStored_ && totals_.missing.segments != 0; }
-
-    void PrintJson() {
-        scan_.Containers().ForEach([this](ContainerSums const& sums) { PrintLine(sums); });
-        StoreTotals const& records = scan_.Totals();
-        std::string total =
-            fmt::format(R"("records":{},"held":{},"segments":{},"bytes":{},"uses":{},"containers":{})",
-                        Decimal{records.records}, Decimal{records.held}, Decimal{totals_.needed.segments},
-                        Decimal{totals_.needed.bytes}, Decimal{totals_.uses}, Decimal{scan_.Containers().size()});
-        if (hasStored_) {
-            total += fmt::format(R"(,"dead":{},"sparse":{},"stored_segments":{},"stored_bytes":{},)"
-                                 R"("missing_segments":{},"missing_bytes":{})",
-                                 Decimal{totals_.dead}, Decimal{totals_.sparse}, Decimal{totals_.stored.segments},
-                                 Decimal{totals_.stored.bytes}, Decimal{totals_.missing.segments},
-                                 Decimal{totals_.missing.bytes});
-        }
-        PrintJsonTotal(out_, scan_, total);
-    }
-
-    void PrintTable() {
+    void Print() {
         std::uint64_t left = options_.top.value_or(scan_.Containers().size());
         if (left != 0 && scan_.Containers().size() != 0) {
-            hasStored_ ? out_.Print(kStoredRow, "container", "state", "needed bytes", "stored bytes", "used", "gain")
-                       : out_.Print(kRow, "container", "segments", "bytes", "uses", "records");
+            report_.HasStored()
+                ? out_.Print(kStoredRow, "container", "state", "needed bytes", "stored bytes", "used", "gain")
+                : out_.Print(kRow, "container", "segments", "bytes", "uses", "records");
         }
         scan_.Containers().ForEachSorted(IsSparser, [&](ContainerSums const& sums) {
             if (left != 0) {
@@ -76,35 +41,8 @@ private:
     static constexpr char kStoredRow[] = "{:>20}  {:<6}  {:>16}  {:>16}  {:>5}  {:>16}\n";
     static constexpr char kRow[] = "{:>20}  {:>12}  {:>20}  {:>12}  {:>9}\n";
 
-    void Count(ContainerSums const& sums) {
-        Add(totals_.needed, sums.first);
-        Add(totals_.stored, sums.second);
-        Add(totals_.missing, sums.onlyFirst);
-        totals_.uses += sums.uses;
-        AddBytes(totals_.bloomBytes, sums.bloomBytes);
-        ContainerState const state = StateOf(sums, options_.sparsePercent);
-        totals_.dead += state == ContainerState::Dead ? 1 : 0;
-        totals_.deadBytes += state == ContainerState::Dead ? sums.second.bytes : 0;
-        totals_.sparse += state == ContainerState::Sparse ? 1 : 0;
-        totals_.sparseGain += state == ContainerState::Sparse ? GainOf(sums) : 0;
-    }
-
-    void PrintLine(ContainerSums const& sums) {
-        out_.Print(R"({},"dcid":{},"segments":{},"bytes":{},"uses":{},"records":{},"bloom_bytes":{},)"
-                   R"("own_bytes":{})",
-                   JsonStart(), Decimal{sums.dcid}, Decimal{sums.first.segments}, Decimal{sums.first.bytes},
-                   Decimal{sums.uses}, Decimal{sums.records}, Decimal{sums.bloomBytes}, Decimal{sums.ownBytes});
-        if (hasStored_) {
-            out_.Print(R"(,"stored_segments":{},"stored_bytes":{},"missing_segments":{},"missing_bytes":{},)"
-                       R"("state":"{}")",
-                       Decimal{sums.second.segments}, Decimal{sums.second.bytes}, Decimal{sums.onlyFirst.segments},
-                       Decimal{sums.onlyFirst.bytes}, NameOf(StateOf(sums, options_.sparsePercent)));
-        }
-        out_.Write("}\n");
-    }
-
     void PrintRow(ContainerSums const& sums) {
-        if (!hasStored_) {
+        if (!report_.HasStored()) {
             out_.Print(kRow, sums.dcid, sums.first.segments, sums.first.bytes, sums.uses, sums.records);
             return;
         }
@@ -119,21 +57,21 @@ private:
     void PrintTotals() {
         StoreTotals const& records = scan_.Totals();
         out_.Print("\n{}, {} held: {} of {} needed in {}\n", Counted(records.records, "record"), records.held,
-                   Counted(totals_.needed.segments, "segment"), WithUnit(totals_.needed.bytes),
+                   Counted(report_.needed.segments, "segment"), WithUnit(report_.needed.bytes),
                    Counted(scan_.Containers().size(), "container"));
-        if (totals_.bloomBytes != 0) {
-            out_.Print("of bloom records, which do not name their segments: {}\n", WithUnit(totals_.bloomBytes));
+        if (report_.bloomBytes != 0) {
+            out_.Print("of bloom records, which do not name their segments: {}\n", WithUnit(report_.bloomBytes));
         }
-        if (hasStored_) {
-            out_.Print("stored: {} of {}\n", Counted(totals_.stored.segments, "segment"),
-                       WithUnit(totals_.stored.bytes));
-            out_.Print("dead: {} of {}\n", Counted(totals_.dead, "container"), WithUnit(totals_.deadBytes));
-            out_.Print("sparse: {}; compacting gains {}\n", Counted(totals_.sparse, "container"),
-                       WithUnit(totals_.sparseGain));
+        if (report_.HasStored()) {
+            out_.Print("stored: {} of {}\n", Counted(report_.stored.segments, "segment"),
+                       WithUnit(report_.stored.bytes));
+            out_.Print("dead: {} of {}\n", Counted(report_.dead, "container"), WithUnit(report_.deadBytes));
+            out_.Print("sparse: {}; compacting gains {}\n", Counted(report_.sparse, "container"),
+                       WithUnit(report_.sparseGain));
         }
-        if (IsMissing()) {
-            out_.PaintLine(fmt::format("missing: {} of {}", Counted(totals_.missing.segments, "segment"),
-                                       WithUnit(totals_.missing.bytes)),
+        if (report_.IsMissing()) {
+            out_.PaintLine(fmt::format("missing: {} of {}", Counted(report_.missing.segments, "segment"),
+                                       WithUnit(report_.missing.bytes)),
                            Colour::Bad);
         }
         PrintFaults(out_, scan_);
@@ -144,10 +82,9 @@ private:
     }
 
     StoreScan& scan_;
+    LiveReport const& report_;
     LiveOptions const& options_;
     Output& out_;
-    bool hasStored_;
-    LiveTotals totals_;
 };
 
 ExitCode Live(LiveOptions const& options, Output& out) {
@@ -162,8 +99,17 @@ ExitCode Live(LiveOptions const& options, Output& out) {
     if (!AnyRecord(scan) && !options.json) {
         return result;
     }
-    Report report(scan, options, out);
-    options.json ? report.PrintJson() : report.PrintTable();
+    LiveReport report(scan.Totals(), options.sparsePercent);
+    StoreContainers& containers = scan.Containers();
+    for (std::uint64_t i = 0; i < containers.size(); ++i) {
+        report.Add(containers[i]);
+    }
+    if (options.json) {
+        containers.ForEach([&](ContainerSums const& sums) { report.PrintLine(out, sums); });
+        report.PrintTotal(out, containers.Conflicts());
+    } else {
+        Table(scan, report, options, out).Print();
+    }
     if (page) {
         WriteStorePage(page->Text(), scan, options.sparsePercent);
         page->Commit();

@@ -2,6 +2,7 @@
 
 #include "record/record_findings.h"
 #include "store/container_cache.h"
+#include "store/container_report.h"
 #include "verbs/store_options.h"
 
 namespace crrecord::tool {
@@ -23,7 +24,7 @@ ExitCode Recall(RecallOptions const& options, Output& out) {
     if (!AnyRecord(scan) && !options.json) {
         return result;
     }
-    SegmentSums total;
+    RecallReport report(scan.Totals());
     static constexpr char kRow[] = "{:>20}  {:>12}  {:>20}  {:>9}\n";
     StoreContainers const& containers = scan.Containers();
     if (!options.json && containers.size() != 0) {
@@ -31,26 +32,20 @@ ExitCode Recall(RecallOptions const& options, Output& out) {
     }
     for (std::uint64_t i = 0; i < containers.size(); ++i) {
         ContainerSums const& sums = containers[i];
+        report.Add(sums);
         if (options.json) {
-            out.Print(R"({},"dcid":{},"segments":{},"bytes":{},"bloom_bytes":{},"records":{}}})"
-                      "\n",
-                      JsonStart(), Decimal{sums.dcid}, Decimal{sums.first.segments}, Decimal{sums.first.bytes},
-                      Decimal{sums.bloomBytes}, Decimal{sums.records});
+            report.PrintLine(out, sums);
         } else {
             out.Print(kRow, sums.dcid, sums.first.segments, sums.first.bytes, sums.records);
         }
-        Add(total, sums.first);
     }
-    StoreTotals const& records = scan.Totals();
     if (options.json) {
-        PrintJsonTotal(out, scan,
-                       fmt::format(R"("containers":{},"segments":{},"bytes":{},"records":{})",
-                                   Decimal{containers.size()}, Decimal{total.segments}, Decimal{total.bytes},
-                                   Decimal{records.records}) +
-                           (options.cache != 0 ? fmt::format(R"(,"fetches":{})", Decimal{cache.Fetches()}) : ""));
+        report.fetches = options.cache != 0 ? std::optional(cache.Fetches()) : std::nullopt;
+        report.PrintTotal(out, containers.Conflicts());
     } else {
-        out.Print("{}: {} of {} in {}\n", Counted(records.records, "record"), Counted(total.segments, "segment"),
-                  WithUnit(total.bytes), Counted(containers.size(), "container"));
+        out.Print("{}: {} of {} in {}\n", Counted(scan.Totals().records, "record"),
+                  Counted(report.needed.segments, "segment"), WithUnit(report.needed.bytes),
+                  Counted(containers.size(), "container"));
         if (options.cache != 0) {
             out.Print("fetches with a cache of {}: {}\n", Counted(options.cache, "container"), cache.Fetches());
         }

@@ -58,13 +58,4 @@ void PrintFaults(Output& out, StoreScan& scan) {
     PrintGaps(out, totals.gaps);
 }
 
-void PrintJsonTotal(Output& out, StoreScan& scan, std::string const& members) {
-    StoreTotals const& totals = scan.Totals();
-    out.Print(
-        R"({},"total":{{{},"conflicts":{},"bad_records":{},"skipped_bytes":{},"unread_bytes":{},"complete":{}}}}})"
-        "\n",
-        JsonStart(), members, Decimal{scan.Containers().Conflicts()}, Decimal{totals.bad}, Decimal{totals.gaps.skipped},
-        JsonNumber(totals.gaps.unread), totals.isComplete);
-}
-
 } // namespace crrecord::tool

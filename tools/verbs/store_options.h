@@ -28,7 +28,4 @@ bool AnyRecord(StoreScan const& scan);
 // Prints segments that have several sizes, bad records, and bytes that are in no record.
 void PrintFaults(Output& out, StoreScan& scan);
 
-// Prints the last line: the total with these members, and those that each total ends with.
-void PrintJsonTotal(Output& out, StoreScan& scan, std::string const& members);
-
 } // namespace crrecord::tool

@@ -1,6 +1,7 @@
 // crrecord validate: the findings of each record.
 
 #include "record/parallel_records.h"
+#include "record/validation_tally.h"
 #include "verbs/verbs.h"
 
 namespace crrecord::tool {
@@ -17,37 +18,13 @@ struct ValidateOptions {
     bool quiet = false;
 };
 
-struct Tally {
-    std::uint64_t records = 0;
-    std::uint64_t bad = 0;
-    std::uint64_t notes = 0;
-    std::uint64_t bytes = 0;
-    GapSums gaps;
-
-    void Add(bool valid, std::size_t findings) {
-        ++records;
-        bad += valid ? 0 : 1;
-        notes += valid ? findings : 0;
-    }
-    void Add(Tally const& more) {
-        records += more.records;
-        bad += more.bad;
-        notes += more.notes;
-    }
-    // Call it after the last record of an input.
-    void AddSizes(RecordStream const& stream) {
-        bytes += stream.BytesInRecords();
-        gaps.Add(stream);
-    }
-};
-
 struct ValidatePart : RecordPart {
     using RecordPart::RecordPart;
 
-    Tally tally;
+    ValidationTally tally;
 };
 
-void PrintSummary(Output& out, std::string const& name, Tally const& tally) {
+void PrintSummary(Output& out, std::string const& name, ValidationTally const& tally) {
     out.Print("{}: {}, {}: ", Printable(name), Counted(tally.records, "record"), Counted(tally.bytes, "byte"));
     if (tally.bad == 0) {
         out.Paint("all valid", Colour::Good);
@@ -67,10 +44,10 @@ void PrintSummary(Output& out, std::string const& name, Tally const& tally) {
     out.Write("\n");
 }
 
-ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Tally& total, Output& out) {
+ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, ValidationTally& total, Output& out) {
     Depth const depth = options.firstOnly ? Depth::FirstError : Depth::Everything;
     std::string const quotedName = JsonName("file", stream.Name());
-    Tally tally;
+    ValidationTally tally;
     if (options.quiet) {
         stream.ReportGapsTo([](Gap const&) {});
     }
@@ -107,7 +84,7 @@ ExitCode ValidateInput(RecordStream& stream, ValidateOptions const& options, Tal
 }
 
 ExitCode Validate(ValidateOptions const& options, Output& out) {
-    Tally total;
+    ValidationTally total;
     std::uint64_t files = 0;
     ExitCode const result =
         ForEachInput(options.files, options.form, options.json ? &out : nullptr, [&](RecordStream& stream) {
@@ -115,11 +92,7 @@ ExitCode Validate(ValidateOptions const& options, Output& out) {
             return ValidateInput(stream, options, total, out);
         });
     if (options.json) {
-        out.Print(R"({},"files":{},"records":{},"bad_records":{},"notes":{},"bytes":{},)"
-                  R"("skipped_bytes":{},"unread_bytes":{}}})"
-                  "\n",
-                  JsonStart(), Decimal{files}, Decimal{total.records}, Decimal{total.bad}, Decimal{total.notes},
-                  Decimal{total.bytes}, Decimal{total.gaps.skipped}, JsonNumber(total.gaps.unread));
+        total.PrintJson(out, files);
     }
     return result;
 }
