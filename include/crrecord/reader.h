@@ -243,7 +243,6 @@ CRR_CONSTEXPR unsigned crr_offset_width(unsigned dotype) {
     return dotype == 3 ? 8 : dotype == 5 ? 4 : 0;
 }
 /*@ assigns \nothing;
-    ensures CRR_CHECK_NONE <= \result <= CRR_CHECK_OFFSETS;
     ensures \result == CRR_CHECK_OFFSETS <==> dotype == 3;
     ensures \result == CRR_CHECK_SUM <==> dotype == 2 || dotype == 5; */
 CRR_CONSTEXPR int crr_list_check(unsigned dotype) {
@@ -268,7 +267,7 @@ typedef struct crr_entry {
       (e.offset_width == 0 || e.offset_width == 4 || e.offset_width == 8) &&
       e.stride == e.fingerprint + e.size_width + e.offset_width &&
       (e.size_width == 0 ==> e.offset_width == 0 && e.check != CRR_CHECK_SUM) &&
-      (e.check == CRR_CHECK_OFFSETS ==> e.offset_width == 8) && CRR_CHECK_NONE <= e.check <= CRR_CHECK_OFFSETS; */
+      (e.check == CRR_CHECK_OFFSETS ==> e.offset_width == 8); */
 
 // The entry of a DO type whose fingerprints take `fingerprint` bytes: 16 or 32, or in an exchange form 33 or 65.
 /*@ requires 16 <= fingerprint <= 65;
@@ -559,7 +558,7 @@ CRR_CONSTEXPR crr_fault crr_segments_fault(crr_segments const* s) {
         loop variant s->to - at; */
     while (s->to - at >= s->entry.stride) {
         uint64_t const size_at = at + s->entry.fingerprint, offset_at = at + s->entry.offset;
-        uint32_t const size = crr_load32(s->bytes + size_at, s->big);
+        uint32_t const size = s->entry.size_width == 4 ? crr_load32(s->bytes + size_at, s->big) : 0;
         if (size >= CRR_IMPLAUSIBLE_SIZE && !s->sub_do && size_fault.code == 0) {
             size_fault = crr_fault_of(CR_FINDING_SEGMENT_SIZE, size_at, size, CRR_IMPLAUSIBLE_SIZE - 1);
         }
@@ -632,8 +631,7 @@ typedef struct crr_do {
       (r->entry.offset_width == 0 || r->entry.offset_width == 4 || r->entry.offset_width == 8) &&
       r->entry.stride == r->entry.fingerprint + r->entry.size_width + r->entry.offset_width &&
       (r->entry.size_width == 0 ==> r->entry.offset_width == 0 && r->entry.check != CRR_CHECK_SUM) &&
-      (r->entry.check == CRR_CHECK_OFFSETS ==> r->entry.offset_width == 8) &&
-      CRR_CHECK_NONE <= r->entry.check <= CRR_CHECK_OFFSETS;
+      (r->entry.check == CRR_CHECK_OFFSETS ==> r->entry.offset_width == 8);
     predicate crr_do_is_open(crr_do* r) = \valid_read(r) && \valid_read(r->bytes + (0 .. r->layout.total - 1)) &&
       crr_do_is_laid_out(r) && crr_do_has_entries(r); */
 
@@ -749,7 +747,6 @@ typedef struct crr_segment {
 CRR_CONSTEXPR crr_segment crr_do_segment(crr_do const* r, uint32_t i) {
     crr_segment segment = {0, 0, 0, UINT64_MAX, 0};
     uint64_t const at = r->layout.entries + (uint64_t)i * r->entry.stride;
-    // The first comparison implies the others. With them the provers need not compare products.
     if (i >= r->layout.segments || r->layout.dcids - r->layout.entries < r->entry.stride ||
         at > r->layout.dcids - r->entry.stride) {
         return segment;
