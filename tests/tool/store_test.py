@@ -296,14 +296,15 @@ def limits():
                 check((done.stdout, done.returncode) == (expected.stdout, expected.returncode), verb, options,
                       done.stderr)
         full = dict(restore_signals=False, preexec_fn=limit_files)
-        for complaint, options, more in ((f"{temp}: cannot write a temporary file: File too large", little, full),
-                                         ("/nowhere: cannot create a temporary file: No such file",
-                                          ("--memory", "1M", "--temp", "/nowhere"), {}),
-                                         ("expected a number of bytes of 1048576 to", ("--memory", "1048575"), {})):
-            done = run("live", path, *options, **more)
-            check(done.returncode == 2 and complaint in done.stderr.decode(), complaint, done.stderr, done.returncode)
-        interrupt(path, temp, little)
-        check(not list(temp.iterdir()), "left behind:", list(temp.iterdir()))
+        for verb in (("live",), ("freed", "--reference", "task:3"), ("recall",)):
+            for complaint, options, more in ((f"{temp}: cannot write a temporary file: File too large", little, full),
+                                             ("/nowhere: cannot create a temporary file: No such file",
+                                              ("--memory", "1M", "--temp", "/nowhere"), {}),
+                                             ("expected a number of bytes of 1048576 to", ("--memory", "1048575"), {})):
+                done = run(*verb, path, *options, **more)
+                check(done.returncode == 2 and complaint in done.stderr.decode(), verb, complaint, done.stderr)
+            interrupt(verb, path, temp, little)
+            check(not list(temp.iterdir()), verb, "left behind:", list(temp.iterdir()))
         if "CRRECORD_SANITIZED" not in os.environ:
             usage = memory_of("live", path, *little)
             check(usage < (1 + 32) << 20, "bytes of memory:", usage)
@@ -314,9 +315,9 @@ def limit_files():
     resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 19, 1 << 19))
 
 
-def interrupt(path, temp, options):
+def interrupt(verb, path, temp, options):
     """SIGTERM while there is a temporary file."""
-    with subprocess.Popen([COMMAND, "live", "-", *options], stdin=subprocess.PIPE, stderr=subprocess.PIPE) as process:
+    with subprocess.Popen([COMMAND, *verb, "-", *options], stdin=subprocess.PIPE, stderr=subprocess.PIPE) as process:
         process.stdin.write(path.read_bytes())
         process.stdin.flush()
         files, end = pathlib.Path(f"/proc/{process.pid}/fd"), time.monotonic() + 60

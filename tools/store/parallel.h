@@ -13,17 +13,18 @@
 
 namespace crrecord::tool {
 
-// Calls work(item) for each item below `count`, from up to `threads` threads.
+// Calls work(item) for each item below `count`, from up to `threads` threads. Each thread has its own copy of `work`.
 // Throws: the exception of a call of `work`. On failure: items that no thread has begun are skipped.
 template <class Work>
-void ForEachInParallel(unsigned int threads, unsigned int count, Work work) {
+void ForEachInParallel(unsigned int threads, unsigned int count, Work const& work) {
     std::atomic<unsigned int> next{0};
     std::mutex mutex;
     std::exception_ptr error;
     auto const run = [&] {
         try {
+            Work own = work;
             for (unsigned int item = next++; item < count; item = next++) {
-                work(item);
+                own(item);
             }
         } catch (...) {
             std::lock_guard const lock(mutex);

@@ -3,251 +3,110 @@
 #include "io/failure.h"
 #include "store/parallel.h"
 
-#include <array>
 #include <bit>
-#include <numeric>
-
-#include <sys/mman.h>
 
 namespace crrecord::tool {
 
 namespace {
 
+constexpr unsigned int kBits = 6; // of a segment's hash for each level
+constexpr std::uint64_t kFewestPartitions = 1U << kBits;
+
 // Returns: the number of tuples that fit together with their index.
 constexpr std::uint64_t TuplesIn(std::uint64_t memory) {
     // A partition numbers its tuples with 32 bits.
     constexpr std::uint64_t kMost = std::numeric_limits<std::uint32_t>::max();
-    return std::min(memory / (sizeof(SegmentTuple) + TupleSet::kMostIndexBytes), kMost);
+    return std::min(memory / (sizeof(SegmentTuple) + TupleSet::kIndexBytes), kMost);
 }
 
 } // namespace
-
-void* MapPages(std::size_t size) {
-    void* const pages =
-        ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (pages == MAP_FAILED) {
-        throw std::bad_alloc();
-    }
-    return pages;
-}
-
-void UnmapPages(void* pages, std::size_t size) {
-    ::munmap(pages, size);
-}
-
-BlockPool::BlockPool(std::uint64_t blocks, unsigned int tuplesBits) : blocks_(blocks), tuplesBits_(tuplesBits) {
-    std::size_t const size = blocks * TuplesInBlock() * sizeof(SegmentTuple);
-    memory_ = static_cast<SegmentTuple*>(MapPages(size));
-    [[maybe_unused]] int const advised = ::madvise(memory_, size, MADV_HUGEPAGE); // for speed only
-}
-
-BlockPool::~BlockPool() {
-    UnmapPages(memory_, blocks_ * TuplesInBlock() * sizeof(SegmentTuple));
-}
-
-std::uint64_t BlockPool::Used() {
-    std::lock_guard const lock(mutex_);
-    return used_;
-}
-
-SegmentTuple* BlockPool::Take() {
-    std::lock_guard const lock(mutex_);
-    if (used_ == blocks_) {
-        throw std::bad_alloc();
-    }
-    ++used_;
-    if (!returned_) {
-        return memory_ + fresh_++ * TuplesInBlock();
-    }
-    SegmentTuple* const block = returned_;
-    std::memcpy(&returned_, block, sizeof returned_);
-    return block;
-}
-
-void BlockPool::Return(SegmentTuple* block) {
-    std::lock_guard const lock(mutex_);
-    std::memcpy(static_cast<void*>(block), &returned_, sizeof returned_);
-    returned_ = block;
-    --used_;
-}
-
-// Uses bits of the hash that select neither the partition nor the tag.
-std::size_t TupleSet::Start(std::uint64_t hash) const {
-    constexpr std::uint64_t kOdd = 0x9e3779b97f4a7c15;
-    return (hash * kOdd >> 20) & (slots_.size() - 1);
-}
-
-std::size_t TupleSet::After(std::size_t slot, std::uint64_t hash) const {
-    std::size_t const inLine = (slot + 1) % kInLine;
-    std::size_t const line = slot - slot % kInLine;
-    return inLine != Start(hash) % kInLine ? line + inLine : ((line + kInLine) & (slots_.size() - 1)) + inLine;
-}
-
-std::size_t TupleSet::Candidate(std::size_t slot, std::uint64_t hash) const {
-    while (slots_[slot] != kFree && (slots_[slot] & kTagMask) != (hash & kTagMask)) {
-        slot = After(slot, hash);
-    }
-    return slot;
-}
-
-void TupleSet::MergeAll(std::span<SegmentTuple const* const> tuples, std::span<std::uint64_t const> hashes) {
-    constexpr std::size_t kAtOnce = 64;
-    std::array<std::size_t, kAtOnce> candidates;
-    while (!tuples.empty()) {
-        std::size_t const count = std::min(tuples.size(), kAtOnce);
-        while (4 * (std::uint64_t{size_} + count) > 3 * slots_.size()) {
-            Grow();
-        }
-        // The slots and the tuples are mostly not in the caches: many are loaded at the same time.
-        for (std::size_t i = 0; i < count; ++i) {
-            __builtin_prefetch(&slots_[Start(hashes[i])]);
-        }
-        for (std::size_t i = 0; i < count; ++i) {
-            candidates[i] = Candidate(Start(hashes[i]), hashes[i]);
-            if (slots_[candidates[i]] != kFree) {
-                auto const* const bytes = reinterpret_cast<unsigned char const*>(&At(slots_[candidates[i]]));
-                __builtin_prefetch(bytes);
-                __builtin_prefetch(bytes + sizeof(SegmentTuple) - 1);
-            }
-        }
-        for (std::size_t i = 0; i < count; ++i) {
-            MergeOne(*tuples[i], hashes[i], candidates[i]);
-        }
-        tuples = tuples.subspan(count);
-        hashes = hashes.subspan(count);
-    }
-}
-
-void TupleSet::MergeOne(SegmentTuple const& tuple, std::uint64_t hash, std::size_t candidate) {
-    std::size_t slot = Candidate(candidate, hash);
-    while (slots_[slot] != kFree) {
-        if (IsSameSegment(At(slots_[slot]), tuple)) {
-            Merge(At(slots_[slot]), tuple);
-            return;
-        }
-        slot = Candidate(After(slot, hash), hash);
-    }
-    slots_[slot] = (hash & kTagMask) | size_;
-    Append(tuple);
-}
-
-void TupleSet::Append(SegmentTuple const& tuple) {
-    if ((size_ & (pool_->TuplesInBlock() - 1)) == 0) {
-        blocks_.push_back(pool_->Take());
-    }
-    At(size_) = tuple;
-    ++size_;
-}
-
-void TupleSet::Grow() {
-    std::size_t const size = std::max<std::size_t>(64, 2 * slots_.size());
-    slots_ = {}; // never both in memory
-    slots_.resize(size, kFree);
-    std::uint32_t number = 0;
-    ForEachBlock([&](std::span<SegmentTuple const> tuples) {
-        for (SegmentTuple const& tuple : tuples) {
-            std::uint64_t const hash = HashOf(tuple);
-            std::size_t slot = Start(hash);
-            while (slots_[slot] != kFree) {
-                slot = After(slot, hash);
-            }
-            slots_[slot] = (hash & kTagMask) | number++;
-        }
-    });
-}
-
-void TupleSet::Clear() {
-    for (SegmentTuple* const block : blocks_) {
-        pool_->Return(block);
-    }
-    blocks_ = {};
-    slots_ = {};
-    size_ = 0;
-}
 
 Partitions::Partitions(PartitionOptions const& options) : Partitions(options, 0, nullptr) {}
 
 Partitions::Partitions(PartitionOptions const& options, unsigned int level, std::shared_ptr<SpillFile> file)
     : options_(options), level_(level), file_(std::move(file)) {
-    constexpr std::uint64_t kLeastBlock = 16;
-    constexpr std::uint64_t kLargestBlock = 1024;
+    constexpr std::uint64_t kLeastBlock = TupleSet::kAtOnce;
+    constexpr std::uint64_t kLargestBlock = 256;
     // At the end each thread has a partition, and at least this memory for it.
     constexpr std::uint64_t kLeastForThread = kLeastMemory / 2;
     options_.threads = static_cast<unsigned int>(std::clamp<std::uint64_t>(
         options_.threads, 1, std::clamp<std::uint64_t>(options_.memory / kLeastForThread, 1, kMostThreads)));
     std::uint64_t const tuples = TuplesIn(options_.memory);
+    // A partition with its index fits a processor's cache while it is merged, if the memory is full.
+    // Spilled ones become larger, as the file does.
+    constexpr std::uint64_t kInPartition = 1024;
+    constexpr std::uint64_t kMostPartitions = 2048;
+    std::uint64_t const partitions =
+        level_ != 0 ? kFewestPartitions
+                    : std::bit_floor(std::clamp(tuples / kInPartition, kFewestPartitions, kMostPartitions));
     // Each partition has a block that is not full: an eighth of the memory at most.
-    std::uint64_t const inBlock = std::bit_floor(std::clamp(tuples / (8 * kPartitions), kLeastBlock, kLargestBlock));
+    std::uint64_t const inBlock = std::bit_floor(std::clamp(tuples / (8 * partitions), kLeastBlock, kLargestBlock));
     pool_ = std::make_unique<BlockPool>(tuples / inBlock, static_cast<unsigned int>(std::countr_zero(inBlock)));
-    for (unsigned int i = 0; i < kPartitions; ++i) {
+    for (std::uint64_t i = 0; i < partitions; ++i) {
         partitions_.emplace_back(*pool_);
     }
+    // Half of it for the batches of all threads, and a block for each partition.
+    std::uint64_t const least = BatchTuples() * (4 * options_.threads + 2) / inBlock + 4 * partitions;
+    limit_ = std::min(std::max(pool_->Blocks() / 16, least), pool_->Blocks());
 }
 
 std::uint64_t Partitions::BatchTuples() const {
-    constexpr std::uint64_t kMost = 1UL << 15;
-    constexpr std::uint64_t kMostOfAll = 1UL << 18; // for the memory of the batches
+    constexpr std::uint64_t kMost = 1UL << 13;
     std::uint64_t const batches = 2UL * options_.threads + 1;
-    return std::min({kMost, kMostOfAll / batches, pool_->Blocks() * pool_->TuplesInBlock() / (4 * batches)});
+    return std::min(kMost, pool_->Blocks() * pool_->TuplesInBlock() / (4 * batches));
 }
 
 bool Partitions::HasRoom(std::uint64_t tuples) {
-    std::uint64_t const needed = tuples / pool_->TuplesInBlock() + 1 + kPartitions;
-    return pool_->Blocks() - pool_->Used() >= needed;
+    std::uint64_t const needed = tuples / pool_->TuplesInBlock() + 1 + partitions_.size();
+    return limit_ - pool_->Used() >= needed;
 }
 
-unsigned int Partitions::PartitionOf(std::uint64_t hash) const {
-    unsigned int const shift = level_ == 0 ? 0 : (level_ - 1) * kBits;
-    return hash >> shift & (kPartitions - 1);
+Partitions::Partition& Partitions::PartitionOf(SegmentTuple const& tuple) {
+    std::uint64_t const hash = level_ == 0 ? HashOfNumber(tuple.dcid) : HashOf(tuple) >> ((level_ - 1) * kBits);
+    return partitions_[hash & (partitions_.size() - 1)];
 }
 
 void Partitions::Add(std::span<SegmentTuple const> tuples) {
     while (!tuples.empty()) {
-        std::size_t const count = std::min(tuples.size(), kMostAtOnce);
-        AddSome(tuples.first(count));
+        Partition& partition = PartitionOf(tuples.front());
+        auto const end = std::find_if(tuples.begin() + 1, tuples.end(), [&](SegmentTuple const& tuple) {
+            return level_ == 0 ? tuple.dcid != tuples.front().dcid : &PartitionOf(tuple) != &partition;
+        });
+        auto const count = static_cast<std::size_t>(end - tuples.begin());
+        std::lock_guard const lock(partition.mutex);
+        partition.tuples.Append(tuples.first(count));
         tuples = tuples.subspan(count);
     }
 }
 
-void Partitions::AddSome(std::span<SegmentTuple const> tuples) {
-    std::array<std::uint64_t, kMostAtOnce> hashes;
-    std::array<unsigned char, kMostAtOnce> numbers; // of partitions
-    std::array<std::size_t, kPartitions + 1> ends{};
-    std::uint64_t dcid = tuples.front().dcid;
-    unsigned int ofContainer = PartitionOf(HashOfNumber(dcid));
-    for (std::size_t i = 0; i < tuples.size(); ++i) {
-        if (tuples[i].dcid != dcid) {
-            dcid = tuples[i].dcid;
-            ofContainer = PartitionOf(HashOfNumber(dcid));
-        }
-        hashes[i] = HashOf(tuples[i]);
-        unsigned int const number = level_ == 0 ? ofContainer : PartitionOf(hashes[i]);
-        numbers[i] = static_cast<unsigned char>(number);
-        ++ends[number + 1];
+bool Partitions::MergingFreesThird() {
+    TupleSet::Index index;
+    std::uint64_t before = 0;
+    std::uint64_t after = 0;
+    for (std::size_t i = 0; i < partitions_.size() && 16 * before < limit_ << pool_->TuplesBits(); ++i) {
+        TupleSet& tuples = partitions_[next_++ % partitions_.size()].tuples;
+        before += tuples.size();
+        tuples.Merge(index);
+        after += tuples.size();
     }
-    std::partial_sum(ends.begin(), ends.end(), ends.begin());
-    std::array<SegmentTuple const*, kMostAtOnce> sorted;
-    std::array<std::uint64_t, kMostAtOnce> sortedHashes;
-    std::array<std::size_t, kPartitions + 1> next = ends;
-    for (std::size_t i = 0; i < tuples.size(); ++i) {
-        std::size_t const to = next[numbers[i]]++;
-        sorted[to] = &tuples[i];
-        sortedHashes[to] = hashes[i];
-    }
-    // Threads start with different partitions, so that they seldom wait for each other.
-    unsigned int const first = numbers[0];
-    for (unsigned int i = 0; i < kPartitions; ++i) {
-        unsigned int const number = (first + i) % kPartitions;
-        std::size_t const begin = ends[number];
-        std::size_t const count = ends[number + 1] - begin;
-        if (count != 0) {
-            std::lock_guard const lock(partitions_[number].mutex);
-            partitions_[number].tuples.MergeAll({&sorted[begin], count}, {&sortedHashes[begin], count});
-        }
-    }
+    return 3 * (before - after) >= before;
 }
 
 void Partitions::MakeRoom() {
+    if (MergingFreesThird()) {
+        ForEachInParallel(
+            options_.threads, static_cast<unsigned int>(partitions_.size()),
+            [this, index = TupleSet::Index()](unsigned int i) mutable { partitions_[i].tuples.Merge(index); });
+    }
+    if (!IsThirdFree()) {
+        limit_ = std::min(limit_ + limit_ / 2, pool_->Blocks());
+    }
+    if (!IsThirdFree()) {
+        SpillSome();
+    }
+}
+
+void Partitions::SpillSome() {
     // Partitions that have tuples in the file must be read from there anyway, and large ones make long extents.
     std::vector<Partition*> order;
     for (Partition& partition : partitions_) {
@@ -256,8 +115,8 @@ void Partitions::MakeRoom() {
     std::sort(order.begin(), order.end(), [](Partition const* a, Partition const* b) {
         return std::pair(a->IsSpilled(), a->tuples.size()) > std::pair(b->IsSpilled(), b->tuples.size());
     });
-    std::uint64_t const wanted = pool_->Blocks() / 3;
-    std::uint64_t free = pool_->Blocks() - pool_->Used();
+    std::uint64_t const wanted = limit_ / 3;
+    std::uint64_t free = limit_ - pool_->Used();
     auto const end = std::find_if(order.begin(), order.end(), [&](Partition const* partition) {
         bool const isEnough = free >= wanted;
         free += partition->tuples.Blocks();
@@ -267,40 +126,50 @@ void Partitions::MakeRoom() {
 }
 
 void Partitions::Spill(std::vector<Partition*> const& partitions) {
-    if (!file_) {
+    if (!partitions.empty() && !file_) {
         file_ = std::make_shared<SpillFile>(options_.temporaryFolder);
     }
     ForEachInParallel(options_.threads, static_cast<unsigned int>(partitions.size()), [&](unsigned int i) {
-        auto& [mutex, tuples, spilled] = *partitions[i];
-        if (tuples.size() != 0) {
-            SpillFile::Extent extent(*file_, tuples.size(), spilled);
-            tuples.ForEachBlock([&](std::span<SegmentTuple const> some) { extent.Append(some); });
-            spilled = extent.Finish();
-            tuples.Clear();
+        Partition& partition = *partitions[i];
+        if (partition.tuples.size() != 0) {
+            SpillFile::Writer writer(*file_, partition.spilled);
+            partition.tuples.ForEachBlock([&](std::span<SegmentTuple const> some) { writer.Append(some); });
+            writer.Finish();
+            partition.tuples.Clear();
         }
     });
 }
 
 void Partitions::Total(Use const& use) {
-    std::vector<Partition*> isSpilled;
+    std::vector<Partition*> spilled;
     for (Partition& partition : partitions_) {
         if (partition.IsSpilled()) {
-            isSpilled.push_back(&partition);
+            spilled.push_back(&partition);
         }
     }
-    if (!isSpilled.empty()) {
-        Spill(isSpilled);
-    }
-    ForEachInParallel(options_.threads, kPartitions, [&](unsigned int i) {
-        partitions_[i].tuples.ForEachBlock(use);
-        partitions_[i].tuples.Clear();
+    Spill(spilled);
+    auto total = [&use, index = TupleSet::Index()](TupleSet& tuples) mutable {
+        tuples.Merge(index);
+        tuples.ForEachBlock(use);
+        tuples.Clear();
+    };
+    ForEachInParallel(options_.threads, static_cast<unsigned int>(partitions_.size()),
+                      [this, total](unsigned int i) mutable { total(partitions_[i].tuples); });
+    auto const end = std::partition(spilled.begin(), spilled.end(), [this](Partition const* partition) {
+        return partition->spilled.tuples / pool_->TuplesInBlock() < pool_->Blocks() / options_.threads;
     });
-    pool_.reset(); // its memory is used to partition the spilled partitions
-    ForEachInParallel(options_.threads, static_cast<unsigned int>(isSpilled.size()),
-                      [&](unsigned int i) { TotalOf(isSpilled[i]->spilled, use); });
+    auto const fit = static_cast<unsigned int>(end - spilled.begin());
+    ForEachInParallel(options_.threads, fit, [&, total](unsigned int i) mutable {
+        TupleSet& tuples = spilled[i]->tuples;
+        file_->Read(spilled[i]->spilled, [&tuples](std::span<SegmentTuple const> some) { tuples.Append(some); });
+        total(tuples);
+    });
+    pool_.reset(); // its memory is used to partition the others
+    ForEachInParallel(options_.threads, static_cast<unsigned int>(spilled.size()) - fit,
+                      [&](unsigned int i) { Repartition(spilled[fit + i]->spilled, use); });
 }
 
-void Partitions::TotalOf(std::uint64_t spilled, Use const& use) {
+void Partitions::Repartition(SpillFile::Chain const& spilled, Use const& use) {
     // Each level of segments makes the parts 64 times smaller, so valid files do not reach this with any allowed
     // memory.
     if (kBits * (level_ + 1) > std::numeric_limits<std::uint64_t>::digits) {

@@ -16,6 +16,7 @@ namespace {
 // The smallest entry and its DCID: a record has at most one entry for each so many bytes.
 constexpr std::uint64_t kLeastEntry = 16 + 8;
 constexpr std::size_t kMostRecords = 1024; // of a batch
+constexpr std::size_t kTuplesAtOnce = 128; // that stay in the first cache
 
 std::uint64_t PayloadSize(DORecordView const& view) {
     return view.GetHeaderSize() - CR_DO_RECORD_SIZE;
@@ -39,7 +40,7 @@ bool IsLarge(StoredSegment const& segment) {
 SegmentTuple TupleOf(StoredSegment const& segment) {
     SegmentTuple tuple{};
     tuple.dcid = segment.dcid;
-    std::memcpy(tuple.fingerprint, segment.fingerprint, CRFPDigestSize(segment.fptype));
+    CopyFingerprint(tuple.fingerprint, segment.fingerprint, CRFPDigestSize(segment.fptype));
     tuple.secondSize = segment.size;
     tuple.fptype = static_cast<std::uint8_t>(segment.fptype);
     tuple.flags = SegmentTuple::kInSecond;
@@ -81,8 +82,9 @@ struct StoreScan::Batch {
     std::vector<unsigned char> bytes;
     std::vector<Scanned> records;
     std::vector<Run> runs;
-    std::vector<SegmentTuple> tuples; // that are not in the partitions yet
-    std::uint64_t mostTuples = 0;     // of its records
+    std::array<SegmentTuple, kTuplesAtOnce> tuples; // that are not in the partitions yet
+    std::size_t newTuples = 0;
+    std::uint64_t mostTuples = 0; // of its records
 };
 
 StoreScan::StoreScan(Question question, PartitionOptions const& options,
@@ -229,16 +231,19 @@ void StoreScan::Work(Batch& batch) {
             scanned.error = FirstErrorOf(*scanned.file, scanned.record);
         }
     }
-    partitions_.Add(batch.tuples);
-    batch.tuples.clear();
+    AddTuples(batch);
 }
 
-void StoreScan::AddTuple(Batch& batch, SegmentTuple const& tuple) {
-    batch.tuples.push_back(tuple);
-    if (batch.tuples.size() == Partitions::kMostAtOnce) {
-        partitions_.Add(batch.tuples);
-        batch.tuples.clear();
+SegmentTuple& StoreScan::NewTuple(Batch& batch) {
+    if (batch.tuples.size() == batch.newTuples) {
+        AddTuples(batch);
     }
+    return batch.tuples[batch.newTuples++];
+}
+
+void StoreScan::AddTuples(Batch& batch) {
+    partitions_.Add({batch.tuples.data(), batch.newTuples});
+    batch.newTuples = 0;
 }
 
 void StoreScan::WorkOnObject(Batch& batch, Scanned& scanned) {
@@ -272,19 +277,16 @@ void StoreScan::AddEntries(Batch& batch, Scanned const& scanned, DORecordView co
         }
         return;
     }
-    SegmentTuple tuple{};
     bool const inSecond = scanned.membership.inSecond;
-    tuple.fptype = view.GetFPType();
-    tuple.flags = SegmentTuple::kInFirst | (inSecond ? SegmentTuple::kInSecond : 0);
+    auto const fptype = static_cast<std::uint8_t>(view.GetFPType());
+    auto const flags = static_cast<std::uint8_t>(SegmentTuple::kInFirst | (inSecond ? SegmentTuple::kInSecond : 0));
     Run run{};
     DOSegmentRange const segments = view.Segments();
     for (unsigned int i = scanned.from; i < std::min(scanned.to, segments.size()); ++i) {
         DOSegment const segment = segments[i];
-        tuple.dcid = segment.dcid;
-        std::memcpy(tuple.fingerprint, segment.fingerprint.data, segment.fingerprint.size);
-        tuple.firstSize = segment.size;
-        tuple.secondSize = inSecond ? segment.size : 0;
-        AddTuple(batch, tuple);
+        SegmentTuple& tuple = NewTuple(batch);
+        tuple = {segment.dcid, {}, inSecond ? segment.size : 0UL, segment.size, fptype, flags, 0};
+        CopyFingerprint(tuple.fingerprint, segment.fingerprint.data, segment.fingerprint.size);
         if (run.dcid != segment.dcid && run.uses != 0) {
             batch.runs.push_back(run);
             run.uses = 0;
@@ -307,7 +309,7 @@ void StoreScan::WorkOnSegment(Batch& batch, Scanned& scanned) {
     if (question_.stored && IsLarge(segment)) {
         scanned.claimed = segment.size; // UseSegment adds it, if it may
     } else if (question_.stored) {
-        AddTuple(batch, TupleOf(segment));
+        NewTuple(batch) = TupleOf(segment);
     }
 }
 

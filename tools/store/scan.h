@@ -85,7 +85,9 @@ private:
     void Work(Batch& batch);
     void WorkOnObject(Batch& batch, Scanned& scanned);
     void WorkOnSegment(Batch& batch, Scanned& scanned);
-    void AddTuple(Batch& batch, SegmentTuple const& tuple);
+    // Returns: the place of a tuple, which is passed to the partitions with others.
+    SegmentTuple& NewTuple(Batch& batch);
+    void AddTuples(Batch& batch);
     void AddEntries(Batch& batch, Scanned const& scanned, DORecordView const& view);
     void UseBatch(Batch& batch);
     // Adds the sizes that the record claims. Returns: false if it is bad because their sum would be too large.

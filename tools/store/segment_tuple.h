@@ -38,6 +38,12 @@ struct SegmentTuple {
 };
 static_assert(sizeof(SegmentTuple) == 56);
 
+// Copies a fingerprint of 16 or 32 bytes: sizes that are constants for the compiler.
+inline void CopyFingerprint(unsigned char* to, unsigned char const* from, std::size_t size) noexcept {
+    constexpr std::size_t kWidest = sizeof SegmentTuple::fingerprint;
+    size == kWidest ? std::memcpy(to, from, kWidest) : std::memcpy(to, from, kWidest / 2);
+}
+
 inline bool IsSameSegment(SegmentTuple const& a, SegmentTuple const& b) noexcept {
     return a.dcid == b.dcid && a.fptype == b.fptype &&
            std::memcmp(a.fingerprint, b.fingerprint, sizeof a.fingerprint) == 0;
@@ -45,9 +51,7 @@ inline bool IsSameSegment(SegmentTuple const& a, SegmentTuple const& b) noexcept
 
 // Returns: a hash of the segment, which differs from run to run.
 inline std::uint64_t HashOf(SegmentTuple const& tuple) {
-    constexpr unsigned int kWidest = sizeof tuple.fingerprint;
-    unsigned int const width = tuple.fptype == CR_FP_TYPE_SHA256 ? kWidest : kWidest / 2;
-    return HashOfSegment(tuple.fingerprint, width, tuple.dcid ^ std::uint64_t{tuple.fptype} << 62);
+    return HashOfSegment(tuple.fingerprint, sizeof tuple.fingerprint, tuple.dcid ^ std::uint64_t{tuple.fptype} << 62);
 }
 
 // Merges `more`, a tuple of the same segment, into `into`. The result does not depend on the order of calls.

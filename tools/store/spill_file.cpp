@@ -6,79 +6,144 @@ namespace crrecord::tool {
 
 namespace {
 
-constexpr std::size_t kFull = 64UL * 1024;
+// The parts of a tuple that are not in the head of its run.
+struct TupleLayout {
+    explicit TupleLayout(std::uint8_t fptype, std::uint8_t flags)
+        : fingerprint(CRFPDigestSize(fptype)), first((flags & SegmentTuple::kInFirst) != 0 ? 4 : 0),
+          second((flags & SegmentTuple::kInSecond) != 0 ? 8 : 0) {}
+    std::size_t Size() const { return fingerprint + first + second; }
 
-std::span<unsigned char const> BytesOf(auto const& object, std::size_t size) {
-    return {reinterpret_cast<unsigned char const*>(&object), size};
+    std::size_t fingerprint;
+    std::size_t first;
+    std::size_t second;
+};
+
+void Encode(unsigned char* to, SegmentTuple const& tuple, TupleLayout const& layout) {
+    CopyFingerprint(to, tuple.fingerprint, layout.fingerprint);
+    to += layout.fingerprint;
+    if (layout.first != 0) {
+        std::memcpy(to, &tuple.firstSize, sizeof tuple.firstSize);
+    }
+    if (layout.second != 0) {
+        std::memcpy(to + layout.first, &tuple.secondSize, sizeof tuple.secondSize);
+    }
 }
 
-[[noreturn]] void ThrowDamaged() {
-    throw Failure("a temporary file has bytes that were not written to it");
+void Decode(SegmentTuple& tuple, unsigned char const* from, TupleLayout const& layout) {
+    CopyFingerprint(tuple.fingerprint, from, layout.fingerprint);
+    from += layout.fingerprint;
+    tuple.firstSize = layout.first != 0 ? Load<std::uint32_t>(from) : 0;
+    tuple.secondSize = layout.second != 0 ? Load<std::uint64_t>(from + layout.first) : 0;
+}
+
+bool IsSameRun(SegmentTuple const& a, SegmentTuple const& b) {
+    return a.dcid == b.dcid && a.fptype == b.fptype && a.flags == b.flags;
+}
+
+void Require(bool holds) {
+    if (!holds) {
+        throw Failure("a temporary file has bytes that were not written to it");
+    }
 }
 
 } // namespace
 
-SpillFile::Extent::Extent(SpillFile& file, std::uint64_t tuples, std::uint64_t previous)
-    : file_(file), start_(file.end_.fetch_add(sizeof(Head) + tuples * sizeof(SegmentTuple))), at_(start_) {
-    Head const head{previous, tuples};
-    auto const bytes = BytesOf(head, sizeof head);
-    buffer_.reserve(kFull);
-    buffer_.assign(bytes.begin(), bytes.end());
-}
-
-void SpillFile::Extent::Append(std::span<SegmentTuple const> tuples) {
-    for (SegmentTuple const& tuple : tuples) {
-        auto const bytes = BytesOf(tuple, sizeof tuple);
-        buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
-        if (buffer_.size() + sizeof tuple > kFull) {
-            Flush();
-        }
+void SpillFile::Writer::Append(std::span<SegmentTuple const> tuples) {
+    while (!tuples.empty()) {
+        auto const end = std::find_if(tuples.begin(), tuples.end(),
+                                      [&](SegmentTuple const& tuple) { return !IsSameRun(tuple, tuples.front()); });
+        auto const count = static_cast<std::size_t>(end - tuples.begin());
+        AppendRun(tuples.first(count));
+        tuples = tuples.subspan(count);
     }
 }
 
-std::uint64_t SpillFile::Extent::Finish() {
-    Flush();
-    return start_;
+void SpillFile::Writer::AppendRun(std::span<SegmentTuple const> tuples) {
+    TupleLayout const layout(tuples.front().fptype, tuples.front().flags);
+    while (!tuples.empty()) {
+        size_ = std::max(size_, sizeof(Head));
+        if (size_ + sizeof(RunHead) + layout.Size() > kMostBytes) {
+            Finish();
+            continue;
+        }
+        std::size_t const fit = (kMostBytes - size_ - sizeof(RunHead)) / layout.Size();
+        auto const some = tuples.first(std::min(fit, tuples.size()));
+        SegmentTuple const& first = some.front();
+        RunHead const head{first.dcid, static_cast<std::uint32_t>(some.size()), first.fptype, first.flags, 0};
+        std::memcpy(&bytes_[size_], &head, sizeof head);
+        size_ += sizeof head;
+        for (SegmentTuple const& tuple : some) {
+            Encode(&bytes_[size_], tuple, layout);
+            size_ += layout.Size();
+        }
+        tuples_ += head.tuples;
+        tuples = tuples.subspan(some.size());
+    }
 }
 
-void SpillFile::Extent::Flush() {
-    file_.file_.Write(buffer_, at_);
-    at_ += buffer_.size();
-    buffer_.clear();
+void SpillFile::Writer::Finish() {
+    if (tuples_ == 0) {
+        return;
+    }
+    Head const head{chain_.last, tuples_, static_cast<std::uint32_t>(size_ - sizeof(Head))};
+    std::memcpy(bytes_.get(), &head, sizeof head);
+    std::uint64_t const start = file_.end_.fetch_add(size_);
+    file_.file_.Write({bytes_.get(), size_}, start);
+    chain_ = {start, chain_.tuples + tuples_};
+    size_ = 0;
+    tuples_ = 0;
 }
 
 SpillFile::Head SpillFile::ReadHead(std::uint64_t extent) const {
     std::uint64_t const end = end_;
+    Require(end >= sizeof(Head) && extent <= end - sizeof(Head));
     Head head{};
-    if (end < sizeof head || extent > end - sizeof head) {
-        ThrowDamaged();
-    }
     file_.Read({reinterpret_cast<unsigned char*>(&head), sizeof head}, extent);
-    std::uint64_t const most = (end - sizeof head - extent) / sizeof(SegmentTuple);
+    Require(head.bytes <= std::min(kMostBytes, end - sizeof head - extent));
     // Extents are chained from the end to the start, so that the chain ends.
-    if (head.tuples > most || (head.previous != kNone && head.previous >= extent)) {
-        ThrowDamaged();
-    }
+    Require(head.previous == kNone || head.previous < extent);
     return head;
 }
 
-void SpillFile::Read(std::uint64_t last, std::function<void(std::span<SegmentTuple const>)> const& use) const {
-    std::vector<SegmentTuple> buffer(kReadTuples);
-    while (last != kNone) {
-        Head const head = ReadHead(last);
-        std::uint64_t at = last + sizeof head;
-        for (std::uint64_t left = head.tuples; left != 0;) {
-            std::span<SegmentTuple> const tuples(buffer.data(), std::min(left, kReadTuples));
-            file_.Read({reinterpret_cast<unsigned char*>(tuples.data()), tuples.size_bytes()}, at);
-            if (!std::all_of(tuples.begin(), tuples.end(), [](auto const& tuple) { return tuple.IsWellFormed(); })) {
-                ThrowDamaged();
+void SpillFile::Decode(std::span<unsigned char const> extent, std::uint64_t tuples, SegmentTuple* some,
+                       Use const& use) {
+    while (!extent.empty()) {
+        RunHead run{};
+        Require(extent.size() >= sizeof run);
+        std::memcpy(&run, extent.data(), sizeof run);
+        extent = extent.subspan(sizeof run);
+        SegmentTuple const common{run.dcid, {}, 0, 0, run.fptype, run.flags, run.zero};
+        Require(common.IsWellFormed());
+        TupleLayout const layout(run.fptype, run.flags);
+        Require(run.tuples != 0 && run.tuples <= tuples && run.tuples <= extent.size() / layout.Size());
+        tuples -= run.tuples;
+        std::fill_n(some, std::min<std::size_t>(run.tuples, kReadTuples), common);
+        for (std::size_t left = run.tuples; left != 0;) {
+            std::size_t const count = std::min(left, kReadTuples);
+            for (std::size_t i = 0; i < count; ++i) {
+                tool::Decode(some[i], extent.data() + i * layout.Size(), layout);
             }
-            use(tuples);
-            at += tuples.size_bytes();
-            left -= tuples.size();
+            use({some, count});
+            extent = extent.subspan(count * layout.Size());
+            left -= count;
         }
-        last = head.previous;
     }
+    Require(tuples == 0);
+}
+
+void SpillFile::Read(Chain const& chain, Use const& use) const {
+    auto const bytes = std::make_unique_for_overwrite<unsigned char[]>(kMostBytes);
+    auto const some = std::make_unique_for_overwrite<SegmentTuple[]>(kReadTuples);
+    auto [extent, left] = chain;
+    while (extent != kNone) {
+        Head const head = ReadHead(extent);
+        Require(head.tuples != 0 && head.tuples <= left);
+        file_.Read({bytes.get(), head.bytes}, extent + sizeof head);
+        Decode({bytes.get(), head.bytes}, head.tuples, some.get(), use);
+        left -= head.tuples;
+        extent = head.previous;
+    }
+    Require(left == 0);
 }
 
 } // namespace crrecord::tool

@@ -8,54 +8,76 @@
 #include <atomic>
 #include <functional>
 #include <limits>
-#include <vector>
+#include <memory>
 
 namespace crrecord::tool {
 
 // A partition's tuples are in extents, each of which gives the position of the one before, so that the file needs no
-// memory for each extent. All partitions share the file; its space is free when the process ends.
+// memory for each extent. All partitions share the file; its space is free when the process ends. The tuples of an
+// extent are in runs, whose heads have what neighbours have in common. A tuple has a size for each set that it is in.
 //
-// Thread safety: any number of threads may append and read.
+// Thread safety: any number of threads may write and read.
 class SpillFile {
 public:
     static constexpr std::uint64_t kNone = std::numeric_limits<std::uint64_t>::max();
     // Tuples that are read at a time.
-    static constexpr std::uint64_t kReadTuples = 1024;
+    static constexpr std::size_t kReadTuples = 1024;
 
     explicit SpillFile(std::string folder) : file_(std::move(folder)) {}
 
-    // Writes one extent, piece by piece.
-    class Extent {
+    // The extents of one partition.
+    struct Chain {
+        std::uint64_t last = kNone; // the position of the last one
+        std::uint64_t tuples = 0;   // of all
+    };
+
+    // Adds extents to a chain.
+    class Writer {
     public:
-        // `tuples` is the number that Append gets, `previous` the partition's last extent, or kNone.
-        Extent(SpillFile& file, std::uint64_t tuples, std::uint64_t previous);
+        Writer(SpillFile& file, Chain& chain)
+            : file_(file), chain_(chain), bytes_(std::make_unique_for_overwrite<unsigned char[]>(kMostBytes)) {}
         void Append(std::span<SegmentTuple const> tuples);
-        // The extent is complete. Returns: its position.
-        std::uint64_t Finish();
+        // Call it after the last Append.
+        void Finish();
 
     private:
-        void Flush();
+        void AppendRun(std::span<SegmentTuple const> tuples);
 
         SpillFile& file_;
-        std::uint64_t start_;
-        std::uint64_t at_;
-        std::vector<unsigned char> buffer_;
+        Chain& chain_;
+        std::unique_ptr<unsigned char[]> bytes_; // of the extent
+        std::size_t size_ = 0;
+        std::uint32_t tuples_ = 0;
     };
 
-    // Calls use(tuples) for all tuples of the extent at `last` and those before it.
-    // Throws: Failure if the file cannot be read or its bytes are not what Extent writes.
-    void Read(std::uint64_t last, std::function<void(std::span<SegmentTuple const>)> const& use) const;
+    // Calls use(tuples) for all tuples of a chain.
+    // Throws: Failure if the file cannot be read or its bytes are not what Writer writes.
+    using Use = std::function<void(std::span<SegmentTuple const>)>;
+    void Read(Chain const& chain, Use const& use) const;
 
 private:
+    static constexpr std::size_t kMostBytes = 128UL * 1024; // of an extent
+
     struct Head {
         std::uint64_t previous;
-        std::uint64_t tuples;
+        std::uint32_t tuples;
+        std::uint32_t bytes; // after the head
     };
+    struct RunHead {
+        std::uint64_t dcid;
+        std::uint32_t tuples;
+        std::uint8_t fptype;
+        std::uint8_t flags;
+        std::uint16_t zero;
+    };
+    static_assert(sizeof(Head) == 16 && sizeof(RunHead) == 16);
 
     TemporaryFile file_;
     std::atomic<std::uint64_t> end_{0};
 
     Head ReadHead(std::uint64_t extent) const;
+    // Calls use(tuples) for an extent of this number of tuples. `some` has space for kReadTuples of them.
+    static void Decode(std::span<unsigned char const> extent, std::uint64_t tuples, SegmentTuple* some, Use const& use);
     friend struct SpillFileOf; // makes a file of any bytes, for tests
 };
 

@@ -27,9 +27,6 @@ public:
     virtual bool HasRoom(std::uint64_t tuples) = 0;
     // Frees memory. Add may not run.
     virtual void MakeRoom() = 0;
-
-    // Add works on so many tuples at a time.
-    static constexpr std::size_t kMostAtOnce = 2048;
 };
 
 } // namespace crrecord::tool
