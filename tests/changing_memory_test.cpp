@@ -256,7 +256,8 @@ void KeepFirstError(unsigned char const* record, unsigned long size) {
         firstError = finding->severity == CR_FINDING_ERROR ? finding->code : 0;
         return false;
     };
-    EXPECT_EQ(DORecordDiagnose(record, size, 0, keep, nullptr) == CR_STATUS_OK, firstError == 0);
+    bool const valid = DORecordDiagnose(record, size, 0, keep, nullptr) == CR_STATUS_OK;
+    EXPECT_EQ(valid, firstError == 0);
 }
 
 // A list whose sums break a rule is read again to find the segment. If it was mended meanwhile, the record is invalid
