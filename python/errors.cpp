@@ -6,6 +6,8 @@
 
 #include <cstring>
 #include <iterator>
+#include <memory>
+#include <new>
 
 namespace crrecord::python {
 
@@ -14,16 +16,27 @@ namespace {
 constexpr char kLogSink[] = "crrecord._crrecord._log_sink"; // the name of a capsule
 
 // The last line that the library logged on this thread, which is the reason of a failure that has a status only.
-thread_local char logged[Cr_ErrnoException::kMaxText + 1];
+// Not an array: if the modules contain the library, all their thread-local variables together have a few hundred bytes.
+thread_local std::unique_ptr<char[]> logged;
+
+char const* LoggedLine() noexcept {
+    return logged ? logged.get() : "";
+}
 
 void KeepLine(cr_log_level_t level, cr_status_t, char const* message, void*) noexcept {
-    if (level != CR_LOG_TRACE) {
-        std::strncpy(logged, message, sizeof logged - 1);
+    if (level == CR_LOG_TRACE) {
+        return;
+    }
+    if (!logged) {
+        logged.reset(new (std::nothrow) char[Cr_ErrnoException::kMaxText + 1]());
+    }
+    if (logged) {
+        std::strncpy(logged.get(), message, Cr_ErrnoException::kMaxText);
     }
 }
 
 void SetError(cr_status_t status, char const* text, std::vector<Found> const& findings) {
-    char const* const said = text && *text ? text : *logged ? logged : CRStatusToStringA(status);
+    char const* const said = text && *text ? text : *LoggedLine() ? LoggedLine() : CRStatusToStringA(status);
     py::object const type = PythonType("Error");
     // A text may quote bytes of a record, which need not be UTF-8.
     auto const decoded = py::reinterpret_steal<py::object>(
@@ -72,7 +85,9 @@ void Require(cr_status_t status) {
 }
 
 void ForgetLog() noexcept {
-    logged[0] = '\0';
+    if (logged) {
+        logged[0] = '\0';
+    }
 }
 
 void SetCurrentException() {
