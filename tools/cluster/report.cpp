@@ -99,8 +99,9 @@ PieceCounts PrintMessages(ReportTask const& task) {
 void PrintLines(ReportTask const& task, Output& out) {
     for (std::string const& name : task.pieces) {
         WorkFile const piece({task.folder, name});
-        piece.ForEachBlock<char>(piece_stream::kLines,
-                                 [&](std::span<char const> lines) { out.Write({lines.data(), lines.size()}); });
+        piece.ForEachBlock<char>(piece_stream::kLines, [&](std::span<char const> lines) {
+            out.Write({lines.data(), lines.size()});
+        });
     }
 }
 
