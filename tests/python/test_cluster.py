@@ -176,6 +176,14 @@ class Cluster(unittest.TestCase):
             self.assertIn("not read", answer.messages[0])
             with self.assertRaises(FileNotFoundError):
                 crrecord.cluster.live(client, [self.store / "none*"], work=self.work)
+            with self.assertRaises(ValueError):
+                crrecord.cluster.lost(client, [self.store / "golden"], work=self.work, containers=[])
+
+    def test_runs_at_once_in_two_folders(self):
+        arguments = ["lost", "--container", "64", str(self.store / "large")]
+        one, self.work = self.start(self.address, *arguments), self.work / "other"
+        two = self.start(self.address, *arguments)
+        self.assertEqual([self.end(one), self.end(two)], [command(*arguments)] * 2)
 
     def test_damage_to_a_piece_never_changes_the_sums(self):
         folder, piece, sums = os.fsencode(self.work), "a" * 64, "b" * 64
@@ -228,6 +236,17 @@ class Cluster(unittest.TestCase):
         status, out, error = self.end(self.start(self.address, *arguments))
         self.assertEqual(status, 2)
         self.assertRegex(error, rb"/[0-9a-f]{64}: is damaged: remove it and run again")
+
+    def test_damaged_index_is_made_again(self):
+        large = str(self.store / "large")
+        self.end(self.start(self.address, "lost", "--container", "64", large))
+        indexes = [path for path in self.work.glob("?" * 64) if b"\n[[" in path.read_bytes()[:100]]
+        self.assertEqual(len(indexes), 1)
+        digest, text = indexes[0].read_text().split("\n")
+        marks = json.loads(text)
+        marks[-1][0] += 1  # no record starts there
+        indexes[0].write_text(digest + "\n" + json.dumps(marks))
+        self.assertEqual(self.end(self.start(self.address, "validate", large)), command("validate", large))
 
     def test_killed_worker_does_not_change_the_output(self):
         arguments = ["live", *map(str, sorted(self.store.iterdir()))]

@@ -19,12 +19,12 @@ public:
     }
 
     bool Has(std::uint64_t dcid) const {
-        return dcid >= dcids_.front() && dcid <= dcids_.back() &&
+        return !dcids_.empty() && dcid >= dcids_.front() && dcid <= dcids_.back() &&
                std::binary_search(dcids_.begin(), dcids_.end(), dcid);
     }
 
 private:
-    std::vector<std::uint64_t> dcids_; // ascending, at least one
+    std::vector<std::uint64_t> dcids_; // ascending
 };
 
 struct Damage {

@@ -56,8 +56,10 @@ def _recall(cache: int, scan: bool) -> Question:
 
 
 def _lost(containers: Iterable[int], scan: bool) -> Question:
-    question = Scan("lost", {"containers": list(containers)}, scan)
-    return Question(question, _store._report_lost, has_partitions=False)
+    lost = list(containers)
+    if not lost:
+        raise ValueError("found no containers, expected at least one")
+    return Question(Scan("lost", {"containers": lost}, scan), _store._report_lost, has_partitions=False)
 
 
 def _validate(first: bool, bad_only: bool, scan: bool) -> Question:

@@ -92,9 +92,13 @@ def main(arguments: Optional[List[str]] = None) -> int:
     try:
         return _run(options)
     except ImportError as error:
-        reason = f"{error}: this needs Dask distributed (Debian's package python3-distributed)"
+        is_dask = error.name == "distributed"
+        reason = f"{error}: " + ("this needs Debian's package python3-distributed" if is_dask else "a worker needs it")
     except Error as error:
         reason = error.text
+    except OSError as error:
+        named = f"{os.fsdecode(error.filename)}: {error.strerror}" if error.filename else ""
+        reason = named or str(error) or type(error).__name__
     except (Exception, asyncio.CancelledError) as error:  # also Dask's, such as that of a lost scheduler
         reason = str(error) or "the scheduler cancelled the run"
     print(f"crrecord: {reason}", file=sys.stderr)

@@ -22,6 +22,7 @@ if TYPE_CHECKING:
 MARK = 64 << 20  # the distance of index entries, in bytes
 LEAST_PIECE, MOST_PIECE = 128 << 20, 1 << 30
 PIECES = 2048  # pieces are larger if there would be more of them
+MOST_PARTS = 1000  # of a piece, so that its task is small for the scheduler
 MOST_PARTITIONS = 8192
 LEAST_MEMORY = 64 << 20  # bytes for the segments of a partition
 NO_END = (1 << 64) - 1
@@ -76,7 +77,7 @@ def _pieces(parts: Iterable[Part], size: int) -> List[Piece]:
     room = 0
     for part in parts:
         length = min(part.end, part.size) - part.offset
-        if not groups or room < length:
+        if not groups or room < length or len(groups[-1]) == MOST_PARTS:
             groups.append([])
             room = size
         groups[-1].append(part)
@@ -92,13 +93,16 @@ class Run:
     ) -> None:
         self.client: Any = client
         self.question = question
+        self.run = secrets.token_hex(8)  # other runs on the scheduler have other folders, or old errors
         self.work = os.path.abspath(os.fsdecode(work))
         os.makedirs(self.work, exist_ok=True)
         self.inputs = _list(files)
         total = sum(input.size for input in self.inputs)
         self.piece = piece or min(max(total // PIECES, LEAST_PIECE), MOST_PIECE)
-        self.partitions = min(max(-(-total // self.piece), 1), MOST_PARTITIONS) if question.has_partitions else 0
+        self.partitions = 0
         if question.has_partitions:
+            # A power of two, so that more files seldom change it: then all pieces are scanned again.
+            self.partitions = min(1 << max(-(-total // self.piece) - 1, 0).bit_length(), MOST_PARTITIONS)
             question.scan.options.update(partitions=self.partitions, key=self._key())
 
     def _key(self) -> int:
@@ -107,6 +111,8 @@ class Run:
         while True:
             try:
                 return int(path.read_text(), 16)
+            except ValueError as error:
+                raise OSError(f"{path}: is damaged: remove it and run again") from error
             except FileNotFoundError:
                 temporary = pathlib.Path(self.work, "key." + secrets.token_hex(8))
                 temporary.write_text(secrets.token_hex(8))
@@ -121,8 +127,9 @@ class Run:
 
     def _compute(self, function: Callable[..., Any], tasks: Mapping[str, Tuple[Any, ...]]) -> Dict[str, Any]:
         """Call function(work, *arguments) for each task and return the results by key."""
+        options: Dict[str, Any] = {"retries": RETRIES, "pure": False}
         futures = [
-            self.client.submit(function, self.work, *arguments, key=f"crrecord-{key}", retries=RETRIES, pure=False)
+            self.client.submit(function, self.work, *arguments, key=f"crrecord-{self.run}-{key}", **options)
             for key, arguments in tasks.items()
         ]
         keys = {future.key: key for future, key in zip(futures, tasks)}

@@ -81,13 +81,17 @@ def index(work: str, input: Input, step: int) -> List[Tuple[int, int]]:
     """Return offset and number of about one record in each `step` bytes of a file."""
     path = pathlib.Path(work, name_of("index", input.path, input.size, input.modified, step))
     try:
-        marks = [(int(offset), int(number)) for offset, number in json.loads(path.read_text())]
-        if marks[0] == (0, 1) and all(a < b for a, b in zip(marks, marks[1:])):
-            return marks
-    except (OSError, ValueError, TypeError, LookupError):
+        digest, text = path.read_text().split("\n", 1)
+        if digest == name_of(path.name, text):
+            return [(offset, number) for offset, number in json.loads(text)]
+    except (OSError, ValueError):
         pass  # it does not exist, or is damaged
     marks = _store._index(input.name, input.path, step)
-    write(path, json.dumps(marks))
+    facts = os.stat(input.path)
+    if (facts.st_size, facts.st_mtime_ns) != (input.size, input.modified):
+        raise OSError(f"{os.fsdecode(input.name)}: file changed since it was listed")
+    text = json.dumps(marks)
+    write(path, name_of(path.name, text) + "\n" + text)
     return marks
 
 
