@@ -304,7 +304,7 @@ def limits():
                 done = run(*verb, path, *options, **more)
                 check(done.returncode == 2 and complaint in done.stderr.decode(), verb, complaint, done.stderr)
             interrupt(verb, path, temp, little)
-            check(not list(temp.iterdir()), verb, "left behind:", list(temp.iterdir()))
+            check(not list(temp.iterdir()), verb, "still there:", list(temp.iterdir()))
         if "CRRECORD_SANITIZED" not in os.environ:
             usage = memory_of("live", path, *little)
             check(usage < (1 + 32) << 20, "bytes of memory:", usage)

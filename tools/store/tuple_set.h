@@ -14,7 +14,7 @@ namespace crrecord::tool {
 class TupleSet {
 public:
     // A hash table over tuples. The low bits of a slot are a tuple's number, the others, the tag, are from its hash.
-    // One can be used for many sets in turn.
+    // One can be used for many sets, one after the other.
     using Index = std::vector<std::uint32_t>;
     // Bytes of the index that Merge needs for each tuple.
     static constexpr std::uint64_t kIndexBytes = 6;
