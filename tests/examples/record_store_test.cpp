@@ -28,7 +28,8 @@ std::string Task(unsigned long id) {
     return std::string("\2\10\0\0\0\0\0\0", 8) + static_cast<char>(id >> 8) + static_cast<char>(id);
 }
 
-// The changes of a thread to ten tasks of its own, by number. Returns: the task, and whether it is added.
+// The changes of a thread, by number. No other thread changes its ten tasks.
+// Returns: the task, and whether it is added.
 std::pair<unsigned long, bool> Step(unsigned long thread, unsigned long number) {
     return {thread * 100 + (number * 7 + number / 9) % 10, (number * 5 + thread) % 8 < 5};
 }

@@ -32,7 +32,7 @@ public:
                                      [](auto const& tuple) { return tuple.IsWellFormed(); })) {
                         file.ThrowDamaged();
                     }
-                    AddTo(partitions, tuples);
+                    partitions.AddAll(tuples);
                 });
         }
         partitions.Total([this](std::span<SegmentTuple const> segments) { containers_.AddSegments(segments); });
@@ -64,17 +64,6 @@ private:
         AddBytes(sums.ownBytes, row.sums.ownBytes);
         if (task_.isByFirstUse && firstUses_.size() < containers_.size()) {
             firstUses_.push_back(piece << 32 | row.order); // a table of containers has less than 2^32
-        }
-    }
-
-    static void AddTo(Partitions& partitions, std::span<SegmentTuple const> tuples) {
-        while (!tuples.empty()) {
-            auto const batch = tuples.first(std::min<std::size_t>(tuples.size(), partitions.BatchTuples()));
-            if (!partitions.HasRoom(batch.size())) {
-                partitions.MakeRoom();
-            }
-            partitions.Add(batch);
-            tuples = tuples.subspan(batch.size());
         }
     }
 

@@ -79,6 +79,17 @@ void Partitions::Add(std::span<SegmentTuple const> tuples) {
     }
 }
 
+void Partitions::AddAll(std::span<SegmentTuple const> tuples) {
+    while (!tuples.empty()) {
+        auto const batch = tuples.first(std::min<std::size_t>(tuples.size(), BatchTuples()));
+        if (!HasRoom(batch.size())) {
+            MakeRoom();
+        }
+        Add(batch);
+        tuples = tuples.subspan(batch.size());
+    }
+}
+
 bool Partitions::MergingFreesThird() {
     TupleSet::Index index;
     std::uint64_t before = 0;
@@ -177,16 +188,7 @@ void Partitions::Repartition(SpillFile::Chain const& spilled, Use const& use) {
     }
     PartitionOptions const options{options_.memory / options_.threads, 1, options_.temporaryFolder};
     Partitions parts(options, level_ + 1, file_);
-    file_->Read(spilled, [&](std::span<SegmentTuple const> tuples) {
-        while (!tuples.empty()) {
-            auto const batch = tuples.first(std::min<std::size_t>(tuples.size(), parts.BatchTuples()));
-            if (!parts.HasRoom(batch.size())) {
-                parts.MakeRoom();
-            }
-            parts.Add(batch);
-            tuples = tuples.subspan(batch.size());
-        }
-    });
+    file_->Read(spilled, [&parts](std::span<SegmentTuple const> tuples) { parts.AddAll(tuples); });
     parts.Total(use);
 }
 

@@ -40,6 +40,8 @@ public:
     bool HasRoom(std::uint64_t tuples) override;
     // Throws: Failure if the temporary file cannot be created or written.
     void MakeRoom() override;
+    // Adds any number of tuples, and frees memory for them. Thread safety: none. Throws: as MakeRoom.
+    void AddAll(std::span<SegmentTuple const> tuples);
 
     // Calls use(tuples) for all segments, each once, from all threads. No function may be called afterwards.
     using Use = std::function<void(std::span<SegmentTuple const>)>;
