@@ -6,11 +6,12 @@ SETUP ?= scripts/setup
 unexport FILE
 export CRRECORD_WALK_FILE := $(value FILE)
 
-.PHONY: help setup configure build run test coverage fuzz proof bench abi memcheck security big-endian python docs deb release-check install format clean
+.PHONY: help setup configure build run test test-slow coverage fuzz proof bench abi memcheck security big-endian python docs deb release-check install format clean
 
 help:
 	@echo 'make run [FILE=path]       write records of a file, read and check them, print the results'
 	@echo 'make test                  run the tests'
+	@echo 'make test-slow             run the tests that compile the library again, and each small change of each golden record'
 	@echo 'make coverage              check that the tests take each branch of the code that reads hostile bytes'
 	@echo 'make fuzz [SECONDS=60]     run each fuzz target for so long, and print the results'
 	@echo 'make proof                 prove that the reader in one header stays inside of its input, with Frama-C'
@@ -43,6 +44,9 @@ run: configure
 
 test: build
 	@ctest --preset release
+
+test-slow: build
+	@ctest --preset slow
 
 coverage:
 	@$(SETUP) --coverage

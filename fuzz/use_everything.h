@@ -15,7 +15,7 @@
 namespace everything {
 
 // Throws: `what` if `holds` is false.
-inline void Must(bool holds, char const* what) {
+inline void Require(bool holds, char const* what) {
     if (!holds) {
         throw what;
     }
@@ -45,7 +45,7 @@ struct Given {
 
     void MustValidate(void const* record, unsigned long size, unsigned int in, char const* when) const {
         auto const size32 = static_cast<unsigned int>(size);
-        Must(!convertible || DORecordHeaderValidate(record, size32, in | subDO) == CR_STATUS_OK, when);
+        Require(!convertible || DORecordHeaderValidate(record, size32, in | subDO) == CR_STATUS_OK, when);
     }
 };
 
@@ -56,7 +56,7 @@ inline void UseBytes(Given const& given) {
     for (unsigned int conversions = 0; conversions < (given.convertible ? 2 : 1); ++conversions) {
         DORecordView const view(bytes.data(), bytes.size(), given.subDO);
         bool const network = std::endian::native == std::endian::big || given.order != conversions;
-        Must(view.IsInNetworkOrder() == network && view.GetHeaderSize() == bytes.size(), "view");
+        Require(view.IsInNetworkOrder() == network && view.GetHeaderSize() == bytes.size(), "view");
         unsigned int i = 0;
         for (DOSegment const& segment : view.Segments()) {
             Read(segment.fingerprint.data, segment.fingerprint.size);
@@ -65,26 +65,26 @@ inline void UseBytes(Given const& given) {
             Read(DORecordHeaderIndexOfSegmentOffset(header, i), 8);
             cr_unaligned_u64 const* const dcid =
                 reinterpret_cast<cr_unaligned_u64 const*>(DORecordHeaderIndexOfDCID(header, i));
-            Must(*dcid == segment.dcid, "DCIDs of the view");
+            Require(*dcid == segment.dcid, "DCIDs of the view");
             ++i;
         }
         for (i = 0; i < view.UniqueDCIDs().size(); ++i) {
             Read(DORecordHeaderIndexOfUDCID(header, i), view.UniqueDCIDs()[i].dcid == 0 ? 8 : 16);
         }
         for (DOReference const& reference : view.References()) {
-            Must(reference.kind >= 0 && reference.kind < CR_REFTYPE_END, "kind");
+            Require(reference.kind >= 0 && reference.kind < CR_REFTYPE_END, "kind");
         }
         Read(DORecordHeaderStartUDCID(header), 4);
         Read(DORecordHeaderIndexOfTaskId(header, 0), 8ul * view.GetLegacyTaskIDs());
         Read(DORecordHeaderIndexOfDataSelection(header, 0), 4ul * view.GetLegacyDSIDs());
         Read(DORecordHeaderStartTRefs(header), view.GetTRefsSize());
         Read(view.GetBloom(), view.GetBloom() ? view.GetBSize() : 0);
-        Must(DORecordHeaderGetPOID(header) == view.GetDCID(), "POID");
+        Require(DORecordHeaderGetPOID(header) == view.GetDCID(), "POID");
         conversions == 0 ? DORecordHeaderHton(header) : DORecordHeaderNtoh(header);
         given.MustValidate(bytes.data(), bytes.size(), given.order ^ (conversions + 1) % 2,
                            "validity of the converted record");
     }
-    Must(!given.convertible || bytes == given.bytes, "conversion forth and back");
+    Require(!given.convertible || bytes == given.bytes, "conversion forth and back");
 }
 
 inline std::vector<unsigned char> DigestOf(DORecord const& record) {
@@ -110,9 +110,9 @@ inline void UseForm(DORecord const& record) {
                                              record.IsSubDO());
     });
     DORecord::SerializedDORecordFree(&form);
-    Must(made == good, "form");
-    Must(!made || record.GetDOType() == CR_DO_TYPE_BLOOM_FILTER || DigestOf(*rebuilt) == DigestOf(record),
-         "digest of the form's record");
+    Require(made == good, "form");
+    Require(!made || record.GetDOType() == CR_DO_TYPE_BLOOM_FILTER || DigestOf(*rebuilt) == DigestOf(record),
+            "digest of the form's record");
 }
 
 // Calls all operations that do not change the record, which may be in any state.
@@ -121,7 +121,7 @@ inline void Look(DORecord const& record) {
         for (unsigned int i = 0; i < record.Segments().size(); ++i) {
             Read(record.GetSegmentFP(i).bytes, 32);
             DOSegment const segment = record.Segments()[i];
-            Must(segment.dcid == record.GetSegmentDCID(i), "DCIDs");
+            Require(segment.dcid == record.GetSegmentDCID(i), "DCIDs");
             Read(segment.fingerprint.data, segment.fingerprint.size);
             Read(&segment, sizeof segment);
         }
@@ -137,15 +137,15 @@ inline void Look(DORecord const& record) {
     std::ostringstream text, dump;
     Try([&] { record.ToStream(text, false); });
     Try([&] { record.ToStream(dump, true); });
-    Must(dump.str().empty() || dump.str().size() == record.GetHeaderSize(), "dump");
+    Require(dump.str().empty() || dump.str().size() == record.GetHeaderSize(), "dump");
     DigestOf(record);
     UseForm(record);
     cr_dcid_size_map_t sizes;
     record.GetUDCIDSizeList(sizes);
-    Try([&] { Must(record == record, "equality"); });
+    Try([&] { Require(record == record, "equality"); });
     auto const all = record.References();
     auto const references = std::distance(all.begin(), all.end());
-    Must(references + record.GetNTRefs(static_cast<cr_reftype_t>(0)) == record.GetNTRefs(), "references");
+    Require(references + record.GetNTRefs(static_cast<cr_reftype_t>(0)) == record.GetNTRefs(), "references");
     Try([&] { Read(record.GetHeader(), CR_DO_HEADER_SIZE); });
 }
 
@@ -201,13 +201,13 @@ inline void UseRecord(Given const& given, DORecord& record) {
         given.MustValidate(record.GetHeader(), record.GetHeaderSize(), 0, when);
     };
     mustValidate("validity after loading");
-    Must(Try([&] { record.checkSegmentList(); }), "list check");
+    Require(Try([&] { record.checkSegmentList(); }), "list check");
     Look(record);
     record.HostToNetwork(0);
     Look(record);
     record.NetworkToHost(0);
     ChangeReferences(record);
-    Must(record.GetNTRefs() == 0, "cleared references");
+    Require(record.GetNTRefs() == 0, "cleared references");
     mustValidate("validity after the references");
     ChangeLists(record); // takes the list of a bloom record for a received one
     mustValidate("validity after the lists");
@@ -239,7 +239,7 @@ inline char const* UseEverything(void const* bytes, unsigned long size, unsigned
                 UseRecord(given, *record);
                 record.reset();
             } else {
-                Must(memory == given.bytes, "Wrap does not change bytes that it rejects");
+                Require(memory == given.bytes, "Wrap does not change bytes that it rejects");
             }
         }
     } catch (char const* what) {
