@@ -1,5 +1,4 @@
-// All forms of the hexadecimal conversion write each byte, and reject what is no digit. The values that they read: fuzz
-// target conversions.
+// All forms of the hexadecimal conversion write and read each byte, and reject what is no digit.
 
 #include "base/hex.h"
 #include "support/exchange/segment_codec.h"
@@ -10,18 +9,24 @@ namespace {
 
 constexpr char kDigits[] = "0123456789abcdef";
 
-TEST(Hex, EncodesEveryByte) {
-    for (int value = 0; value < 256; ++value) {
+TEST(Hex, ConvertsEveryByteAtEveryPosition) {
+    for (int first = 0; first < 256; ++first) {
         std::string expected;
+        unsigned char bytes[32];
         for (int i = 0; i < 32; ++i) {
+            int const value = (first + i) % 256;
+            bytes[i] = static_cast<unsigned char>(value);
             expected += {kDigits[value / 16], kDigits[value % 16]};
         }
-        unsigned char bytes[32];
-        std::fill_n(bytes, 32, static_cast<unsigned char>(value));
         std::string text(64, '?');
         for (auto* const encode : {crrecord::portable::Encode16, crrecord::hex::Encode16}) {
             encode(bytes, text.data());
             EXPECT_EQ(text.substr(0, 32), expected.substr(0, 32));
+        }
+        for (auto* const decode : {crrecord::portable::Decode16, crrecord::hex::Decode16}) {
+            unsigned char read[16];
+            EXPECT_TRUE(decode(expected.data(), read));
+            EXPECT_TRUE(std::equal(read, read + 16, bytes)) << first;
         }
         expected.push_back('\0');
         for (auto const codec : {crrecord::BaseSegmentCodec(3, 0), &crrecord::SegmentCodecFor(3, 0)}) {
