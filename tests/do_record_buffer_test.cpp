@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <sstream>
 
 #include <unistd.h>
 
@@ -97,6 +98,22 @@ TEST(DORecordBuffer, RejectsSizesBeyond32Bits) {
               std::tuple(104u, 0xffffffff - 9, 0u));
 }
 
+// A raw setter can make the section too small for the references.
+TEST(DORecordBuffer, ReferencesAreWrittenIntoTheirSectionOnly) {
+    auto const small = Build<OpenRecord>(Example(0, 1));
+    small->AddTaskID(1);
+    small->AddTaskID(2);
+    small->setTRefsSize(10);
+    Bytes written = Buffer(*small);
+    auto const section =
+        static_cast<std::ptrdiff_t>(reinterpret_cast<unsigned char const*>(DORecordHeaderStartTRefs(small->header)) -
+                                    reinterpret_cast<unsigned char const*>(small->header));
+    Bytes const first{2, 8, 0, 0, 0, 0, 0, 0, 0, 1};
+    std::copy(first.begin(), first.end(), written.begin() + section);
+    small->GetHeader();
+    EXPECT_EQ(Buffer(*small), written); // the second reference is not in the section
+}
+
 // Raw setters can place sections outside of the buffer.
 TEST(DORecordBuffer, RejectsSectionsOutsideItsBuffer) {
     using Break = void (*)(OpenRecord&);
@@ -128,6 +145,10 @@ TEST(DORecordBuffer, RejectsSectionsOutsideItsBuffer) {
     auto const none = Build<OpenRecord>(Example(2, 1));
     none->cleanupConstruction();
     EXPECT_EQ(Refusal([&] { none->AddTaskID(1); }), kInvalidSize);
+    for (bool const binary : {false, true}) {
+        std::ostringstream stream;
+        EXPECT_EQ(Refusal([&] { none->ToStream(stream, binary); }), kInvalidSize);
+    }
     auto const cut = Build<OpenRecord>(Example(2, 1));
     cut->bufferSize = 80 + 28 * cut->GetNfp() + 8; // with the list's count, the last number that a conversion swaps
     EXPECT_EQ(Refusal([&] { cut->HostToNetwork(0); }), "");
