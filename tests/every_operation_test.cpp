@@ -310,6 +310,38 @@ TEST_F(EveryOperation, FailsWithoutAChunkInThePools) {
         }
     }
 }
+
+// A reference takes two chunks. Without the first there is no value, without the second no handle.
+TEST(AddSerializedTRefs, ThrowsAnotherExceptionWithoutAHandleThanWithoutAValue) {
+    for (int const left : {0, 1}) {
+        auto const record = Build(Plain());
+        record->AddTaskID(2); // the buffer has a whole page then
+        std::vector<_cr_tref_t*> values;
+        values.reserve(100000);
+        auto const take = [&] {
+            values.push_back(CRTRefNew(CR_REFTYPE_TASKID, 1));
+            return values.back() ? CR_STATUS_OK : CR_STATUS_NO_MEMORY;
+        };
+        while (fault::Run(take, 1, true).status == CR_STATUS_OK) {}
+        std::for_each(values.begin(), values.begin() + left, [](_cr_tref_t*& value) { CRTRefDelete(&value); });
+        std::string thrown;
+        thrown.reserve(20);
+        fault::Run(
+            [&] {
+                try {
+                    record->AddSerializedTRefs("\2\10\0\0\0\0\0\0\0\1", 10);
+                } catch (Cr_ErrnoException const&) {
+                    thrown = "Cr_ErrnoException";
+                } catch (std::bad_alloc const&) {
+                    thrown = "bad_alloc";
+                }
+                return CR_STATUS_OK;
+            },
+            1, true);
+        EXPECT_EQ(thrown, left == 0 ? "Cr_ErrnoException" : "bad_alloc");
+        std::for_each(values.begin(), values.end(), [](_cr_tref_t* value) { CRTRefDelete(&value); });
+    }
+}
 #endif
 
 TEST_F(EveryOperation, OthersAllocateNothing) {
