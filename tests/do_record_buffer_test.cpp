@@ -75,6 +75,9 @@ TEST(DORecordBuffer, FixedRecordRejectsReferencesWithoutRoom) {
     EXPECT_EQ(record->GetNTRefs(), 2u);
     record->setRecSize(record->getRecSize() + 1);
     EXPECT_EQ(Refusal([&] { record->AddTaskID(1); }), kMayNotCopy); // a reference that is present needs the room, too
+    record->setRecSize(0xffffffff - 10);
+    EXPECT_EQ(Refusal([&] { record->AddTaskID(7); }),
+              kMayNotCopy); // not refused as too large: no larger size is possible
 }
 
 TEST(DORecordBuffer, RejectsSizesBeyond32Bits) {

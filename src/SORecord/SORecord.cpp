@@ -4,6 +4,7 @@
 
 #include "SOmarshall/layout.h"
 #include "SOmarshall/validate.h"
+#include "base/memory.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -37,7 +38,7 @@ void _CheckFree(_SegmentDBRecord*& record) noexcept {
 } // namespace
 
 SORecord::SORecord(Blank) : record_(nullptr), ownsBuffer_(true), networkOrder_(false) {
-    record_ = static_cast<_SegmentDBRecord*>(std::calloc(1, CR_SO_RECORD_SIZE));
+    record_ = static_cast<_SegmentDBRecord*>(crrecord::AllocateZeroed(CR_SO_RECORD_SIZE));
     if (!record_) {
         FailWithoutMemory();
     }
