@@ -11,6 +11,19 @@ namespace crrecord::tool {
 
 namespace {
 
+// Removes the references of a valid DO record from its bytes. Returns: the record, in host order.
+Record WithoutReferences(Record record) {
+    ConvertRecord(record, Order::Host);
+    record.order = Order::Host;
+    auto* const header = reinterpret_cast<DORecordHeader*>(record.bytes);
+    RecordLayout const layout = LayoutOf(header);
+    std::copy(record.bytes + layout.tail, record.bytes + layout.total, record.bytes + layout.taskids);
+    record.size = layout.total - (layout.tail - layout.taskids);
+    header->recsize = static_cast<std::uint32_t>(record.size);
+    header->ntaskid = header->nds = header->trefssize = 0;
+    return record;
+}
+
 std::unique_ptr<DORecord> Open(Record const& record) {
     if (record.kind == Kind::Form) {
         auto made = std::make_unique<DORecord>(record.form.dotype, record.form.fptype, nullptr, 0, record.bytes,
@@ -42,6 +55,10 @@ std::unique_ptr<DORecord> OpenDORecord(std::string_view file, Record const& reco
     } catch (Cr_ErrnoException const& error) {
         throw InputFailure(PlaceOf(file, record) + ": " + TextOf(error));
     }
+}
+
+std::unique_ptr<DORecord> OpenWithoutReferences(std::string_view file, Record const& record) {
+    return OpenDORecord(file, record.kind == Kind::DataObject ? WithoutReferences(record) : record);
 }
 
 std::optional<OnlyRecord> OnlyDORecord(RecordStream& stream) {

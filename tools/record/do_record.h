@@ -30,6 +30,8 @@ struct Range {
 // use and overwrite the bytes of `record`.
 // Throws: InputFailure if the library rejects the record.
 std::unique_ptr<DORecord> OpenDORecord(std::string_view file, Record const& record);
+// The same without references. All threads share the pool of references, and wait for each other if they load them.
+std::unique_ptr<DORecord> OpenWithoutReferences(std::string_view file, Record const& record);
 
 // The bytes of an open record.
 inline std::span<unsigned char const> BytesOf(DORecord const& record) {

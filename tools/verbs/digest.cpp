@@ -45,7 +45,7 @@ std::optional<ObjectDigest> DigestOf(std::string const& file, Record const& reco
     if (record.kind == Kind::Segment) {
         return std::nullopt;
     }
-    std::unique_ptr<DORecord> const opened = OpenDORecord(file, record);
+    std::unique_ptr<DORecord> const opened = OpenWithoutReferences(file, record);
     crt_digest_t* digest = opened->GetDigest();
     if (!digest) {
         return std::nullopt;
