@@ -109,11 +109,11 @@ TEST(LogDeathTest, ThrowingCallbacksTerminate) {
 
 TEST(Log, WritesPlainLinesToStandardErrorByDefault) {
     testing::internal::CaptureStderr();
-    ErrorA(CR_STATUS_NOT_FOUND, "a\nb\tc\x1b[1m\x7f\xc3\xa9 \x01\x1f~");
+    ErrorA(CR_STATUS_NOT_FOUND, "a\nb\tc\x1b[1m\x7f\xc3\xa9 \x01\x1f~\xc2\x80\xc2\x9f\xc2\xa0\xc3\x9b\xc2");
     WarningA(kOddStatus, "%s", std::string(1023, 'x').c_str());
     __TraceA("traced");
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "crrecord: error 72: a?b?c?[1m?\xc3\xa9 ??~\ncrrecord: warning -2000000000: " + std::string(1023, 'x') +
+              "crrecord: error 72: a?b?c?[1m?\xc3\xa9 ??~????\xc2\xa0\xc3\x9b\xc2\ncrrecord: warning -2000000000: " + std::string(1023, 'x') +
                   "\ncrrecord: trace: traced\n");
 }
 

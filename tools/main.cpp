@@ -37,8 +37,9 @@ void* OrEndWithoutMemory(void* block) {
 }
 
 // OpenSSL may crash after a failed allocation, mostly on a new thread. The command ends at such a failure.
+// Throws: Failure if OpenSSL has allocated memory already and therefore keeps its functions.
 void EndWhenCryptoHasNoMemory() {
-    CRYPTO_set_mem_functions(
+    int const set = CRYPTO_set_mem_functions(
         [](std::size_t size, char const*, int) { return size == 0 ? nullptr : OrEndWithoutMemory(std::malloc(size)); },
         [](void* block, std::size_t size, char const*, int) {
             if (size == 0) {
@@ -48,6 +49,9 @@ void EndWhenCryptoHasNoMemory() {
             return OrEndWithoutMemory(std::realloc(block, size));
         },
         [](void* block, char const*, int) { std::free(block); });
+    if (set != 1) {
+        throw Failure("a preloaded library has used OpenSSL before the command, which cannot replace its allocation");
+    }
 }
 
 // Returns: the verbs that were recognised: "crrecord segments build".

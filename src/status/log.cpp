@@ -51,6 +51,17 @@ void Format(char (&message)[kMessageSize], char const* format, va_list arguments
     }
 }
 
+// Returns: the bytes of the control character at the start of the text: C0 and DEL have one, C1 has two in UTF-8; 0 for
+// any other text.
+std::size_t ControlSize(char const* text) noexcept {
+    auto const first = static_cast<unsigned char>(text[0]);
+    if (first == 0xc2) {
+        auto const second = static_cast<unsigned char>(text[1]);
+        return second >= 0x80 && second <= 0x9f ? 2 : 0;
+    }
+    return first < 0x20 || first == 0x7f ? 1 : 0;
+}
+
 // Writes the line with one system call, so that lines of several threads do not mix.
 void WriteToStandardError(cr_log_level_t level, cr_status_t status, char const* message) noexcept {
     static constexpr char const* kLevels[] = {"trace", "warning", "error"};
@@ -60,8 +71,12 @@ void WriteToStandardError(cr_log_level_t level, cr_status_t status, char const* 
                                                              static_cast<int>(status));
     std::size_t length = static_cast<std::size_t>(prefix);
     for (char const* at = message; *at != '\0'; ++at) {
-        unsigned char const byte = static_cast<unsigned char>(*at);
-        line[length++] = byte < 0x20 || byte == 0x7f ? '?' : *at;
+        std::size_t const control = ControlSize(at);
+        if (control == 2) {
+            line[length++] = '?';
+            ++at;
+        }
+        line[length++] = control != 0 ? '?' : *at;
     }
     line[length++] = '\n';
     // A failure to write to standard error cannot be reported.

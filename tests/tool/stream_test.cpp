@@ -234,6 +234,26 @@ TEST_F(Tool, DirectOutputKeepsGoodRecordsBeforeABadOne) {
     EXPECT_EQ(Shell("\"$T\" convert in --to network -o - | cmp -n " + std::to_string(2 * object.size()) + " - in"), 0);
 }
 
+// The input changes while the output waits for its reader. What precedes this failure is written.
+TEST_F(Tool, FailuresKeepTheOutputBeforeThem) {
+    Bytes const object = Spell(Example(3, 3), true).bytes;
+    Bytes many;
+    for (int i = 0; i < 20000; ++i) {
+        many.insert(many.end(), object.begin(), object.end());
+    }
+    for (std::string const verb : {"extract -o - in", "refs --add task:4711 --dry-run in"}) {
+        Write("in", many);
+        EXPECT_EQ(Shell("exec bash -c \"'$T' " + verb +
+                        " | (head -c 1; touch -d 2000-01-01 in; cat) >out; exit \\${PIPESTATUS[0]}\""),
+                  2);
+        EXPECT_EQ(err, "crrecord: in: file changed while it was read\n");
+        Bytes const written = Read("out");
+        EXPECT_TRUE(verb.starts_with("refs") ? std::count(written.begin(), written.end(), '\n') == 20000
+                                             : written == many)
+            << verb << written.size();
+    }
+}
+
 TEST_F(Tool, RefsPassesSegmentRecordsUnchanged) {
     Bytes const object = Spell(Example(3, 3), true).bytes;
     Write("in", Good() + object + Golden({false, 3}));

@@ -125,7 +125,7 @@ def progress():
         shown = on_terminal(*building, pieces=pieces, columns=columns, TERM="xterm")
         drawn = re.findall(rb"\r\x1b\[K([^\r\n]+)(?=\r)", shown)
         check(drawn and b"MiB" in drawn[0] and max(map(len, drawn)) < columns, columns, shown)
-    for arguments, term in ((building, "dumb"), ((*building, "--no-progress"), "xterm"),
+    for arguments, term in ((building, "dumb"), (building, ""), ((*building, "--no-progress"), "xterm"),
                             (("--no-progress", *building), "xterm")):
         check(not unsafe(on_terminal(*arguments, pieces=pieces, TERM=term)), arguments, term)
 

@@ -167,6 +167,8 @@ TEST_F(Tool, SaysWhyItCannotWork) {
          "a container of 1024 bytes cannot hold a segment of 131072: raise --container-size"},
         {"segments build seg -o out --first-container 4294967295 --segment-size 100 --container-size 100",
          "no container ids are left after 4294967295: choose larger containers or a first container before 4294967295"},
+        {"build in -o out --cut content:", "--cut: found \"content:\", expected fixed, content or content:MIN:AVG:MAX with "
+                                          "64 <= MIN <= AVG <= MAX <= 4M (try: crrecord build --help)"},
         {"segments build empty -o out", "empty: is empty, so it has no segments"},
         {"build in -o out --dotype 4", "--dotype: 4 not in {0,1,2,3,5} (try: crrecord build --help)"},
         {"build --task -1 in -o out",
@@ -223,6 +225,15 @@ TEST_F(Tool, SaysWhyItCannotWork) {
     EXPECT_EQ(Run("validate none in"), 2); // and the others are still looked at
     EXPECT_EQ(out, "in: 1 record, 192 bytes: all valid\n");
 }
+
+// Without its own functions for OpenSSL, the command could crash when it is out of memory.
+#ifdef CRRECORD_USES_CRYPTO_EARLY
+TEST_F(Tool, EndsIfCryptoWasUsedBefore) {
+    EXPECT_EQ(Run("--version"), 0);
+    EXPECT_EQ(Shell("LD_PRELOAD='" CRRECORD_USES_CRYPTO_EARLY "' \"$T\" --version"), 2);
+    EXPECT_TRUE(err.starts_with("crrecord: a preloaded library has used OpenSSL")) << err;
+}
+#endif
 
 // A signal that was ignored when it began (here SIGUSR1) stays so; any other, and the same again while it is handled,
 // ends it as it would end any process.

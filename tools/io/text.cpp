@@ -104,7 +104,8 @@ std::string WithUnit(std::uint64_t bytes) {
 
 bool TakesSequences(int file) {
     char const* const terminal = std::getenv("TERM");
-    return ::isatty(file) == 1 && terminal != nullptr && std::string_view(terminal) != "dumb";
+    std::string_view const type = terminal ? terminal : "";
+    return ::isatty(file) == 1 && !type.empty() && type != "dumb";
 }
 
 bool TakesColours(int file) {

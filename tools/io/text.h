@@ -84,7 +84,7 @@ std::string WithUnit(std::uint64_t bytes);
 // Colours repeat information that is also in the text.
 enum class Colour { Good, Warning, Bad, Heading };
 
-// Returns: true if the file is a terminal that takes control sequences: TERM is set, and not "dumb".
+// Returns: true if the file is a terminal that takes control sequences: TERM is neither empty nor "dumb".
 bool TakesSequences(int file);
 
 // Returns: true if output on this file may be coloured: it takes control sequences, and NO_COLOR is not set.

@@ -43,7 +43,7 @@ std::string ReadCut(std::string const& text, std::optional<ContentCut>& content)
         return "";
     }
     std::array<std::uint32_t, 3> sizes{ContentCut().least, ContentCut().average, ContentCut().most};
-    bool good = parts[0] == "content" && (parts.size() == 1 || parts.size() == 4);
+    bool good = parts[0] == "content" && (parts.size() == 1 || parts.size() == 4) && !text.ends_with(':');
     for (std::size_t i = 1; good && i < parts.size(); ++i) {
         good = ReadSize(parts[i], 1, kLargestContentCut).empty();
         sizes[i - 1] = good ? static_cast<std::uint32_t>(std::stoul(parts[i])) : 0;
