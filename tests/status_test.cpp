@@ -113,8 +113,8 @@ TEST(Log, WritesPlainLinesToStandardErrorByDefault) {
     WarningA(kOddStatus, "%s", std::string(1023, 'x').c_str());
     __TraceA("traced");
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "crrecord: error 72: a?b?c?[1m?\xc3\xa9 ??~????\xc2\xa0\xc3\x9b\xc2\ncrrecord: warning -2000000000: " + std::string(1023, 'x') +
-                  "\ncrrecord: trace: traced\n");
+              "crrecord: error 72: a?b?c?[1m?\xc3\xa9 ??~????\xc2\xa0\xc3\x9b\xc2\ncrrecord: warning -2000000000: " +
+                  std::string(1023, 'x') + "\ncrrecord: trace: traced\n");
 }
 
 // Lines, last message and last status: each thread has its own.

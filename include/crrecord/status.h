@@ -80,8 +80,8 @@ enum cr_log_level_t : int {
 typedef void (*cr_log_sink_t)(cr_log_level_t level, cr_status_t status, char const* message, void* context);
 
 // Sends every line of the process to `sink`. Null restores the default, which writes each line to standard error with
-// one write, so that lines of several threads do not mix, and prints each byte of a control character (C0, DEL, and C1 in
-// UTF-8) as '?'.
+// one write, so that lines of several threads do not mix, and prints each byte of a control character (C0, DEL and C1
+// in UTF-8) as '?'.
 // Lifetime: a call to the former sink may still be running on another thread, so keep its context until these threads
 // have stopped.
 CRRECORD_API void CRLogSetSink(cr_log_sink_t sink, void* context) noexcept;

@@ -167,8 +167,9 @@ TEST_F(Tool, SaysWhyItCannotWork) {
          "a container of 1024 bytes cannot hold a segment of 131072: raise --container-size"},
         {"segments build seg -o out --first-container 4294967295 --segment-size 100 --container-size 100",
          "no container ids are left after 4294967295: choose larger containers or a first container before 4294967295"},
-        {"build in -o out --cut content:", "--cut: found \"content:\", expected fixed, content or content:MIN:AVG:MAX with "
-                                          "64 <= MIN <= AVG <= MAX <= 4M (try: crrecord build --help)"},
+        {"build in -o out --cut content:",
+         "--cut: found \"content:\", expected fixed, content or content:MIN:AVG:MAX with "
+         "64 <= MIN <= AVG <= MAX <= 4M (try: crrecord build --help)"},
         {"segments build empty -o out", "empty: is empty, so it has no segments"},
         {"build in -o out --dotype 4", "--dotype: 4 not in {0,1,2,3,5} (try: crrecord build --help)"},
         {"build --task -1 in -o out",
