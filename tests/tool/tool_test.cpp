@@ -232,7 +232,7 @@ TEST_F(Tool, SaysWhyItCannotWork) {
 TEST_F(Tool, EndsIfCryptoWasUsedBefore) {
     EXPECT_EQ(Run("--version"), 0);
     EXPECT_EQ(Shell("LD_PRELOAD='" CRRECORD_USES_CRYPTO_EARLY "' \"$T\" --version"), 2);
-    EXPECT_TRUE(err.starts_with("crrecord: a preloaded library has used OpenSSL")) << err;
+    EXPECT_NE(err.find("crrecord: a preloaded library has used OpenSSL"), std::string::npos) << err;
 }
 #endif
 
