@@ -60,11 +60,19 @@ std::string Chosen(CLI::App const& app) {
     return app.get_name() + (verbs.empty() ? "" : " " + Chosen(*verbs.front()));
 }
 
-// Returns: the message for a wrong command line. CLI11's text for an option without its value is hard to read.
+// Returns: the message for a wrong command line. CLI11's texts for the number of values of an option are hard to read.
 std::string ReasonOf(CLI::ParseError const& error) {
     std::string const text = error.what();
-    bool const lacksValue = error.get_name() == "ArgumentMismatch" && text.ends_with(" missing");
-    return lacksValue ? text.substr(0, text.find(':')) + ": expected a value after it" : text;
+    if (error.get_name() == "ArgumentMismatch") {
+        std::string const option = text.substr(0, text.find(':'));
+        if (text.ends_with(" missing")) {
+            return option + ": expected a value after it";
+        }
+        if (text.find("At Most 1 required") != std::string::npos) {
+            return option + ": expected only once";
+        }
+    }
+    return text;
 }
 
 // Prints the help or the version, which are errors to CLI11. Throws: Failure for any other error.

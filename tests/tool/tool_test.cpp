@@ -181,6 +181,7 @@ TEST_F(Tool, SaysWhyItCannotWork) {
                                                           "of 1 to 18446744073709551615, such as 65536 or 64K "
                                                           "(try: crrecord segments build --help)"},
         {"validate in --dotype", "--dotype: expected a value after it (try: crrecord validate --help)"},
+        {"live do --sparse 50 --sparse 50", "--sparse: expected only once (try: crrecord live --help)"},
         {"show --checksum do", "--checksum requires --serialized (try: crrecord show --help)"},
         {"convert do --to json --checksum -o out",
          "--checksum requires --serialized or --to serialized (try: crrecord convert --help)"},
