@@ -160,7 +160,7 @@ TEST_F(Tool, JobsPrintTheSame) {
     EXPECT_EQ(Shell("exec bash -c \"trap '' PIPE; '$T' digest good good good good --jobs 2 | head -c 1 >one; "
                     "exit \\${PIPESTATUS[0]}\""),
               2);
-    EXPECT_EQ(err, "crrecord: standard output: cannot write: Broken pipe\n");
+    EXPECT_NE(err.find("crrecord: standard output: cannot write: Broken pipe\n"), std::string::npos) << err;
     EXPECT_EQ(Run("convert good --to network -o new --jobs 2"), 1);
     EXPECT_EQ(Run("validate --jobs 0 good") + Run("validate --jobs 257 good"), 4);
     EXPECT_EQ(Files().find("new"), std::string::npos);
