@@ -11,6 +11,8 @@
 #include <ranges>
 #include <set>
 
+#include <sys/mman.h>
+
 namespace {
 
 template <class Range>
@@ -135,6 +137,7 @@ TEST(DORecordReferences, RejectsNullExceptToDeleteAPointer) {
         EXPECT_EQ(Refusal([&] { record->DelTRef(handle); }), "9: NULL reference");
     }
     EXPECT_EQ(Refusal([&] { record->CheckTRef(null); }), "9: NULL reference");
+    EXPECT_EQ(Refusal([&] { record->AddSerializedTRefs(nullptr, 1); }), "9: NULL reference");
     EXPECT_EQ(record->DelTRef(null), 0u);
     for (cr_reftype_t const none : {cr_reftype_t(-1), CR_REFTYPE_END, cr_reftype_t(1 << 30)}) {
         EXPECT_EQ(std::tuple(record->GetNTRefs(none), record->GetTRefTypeTotalSize(none)), std::tuple(0, 0));
@@ -174,6 +177,8 @@ TEST(DORecordReferences, CallbacksSelectTasksAndSomeOperationsTouch) {
     EXPECT_EQ(record->RemoveInactiveTaskIDs(IsOdd, nullptr), 2u);
     EXPECT_TRUE(touches([&] { EXPECT_EQ(record->RemoveInactiveTaskIDs(IsOdd, nullptr), 0u); }));
     EXPECT_EQ(Visited(*record), References({{2, 3}, {2, 5}, {2, 7}}));
+    EXPECT_NE(std::next(record->GetTRefBegin()), record->GetTRefBegin());
+    EXPECT_FALSE(record->References().empty());
     record->setTRefsSize(5);
     EXPECT_FALSE(touches([&] { record->ClearTRefType(CR_REFTYPE_TASKID); }));
     EXPECT_EQ(record->getTRefsSize(), 0u); // subtracts at most the stored size
@@ -181,7 +186,7 @@ TEST(DORecordReferences, CallbacksSelectTasksAndSomeOperationsTouch) {
 
 // A record size that a raw setter made too small stops a removal: that reference stays, its bytes do not.
 TEST(DORecordReferences, RemovalStopsAtTheBareSize) {
-    auto const record = Build(Example(3, 1));
+    auto const record = Build<OpenRecord>(Example(3, 1));
     record->AddTaskID(1);
     record->AddTaskID(2);
     record->setRecSize(104 + 10);
@@ -190,6 +195,8 @@ TEST(DORecordReferences, RemovalStopsAtTheBareSize) {
     EXPECT_EQ(Visited(*record), References({{2, 2}}));
     EXPECT_EQ(std::tuple(record->getTRefsSize(), record->getRecSize(), record->GetMTime()),
               std::tuple(0u, 104u, before));
+    record->header->recsize = 103;
+    EXPECT_EQ(Refusal([&] { Load(*record, SpellReferences({{2, 1}})); }), kInvalidSize);
 }
 
 TEST(DORecordReferences, LoadStopsAtACorruptReference) {
@@ -206,6 +213,35 @@ TEST(DORecordReferences, LoadStopsAtACorruptReference) {
                                   std::string(CRStatusToStringA(CR_STATUS_CORRUPT_RECORD)) + "\n");
         ExpectWhole(*record, values);
     }
+}
+
+TEST(DORecordReferences, ReloadStopsAtACorruptReference) {
+    RecordValues values = Example(3, 1);
+    values.references = {{2, 1}, {4, 9}, {6, 5}};
+    SpelledRecord spelled = Spell(values);
+    spelled.bytes[spelled.references + 16] = 11;
+    auto const record = Build<OpenRecord>(values);
+    Hold(*record, spelled.bytes);
+    EXPECT_EQ(Refusal([&] { record->convertToTRefs(); }), "32: Received a buffer with corrupt typed references.");
+    values.references.pop_back();
+    ExpectWhole(*record, values);
+}
+
+// GetHeader is for const records, which may be in memory that is read only.
+TEST(DORecordReferences, SectionThatIsUpToDateIsNotWritten) {
+    constexpr std::size_t kPage = 4096;
+    void* const memory = mmap(nullptr, kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    {
+        auto const record = Build<OpenRecord>(Example(3, 1));
+        std::ranges::copy(Buffer(*record), static_cast<unsigned char*>(memory));
+        Use(*record, memory, kPage, OpenRecord::CopyMode::Fixed);
+        Load(*record, SpellReferences({{0, 1}, {2, 3}, {4, 5}, {9, ~0ul}}));
+        record->GetHeader();
+        mprotect(memory, kPage, PROT_READ); // a write ends the test program
+        EXPECT_EQ(record->GetHeader(), memory);
+        EXPECT_EQ(record->GetSerializedTRefs(), static_cast<char*>(memory) + record->getRecSize() - 24 - 36);
+    }
+    munmap(memory, kPage);
 }
 
 // The record grows and moves while it reads them.

@@ -122,7 +122,7 @@ TEST(Fingerprint, RejectsUnknownTypes) {
 }
 
 // An unknown type is 16 bytes wide.
-TEST(FingerprintText, ChecksBufferSizeAndDigitCount) {
+TEST(FingerprintText, ChecksBufferSizeAndDigits) {
     for (unsigned int const fptype : {0u, 3u, 259u}) {
         std::string const zeros(DigitsOf(fptype), '0');
         for (unsigned int length = 0; length < 70; ++length) {
@@ -140,6 +140,13 @@ TEST(FingerprintText, ChecksBufferSizeAndDigitCount) {
             EXPECT_EQ(CRFPStringToDigest_r(text.data(), fptype, &digest) != nullptr, good) << length;
             EXPECT_EQ(TakeStatus(), good ? kUntouched : CR_STATUS_INVALID);
             EXPECT_EQ(BytesOf(digest), good ? std::string(32, '\0') : BytesOf(Filled())) << length;
+        }
+        for (char const other : {'/', ':', '@', 'A', '`', 'g', '\xb0'}) {
+            std::string text = zeros;
+            text.back() = other;
+            crfp_digest_t digest = Filled();
+            EXPECT_EQ(CRFPStringToDigest_r(text.c_str(), fptype, &digest), nullptr) << other;
+            EXPECT_EQ(std::tuple(TakeStatus(), BytesOf(digest)), std::tuple(CR_STATUS_INVALID, BytesOf(Filled())));
         }
     }
 }
