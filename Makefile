@@ -12,7 +12,7 @@ help:
 	@echo 'make run [FILE=path]       write records of a file, read and check them, print the results'
 	@echo 'make test                  run the tests'
 	@echo 'make test-slow             run the tests that compile the library again, and each small change of each golden record'
-	@echo 'make coverage              check that the tests take each branch of the code that reads hostile bytes'
+	@echo 'make coverage              check that the tests take each branch of the library code that reads hostile bytes'
 	@echo 'make fuzz [SECONDS=60]     run each fuzz target for so long, and print the results'
 	@echo 'make proof                 prove that the reader in one header stays inside of its input, with Frama-C'
 	@echo 'make bench [QUICK=1]       measure the library against other ways to do the same work'

@@ -77,6 +77,17 @@ TEST_P(EveryRecord, ByteSwapsAndBack) {
     }
 }
 
+// Entries of an unknown DO type have fingerprints only.
+TEST(DORecordConversion, KeepsEntriesOfUnknownTypes) {
+    RecordValues const values = Example(1, 3);
+    for (unsigned char const unknown : Bytes{6, 255}) {
+        Bytes bytes = Spell(values).bytes, expected = Spell(values, true).bytes;
+        bytes[0x4d] = expected[0x4d] = unknown;
+        DORecordHeaderHton(reinterpret_cast<DORecordHeader*>(bytes.data()));
+        EXPECT_EQ(bytes, expected);
+    }
+}
+
 TEST_P(EveryRecord, GettersReturnHostValuesInEitherOrder) {
     auto const record = Made();
     RecordValues held = values;
