@@ -68,6 +68,12 @@ inline void UseBytes(Given const& given) {
             Require(*dcid == segment.dcid, "DCIDs of the view");
             ++i;
         }
+        i = 0;
+        ForEachSegment(view.Segments(), [&](DOSegment const& segment) {
+            DOSegment const same = view.Segments()[i++];
+            Require(segment.size == same.size && segment.offset == same.offset && segment.dcid == same.dcid,
+                    "segments of the visitor");
+        });
         for (i = 0; i < view.UniqueDCIDs().size(); ++i) {
             Read(DORecordHeaderIndexOfUDCID(header, i), view.UniqueDCIDs()[i].dcid == 0 ? 8 : 16);
         }

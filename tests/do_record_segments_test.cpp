@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <iterator>
 #include <ranges>
@@ -27,6 +28,10 @@ auto NumbersOf(DORecord const& record, unsigned int segment) {
     return std::tuple(record.GetSegmentSize(segment), record.GetSegmentOffset(segment),
                       record.GetSegmentObjectOffset(segment));
 }
+
+constexpr auto FieldsOf = [](DOSegment const& segment) {
+    return std::tuple(segment.fingerprint.data, segment.fingerprint.size, segment.size, segment.offset, segment.dcid);
+};
 
 TEST(DORecordSegments, AccessorsReturnValuesInEitherOrder) {
     for (RecordValues const& values : Examples()) {
@@ -56,6 +61,9 @@ TEST(DORecordSegments, AccessorsReturnValuesInEitherOrder) {
             }
             EXPECT_TRUE(segment == record->Segments().end());
             EXPECT_EQ(record->Segments().size(), values.segments.size());
+            std::vector<DOSegment> visited;
+            ForEachSegment(record->Segments(), [&](DOSegment const& each) { visited.push_back(each); });
+            EXPECT_TRUE(std::ranges::equal(visited, record->Segments(), {}, FieldsOf, FieldsOf));
             record->HostToNetwork(0);
         }
     }

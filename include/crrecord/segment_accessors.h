@@ -36,7 +36,10 @@ inline unsigned long DORecord::GetSegmentDCID(unsigned int i) const {
 inline unsigned int DORecord::GetSegmentSize(unsigned int i) const {
     crrecord::DOEntryLayout const& entry = crrecord::EntryLayoutOf(header);
     if (entry.sizeWidth == 0) {
-        return entry.DerivedSize(i, crrecord::EntriesOf(header), GetSize(), GetSsize());
+        // GetSize and GetSsize would be calls.
+        crrecord::Order const order = crrecord::OrderFromFlag(networkOrder);
+        return entry.DerivedSize(i, crrecord::EntriesOf(header), crrecord::InOrder(header->size, order),
+                                 crrecord::InOrder(header->ssize, order));
     }
     return NumberInEntry<std::uint32_t>(i, entry.sizeWidth, entry.fingerprint, crrecord::kNoSize);
 }

@@ -64,6 +64,13 @@ struct DOSegmentSource : crrecord::DOEntryLayout {
                                               : OffsetIn<crrecord::Order::Network>(i);
     }
 
+    // Calls use(segment) for each segment, in order.
+    template <class Use>
+    void ForEach(Use& use) const {
+        order == crrecord::Order::Host ? ForEachIn<crrecord::Order::Host>(use)
+                                       : ForEachIn<crrecord::Order::Network>(use);
+    }
+
     unsigned char const* entries;
     unsigned char const* dcids;
     unsigned long objectSize;
@@ -72,6 +79,24 @@ struct DOSegmentSource : crrecord::DOEntryLayout {
     crrecord::Order order; // of sizes and offsets
 
 private:
+    template <crrecord::Order order, class Use>
+    void ForEachIn(Use& use) const {
+        switch (offsetWidth) {
+        case 8: return ForEachOf<order, 4, 8>(use);
+        case 4: return ForEachOf<order, 4, 4>(use);
+        default: return sizeWidth != 0 ? ForEachOf<order, 4, 0>(use) : ForEachOf<order, 0, 0>(use);
+        }
+    }
+    // Reads from a copy whose widths the compiler knows, so that the loop does not test them.
+    template <crrecord::Order order, unsigned char knownSizeWidth, unsigned char knownOffsetWidth, class Use>
+    void ForEachOf(Use& use) const {
+        DOSegmentSource source = *this;
+        source.sizeWidth = knownSizeWidth;
+        source.offsetWidth = knownOffsetWidth;
+        for (unsigned int i = 0; i < source.count; ++i) {
+            use(source.ReadIn<order>(i));
+        }
+    }
     template <crrecord::Order order>
     DOSegment ReadIn(unsigned int i) const noexcept {
         return {{Entry(i), fingerprint},
@@ -112,3 +137,10 @@ struct DOUniqueDCIDSource {
 // The ranges that records and views return.
 typedef cr_record_range<DOSegmentSource> DOSegmentRange;
 typedef cr_record_range<DOUniqueDCIDSource> DOUniqueDCIDRange;
+
+// Calls use(segment) for each segment, in order. The DO type and the byte order are tested once, and not for each
+// segment as by an iterator.
+template <class Use>
+void ForEachSegment(DOSegmentRange const& segments, Use&& use) {
+    segments.GetSource().ForEach(use);
+}
