@@ -28,8 +28,7 @@ struct Shape {
 };
 inline constexpr Shape kMainShape{3, 3};
 
-// Special values of a target for the ratio of ours to the reference.
-inline constexpr double kNoTarget = 0;
+// In place of a target for the ratio of ours to the reference.
 inline constexpr double kNotMeasured = -1;
 
 struct Operation {

@@ -187,17 +187,16 @@ public:
             return;
         }
         double const each = 1e9 / n;
-        bool const missed = target != kNoTarget && result.ratio >= target + kRounding;
+        bool const missed = result.ratio >= target + kRounding;
         missed_ += missed;
-        std::printf("%9.2f %9.2f %7.3f ", result.ours * each, result.reference * each, result.ratio);
-        target == kNoTarget ? std::printf("%7s", "-") : std::printf("%7.2f", target);
-        std::printf(" %10.1f%s\n", result.faults, missed ? "  MISSED" : "");
+        std::printf("%9.2f %9.2f %7.3f %7.2f %10.1f%s\n", result.ours * each, result.reference * each, result.ratio,
+                    target, result.faults, missed ? "  MISSED" : "");
         json_.push_back({{"operation", operation.name},
                          {"segments", n},
                          {"state", "resident"},
                          {"reference", operation.reference},
                          {"ratio", result.ratio},
-                         {"target", target == kNoTarget ? nlohmann::json() : nlohmann::json(target)},
+                         {"target", target},
                          {"rounds", result.rounds},
                          {"faults_per_op", result.faults}});
     }

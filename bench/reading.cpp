@@ -58,6 +58,18 @@ Comparison RangeAgainstLoop(Shape shape, unsigned int n, bool networkOrder) {
             PlainLoop(reading)};
 }
 
+// A record with n references or a unique list; its copy, at `bytes`; and a view of it.
+struct Listed {
+    std::shared_ptr<DORecord> record;
+    std::shared_ptr<std::vector<unsigned char>> bytes;
+    std::shared_ptr<DORecordView> view;
+};
+
+Listed ListedOf(std::shared_ptr<DORecord> const& record) {
+    return {record, std::make_shared<std::vector<unsigned char>>(BytesOf(*record)),
+            std::make_shared<DORecordView>(record->GetHeader(), record->GetHeaderSize())};
+}
+
 } // namespace
 
 Comparison ReadSegments(Shape shape, unsigned int n) {
@@ -80,6 +92,56 @@ Comparison ReadByIndex(Shape shape, unsigned int n) {
                 benchmark::DoNotOptimize(sum);
             }},
             PlainLoop(reading)};
+}
+
+// The plain loop: container and bytes of each entry of the list.
+Comparison ReadUniqueDcids(Shape shape, unsigned int n) {
+    std::shared_ptr<DORecord> const record = Input(shape, n, Containers::AtRandom).MakeRecord();
+    Require(record->AppendBloomAndUniqueDCIDList() == CR_STATUS_OK, "no unique list");
+    Listed const listed = ListedOf(record);
+    auto const at = reinterpret_cast<unsigned char const*>(DORecordHeaderIndexOfUDCID(record->GetHeader(), 0)) -
+                    reinterpret_cast<unsigned char const*>(record->GetHeader());
+    return {{[listed] {
+                unsigned long sum = 0;
+                for (DOUniqueDCID const& entry : listed.view->UniqueDCIDs()) {
+                    sum += entry.dcid + entry.bytes;
+                }
+                benchmark::DoNotOptimize(sum);
+            }},
+            {[listed, at, count = record->GetNudcid()] {
+                unsigned long sum = 0;
+                unsigned char const* entry = listed.bytes->data() + at;
+                for (unsigned int i = 0; i < count; ++i, entry += 2 * sizeof sum) {
+                    sum += LoadAt<unsigned long>(entry) + LoadAt<unsigned long>(entry + sizeof sum);
+                }
+                benchmark::DoNotOptimize(sum);
+            }}};
+}
+
+// The plain loop: kind and id of each reference, all of which are task ids.
+Comparison ReadReferences(Shape shape, unsigned int n) {
+    std::shared_ptr<DORecord> const record = Input(shape, 1).MakeRecord();
+    for (unsigned int id = 1; id <= n; ++id) {
+        record->AddTaskID(id);
+    }
+    Listed const listed = ListedOf(record);
+    auto const at = reinterpret_cast<unsigned char const*>(DORecordHeaderStartTRefs(record->GetHeader())) -
+                    reinterpret_cast<unsigned char const*>(record->GetHeader());
+    return {{[listed] {
+                unsigned long sum = 0;
+                for (DOReference const& reference : listed.view->References()) {
+                    sum += static_cast<unsigned long>(reference.kind) + reference.id;
+                }
+                benchmark::DoNotOptimize(sum);
+            }},
+            {[listed, at, n] {
+                unsigned long sum = 0;
+                unsigned char const* from = listed.bytes->data() + at;
+                for (unsigned int i = 0; i < n; ++i, from += 10) {
+                    sum += *from + __builtin_bswap64(LoadAt<unsigned long>(from + 2));
+                }
+                benchmark::DoNotOptimize(sum);
+            }}};
 }
 
 } // namespace bench

@@ -20,6 +20,8 @@ Comparison CheckSegmentList(Shape shape, unsigned int n);
 Comparison ReadSegments(Shape shape, unsigned int n);
 Comparison ReadSegmentsInNetworkOrder(Shape shape, unsigned int n);
 Comparison ReadByIndex(Shape shape, unsigned int n);
+Comparison ReadUniqueDcids(Shape shape, unsigned int n);
+Comparison ReadReferences(Shape shape, unsigned int n);
 
 Comparison Adler32(Shape shape, unsigned int n);
 Comparison Adler32Zlib(Shape shape, unsigned int n);
