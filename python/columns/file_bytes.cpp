@@ -36,7 +36,7 @@ FileBytes::~FileBytes() {
 }
 
 // Makes room after end_: to the bytes that are kept it adds as many again, or what is missing to `least`.
-void FileBytes::MakeRoom(std::size_t least) {
+void FileBytes::Reserve(std::size_t least) {
     std::size_t const kept = end_ - first_;
     bool const isMuchTooLarge = capacity_ > 4 * kReadSize && least <= kReadSize;
     if (capacity_ - kept != 0 && !isMuchTooLarge) {
@@ -58,7 +58,7 @@ std::span<unsigned char const> FileBytes::Peek(std::size_t least) {
     while (end_ - first_ < least) {
         // Grows as bytes arrive: a size in a bad record takes no memory that the file does not fill.
         if (end_ == capacity_ || (first_ != 0 && first_ + least > capacity_)) {
-            MakeRoom(least);
+            Reserve(least);
         }
         ssize_t got =
             isPipe_ ? -1 : ::pread(descriptor_, bytes_.get() + end_, capacity_ - end_, static_cast<off_t>(offset_));

@@ -37,7 +37,7 @@ public:
     void Drop(std::size_t bytes) noexcept { first_ += bytes; }
 
 private:
-    void MakeRoom(std::size_t least);
+    void Reserve(std::size_t least);
 
     std::string path_;
     int descriptor_;

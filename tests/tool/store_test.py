@@ -65,7 +65,8 @@ class Store:
         dotype = pick.randrange(6) if dotype is None else dotype
         fptype, wide, ssize = pick.randrange(4), pick.random() < 0.1, 100
         width = 32 if fptype == 3 else 16
-        numbers = [pick.randrange(40000) for _ in range(count)]
+        first = pick.randrange(40000 - count) if pick.random() < 0.5 else None  # a run, of which others have parts
+        numbers = [pick.randrange(40000) if first is None else first + i for i in range(count)]
         sizes = [100 + (n % 7 if dotype not in (0, 1) else 0) + (pick.random() < 0.0005) * (dotype == 2) for n in numbers]
         if dotype in (0, 1) and count:
             sizes[-1] = pick.randint(1, 100)

@@ -29,8 +29,8 @@ public:
 
     unsigned int Threads() const override { return 1; }
     std::uint64_t BatchTuples() const override { return 1UL << 15; }
-    bool HasRoom(std::uint64_t) override { return true; }
-    void MakeRoom() override {}
+    bool HasSpace(std::uint64_t) override { return true; }
+    void FreeMemory() override {}
 
     void Add(std::span<SegmentTuple const> tuples) override {
         while (!tuples.empty()) {

@@ -35,7 +35,7 @@ public:
                     partitions.AddAll(tuples);
                 });
         }
-        partitions.Total([this](std::span<SegmentTuple const> segments) { containers_.AddSegments(segments); });
+        partitions.Total([this](TupleBlock const& segments) { containers_.AddSegments(segments); });
     }
 
     void Write() {

@@ -22,7 +22,7 @@ constexpr std::size_t kNameSize = 64;
 // The last bytes of a file.
 struct WorkFoot {
     static constexpr std::uint64_t kMark =
-        0x0001'4b52'4f57'5243; // "CRWORK" and the version in the order of the machine
+        0x0002'4b52'4f57'5243; // "CRWORK" and the version in the order of the machine
 
     std::uint64_t mark;
     std::uint64_t directory;

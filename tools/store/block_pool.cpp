@@ -6,18 +6,22 @@
 
 namespace crrecord::tool {
 
-BlockPool::BlockPool(std::uint64_t blocks, unsigned int tuplesBits) : blocks_(blocks), tuplesBits_(tuplesBits) {
+BlockPool::BlockPool(std::uint64_t blocks, unsigned int tuplesBits, std::uint64_t partitions, std::uint64_t places)
+    : blocks_(blocks), tuplesBits_(tuplesBits), places_(places),
+      size_(blocks * TuplesInBlock() * kTupleBytes + partitions * places * sizeof(TuplePlace)) {
     void* const pages =
-        ::mmap(nullptr, Size(), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (pages == MAP_FAILED) {
         throw std::bad_alloc();
     }
-    memory_ = static_cast<SegmentTuple*>(pages);
-    [[maybe_unused]] int const advised = ::madvise(pages, Size(), MADV_HUGEPAGE); // for speed only
+    tuples_ = static_cast<TupleBase*>(pages);
+    secondSizes_ = reinterpret_cast<std::uint64_t*>(tuples_ + blocks * TuplesInBlock());
+    placeMemory_ = reinterpret_cast<TuplePlace*>(secondSizes_ + blocks * TuplesInBlock());
+    [[maybe_unused]] int const advised = ::madvise(pages, size_, MADV_HUGEPAGE); // for speed only
 }
 
 BlockPool::~BlockPool() {
-    ::munmap(memory_, Size());
+    ::munmap(tuples_, size_);
 }
 
 std::uint64_t BlockPool::Used() {
@@ -25,21 +29,21 @@ std::uint64_t BlockPool::Used() {
     return used_;
 }
 
-SegmentTuple* BlockPool::Take() {
+TupleBase* BlockPool::Take() {
     std::lock_guard const lock(mutex_);
     if (used_ == blocks_) {
         throw std::bad_alloc();
     }
     ++used_;
     if (!returned_) {
-        return memory_ + fresh_++ * TuplesInBlock();
+        return tuples_ + fresh_++ * TuplesInBlock();
     }
-    SegmentTuple* const block = returned_;
+    TupleBase* const block = returned_;
     std::memcpy(&returned_, block, sizeof returned_);
     return block;
 }
 
-void BlockPool::Return(SegmentTuple* block) {
+void BlockPool::Return(TupleBase* block) {
     std::lock_guard const lock(mutex_);
     std::memcpy(static_cast<void*>(block), &returned_, sizeof returned_);
     returned_ = block;

@@ -22,10 +22,10 @@ void Count(SegmentSums& sums, std::uint64_t bytes) {
 }
 
 // Returns: whether the sizes within a set differ, or those of the two sets.
-bool IsConflict(SegmentTuple const& segment) {
+bool IsConflict(TupleBase const& segment, std::uint64_t secondSize) {
     constexpr std::uint8_t kBoth = SegmentTuple::kInFirst | SegmentTuple::kInSecond;
     return (segment.flags & (SegmentTuple::kFirstDiffers | SegmentTuple::kSecondDiffers)) != 0 ||
-           ((segment.flags & kBoth) == kBoth && segment.firstSize != segment.secondSize);
+           ((segment.flags & kBoth) == kBoth && segment.firstSize != secondSize);
 }
 
 } // namespace
@@ -36,10 +36,11 @@ void StoreContainers::ForgetRecords() {
     }
 }
 
-void StoreContainers::AddSegments(std::span<SegmentTuple const> segments) {
+void StoreContainers::AddSegments(TupleBlock const& segments) {
     ContainerSums sums; // of neighbours in one container
     std::uint64_t conflicts = 0;
-    for (SegmentTuple const& segment : segments) {
+    for (std::size_t i = 0; i < segments.tuples.size(); ++i) {
+        TupleBase const& segment = segments.tuples[i];
         if (segment.dcid != sums.dcid) {
             AddSums(sums);
             sums = {};
@@ -50,13 +51,14 @@ void StoreContainers::AddSegments(std::span<SegmentTuple const> segments) {
         if (inFirst) {
             Count(sums.first, segment.firstSize);
         }
+        std::uint64_t const secondSize = inSecond ? segments.secondSizes[i] : 0;
         if (inSecond) {
-            Count(sums.second, segment.secondSize);
+            Count(sums.second, secondSize);
         }
         if (inFirst && !inSecond) {
             Count(sums.onlyFirst, segment.firstSize);
         }
-        conflicts += IsConflict(segment) ? 1 : 0;
+        conflicts += IsConflict(segment, secondSize) ? 1 : 0;
     }
     AddSums(sums);
     conflicts_ += conflicts;

@@ -53,7 +53,7 @@ public:
 
     // Adds distinct segments of containers that Of was called with. Thread safety: any number of threads.
     // Throws: TooManyBytes; Failure for a container that Of was not called with.
-    void AddSegments(std::span<SegmentTuple const> segments);
+    void AddSegments(TupleBlock const& segments);
     // Returns: the number of segments so far with different sizes.
     std::uint64_t Conflicts() const { return conflicts_; }
 

@@ -16,7 +16,9 @@ constexpr std::uint64_t kFewestPartitions = 1U << kBits;
 constexpr std::uint64_t TuplesIn(std::uint64_t memory) {
     // A partition numbers its tuples with 32 bits.
     constexpr std::uint64_t kMost = std::numeric_limits<std::uint32_t>::max();
-    return std::min(memory / (sizeof(SegmentTuple) + TupleSet::kIndexBytes), kMost);
+    constexpr std::uint64_t kPlaceBytes = 1; // at most
+    static_assert(sizeof(TuplePlace) <= TupleSet::kRemembered * kPlaceBytes);
+    return std::min(memory / (BlockPool::kTupleBytes + TupleSet::kIndexBytes + kPlaceBytes), kMost);
 }
 
 } // namespace
@@ -41,9 +43,10 @@ Partitions::Partitions(PartitionOptions const& options, unsigned int level, std:
                     : std::bit_floor(std::clamp(tuples / kInPartition, kFewestPartitions, kMostPartitions));
     // Each partition has a block that is not full: an eighth of the memory at most.
     std::uint64_t const inBlock = std::bit_floor(std::clamp(tuples / (8 * partitions), kLeastBlock, kLargestBlock));
-    pool_ = std::make_unique<BlockPool>(tuples / inBlock, static_cast<unsigned int>(std::countr_zero(inBlock)));
+    pool_ = std::make_unique<BlockPool>(tuples / inBlock, static_cast<unsigned int>(std::countr_zero(inBlock)),
+                                        partitions, tuples / partitions / TupleSet::kRemembered + 1);
     for (std::uint64_t i = 0; i < partitions; ++i) {
-        partitions_.emplace_back(*pool_);
+        partitions_.emplace_back(*pool_, pool_->Places(i));
     }
     // Half of it for the batches of all threads, and a block for each partition.
     std::uint64_t const least = BatchTuples() * (4 * options_.threads + 2) / inBlock + 4 * partitions;
@@ -56,34 +59,52 @@ std::uint64_t Partitions::BatchTuples() const {
     return std::min(kMost, pool_->Blocks() * pool_->TuplesInBlock() / (4 * batches));
 }
 
-bool Partitions::HasRoom(std::uint64_t tuples) {
+bool Partitions::HasSpace(std::uint64_t tuples) {
     std::uint64_t const needed = tuples / pool_->TuplesInBlock() + 1 + partitions_.size();
     return limit_ - pool_->Used() >= needed;
 }
 
-Partitions::Partition& Partitions::PartitionOf(SegmentTuple const& tuple) {
+std::size_t Partitions::NumberOf(SegmentTuple const& tuple) const {
     std::uint64_t const hash = level_ == 0 ? HashOfNumber(tuple.dcid) : HashOf(tuple) >> ((level_ - 1) * kBits);
-    return partitions_[hash & (partitions_.size() - 1)];
+    return hash & (partitions_.size() - 1);
+}
+
+std::span<SegmentTuple const> Partitions::FirstRun(std::span<SegmentTuple const> tuples) const {
+    auto const end = std::find_if(tuples.begin(), tuples.end(), [&](SegmentTuple const& tuple) {
+        return level_ == 0 ? tuple.dcid != tuples.front().dcid : NumberOf(tuple) != NumberOf(tuples.front());
+    });
+    return tuples.first(static_cast<std::size_t>(end - tuples.begin()));
 }
 
 void Partitions::Add(std::span<SegmentTuple const> tuples) {
-    while (!tuples.empty()) {
-        Partition& partition = PartitionOf(tuples.front());
-        auto const end = std::find_if(tuples.begin() + 1, tuples.end(), [&](SegmentTuple const& tuple) {
-            return level_ == 0 ? tuple.dcid != tuples.front().dcid : &PartitionOf(tuple) != &partition;
-        });
-        auto const count = static_cast<std::size_t>(end - tuples.begin());
-        std::lock_guard const lock(partition.mutex);
-        partition.tuples.Append(tuples.first(count));
-        tuples = tuples.subspan(count);
+    Partition* partition = nullptr;
+    for (TupleSet::Run run; partition || !tuples.empty();) {
+        // While a run is added, the memory that the next one needs is prefetched.
+        Partition* nextPartition = nullptr;
+        TupleSet::Run next;
+        if (!tuples.empty()) {
+            std::size_t const number = NumberOf(tuples.front());
+            nextPartition = &partitions_[number];
+            Prefetch(nextPartition, 0, sizeof *nextPartition);
+            auto const first = FirstRun(tuples);
+            // Few tuples of a spilled partition are in memory, so others are rarely of the same segments.
+            next = nextPartition->IsSpilled() ? TupleSet::Run{first} : TupleSet::RunOf(first, pool_->Places(number));
+            tuples = tuples.subspan(next.tuples.size());
+        }
+        if (partition) {
+            std::lock_guard const lock(partition->mutex);
+            partition->IsSpilled() ? partition->tuples.Append(run.tuples) : partition->tuples.Add(run);
+        }
+        partition = nextPartition;
+        run = next;
     }
 }
 
 void Partitions::AddAll(std::span<SegmentTuple const> tuples) {
     while (!tuples.empty()) {
         auto const batch = tuples.first(std::min<std::size_t>(tuples.size(), BatchTuples()));
-        if (!HasRoom(batch.size())) {
-            MakeRoom();
+        if (!HasSpace(batch.size())) {
+            FreeMemory();
         }
         Add(batch);
         tuples = tuples.subspan(batch.size());
@@ -103,7 +124,7 @@ bool Partitions::MergingFreesThird() {
     return 3 * (before - after) >= before;
 }
 
-void Partitions::MakeRoom() {
+void Partitions::FreeMemory() {
     if (MergingFreesThird()) {
         ForEachInParallel(
             options_.threads, static_cast<unsigned int>(partitions_.size()),
@@ -144,7 +165,7 @@ void Partitions::Spill(std::vector<Partition*> const& partitions) {
         Partition& partition = *partitions[i];
         if (partition.tuples.size() != 0) {
             SpillFile::Writer writer(*file_, partition.spilled);
-            partition.tuples.ForEachBlock([&](std::span<SegmentTuple const> some) { writer.Append(some); });
+            partition.tuples.ForEachBlock([&](TupleBlock const& block) { writer.Append(block); });
             writer.Finish();
             partition.tuples.Clear();
         }

@@ -37,19 +37,19 @@ public:
     // It is fastest if neighbours are in one container.
     void Add(std::span<SegmentTuple const> tuples) override;
     std::uint64_t BatchTuples() const override;
-    bool HasRoom(std::uint64_t tuples) override;
+    bool HasSpace(std::uint64_t tuples) override;
     // Throws: Failure if the temporary file cannot be created or written.
-    void MakeRoom() override;
-    // Adds any number of tuples, and frees memory for them. Thread safety: none. Throws: as MakeRoom.
+    void FreeMemory() override;
+    // Adds any number of tuples, and frees memory for them. Thread safety: none. Throws: as FreeMemory.
     void AddAll(std::span<SegmentTuple const> tuples);
 
-    // Calls use(tuples) for all segments, each once, from all threads. No function may be called afterwards.
-    using Use = std::function<void(std::span<SegmentTuple const>)>;
+    // Calls use(segments) for all segments, each once, from all threads. No function may be called afterwards.
+    using Use = std::function<void(TupleBlock const&)>;
     void Total(Use const& use);
 
 private:
     struct alignas(64) Partition {
-        explicit Partition(BlockPool& pool) : tuples(pool) {}
+        Partition(BlockPool& pool, std::span<TuplePlace> places) : tuples(pool, places) {}
         bool IsSpilled() const { return spilled.tuples != 0; }
 
         std::mutex mutex;
@@ -66,7 +66,10 @@ private:
     std::shared_ptr<SpillFile> file_;
 
     Partitions(PartitionOptions const& options, unsigned int level, std::shared_ptr<SpillFile> file);
-    Partition& PartitionOf(SegmentTuple const& tuple);
+    // Returns: the number of the tuple's partition.
+    std::size_t NumberOf(SegmentTuple const& tuple) const;
+    // Returns: the first tuples, which are in one partition.
+    std::span<SegmentTuple const> FirstRun(std::span<SegmentTuple const> tuples) const;
     bool IsThirdFree() { return 3 * (limit_ - pool_->Used()) >= limit_; }
     bool MergingFreesThird();
     void SpillSome();

@@ -3,9 +3,8 @@
 #pragma once
 
 #include "io/pipeline.h"
-#include "io/record_stream.h"
 #include "store/container_sums.h"
-#include "store/question.h"
+#include "store/scan_batch.h"
 
 #include <functional>
 #include <memory>
@@ -55,47 +54,41 @@ public:
     StoreContainers& Containers() { return containers_; }
 
 private:
-    struct Batch;
-    struct Scanned;
-    struct Run;
-
     Question question_;
     std::function<void(std::string const&)> complain_;
     std::unique_ptr<Partitions> owned_; // null with a sink of the caller
     TupleSink& partitions_;
     StoreContainers containers_;
     StoreTotals totals_;
-    bool isRefused_ = false;                    // the present record would make it too large
-    std::uint64_t reserved_ = 0;                // tuples of the batches that are not used yet
-    std::uint64_t objectContainers_ = 0;        // of the present object
-    std::shared_ptr<std::string const> file_;   // of the input
-    Batch* batch_ = nullptr;                    // the one that is being filled
-    std::unique_ptr<Pipeline<Batch>> pipeline_; // the last member: its threads use the others
+    bool bufferUsed_ = false;                       // batches have records in the stream's buffer
+    bool isRefused_ = false;                        // the present record would make it too large
+    std::uint64_t reserved_ = 0;                    // tuples of the batches that are not used yet
+    std::uint64_t objectContainers_ = 0;            // of the present object
+    std::shared_ptr<std::string const> file_;       // of the input
+    ScanBatch* batch_ = nullptr;                    // the one that is being filled
+    std::unique_ptr<Pipeline<ScanBatch>> pipeline_; // the last member: its threads use the others
 
     StoreScan(Question question, std::unique_ptr<Partitions> owned, TupleSink* sink,
               std::function<void(std::string const&)> complain);
 
+    void ReadAll(RecordStream& stream);
+    ScanBatch& Current();
     // Passes the batch to the threads, if it has records.
     void Submit();
+    // After this the stream may overwrite its buffer.
+    void ReleaseBuffer(RecordStream& stream);
     void Append(Record const& record);
     void AppendGap(RecordStream const& stream, Gap const& gap);
     // Passes a record that is too large for a batch in parts to the threads, which read the stream's bytes.
     void ScanLarge(Record const& record);
-    void ScanParts(DORecordView const* view, Scanned scanned);
-    void Work(Batch& batch);
-    void WorkOnObject(Batch& batch, Scanned& scanned);
-    void WorkOnSegment(Batch& batch, Scanned& scanned);
-    // Returns: the place of a tuple, which is passed to the partitions with others.
-    SegmentTuple& NewTuple(Batch& batch);
-    void AddTuples(Batch& batch);
-    void AddEntries(Batch& batch, Scanned const& scanned, DORecordView const& view);
-    void UseBatch(Batch& batch);
+    void ScanParts(ScanBatch::Scanned scanned);
+    void UseBatch(ScanBatch& batch);
     // Adds the sizes that the record claims. Returns: false if it is bad because their sum would be too large.
-    bool Claim(Scanned const& scanned);
-    void UseObject(Batch const& batch, Scanned const& scanned);
-    void UseSegment(Scanned const& scanned);
-    void UseRun(Run const& run, Membership const& membership);
-    void UseOwn(Scanned const& scanned);
+    bool Claim(ScanBatch::Scanned const& scanned);
+    void UseObject(ScanBatch const& batch, ScanBatch::Scanned const& scanned);
+    void UseSegment(ScanBatch::Scanned const& scanned);
+    void UseRun(ScanBatch::Run const& run, Membership const& membership);
+    void UseOwn(ScanBatch::Scanned const& scanned);
     // Whether a container's own and bloom bytes count the record, and whether its number of records does.
     bool IsCounted(Membership const& membership) const;
     bool NeedsAfterwards(Membership const& membership) const;

@@ -18,14 +18,14 @@ struct TupleLayout {
     std::size_t second;
 };
 
-void Encode(unsigned char* to, SegmentTuple const& tuple, TupleLayout const& layout) {
+void Encode(unsigned char* to, TupleBase const& tuple, std::uint64_t const& secondSize, TupleLayout const& layout) {
     CopyFingerprint(to, tuple.fingerprint, layout.fingerprint);
     to += layout.fingerprint;
     if (layout.first != 0) {
         std::memcpy(to, &tuple.firstSize, sizeof tuple.firstSize);
     }
     if (layout.second != 0) {
-        std::memcpy(to + layout.first, &tuple.secondSize, sizeof tuple.secondSize);
+        std::memcpy(to + layout.first, &secondSize, sizeof secondSize);
     }
 }
 
@@ -36,7 +36,7 @@ void Decode(SegmentTuple& tuple, unsigned char const* from, TupleLayout const& l
     tuple.secondSize = layout.second != 0 ? Load<std::uint64_t>(from + layout.first) : 0;
 }
 
-bool IsSameRun(SegmentTuple const& a, SegmentTuple const& b) {
+bool IsSameRun(TupleBase const& a, TupleBase const& b) {
     return a.dcid == b.dcid && a.fptype == b.fptype && a.flags == b.flags;
 }
 
@@ -48,36 +48,36 @@ void Require(bool holds) {
 
 } // namespace
 
-void SpillFile::Writer::Append(std::span<SegmentTuple const> tuples) {
-    while (!tuples.empty()) {
-        auto const end = std::find_if(tuples.begin(), tuples.end(),
-                                      [&](SegmentTuple const& tuple) { return !IsSameRun(tuple, tuples.front()); });
-        auto const count = static_cast<std::size_t>(end - tuples.begin());
-        AppendRun(tuples.first(count));
-        tuples = tuples.subspan(count);
+void SpillFile::Writer::Append(TupleBlock const& block) {
+    auto const tuples = block.tuples;
+    for (std::size_t i = 0; i < tuples.size();) {
+        auto const end = std::find_if(tuples.begin() + static_cast<std::ptrdiff_t>(i), tuples.end(),
+                                      [&](TupleBase const& tuple) { return !IsSameRun(tuple, tuples[i]); });
+        auto const count = static_cast<std::size_t>(end - tuples.begin()) - i;
+        AppendRun({tuples.subspan(i, count), block.secondSizes + i});
+        i += count;
     }
 }
 
-void SpillFile::Writer::AppendRun(std::span<SegmentTuple const> tuples) {
-    TupleLayout const layout(tuples.front().fptype, tuples.front().flags);
-    while (!tuples.empty()) {
+void SpillFile::Writer::AppendRun(TupleBlock const& run) {
+    TupleBase const& first = run.tuples.front();
+    TupleLayout const layout(first.fptype, first.flags);
+    for (std::size_t i = 0; i < run.tuples.size();) {
         size_ = std::max(size_, sizeof(Head));
         if (size_ + sizeof(RunHead) + layout.Size() > kMostBytes) {
             Finish();
             continue;
         }
         std::size_t const fit = (kMostBytes - size_ - sizeof(RunHead)) / layout.Size();
-        auto const some = tuples.first(std::min(fit, tuples.size()));
-        SegmentTuple const& first = some.front();
-        RunHead const head{first.dcid, static_cast<std::uint32_t>(some.size()), first.fptype, first.flags, 0};
+        std::size_t const end = std::min(i + fit, run.tuples.size());
+        RunHead const head{first.dcid, static_cast<std::uint32_t>(end - i), first.fptype, first.flags, 0};
         std::memcpy(&bytes_[size_], &head, sizeof head);
         size_ += sizeof head;
-        for (SegmentTuple const& tuple : some) {
-            Encode(&bytes_[size_], tuple, layout);
+        for (; i < end; ++i) {
+            Encode(&bytes_[size_], run.tuples[i], run.secondSizes[i], layout);
             size_ += layout.Size();
         }
         tuples_ += head.tuples;
-        tuples = tuples.subspan(some.size());
     }
 }
 
@@ -112,7 +112,7 @@ void SpillFile::Decode(std::span<unsigned char const> extent, std::uint64_t tupl
         Require(extent.size() >= sizeof run);
         std::memcpy(&run, extent.data(), sizeof run);
         extent = extent.subspan(sizeof run);
-        SegmentTuple const common{run.dcid, {}, 0, 0, run.fptype, run.flags, run.zero};
+        SegmentTuple const common{{run.dcid, {}, 0, run.fptype, run.flags, run.zero}, 0};
         Require(common.IsWellFormed());
         TupleLayout const layout(run.fptype, run.flags);
         Require(run.tuples != 0 && run.tuples <= tuples && run.tuples <= extent.size() / layout.Size());

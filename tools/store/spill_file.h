@@ -36,12 +36,12 @@ public:
     public:
         Writer(SpillFile& file, Chain& chain)
             : file_(file), chain_(chain), bytes_(std::make_unique_for_overwrite<unsigned char[]>(kMostBytes)) {}
-        void Append(std::span<SegmentTuple const> tuples);
+        void Append(TupleBlock const& block);
         // Call it after the last Append.
         void Finish();
 
     private:
-        void AppendRun(std::span<SegmentTuple const> tuples);
+        void AppendRun(TupleBlock const& run);
 
         SpillFile& file_;
         Chain& chain_;

@@ -2,7 +2,6 @@
 
 #include "base/prefetch.h"
 
-#include <array>
 #include <bit>
 
 namespace crrecord::tool {
@@ -14,20 +13,79 @@ std::size_t StartOf(std::uint64_t hash, std::size_t slots) {
     return (hash >> 32) * slots >> 32;
 }
 
+std::uint64_t PlaceHashOf(SegmentTuple const& tuple) {
+    return MixOf(Load<std::uint64_t>(tuple.fingerprint) ^ kHashSeeds.first,
+                 Load<std::uint64_t>(tuple.fingerprint + 8) ^ kHashSeeds.second);
+}
+
 } // namespace
 
+TupleSet::Run TupleSet::RunOf(std::span<SegmentTuple const> tuples, std::span<TuplePlace> places) {
+    Run run{tuples};
+    for (; run.first < tuples.size(); ++run.first) {
+        std::uint64_t const hash = PlaceHashOf(tuples[run.first]);
+        if (hash % kRemembered == 0) {
+            run.tag = static_cast<std::uint32_t>(hash);
+            run.place = &places[StartOf(hash, places.size())];
+            __builtin_prefetch(run.place);
+            break;
+        }
+    }
+    return run;
+}
+
+void TupleSet::Add(Run const& run) {
+    if (run.place) {
+        bool const isKnown = run.place->tag == run.tag && run.place->number - run.first < size_;
+        next_ = isKnown ? run.place->number - run.first : size_;
+        if (isKnown) {
+            Prefetch(&At(next_), 0, run.tuples.size() * sizeof(TupleBase));
+        }
+    }
+    for (SegmentTuple const& tuple : run.tuples) {
+        if (IsAt(next_, tuple) || FindPlace(tuple)) {
+            MergeInto(At(next_++), tuple);
+        } else {
+            Append({&tuple, 1});
+            next_ = size_;
+        }
+    }
+}
+
+bool TupleSet::FindPlace(SegmentTuple const& tuple) {
+    std::uint64_t const hash = PlaceHashOf(tuple);
+    if (hash % kRemembered != 0) {
+        return false;
+    }
+    auto const tag = static_cast<std::uint32_t>(hash);
+    TuplePlace& place = places_[StartOf(hash, places_.size())];
+    if (place.tag == tag && IsAt(place.number, tuple)) {
+        next_ = place.number;
+        return true;
+    }
+    place = {tag, size_};
+    return false;
+}
+
 void TupleSet::Append(std::span<SegmentTuple const> tuples) {
-    while (!tuples.empty()) {
-        std::uint32_t const inLast = size_ & (pool_->TuplesInBlock() - 1);
-        if (inLast == 0) {
+    std::uint32_t const last = pool_->TuplesInBlock() - 1;
+    for (SegmentTuple const& tuple : tuples) {
+        if ((size_ & last) == 0) {
             blocks_.push_back(pool_->Take());
         }
-        auto const count =
-            static_cast<std::uint32_t>(std::min<std::size_t>(tuples.size(), pool_->TuplesInBlock() - inLast));
-        std::memcpy(&blocks_.back()[inLast], tuples.data(), count * sizeof(SegmentTuple));
-        size_ += count;
-        tuples = tuples.subspan(count);
+        Store(blocks_.back()[size_ & last], tuple);
+        ++size_;
     }
+}
+
+void TupleSet::MergeInto(TupleBase& into, SegmentTuple const& more) const {
+    if (more.flags == SegmentTuple::kInFirst && (into.flags & SegmentTuple::kInFirst) != 0 &&
+        into.firstSize == more.firstSize) {
+        return; // the most frequent case
+    }
+    SegmentTuple whole = Load(into);
+    tool::Merge(whole, more);
+    Store(into, whole);
 }
 
 void TupleSet::Merge(Index& index) {
@@ -45,9 +103,9 @@ void TupleSet::Merge(Index& index) {
     std::array<std::uint64_t, kAtOnce> hashes;
     for (std::uint32_t from = 0; from < size_; from += kAtOnce) {
         std::uint32_t const count = std::min(kAtOnce, size_ - from);
-        SegmentTuple const* const tuples = &At(from);
+        TupleBase const* const tuples = &At(from);
         if (std::uint32_t const ahead = from + 2 * kAtOnce; ahead < size_) {
-            Prefetch(&At(ahead), 0, kAtOnce * sizeof(SegmentTuple));
+            Prefetch(&At(ahead), 0, kAtOnce * sizeof(TupleBase));
         }
         for (std::uint32_t i = 0; i < count; ++i) {
             hashes[i] = HashOf(tuples[i]);
@@ -58,9 +116,9 @@ void TupleSet::Merge(Index& index) {
                 next = FindOrKeep(tuples[i], hashes[i], tagMask, index, kept);
             }
             if (next != kept) {
-                tool::Merge(At(next), tuples[i]);
+                MergeInto(At(next), Load(tuples[i]));
             } else if (kept++ != from + i) {
-                At(next) = tuples[i];
+                Store(At(next), Load(tuples[i]));
             }
             ++next;
         }
@@ -68,7 +126,7 @@ void TupleSet::Merge(Index& index) {
     Truncate(kept);
 }
 
-std::uint32_t TupleSet::FindOrKeep(SegmentTuple const& tuple, std::uint64_t hash, std::uint32_t tagMask, Index& index,
+std::uint32_t TupleSet::FindOrKeep(TupleBase const& tuple, std::uint64_t hash, std::uint32_t tagMask, Index& index,
                                    std::uint32_t kept) const {
     std::uint32_t const tag = static_cast<std::uint32_t>(hash) & tagMask;
     std::size_t slot = StartOf(hash, index.size());

@@ -5,12 +5,15 @@
 #include "store/block_pool.h"
 
 #include <limits>
-#include <span>
 #include <vector>
 
 namespace crrecord::tool {
 
 // Tuples in blocks of a pool, in the order in which they were added. Several may be of one segment until Merge.
+//
+// Segments are repeated in runs. Add remembers the places of some tuples. If such a segment is added again, Add
+// compares its run with the tuples at that place, and merges what is equal: most repeated segments need no memory of
+// their own.
 class TupleSet {
 public:
     // A hash table over tuples. The low bits of a slot are a tuple's number, the others, the tag, are from its hash.
@@ -20,21 +23,36 @@ public:
     static constexpr std::uint64_t kIndexBytes = 6;
     // Blocks have a multiple of so many tuples.
     static constexpr std::uint32_t kAtOnce = 16;
+    // One of so many segments is remembered.
+    static constexpr std::uint64_t kRemembered = 16;
 
-    explicit TupleSet(BlockPool& pool) : pool_(&pool) {}
+    // `places` is memory for remembered places, zeros at first. Lifetime: it must outlive the set.
+    TupleSet(BlockPool& pool, std::span<TuplePlace> places) : pool_(&pool), places_(places) {}
 
-    // Throws: std::bad_alloc if the pool has no block left; some of the tuples are added.
+    // Some tuples, and the place of the first of them that may be remembered.
+    struct Run {
+        std::span<SegmentTuple const> tuples;
+        std::uint32_t first = 0;
+        std::uint32_t tag = 0;
+        TuplePlace* place = nullptr; // null if there is none
+    };
+    // Returns: the run to Add to the set with these places, which are prefetched and not read.
+    static Run RunOf(std::span<SegmentTuple const> tuples, std::span<TuplePlace> places);
+    // Merges the tuples with others or appends them. Throws, here and below: std::bad_alloc if the pool has no block
+    // left; some of the tuples are added.
+    void Add(Run const& run);
     void Append(std::span<SegmentTuple const> tuples);
     // Merges the tuples of each segment, and returns unused blocks to the pool.
     void Merge(Index& index);
 
     std::uint32_t size() const { return size_; }
     std::uint64_t Blocks() const { return blocks_.size(); }
-    // Calls use(tuples) for all tuples.
+    // Calls use(TupleBlock) for all tuples.
     template <class Use>
-    void ForEachBlock(Use use) const {
+    void ForEachBlock(Use const& use) const {
         for (std::uint32_t from = 0; from < size_; from += pool_->TuplesInBlock()) {
-            use(std::span<SegmentTuple const>(&At(from), std::min(pool_->TuplesInBlock(), size_ - from)));
+            TupleBase const& first = At(from);
+            use(TupleBlock{{&first, std::min(pool_->TuplesInBlock(), size_ - from)}, &pool_->SecondSizeOf(first)});
         }
     }
     // Removes all tuples and returns their blocks to the pool.
@@ -43,17 +61,36 @@ public:
 private:
     static constexpr std::uint32_t kFree = std::numeric_limits<std::uint32_t>::max();
 
-    SegmentTuple& At(std::uint32_t number) const {
+    TupleBase& At(std::uint32_t number) const {
         return blocks_[number >> pool_->TuplesBits()][number & (pool_->TuplesInBlock() - 1)];
     }
+    SegmentTuple Load(TupleBase const& tuple) const {
+        return {tuple, (tuple.flags & SegmentTuple::kInSecond) != 0 ? pool_->SecondSizeOf(tuple) : 0};
+    }
+    void Store(TupleBase& to, SegmentTuple const& tuple) const {
+        to = tuple;
+        if ((tuple.flags & SegmentTuple::kInSecond) != 0) {
+            pool_->SecondSizeOf(to) = tuple.secondSize;
+        }
+    }
+    bool IsAt(std::uint32_t number, SegmentTuple const& tuple) const {
+        return number < size_ && IsSameSegment(At(number), tuple);
+    }
+    // Returns: whether the segment's tuple is at its remembered place, which is then the next one. Otherwise the place
+    // is the end, if the segment is one of those that are remembered.
+    bool FindPlace(SegmentTuple const& tuple);
+    // Merges a tuple of the same segment.
+    void MergeInto(TupleBase& into, SegmentTuple const& more) const;
     // Returns: the number of the tuple of this segment, or `kept`, which is then its number in the index.
-    std::uint32_t FindOrKeep(SegmentTuple const& tuple, std::uint64_t hash, std::uint32_t tagMask, Index& index,
+    std::uint32_t FindOrKeep(TupleBase const& tuple, std::uint64_t hash, std::uint32_t tagMask, Index& index,
                              std::uint32_t kept) const;
     void Truncate(std::uint32_t size);
 
     BlockPool* pool_;
-    std::vector<SegmentTuple*> blocks_; // all full but the last
+    std::span<TuplePlace> places_;
+    std::vector<TupleBase*> blocks_; // all full but the last
     std::uint32_t size_ = 0;
+    std::uint32_t next_ = 0; // after the tuple that Add appended or merged last
 };
 
 } // namespace crrecord::tool

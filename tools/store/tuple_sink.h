@@ -18,15 +18,15 @@ public:
     // Returns: how many threads may call Add.
     virtual unsigned int Threads() const = 0;
 
-    // Adds tuples. Thread safety: any number of threads. HasRoom must have been true for the tuples of all threads.
+    // Adds tuples. Thread safety: any number of threads. HasSpace must have been true for the tuples of all threads.
     virtual void Add(std::span<SegmentTuple const> tuples) = 0;
 
     // Returns: the largest number of tuples of one batch, so that enough batches fit for all threads.
     virtual std::uint64_t BatchTuples() const = 0;
     // Returns: whether `tuples` tuples fit. Threads may have added some of them already.
-    virtual bool HasRoom(std::uint64_t tuples) = 0;
+    virtual bool HasSpace(std::uint64_t tuples) = 0;
     // Frees memory. Add may not run.
-    virtual void MakeRoom() = 0;
+    virtual void FreeMemory() = 0;
 };
 
 } // namespace crrecord::tool
