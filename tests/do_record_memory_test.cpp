@@ -126,7 +126,7 @@ TEST(DORecordMemory, NodesServeOneSizeAndNoCopies) {
     auto nodes = std::make_unique<DOReferenceNodes>();
     DORecord::tref_set_t copy;
     {
-        std::vector<DORecord::tref_ptr_t, Allocator> handles{Allocator(*nodes)};
+        std::vector<Cr_TRefEntry, Allocator> handles{Allocator(*nodes)};
         DORecord::tref_set_t set{Allocator(*nodes)};
         for (unsigned long id = 0; id < 40; ++id) {
             handles.emplace_back(new Cr_TRef(id));

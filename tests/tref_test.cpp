@@ -87,6 +87,9 @@ TEST(TRef, FormsRoundTripAndValuesAreOrdered) {
             EXPECT_EQ((compared > 0) - (compared < 0), (&row > &other) - (&row < &other)) << other.text;
             EXPECT_EQ(CRTRefEqual(value, right->Get()) != 0, &row == &other);
             EXPECT_EQ(Cr_TRefComparator()(made, right), &row < &other);
+            if (row.kind == other.kind) {
+                EXPECT_EQ(Cr_TRefComparator()(Cr_TRefEntry(made), Cr_TRefEntry(other.id)), &row < &other);
+            }
         }
     }
 }

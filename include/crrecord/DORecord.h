@@ -57,7 +57,8 @@ typedef int (*cr_task_callback_t)(unsigned long taskId, void* context);
 class CRRECORD_API DORecord {
 public:
     typedef boost::intrusive_ptr<Cr_TRef> tref_ptr_t;
-    typedef std::set<tref_ptr_t, Cr_TRefComparator, DOReferenceAllocator<tref_ptr_t>> tref_set_t;
+    // Ordered as Cr_TRefComparator orders handles; its elements are handles of one kind.
+    typedef std::set<Cr_TRefEntry, Cr_TRefComparator, DOReferenceAllocator<Cr_TRefEntry>> tref_set_t;
     class tref_const_iterator_t; // tref_iterator.h
     class tref_range_t;
 

@@ -23,6 +23,7 @@
 #include <boost/smart_ptr/intrusive_ptr.hpp>
 
 #include <cstddef>
+#include <utility>
 
 // Kinds of references; the other kinds from 0 to 10 have no names. Records store these values, so they never change.
 enum cr_reftype_t : int {
@@ -125,10 +126,27 @@ private:
 };
 static_assert(sizeof(Cr_TRef) == 16);
 
-// Orders handles by their references.
+// An element of an ordered set of handles to references of one kind: a handle with a copy of the id of its reference.
+// A search in the set compares the copies and reads no handle.
+class Cr_TRefEntry : public boost::intrusive_ptr<Cr_TRef> {
+public:
+    // Precondition: the handle is neither null nor empty.
+    Cr_TRefEntry(boost::intrusive_ptr<Cr_TRef> handle) noexcept
+        : boost::intrusive_ptr<Cr_TRef>(std::move(handle)), id_(CRTRefGetID(get()->Get())) {}
+    // A key to search for, without a handle.
+    explicit Cr_TRefEntry(unsigned long id) noexcept : id_(id) {}
+
+    unsigned long Id() const noexcept { return id_; }
+
+private:
+    unsigned long id_;
+};
+
+// Orders handles by their references, and elements of a set, which are of one kind, by their ids.
 // Precondition: no handle is null or empty.
 struct Cr_TRefComparator {
     bool operator()(boost::intrusive_ptr<Cr_TRef> const& a, boost::intrusive_ptr<Cr_TRef> const& b) const noexcept {
         return CRTRefCompare(a->Get(), b->Get()) < 0;
     }
+    bool operator()(Cr_TRefEntry const& a, Cr_TRefEntry const& b) const noexcept { return a.Id() < b.Id(); }
 };

@@ -156,7 +156,7 @@ DORecord::DORecord() noexcept
     : header(nullptr), bufferSize(0), networkOrder(false), ownsBuffer(true), subDO(false), copyMode(CopyMode::Own),
       spare(0) {
     for (tref_set_t& set : trefs) {
-        set = tref_set_t(DOReferenceAllocator<tref_ptr_t>(nodes));
+        set = tref_set_t(tref_set_t::allocator_type(nodes));
     }
 }
 

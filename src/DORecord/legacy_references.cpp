@@ -69,7 +69,7 @@ void DORecord::RemoveAllTaskIDs() {
 }
 
 bool DORecord::HasTaskID(unsigned long taskId) const {
-    return trefs[CR_REFTYPE_TASKID].contains(LookupKey({taskId, CR_REFTYPE_TASKID}).Get());
+    return trefs[CR_REFTYPE_TASKID].contains(Cr_TRefEntry(taskId));
 }
 
 int DORecord::AddDSID(unsigned int dsid) {
@@ -77,11 +77,11 @@ int DORecord::AddDSID(unsigned int dsid) {
 }
 
 unsigned long DORecord::DelDSID(unsigned int dsid) {
-    return RecordInternals::DeleteReference(*this, LookupKey({dsid, CR_REFTYPE_DSID}).Get());
+    return RecordInternals::DeleteReference(*this, {dsid, CR_REFTYPE_DSID});
 }
 
 bool DORecord::HasDSID(unsigned int dsid) const {
-    return trefs[CR_REFTYPE_DSID].contains(LookupKey({dsid, CR_REFTYPE_DSID}).Get());
+    return trefs[CR_REFTYPE_DSID].contains(Cr_TRefEntry(dsid));
 }
 
 // Copies all ids before it changes their bytes.

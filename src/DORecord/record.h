@@ -6,7 +6,7 @@
 
 #include "support/layout/unique_list.h"
 #include "support/validate/segment_list_check.h"
-#include "tref/inline_compare.h"
+#include "tref/inline_id.h"
 
 #include <string_view>
 
@@ -29,10 +29,6 @@ void ThrowIfFaulty(SegmentFault const& fault, unsigned int dotype);
 // Returns: a new handle that owns a copy of `reference`.
 // Throws: std::bad_alloc.
 DORecord::tref_ptr_t NewHandle(DOReference reference);
-
-inline std::uint64_t SizeOf(Cr_TRef const& reference) noexcept {
-    return ReferenceSize(reference.Get()->kind);
-}
 
 // Checked arguments of a new record (construction.cpp).
 struct NewRecord;
@@ -69,8 +65,8 @@ struct RecordInternals {
     static void WriteReferences(DORecord const& record, RecordLayout const& layout) noexcept;
     // Adds the sizes of new references to `loaded`, even if it throws.
     static void LoadReferences(DORecord& record, char const* bytes, std::uint64_t length, std::uint64_t& loaded);
-    static cr_status_t CheckReference(DORecord const& record, DORecord::tref_ptr_t const& reference);
-    static unsigned long DeleteReference(DORecord& record, DORecord::tref_ptr_t const& reference);
+    static cr_status_t CheckReference(DORecord const& record, _cr_tref_t const& reference);
+    static unsigned long DeleteReference(DORecord& record, _cr_tref_t const& reference);
     static unsigned long RemoveTaskIDs(DORecord& record, cr_task_callback_t callback, void* context);
 
     static cr_status_t GrowForList(DORecord& record, std::uint64_t entries) noexcept;

@@ -69,9 +69,9 @@ DORecord::tref_ptr_t Wrapped(_cr_tref_t* value) {
     throw Cr_ErrnoException(status, "Received a buffer with corrupt typed references.", nullptr);
 }
 
-std::uint64_t TotalSize(DORecord::tref_set_t const& set) noexcept {
-    // Every reference of one kind has the same size.
-    return set.empty() ? 0 : set.size() * SizeOf(**set.begin());
+// Every reference of one kind has the same size.
+std::uint64_t TotalSize(DORecord::tref_set_t const& set, int kind) noexcept {
+    return set.size() * ReferenceSize(kind);
 }
 
 } // namespace
@@ -95,7 +95,7 @@ int DORecord::OwnTRef(tref_ptr_t reference) {
     auto const [position, inserted] = trefs[kind].insert(std::move(reference));
     try {
         if (inserted) {
-            RecordInternals::GrowReferences(*this, layout, SizeOf(**position));
+            RecordInternals::GrowReferences(*this, layout, ReferenceSize(kind));
         } else {
             expand();
         }
@@ -121,63 +121,61 @@ int DORecord::AddTRef(tref_ptr_t reference) {
     return AddTRef(*NotNull(reference));
 }
 
-cr_status_t RecordInternals::CheckReference(DORecord const& record, DORecord::tref_ptr_t const& reference) {
-    _cr_tref_t const* const value = NotNull(reference);
-    int const kind = value->kind;
+cr_status_t RecordInternals::CheckReference(DORecord const& record, _cr_tref_t const& reference) {
+    int const kind = reference.kind;
     if (kind > CR_REFTYPE_END || kind == 7) {
         return CR_STATUS_OK;
     }
     if (kind != CR_REFTYPE_DSID && kind != 6 && kind != 9) {
         ErrorA(CR_STATUS_INVALID, "%s: The type of reference %s is unsupported for a DO", "CheckTRef",
-               TextOf(value).Get());
+               TextOf(&reference).Get());
         RefuseAsLogged();
     }
-    if (record.trefs[kind].contains(reference)) {
+    if (record.trefs[kind].contains(Cr_TRefEntry(reference.id))) {
         return CR_STATUS_OK;
     }
-    WarningA(CR_STATUS_NOT_FOUND, "%s: The type of reference %s is not found", "CheckTRef", TextOf(value).Get());
+    WarningA(CR_STATUS_NOT_FOUND, "%s: The type of reference %s is not found", "CheckTRef", TextOf(&reference).Get());
     return CR_STATUS_NOT_FOUND;
 }
 
 cr_status_t DORecord::CheckTRef(tref_ptr_t reference) const {
-    return RecordInternals::CheckReference(*this, reference);
+    return RecordInternals::CheckReference(*this, *NotNull(reference));
 }
 
 cr_status_t DORecord::CheckTRef(_cr_tref_t const* reference) const {
     if (!reference) {
         Refuse(kNullReference);
     }
-    return RecordInternals::CheckReference(*this, LookupKey(*reference).Get());
+    return RecordInternals::CheckReference(*this, *reference);
 }
 
-unsigned long RecordInternals::DeleteReference(DORecord& record, DORecord::tref_ptr_t const& reference) {
-    _cr_tref_t const* const value = NotNull(reference);
-    int const kind = value->kind;
+unsigned long RecordInternals::DeleteReference(DORecord& record, _cr_tref_t const& reference) {
+    int const kind = reference.kind;
     if (!CanDelete(kind)) {
-        RefuseKind(value);
+        RefuseKind(&reference);
     }
-    std::uint64_t const removed = record.trefs[kind].erase(reference);
+    std::uint64_t const removed = record.trefs[kind].erase(Cr_TRefEntry(reference.id));
     if (removed != 0) {
-        ShrinkReferences(record, SizeOf(*reference));
+        ShrinkReferences(record, ReferenceSize(kind));
     }
     record.handleUpdate();
     return removed;
 }
 
 unsigned long DORecord::DelTRef(tref_ptr_t reference) {
-    return RecordInternals::DeleteReference(*this, reference);
+    return RecordInternals::DeleteReference(*this, *NotNull(reference));
 }
 
 // Unlike CheckTRef, accepts a null pointer: it removes no reference and returns 0.
 unsigned long DORecord::DelTRef(_cr_tref_t const* reference) {
-    return reference ? RecordInternals::DeleteReference(*this, LookupKey(*reference).Get()) : 0;
+    return reference ? RecordInternals::DeleteReference(*this, *reference) : 0;
 }
 
 void DORecord::ClearTRefType(cr_reftype_t kind) {
     if (!ReferenceKindIsValid(kind)) {
         return;
     }
-    std::uint64_t const size = TotalSize(trefs[kind]);
+    std::uint64_t const size = TotalSize(trefs[kind], kind);
     trefs[kind].clear();
     RecordInternals::ShrinkReferences(*this, size);
 }
@@ -194,13 +192,13 @@ unsigned long RecordInternals::RemoveTaskIDs(DORecord& record, cr_task_callback_
     unsigned long removed = 0;
     for (auto position = tasks.begin(); position != tasks.end();) {
         [[maybe_unused]] std::size_t const before = tasks.size();
-        bool const active = callback((*position)->Get()->id, context) != 0;
+        bool const active = callback(position->Id(), context) != 0;
         assert(tasks.size() == before);
         if (active) {
             ++position;
             continue;
         }
-        ShrinkReferences(record, SizeOf(**position));
+        ShrinkReferences(record, ReferenceSize(CR_REFTYPE_TASKID));
         position = tasks.erase(position);
         ++removed;
     }
@@ -209,13 +207,13 @@ unsigned long RecordInternals::RemoveTaskIDs(DORecord& record, cr_task_callback_
 }
 
 unsigned long DORecord::GetTRefTypeTotalSize(cr_reftype_t kind) const {
-    return ReferenceKindIsValid(kind) ? TotalSize(trefs[kind]) : 0;
+    return ReferenceKindIsValid(kind) ? TotalSize(trefs[kind], kind) : 0;
 }
 
 unsigned long DORecord::calcTRefsSize() const {
     std::uint64_t size = 0;
-    for (tref_set_t const& set : trefs) {
-        size += TotalSize(set);
+    for (int kind = 0; kind < kReferenceKinds; ++kind) {
+        size += TotalSize(trefs[kind], kind);
     }
     return size;
 }
@@ -257,8 +255,8 @@ void RecordInternals::WriteReferences(DORecord const& record, RecordLayout const
     unsigned char* position = BytesOf(record.header) + layout.trefs;
     std::uint64_t available = layout.tail - layout.trefs;
     for (int kind = 0; kind < kReferenceKinds; ++kind) {
-        for (DORecord::tref_ptr_t const& reference : record.trefs[kind]) {
-            _cr_tref_t const& value = *reference->Get();
+        for (Cr_TRefEntry const& entry : record.trefs[kind]) {
+            _cr_tref_t const value{entry.Id(), static_cast<cr_reftype_t>(kind)};
             _cr_tref_t stored{};
             unsigned long size = DecodeReference(position, available, stored);
             if (size == 0 || CompareReferences(stored, value) != 0) {

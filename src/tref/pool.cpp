@@ -19,7 +19,7 @@ struct Cr_TRef_Pool_Tag {};
 constexpr unsigned kFirstBlockChunks = 32;
 
 // Made before main starts, and never destroyed: handles may be released until the very end. A handle and its value are
-// taken one after the other, so that they are neighbours: a search in a set reads both at each step.
+// taken one after the other, so that they are neighbours: callers who read a reference read both.
 using Pool = boost::singleton_pool<Cr_TRef_Pool_Tag, sizeof(Cr_TRef), boost::default_user_allocator_new_delete,
                                    boost::details::pool::null_mutex, kFirstBlockChunks, 0>;
 static_assert(sizeof(_cr_tref_t) == sizeof(Cr_TRef) && alignof(_cr_tref_t) <= alignof(Cr_TRef));

@@ -8,7 +8,6 @@
 #include "base/byteorder.h"
 
 #include <limits>
-#include <new>
 
 struct _cr_tref_t {
     unsigned long id;
@@ -16,24 +15,6 @@ struct _cr_tref_t {
 };
 
 namespace crrecord {
-
-// A handle to look up a reference. It is not in a pool, so a lookup neither allocates nor locks.
-// Lifetime: copies of the handle must be released before the key is destroyed.
-class LookupKey {
-public:
-    explicit LookupKey(_cr_tref_t const& value) noexcept : value_(value), handle_(::new (memory_) Cr_TRef(&value_)) {}
-    // Detached, not released: a release would return the value to the pool.
-    ~LookupKey() { static_cast<void>(handle_.detach()); }
-    LookupKey(LookupKey const&) = delete;
-    LookupKey& operator=(LookupKey const&) = delete;
-
-    boost::intrusive_ptr<Cr_TRef> const& Get() const noexcept { return handle_; }
-
-private:
-    _cr_tref_t value_;
-    alignas(Cr_TRef) unsigned char memory_[sizeof(Cr_TRef)];
-    boost::intrusive_ptr<Cr_TRef> handle_;
-};
 
 inline constexpr int kReferenceKinds = CR_REFTYPE_END;
 inline constexpr unsigned long kReferenceHeadSize = CRR_REFERENCE_HEAD_SIZE; // kind and length of the id
