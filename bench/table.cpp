@@ -39,7 +39,7 @@ constexpr Operation kOperations[] = {
     {"GetDigest", "one hash call, same bytes", Digest, 1.10, 1.08},
     {"AppendBloomAndUniqueDCIDList", "read pass", UniqueListOfRuns, kNone, 1.3},
     {"AppendBloomAndUniqueDCIDList, random", "std::map", UniqueListAtRandom, 0.9, 0.08},
-    {"AddTaskID, random order", "std::set insert", AddTaskIds, 2.2, 4.0},
+    {"AddTaskID, random order", "std::set insert", AddTaskIds, 1.6, 2.6},
     {"AddSerializedTRefs, sorted", "std::set insert, end hint", AddSerialized, 1.6, 1.6},
     {"HasTaskID", "std::set find", LookUpTaskIds, 2.2, 2.2},
     {"GetHeader with references", "std::set walk, write", HeaderWithReferences, 2, 2},
