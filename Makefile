@@ -6,7 +6,7 @@ SETUP ?= scripts/setup
 unexport FILE
 export CRRECORD_WALK_FILE := $(value FILE)
 
-.PHONY: help setup configure build run test test-slow coverage fuzz proof bench abi memcheck security big-endian python docs deb release-check install format clean
+.PHONY: help setup configure build run test test-slow coverage fuzz proof bench abi memcheck security big-endian python python-asan docs deb release-check install format clean
 
 help:
 	@echo 'make run [FILE=path]       write records of a file, read and check them, print the results'
@@ -21,6 +21,7 @@ help:
 	@echo 'make security              run the tests that need root, two users or a second process, under AddressSanitizer'
 	@echo 'make big-endian            build for a big-endian machine, and run the tests under an emulator of it'
 	@echo 'make python                build the Python package into build/python/python, and test it'
+	@echo 'make python-asan           build the Python package under AddressSanitizer, and test it but for crrecord.cluster'
 	@echo 'make docs                  build the reference of the headers into build/docs/html'
 	@echo 'make build                 build the library, the command and the tests into build/release'
 	@echo 'make deb                   build Debian packages and their source package into build/deb'
@@ -90,6 +91,12 @@ python: build
 	@cmake --preset python
 	@cmake --build --preset python
 	@ctest --preset python
+
+python-asan:
+	@$(SETUP) --python
+	@cmake --preset asan -DCRRECORD_BUILD_PYTHON=ON
+	@cmake --build --preset asan --target crrecord_tool crrecord_python crrecord_python_store
+	@ctest --preset asan --tests-regex '^python\.(module|document)$$'
 
 docs:
 	@$(SETUP) --docs

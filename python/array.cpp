@@ -34,13 +34,30 @@ std::string FormatOf(std::vector<Field> const& fields, bool isStructure) {
     return format + "}";
 }
 
-template <class Number>
-py::object NumberAt(unsigned char const* at, Field const& field) {
-    auto const number = Load<Number>(at, field.content == Content::NetworkNumber ? Order::Network : Order::Host);
-    if (field.optional && number == static_cast<Number>(-1)) {
+template <class Number, Order order>
+py::object ReadNumber(unsigned char const* at, bool optional) {
+    auto const number = Load<Number>(at, order);
+    if (optional && number == static_cast<Number>(-1)) {
         return py::none();
     }
     return py::int_(number);
+}
+
+template <unsigned int width>
+py::object ReadBytes(unsigned char const* at, bool) {
+    return BytesOf(at, width);
+}
+
+FieldReader ReaderOf(Field const& field) {
+    bool const isNetwork = field.content == Content::NetworkNumber;
+    if (field.content == Content::Bytes) {
+        return field.width == 16 ? ReadBytes<16> : ReadBytes<32>;
+    }
+    switch (field.width) {
+    case 1: return ReadNumber<unsigned char, Order::Host>;
+    case 4: return isNetwork ? ReadNumber<std::uint32_t, Order::Network> : ReadNumber<std::uint32_t, Order::Host>;
+    default: return isNetwork ? ReadNumber<std::uint64_t, Order::Network> : ReadNumber<std::uint64_t, Order::Host>;
+    }
 }
 
 std::shared_ptr<Element const> ElementOf(Field value) {
@@ -51,7 +68,8 @@ std::shared_ptr<Element const> ElementOf(Field value) {
 } // namespace
 
 Element::Element(std::vector<Field> of, bool structure)
-    : fields(std::move(of)), isStructure(structure), width(0), format(FormatOf(fields, structure)) {
+    : fields(std::move(of)), firstReader(ReaderOf(fields[0])), isStructure(structure), width(0),
+      format(FormatOf(fields, structure)) {
     for (Field const& field : fields) {
         width += field.width;
     }
@@ -66,26 +84,11 @@ Array::Array(std::shared_ptr<void const> owner, unsigned char const* first, unsi
              Field const& value)
     : Array(std::move(owner), first + value.position, count, stride, ElementOf(value)) {}
 
-py::object Array::readField(unsigned char const* element, Field const& field) const {
-    unsigned char const* const at = element + field.position;
-    if (field.content == Content::Bytes) {
-        return BytesOf(at, field.width);
-    }
-    switch (field.width) {
-    case 1: return py::int_(*at);
-    case 4: return NumberAt<std::uint32_t>(at, field);
-    default: return NumberAt<std::uint64_t>(at, field);
-    }
-}
-
-py::object Array::Read(py::ssize_t i) const {
-    unsigned char const* const at = first_ + i * strides_[0];
-    if (!element_->isStructure) {
-        return readField(at, element_->fields[0]);
-    }
-    py::tuple values(element_->fields.size());
-    for (std::size_t f = 0; f < element_->fields.size(); ++f) {
-        PyTuple_SET_ITEM(values.ptr(), static_cast<py::ssize_t>(f), readField(at, element_->fields[f]).release().ptr());
+py::object Element::readStructure(unsigned char const* at) const {
+    py::tuple values(fields.size());
+    py::ssize_t i = 0;
+    for (Field const& field : fields) {
+        PyTuple_SET_ITEM(values.ptr(), i++, ReaderOf(field)(at + field.position, field.optional).release().ptr());
     }
     return values;
 }
@@ -96,15 +99,6 @@ Array Array::Part(py::ssize_t start, py::ssize_t step, py::ssize_t count) const 
     part.shape_[0] = count;
     part.strides_[0] = count <= 1 ? strides_[0] : strides_[0] * step;
     return part;
-}
-
-py::list Array::ToList() const {
-    py::list values(static_cast<std::size_t>(Count()));
-    for (py::ssize_t i = 0; i < Count(); ++i) {
-        PyList_SET_ITEM(values.ptr(), i, Read(i).release().ptr());
-        CheckSignals(i);
-    }
-    return values;
 }
 
 py::bytes Array::Packed() const {

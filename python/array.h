@@ -25,6 +25,9 @@ struct Field {
     bool optional = false; // a number of one bits is None
 };
 
+// Returns: the value of a field that is stored at `at`.
+using FieldReader = py::object (*)(unsigned char const* at, bool optional);
+
 // What an element is: one value, or a structure of fields, of which Python code sees a tuple.
 struct Element {
     Element(std::vector<Field> fields, bool isStructure);
@@ -32,10 +35,18 @@ struct Element {
     // Elements of bytes have two dimensions, since memoryviews and NumPy have no suitable scalar.
     bool IsBytes() const noexcept { return !isStructure && fields[0].content == Content::Bytes; }
 
+    py::object Read(unsigned char const* at) const {
+        return isStructure ? readStructure(at) : firstReader(at + fields[0].position, fields[0].optional);
+    }
+
     std::vector<Field> fields;
+    FieldReader firstReader;
     bool isStructure;
     py::ssize_t width; // bytes of the fields
     std::string format;
+
+private:
+    py::object readStructure(unsigned char const* at) const;
 };
 
 // A sequence of `count` elements, `stride` bytes apart. Exports the buffer protocol.
@@ -50,9 +61,8 @@ public:
 
     py::ssize_t Count() const noexcept { return shape_[0]; }
     Element const& ElementType() const noexcept { return *element_; }
-    py::object Read(py::ssize_t i) const;
+    py::object Read(py::ssize_t i) const { return element_->Read(first_ + i * strides_[0]); }
     Array Part(py::ssize_t start, py::ssize_t step, py::ssize_t count) const;
-    py::list ToList() const;
     // Returns: the elements without gaps.
     py::bytes Packed() const;
 
@@ -62,7 +72,6 @@ public:
     py::object ToNumpy(py::object const& dtype) const;
 
 private:
-    py::object readField(unsigned char const* element, Field const& field) const;
     int dimensions() const noexcept { return element_->IsBytes() ? 2 : 1; }
     bool isContiguous() const noexcept { return shape_[0] <= 1 || strides_[0] == element_->width; }
 

@@ -79,7 +79,8 @@ void BindArray(py::module_& module) {
                            "A sequence of numbers or fingerprints over the bytes of a record.\n\n"
                            "It exports the buffer protocol, so numpy.asarray(array) copies nothing.");
     BindSequence(type);
-    type.def("tolist", &Array::ToList, "Return all elements as a list.")
+    type.def(
+            "tolist", [](py::object const& self) { return py::list(self); }, "Return all elements as a list.")
         .def(
             "to_numpy", [](Array const& array) { return array.ToNumpy(DtypeOf(array)); },
             "Return a read-only NumPy array over the same bytes, as numpy.asarray, but faster for structures.")

@@ -4,6 +4,10 @@
 
 #include <pybind11/pybind11.h>
 
+#include <initializer_list>
+#include <type_traits>
+#include <utility>
+
 class DORecord;
 class SORecord;
 
@@ -35,10 +39,21 @@ void BindCluster(py::module_& module);
 // Returns: a type of _types.py, the exception or a named tuple.
 py::object PythonType(char const* name);
 
-// Returns: a new object of a type of _types.py.
+// Returns: a new named tuple. Its fields are set directly: the constructor of a named tuple is Python code and slow.
+py::object FilledTuple(py::handle type, std::initializer_list<py::handle> fields);
+
+template <class Value>
+py::object ObjectOf(Value const& value) {
+    if constexpr (std::is_base_of_v<py::object, Value>) {
+        return value;
+    } else {
+        return py::cast(value);
+    }
+}
+
 template <class... Values>
-py::object MakeTuple(char const* type, Values&&... values) {
-    return PythonType(type)(std::forward<Values>(values)...);
+py::object MakeTuple(py::handle type, Values const&... values) {
+    return FilledTuple(type, {ObjectOf(values)...});
 }
 
 // Returns: what __reduce__ returns, so that unpickling calls the function of the module with these arguments.

@@ -81,8 +81,8 @@ py::object Probe(py::object const& buffer) {
     if (probe.kind == CR_RECORD_UNKNOWN) {
         return py::none();
     }
-    return MakeTuple("Probe", probe.kind == CR_RECORD_DO ? "do" : "segment", NameOfOrder(probe.network_order != 0),
-                     probe.head_size, probe.recorded_size, probe.counted_size);
+    return MakeTuple(PythonType("Probe"), probe.kind == CR_RECORD_DO ? "do" : "segment",
+                     NameOfOrder(probe.network_order != 0), probe.head_size, probe.recorded_size, probe.counted_size);
 }
 
 } // namespace

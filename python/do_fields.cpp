@@ -54,7 +54,7 @@ py::object DigestOf(DORecord const& record, bool isShared) {
     if (!digest) {
         return py::none();
     }
-    return MakeTuple("Digest", BytesOf(digest->digest.bytes, CRFPDigestSize(record.GetFPType())),
+    return MakeTuple(PythonType("Digest"), BytesOf(digest->digest.bytes, CRFPDigestSize(record.GetFPType())),
                      digest->kind == 0 ? py::object(py::none()) : FPTypeMember(digest->kind - 1), digest->dcid);
 }
 

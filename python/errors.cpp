@@ -52,6 +52,23 @@ py::object PythonType(char const* name) {
     return types->attr(name);
 }
 
+py::object FilledTuple(py::handle type, std::initializer_list<py::handle> fields) {
+    auto* const tupleType = reinterpret_cast<PyTypeObject*>(type.ptr());
+    auto tuple =
+        py::reinterpret_steal<py::object>(tupleType->tp_alloc(tupleType, static_cast<py::ssize_t>(fields.size())));
+    if (!tuple) {
+        throw py::error_already_set();
+    }
+    py::ssize_t i = 0;
+    for (py::handle const field : fields) {
+        if (!field) {
+            throw py::error_already_set();
+        }
+        PyTuple_SET_ITEM(tuple.ptr(), i++, field.inc_ref().ptr());
+    }
+    return tuple;
+}
+
 std::string ShortRepr(py::handle object) {
     constexpr std::size_t kLongest = 100;
     // In ASCII, so that no character is cut and no surrogate is left, which have no UTF-8.
@@ -66,7 +83,7 @@ std::string ShortRepr(py::handle object) {
 py::list FindingsOf(std::vector<Found> const& findings) {
     py::list list;
     for (Found const& finding : findings) {
-        list.append(MakeTuple("Finding", finding.code, CRFindingName(finding.code),
+        list.append(MakeTuple(PythonType("Finding"), finding.code, CRFindingName(finding.code),
                               finding.severity == CR_FINDING_ERROR ? "error" : "note", finding.offset, finding.found,
                               finding.expected, finding.field, finding.message));
     }

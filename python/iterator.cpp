@@ -25,7 +25,7 @@ void Dealloc(PyObject* self) {
 
 PyObject* Next(PyObject* self) {
     try {
-        return IteratorIn(self)->source->Next().release().ptr();
+        return IteratorIn(self)->source->Next();
     } catch (...) {
         SetCurrentException();
         return nullptr;

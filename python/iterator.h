@@ -11,9 +11,9 @@ namespace crrecord::python {
 class ValueSource {
 public:
     virtual ~ValueSource() = default;
-    // Returns: the next value; an empty object at the end, so that no C++ exception ends an iteration, which takes
-    // microseconds.
-    virtual py::object Next() = 0;
+    // Returns: a new reference to the next value; null at the end, so that no C++ exception ends an iteration, which
+    // takes microseconds.
+    virtual PyObject* Next() = 0;
     virtual py::ssize_t Remaining() const noexcept = 0;
 };
 

@@ -55,6 +55,7 @@ py::list References(DORecord const& record) {
     py::list references;
     for (auto const& [kind, id] : copies) {
         references.append(ReferenceOf(kind, id));
+        CheckSignals(py::len(references));
     }
     return references;
 }
@@ -80,7 +81,8 @@ unsigned long RemoveInactiveTasks(DORecord& record, py::function const& isActive
 } // namespace
 
 py::object ReferenceOf(int kind, unsigned long id) {
-    return MakeTuple("Reference", ReferenceKindMember(kind), id);
+    static auto const* const type = new py::object(PythonType("Reference"));
+    return MakeTuple(*type, ReferenceKindMember(kind), id);
 }
 
 ReferenceValue ParseReference(py::handle object) {
@@ -114,6 +116,7 @@ py::list DecodeReferences(unsigned char const* section, unsigned long size) {
             Raise(CR_STATUS_CORRUPT_RECORD, "the references were changed after validation and are invalid");
         }
         references.append(ReferenceOf(reference.kind, reference.id));
+        CheckSignals(py::len(references));
         at += consumed;
     }
     return references;

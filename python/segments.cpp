@@ -5,22 +5,11 @@
 
 namespace crrecord::python {
 
-// Fills the tuple directly, since the constructor of the named tuple is Python code and slow.
 py::object SegmentOf(DOSegment const& segment, DOSegmentSource const& source) {
-    static auto* const type = reinterpret_cast<PyTypeObject*>(PythonType("Segment").release().ptr());
+    static auto const* const type = new py::object(PythonType("Segment"));
     py::object const fingerprint = BytesOf(segment.fingerprint.data, source.fingerprint);
-    py::int_ const size(segment.size);
     py::object const offset = source.offsetWidth == 0 ? py::object(py::none()) : py::int_(segment.offset);
-    py::int_ const dcid(segment.dcid);
-    PyObject* const made = type->tp_alloc(type, 4);
-    if (!made) {
-        throw py::error_already_set();
-    }
-    py::ssize_t i = 0;
-    for (py::handle const value : {py::handle(fingerprint), py::handle(size), py::handle(offset), py::handle(dcid)}) {
-        PyTuple_SET_ITEM(made, i++, value.inc_ref().ptr());
-    }
-    return py::reinterpret_steal<py::object>(made);
+    return MakeTuple(*type, fingerprint, segment.size, offset, segment.dcid);
 }
 
 SegmentSequence::SegmentSequence(std::shared_ptr<View const> view)

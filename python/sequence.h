@@ -15,13 +15,13 @@ class SequenceSource final : public ValueSource {
 public:
     SequenceSource(T const& sequence, bool reversed) : sequence_(sequence), next_(0), reversed_(reversed) {}
 
-    py::object Next() override {
+    PyObject* Next() override {
         if (Remaining() == 0) {
-            return {};
+            return nullptr;
         }
         CheckSignals(next_);
         py::ssize_t const i = next_++;
-        return sequence_.Read(reversed_ ? sequence_.Count() - 1 - i : i);
+        return sequence_.Read(reversed_ ? sequence_.Count() - 1 - i : i).release().ptr();
     }
     py::ssize_t Remaining() const noexcept override { return sequence_.Count() - next_; }
 

@@ -1,5 +1,7 @@
 #include "columns/sources.h"
 
+#include "enums.h"
+
 #include <cerrno>
 
 namespace crrecord::python::columns {
@@ -67,7 +69,7 @@ void RethrowForPython() {
         throw;
     } catch (BadRecord const& bad) {
         py::object const error =
-            PythonType("Error")(static_cast<int>(CR_STATUS_CORRUPT_RECORD), Decoded(bad.record + ": " + bad.reason),
+            PythonType("Error")(StatusMember(CR_STATUS_CORRUPT_RECORD), Decoded(bad.record + ": " + bad.reason),
                                 FindingsOf(bad.findings), bad.position);
         PyErr_SetObject(PythonType("Error").ptr(), error.ptr());
         throw py::error_already_set();

@@ -5,6 +5,7 @@
 #include "cluster/kernels.h"
 #include "io/progress.h"
 #include "io/record_index.h"
+#include "io/text.h"
 
 #include <pybind11/stl.h>
 
@@ -106,6 +107,7 @@ void BindCluster(py::module_& module) {
             return result;
         },
         Unlocked());
+    module.def("_printable", [](std::string const& text) { return py::bytes(tool::Printable(text)); });
     BindScans(module);
     module.def(
         "_outcome", [](NameTuple const& piece) { return TupleOf(tool::OutcomeOf(NameOf(piece))); }, Unlocked());

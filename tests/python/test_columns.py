@@ -10,7 +10,7 @@ import unittest
 from ctypes import POINTER, c_char_p, c_int, c_int64, c_void_p
 
 import crrecord
-from crrecord import DORecord, Error, FPType, read_records, read_segments
+from crrecord import DORecord, Error, FPType, Status, read_records, read_segments
 from golden import JSON, stored
 from test_crrecord import HEADER, SEGMENT_HEADER, numpy, segments
 
@@ -146,6 +146,7 @@ class Columns(unittest.TestCase):
             with self.assertRaisesRegex(Error, f"record at byte 288: source {number // 3}: record {number}: .*{reason}") as caught:
                 next(batches)
             self.assertEqual((caught.exception.position, bool(caught.exception.findings)), (288, True))
+            self.assertIs(caught.exception.status, Status.CORRUPT_RECORD)
         self.assertEqual(len(next(batches)), 1)
         self.assertRaises(StopIteration, next, batches)
         with self.assertRaisesRegex(OSError, "source 0: record 1 at byte 288: .*segment 1 starts"):

@@ -1,6 +1,7 @@
 """What crashed, hung or stored garbage: each stays refused, or is inert."""
 import array
 import os
+import pickle
 import resource
 import struct
 import subprocess
@@ -135,6 +136,11 @@ class Hostile(unittest.TestCase):
                         continue
                     self.assertIn(name, ("__eq__", "__iter__"))
             self.assertRaises((BufferError, TypeError), memoryview, inert)
+        self.assertRaises(TypeError, View.__base__)
+        self.assertRaises(TypeError, type("Derived", (View.__base__,), {}))
+        for thing in (crrecord.records(b""), crrecord.read_records(b""), View(stored("do0-md5", "host")[0]).segments):
+            for protocol in (0, 2):  # with the first, pickle makes an instance of the base class
+                self.assertRaises(TypeError, pickle.dumps, thing, protocol)
 
     def test_released_memoryview(self):
         view = memoryview(bytes(8 << 20))

@@ -61,6 +61,9 @@ class Types(unittest.TestCase):
                     scripts.append(pathlib.Path(folder) / f"{document.stem}.py".replace("-", "_"))
                     scripts[-1].write_text("".join(example.source for example in examples))
             self.assertIn("python.py", [script.name for script in scripts])
-            ran = subprocess.run([sys.executable, "-m", "mypy", "--strict", f"--cache-dir={folder}/cache", *scripts],
+            config = pathlib.Path(folder) / "mypy.ini"
+            config.write_text("[mypy-pandas]\nignore_missing_imports = True\n")  # it has no types
+            ran = subprocess.run([sys.executable, "-m", "mypy", "--strict", f"--config-file={config}",
+                                  f"--cache-dir={folder}/cache", *scripts],
                                  env={"MYPYPATH": str(PACKAGE.parent)}, capture_output=True, text=True)
             self.assertEqual((ran.returncode, ran.stdout), (0, f"Success: no issues found in {len(scripts)} source files\n"))

@@ -10,7 +10,7 @@ import os
 import sys
 from typing import Any, Callable, Dict, List, Optional
 
-from .. import Error, cluster
+from .. import Error, _store, cluster
 from .._types import Reference
 from ._run import Question, Run, distributed
 
@@ -101,7 +101,8 @@ def main(arguments: Optional[List[str]] = None) -> int:
         reason = named or str(error) or type(error).__name__
     except (Exception, asyncio.CancelledError) as error:  # also Dask's, such as that of a lost scheduler
         reason = str(error) or "the scheduler cancelled the run"
-    print(f"crrecord: {reason}", file=sys.stderr)
+    # A name of a file may have control characters, which must not reach a terminal.
+    print(f"crrecord: {os.fsdecode(_store._printable(os.fsencode(reason)))}", file=sys.stderr)
     return 2
 
 

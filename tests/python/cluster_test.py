@@ -220,10 +220,12 @@ class Cluster(unittest.TestCase):
         self.assertEqual((ran.returncode, ran.stdout), (0, "Success: no issues found in 4 source files\n"))
 
     def test_unreadable_file_ends_the_run_with_its_name(self):
-        (self.folder / "gone").symlink_to(self.folder)
-        status, out, error = self.end(self.start(self.address, "lost", "--container", "1", str(self.folder / "gone")))
+        (self.folder / "gone\x1b").symlink_to(self.folder)
+        status, out, error = self.end(self.start(self.address, "lost", "--container", "1", str(self.folder / "gone\x1b")))
         self.assertEqual((status, out), (2, b""))
-        self.assertIn(b"gone: is not a regular file", error)
+        self.assertIn(b"gone?: is not a regular file", error)
+        status, _, error = self.end(self.start(self.address, "live", str(self.folder / "none\x7f")))
+        self.assertEqual((status, error.count(b"/none?: no such file")), (2, 1))
 
     def test_damaged_work_file_is_an_error_with_its_name(self):
         arguments = ["live", str(self.store / "large")]
