@@ -312,7 +312,7 @@ TEST_F(EveryOperation, FailsWithoutAChunkInThePools) {
 }
 
 // A reference takes two chunks. Without the first there is no value, without the second no handle.
-TEST(AddSerializedTRefs, ThrowsAnotherExceptionWithoutAHandleThanWithoutAValue) {
+TEST(AddSerializedTRefs, ThrowsBadAllocWithoutAChunkForTheHandle) {
     for (int const left : {0, 1}) {
         auto const record = Build(Plain());
         record->AddTaskID(2); // the buffer has a whole page then
