@@ -14,11 +14,10 @@ constexpr std::uint64_t kFewestPartitions = 1U << kBits;
 
 // Returns: the number of tuples that fit together with their index.
 constexpr std::uint64_t TuplesIn(std::uint64_t memory) {
-    // A partition numbers its tuples with 32 bits.
-    constexpr std::uint64_t kMost = std::numeric_limits<std::uint32_t>::max();
     constexpr std::uint64_t kPlaceBytes = 1; // at most
     static_assert(sizeof(TuplePlace) <= TupleSet::kRemembered * kPlaceBytes);
-    return std::min(memory / (BlockPool::kTupleBytes + TupleSet::kIndexBytes + kPlaceBytes), kMost);
+    return std::min(memory / (BlockPool::kTupleBytes + TupleSet::kIndexBytes + kPlaceBytes),
+                    TupleSet::kMostTuples); // they may be in one partition
 }
 
 } // namespace

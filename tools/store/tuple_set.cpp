@@ -18,6 +18,11 @@ std::uint64_t PlaceHashOf(SegmentTuple const& tuple) {
                  Load<std::uint64_t>(tuple.fingerprint + 8) ^ kHashSeeds.second);
 }
 
+constexpr std::uint64_t SlotsFor(std::uint64_t tuples) {
+    return tuples + tuples / 2 + 1;
+}
+static_assert(SlotsFor(TupleSet::kMostTuples) <= std::numeric_limits<std::uint32_t>::max());
+
 } // namespace
 
 TupleSet::Run TupleSet::RunOf(std::span<SegmentTuple const> tuples, std::span<TuplePlace> places) {
@@ -92,7 +97,7 @@ void TupleSet::Merge(Index& index) {
     if (size_ == 0) {
         return;
     }
-    std::size_t const slots = size_ + size_ / 2 + 1;
+    std::size_t const slots = SlotsFor(size_);
     if (index.capacity() < slots) {
         index = {}; // never both in memory
     }

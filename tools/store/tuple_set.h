@@ -21,6 +21,8 @@ public:
     using Index = std::vector<std::uint32_t>;
     // Bytes of the index that Merge needs for each tuple.
     static constexpr std::uint64_t kIndexBytes = 6;
+    // More tuples need more slots than 32 bits number.
+    static constexpr std::uint64_t kMostTuples = std::uint64_t{1} << 31;
     // Blocks have a multiple of so many tuples.
     static constexpr std::uint32_t kAtOnce = 16;
     // One of so many segments is remembered.
