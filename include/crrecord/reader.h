@@ -297,28 +297,37 @@ typedef struct crr_reference {
     uint64_t id;
 } crr_reference;
 
-// Decodes the reference at the start of `available` bytes, which may be any bytes.
+// Decodes the reference at the start of `available` bytes, which may be any bytes, but its kind, which was read before:
+// the kind that is checked is the kind that is used, even if the memory changes.
 // Returns: the bytes that it takes; 0, with *reference unchanged, if the bytes are no reference.
 /*@ requires \valid_read(bytes + (0 .. available - 1)) && \valid(reference);
     requires \separated(reference, bytes + (0 .. available - 1));
     assigns *reference;
     ensures \result <= available && (\result == 0 || \result == 6 || \result == 10); */
-CRR_INLINE unsigned crr_reference_decode(unsigned char const* bytes, uint64_t available, crr_reference* reference) {
-    if (available < CRR_REFERENCE_HEAD_SIZE) {
-        return 0;
-    }
-    // Read once: the kind that is checked is the kind that is used, even if the memory changes.
-    unsigned char const volatile* const head = bytes;
-    int const kind = head[0];
+CRR_INLINE unsigned crr_reference_decode_as(unsigned char kind, unsigned char const* bytes, uint64_t available,
+                                            crr_reference* reference) {
     int const is_dsid = kind == CRR_REFERENCE_DSID;
     unsigned const width = is_dsid ? 4 : 8;
-    if (kind >= CRR_REFERENCE_KINDS || head[1] != width || available < CRR_REFERENCE_HEAD_SIZE + width) {
+    if (kind >= CRR_REFERENCE_KINDS || available < CRR_REFERENCE_HEAD_SIZE + width || bytes[1] != width) {
         return 0;
     }
     reference->kind = kind;
     reference->id =
         is_dsid ? crr_load32(bytes + CRR_REFERENCE_HEAD_SIZE, 1) : crr_load64(bytes + CRR_REFERENCE_HEAD_SIZE, 1);
     return CRR_REFERENCE_HEAD_SIZE + width;
+}
+
+// The same with its kind. Each byte is read once.
+/*@ requires \valid_read(bytes + (0 .. available - 1)) && \valid(reference);
+    requires \separated(reference, bytes + (0 .. available - 1));
+    assigns *reference;
+    ensures \result <= available && (\result == 0 || \result == 6 || \result == 10); */
+CRR_INLINE unsigned crr_reference_decode(unsigned char const* bytes, uint64_t available, crr_reference* reference) {
+    if (available == 0) {
+        return 0;
+    }
+    unsigned char const volatile* const head = bytes;
+    return crr_reference_decode_as(*head, bytes, available, reference);
 }
 
 // The first error of the section of references from `from` to `to`, with an offset from `bytes`.
@@ -331,11 +340,13 @@ CRR_INLINE crr_fault crr_references_fault(unsigned char const* bytes, uint64_t f
         loop variant to - from; */
     while (from < to) {
         crr_reference reference = {0, 0};
-        unsigned const taken = crr_reference_decode(bytes + from, to - from, &reference);
+        unsigned char const volatile* const head = bytes + from;
+        unsigned char const kind = *head;
+        unsigned const taken = crr_reference_decode_as(kind, bytes + from, to - from, &reference);
         if (taken == 0) {
             fault.code = CR_FINDING_DO_REFERENCE;
             fault.offset = from;
-            fault.found = bytes[from]; // read again: if memory changes, another value
+            fault.found = kind;
             return fault;
         }
         from += taken;
