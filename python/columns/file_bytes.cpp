@@ -35,7 +35,7 @@ FileBytes::~FileBytes() {
     ::close(descriptor_);
 }
 
-// Makes room after end_: to the bytes that are kept it adds as many again, or what is missing to `least`.
+// Extends the buffer after end_: to the bytes that are kept it adds as many again, or what is missing to `least`.
 void FileBytes::Reserve(std::size_t least) {
     std::size_t const kept = end_ - first_;
     bool const isMuchTooLarge = capacity_ > 4 * kReadSize && least <= kReadSize;
