@@ -58,6 +58,11 @@ RecordLayout RecordInternals::ChangeableLayout(DORecord const& record, SectionEn
     return layout;
 }
 
+// Inlines every call, so that no other part of the layout is computed.
+[[gnu::flatten]] std::uint64_t RecordInternals::ChangeableTail(DORecord const& record) {
+    return ChangeableLayout(record, &RecordLayout::tail).tail;
+}
+
 void DORecord::initReferenceSets() {
     unsigned int const before = getRecSize();
     unsigned int const size = SizeWith(*this, 0);
@@ -125,7 +130,7 @@ void RecordInternals::Clear(DORecord& record, std::uint64_t from, std::uint64_t 
 
 // Every step that can fail precedes the first change. The tail is cleared at its new offset, because a borrowed buffer
 // may contain other bytes there.
-void RecordInternals::GrowReferences(DORecord& record, RecordLayout const& layout, std::uint64_t by) {
+void RecordInternals::GrowReferences(DORecord& record, std::uint64_t tail, std::uint64_t by) {
     Order const order = OrderFromFlag(record.networkOrder);
     std::uint64_t const references = InOrder(record.header->trefssize, order) + by;
     std::uint64_t const size = InOrder(record.header->recsize, order) + by;
@@ -137,7 +142,7 @@ void RecordInternals::GrowReferences(DORecord& record, RecordLayout const& layou
     }
     record.header->trefssize = InOrder(static_cast<unsigned int>(references), order);
     record.header->recsize = InOrder(static_cast<unsigned int>(size), order);
-    Clear(record, layout.tail + by, size);
+    Clear(record, tail + by, size);
 }
 
 // Subtracts at most the section's size. Clears the removed bytes if header and buffer agree.

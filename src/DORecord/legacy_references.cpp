@@ -2,6 +2,8 @@
 
 #include "DORecord/record.h"
 
+#include "tref/pool.h"
+
 #include <algorithm>
 #include <iterator>
 #include <new>

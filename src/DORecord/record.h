@@ -26,10 +26,6 @@ inline constexpr char kInvalidRecordSize[] = "invalid record size for DO";
 // Throws: CR_STATUS_CORRUPT_DATA with the message of `fault`, unless its code is 0.
 void ThrowIfFaulty(SegmentFault const& fault, unsigned int dotype);
 
-// Returns: a new handle that owns a copy of `reference`.
-// Throws: std::bad_alloc.
-DORecord::tref_ptr_t NewHandle(DOReference reference);
-
 // Checked arguments of a new record (construction.cpp).
 struct NewRecord;
 
@@ -43,6 +39,8 @@ struct RecordInternals {
     // Throws: CR_STATUS_INVALID "invalid record size for DO".
     static RecordLayout CheckedLayout(DORecord const& record, SectionEnd end);
     static RecordLayout ChangeableLayout(DORecord const& record, SectionEnd end);
+    // Returns: the tail's offset in a ChangeableLayout up to the tail. Throws: as ChangeableLayout.
+    static std::uint64_t ChangeableTail(DORecord const& record);
     static bool OrderMatchesHeader(DORecord const& record) noexcept;
     static bool Reaches(DORecord const& record, RecordLayout const& layout, SectionEnd end) noexcept;
     // Returns: the address of `width` bytes at `offset`.
@@ -60,7 +58,7 @@ struct RecordInternals {
     static void WriteText(DORecord const& record, std::ostream& stream);
     static void WriteBytes(DORecord const& record, std::ostream& stream);
 
-    static void GrowReferences(DORecord& record, RecordLayout const& layout, std::uint64_t by);
+    static void GrowReferences(DORecord& record, std::uint64_t tail, std::uint64_t by);
     static void ShrinkReferences(DORecord& record, std::uint64_t by);
     static void WriteReferences(DORecord const& record, RecordLayout const& layout) noexcept;
     // Adds the sizes of new references to `loaded`, even if it throws.

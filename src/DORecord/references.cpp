@@ -76,26 +76,17 @@ std::uint64_t TotalSize(DORecord::tref_set_t const& set, int kind) noexcept {
 
 } // namespace
 
-DORecord::tref_ptr_t crrecord::NewHandle(DOReference reference) {
-    HandleMaker maker;
-    DORecord::tref_ptr_t handle = maker.Make(reference);
-    if (!handle) {
-        throw std::bad_alloc();
-    }
-    return handle;
-}
-
 int DORecord::OwnTRef(tref_ptr_t reference) {
     _cr_tref_t const* const value = NotNull(reference);
     int const kind = value->kind;
     if (!CanAdd(kind)) {
         RefuseKind(value);
     }
-    RecordLayout const layout = RecordInternals::ChangeableLayout(*this, &RecordLayout::tail);
+    std::uint64_t const tail = RecordInternals::ChangeableTail(*this);
     auto const [position, inserted] = trefs[kind].insert(std::move(reference));
     try {
         if (inserted) {
-            RecordInternals::GrowReferences(*this, layout, ReferenceSize(kind));
+            RecordInternals::GrowReferences(*this, tail, ReferenceSize(kind));
         } else {
             expand();
         }

@@ -18,8 +18,7 @@ struct Cr_TRef_Pool_Tag {};
 
 constexpr unsigned kFirstBlockChunks = 32;
 
-// Made before main starts, and never destroyed: handles may be released until the very end. A handle and its value are
-// taken one after the other, so that they are neighbours: callers who read a reference read both.
+// Made before main starts, and never destroyed: handles may be released until the very end.
 using Pool = boost::singleton_pool<Cr_TRef_Pool_Tag, sizeof(Cr_TRef), boost::default_user_allocator_new_delete,
                                    boost::details::pool::null_mutex, kFirstBlockChunks, 0>;
 static_assert(sizeof(_cr_tref_t) == sizeof(Cr_TRef) && alignof(_cr_tref_t) <= alignof(Cr_TRef));
@@ -27,6 +26,22 @@ static_assert(sizeof(_cr_tref_t) == sizeof(Cr_TRef) && alignof(_cr_tref_t) <= al
 using PoolMutex = ForkSafeMutex<Cr_TRef_Pool_Tag>;
 constinit PoolMutex poolMutex;
 using Lock = std::lock_guard<PoolMutex>;
+
+// Takes the chunks of a handle and its value one after the other, so that they are neighbours: callers who read a
+// reference read both. Precondition: the caller has locked the mutex.
+// On failure: no chunk is taken. `handle` is null, and `value` is null only if memory for the value is lacking.
+Chunks TakeChunks() {
+    void* const value = Pool::malloc();
+    void* const handle = value ? Pool::malloc() : nullptr;
+    if (value && !handle) {
+        Pool::free(value);
+    }
+    return {handle, value};
+}
+
+boost::intrusive_ptr<Cr_TRef> MakeIn(Chunks chunks, DOReference reference) noexcept {
+    return ::new (chunks.handle) Cr_TRef(::new (chunks.value) _cr_tref_t{reference.id, reference.kind});
+}
 
 } // namespace
 
@@ -38,6 +53,18 @@ void* TakeChunk() {
 void ReturnChunk(void* chunk) noexcept {
     Lock const lock(poolMutex);
     Pool::free(chunk);
+}
+
+boost::intrusive_ptr<Cr_TRef> NewHandle(DOReference reference) {
+    Chunks chunks{};
+    {
+        Lock const lock(poolMutex);
+        chunks = TakeChunks();
+    }
+    if (!chunks.handle) {
+        throw std::bad_alloc();
+    }
+    return MakeIn(chunks, reference);
 }
 
 // Returned in the reverse order, so that the pool lends them in the same order again.
@@ -60,8 +87,7 @@ boost::intrusive_ptr<Cr_TRef> HandleMaker::Make(DOReference reference, unsigned 
     if (first_ == end_) {
         return nullptr;
     }
-    auto const [handle, value] = chunks_[first_++];
-    return ::new (handle) Cr_TRef(::new (value) _cr_tref_t{reference.id, reference.kind});
+    return MakeIn(chunks_[first_++], reference);
 }
 
 void HandleMaker::Refill(unsigned long expected) {
@@ -69,19 +95,14 @@ void HandleMaker::Refill(unsigned long expected) {
     unsigned long const wanted = std::clamp(expected, 1ul, chunks_.size());
     Lock const lock(poolMutex);
     for (; end_ < wanted; ++end_) {
-        void* const value = Pool::malloc();
-        if (!value) {
-            return;
-        }
-        void* const handle = Pool::malloc();
-        if (!handle) {
-            Pool::free(value);
-            if (end_ == 0) {
+        Chunks const chunks = TakeChunks();
+        if (!chunks.handle) {
+            if (chunks.value && end_ == 0) {
                 throw std::bad_alloc();
             }
             return;
         }
-        chunks_[end_] = {handle, value};
+        chunks_[end_] = chunks;
     }
 }
 

@@ -14,6 +14,16 @@ namespace crrecord {
 void* TakeChunk();
 void ReturnChunk(void* chunk) noexcept;
 
+// Returns: a new handle that owns a copy of `reference`.
+// Throws: std::bad_alloc; std::system_error as TakeChunk.
+boost::intrusive_ptr<Cr_TRef> NewHandle(DOReference reference);
+
+// The memory of a handle and its reference.
+struct Chunks {
+    void* handle;
+    void* value;
+};
+
 // Makes handles with references, many of them with one lock of the mutex.
 class HandleMaker {
 public:
@@ -26,14 +36,9 @@ public:
     // on, this one included.
     // Returns: the handle, or null if memory for the reference is lacking.
     // Throws: std::bad_alloc if memory for the handle is lacking; std::system_error as TakeChunk.
-    boost::intrusive_ptr<Cr_TRef> Make(DOReference reference, unsigned long expected = 1);
+    boost::intrusive_ptr<Cr_TRef> Make(DOReference reference, unsigned long expected);
 
 private:
-    struct Chunks {
-        void* handle;
-        void* value;
-    };
-
     void Refill(unsigned long expected);
 
     std::array<Chunks, 32> chunks_;
