@@ -95,9 +95,9 @@ void AgreeOnForm(Record const& record, bool valid, int code) {
     Must(Makes([&] { DORecord(form.dotype, form.fptype, nullptr, 0, record.bytes, record.size, false); }) == valid,
          kOneAnswer);
     DORecordHeader* header = nullptr;
-    unsigned long room = 0;
-    bool const parsed =
-        DORecordHeaderDeserialize(&header, &room, record.bytes, record.size, form.dotype, form.fptype) == CR_STATUS_OK;
+    unsigned long capacity = 0;
+    bool const parsed = DORecordHeaderDeserialize(&header, &capacity, record.bytes, record.size, form.dotype,
+                                                  form.fptype) == CR_STATUS_OK;
     std::free(header);
     bool const ofSegments = code >= CR_FINDING_SEGMENT_PRODUCT && code <= CR_FINDING_SEGMENT_END;
     Must(parsed == (valid || ofSegments), "the parser rejects malformed forms only");

@@ -40,13 +40,13 @@ void UseRecord(Types types, fuzz::Bytes form, DORecord& record) {
 
 // Parses into memory of exactly the needed size, and into too little memory.
 void ParseInto(Types types, fuzz::Bytes form, fuzz::Bytes expected) {
-    for (std::size_t const room : {expected.size(), expected.size() - 1}) {
-        fuzz::Block memory(room);
+    for (std::size_t const capacity : {expected.size(), expected.size() - 1}) {
+        fuzz::Block memory(capacity);
         auto* const given = reinterpret_cast<DORecordHeader*>(memory.data());
         DORecordHeader* header = given;
-        unsigned long size = room;
+        unsigned long size = capacity;
         Must(DORecordHeaderDeserialize(&header, &size, form.data(), form.size(), types.dotype, types.fptype) == 0 &&
-                 (header == given) == (room == expected.size()),
+                 (header == given) == (capacity == expected.size()),
              "a form is parsed into memory of any size");
         auto const* const bytes = reinterpret_cast<unsigned char const*>(header);
         constexpr std::size_t kTimes = offsetof(DORecordHeader, ctime), kAfterTimes = offsetof(DORecordHeader, ntaskid);

@@ -56,8 +56,8 @@ TEST(DORecordBuffer, GrowsByZeroedPagesAsItsModeAllows) {
     }
 }
 
-// A fixed record accepts references while its memory has room. A rejected one changes nothing.
-TEST(DORecordBuffer, FixedRecordRejectsReferencesWithoutRoom) {
+// A fixed record accepts references while they fit in its memory. A rejected one changes nothing.
+TEST(DORecordBuffer, FixedRecordRejectsReferencesThatDoNotFit) {
     RecordValues values = Example(5, 1);
     Bytes memory = Spell(values).bytes;
     memory.resize(memory.size() + 16, 0xee);
@@ -74,7 +74,7 @@ TEST(DORecordBuffer, FixedRecordRejectsReferencesWithoutRoom) {
     EXPECT_EQ(memory, Spell(values).bytes);
     EXPECT_EQ(record->GetNTRefs(), 2u);
     record->setRecSize(record->getRecSize() + 1);
-    EXPECT_EQ(Refusal([&] { record->AddTaskID(1); }), kMayNotCopy); // a reference that is present needs the room, too
+    EXPECT_EQ(Refusal([&] { record->AddTaskID(1); }), kMayNotCopy); // also rejects a reference that is present
     record->setRecSize(0xffffffff - 10);
     EXPECT_EQ(Refusal([&] { record->AddTaskID(7); }),
               kMayNotCopy); // not refused as too large: no larger size is possible

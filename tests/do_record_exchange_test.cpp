@@ -82,11 +82,11 @@ TEST(DORecordExchange, FormsBecomeRecordsInAnyBuffer) {
         for (bool const subDO : {false, true}) {
             SCOPED_TRACE(NameOf(values));
             Bytes const expected = Received(values, form, subDO);
-            for (std::size_t const room : {0ul, expected.size() - 1, expected.size()}) {
-                bool const fits = room == expected.size();
-                Bytes memory(room, 0xee), after = fits ? expected : memory;
-                OpenRecord record(values.dotype, values.fptype, room ? memory.data() : nullptr, room ? room : 99,
-                                  form.data(), form.size(), subDO);
+            for (std::size_t const capacity : {0ul, expected.size() - 1, expected.size()}) {
+                bool const fits = capacity == expected.size();
+                Bytes memory(capacity, 0xee), after = fits ? expected : memory;
+                OpenRecord record(values.dotype, values.fptype, capacity ? memory.data() : nullptr,
+                                  capacity ? capacity : 99, form.data(), form.size(), subDO);
                 EXPECT_EQ(std::pair(Buffer(record), memory), std::pair(expected, after));
                 EXPECT_EQ(std::tuple(record.ownsBuffer, record.subDO, record.spare), std::tuple(!fits, subDO, 0));
                 EXPECT_EQ(record.AddTaskID(1), 0);
@@ -100,13 +100,13 @@ TEST(DORecordExchange, FormsBecomeRecordsInAnyBuffer) {
 TEST(DORecordExchange, RejectsAFormThatOverlapsTheBuffer) {
     for (RecordValues const& values : {Example(3, 1), Example(4, 0)}) {
         Bytes const form = SpellForm(values, true), expected = Received(values, form, false);
-        std::size_t const room = expected.size(), more = room + form.size();
+        std::size_t const capacity = expected.size(), more = capacity + form.size();
         std::tuple<std::size_t, std::size_t, std::size_t, bool> const rows[] = {
-            {0, 0, room, true},
-            {room, 0, room, false},
-            {room - 1, 0, room, true},
-            {0, form.size(), room, false},
-            {0, form.size() - 1, room, true},
+            {0, 0, capacity, true},
+            {capacity, 0, capacity, false},
+            {capacity - 1, 0, capacity, true},
+            {0, form.size(), capacity, false},
+            {0, form.size() - 1, capacity, true},
             {9, 0, more, true},
             {0, 9, 9, true}, // also if the record does not fit
             {0, 9, 0, false}};
@@ -119,7 +119,7 @@ TEST(DORecordExchange, RejectsAFormThatOverlapsTheBuffer) {
             auto const make = [&, at = formAt, bytes = size] {
                 OpenRecord const record(values.dotype, values.fptype, buffer, bytes, &memory[at], form.size(), false);
                 Bytes made = Buffer(record);
-                made.resize(room);
+                made.resize(capacity);
                 EXPECT_EQ(made, expected);
             };
             EXPECT_EQ(Refusal(make), overlap ? "9: " : "");

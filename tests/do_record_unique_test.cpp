@@ -115,9 +115,9 @@ TEST(DORecordUnique, RejectionsChangeNothing) {
     }
     EXPECT_EQ(std::tuple(record->ownsBuffer, record->copyMode, record->GetNudcid()),
               std::tuple(true, OpenRecord::CopyMode::Own, 2u));
-    Bytes room(4096, 0xee);
-    Splice(room, 0, before);
-    Borrow(*record, room, OpenRecord::CopyMode::Fixed);
+    Bytes larger(4096, 0xee);
+    Splice(larger, 0, before);
+    Borrow(*record, larger, OpenRecord::CopyMode::Fixed);
     EXPECT_EQ(record->AppendBloomAndUniqueDCIDList(), CR_STATUS_OK);
     EXPECT_EQ(StoredBytes(*record), Spell(Example(2, 0)).bytes);
     EXPECT_EQ(log.Take(), "");
@@ -162,7 +162,7 @@ std::unique_ptr<OpenRecord> ReceivedBloom(unsigned int count) {
 }
 
 TEST(DORecordUnique, AppendBloomMergesAndSwapsTheLengthWordEachTime) {
-    // However many entries the received count claims, no more are read than the record has room for.
+    // However many entries the received count claims, no more are read than fit in the record.
     for (unsigned int const count : {2u, 3u, 4u, 0xffffffffu}) {
         auto const record = ReceivedBloom(count);
         Bytes const before = Buffer(*record);

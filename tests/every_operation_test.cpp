@@ -16,8 +16,8 @@
 
 namespace {
 
-struct Room : std::streambuf {
-    Room() { setp(text, text + sizeof text); }
+struct TextBuffer : std::streambuf {
+    TextBuffer() { setp(text, text + sizeof text); }
     char text[4096];
 };
 
@@ -51,7 +51,7 @@ struct Subject {
     Subject() {
         Hold(*legacy, Spell(Legacy()).bytes);
         unbuilt->cleanupConstruction();
-        roomy->expand(9999);
+        unlimited->expand(9999);
         CRFPInitialize(&opened, 3);
         record->handleUpdate(); // the clock is constant: another update changes nothing
     }
@@ -66,7 +66,7 @@ struct Subject {
     Bytes State() const {
         Bytes all = StoredBytes(*record);
         PutBytes(all, StoredBytes(*plain));
-        PutBytes(all, StoredBytes(*roomy));
+        PutBytes(all, StoredBytes(*unlimited));
         PutBytes(all, Buffer(*legacy));
         all.push_back(static_cast<unsigned char>(record->GetNTRefs() + legacy->GetNTRefs()));
         auto const* const so = reinterpret_cast<unsigned char const*>(segment->GetHeader());
@@ -83,7 +83,7 @@ struct Subject {
     // In memory of exactly its size, so that it is copied when the record grows.
     std::unique_ptr<DORecord> record = DORecord::Wrap(exact.data(), exact.size(), exact.size(), false);
     std::unique_ptr<OpenRecord> plain = Build<OpenRecord>(Plain()), bloom = Build<OpenRecord>(Example(4, 0)),
-                                legacy = Build<OpenRecord>(Plain()), roomy = Build<OpenRecord>(Plain()),
+                                legacy = Build<OpenRecord>(Plain()), unlimited = Build<OpenRecord>(Plain()),
                                 unbuilt = Build<OpenRecord>(Plain());
     std::unique_ptr<SORecord> segment = SORecord::FromBuffer(bareSegment.data(), bareSegment.size());
     _cr_tref_t *value = CRTRefNew(cr_reftype_t(9), 5), *made = nullptr;
@@ -96,8 +96,8 @@ struct Subject {
     void* out = nullptr;
     unsigned long length = 0;
     char text[CR_TREF_TEXT_SIZE] = {};
-    Room room;
-    std::ostream stream{&room};
+    TextBuffer buffer;
+    std::ostream stream{&buffer};
     DORecordView view{stored.data(), stored.size()};
     DORecordHeader* header = plain->header;
     Cr_ErrnoException thrown{CR_STATUS_INVALID};
@@ -122,7 +122,7 @@ struct Operation {
 Operation const kNeedMemory[] = {
     DO(AddDSID(9)), DO(AddTaskID(9)), DO(AddTaskID(9, kIsActive, nullptr)), DO(AddTRef(*s.value)),
     DO(AddTRef(s.handle)), DO(OwnTRef(s.handle)), DO(OwnTRef(*std::exchange(s.value, nullptr))),
-    OF(DORecord, roomy, AddSerializedTRefs(reinterpret_cast<char*>(s.section.data()), 10)), DO(expand(9999)),
+    OF(DORecord, unlimited, AddSerializedTRefs(reinterpret_cast<char*>(s.section.data()), 10)), DO(expand(9999)),
     DO(GetUDCIDSizeList(s.sizes)), DO(Serialize(&s.out, &s.length, true)),
     DO(FromBuffer(s.network.data(), s.network.size())),
     DO(Wrap(s.memory.data(), s.memory.size(), s.memory.size(), true)), DO(convertToTRefs()),
@@ -358,7 +358,7 @@ TEST_F(EveryOperation, OthersAllocateNothing) {
 
 // Accepts `left` characters.
 struct Short : std::streambuf {
-    explicit Short(std::size_t room) : left(room) {}
+    explicit Short(std::size_t capacity) : left(capacity) {}
     std::streamsize xsputn(char const* from, std::streamsize count) override {
         auto const taken = std::min(left, static_cast<std::size_t>(count));
         text.append(from, taken);
@@ -381,13 +381,13 @@ TEST_F(EveryOperation, KeepsTheRecordWhenTheStreamFails) {
         [](Subject& s, std::ostream& to) { SegmentRecordToStream(to, *RecordOf(s.bareSegment), false); }};
     for (auto const& write : writers) {
         Subject whole;
-        Short roomy(~0ul);
-        std::ostream full(&roomy);
+        Short unlimited(~0ul);
+        std::ostream full(&unlimited);
         write(whole, full);
-        for (std::size_t room = 0; room < roomy.text.size(); ++room) {
+        for (std::size_t capacity = 0; capacity < unlimited.text.size(); ++capacity) {
             for (bool const throws : {false, true}) {
                 Subject subject;
-                Short device(room);
+                Short device(capacity);
                 std::ostream stream(&device);
                 stream.exceptions(throws ? std::ios::badbit : std::ios::goodbit);
                 bool thrown = false;
@@ -397,10 +397,10 @@ TEST_F(EveryOperation, KeepsTheRecordWhenTheStreamFails) {
                     thrown = true;
                 }
                 EXPECT_EQ(std::tuple(thrown, stream.bad(), device.text),
-                          std::tuple(throws, true, roomy.text.substr(0, room)));
-                EXPECT_EQ(subject.State(), whole.State()) << room;
+                          std::tuple(throws, true, unlimited.text.substr(0, capacity)));
+                EXPECT_EQ(subject.State(), whole.State()) << capacity;
                 bool const converted = throws && &write == std::end(writers) - 1;
-                EXPECT_EQ(subject.bareSegment, converted ? Golden({false, 0, 0, 0}) : whole.bareSegment) << room;
+                EXPECT_EQ(subject.bareSegment, converted ? Golden({false, 0, 0, 0}) : whole.bareSegment) << capacity;
             }
         }
     }

@@ -127,12 +127,12 @@ TEST(FingerprintText, ChecksBufferSizeAndDigits) {
         std::string const zeros(DigitsOf(fptype), '0');
         for (unsigned int length = 0; length < 70; ++length) {
             crfp_digest_t digest{};
-            std::string room(70, '#');
+            std::string written(70, '#');
             bool const fits = length > DigitsOf(fptype), good = length == DigitsOf(fptype);
             TakeStatus();
-            EXPECT_EQ(CRFPDigestToString_r(&digest, fptype, room.data(), length) != nullptr, fits);
+            EXPECT_EQ(CRFPDigestToString_r(&digest, fptype, written.data(), length) != nullptr, fits);
             EXPECT_EQ(TakeStatus(), fits ? kUntouched : CR_STATUS_INVALID);
-            EXPECT_EQ(room, fits ? zeros + '\0' + room.substr(zeros.size() + 1) : std::string(70, '#')) << length;
+            EXPECT_EQ(written, fits ? zeros + '\0' + written.substr(zeros.size() + 1) : std::string(70, '#')) << length;
 
             std::vector<char> text(length + 1, '0'); // of this size exactly: nothing after it may be read
             text.back() = '\0';

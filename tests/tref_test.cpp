@@ -58,11 +58,11 @@ TEST(TRef, FormsRoundTripAndValuesAreOrdered) {
                 bytes.push_back('\0');
             }
             EXPECT_EQ(CRTRefSerializedSize(value, form), bytes.size());
-            for (std::size_t room = 0; room <= bytes.size(); ++room) {
-                bool const fits = room == bytes.size();
-                Bytes written(room, 0xee);
-                EXPECT_EQ(CRTRefSerialize(written.data(), room, value, form), fits ? whole.size() : 0);
-                EXPECT_EQ(written, fits ? bytes : Bytes(room, 0xee));
+            for (std::size_t capacity = 0; capacity <= bytes.size(); ++capacity) {
+                bool const fits = capacity == bytes.size();
+                Bytes written(capacity, 0xee);
+                EXPECT_EQ(CRTRefSerialize(written.data(), capacity, value, form), fits ? whole.size() : 0);
+                EXPECT_EQ(written, fits ? bytes : Bytes(capacity, 0xee));
             }
             unsigned long consumed = 0;
             EXPECT_TRUE(CRTRefEqual(Read(whole, form, &consumed)->Get(), value));

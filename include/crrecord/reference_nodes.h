@@ -7,9 +7,9 @@
 #include <new>
 #include <type_traits>
 
-// Nodes of one size, from blocks of operator new. The first block has room for two nodes, and each later one for twice
-// as many as the one before it, up to 256. A returned node is used again first. When the last node is returned, the
-// blocks are freed.
+// Nodes of one size, from blocks of operator new. The first block has two nodes, and each later one twice as many as
+// the one before it, up to 256. A returned node is used again first. When the last node is returned, the blocks are
+// freed.
 //
 // Thread safety: one thread at a time.
 class DOReferenceNodes {

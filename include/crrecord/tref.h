@@ -74,9 +74,9 @@ CRRECORD_API int CRTRefEqual(_cr_tref_t const* a, _cr_tref_t const* b) noexcept;
 // Returns: bytes of the reference in a form, including the NUL of the text form.
 CRRECORD_API unsigned long CRTRefSerializedSize(_cr_tref_t const* reference, int form) noexcept;
 
-// Writes a reference in a form into `room` bytes.
+// Writes a reference in a form into `available` bytes.
 // Returns: the bytes written, without the NUL of the text form; 0, with nothing written, if they do not fit.
-CRRECORD_API unsigned long CRTRefSerialize(void* destination, unsigned long room, _cr_tref_t const* reference,
+CRRECORD_API unsigned long CRTRefSerialize(void* destination, unsigned long available, _cr_tref_t const* reference,
                                            int form) noexcept;
 
 // Writes the text form with its NUL into the `size` bytes of `text`, cut if they are too few, or "null" for a null

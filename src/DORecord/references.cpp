@@ -280,15 +280,15 @@ void DORecord::AddSerializedTRefs(char const* bytes, unsigned int length) {
         Refuse(kNullReference);
     }
     RecordInternals::ChangeableLayout(*this, &RecordLayout::tail);
-    std::uint64_t const room = std::uint64_t{getRecSize()} + length;
-    if (room > kLargestRecord || std::uint64_t{getTRefsSize()} + length > kLargestRecord ||
+    std::uint64_t const size = std::uint64_t{getRecSize()} + length;
+    if (size > kLargestRecord || std::uint64_t{getTRefsSize()} + length > kLargestRecord ||
         getRecSize() < CR_DO_RECORD_SIZE) {
         Refuse(kInvalidRecordSize);
     }
     auto const* const own = reinterpret_cast<char const*>(header);
     bool const isOwn = std::greater_equal<>()(bytes, own) && std::less<>()(bytes, own + bufferSize);
     std::ptrdiff_t const place = isOwn ? bytes - own : 0;
-    expand(static_cast<unsigned int>(room));
+    expand(static_cast<unsigned int>(size));
     std::uint64_t loaded = 0;
     auto const account = [&] {
         setTRefsSize(static_cast<unsigned int>(getTRefsSize() + loaded));

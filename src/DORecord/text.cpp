@@ -14,7 +14,7 @@ std::string const DORecord::TEXT_STREAM_FORMAT_DESCRIPTION =
 namespace {
 
 constexpr unsigned int kTextFormatVersion = 1;
-constexpr unsigned long kReferenceRoom = 98;
+constexpr unsigned long kReferenceTextSize = 98;
 
 void WriteHeaderFields(TextWriter& text, DORecordHeader const& header) {
     for (unsigned long const value :
@@ -56,7 +56,7 @@ void WriteReferenceTexts(TextWriter& text, DORecord const& record) {
     char const* separator = "";
     text.Character('[');
     for (DORecord::tref_ptr_t const& reference : record.References()) {
-        char buffer[kReferenceRoom];
+        char buffer[kReferenceTextSize];
         unsigned long const length = CRTRefSerialize(buffer, sizeof buffer, reference->Get(), CR_TREF_TEXT);
         text.Text(separator).Text({buffer, length});
         separator = ",";

@@ -138,17 +138,18 @@ unsigned long CRTRefSerializedSize(_cr_tref_t const* reference, int form) noexce
                                 : crrecord::ReferenceSize(reference->kind);
 }
 
-unsigned long CRTRefSerialize(void* destination, unsigned long room, _cr_tref_t const* reference, int form) noexcept {
+unsigned long CRTRefSerialize(void* destination, unsigned long available, _cr_tref_t const* reference,
+                              int form) noexcept {
     using namespace crrecord;
     if (form == CR_TREF_TEXT) {
         unsigned long const length = ReferenceText(*reference).View().size();
-        if (room <= length) {
+        if (available <= length) {
             return 0;
         }
-        CRTRefToString(static_cast<char*>(destination), room, reference);
+        CRTRefToString(static_cast<char*>(destination), available, reference);
         return length;
     }
-    return EncodeReference(static_cast<unsigned char*>(destination), room, *reference);
+    return EncodeReference(static_cast<unsigned char*>(destination), available, *reference);
 }
 
 char* CRTRefToString(char* text, unsigned long size, _cr_tref_t const* reference) noexcept {

@@ -17,7 +17,7 @@ struct LogCapture {
         CRLogSetSink(nullptr, nullptr);
         CRLogSetTrace(0);
     }
-    // The lines since the last call, such as "error 22: no room\n".
+    // The lines since the last call, such as "error 22: no memory\n".
     std::string Take() { return std::string(text, std::exchange(used, 0)); }
 
     static void Collect(cr_log_level_t level, cr_status_t status, char const* message, void* context) {

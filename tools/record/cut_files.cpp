@@ -62,15 +62,15 @@ void FilesCutter::AddSmall(Input& input) {
         batch_->files.clear();
     }
     CutBatch& cut = batch_->cut;
-    auto const room = std::span(cut.bytes).subspan(cut.size, input.ExpectedSize());
+    auto const space = std::span(cut.bytes).subspan(cut.size, input.ExpectedSize());
     std::size_t size = 0;
     // At the end of the file Read checks for changes.
-    while (std::size_t const count = input.Read(room.subspan(size))) {
+    while (std::size_t const count = input.Read(space.subspan(size))) {
         size += count;
     }
     File file{input.Name(), cut.sizes.size(), {}};
     for (std::uint64_t at = 0; at < size; at += cut.sizes.back()) {
-        cut.sizes.push_back(static_cast<std::uint32_t>(FirstSegment(room.subspan(at, size - at), at, options_)));
+        cut.sizes.push_back(static_cast<std::uint32_t>(FirstSegment(space.subspan(at, size - at), at, options_)));
     }
     file.totals.bytes = size;
     file.totals.segments = cut.sizes.size() - file.firstSegment;

@@ -74,14 +74,14 @@ def _parts(input: Input, marks: Sequence[Tuple[int, int]], size: int) -> List[Pa
 def _pieces(parts: Iterable[Part], size: int) -> List[Piece]:
     """Group parts, in their order, into pieces of about `size` bytes."""
     groups: List[List[Part]] = []
-    room = 0
+    left = 0
     for part in parts:
         length = min(part.end, part.size) - part.offset
-        if not groups or room < length or len(groups[-1]) == MOST_PARTS:
+        if not groups or left < length or len(groups[-1]) == MOST_PARTS:
             groups.append([])
-            room = size
+            left = size
         groups[-1].append(part)
-        room -= length
+        left -= length
     return [Piece(tuple(group), 0) for group in groups]
 
 
