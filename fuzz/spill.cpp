@@ -21,7 +21,10 @@ using namespace fuzz;
 
 FUZZ_TARGET(spill, bytes) {
     using namespace crrecord::tool;
-    SpillFile::Chain const chain{TakeNumber(bytes, 2), TakeNumber(bytes, 2)};
+    auto const position = TakeNumber(bytes, 2);
+    auto const size = static_cast<std::uint32_t>(TakeNumber(bytes, 2));
+    auto const inExtent = static_cast<std::uint32_t>(TakeNumber(bytes, 2));
+    SpillFile::Chain const chain{{position, size, inExtent}, TakeNumber(bytes, 2)};
     SpillFileOf const any(bytes);
     std::uint64_t tuples = 0;
     try {

@@ -22,10 +22,9 @@ constexpr std::uint64_t TuplesIn(std::uint64_t memory) {
 
 } // namespace
 
-Partitions::Partitions(PartitionOptions const& options) : Partitions(options, 0, nullptr) {}
+Partitions::Partitions(PartitionOptions const& options) : Partitions(options, 0) {}
 
-Partitions::Partitions(PartitionOptions const& options, unsigned int level, std::shared_ptr<SpillFile> file)
-    : options_(options), level_(level), file_(std::move(file)) {
+Partitions::Partitions(PartitionOptions const& options, unsigned int level) : options_(options), level_(level) {
     constexpr std::uint64_t kLeastBlock = TupleSet::kAtOnce;
     constexpr std::uint64_t kLargestBlock = 256;
     // At the end each thread has a partition, and at least this memory for it.
@@ -45,7 +44,7 @@ Partitions::Partitions(PartitionOptions const& options, unsigned int level, std:
     pool_ = std::make_unique<BlockPool>(tuples / inBlock, static_cast<unsigned int>(std::countr_zero(inBlock)),
                                         partitions, tuples / partitions / TupleSet::kRemembered + 1);
     for (std::uint64_t i = 0; i < partitions; ++i) {
-        partitions_.emplace_back(*pool_, pool_->Places(i));
+        partitions_.emplace_back(*pool_, pool_->Places(i), static_cast<unsigned int>(i % options_.threads));
     }
     // Half of it for the batches of all threads, and a block for each partition.
     std::uint64_t const least = BatchTuples() * (4 * options_.threads + 2) / inBlock + 4 * partitions;
@@ -76,26 +75,36 @@ std::span<SegmentTuple const> Partitions::FirstRun(std::span<SegmentTuple const>
 }
 
 void Partitions::Add(std::span<SegmentTuple const> tuples) {
-    Partition* partition = nullptr;
-    for (TupleSet::Run run; partition || !tuples.empty();) {
-        // While a run is added, the memory that the next one needs is prefetched.
-        Partition* nextPartition = nullptr;
-        TupleSet::Run next;
+    struct Step {
+        Partition* partition = nullptr;
+        TupleSet::Run run;
+    };
+    // Of three runs at a time, one is added, and for the others memory is prefetched.
+    Step begun;
+    Step found;
+    while (!tuples.empty() || begun.partition || found.partition) {
+        Step const next = found;
+        found = begun;
+        begun = {};
         if (!tuples.empty()) {
             std::size_t const number = NumberOf(tuples.front());
-            nextPartition = &partitions_[number];
-            Prefetch(nextPartition, 0, sizeof *nextPartition);
+            begun.partition = &partitions_[number];
+            Prefetch(begun.partition, 0, sizeof *begun.partition);
             auto const first = FirstRun(tuples);
             // Few tuples of a spilled partition are in memory, so others are rarely of the same segments.
-            next = nextPartition->IsSpilled() ? TupleSet::Run{first} : TupleSet::RunOf(first, pool_->Places(number));
-            tuples = tuples.subspan(next.tuples.size());
+            begun.run =
+                begun.partition->IsSpilled() ? TupleSet::Run{first} : TupleSet::RunOf(first, pool_->Places(number));
+            tuples = tuples.subspan(first.size());
         }
-        if (partition) {
-            std::lock_guard const lock(partition->mutex);
-            partition->IsSpilled() ? partition->tuples.Append(run.tuples) : partition->tuples.Add(run);
+        if (found.run.place) {
+            std::lock_guard const lock(found.partition->mutex);
+            found.partition->tuples.Find(found.run);
         }
-        partition = nextPartition;
-        run = next;
+        if (next.partition) {
+            std::lock_guard const lock(next.partition->mutex);
+            next.partition->IsSpilled() ? next.partition->tuples.Append(next.run.tuples)
+                                        : next.partition->tuples.Add(next.run);
+        }
     }
 }
 
@@ -157,17 +166,19 @@ void Partitions::SpillSome() {
 }
 
 void Partitions::Spill(std::vector<Partition*> const& partitions) {
-    if (!partitions.empty() && !file_) {
-        file_ = std::make_shared<SpillFile>(options_.temporaryFolder);
+    while (!partitions.empty() && files_.size() < options_.threads) {
+        files_.push_back(std::make_unique<SpillFile>(options_.temporaryFolder));
     }
-    ForEachInParallel(options_.threads, static_cast<unsigned int>(partitions.size()), [&](unsigned int i) {
-        Partition& partition = *partitions[i];
-        if (partition.tuples.size() != 0) {
-            SpillFile::Writer writer(*file_, partition.spilled);
-            partition.tuples.ForEachBlock([&](TupleBlock const& block) { writer.Append(block); });
-            writer.Finish();
-            partition.tuples.Clear();
+    ForEachInParallel(options_.threads, static_cast<unsigned int>(files_.size()), [&](unsigned int file) {
+        SpillFile::Writer writer(*files_[file]);
+        for (Partition* const partition : partitions) {
+            if (partition->file == file) {
+                partition->tuples.ForEachBlock(
+                    [&](TupleBlock const& block) { writer.Append(partition->spilled, block); });
+                partition->tuples.Clear();
+            }
         }
+        writer.Finish();
     });
 }
 
@@ -192,23 +203,25 @@ void Partitions::Total(Use const& use) {
     auto const fit = static_cast<unsigned int>(end - spilled.begin());
     ForEachInParallel(options_.threads, fit, [&, total](unsigned int i) mutable {
         TupleSet& tuples = spilled[i]->tuples;
-        file_->Read(spilled[i]->spilled, [&tuples](std::span<SegmentTuple const> some) { tuples.Append(some); });
+        files_[spilled[i]->file]->Read(spilled[i]->spilled,
+                                       [&tuples](std::span<SegmentTuple const> some) { tuples.Append(some); });
         total(tuples);
     });
     pool_.reset(); // its memory is used to partition the others
     ForEachInParallel(options_.threads, static_cast<unsigned int>(spilled.size()) - fit,
-                      [&](unsigned int i) { Repartition(spilled[fit + i]->spilled, use); });
+                      [&](unsigned int i) { Repartition(*spilled[fit + i], use); });
 }
 
-void Partitions::Repartition(SpillFile::Chain const& spilled, Use const& use) {
+void Partitions::Repartition(Partition const& partition, Use const& use) {
     // Each level of segments makes the parts 64 times smaller, so valid files do not reach this with any allowed
     // memory.
     if (kBits * (level_ + 1) > std::numeric_limits<std::uint64_t>::digits) {
         throw Failure("the temporary files do not get smaller");
     }
     PartitionOptions const options{options_.memory / options_.threads, 1, options_.temporaryFolder};
-    Partitions parts(options, level_ + 1, file_);
-    file_->Read(spilled, [&parts](std::span<SegmentTuple const> tuples) { parts.AddAll(tuples); });
+    Partitions parts(options, level_ + 1);
+    files_[partition.file]->Read(partition.spilled,
+                                 [&parts](std::span<SegmentTuple const> tuples) { parts.AddAll(tuples); });
     parts.Total(use);
 }
 

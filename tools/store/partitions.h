@@ -20,7 +20,7 @@ struct PartitionOptions {
 
 // Collects tuples in partitions, each so small that it is fast to merge its tuples of the same segment: this is done at
 // the end, and meanwhile when much memory is used and merging frees a third of it. If it would free less, more memory
-// is used. If there is no more, some partitions go to a temporary file. At the end each of these is read and merged
+// is used. If there is no more, some partitions go to temporary files. At the end each of these is read and merged
 // alone.
 //
 // The keyed hash of a container determines the partition, so that neighbours in a container remain neighbours. A
@@ -49,23 +49,25 @@ public:
 
 private:
     struct alignas(64) Partition {
-        Partition(BlockPool& pool, std::span<TuplePlace> places) : tuples(pool, places) {}
+        Partition(BlockPool& pool, std::span<TuplePlace> places, unsigned int inFile)
+            : tuples(pool, places), file(inFile) {}
         bool IsSpilled() const { return spilled.tuples != 0; }
 
         std::mutex mutex;
         TupleSet tuples;
+        unsigned int const file; // the number of the one that it may be written to
         SpillFile::Chain spilled;
     };
 
     PartitionOptions options_;
     unsigned int level_ = 0; // how often the tuples were partitioned before
     std::unique_ptr<BlockPool> pool_;
-    std::deque<Partition> partitions_; // a power of two
-    std::uint64_t limit_ = 0;          // blocks that may be used now
-    std::size_t next_ = 0;             // the partition that is merged next to learn how much merging frees
-    std::shared_ptr<SpillFile> file_;
+    std::deque<Partition> partitions_;              // a power of two
+    std::uint64_t limit_ = 0;                       // blocks that may be used now
+    std::size_t next_ = 0;                          // the partition that is merged next to learn how much merging frees
+    std::vector<std::unique_ptr<SpillFile>> files_; // one for each thread, if any is needed
 
-    Partitions(PartitionOptions const& options, unsigned int level, std::shared_ptr<SpillFile> file);
+    Partitions(PartitionOptions const& options, unsigned int level);
     // Returns: the number of the tuple's partition.
     std::size_t NumberOf(SegmentTuple const& tuple) const;
     // Returns: the first tuples, which are in one partition.
@@ -74,7 +76,7 @@ private:
     bool MergingFreesThird();
     void SpillSome();
     void Spill(std::vector<Partition*> const& partitions);
-    void Repartition(SpillFile::Chain const& spilled, Use const& use);
+    void Repartition(Partition const& partition, Use const& use);
 };
 
 } // namespace crrecord::tool

@@ -48,7 +48,11 @@ void Require(bool holds) {
 
 } // namespace
 
-void SpillFile::Writer::Append(TupleBlock const& block) {
+void SpillFile::Writer::Append(Chain& chain, TupleBlock const& block) {
+    if (chain_ != &chain) {
+        EndExtent();
+        chain_ = &chain;
+    }
     auto const tuples = block.tuples;
     for (std::size_t i = 0; i < tuples.size();) {
         auto const end = std::find_if(tuples.begin() + static_cast<std::ptrdiff_t>(i), tuples.end(),
@@ -63,10 +67,12 @@ void SpillFile::Writer::AppendRun(TupleBlock const& run) {
     TupleBase const& first = run.tuples.front();
     TupleLayout const layout(first.fptype, first.flags);
     for (std::size_t i = 0; i < run.tuples.size();) {
-        size_ = std::max(size_, sizeof(Head));
-        if (size_ + sizeof(RunHead) + layout.Size() > kMostBytes) {
+        if (size_ + sizeof(Link) + sizeof(RunHead) + layout.Size() > kMostBytes) {
             Finish();
-            continue;
+        }
+        if (tuples_ == 0) {
+            start_ = size_;
+            size_ += sizeof(Link);
         }
         std::size_t const fit = (kMostBytes - size_ - sizeof(RunHead)) / layout.Size();
         std::size_t const end = std::min(i + fit, run.tuples.size());
@@ -81,28 +87,21 @@ void SpillFile::Writer::AppendRun(TupleBlock const& run) {
     }
 }
 
-void SpillFile::Writer::Finish() {
+void SpillFile::Writer::EndExtent() {
     if (tuples_ == 0) {
         return;
     }
-    Head const head{chain_.last, tuples_, static_cast<std::uint32_t>(size_ - sizeof(Head))};
-    std::memcpy(bytes_.get(), &head, sizeof head);
-    std::uint64_t const start = file_.end_.fetch_add(size_);
-    file_.file_.Write({bytes_.get(), size_}, start);
-    chain_ = {start, chain_.tuples + tuples_};
-    size_ = 0;
+    std::memcpy(&bytes_[start_], &chain_->last, sizeof chain_->last);
+    chain_->last = {file_.end_ + start_, static_cast<std::uint32_t>(size_ - start_), tuples_};
+    chain_->tuples += tuples_;
     tuples_ = 0;
 }
 
-SpillFile::Head SpillFile::ReadHead(std::uint64_t extent) const {
-    std::uint64_t const end = end_;
-    Require(end >= sizeof(Head) && extent <= end - sizeof(Head));
-    Head head{};
-    file_.Read({reinterpret_cast<unsigned char*>(&head), sizeof head}, extent);
-    Require(head.bytes <= std::min(kMostBytes, end - sizeof head - extent));
-    // Extents are chained from the end to the start, so that the chain ends.
-    Require(head.previous == kNone || head.previous < extent);
-    return head;
+void SpillFile::Writer::Finish() {
+    EndExtent();
+    file_.file_.Write({bytes_.get(), size_}, file_.end_);
+    file_.end_ += size_;
+    size_ = 0;
 }
 
 void SpillFile::Decode(std::span<unsigned char const> extent, std::uint64_t tuples, SegmentTuple* some,
@@ -135,13 +134,19 @@ void SpillFile::Read(Chain const& chain, Use const& use) const {
     auto const bytes = std::make_unique_for_overwrite<unsigned char[]>(kMostBytes);
     auto const some = std::make_unique_for_overwrite<SegmentTuple[]>(kReadTuples);
     auto [extent, left] = chain;
-    while (extent != kNone) {
-        Head const head = ReadHead(extent);
-        Require(head.tuples != 0 && head.tuples <= left);
-        file_.Read({bytes.get(), head.bytes}, extent + sizeof head);
-        Decode({bytes.get(), head.bytes}, head.tuples, some.get(), use);
-        left -= head.tuples;
-        extent = head.previous;
+    while (extent.position != kNone) {
+        Require(sizeof(Link) <= extent.bytes && extent.bytes <= kMostBytes);
+        Require(extent.position <= end_ && extent.bytes <= end_ - extent.position);
+        Require(extent.tuples != 0 && extent.tuples <= left);
+        left -= extent.tuples;
+        std::span<unsigned char> const read{bytes.get(), extent.bytes};
+        file_.Read(read, extent.position);
+        Decode(read.subspan(sizeof(Link)), extent.tuples, some.get(), use);
+        Link previous;
+        std::memcpy(&previous, read.data(), sizeof previous);
+        // Extents are chained from the end to the start, so that the chain ends.
+        Require(previous.position == kNone || previous.position < extent.position);
+        extent = previous;
     }
     Require(left == 0);
 }

@@ -13,13 +13,20 @@ std::size_t StartOf(std::uint64_t hash, std::size_t slots) {
     return (hash >> 32) * slots >> 32;
 }
 
+// Without a key: crafted segments, all of them remembered or none, cost time and memory only.
+bool IsRemembered(SegmentTuple const& tuple) {
+    return tuple.fingerprint[9] % TupleSet::kRemembered == 0;
+}
+
 std::uint64_t PlaceHashOf(SegmentTuple const& tuple) {
     return MixOf(Load<std::uint64_t>(tuple.fingerprint) ^ kHashSeeds.first,
                  Load<std::uint64_t>(tuple.fingerprint + 8) ^ kHashSeeds.second);
 }
 
+// An index that fits the first caches has more free slots, so that fewer tuples collide.
 constexpr std::uint64_t SlotsFor(std::uint64_t tuples) {
-    return tuples + tuples / 2 + 1;
+    constexpr std::uint64_t kInCache = 16384;
+    return std::max(tuples + tuples / 2 + 1, std::min(4 * tuples, kInCache));
 }
 static_assert(SlotsFor(TupleSet::kMostTuples) <= std::numeric_limits<std::uint32_t>::max());
 
@@ -27,44 +34,71 @@ static_assert(SlotsFor(TupleSet::kMostTuples) <= std::numeric_limits<std::uint32
 
 TupleSet::Run TupleSet::RunOf(std::span<SegmentTuple const> tuples, std::span<TuplePlace> places) {
     Run run{tuples};
-    for (; run.first < tuples.size(); ++run.first) {
-        std::uint64_t const hash = PlaceHashOf(tuples[run.first]);
-        if (hash % kRemembered == 0) {
-            run.tag = static_cast<std::uint32_t>(hash);
-            run.place = &places[StartOf(hash, places.size())];
-            __builtin_prefetch(run.place);
-            break;
+    for (std::uint32_t i = 0; i < tuples.size(); ++i) {
+        if (IsRemembered(tuples[i])) {
+            std::uint64_t const hash = PlaceHashOf(tuples[i]);
+            TuplePlace* const place = &places[StartOf(hash, places.size())];
+            __builtin_prefetch(place);
+            if (!run.place) {
+                run.place = place;
+                run.tag = static_cast<std::uint32_t>(hash);
+                run.before = i;
+            }
         }
     }
     return run;
 }
 
+void TupleSet::Find(Run& run) const {
+    bool const isKnown = run.place->tag == run.tag && run.place->number - run.before < size_;
+    run.next = isKnown ? run.place->number - run.before : size_;
+    if (isKnown) {
+        Prefetch(&At(run.next), 0, run.tuples.size() * sizeof(TupleBase));
+    }
+}
+
 void TupleSet::Add(Run const& run) {
     if (run.place) {
-        bool const isKnown = run.place->tag == run.tag && run.place->number - run.first < size_;
-        next_ = isKnown ? run.place->number - run.first : size_;
-        if (isKnown) {
-            Prefetch(&At(next_), 0, run.tuples.size() * sizeof(TupleBase));
-        }
+        next_ = run.next;
     }
-    for (SegmentTuple const& tuple : run.tuples) {
-        if (IsAt(next_, tuple) || FindPlace(tuple)) {
-            MergeInto(At(next_++), tuple);
-        } else {
-            Append({&tuple, 1});
+    for (auto tuples = run.tuples; !tuples.empty();) {
+        tuples = tuples.subspan(MergeNext(tuples));
+        if (!tuples.empty() && !FindPlace(tuples.front())) {
+            auto const end = std::find_if(tuples.begin() + 1, tuples.end(), IsRemembered);
+            auto const fresh = tuples.first(static_cast<std::size_t>(end - tuples.begin()));
+            Append(fresh);
             next_ = size_;
+            tuples = tuples.subspan(fresh.size());
         }
     }
 }
 
+std::size_t TupleSet::MergeNext(std::span<SegmentTuple const> tuples) {
+    std::size_t merged = 0;
+    while (merged < tuples.size() && next_ < size_) {
+        TupleBase* const into = &At(next_);
+        std::size_t const most = std::min<std::size_t>({tuples.size() - merged, size_ - next_, LeftInBlock(next_)});
+        std::size_t same = 0;
+        for (; same < most && IsSameSegment(into[same], tuples[merged + same]); ++same) {
+            MergeInto(into[same], tuples[merged + same]);
+        }
+        next_ += static_cast<std::uint32_t>(same);
+        merged += same;
+        if (same < most) {
+            break;
+        }
+    }
+    return merged;
+}
+
 bool TupleSet::FindPlace(SegmentTuple const& tuple) {
-    std::uint64_t const hash = PlaceHashOf(tuple);
-    if (hash % kRemembered != 0) {
+    if (!IsRemembered(tuple)) {
         return false;
     }
+    std::uint64_t const hash = PlaceHashOf(tuple);
     auto const tag = static_cast<std::uint32_t>(hash);
     TuplePlace& place = places_[StartOf(hash, places_.size())];
-    if (place.tag == tag && IsAt(place.number, tuple)) {
+    if (place.tag == tag && place.number < size_ && IsSameSegment(At(place.number), tuple)) {
         next_ = place.number;
         return true;
     }
@@ -73,13 +107,17 @@ bool TupleSet::FindPlace(SegmentTuple const& tuple) {
 }
 
 void TupleSet::Append(std::span<SegmentTuple const> tuples) {
-    std::uint32_t const last = pool_->TuplesInBlock() - 1;
-    for (SegmentTuple const& tuple : tuples) {
-        if ((size_ & last) == 0) {
+    while (!tuples.empty()) {
+        if (LeftInBlock(size_) == pool_->TuplesInBlock()) {
             blocks_.push_back(pool_->Take());
         }
-        Store(blocks_.back()[size_ & last], tuple);
-        ++size_;
+        TupleBase* to = &At(size_);
+        auto const some = tuples.first(std::min<std::size_t>(tuples.size(), LeftInBlock(size_)));
+        for (SegmentTuple const& tuple : some) {
+            Store(*to++, tuple);
+        }
+        size_ += static_cast<std::uint32_t>(some.size());
+        tuples = tuples.subspan(some.size());
     }
 }
 

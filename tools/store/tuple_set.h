@@ -25,21 +25,26 @@ public:
     static constexpr std::uint64_t kMostTuples = std::uint64_t{1} << 31;
     // Blocks have a multiple of so many tuples.
     static constexpr std::uint32_t kAtOnce = 16;
-    // One of so many segments is remembered.
+    // One of so many segments is remembered, if fingerprints are random.
     static constexpr std::uint64_t kRemembered = 16;
 
     // `places` is memory for remembered places, zeros at first. Lifetime: it must outlive the set.
     TupleSet(BlockPool& pool, std::span<TuplePlace> places) : pool_(&pool), places_(places) {}
 
-    // Some tuples, and the place of the first of them that may be remembered.
+    // Some tuples, and the place of the first of them that is remembered.
     struct Run {
         std::span<SegmentTuple const> tuples;
-        std::uint32_t first = 0;
-        std::uint32_t tag = 0;
         TuplePlace* place = nullptr; // null if there is none
+        std::uint32_t tag = 0;
+        std::uint32_t before = 0; // tuples of the run before it
+        std::uint32_t next = 0;   // the number of the tuple that the first one is compared with
     };
-    // Returns: the run to Add to the set with these places, which are prefetched and not read.
+    // A run is added in three steps. Each of the first two prefetches what the following step needs, so they should be
+    // done some time before it.
+    // Returns: the run to add to the set with these places, which are not read.
     static Run RunOf(std::span<SegmentTuple const> tuples, std::span<TuplePlace> places);
+    // Only for a run that has a place.
+    void Find(Run& run) const;
     // Merges the tuples with others or appends them. Throws, here and below: std::bad_alloc if the pool has no block
     // left; some of the tuples are added.
     void Add(Run const& run);
@@ -75,9 +80,12 @@ private:
             pool_->SecondSizeOf(to) = tuple.secondSize;
         }
     }
-    bool IsAt(std::uint32_t number, SegmentTuple const& tuple) const {
-        return number < size_ && IsSameSegment(At(number), tuple);
+    // Returns: the number of tuples from this one on that its block has, or would have.
+    std::uint32_t LeftInBlock(std::uint32_t number) const {
+        return pool_->TuplesInBlock() - (number & (pool_->TuplesInBlock() - 1));
     }
+    // Merges the first tuples with the next ones of the set, as far as they are equal. Returns: how many.
+    std::size_t MergeNext(std::span<SegmentTuple const> tuples);
     // Returns: whether the segment's tuple is at its remembered place, which is then the next one. Otherwise the place
     // is the end, if the segment is one of those that are remembered.
     bool FindPlace(SegmentTuple const& tuple);
