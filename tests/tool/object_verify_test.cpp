@@ -174,15 +174,16 @@ TEST_F(Tool, VerifyStampsARecordThatMatches) {
 // Input of a pipe is hashed in several segments at once, but verified in one after the other.
 TEST_F(Tool, BuildsWhatVerifies) {
     ASSERT_EQ(Shell("seq 500000 >in"), 0);
-    for (char const* const options :
-         {"--segment-size 1000", "--segment-size 64K", "--segment-size 100000 --fptype 2", "--segment-size 128K",
-          "--segment-size 256K", "--cut content", "--cut content:64:1K:4K --dotype 2", "--cut content:1M:1M:4M"}) {
+    for (char const* const options : {"--segment-size 1000", "--segment-size 64K", "--segment-size 100000 --fptype 2",
+                                      "--segment-size 128K", "--segment-size 256K --cut fixed", "--cut content",
+                                      "--cut content:64:1K:4K --dotype 2", "--cut content:1M:1M:4M"}) {
         SCOPED_TRACE(options);
         ASSERT_EQ(Shell(std::string("cat in | \"$T\" build - -o out ") + options), 0) << err;
         EXPECT_EQ(Run("verify out in"), 0) << out;
     }
     EXPECT_EQ(Run("build in -o out --cut content --dotype 1"), 2);
     EXPECT_EQ(Run("build in -o out --cut content:4K:1K:64K"), 2);
+    EXPECT_EQ(Run("build in -o out --cut content --segment-size 64K"), 2);
 }
 
 // The bytes of a hole end a segment, and those after it are cut as if the file began there.

@@ -19,11 +19,11 @@ PartitionOptions StoreOptions::ForPartitions() const {
 void AddStoreOptions(CLI::App& verb, StoreOptions& options) {
     AddFiles(verb, options.files);
     constexpr std::uint64_t kMost = std::uint64_t{1} << 46; // of the addresses of a process
-    verb.add_option("--memory", options.memory, "Bytes of memory for segments, such as 1G; more go to a temporary file")
+    verb.add_option("--memory", options.memory, "Bytes of memory for segments, such as 1G; more go to temporary files")
         ->transform(NumberOfBytes(Partitions::kLeastMemory, kMost))
         ->type_name("BYTES")
         ->default_str("256M");
-    AddFile(verb, "--temp", options.temporaryFolder, "The folder for the temporary file [$TMPDIR or /tmp]")
+    AddFile(verb, "--temp", options.temporaryFolder, "The folder for temporary files [$TMPDIR or /tmp]")
         ->type_name("DIR");
     AddScan(verb, options.form);
     verb.add_flag("--json", options.json, "One JSON object on a line for each result, and one for the total");
