@@ -3,6 +3,7 @@
 #include "io/failure.h"
 #include "store/parallel.h"
 
+#include <atomic>
 #include <bit>
 
 namespace crrecord::tool {
@@ -22,9 +23,11 @@ constexpr std::uint64_t TuplesIn(std::uint64_t memory) {
 
 } // namespace
 
-Partitions::Partitions(PartitionOptions const& options) : Partitions(options, 0) {}
+Partitions::Partitions(PartitionOptions const& options) : Partitions(options, 0, {}) {}
 
-Partitions::Partitions(PartitionOptions const& options, unsigned int level) : options_(options), level_(level) {
+Partitions::Partitions(PartitionOptions const& options, unsigned int level,
+                       std::vector<std::shared_ptr<SpillFile>> files)
+    : options_(options), level_(level), files_(std::move(files)) {
     constexpr std::uint64_t kLeastBlock = TupleSet::kAtOnce;
     constexpr std::uint64_t kLargestBlock = 256;
     // At the end each thread has a partition, and at least this memory for it.
@@ -166,8 +169,9 @@ void Partitions::SpillSome() {
 }
 
 void Partitions::Spill(std::vector<Partition*> const& partitions) {
+    // Not in other threads: only the main one can delay a signal while a file has a name.
     while (!partitions.empty() && files_.size() < options_.threads) {
-        files_.push_back(std::make_unique<SpillFile>(options_.temporaryFolder));
+        files_.push_back(std::make_shared<SpillFile>(options_.temporaryFolder));
     }
     ForEachInParallel(options_.threads, static_cast<unsigned int>(files_.size()), [&](unsigned int file) {
         SpillFile::Writer writer(*files_[file]);
@@ -208,18 +212,22 @@ void Partitions::Total(Use const& use) {
         total(tuples);
     });
     pool_.reset(); // its memory is used to partition the others
-    ForEachInParallel(options_.threads, static_cast<unsigned int>(spilled.size()) - fit,
-                      [&](unsigned int i) { Repartition(*spilled[fit + i], use); });
+    std::atomic<std::size_t> next{fit};
+    ForEachInParallel(options_.threads, static_cast<unsigned int>(files_.size()), [&](unsigned int file) {
+        for (std::size_t i = next++; i < spilled.size(); i = next++) {
+            Repartition(*spilled[i], files_[file], use);
+        }
+    });
 }
 
-void Partitions::Repartition(Partition const& partition, Use const& use) {
+void Partitions::Repartition(Partition const& partition, std::shared_ptr<SpillFile> const& file, Use const& use) {
     // Each level of segments makes the parts 64 times smaller, so valid files do not reach this with any allowed
     // memory.
     if (kBits * (level_ + 1) > std::numeric_limits<std::uint64_t>::digits) {
         throw Failure("the temporary files do not get smaller");
     }
     PartitionOptions const options{options_.memory / options_.threads, 1, options_.temporaryFolder};
-    Partitions parts(options, level_ + 1);
+    Partitions parts(options, level_ + 1, {file});
     files_[partition.file]->Read(partition.spilled,
                                  [&parts](std::span<SegmentTuple const> tuples) { parts.AddAll(tuples); });
     parts.Total(use);

@@ -38,7 +38,7 @@ public:
     void Add(std::span<SegmentTuple const> tuples) override;
     std::uint64_t BatchTuples() const override;
     bool HasSpace(std::uint64_t tuples) override;
-    // Throws: Failure if the temporary file cannot be created or written.
+    // Throws: Failure if a temporary file cannot be created or written.
     void FreeMemory() override;
     // Adds any number of tuples, and frees memory for them. Thread safety: none. Throws: as FreeMemory.
     void AddAll(std::span<SegmentTuple const> tuples);
@@ -55,7 +55,7 @@ private:
 
         std::mutex mutex;
         TupleSet tuples;
-        unsigned int const file; // the number of the one that it may be written to
+        unsigned int const file; // the index in files_ of the only one that it is written to
         SpillFile::Chain spilled;
     };
 
@@ -65,9 +65,9 @@ private:
     std::deque<Partition> partitions_;              // a power of two
     std::uint64_t limit_ = 0;                       // blocks that may be used now
     std::size_t next_ = 0;                          // the partition that is merged next to learn how much merging frees
-    std::vector<std::unique_ptr<SpillFile>> files_; // one for each thread, if any is needed
+    std::vector<std::shared_ptr<SpillFile>> files_; // one for each thread, if any is needed
 
-    Partitions(PartitionOptions const& options, unsigned int level);
+    Partitions(PartitionOptions const& options, unsigned int level, std::vector<std::shared_ptr<SpillFile>> files);
     // Returns: the number of the tuple's partition.
     std::size_t NumberOf(SegmentTuple const& tuple) const;
     // Returns: the first tuples, which are in one partition.
@@ -76,7 +76,8 @@ private:
     bool MergingFreesThird();
     void SpillSome();
     void Spill(std::vector<Partition*> const& partitions);
-    void Repartition(Partition const& partition, Use const& use);
+    // What does not fit is written to `file`, which no other thread writes to meanwhile.
+    void Repartition(Partition const& partition, std::shared_ptr<SpillFile> const& file, Use const& use);
 };
 
 } // namespace crrecord::tool

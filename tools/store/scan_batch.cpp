@@ -47,7 +47,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t kMost = 512; // so that they stay in the first cache
+    static constexpr std::size_t kMost = 512; // with fewer, less memory is prefetched in time
 
     TupleSink& sink_;
     std::array<SegmentTuple, kMost> some_;

@@ -136,7 +136,8 @@ void SpillFile::Read(Chain const& chain, Use const& use) const {
     auto [extent, left] = chain;
     while (extent.position != kNone) {
         Require(sizeof(Link) <= extent.bytes && extent.bytes <= kMostBytes);
-        Require(extent.position <= end_ && extent.bytes <= end_ - extent.position);
+        std::uint64_t const end = end_;
+        Require(extent.position <= end && extent.bytes <= end - extent.position);
         Require(extent.tuples != 0 && extent.tuples <= left);
         left -= extent.tuples;
         std::span<unsigned char> const read{bytes.get(), extent.bytes};

@@ -5,6 +5,7 @@
 #include "store/segment_tuple.h"
 #include "store/temporary_file.h"
 
+#include <atomic>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -13,9 +14,9 @@ namespace crrecord::tool {
 
 // A partition's tuples are in extents, each of which starts with a link to the one before, so that the file needs no
 // memory for each extent. The tuples of an extent are in runs, whose heads have what neighbours have in common. A tuple
-// has a size for each set that it is in. The file's space is free when the object is destroyed or the process ends.
+// has a size for each set that it is in. The file's space is freed when the object is destroyed or the process ends.
 //
-// Thread safety: one thread may write, or any number of threads may read.
+// Thread safety: one thread may write while any number of threads read what was written before.
 class SpillFile {
 public:
     static constexpr std::uint64_t kNone = std::numeric_limits<std::uint64_t>::max();
@@ -24,7 +25,7 @@ public:
 
     explicit SpillFile(std::string folder) : file_(std::move(folder)) {}
 
-    // Gives an extent.
+    // The place of an extent.
     struct Link {
         std::uint64_t position = kNone;
         std::uint32_t bytes = 0; // with the link at its start
@@ -78,7 +79,7 @@ private:
     static_assert(sizeof(Link) == 16 && sizeof(RunHead) == 16);
 
     TemporaryFile file_;
-    std::uint64_t end_ = 0;
+    std::atomic<std::uint64_t> end_{0};
 
     // Calls use(tuples) for an extent of this number of tuples. `some` has space for kReadTuples of them.
     static void Decode(std::span<unsigned char const> extent, std::uint64_t tuples, SegmentTuple* some, Use const& use);

@@ -13,14 +13,13 @@ std::size_t StartOf(std::uint64_t hash, std::size_t slots) {
     return (hash >> 32) * slots >> 32;
 }
 
-// Without a key: crafted segments, all of them remembered or none, cost time and memory only.
-bool IsRemembered(SegmentTuple const& tuple) {
-    return tuple.fingerprint[9] % TupleSet::kRemembered == 0;
-}
-
 std::uint64_t PlaceHashOf(SegmentTuple const& tuple) {
     return MixOf(Load<std::uint64_t>(tuple.fingerprint) ^ kHashSeeds.first,
                  Load<std::uint64_t>(tuple.fingerprint + 8) ^ kHashSeeds.second);
+}
+
+bool IsRemembered(std::uint64_t hash) {
+    return hash % TupleSet::kRemembered == 0;
 }
 
 // An index that fits the first caches has more free slots, so that fewer tuples collide.
@@ -35,8 +34,8 @@ static_assert(SlotsFor(TupleSet::kMostTuples) <= std::numeric_limits<std::uint32
 TupleSet::Run TupleSet::RunOf(std::span<SegmentTuple const> tuples, std::span<TuplePlace> places) {
     Run run{tuples};
     for (std::uint32_t i = 0; i < tuples.size(); ++i) {
-        if (IsRemembered(tuples[i])) {
-            std::uint64_t const hash = PlaceHashOf(tuples[i]);
+        std::uint64_t const hash = PlaceHashOf(tuples[i]);
+        if (IsRemembered(hash)) {
             TuplePlace* const place = &places[StartOf(hash, places.size())];
             __builtin_prefetch(place);
             if (!run.place) {
@@ -64,7 +63,8 @@ void TupleSet::Add(Run const& run) {
     for (auto tuples = run.tuples; !tuples.empty();) {
         tuples = tuples.subspan(MergeNext(tuples));
         if (!tuples.empty() && !FindPlace(tuples.front())) {
-            auto const end = std::find_if(tuples.begin() + 1, tuples.end(), IsRemembered);
+            auto const end = std::find_if(tuples.begin() + 1, tuples.end(),
+                                          [](SegmentTuple const& tuple) { return IsRemembered(PlaceHashOf(tuple)); });
             auto const fresh = tuples.first(static_cast<std::size_t>(end - tuples.begin()));
             Append(fresh);
             next_ = size_;
@@ -92,10 +92,10 @@ std::size_t TupleSet::MergeNext(std::span<SegmentTuple const> tuples) {
 }
 
 bool TupleSet::FindPlace(SegmentTuple const& tuple) {
-    if (!IsRemembered(tuple)) {
+    std::uint64_t const hash = PlaceHashOf(tuple);
+    if (!IsRemembered(hash)) {
         return false;
     }
-    std::uint64_t const hash = PlaceHashOf(tuple);
     auto const tag = static_cast<std::uint32_t>(hash);
     TuplePlace& place = places_[StartOf(hash, places_.size())];
     if (place.tag == tag && place.number < size_ && IsSameSegment(At(place.number), tuple)) {

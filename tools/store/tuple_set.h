@@ -19,13 +19,13 @@ public:
     // A hash table over tuples. The low bits of a slot are a tuple's number, the others, the tag, are from its hash.
     // One can be used for many sets, one after the other.
     using Index = std::vector<std::uint32_t>;
-    // Bytes of the index that Merge needs for each tuple.
+    // Bytes of the index that Merge needs for each tuple; a small set needs more, up to 64 KiB in all.
     static constexpr std::uint64_t kIndexBytes = 6;
     // More tuples need more slots than 32 bits number.
     static constexpr std::uint64_t kMostTuples = std::uint64_t{1} << 31;
     // Blocks have a multiple of so many tuples.
     static constexpr std::uint32_t kAtOnce = 16;
-    // One of so many segments is remembered, if fingerprints are random.
+    // One of so many segments is remembered.
     static constexpr std::uint64_t kRemembered = 16;
 
     // `places` is memory for remembered places, zeros at first. Lifetime: it must outlive the set.
@@ -39,11 +39,12 @@ public:
         std::uint32_t before = 0; // tuples of the run before it
         std::uint32_t next = 0;   // the number of the tuple that the first one is compared with
     };
-    // A run is added in three steps. Each of the first two prefetches what the following step needs, so they should be
-    // done some time before it.
+    // A run is added in three steps: RunOf, Find and Add. Each of the first two prefetches what the next one reads, so
+    // other work between them hides the time that memory takes.
     // Returns: the run to add to the set with these places, which are not read.
     static Run RunOf(std::span<SegmentTuple const> tuples, std::span<TuplePlace> places);
-    // Only for a run that has a place.
+    // Reads the run's place, which is not null, and prefetches the tuples that Add compares with the run's. If others
+    // are added before Add, it may miss that tuples are equal, and leaves them to Merge.
     void Find(Run& run) const;
     // Merges the tuples with others or appends them. Throws, here and below: std::bad_alloc if the pool has no block
     // left; some of the tuples are added.
@@ -84,7 +85,7 @@ private:
     std::uint32_t LeftInBlock(std::uint32_t number) const {
         return pool_->TuplesInBlock() - (number & (pool_->TuplesInBlock() - 1));
     }
-    // Merges the first tuples with the next ones of the set, as far as they are equal. Returns: how many.
+    // Merges the first tuples that equal the next ones of the set. Returns: their number.
     std::size_t MergeNext(std::span<SegmentTuple const> tuples);
     // Returns: whether the segment's tuple is at its remembered place, which is then the next one. Otherwise the place
     // is the end, if the segment is one of those that are remembered.
