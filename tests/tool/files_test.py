@@ -228,7 +228,7 @@ def outputs():
     check(json.loads(done.stdout)["new_segments"] == "2" and done.stderr.count(b"\n") == 1, done.stdout, done.stderr)
     # One file changes while it is read: it has no record, none of its segments is stored, and the others go on.
     with open("grow", "wb") as grow:
-        grow.truncate(1 << 30)
+        grow.truncate(1 << 28)
     process = subprocess.Popen([COMMAND, "build", "one", "grow", "two", "-o", "x", "--names", "y", "--segments-out", "z",
                                 "--dotype", "2"], stderr=subprocess.PIPE, stdout=subprocess.PIPE)
     while process.poll() is None:

@@ -7,6 +7,7 @@ import json
 import pathlib
 import subprocess
 import sys
+import tempfile
 
 COMMAND, GOLDEN = sys.argv[2], pathlib.Path(sys.argv[3])
 failures = []
@@ -43,7 +44,21 @@ def spoiled(line):
             yield f"with a segment of {element}", worse
 
 
+def streams(folder):
+    """The golden records in both orders: a file of all DO records and one of all segment records."""
+    for kind in ("do", "so"):
+        records = [path for order in ("host", "network") for path in sorted(GOLDEN.glob(f"*.{order}"))
+                   if path.name.removeprefix("noted-").startswith(kind)]
+        pathlib.Path(folder, kind).write_bytes(b"".join(path.read_bytes() for path in records))
+        yield pathlib.Path(folder, kind), records
+
+
 def schema():
+    with tempfile.TemporaryDirectory() as folder:
+        every_verb(folder)
+
+
+def every_verb(folder):
     import jsonschema
 
     whole = json.loads(run("schema").stdout)
@@ -53,35 +68,38 @@ def schema():
         rest = {"$ref": f"#/$defs/{definition}", "$defs": whole["$defs"]} if definition else whole
         return jsonschema.Draft202012Validator(rest)
 
-    record, findings = of(None), of("findingsLine")
+    record_line, findings = of(None), of("findingsLine")
     forms = [("--serialized", "--dotype", 3, "--fptype", 3, GOLDEN / "do3-sha256.form"),
              ("--serialized", "--dotype", 4, "--fptype", 0, GOLDEN / "do4-md5.form")]
     seen = set()
-    for arguments in [(path,) for path in sorted(GOLDEN.glob("*.host")) + sorted(GOLDEN.glob("*.network"))] + forms:
+    for *arguments, records in [*streams(folder), *((*form, ()) for form in forms)]:
         shown = lines_of("show", "--json", "--show-keys", *arguments)
         printed = lines_of("validate", "--json", *arguments)
         converted = run("convert", *arguments, "--to", "json", "-o", "-").stdout
         if run("convert", "-", "--to", "json", "-o", "-", given=converted).stdout != converted:
             failures.append(f"{arguments}: JSON of JSON is different")
-        pairs = [(record, shown + lines_of("show", "--json", *arguments)),
-                 (record, [json.loads(line) for line in converted.splitlines()]),
+        pairs = [(record_line, shown + lines_of("show", "--json", *arguments)),
+                 (record_line, [json.loads(line) for line in converted.splitlines()]),
                  (findings, printed[:-1] + lines_of("validate", "--json", *arguments[:-1], __file__)[:-1]),
                  (of("validateLine"), printed[-1:]),
                  (of("digestLine"), lines_of("digest", "--json", *arguments)),
                  (of("annotateLine"), lines_of("annotate", "--json", *arguments[:-1], __file__, arguments[-1]))]
         if shown[0]["kind"] == "do":
             pairs += [(of("refsLine"), lines_of("refs", "--json", *arguments)),
-                      (of("statsLine"), lines_of("stats", "--json", *arguments)),
-                      (of("diffLine"), lines_of("diff", "--json", *arguments, *arguments))]
+                      (of("statsLine"), lines_of("stats", "--json", *arguments))]
+            pairs += [(of("diffLine"), lines_of("diff", "--json", path, path)) for path in records]
         for validator, lines in pairs:
             errors = (error for line in lines or ["no line"]
                       for error in (of("gapLine") if is_gap(line) else validator).iter_errors(line))
             failures.extend(f"{arguments}: {error.message}" for error in errors)
-        kind = (shown[0]["kind"], shown[0].get("dotype"))
-        for validator, line in ((record, shown[0]), (findings, printed[0])) if kind not in seen else ():
-            failures.extend(f"{arguments}: valid {fault}" for fault, worse in spoiled(line)
-                            if validator.is_valid(worse))
-        seen.add(kind)
+        if len(shown) != max(len(records), 1):
+            failures.append(f"{arguments}: {len(shown)} records")
+        for line, found in zip(shown, printed):
+            kind = (line["kind"], line.get("dotype"))
+            for validator, good in ((record_line, line), (findings, found)) if kind not in seen else ():
+                failures.extend(f"{arguments}: valid {fault}" for fault, worse in spoiled(good)
+                                if validator.is_valid(worse))
+            seen.add(kind)
     other_verbs(of)
     if len(seen) != 9:
         failures.append(f"not every kind and DO type was seen: {seen}")

@@ -54,8 +54,9 @@ protected:
     }
     std::string PathOf(std::string const& name) { return folder_ / name; }
     std::string String(std::string const& name) {
-        std::ifstream file(folder_ / name, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
+        std::ostringstream content;
+        content << std::ifstream(folder_ / name, std::ios::binary).rdbuf();
+        return std::move(content).str();
     }
     Bytes Read(std::string const& name) { return Text(String(name)); }
 
