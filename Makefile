@@ -10,8 +10,8 @@ export CRRECORD_WALK_FILE := $(value FILE)
 
 help:
 	@echo 'make run [FILE=path]       write records of a file, read and check them, print the results'
-	@echo 'make test                  run the tests'
-	@echo 'make test-slow             run the tests that compile the library again, and each small change of each golden record'
+	@echo 'make test                  run all tests but the slow ones'
+	@echo 'make test-slow             build all targets, and run the slow tests'
 	@echo 'make coverage              check that the tests take each branch of the library code that reads hostile bytes'
 	@echo 'make fuzz [SECONDS=60]     run each fuzz target for so long, and print the results'
 	@echo 'make proof                 prove that the reader in one header stays inside of its input, with Frama-C'
@@ -43,7 +43,8 @@ run: configure
 	@cmake --build --preset release --target crrecord_tool
 	@scripts/walk build/release/tools/crrecord $${CRRECORD_WALK_FILE:+"$$CRRECORD_WALK_FILE"}
 
-test: build
+test: configure
+	@cmake --build --preset release --target quick_tests
 	@ctest --preset release
 
 test-slow: build
