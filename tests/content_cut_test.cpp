@@ -1,6 +1,7 @@
 // Content-defined cutting. The sizes come from a program that hashes one byte a step.
 
 #include "record/content_cut.h"
+#include "support/segment_bytes.h"
 
 #include <crrecord/fingerprint.h>
 
@@ -13,7 +14,6 @@
 namespace {
 
 using crrecord::tool::ContentCut;
-using Bytes = std::vector<unsigned char>;
 
 // The SHA-256 of 0, 1, 2 and so on, as 32-bit little-endian numbers.
 Bytes RandomBytes(std::uint32_t digests) {
