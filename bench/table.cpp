@@ -48,7 +48,7 @@ constexpr Operation kOperations[] = {
     {"crrecord live, in memory", "strided read pass, one core", LiveInMemory, kNone, 10, kMainShape, kEntries},
     {"crrecord live, 64 MiB", "strided read pass, one core", LiveSpilled, kNone, 25, kMainShape, kEntries},
     {"crrecord live, in memory", "DuckDB, entries in a table", LiveDuckDB, kNone, 1, kMainShape, kEntries},
-    {"crrecord recall", "crrecord validate", RecallInMemory, kNone, 3.5, kMainShape, kEntries},
+    {"crrecord recall", "crrecord validate", RecallInMemory, kNone, 3, kMainShape, kEntries},
     {"crrecord lost", "crrecord validate", LostContainer, kNone, 2, kMainShape, kEntries},
 };
 
