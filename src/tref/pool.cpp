@@ -29,7 +29,8 @@ using Lock = std::lock_guard<PoolMutex>;
 
 // Takes the chunks of a handle and its value one after the other, so that they are neighbours: callers who read a
 // reference read both. Precondition: the caller has locked the mutex.
-// On failure: no chunk is taken. `handle` is null, and `value` is null only if memory for the value is lacking.
+// On failure: no chunk is taken. `handle` is null. `value` is null if memory for the value is lacking, and otherwise a
+// sign, which must not be used.
 Chunks TakeChunks() {
     void* const value = Pool::malloc();
     void* const handle = value ? Pool::malloc() : nullptr;

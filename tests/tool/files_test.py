@@ -233,7 +233,7 @@ def outputs():
                                 "--dotype", "2"], stderr=subprocess.PIPE, stdout=subprocess.PIPE)
     while process.poll() is None:
         os.utime("grow")
-        time.sleep(0.02)
+        time.sleep(0.005)
     check(process.returncode == 1 and process.stderr.read() == b"crrecord: grow: file changed while it was read\n"
           and [line["name"] for line in lines_of(pathlib.Path("y").read_bytes())] == ["one", "two"]
           and pathlib.Path("z").read_bytes() == segments, "a file that changes", process.stdout.read())

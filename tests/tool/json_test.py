@@ -46,9 +46,11 @@ def spoiled(line):
 
 def streams(folder):
     """The golden records in both orders: a file of all DO records and one of all segment records."""
-    for kind in ("do", "so"):
-        records = [path for order in ("host", "network") for path in sorted(GOLDEN.glob(f"*.{order}"))
-                   if path.name.removeprefix("noted-").startswith(kind)]
+    golden = {"do": [], "so": []}
+    for order in ("host", "network"):
+        for path in sorted(GOLDEN.glob(f"*.{order}")):
+            golden[path.name.removeprefix("noted-")[:2]].append(path)
+    for kind, records in golden.items():
         pathlib.Path(folder, kind).write_bytes(b"".join(path.read_bytes() for path in records))
         yield pathlib.Path(folder, kind), records
 

@@ -69,11 +69,19 @@ void AddCutOptions(CLI::App& verb, CutOptions& options, unsigned int mostBytes) 
         ->transform(NumberOfBytes(1, mostBytes))
         ->type_name("BYTES")
         ->capture_default_str();
-    verb.add_option_function<std::string>(
-            "--cut", [](std::string const&) {},
-            "Where segments end: fixed, by their content (content), or by their content with sizes "
-            "(content:MIN:AVG:MAX, such as content:16K:64K:256K)")
-        ->check(CLI::Validator([&options](std::string& text) { return ReadCut(text, options.content); }, ""))
+    auto* const cut = verb.add_option_function<std::string>(
+        "--cut", [](std::string const&) {},
+        "Where segments end: fixed, by their content (content), or by their content with sizes "
+        "(content:MIN:AVG:MAX, such as content:16K:64K:256K), both without --segment-size");
+    cut->check(CLI::Validator(
+                   [&options, cut](std::string& text) {
+                       std::string error = ReadCut(text, options.content);
+                       if (options.content) {
+                           cut->excludes("--segment-size");
+                       }
+                       return error;
+                   },
+                   ""))
         ->type_name("RULE")
         ->default_str("fixed");
     verb.add_option("--container-size", options.containerSize, "Bytes that a container holds, such as 64M")
@@ -88,11 +96,6 @@ void AddCutOptions(CLI::App& verb, CutOptions& options, unsigned int mostBytes) 
         ->check(range(CutOptions::kLeastContainer, CutOptions::kMost32))
         ->type_name("ID")
         ->capture_default_str();
-    verb.parse_complete_callback([&verb, &options] {
-        if (options.content && verb.count("--segment-size") != 0) {
-            throw CLI::ExcludesError("--segment-size", "--cut content");
-        }
-    });
 }
 
 } // namespace crrecord::tool

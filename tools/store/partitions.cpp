@@ -213,9 +213,15 @@ void Partitions::Total(Use const& use) {
     });
     pool_.reset(); // its memory is used to partition the others
     std::atomic<std::size_t> next{fit};
+    // Each thread writes to a different file.
     ForEachInParallel(options_.threads, static_cast<unsigned int>(files_.size()), [&](unsigned int file) {
-        for (std::size_t i = next++; i < spilled.size(); i = next++) {
-            Repartition(*spilled[i], files_[file], use);
+        try {
+            for (std::size_t i = next++; i < spilled.size(); i = next++) {
+                Repartition(*spilled[i], files_[file], use);
+            }
+        } catch (...) {
+            next = spilled.size(); // the other threads end
+            throw;
         }
     });
 }

@@ -55,7 +55,7 @@ private:
 
         std::mutex mutex;
         TupleSet tuples;
-        unsigned int const file; // the index in files_ of the only one that it is written to
+        unsigned int const file; // the index in files_ of its file
         SpillFile::Chain spilled;
     };
 
