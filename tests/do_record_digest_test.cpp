@@ -163,7 +163,7 @@ TEST(DORecordOutput, RejectsSectionsOutsideTheBuffer) {
     Use const digest = [](OpenRecord&r) { r.GetDigest(); }, compare = [](OpenRecord&r) { (void)(r == r); },
               text = [&](OpenRecord&r) { r.ToStream(stream, false); },
               dump = [&](OpenRecord&r) { r.ToStream(stream, true); }, swap = [](OpenRecord&r) { r.HostToNetwork(0); };
-    // For a type without a layout of its own, the offset that is read must also be in the buffer.
+    // For an unknown type, the offset that is read must also be in the buffer.
     Use const unknown = [](OpenRecord& r) { Hold(r, Bytes(104)), r.header->nfp = 1, r.header->dotype = 200; };
     // The list's count, which would be swapped, is after the buffer's end.
     Use const listed = [](OpenRecord& r) { r.HostToNetwork(0), r.header->nudcid = 1u << 24; };
